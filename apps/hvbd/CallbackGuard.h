@@ -1,0 +1,71 @@
+// The wall between C++ and the C callbacks of sd-bus and sd-event: no exception gets through.
+#pragma once
+
+#include "apps/hvbd/LogStore.h"
+#include "apps/hvbd/SystemLog.h"
+#include "hub/Exceptions.h"
+#include "platform/hvbhelpers/HubProtocol.h"
+
+#include <systemd/sd-bus.h>
+
+#include <cerrno>
+#include <exception>
+#include <string>
+
+namespace HVB::hub {
+
+/// What a sender did wrong. Answered with HVB::bus::kErrorBadMessage.
+/// Threads: a plain value. Owner: whoever catches it.
+class BadMessage {
+public:
+    explicit BadMessage(std::string message) : m_message(std::move(message)) {}
+
+    const std::string& message() const { return m_message; }
+
+private:
+    std::string m_message;
+};
+
+/// Runs the body of a method call's handler. What it throws becomes the error reply.
+/// @return what a handler returns to sd-bus.
+template <class Body>
+int answering(sd_bus_error* error, Body&& body) noexcept {
+    try {
+        body();
+        return 1;
+    } catch (const BadMessage& bad) {
+        return sd_bus_error_set(error, bus::kErrorBadMessage, bad.message().c_str());
+    } catch (const LogStoreError& failed) {
+        return sd_bus_error_set(error, bus::kErrorLogStore, failed.message().c_str());
+    } catch (const HVBException& failed) {
+        const char* name = failed.code() == -EBADMSG ? bus::kErrorBadMessage : bus::kErrorFailed;
+        return sd_bus_error_set(error, name, failed.message().c_str());
+    } catch (const std::exception& failed) {
+        return sd_bus_error_set(error, bus::kErrorFailed, failed.what());
+    } catch (...) {
+        return sd_bus_error_set(error, bus::kErrorFailed, "hvbd failed for an unknown reason");
+    }
+}
+
+/// Runs the body of any other callback. What it throws is a line in the system log, and the source stays alive.
+template <class Body>
+int surviving(const SystemLog& log, const char* doing, Body&& body) noexcept {
+    const auto tell = [&](const std::string& why) { log.write(LOG_ERR, std::string(doing) + " failed: " + why); };
+    try {
+        try {
+            body();
+        } catch (const HVBException& failed) {
+            tell(failed.message());
+        } catch (const LogStoreError& failed) {
+            tell(failed.message());
+        } catch (const std::exception& failed) {
+            tell(failed.what());
+        }
+    } catch (...) {
+        // Not even the line could be made. Going on is all that is left.
+        syslog(LOG_ERR, "%s failed", doing);
+    }
+    return 0;
+}
+
+} // namespace HVB::hub

@@ -1,0 +1,39 @@
+// What hvbd can be told when it is started.
+#pragma once
+
+#include "platform/hvbhelpers/BusConfiguration.h"
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+
+namespace HVB::hub {
+
+/// Exit codes, the same as the command line client's.
+enum ExitCode : int {
+    EXIT_DONE = 0,
+    EXIT_FAILED = 1,
+    EXIT_USAGE = 2,
+    EXIT_NO_ACCESS = 4,
+    EXIT_NOT_RUNNING = 8, ///< there is no bus
+};
+
+/// Threads: a plain value. Owner: main.
+struct CommandLine {
+    std::chrono::seconds healthInterval{60};
+    std::uint64_t logLimitBytes = 0;
+    bool logToStderr = false;
+    /// Set: print the bus's configuration and do nothing else.
+    std::optional<bus::BusConfigurationOptions> printBusConfiguration;
+    /// Set: exit with this code; what there was to say has been said.
+    std::optional<int> exitCode;
+};
+
+/// Never throws for bad usage: that is an exit code.
+CommandLine parseCommandLine(int argc, const char* const* argv);
+
+/// Prints the bus's configuration to standard output, after making sure that every user and group in it exists: the
+/// bus would pass over a rule for one that does not. @return the exit code.
+int printBusConfiguration(const bus::BusConfigurationOptions& options);
+
+} // namespace HVB::hub

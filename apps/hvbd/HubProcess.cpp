@@ -1,0 +1,151 @@
+#include "apps/hvbd/HubProcess.h"
+
+#include "apps/hvbd/CallbackGuard.h"
+#include "apps/hvbd/HealthMonitor.h"
+#include "apps/hvbd/HubLink.h"
+#include "apps/hvbd/HubService.h"
+#include "apps/hvbd/LogStore.h"
+#include "apps/hvbd/ModuleConfiguration.h"
+#include "apps/hvbd/ReloadCommand.h"
+#include "apps/hvbd/SystemLog.h"
+#include "daemon/Paths.h"
+#include "hub/HVBCommBroker.h"
+
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <systemd/sd-daemon.h>
+
+#include <cerrno>
+
+namespace HVB::hub {
+namespace {
+
+EventPtr newLoop() {
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGTERM);
+    sigaddset(&ends, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    // A peer that hangs up is an error code and no end.
+    signal(SIGPIPE, SIG_IGN);
+    sd_event* event = nullptr;
+    bus::check(sd_event_new(&event), "cannot make the event loop");
+    EventPtr loop(event);
+    // Without a handler these leave the loop with code 0.
+    bus::check(sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr), "cannot receive SIGTERM");
+    bus::check(sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr), "cannot receive SIGINT");
+    bus::check(sd_event_set_watchdog(event, 1), "cannot serve the service manager's watchdog");
+    return loop;
+}
+
+/// Everything that lives as long as the process, in the order in which it may be destroyed.
+/// Threads: the loop's; what the broker's threads use says so itself. Owner: runHub.
+class Hub {
+public:
+    explicit Hub(const CommandLine& line)
+        : m_log(line.logToStderr ? SystemLog::Echo::StandardError : SystemLog::Echo::None), m_loop(newLoop()),
+          m_configurations({{MODULE_SENTREL, Sentrel::paths::moduleConfiguration()}}),
+          m_store(Sentrel::paths::hubLogStore(), line.logLimitBytes), m_monitor(*m_loop, line.healthInterval, m_log),
+          m_service(*m_loop, m_store, m_configurations, m_monitor, m_log), m_link(*m_loop, Sentrel::paths::hubSocket(),
+                                                                                  {[this](sd_bus& bus) {
+                                                                                       m_service.connected(bus);
+                                                                                       m_monitor.connected(bus);
+                                                                                   },
+                                                                                   [this] {
+                                                                                       m_monitor.lost();
+                                                                                       m_service.lost();
+                                                                                   }},
+                                                                                  m_log),
+          m_broker(*HVBCommBroker::getInstance(Sentrel::paths::hubSocket())),
+          m_reload(m_broker, m_configurations, m_log) {}
+
+    ~Hub() { HVBCommBroker::releaseInstance(); }
+    Hub(const Hub&) = delete;
+    Hub& operator=(const Hub&) = delete;
+
+    void start() {
+        m_service.openStore();
+        readConfigurations();
+        m_link.connect();
+        m_broker.setHVId(MODULE_HUB);
+        m_broker.setCommandInterface(&m_reload);
+        m_broker.start(true);
+    }
+
+    int serve() {
+        m_log.write(LOG_NOTICE, "started");
+        sd_notify(0, "READY=1");
+        const int result = sd_event_loop(m_loop.get());
+        bus::check(result, "the event loop failed");
+        sd_notify(0, "STOPPING=1");
+        m_link.end();
+        m_log.write(LOG_NOTICE, "ended");
+        return EXIT_DONE;
+    }
+
+private:
+    void readConfigurations() {
+        try {
+            m_configurations.reload(MODULE_SENTREL);
+        } catch (const ConfigurationError& error) {
+            m_log.write(LOG_WARNING, fmt::format("the default log level holds for module {}: {}",
+                                                 static_cast<int>(MODULE_SENTREL), error.what()));
+        }
+    }
+
+    SystemLog m_log;
+    EventPtr m_loop;
+    ModuleConfigurations m_configurations;
+    LogStore m_store;
+    HealthMonitor m_monitor;
+    HubService m_service;
+    HubLink m_link;
+    HVBCommBroker& m_broker;
+    ReloadCommand m_reload;
+};
+
+struct Advice {
+    ExitCode exitCode;
+    const char* nextStep;
+};
+
+Advice adviceFor(int error) {
+    switch (error) {
+    case EACCES:
+    case EPERM:
+        return {EXIT_NO_ACCESS,
+                "Run it as the user that the bus's configuration names (hvbd --print-bus-config makes one)."};
+    case EEXIST:
+        return {EXIT_FAILED, "End that one first."};
+    case ENOENT:
+    case ECONNREFUSED:
+    case ECONNRESET:
+    case ETIMEDOUT:
+        return {EXIT_NOT_RUNNING, "Start the hub's bus first."};
+    default:
+        return {EXIT_FAILED, "The system log may tell more."};
+    }
+}
+
+int tell(const HVBException& error) {
+    const Advice advice = adviceFor(-error.code());
+    fmt::print(stderr, "hvbd: {}. {}\n", error.message(), advice.nextStep);
+    return advice.exitCode;
+}
+
+} // namespace
+
+int runHub(const CommandLine& line) {
+    constexpr mode_t nothingForOthers = 0027;
+    umask(nothingForOthers);
+    Hub hub(line);
+    try {
+        hub.start();
+    } catch (const HVBException& error) {
+        return tell(error);
+    }
+    return hub.serve();
+}
+
+} // namespace HVB::hub

@@ -1,0 +1,48 @@
+// The limits of hvbd, each with its unit and its reason. What both sides of the bus share stands in HubProtocol.h.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace HVB::hub {
+
+// A batch of records shares one synced commit. Its bounds keep the senders in front from waiting for those behind.
+inline constexpr std::size_t kMaxBatchRecords = 256;
+inline constexpr std::size_t kMaxBatchBytes = std::size_t{8} << 20;
+/// A batch is written after this long even when the bus never falls silent.
+inline constexpr std::chrono::microseconds kMaxBatchAge{20'000};
+
+/// What a stored record costs beside its two texts, in bytes: its row and its share of the pages.
+inline constexpr std::uint64_t kRecordOverheadBytes = 64;
+/// How long a write waits for another program's lock. Two such waits still fit into the sender's 1.5 s.
+inline constexpr std::chrono::milliseconds kStoreLockWait{300};
+/// The write-ahead log is given back to the file system down to this size whenever it starts anew, in bytes.
+inline constexpr std::int64_t kKeptWalBytes = std::int64_t{4} << 20;
+/// A program that reads without end keeps the write-ahead log from starting anew. Beyond this size records are refused.
+inline constexpr std::int64_t kMaxWalBytes = std::int64_t{32} << 20;
+
+/// One ReadLog reply: so many records, and so many bytes of text (but always one record, however long).
+inline constexpr std::uint32_t kMaxReadRecords = 1000;
+inline constexpr std::size_t kMaxReadBytes = std::size_t{4} << 20;
+
+/// One line to the system log, in bytes of UTF-8 without the head that names the module. What is longer is cut.
+inline constexpr std::size_t kMaxLogLineBytes = 2048;
+/// A module's name in the head of a line, in bytes of UTF-8.
+inline constexpr std::size_t kMaxModuleNameBytes = 64;
+
+/// A module's configuration file, in bytes; the real one has a few hundred.
+inline constexpr std::size_t kMaxConfigurationBytes = std::size_t{1} << 20;
+
+/// A module that has not answered its health check by then, or by the next check, counts as silent.
+inline constexpr std::chrono::seconds kHealthCheckDeadline{5};
+/// After hvbd came to the bus the modules get this long to come as well.
+inline constexpr std::chrono::seconds kFirstHealthCheck{5};
+
+/// How long one try to reach the bus may hold up the loop.
+inline constexpr std::chrono::milliseconds kConnectTimeout{1000};
+// The pause between two tries doubles from the first to the second of these.
+inline constexpr std::chrono::milliseconds kFirstReconnectPause{50};
+inline constexpr std::chrono::milliseconds kLastReconnectPause{2000};
+
+} // namespace HVB::hub

@@ -1,0 +1,112 @@
+// The hub's store of log records: what was answered is on the disk, and what is on the disk is bounded.
+#pragma once
+
+#include "apps/hvbd/Database.h"
+#include "apps/hvbd/StoreFile.h"
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace HVB::hub {
+
+/// A record as its sender gave it. The texts are the bytes that arrived, UCS-4LE, and are not owned.
+/// Threads: a plain value. Owner: the sender's message owns the bytes.
+struct LogRecord {
+    std::int32_t source = 0;
+    std::int32_t type = 0;
+    std::string_view text;
+    std::string_view detail;
+    std::int32_t count = 0;
+};
+
+/// A record as the store gives it back.
+/// Threads: a plain value. Owner: the reader.
+struct StoredRecord {
+    std::uint64_t id = 0;
+    std::int64_t storedAt = 0; ///< microseconds since the epoch
+    std::int32_t source = 0;
+    std::int32_t type = 0;
+    std::string text;
+    std::string detail;
+    std::int32_t count = 0;
+};
+
+/// Records could not be stored or read. The message says what, where, why and what to do.
+/// Threads: a plain value. Owner: whoever catches it.
+class LogStoreError {
+public:
+    enum class Kind {
+        Trouble, ///< the store's: the same call may succeed once somebody has mended it
+        Refused, ///< the record's: it will never be stored
+    };
+
+    LogStoreError(Kind kind, std::string message) : m_kind(kind), m_message(std::move(message)) {}
+
+    Kind kind() const { return m_kind; }
+    const std::string& message() const { return m_message; }
+
+private:
+    Kind m_kind;
+    std::string m_message;
+};
+
+/// Log records in one SQLite file.
+///
+/// The file is opened with the first use and again after any trouble, so that the store works again with the first
+/// call after the trouble was mended. A file that is damaged, of a newer layout or somebody else's is never written
+/// to, moved or deleted. When the file is taken away or replaced, the records go on in the file that is at the path
+/// from then on, and the old one's write-ahead log is kept beside it under the ending "-wal.orphan".
+///
+/// Bound: the records count with their texts and kRecordOverheadBytes each, and together never exceed the limit; the
+/// oldest go first. Pages hold at least half of what they could, so the file stays below twice the limit and 1 MiB;
+/// the write-ahead log beside it stays below kMaxWalBytes and one batch. The file does not shrink by itself.
+///
+/// Threads: one at a time. Owner: the program.
+class LogStore {
+public:
+    /// @param limitBytes the bound above; the newest record is kept in any case.
+    LogStore(std::string path, std::uint64_t limitBytes);
+    ~LogStore();
+    LogStore(const LogStore&) = delete;
+    LogStore& operator=(const LogStore&) = delete;
+
+    /// Opens the file, making it when there is none. Not needed before the other calls; tells of trouble early.
+    /// @throws LogStoreError
+    void open();
+
+    /// @throws LogStoreError of kind Refused when the record alone exceeds the limit.
+    void checkSize(const LogRecord& record) const;
+
+    /// Stores all of @p records or none, and returns when they are on the disk.
+    /// @return their ids, in order; ids only rise and are never given twice.
+    /// @throws LogStoreError
+    std::vector<std::uint64_t> append(std::span<const LogRecord> records);
+
+    /// The stored records with an id above @p after in ascending order: the first ones, or with @p newest the last
+    /// ones, at most @p limit and no more than fit into one reply (Limits.h). No file yet: none, and none is made.
+    /// @throws LogStoreError
+    std::vector<StoredRecord> read(std::uint64_t after, std::uint32_t limit, bool newest);
+
+private:
+    struct Connection;
+
+    bool stillInPlace() const;
+    void openFile();
+    void leaveFile();
+    void close() noexcept;
+    std::vector<std::uint64_t> write(std::span<const LogRecord> records);
+    std::vector<StoredRecord> select(std::uint64_t after, std::uint32_t limit, bool newest);
+    [[noreturn]] void fail(const std::string& doing, const DatabaseError& error);
+
+    // Constant after construction.
+    const std::string m_path;
+    const std::uint64_t m_limitBytes;
+    // Plain, single access.
+    std::unique_ptr<Connection> m_connection; ///< null when the file is not open
+};
+
+} // namespace HVB::hub

@@ -1,0 +1,62 @@
+// How much of a module's log lines is wanted: its configuration file, read at start and on the reload command.
+#pragma once
+
+#include "hub/HubIds.h"
+
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace HVB::hub {
+
+/// What a module's configuration says about its log lines. The defaults hold when there is no file.
+/// Threads: a plain value. Owner: anybody.
+struct ModuleConfiguration {
+    bool syslogEnabled = true;
+    hv_logLevel_enum level = LOG_LEVEL_INFORMATION;
+
+    bool wants(hv_logLevel_enum lineLevel) const { return syslogEnabled && lineLevel <= level; }
+    bool operator==(const ModuleConfiguration&) const = default;
+};
+
+/// A configuration file that cannot be used; the text says which and why.
+/// Threads: a plain value. Owner: whoever catches it.
+class ConfigurationError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// The configuration in @p xml, the content of @p path. A missing element has its default.
+/// SyslogEnable is "true" or "false"; LogLevel is "error", "warning", "information" or one of "debug", "verbose",
+/// "audit" and "alert", which all let every line through.
+/// @throws ConfigurationError for anything else, and for a document type: no entity is ever expanded.
+ModuleConfiguration parseModuleConfiguration(std::string_view xml, const std::string& path);
+
+/// Reads the regular file at @p path. @throws ConfigurationError
+ModuleConfiguration readModuleConfiguration(const std::string& path);
+
+/// The configurations in force.
+/// Threads: thread-safe. Owner: the program.
+class ModuleConfigurations {
+public:
+    /// @param files where each module that has a configuration keeps it.
+    explicit ModuleConfigurations(std::map<int, std::string> files) : m_files(std::move(files)) {}
+
+    /// Reads a module's file again. What was in force stays when this throws.
+    /// @throws ConfigurationError when the module has no file here, or it cannot be used.
+    ModuleConfiguration reload(int moduleId);
+
+    /// The configuration in force; the default for a module that was never loaded.
+    ModuleConfiguration of(int moduleId) const;
+
+private:
+    // Constant after construction.
+    const std::map<int, std::string> m_files;
+    // Guarded by m_mutex.
+    mutable std::mutex m_mutex;
+    std::map<int, ModuleConfiguration> m_inForce;
+};
+
+} // namespace HVB::hub

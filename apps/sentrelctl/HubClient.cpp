@@ -1,0 +1,151 @@
+#include "apps/sentrelctl/HubClient.h"
+
+#include "apps/sentrelctl/Session.h"
+#include "platform/hvbhelpers/HubProtocol.h"
+
+#include <array>
+#include <cerrno>
+#include <poll.h>
+#include <string_view>
+#include <utility>
+
+namespace Sentrel::ctl {
+namespace {
+
+using HVB::bus::check;
+
+constexpr const char* kBusName = "org.freedesktop.DBus";
+constexpr const char* kBusPath = "/org/freedesktop/DBus";
+constexpr const char* kPeerInterface = "org.freedesktop.DBus.Peer";
+
+std::vector<StoredRecord> readRecords(sd_bus_message& reply) {
+    std::vector<StoredRecord> records;
+    check(sd_bus_message_enter_container(&reply, 'a', "(txiiayayi)"), "reading the log records");
+    while (const int found = sd_bus_message_enter_container(&reply, 'r', "txiiayayi")) {
+        check(found, "reading a log record");
+        StoredRecord record;
+        check(sd_bus_message_read(&reply, "txii", &record.id, &record.storedAt, &record.source, &record.type),
+              "reading a log record");
+        record.text = HVB::bus::readText(reply);
+        record.detailText = HVB::bus::readText(reply);
+        check(sd_bus_message_read(&reply, "i", &record.count), "reading a log record");
+        check(sd_bus_message_exit_container(&reply), "reading a log record");
+        records.push_back(std::move(record));
+    }
+    return records;
+}
+
+bool hubHasGone(sd_bus_message& message) {
+    if (sd_bus_message_is_signal(&message, kBusName, "NameOwnerChanged") <= 0) {
+        return false;
+    }
+    const char* name = nullptr;
+    const char* before = nullptr;
+    const char* now = nullptr;
+    return sd_bus_message_read(&message, "sss", &name, &before, &now) > 0 &&
+           std::string_view(name) == HVB::bus::kHubName && *now == '\0';
+}
+
+/// Throws when @p message says that the bus or the hub has gone.
+void refuseFarewell(sd_bus_message& message) {
+    if (hubHasGone(message)) {
+        throw HVB::HVBException(-EHOSTUNREACH, "hvbd has left the bus");
+    }
+    if (sd_bus_message_is_signal(&message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
+        throw HVB::HVBException(-ECONNRESET, "the bus has closed the connection");
+    }
+}
+
+} // namespace
+
+HubClient::HubClient(const std::string& socketPath, double timeout)
+    : m_timeout(timeout), m_bus(HVB::bus::openBus(socketPath, deadlineAfter(timeout))) {}
+
+HVB::bus::Deadline HubClient::deadline() const {
+    return deadlineAfter(m_timeout);
+}
+
+std::chrono::microseconds HubClient::timedCall(const std::string& name, const std::string& path, const char* interface,
+                                               const char* member) {
+    const auto request = HVB::bus::newCall(*m_bus, name, path, interface, member);
+    const auto begin = std::chrono::steady_clock::now();
+    HVB::bus::call(*m_bus, *request, deadline());
+    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - begin);
+}
+
+std::chrono::microseconds HubClient::pingBus() {
+    return timedCall(kBusName, kBusPath, kBusName, "GetId");
+}
+
+std::chrono::microseconds HubClient::ping(const std::string& name, const std::string& path) {
+    return timedCall(name, path, kPeerInterface, "Ping");
+}
+
+std::vector<StoredRecord> HubClient::readLog(std::uint64_t after, std::uint32_t limit, bool newest) {
+    const auto request = HVB::bus::newCall(*m_bus, HVB::bus::kHubName, HVB::bus::kHubPath, HVB::bus::kHubInterface,
+                                           HVB::bus::kReadLogMember);
+    check(sd_bus_message_append(request.get(), HVB::bus::kReadLogSignature, after, limit, newest ? 1 : 0),
+          "making a request for the log");
+    const auto reply = HVB::bus::call(*m_bus, *request, deadline());
+    if (sd_bus_message_has_signature(reply.get(), HVB::bus::kReadLogReplySignature) <= 0) {
+        throw HVB::HVBException(-EBADMSG, "the hub's answer is no list of log records");
+    }
+    return readRecords(*reply);
+}
+
+void HubClient::addMatch(const std::string& rule) {
+    const auto request = HVB::bus::newCall(*m_bus, kBusName, kBusPath, kBusName, "AddMatch");
+    check(sd_bus_message_append(request.get(), "s", rule.c_str()), "making a subscription");
+    HVB::bus::call(*m_bus, *request, deadline());
+}
+
+void HubClient::subscribeToLog() {
+    // Without the sender's name a match hears everybody on the bus.
+    addMatch(std::string("type='signal',sender='") + HVB::bus::kHubName + "',interface='" + HVB::bus::kHubInterface +
+             "',member='" + HVB::bus::kLogStoredMember + "'");
+    addMatch(std::string("type='signal',sender='") + kBusName + "',interface='" + kBusName +
+             "',member='NameOwnerChanged',arg0='" + HVB::bus::kHubName + "'");
+}
+
+HubClient::Wake HubClient::waitForRecord(int stopFd, int outputFd) {
+    bool isStored = false;
+    for (;;) {
+        sd_bus_message* received = nullptr;
+        const int more = sd_bus_process(m_bus.get(), &received);
+        const HVB::bus::MessagePtr message(received);
+        check(more, "listening to the hub");
+        if (message) {
+            refuseFarewell(*message);
+            isStored = isStored ||
+                       sd_bus_message_is_signal(message.get(), HVB::bus::kHubInterface, HVB::bus::kLogStoredMember) > 0;
+        }
+        if (more == 0 && isStored) {
+            return Wake::Record;
+        }
+        if (more == 0) {
+            if (const std::optional<Wake> wake = waitForInput(stopFd, outputFd); wake) {
+                return *wake;
+            }
+        }
+    }
+}
+
+std::optional<HubClient::Wake> HubClient::waitForInput(int stopFd, int outputFd) {
+    const int events = sd_bus_get_events(m_bus.get());
+    check(events, "listening to the hub");
+    constexpr int forEver = -1;
+    // No event is asked of the output: poll always tells when its reader has gone.
+    std::array<pollfd, 3> waiting{
+        {{sd_bus_get_fd(m_bus.get()), static_cast<short>(events), 0}, {stopFd, POLLIN, 0}, {outputFd, 0, 0}}};
+    while (::poll(waiting.data(), waiting.size(), forEver) < 0) {
+        if (errno != EINTR) {
+            check(-errno, "waiting for the hub");
+        }
+    }
+    if (waiting[1].revents != 0) {
+        return Wake::Stop;
+    }
+    return waiting[2].revents != 0 ? std::optional(Wake::OutputGone) : std::nullopt;
+}
+
+} // namespace Sentrel::ctl

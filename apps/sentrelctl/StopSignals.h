@@ -1,0 +1,24 @@
+// Ctrl-C as something to wait for.
+#pragma once
+
+namespace Sentrel::ctl {
+
+/// While it lives, SIGINT and SIGTERM do not end the process but make a descriptor readable.
+/// Threads: made and destroyed by the same thread, while there is no other. Owner: a local of the verb.
+class StopSignals {
+public:
+    /// @throws Failure when the system has no such descriptor to give.
+    StopSignals();
+    /// Gives the signals their effect back; those that came meanwhile are spent.
+    ~StopSignals();
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+
+    /// Readable once one of the signals has come.
+    int fd() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+} // namespace Sentrel::ctl

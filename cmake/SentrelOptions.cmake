@@ -1,0 +1,50 @@
+# What every target of this project is compiled with.
+set(SENTREL_SANITIZE "" CACHE STRING "Sanitizers for the whole build, as -fsanitize= takes them")
+option(SENTREL_TESTS "Build tests, fuzz targets and benches" ON)
+option(SENTREL_COVERAGE "Count what the tests execute" OFF)
+option(SENTREL_LIBFUZZER "Link the fuzz targets with libFuzzer (clang) instead of their replay main" OFF)
+
+add_library(sentrel_options INTERFACE)
+add_library(sentrel::options ALIAS sentrel_options)
+target_include_directories(sentrel_options INTERFACE ${CMAKE_SOURCE_DIR})
+target_compile_options(sentrel_options INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor -Woverloaded-virtual
+    -Wcast-align -Wundef -Wimplicit-fallthrough -Werror
+    -fstack-protector-strong -fno-strict-aliasing)
+target_compile_definitions(sentrel_options INTERFACE
+    _FILE_OFFSET_BITS=64
+    $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>
+    $<$<NOT:$<CONFIG:Release>>:_GLIBCXX_ASSERTIONS>)
+target_link_options(sentrel_options INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
+
+if(SENTREL_SANITIZE)
+    target_compile_options(sentrel_options INTERFACE
+        -fsanitize=${SENTREL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
+        $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>) # GCC 12 sees ghosts in sanitized library code
+    target_link_options(sentrel_options INTERFACE -fsanitize=${SENTREL_SANITIZE})
+endif()
+if(SENTREL_COVERAGE)
+    target_compile_options(sentrel_options INTERFACE --coverage)
+    target_link_options(sentrel_options INTERFACE --coverage)
+endif()
+if(SENTREL_LIBFUZZER)
+    target_compile_options(sentrel_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
+
+# sentrel_library(<name> SOURCES … LINK …): a folder's target, with its dependencies written down where it is made.
+function(sentrel_library name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LINK")
+    add_library(${name} STATIC ${arg_SOURCES})
+    target_link_libraries(${name} PUBLIC sentrel::options ${arg_LINK})
+endfunction()
+
+# sentrel_program(<name> SOURCES … LINK …): a program in its two forms. <name> has fixed paths and is what is shipped;
+# <name>-rooted is the same objects behind the install root of the environment, for tests and ./run.
+function(sentrel_program name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LINK")
+    add_executable(${name} ${arg_SOURCES})
+    target_link_libraries(${name} PRIVATE sentrel::options ${arg_LINK} sentrel_root_shipped)
+    add_executable(${name}-rooted ${arg_SOURCES})
+    target_link_libraries(${name}-rooted PRIVATE sentrel::options ${arg_LINK} sentrel_root_environment)
+    install(TARGETS ${name} DESTINATION ${CMAKE_INSTALL_SBINDIR})
+endfunction()

@@ -1,0 +1,39 @@
+# sentrel_test(<name> SOURCES … LINK … [NEEDS program-targets …] [TIMEOUT seconds])
+# Each TEST runs in a process of its own. Its label is its folder's: unit or integration; the target integration-tests
+# builds all that bear the latter. The programs under NEEDS reach the test as environment variables named after
+# their target in upper case with underscores (SENTRELD_ROOTED=…); a test has no default for them.
+include(GoogleTest)
+find_package(GTest REQUIRED)
+add_custom_target(integration-tests)
+
+function(sentrel_test name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "SOURCES;LINK;NEEDS")
+    add_executable(${name} ${arg_SOURCES})
+    target_link_libraries(${name} PRIVATE sentrel::options ${arg_LINK} GTest::gtest GTest::gmock GTest::gtest_main)
+    set(environment "TSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/tsan-suppressions.txt halt_on_error=1"
+        "UBSAN_OPTIONS=print_stacktrace=1" "TZ=UTC")
+    foreach(program IN LISTS arg_NEEDS)
+        string(TOUPPER ${program} variable)
+        string(REPLACE "-" "_" variable ${variable})
+        list(APPEND environment "${variable}=$<TARGET_FILE:${program}>")
+        add_dependencies(${name} ${program})
+    endforeach()
+    if(NOT arg_TIMEOUT)
+        set(arg_TIMEOUT 120)
+    endif()
+    if(CMAKE_CURRENT_SOURCE_DIR MATCHES "/tests/integration$")
+        set(label integration)
+        add_dependencies(integration-tests ${name})
+    else()
+        set(label unit)
+    endif()
+    gtest_discover_tests(${name}
+        DISCOVERY_MODE PRE_TEST
+        TEST_PREFIX "${name}:"
+        TEST_LIST ${name}-tests
+        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS ${label})
+    # A property that is a list does not get through gtest_discover_tests: it is set when the tests are known.
+    file(GENERATE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/${name}-environment.cmake
+        CONTENT "set_tests_properties(\${${name}-tests} PROPERTIES ENVIRONMENT \"${environment}\")\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}-environment.cmake)
+endfunction()

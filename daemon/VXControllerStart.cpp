@@ -1,0 +1,134 @@
+// The order of start and stop. Each step runs only after the one before it has finished; signals are held back but
+// for the points between steps, where no lock is held.
+#include "daemon/Paths.h"
+#include "daemon/SignalGate.h"
+#include "daemon/Trace.h"
+#include "daemon/VXControllerDaemon.h"
+#include "daemon/VXLoadTraceValues.h"
+#include "events/STEventServer.h"
+#include "hub/Exceptions.h"
+#include "hub/HVBCommBroker.h"
+#include "hub/HVBEventNotificationImpl.h"
+#include "hub/VXCommandImpl.h"
+#include "managed/VXHVBAgentWrapper.h"
+
+#include <boost/thread/lock_types.hpp>
+
+#include <csignal>
+#include <exception>
+
+namespace Sentrel {
+namespace {
+
+/// When the start fails with the hub connected, its receiver of commands is unwound while the broker lives on. No
+/// command may reach it then.
+class StopDeliveryOnUnwind {
+public:
+    StopDeliveryOnUnwind() = default;
+    ~StopDeliveryOnUnwind() {
+        if (std::uncaught_exceptions() > 0) {
+            try {
+                HVB::HVBCommBroker::getInstance(paths::hubSocket())->stop();
+            } catch (...) {
+                // The failure that is on its way is the one to report.
+            }
+        }
+    }
+    StopDeliveryOnUnwind(const StopDeliveryOnUnwind&) = delete;
+    StopDeliveryOnUnwind& operator=(const StopDeliveryOnUnwind&) = delete;
+};
+
+} // namespace
+
+std::int32_t VXController::main(int /*argc*/, char** /*argv*/) {
+    ST_TRACE(stDaemonFlow, 2, L"VXController::main() - Entered\n"); // the log is not open yet
+    const SignalHold signals;
+    installHandlers();
+    try {
+        if (!run(signals)) {
+            return -1;
+        }
+    } catch (const HVB::HVBException& exception) {
+        ST_TRACE(stDaemonFlow, 1, L"VXController::main - Caught HVB Exception %s\n\n",
+                 trace::printable(exception.message()).c_str());
+    } catch (const VXException& exception) {
+        ST_TRACE(stDaemonFlow, 1, L"VXController::main - Caught VXException %s\n\n",
+                 trace::printable(exception.message()).c_str());
+    } catch (...) {
+        ST_TRACE(stDaemonFlow, 1, L"VXController::main - Caught unknown exception\n");
+    }
+    signals.letIn();
+    getInstance()->removePidFile();
+    releaseInstance();
+    ST_TRACE(stDaemonFlow, 2, L"VXController::main() - Exiting\n");
+    trace::closeTraceLog();
+    return 0;
+}
+
+void VXController::installHandlers() {
+    ::signal(SIGTERM, terminationHandler);
+    ::signal(SIGHUP, reloadHandler);
+    ::signal(SIGUSR2, pluginChangeHandler);
+}
+
+void VXController::openTrace(const SignalHold& signals) {
+    VXLoadTraceValues::getInstance()->loadTraceValues(paths::traceLevels());
+    signals.letIn();
+    if (traceInited == 0) {
+        trace::openTraceLog(paths::traceLog());
+    }
+    signals.letIn();
+}
+
+/// SIGUSR2 is held back exactly until the handler can reach the wrapper. Threads that are started meanwhile inherit
+/// that.
+void VXController::startAgentWrapper() {
+    sigset_t pluginChange;
+    sigset_t before;
+    sigemptyset(&pluginChange);
+    sigaddset(&pluginChange, SIGUSR2);
+    const bool masked = pthread_sigmask(SIG_BLOCK, &pluginChange, &before) == 0;
+    if (!masked) {
+        ST_TRACE(stDaemonFlow, 1, L"%s - couldn't mask signal\n", "main");
+    }
+    ST_TRACE(stDaemonFlow, 3, L"VXController::main - Starting OA Agent Wrapper\n");
+    m_pAgentWrapper = VXHVBAgentWrapper::getInstance();
+    if (masked) {
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    }
+}
+
+bool VXController::run(const SignalHold& signals) {
+    signals.letIn();
+    openTrace(signals);
+    VXController* controller = getInstance();
+    VXCommandImpl commandImpl;
+    const StopDeliveryOnUnwind stopDelivery;
+    auto* eventNotification = new HVBEventNotificationImpl;
+    ST_TRACE(stDaemonFlow, 3, L"VXController::main - started tracing\n");
+    signals.letIn();
+    if (!controller->createPidFile()) {
+        ST_TRACE(stDaemonFlow, 3, L"VXController::main -  Create PID file returned false. Aborting start\n");
+        return false; // whatever else exists stays: the file on disk is its owner's, and the process is about to end
+    }
+    controller->startAgentWrapper();
+    signals.letIn();
+    ST_TRACE(stDaemonFlow, 3, L"VXController::main - Starting HVB\n");
+    controller->startHVB(commandImpl);
+    signals.letIn();
+    STEventServer::getInstance()->start();
+    signals.letIn();
+
+    const SignalLanding landing;
+    boost::unique_lock<boost::mutex> lock(m_mutex);
+    while (!gShouldTerminate) {
+        m_condition.wait(lock);
+    }
+    ST_TRACE(stDaemonFlow, 3, L"VXController::main - Stopping Sentrel\n");
+    controller->stopHVB();
+    delete eventNotification;
+    ST_TRACE(stDaemonFlow, 2, L"VXController::main -removing pid file\n");
+    return true;
+}
+
+} // namespace Sentrel

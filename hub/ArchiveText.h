@@ -1,0 +1,62 @@
+// Text that carries archives: streams that keep every byte and every wide character, and readers that a lying length
+// cannot hurt. Include this wherever a wide archive is read or written, so that all readers share the checks.
+#pragma once
+
+#include <boost/archive/archive_exception.hpp>
+#include <boost/archive/text_wiarchive.hpp>
+#include <boost/archive/text_woarchive.hpp>
+#include <boost/serialization/collection_size_type.hpp>
+#include <cstddef>
+#include <istream>
+#include <locale>
+#include <memory>
+#include <sstream>
+#include <string>
+
+namespace HVB {
+
+/// A locale whose wide characters 0 to 255 are the 256 byte values, in both directions. The C library's own widening
+/// loses every byte above 127, and with it the rest of an archive. Constant after construction; any thread.
+const std::locale& byteLocale();
+
+/// The sum of the characters that a writer expects to need. A stream with room for all of them never asks its buffer
+/// for more while a character that equals WEOF (the wide form of byte 0xFF) is on its way; it would be lost there.
+std::unique_ptr<std::wstringstream> makeOutStream(std::ios_base::openmode mode, std::size_t expectedCharacters);
+
+/// A stream that holds @p text, ready to be read as an archive.
+std::unique_ptr<std::wstringstream> makeInStream(std::wstring text);
+
+/// An archive reader over @p stream whose strings and containers are refused, before anything is allocated for them,
+/// when the rest of the text cannot hold them. @p stream must outlive the reader.
+/// @throws boost::archive::archive_exception when the text does not begin like an archive that can be read.
+std::unique_ptr<boost::archive::text_wiarchive> makeInArchive(std::wistream& stream);
+
+namespace detail {
+
+/// Where the bounded readers find the stream of their archive. Archives made elsewhere have none and read unbounded.
+struct ArchiveSource {
+    std::wistream* stream = nullptr;
+
+    static ArchiveSource& of(boost::archive::text_wiarchive& archive);
+
+    /// Reads the length that stands in front of a string. @throws archive_exception when the text cannot hold it.
+    std::size_t readLength(boost::archive::text_wiarchive& archive);
+};
+
+} // namespace detail
+} // namespace HVB
+
+// These three are the places at which the archive library believes a number that came from outside.
+namespace boost::archive {
+
+template <>
+void load_access::load_primitive<text_wiarchive, std::wstring>(text_wiarchive& archive, std::wstring& text);
+
+template <>
+void load_access::load_primitive<text_wiarchive, std::string>(text_wiarchive& archive, std::string& text);
+
+template <>
+void load_access::load_primitive<text_wiarchive, serialization::collection_size_type>(
+    text_wiarchive& archive, serialization::collection_size_type& count);
+
+} // namespace boost::archive

@@ -1,0 +1,86 @@
+// What stands behind HVBCommBroker: one life of the broker, from getInstance to releaseInstance.
+#pragma once
+
+#include "hub/HVBInterfaces.h"
+#include "hub/HVBMessages.h"
+#include "platform/hvbhelpers/CallbackWorkers.h"
+#include "platform/hvbhelpers/ConnectionPool.h"
+#include "platform/hvbhelpers/DeliveryLink.h"
+
+#include <boost/logic/tribool.hpp>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+namespace HVB::detail {
+
+/// The broker's operations, as HVBCommBroker describes them.
+/// Threads: thread-safe, except that end requires that no callback is its caller.
+/// Owner: the process-wide state below, and each operation that is running.
+class Broker {
+public:
+    explicit Broker(const std::string& socketPath);
+    Broker(const Broker&) = delete;
+    Broker& operator=(const Broker&) = delete;
+
+    void setModuleId(int moduleId) { m_moduleId = moduleId; }
+    void setCommandInterface(CommandInterface* receiver) { m_commandInterface = receiver; }
+    void setHealthCheckInterface(HealthCheckInterface* receiver) { m_healthCheckInterface = receiver; }
+    void setEventInterface(EventInterface* receiver) { m_eventInterface = receiver; }
+
+    void start(boost::logic::tribool waitForHub);
+    void stop() { m_workers.stop(); }
+    /// Stops, joins every thread, and gives the name back. For good.
+    void end();
+
+    void subscribe(std::int32_t eventId);
+    void sendEvent(const EventData& event);
+    void sendCommand(const CommandData& data, CommandResult* result, bool wait, int timeoutSeconds);
+    void sendResponse(const CommandResult& result);
+    void sendLog(const LogRequest& request);
+    void sendLogMessage(std::int32_t moduleId, std::wstring_view moduleName, std::int32_t type, std::int32_t level,
+                        std::wstring_view line);
+
+private:
+    LinkReceiver receiver();
+    const char* whyNotTaken() const;
+    CommandMessage outgoing(const CommandData& data);
+    void sendAndWait(const CommandMessage& command, CommandResult* result, std::chrono::seconds timeout);
+    void sendAndGoOn(const CommandMessage& command, std::chrono::seconds timeout);
+    void callHub(const char* member, const DeliveryLink::Fill& fill);
+
+    // On a callback thread, none of them throws.
+    void runCommand(CommandMessage& command, bool deliver) noexcept;
+    void runHealthCheck(std::uint64_t token, bool deliver) noexcept;
+    void runEvent(EventMessage& event, bool deliver) noexcept;
+    void runResponse(const BasicCommandData& header, ReplyMessage& reply, bool deliver) noexcept;
+
+    // own locking
+    std::atomic<int> m_moduleId{-1};
+    std::atomic<CommandInterface*> m_commandInterface{nullptr};
+    std::atomic<HealthCheckInterface*> m_healthCheckInterface{nullptr};
+    std::atomic<EventInterface*> m_eventInterface{nullptr};
+    std::atomic<std::int32_t> m_sequence{0};
+    std::atomic<bool> m_ended{false};
+    CallbackWorkers m_workers;
+    ConnectionPool m_pool;
+    DeliveryLink m_link;
+
+    std::mutex m_startMutex; ///< one start or end at a time
+};
+
+/// Makes the process's broker for @p socketPath, unless there is one.
+void makeBroker(std::string socketPath);
+
+/// The process's broker; one that was released is made anew, for the same path.
+/// @throws HVBException when there was none yet.
+std::shared_ptr<Broker> currentBroker();
+
+/// Ends the process's broker, if there is one. Operations that run on other threads keep theirs until they are done.
+void releaseBroker();
+
+} // namespace HVB::detail

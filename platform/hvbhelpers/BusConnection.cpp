@@ -1,0 +1,278 @@
+#include "platform/hvbhelpers/BusConnection.h"
+
+#include "platform/hvbhelpers/BusAddress.h"
+#include "platform/hvbhelpers/HubProtocol.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <system_error>
+
+namespace HVB::bus {
+namespace {
+
+using std::chrono::duration_cast;
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+using std::chrono::steady_clock;
+
+/// How long to wait before knocking again when the bus has not yet accepted those who knocked before us.
+constexpr milliseconds kListenQueueFullPause{5};
+
+/// The clock of sd-bus's own timeouts is the steady clock of this library.
+constexpr std::uint64_t kNoTimeout = UINT64_MAX;
+
+class BusError {
+public:
+    BusError() = default;
+    BusError(const BusError&) = delete;
+    BusError& operator=(const BusError&) = delete;
+    ~BusError() { sd_bus_error_free(&m_error); }
+
+    sd_bus_error* get() { return &m_error; }
+
+private:
+    sd_bus_error m_error{};
+};
+
+std::string errnoText(int error) {
+    return std::generic_category().message(error);
+}
+
+[[noreturn]] void throwUnreachable(const std::string& socketPath, int result) {
+    // A bus that does not take our credentials says EPERM in the authentication.
+    const int error = result == -EPERM ? EACCES : -result;
+    throw HVBException(-error, "cannot reach the hub at " + socketPath + ": " + errnoText(error));
+}
+
+BusPtr newConnection(const std::string& socketPath) {
+    sd_bus* raw = nullptr;
+    check(sd_bus_new(&raw), "cannot make a connection");
+    BusPtr bus(raw);
+    check(sd_bus_set_address(raw, busAddress(socketPath).c_str()), "cannot set the hub's path");
+    check(sd_bus_set_bus_client(raw, 1), "cannot make a connection");
+    // No message of the hub carries a descriptor, and its bus passes none.
+    check(sd_bus_negotiate_fds(raw, 0), "cannot make a connection");
+    return bus;
+}
+
+/// Starts a connection. While the bus is too busy to have room in its listen queue this is tried again.
+BusPtr startConnection(const std::string& socketPath, Deadline deadline, int cancelFd) {
+    for (;;) {
+        BusPtr bus = newConnection(socketPath);
+        const int result = sd_bus_start(bus.get());
+        if (result >= 0) {
+            return bus;
+        }
+        if (result != -EAGAIN) {
+            throwUnreachable(socketPath, result);
+        }
+        const auto again = steady_clock::now() + kListenQueueFullPause;
+        if (again > deadline) {
+            throwUnreachable(socketPath, -ETIMEDOUT);
+        }
+        if (sleepUntilReady({{-1, 0, 0}, again}, deadline, cancelFd)) {
+            throwUnreachable(socketPath, -ECANCELED);
+        }
+    }
+}
+
+[[noreturn]] void throwCallError(int result, const sd_bus_error& error) {
+    throw CallError(result, error.name != nullptr ? error.name : "",
+                    error.message != nullptr ? error.message : errnoText(-result));
+}
+
+/// Holds back the signals that the process has handlers for. sd_bus_call gives up with EINTR when one runs, and then
+/// nobody can say whether the call was made. Signals without a handler end the process or do nothing, as ever.
+class HandledSignalsBlocked {
+public:
+    HandledSignalsBlocked() {
+        sigset_t handled;
+        sigemptyset(&handled);
+        for (int signal = 1; signal < NSIG; ++signal) {
+            struct sigaction action {};
+            if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_DFL &&
+                action.sa_handler != SIG_IGN && !isFault(signal)) {
+                sigaddset(&handled, signal);
+            }
+        }
+        pthread_sigmask(SIG_BLOCK, &handled, &m_before);
+    }
+    HandledSignalsBlocked(const HandledSignalsBlocked&) = delete;
+    HandledSignalsBlocked& operator=(const HandledSignalsBlocked&) = delete;
+    ~HandledSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+
+private:
+    static bool isFault(int signal) {
+        return signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL || signal == SIGABRT;
+    }
+
+    sigset_t m_before{};
+};
+
+struct UnrefSlot {
+    void operator()(sd_bus_slot* slot) const noexcept { sd_bus_slot_unref(slot); }
+};
+using SlotPtr = std::unique_ptr<sd_bus_slot, UnrefSlot>;
+
+int keepReply(sd_bus_message* message, void* reply, sd_bus_error*) {
+    static_cast<MessagePtr*>(reply)->reset(sd_bus_message_ref(message));
+    return 1;
+}
+
+std::uint64_t microsecondsUntil(Deadline deadline) {
+    const auto left = duration_cast<microseconds>(deadline - steady_clock::now()).count();
+    return left > 0 ? static_cast<std::uint64_t>(left) : 0;
+}
+
+} // namespace
+
+void CloseBus::operator()(sd_bus* bus) const noexcept {
+    sd_bus_close(bus);
+    sd_bus_unref(bus);
+}
+
+BusPtr openBus(const std::string& socketPath, Deadline deadline, int cancelFd) {
+    BusPtr bus = startConnection(socketPath, deadline, cancelFd);
+    for (;;) {
+        const int processed = sd_bus_process(bus.get(), nullptr);
+        if (processed < 0 && processed != -EINTR) {
+            throwUnreachable(socketPath, processed);
+        }
+        if (sd_bus_is_ready(bus.get()) > 0) {
+            return bus;
+        }
+        if (processed != 0) {
+            continue;
+        }
+        if (steady_clock::now() >= deadline) {
+            throwUnreachable(socketPath, -ETIMEDOUT);
+        }
+        if (sleepUntilReady(busWait(*bus), deadline, cancelFd)) {
+            throwUnreachable(socketPath, -ECANCELED);
+        }
+    }
+}
+
+BusWait busWait(sd_bus& bus) {
+    const int fd = sd_bus_get_fd(&bus);
+    check(fd, "the connection to the hub is closed");
+    const int events = sd_bus_get_events(&bus);
+    check(events, "the connection to the hub is closed");
+    std::uint64_t timeout = kNoTimeout;
+    check(sd_bus_get_timeout(&bus, &timeout), "the connection to the hub is closed");
+    BusWait wait{{fd, static_cast<short>(events), 0}, Deadline::max()};
+    if (timeout != kNoTimeout) {
+        const auto last = duration_cast<microseconds>(Deadline::max().time_since_epoch()).count();
+        wait.until = Deadline(microseconds(std::min(timeout, static_cast<std::uint64_t>(last))));
+    }
+    return wait;
+}
+
+bool sleepUntilReady(BusWait wait, Deadline deadline, int wakeFd) {
+    const Deadline until = std::min(wait.until, deadline);
+    timespec timeout{};
+    timespec* limit = nullptr;
+    if (until != Deadline::max()) {
+        const auto left = std::max(duration_cast<nanoseconds>(until - steady_clock::now()), nanoseconds(0)).count();
+        constexpr std::int64_t perSecond = 1'000'000'000;
+        timeout = {.tv_sec = left / perSecond, .tv_nsec = left % perSecond};
+        limit = &timeout;
+    }
+    // A negative descriptor is skipped by the kernel.
+    std::array<pollfd, 2> descriptors{wait.descriptor, pollfd{wakeFd, POLLIN, 0}};
+    const int ready = ppoll(descriptors.data(), descriptors.size(), limit, nullptr);
+    return ready > 0 && (descriptors[1].revents & POLLIN) != 0;
+}
+
+MessagePtr newCall(sd_bus& bus, const std::string& destination, const std::string& path, const char* interface,
+                   const std::string& member) {
+    sd_bus_message* message = nullptr;
+    check(sd_bus_message_new_method_call(&bus, &message, destination.c_str(), path.c_str(), interface, member.c_str()),
+          "cannot make a message");
+    return MessagePtr(message);
+}
+
+MessagePtr call(sd_bus& bus, sd_bus_message& request, Deadline deadline) {
+    const std::uint64_t left = microsecondsUntil(deadline);
+    if (left == 0) {
+        // Zero would mean sd-bus's own timeout, which is far too long.
+        throw CallError(-ETIMEDOUT, SD_BUS_ERROR_TIMEOUT, "no time left for the call");
+    }
+    BusError error;
+    sd_bus_message* reply = nullptr;
+    const HandledSignalsBlocked blocked;
+    const int result = sd_bus_call(&bus, &request, left, error.get(), &reply);
+    if (result < 0) {
+        throwCallError(result, *error.get());
+    }
+    return MessagePtr(reply);
+}
+
+MessagePtr callAlone(sd_bus& bus, sd_bus_message& request, Deadline deadline) {
+    MessagePtr reply;
+    sd_bus_slot* slot = nullptr;
+    check(sd_bus_call_async(&bus, &slot, &request, &keepReply, &reply, kNoTimeout), "cannot send to the hub");
+    const SlotPtr owner(slot);
+    while (reply == nullptr) {
+        const int processed = sd_bus_process(&bus, nullptr);
+        if ((processed < 0 && processed != -EINTR) || sd_bus_is_ready(&bus) <= 0) {
+            throw CallError(-ECONNRESET, SD_BUS_ERROR_DISCONNECTED, "the connection to the hub ended during a call");
+        }
+        if (processed != 0 || reply != nullptr) {
+            continue;
+        }
+        if (steady_clock::now() >= deadline) {
+            throw CallError(-ETIMEDOUT, SD_BUS_ERROR_TIMEOUT, "the hub did not answer in time");
+        }
+        (void)sleepUntilReady(busWait(bus), deadline, -1);
+    }
+    if (const sd_bus_error* error = sd_bus_message_get_error(reply.get())) {
+        throwCallError(-sd_bus_message_get_errno(reply.get()), *error);
+    }
+    return reply;
+}
+
+bool stillUsable(sd_bus& bus, const CallError& error) {
+    // The codes that a local failure can have. An error reply may share one; then a good connection is given up.
+    constexpr std::array local{ETIMEDOUT, ECONNRESET, ENOTCONN, EPIPE,  ESHUTDOWN, EINTR,
+                               ENOMEM,    EBADMSG,    ECHILD,   EPROTO, EIO};
+    const bool ours = std::find(local.begin(), local.end(), -error.code()) != local.end();
+    const bool named = error.name().starts_with("com.orvanta.");
+    return (!ours || named) && sd_bus_is_ready(&bus) > 0;
+}
+
+void appendText(sd_bus_message& message, std::wstring_view text) {
+    const std::string_view bytes = asBytes(text);
+    if (bytes.size() > kMaxPayloadBytes) {
+        throw HVBException(-EMSGSIZE, "a text of " + std::to_string(bytes.size()) + " bytes is too large for the hub");
+    }
+    check(sd_bus_message_append_array(&message, 'y', bytes.data(), bytes.size()), "cannot fill a message");
+}
+
+std::wstring readText(sd_bus_message& message) {
+    const void* bytes = nullptr;
+    std::size_t size = 0;
+    const int result = sd_bus_message_read_array(&message, 'y', &bytes, &size);
+    if (result <= 0) {
+        throw HVBException(-EBADMSG, "a message lacks a text");
+    }
+    std::optional<std::wstring> text = fromBytes(bytes, size);
+    if (!text) {
+        throw HVBException(-EBADMSG, "a message has a text of " + std::to_string(size) +
+                                         " bytes, which is not whole wide characters or too large");
+    }
+    return *std::move(text);
+}
+
+void check(int result, std::string_view doing) {
+    if (result < 0) {
+        throw HVBException(result, std::string(doing) + ": " + errnoText(-result));
+    }
+}
+
+} // namespace HVB::bus

@@ -1,0 +1,53 @@
+// Connections for sending: one to each call at a time, kept for the next one.
+#pragma once
+
+#include "platform/hvbhelpers/BusConnection.h"
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace HVB::detail {
+
+/// Unnamed connections to one bus. A call has its connection to itself, so a slow one holds up nobody else.
+/// Threads: thread-safe. Owner: the broker.
+class ConnectionPool {
+public:
+    using Make = std::function<bus::MessagePtr(sd_bus&)>;
+    using Read = std::function<void(sd_bus_message&)>;
+
+    explicit ConnectionPool(std::string socketPath) : m_socketPath(std::move(socketPath)) {}
+    ConnectionPool(const ConnectionPool&) = delete;
+    ConnectionPool& operator=(const ConnectionPool&) = delete;
+
+    /// Sends the call that @p make makes and gives the reply to @p read. A message that may have been delivered is
+    /// never sent again.
+    /// @param connectDeadline when to give up connecting, if no connection is at hand.
+    /// @throws HVBException, in particular what openBus and call throw, and what @p make and @p read throw.
+    void call(const Make& make, const Read& read, bus::Deadline deadline, bus::Deadline connectDeadline);
+
+    /// Sends the one-way message that @p make makes, and returns when it has left this process.
+    /// @throws HVBException as call does.
+    void post(const Make& make, bus::Deadline deadline);
+
+    /// Ends the calls of callbacks, which throw, and refuses them new ones. Other callers are not disturbed.
+    void endCallsOfCallbacks();
+
+private:
+    class Lease;
+
+    bus::BusPtr takeIdle();
+    void giveBack(bus::BusPtr bus);
+
+    const std::string m_socketPath;
+
+    std::mutex m_mutex;
+
+    // guarded by m_mutex
+    std::vector<bus::BusPtr> m_idle;
+    std::vector<int> m_callbackSockets; ///< in use by callbacks
+    bool m_callbacksEnded = false;
+};
+
+} // namespace HVB::detail

@@ -1,0 +1,348 @@
+// The model. An sd-bus connection may be used by one thread at a time, so everything that touches it, or a message
+// that belongs to it, holds m_mutex; and nothing that waits holds it. The reader sleeps on the socket outside the
+// lock. Senders put their message on the connection themselves, which saves a wake-up of the reader for each reply;
+// only when the socket is full do they wake the reader, which polls for room from then on, and wait for it.
+//
+// What arrives is copied out of its message under the lock and handed on; a call's message stays in m_pending until
+// it is answered. The number under which it waits, the token, is made here and is unique in the process: senders are
+// not trusted to number their calls.
+//
+// When a connection ends, for whatever reason, the reader drops it with all that belonged to it and begins to knock,
+// with longer and longer pauses. Whoever waits for something of that connection sees m_generation change.
+#include "platform/hvbhelpers/DeliveryLink.h"
+
+#include "platform/hvbhelpers/BrokerThread.h"
+#include "platform/hvbhelpers/ErrorText.h"
+#include "platform/hvbhelpers/HubProtocol.h"
+#include "platform/hvbhelpers/Limits.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+namespace HVB::detail {
+namespace {
+
+using bus::Deadline;
+using std::chrono::steady_clock;
+
+constexpr const char* kDriver = "org.freedesktop.DBus";
+constexpr const char* kDriverPath = "/org/freedesktop/DBus";
+
+bus::MessagePtr addMatchCall(sd_bus& bus, std::int32_t eventId) {
+    bus::MessagePtr request = bus::newCall(bus, kDriver, kDriverPath, kDriver, "AddMatch");
+    const std::string rule = std::string("type='signal',interface='") + bus::kEventsInterface + "',member='" +
+                             bus::eventMember(eventId) + "',path='" + bus::kEventsPath + "'";
+    bus::check(sd_bus_message_append(request.get(), "s", rule.c_str()), "cannot fill a message");
+    return request;
+}
+
+std::string errorTextOf(sd_bus_message& reply) {
+    const sd_bus_error* error = sd_bus_message_get_error(&reply);
+    return error != nullptr && error->message != nullptr ? error->message : "an error without a text";
+}
+
+} // namespace
+
+DeliveryLink::DeliveryLink(std::string socketPath, LinkReceiver receiver)
+    : m_socketPath(std::move(socketPath)), m_receiver(std::move(receiver)) {}
+
+// The connection.
+
+void DeliveryLink::connectNow(Deadline deadline) {
+    install(connect(deadline, -1));
+}
+
+bus::BusPtr DeliveryLink::connect(Deadline deadline, int cancelFd) {
+    bus::BusPtr bus = bus::openBus(m_socketPath, deadline, cancelFd);
+    addObjects(*bus);
+    takeName(*bus, deadline);
+    return subscribeAll(std::move(bus), deadline);
+}
+
+/// Queues for the name behind another process of the same module, and gets it when that one ends.
+void DeliveryLink::takeName(sd_bus& bus, Deadline deadline) const {
+    if (m_moduleId < 0) {
+        return;
+    }
+    const bus::MessagePtr request = bus::newCall(bus, kDriver, kDriverPath, kDriver, "RequestName");
+    constexpr std::uint32_t queue = 0;
+    bus::check(sd_bus_message_append(request.get(), "su", bus::moduleName(m_moduleId).c_str(), queue),
+               "cannot fill a message");
+    (void)bus::call(bus, *request, deadline);
+}
+
+bus::BusPtr DeliveryLink::subscribeAll(bus::BusPtr bus, Deadline deadline) {
+    std::set<std::int32_t> done;
+    for (;;) {
+        std::set<std::int32_t> wanted;
+        {
+            const std::lock_guard lock(m_mutex);
+            std::set_difference(m_subscriptions.begin(), m_subscriptions.end(), done.begin(), done.end(),
+                                std::inserter(wanted, wanted.end()));
+        }
+        if (wanted.empty()) {
+            return bus;
+        }
+        for (const std::int32_t eventId : wanted) {
+            const bus::MessagePtr request = addMatchCall(*bus, eventId);
+            (void)bus::call(*bus, *request, deadline);
+            done.insert(eventId);
+        }
+    }
+}
+
+void DeliveryLink::install(bus::BusPtr bus) {
+    const std::lock_guard lock(m_mutex);
+    m_bus = std::move(bus);
+    ++m_generation;
+    m_changed.notify_all();
+}
+
+void DeliveryLink::lose(int error) {
+    traceComm("the connection to the hub ended: " + std::to_string(error));
+    m_pending.clear();
+    m_bus.reset();
+    ++m_generation;
+    m_changed.notify_all();
+}
+
+// The reader.
+
+void DeliveryLink::begin() {
+    if (!m_begun && !m_ending) {
+        m_reader = startThread("hvb-reader", [this] { run(); });
+        m_begun = true;
+    }
+}
+
+void DeliveryLink::end() {
+    m_ending = true;
+    m_wake.wake();
+    if (m_reader.joinable()) {
+        m_reader.join();
+    }
+    const std::lock_guard lock(m_mutex);
+    if (m_bus != nullptr) {
+        lose(-ECANCELED);
+    }
+}
+
+void DeliveryLink::run() {
+    auto pause = kFirstReconnectPause;
+    while (!m_ending) {
+        const Deadline upSince = steady_clock::now();
+        pump();
+        if (steady_clock::now() - upSince > kLastReconnectPause) {
+            pause = kFirstReconnectPause;
+        }
+        if (m_ending || bus::sleepUntilReady({{-1, 0, 0}, steady_clock::now() + pause}, Deadline::max(), m_wake.fd())) {
+            m_wake.take();
+            continue;
+        }
+        pause = std::min(pause * 2, kLastReconnectPause);
+        try {
+            install(connect(steady_clock::now() + bus::kCallTimeout, m_wake.fd()));
+        } catch (...) {
+            traceComm(currentExceptionText());
+        }
+    }
+}
+
+/// Handles what arrives until the connection ends. Returns at once when there is none.
+void DeliveryLink::pump() {
+    bus::BusWait wait{};
+    while (!m_ending) {
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_bus == nullptr) {
+                return;
+            }
+            const int processed = sd_bus_process(m_bus.get(), nullptr);
+            if ((processed < 0 && processed != -EINTR) || sd_bus_is_ready(m_bus.get()) < 0) {
+                lose(processed);
+                return;
+            }
+            if (processed != 0) {
+                continue;
+            }
+            if (!hasUnsent()) {
+                m_changed.notify_all();
+            }
+            wait = bus::busWait(*m_bus);
+        }
+        if (bus::sleepUntilReady(wait, Deadline::max(), m_wake.fd())) {
+            m_wake.take();
+        }
+    }
+}
+
+void DeliveryLink::awaitConnected(Deadline deadline) {
+    std::unique_lock lock(m_mutex);
+    if (!m_changed.wait_until(lock, deadline, [this] { return m_bus != nullptr; })) {
+        throw HVBException(-ETIMEDOUT, "cannot reach the hub at " + m_socketPath);
+    }
+}
+
+// Sending.
+
+sd_bus& DeliveryLink::requireBus() const {
+    if (m_bus == nullptr) {
+        throw HVBException(-ENOTCONN, "not connected to the hub at " + m_socketPath);
+    }
+    return *m_bus;
+}
+
+bool DeliveryLink::hasUnsent() const {
+    std::uint64_t queued = 0;
+    return sd_bus_get_n_queued_write(m_bus.get(), &queued) >= 0 && queued > 0;
+}
+
+void DeliveryLink::sendLocked(sd_bus_message& message) {
+    bus::check(sd_bus_send(&requireBus(), &message, nullptr), "cannot send to the hub");
+    if (hasUnsent()) {
+        m_wake.wake();
+    }
+}
+
+void DeliveryLink::flushLocked(std::unique_lock<std::mutex>& lock, Deadline deadline) {
+    const std::uint64_t generation = m_generation;
+    const auto over = [&] { return m_generation != generation || m_bus == nullptr || !hasUnsent(); };
+    if (!m_changed.wait_until(lock, deadline, over)) {
+        throw HVBException(-ETIMEDOUT, "the hub at " + m_socketPath + " takes nothing");
+    }
+    if (m_generation != generation) {
+        throw HVBException(-ECONNRESET, "the connection to the hub at " + m_socketPath + " ended");
+    }
+}
+
+void DeliveryLink::post(const Make& make, Deadline deadline) {
+    std::unique_lock lock(m_mutex);
+    requireBus();
+    // Whoever meets a full socket waits here first, so that no more piles up than there are senders.
+    flushLocked(lock, deadline);
+    const bus::MessagePtr message = make(requireBus());
+    sendLocked(*message);
+    flushLocked(lock, deadline);
+}
+
+void DeliveryLink::reply(std::uint64_t token, const Fill& fill, Deadline deadline) {
+    std::unique_lock lock(m_mutex);
+    const auto call = m_pending.find(token);
+    if (call == m_pending.end()) {
+        throw HVBException(-ENOENT, "no command with this token waits for a reply");
+    }
+    if (call->second.wantsReply) {
+        sd_bus_message* raw = nullptr;
+        bus::check(sd_bus_message_new_method_return(call->second.message.get(), &raw), "cannot make a reply");
+        const bus::MessagePtr message(raw);
+        fill(*message);
+        sendLocked(*message);
+    }
+    m_pending.erase(call);
+    flushLocked(lock, deadline);
+}
+
+void DeliveryLink::refuse(std::uint64_t token, const char* error, const std::string& text) noexcept {
+    try {
+        const std::lock_guard lock(m_mutex);
+        answerError(token, error, text);
+    } catch (...) {
+        traceComm(currentExceptionText());
+    }
+}
+
+void DeliveryLink::answerError(std::uint64_t token, const char* error, const std::string& text) {
+    const auto call = m_pending.find(token);
+    if (call == m_pending.end()) {
+        return;
+    }
+    const PendingCall pending = std::move(call->second);
+    m_pending.erase(call);
+    if (pending.wantsReply) {
+        const sd_bus_error answer{error, text.c_str(), 0};
+        sd_bus_message* raw = nullptr;
+        bus::check(sd_bus_message_new_method_error(pending.message.get(), &raw, &answer), "cannot make a reply");
+        const bus::MessagePtr message(raw);
+        sendLocked(*message);
+    }
+}
+
+// Calls whose reply comes later.
+
+/// What waits for a reply. sd-bus owns it through the slot of the call, and frees it with the connection at the latest.
+struct DeliveryLink::ReplyWait {
+    Done done;
+};
+
+void DeliveryLink::onReplySlotGone(void* wait) {
+    delete static_cast<ReplyWait*>(wait);
+}
+
+int DeliveryLink::onReply(sd_bus_message* message, void* wait, sd_bus_error*) {
+    try {
+        static_cast<ReplyWait*>(wait)->done(*message);
+    } catch (...) {
+        traceComm(currentExceptionText());
+    }
+    return 1;
+}
+
+void DeliveryLink::callLaterLocked(const Make& make, std::chrono::microseconds timeout, Done done) {
+    const bus::MessagePtr request = make(requireBus());
+    auto wait = std::make_unique<ReplyWait>(ReplyWait{std::move(done)});
+    sd_bus_slot* slot = nullptr;
+    bus::check(sd_bus_call_async(m_bus.get(), &slot, request.get(), &DeliveryLink::onReply, wait.get(),
+                                 static_cast<std::uint64_t>(timeout.count())),
+               "cannot send to the hub");
+    // Cannot fail for the slot of a call that was just made.
+    (void)sd_bus_slot_set_destroy_callback(slot, &DeliveryLink::onReplySlotGone);
+    (void)wait.release();
+    (void)sd_bus_slot_set_floating(slot, 1);
+    sd_bus_slot_unref(slot);
+    // The reader has a new timeout to wait for, perhaps a message to send.
+    m_wake.wake();
+}
+
+void DeliveryLink::callLater(const Make& make, std::chrono::seconds timeout, Done done) {
+    const std::lock_guard lock(m_mutex);
+    callLaterLocked(make, timeout, std::move(done));
+}
+
+void DeliveryLink::subscribe(std::int32_t eventId, Deadline deadline) {
+    std::unique_lock lock(m_mutex);
+    if (!m_subscriptions.insert(eventId).second || m_bus == nullptr) {
+        return;
+    }
+    struct Outcome {
+        bool answered = false;
+        int code = 0;
+        std::string error;
+    };
+    const auto outcome = std::make_shared<Outcome>();
+    const std::uint64_t generation = m_generation;
+    try {
+        const auto left = std::chrono::duration_cast<std::chrono::microseconds>(deadline - steady_clock::now());
+        callLaterLocked([eventId](sd_bus& bus) { return addMatchCall(bus, eventId); }, left,
+                        [this, outcome](sd_bus_message& reply) {
+                            outcome->answered = true;
+                            if (sd_bus_message_is_method_error(&reply, nullptr) > 0) {
+                                outcome->code = -sd_bus_message_get_errno(&reply);
+                                outcome->error = errorTextOf(reply);
+                            }
+                            m_changed.notify_all();
+                        });
+        m_changed.wait(lock, [&] { return outcome->answered || m_generation != generation; });
+        if (outcome->code != 0) {
+            throw HVBException(outcome->code, "the hub takes no subscription: " + outcome->error);
+        }
+    } catch (...) {
+        m_subscriptions.erase(eventId);
+        throw;
+    }
+    // A connection that ended meanwhile is made anew with this subscription.
+}
+
+} // namespace HVB::detail

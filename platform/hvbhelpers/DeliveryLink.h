@@ -1,0 +1,142 @@
+// The named connection: what arrives for the module comes in here.
+#pragma once
+
+#include "platform/hvbhelpers/BusConnection.h"
+#include "platform/hvbhelpers/Carriers.h"
+#include "platform/hvbhelpers/WakeFd.h"
+
+#include <systemd/sd-bus.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace HVB::detail {
+
+/// Where a link hands what arrives. All run on the link's thread with its lock held: they only pass things on, and
+/// never call the link. The first two give null when they took it, otherwise the name of the error to answer with.
+struct LinkReceiver {
+    std::function<const char*(CommandMessage&&)> command; ///< the token is the one to reply with
+    std::function<const char*(std::uint64_t token)> healthCheck;
+    std::function<void(EventMessage&&)> event;
+};
+
+/// One connection that carries the module's name and its subscriptions, read by a thread of its own, and made anew
+/// whenever the bus comes back. Its long story is at the top of DeliveryLink.cpp.
+/// Threads: thread-safe, except that one thread at a time calls configure, connectNow, begin and end.
+/// Owner: the broker.
+class DeliveryLink {
+public:
+    using Fill = std::function<void(sd_bus_message&)>;
+    using Make = std::function<bus::MessagePtr(sd_bus&)>;
+    /// Gets the reply, which may be an error, with the link's lock held. Never called when the link goes first.
+    using Done = std::function<void(sd_bus_message&)>;
+
+    DeliveryLink(std::string socketPath, LinkReceiver receiver);
+    DeliveryLink(const DeliveryLink&) = delete;
+    DeliveryLink& operator=(const DeliveryLink&) = delete;
+    ~DeliveryLink() { end(); }
+
+    /// Says whose commands to take; below 0 none. Requires that the link has never been connected.
+    void configure(int moduleId);
+
+    /// Connects on this thread. @throws HVBException when that fails; the link is then as before.
+    void connectNow(bus::Deadline deadline);
+
+    /// Makes the thread that reads, and connects whenever there is no connection. A second call does nothing.
+    void begin();
+
+    /// Joins the thread and closes the connection. For good.
+    void end();
+
+    bool hasBegun() const { return m_begun; }
+
+    /// Returns when the link is connected. @throws HVBException with -ETIMEDOUT at the deadline.
+    void awaitConnected(bus::Deadline deadline);
+
+    /// Adds a subscription, which stays across reconnects. Without a connection it is only noted down.
+    /// @throws HVBException when the bus refuses it or does not answer; then it is not added.
+    void subscribe(std::int32_t eventId, bus::Deadline deadline);
+
+    /// Answers the call that was handed on with @p token.
+    /// @throws HVBException with -ENOENT when no such call waits, and what @p fill throws; then it waits on.
+    void reply(std::uint64_t token, const Fill& fill, bus::Deadline deadline);
+
+    /// Answers with an error, unless the call was answered already. A link that is gone needs no answer.
+    void refuse(std::uint64_t token, const char* error, const std::string& text) noexcept;
+
+    /// Sends a one-way message, in order with the replies, and returns when it has left this process.
+    /// @throws HVBException with -ENOTCONN at once when there is no connection, -ETIMEDOUT at the deadline.
+    void post(const Make& make, bus::Deadline deadline);
+
+    /// Sends a call whose reply goes to @p done. @throws HVBException as post does.
+    void callLater(const Make& make, std::chrono::seconds timeout, Done done);
+
+private:
+    struct PendingCall {
+        bus::MessagePtr message;
+        bool wantsReply = true;
+    };
+    struct ReplyWait;
+
+    void run();
+    void pump();
+    void lose(int error);
+    bus::BusPtr connect(bus::Deadline deadline, int cancelFd);
+    void install(bus::BusPtr bus);
+    void takeName(sd_bus& bus, bus::Deadline deadline) const;
+    bus::BusPtr subscribeAll(bus::BusPtr bus, bus::Deadline deadline);
+    void addObjects(sd_bus& bus);
+
+    sd_bus& requireBus() const;
+    void sendLocked(sd_bus_message& message);
+    void callLaterLocked(const Make& make, std::chrono::microseconds timeout, Done done);
+    void flushLocked(std::unique_lock<std::mutex>& lock, bus::Deadline deadline);
+    bool hasUnsent() const;
+
+    // Called by sd-bus on the link's thread, with the lock held.
+    static int onCall(sd_bus_message* message, void* self, sd_bus_error* error);
+    static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error);
+    static int onReply(sd_bus_message* message, void* wait, sd_bus_error* error);
+    static void onReplySlotGone(void* wait);
+    int takeCall(sd_bus_message& message);
+    int takeCommand(sd_bus_message& message, std::int32_t commandId);
+    int takeHealthCheck(sd_bus_message& message);
+    int takeEvent(sd_bus_message& message);
+    std::uint64_t remember(sd_bus_message& message);
+    void answerError(std::uint64_t token, const char* error, const std::string& text);
+
+    // constant after construction
+    const std::string m_socketPath;
+    const LinkReceiver m_receiver;
+
+    // constant once connected
+    int m_moduleId = -1;
+    std::string m_objectPath;
+    std::vector<std::string> m_members;
+    std::vector<sd_bus_vtable> m_moduleTable;
+
+    // own locking
+    WakeFd m_wake;
+    std::atomic<bool> m_ending{false};
+    std::atomic<bool> m_begun{false};
+    std::thread m_reader;
+
+    std::mutex m_mutex;
+
+    // guarded by m_mutex
+    std::condition_variable m_changed; ///< connected, lost, everything sent, or a reply came
+    bus::BusPtr m_bus;                 ///< null: not connected
+    std::uint64_t m_generation = 0;    ///< counts the connections
+    std::set<std::int32_t> m_subscriptions;
+    std::map<std::uint64_t, PendingCall> m_pending; ///< handed on and not yet answered
+};
+
+} // namespace HVB::detail

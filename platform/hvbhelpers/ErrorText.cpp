@@ -1,0 +1,51 @@
+#include "platform/hvbhelpers/ErrorText.h"
+
+#include "hub/Exceptions.h"
+#include "platform/hvbhelpers/HVBHelpers.h"
+#include "platform/hvbhelpers/Limits.h"
+
+#include <syslog.h>
+
+#include <exception>
+#include <string_view>
+
+namespace HVB::detail {
+namespace {
+
+std::string printable(std::string_view text) {
+    std::string result(text.substr(0, kMaxErrorText));
+    for (char& c : result) {
+        if (c < ' ' || c > '~') {
+            c = '?';
+        }
+    }
+    return result;
+}
+
+} // namespace
+
+std::string currentExceptionText() noexcept {
+    try {
+        try {
+            throw;
+        } catch (const HVBException& exception) {
+            return printable(exception.message());
+        } catch (const Sentrel::VXException& exception) {
+            return printable(exception.message());
+        } catch (const std::exception& exception) {
+            return printable(exception.what());
+        } catch (...) {
+            return "an exception of unknown type";
+        }
+    } catch (...) {
+        return {};
+    }
+}
+
+void traceComm(const std::string& line) noexcept {
+    if (hvCommFlowvalue >= 1) {
+        syslog(LOG_WARNING, "hub client: %s", line.c_str());
+    }
+}
+
+} // namespace HVB::detail

@@ -1,0 +1,113 @@
+// The hub on D-Bus: every name, signature and limit that its two sides share, each once. docs/hub.md explains them.
+#pragma once
+
+#include <bit>
+#include <charconv>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace HVB::bus {
+
+// The version stands in every name from the first day.
+inline constexpr const char* kModuleInterface = "com.orvanta.hvb1.Module";
+inline constexpr const char* kEventsInterface = "com.orvanta.hvb1.Events";
+inline constexpr const char* kEventsPath = "/com/orvanta/hvb1/Events";
+inline constexpr const char* kHubName = "com.orvanta.hvb1.Hub";
+inline constexpr const char* kHubPath = "/com/orvanta/hvb1/Hub";
+inline constexpr const char* kHubInterface = "com.orvanta.hvb1.Hub";
+
+inline std::string moduleName(int moduleId) {
+    return "com.orvanta.hvb1.Module" + std::to_string(moduleId);
+}
+inline std::string modulePath(int moduleId) {
+    return "/com/orvanta/hvb1/Module" + std::to_string(moduleId);
+}
+inline std::string commandMember(int commandId) {
+    return "Command" + std::to_string(commandId);
+}
+inline std::string eventMember(int eventId) {
+    return "Event" + std::to_string(eventId);
+}
+
+/// The id in a member such as "Command1003", given the prefix "Command". None when it is not such a member.
+inline std::optional<int> memberId(std::string_view member, std::string_view prefix) {
+    if (!member.starts_with(prefix)) {
+        return std::nullopt;
+    }
+    member.remove_prefix(prefix.size());
+    int id = 0;
+    const auto [end, error] = std::from_chars(member.data(), member.data() + member.size(), id);
+    if (error != std::errc() || end != member.data() + member.size() || member.empty()) {
+        return std::nullopt;
+    }
+    return id;
+}
+
+// Command<id>: token, source, target, flag, sequence, has payload, payload → succeeded, valid, has payload, payload.
+inline constexpr const char* kCommandSignature = "tiibibay";
+inline constexpr const char* kCommandReplySignature = "bbbay";
+// Event<id>: sequence, has payload, payload.
+inline constexpr const char* kEventSignature = "ibay";
+// HealthCheck: nothing → well.
+inline constexpr const char* kHealthCheckMember = "HealthCheck";
+// Log: source, type, text, detail, count → id of the stored record.
+inline constexpr const char* kLogMember = "Log";
+inline constexpr const char* kLogSignature = "iiayayi";
+inline constexpr const char* kLogReplySignature = "t";
+// LogMessage: module, its name, type, level, line → nothing.
+inline constexpr const char* kLogMessageMember = "LogMessage";
+inline constexpr const char* kLogMessageSignature = "iayiiay";
+// ReadLog: after this id, at most so many, the newest of them (else the oldest) → records in ascending order, each:
+// id, time stored in microseconds since the epoch, source, type, text, detail, count.
+inline constexpr const char* kReadLogMember = "ReadLog";
+inline constexpr const char* kReadLogSignature = "tub";
+inline constexpr const char* kReadLogReplySignature = "a(txiiayayi)";
+// Status: nothing → the modules that hvbd has seen, each: id, state, since when (ISO 8601).
+inline constexpr const char* kStatusMember = "Status";
+inline constexpr const char* kStatusReplySignature = "a(iss)";
+// LogStored: the id of a record that ReadLog gives from now on. A signal of the hub's interface.
+inline constexpr const char* kLogStoredMember = "LogStored";
+inline constexpr const char* kLogStoredSignature = "t";
+
+// What a sender learns when it gets no ordinary reply.
+inline constexpr const char* kErrorUnknownCommand = "com.orvanta.hvb1.Error.UnknownCommand"; ///< the handler gave false
+inline constexpr const char* kErrorFailed = "com.orvanta.hvb1.Error.Failed";   ///< an exception left the handler
+inline constexpr const char* kErrorNoReply = "com.orvanta.hvb1.Error.NoReply"; ///< the handler did not answer
+inline constexpr const char* kErrorStopped = "com.orvanta.hvb1.Error.Stopped"; ///< the module takes nothing any more
+inline constexpr const char* kErrorBadMessage = "com.orvanta.hvb1.Error.BadMessage"; ///< the message is malformed
+inline constexpr const char* kErrorBusy = "com.orvanta.hvb1.Error.Busy";         ///< too many calls wait for a worker
+inline constexpr const char* kErrorLogStore = "com.orvanta.hvb1.Error.LogStore"; ///< the record could not be stored
+
+/// Largest payload or text in bytes. Far above what any message of the system needs (10,000 list rows take 3 MB as
+/// wide text), and low enough that a client cannot make a module hold much.
+inline constexpr std::size_t kMaxPayloadBytes = std::size_t{8} << 20;
+/// Largest message that the bus passes: two texts and room for the header.
+inline constexpr std::size_t kMaxMessageBytes = 2 * kMaxPayloadBytes + (std::size_t{1} << 20);
+/// Longest wait of any operation but a command: an event that meets a stopped hub is given up within two seconds.
+inline constexpr std::chrono::milliseconds kCallTimeout{1500};
+
+static_assert(std::endian::native == std::endian::little && sizeof(wchar_t) == 4,
+              "payloads travel as UCS-4LE, which is this machine's own wide text");
+
+/// A wide text as the bytes that travel. Every wchar_t value goes through unchanged, whether or not it is a character.
+inline std::string_view asBytes(std::wstring_view text) {
+    return {reinterpret_cast<const char*>(text.data()), text.size() * sizeof(wchar_t)};
+}
+
+/// The wide text of bytes that arrived. None when their number is not a whole number of wide characters.
+inline std::optional<std::wstring> fromBytes(const void* bytes, std::size_t size) {
+    if (size % sizeof(wchar_t) != 0 || size > kMaxPayloadBytes) {
+        return std::nullopt;
+    }
+    std::wstring text(size / sizeof(wchar_t), L'\0');
+    if (size > 0) {
+        __builtin_memcpy(text.data(), bytes, size);
+    }
+    return text;
+}
+
+} // namespace HVB::bus

@@ -1,0 +1,121 @@
+#!/usr/bin/env python3
+"""Checks that keep the map of the tree true. Usage: check_tree.py CHECK ROOT [BUILD-DIRECTORY]"""
+
+import json
+import os
+import pathlib
+import re
+import sys
+
+CODE_FOLDERS = ["daemon", "store", "hub", "managed", "events", "platform", "apps", "tests", "bench", "fuzz"]
+DAEMON_FOLDERS = ["daemon", "store", "hub", "managed", "events"]
+# What a folder may include beyond itself, from the repository root.
+MAY_INCLUDE = {
+    "daemon": DAEMON_FOLDERS + ["platform"],
+    "store": DAEMON_FOLDERS + ["platform"],
+    "hub": DAEMON_FOLDERS + ["platform"],
+    "managed": DAEMON_FOLDERS + ["platform"],
+    "events": DAEMON_FOLDERS + ["platform"],
+    "platform": ["hub"],
+    "apps/hvbd": ["hub", "events/ReportRecords.h", "platform", "daemon/Paths.h"],
+    "apps/sentrelctl": ["hub", "events/ReportRecords.h", "events/STEventData.h", "platform", "daemon/Paths.h"],
+}
+# Only the neighbours' own interfaces may be reached from platform/; hub/ lends it the carriers.
+CARRIERS = {"ArchiveText.h", "Exceptions.h", "HVBCommBroker.h", "HVBInterfaces.h", "HVBMessages.h", "HubIds.h",
+            "SerializedData.h"}
+# Where a test may sleep, and why.
+MAY_SLEEP = {
+    "tests/support/Eventually.h": "the one place that polls",
+    "tests/integration/SignalStormTest.cpp": "an instant that has nothing to do with the daemon's steps",
+}
+
+
+def sources(root, folders, endings):
+    return [path for folder in folders if (root / folder).is_dir() for path in sorted((root / folder).rglob("*"))
+            if path.suffix in endings]
+
+
+def folder_readmes(root, _build):
+    """Every folder of code has a README of at most 40 lines."""
+    folders = [folder for folder in CODE_FOLDERS if (root / folder).is_dir() and folder not in ("apps", "store")]
+    folders += [str(path.relative_to(root)) for path in (root / "apps").iterdir() if path.is_dir()]
+    for folder in folders:
+        readme = root / folder / "README.md"
+        if not readme.is_file():
+            yield f"{folder}: has no README.md"
+        elif len(readme.read_text().splitlines()) > 40:
+            yield f"{readme.relative_to(root)}: longer than 40 lines"
+
+
+def document_paths(root, _build):
+    """Links, and paths in code marks, lead somewhere in the tree."""
+    path_like = re.compile(r"^(?:%s|docs|packaging|cmake|\.ci)(?:/[\w.{},<>-]+)+/?$" % "|".join(CODE_FOLDERS))
+    for document in sorted(root.rglob("*.md")):
+        if "build" in document.relative_to(root).parts:
+            continue
+        text = document.read_text()
+        for target in re.findall(r"\]\(([^)#]+)(?:#[^)]*)?\)", text):
+            if "://" not in target and not (document.parent / target).exists():
+                yield f"{document.relative_to(root)}: link leads nowhere: {target}"
+        for name in re.findall(r"`([^`\n]+)`", text):
+            if path_like.match(name) and not any(mark in name for mark in "<{") and not (root / name).exists():
+                yield f"{document.relative_to(root)}: no such path: {name}"
+
+
+def include_rules(root, _build):
+    """Who may include whom."""
+    for path in sources(root, DAEMON_FOLDERS + ["platform", "apps"], {".h", ".cpp"}):
+        relative = path.relative_to(root)
+        own = "/".join(relative.parts[:2]) if relative.parts[0] == "apps" else relative.parts[0]
+        for target in re.findall(r'^#include "([^"]+)"', path.read_text(), re.M):
+            if not (root / target).is_file():
+                yield f"{relative}: not written from the repository root: {target}"
+            allowed = target.startswith(own + "/") or any(
+                target == rule or target.startswith(rule + "/") for rule in MAY_INCLUDE[own])
+            if own == "platform" and target.startswith("hub/") and target.removeprefix("hub/") not in CARRIERS:
+                allowed = False
+            if not allowed:
+                yield f"{relative}: may not include {target}"
+
+
+def registration(root, build):
+    """Every source file is compiled by some target of this build."""
+    compiled = {pathlib.Path(entry["file"]).resolve()
+                for entry in json.loads((build / "compile_commands.json").read_text())}
+    for path in sources(root, CODE_FOLDERS, {".cpp"}):
+        if path.resolve() not in compiled:
+            yield f"{path.relative_to(root)}: in no target"
+
+
+def no_sleeping(root, _build):
+    """Tests wait for conditions; they do not sleep."""
+    for path in sources(root, ["tests"], {".h", ".cpp"}):
+        relative = str(path.relative_to(root))
+        if relative not in MAY_SLEEP and re.search(r"\b(?:u|nano)?sleep(?:_for|_until)?\s*\(", path.read_text()):
+            yield f"{relative}: sleeps"
+
+
+def readme_commands(root, _build):
+    """The commands that the README names exist and can be run."""
+    for command in re.findall(r"^    (\./\w+)", (root / "README.md").read_text(), re.M):
+        if not os.access(root / command, os.X_OK):
+            yield f"README.md: cannot be run: {command}"
+
+
+CHECKS = {check.__name__: check for check in
+          (folder_readmes, document_paths, include_rules, registration, no_sleeping, readme_commands)}
+
+
+def main(arguments):
+    if len(arguments) not in (2, 3) or arguments[0] not in CHECKS:
+        print(f"usage: check_tree.py {'|'.join(CHECKS)} ROOT [BUILD-DIRECTORY]", file=sys.stderr)
+        return 2
+    root = pathlib.Path(arguments[1])
+    build = pathlib.Path(arguments[2]) if len(arguments) == 3 else None
+    complaints = list(CHECKS[arguments[0]](root, build))
+    print("\n".join(complaints) or "nothing to complain of")
+    return 1 if complaints else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -1,0 +1,117 @@
+#include "tests/integration/SentrelctlRun.h"
+
+#include "tests/support/Eventually.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <regex>
+#include <stdexcept>
+#include <sys/stat.h>
+
+namespace testing_support {
+namespace {
+
+/// The program under test. There is no default: a test never runs another one than it was given.
+std::string program() {
+    const char* path = std::getenv("SENTRELCTL_ROOTED");
+    if (path == nullptr) {
+        throw std::runtime_error("SENTRELCTL_ROOTED does not name the program under test");
+    }
+    return path;
+}
+
+std::vector<std::string> environmentOf(const PrivateRoot& root) {
+    return {"SENTREL_INSTALL_ROOT=" + root.path().string(), "CTL=" + program(), "TERM=xterm"};
+}
+
+/// A file that any user may write, so that a run as another user can be heard.
+void makeFile(const std::string& path, const std::string& content) {
+    constexpr mode_t everybody = 0666;
+    std::ofstream(path, std::ios::binary) << content;
+    ::chmod(path.c_str(), everybody);
+}
+
+std::string freshPrefix(const PrivateRoot& root, const std::string& input) {
+    static int runs = 0;
+    std::string prefix = root.file("run" + std::to_string(++runs));
+    makeFile(prefix + ".in", input);
+    makeFile(prefix + ".out", "");
+    makeFile(prefix + ".err", "");
+    return prefix;
+}
+
+/// The shell puts the three files in place and then becomes the program: its pid is the program's.
+ChildProcess start(const PrivateRoot& root, const std::string& prefix, const std::vector<std::string>& arguments,
+                   std::optional<uid_t> uid) {
+    ChildOptions options;
+    options.arguments = {"-c",
+                         R"(in=$1 out=$2 err=$3; shift 3; exec "$CTL" "$@" <"$in" >"$out" 2>"$err")",
+                         "sh",
+                         prefix + ".in",
+                         prefix + ".out",
+                         prefix + ".err"};
+    options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
+    options.environment = environmentOf(root);
+    options.uid = uid;
+    if (uid) {
+        options.gid = static_cast<gid_t>(*uid);
+    }
+    return {"/bin/sh", options};
+}
+
+int endOf(ChildProcess& process) {
+    const std::optional<ExitStatus> status = process.waitUntil(patience());
+    EXPECT_TRUE(status) << "it does not end";
+    return status.value_or(-1);
+}
+
+} // namespace
+
+CtlRun::CtlRun(const PrivateRoot& root, const std::vector<std::string>& arguments, const std::string& input,
+               std::optional<uid_t> uid)
+    : m_prefix(freshPrefix(root, input)), m_process(start(root, m_prefix, arguments, uid)) {}
+
+std::string CtlRun::out() const {
+    return contentOf(m_prefix + ".out");
+}
+
+std::string CtlRun::err() const {
+    return contentOf(m_prefix + ".err");
+}
+
+CtlResult CtlRun::finish() {
+    const int code = endOf(m_process);
+    return {code, out(), err()};
+}
+
+CtlResult ctl(const PrivateRoot& root, const std::vector<std::string>& arguments, const std::string& input,
+              std::optional<uid_t> uid) {
+    return CtlRun(root, arguments, input, uid).finish();
+}
+
+CtlResult shell(const PrivateRoot& root, const std::string& command) {
+    const std::string output = freshPrefix(root, "") + ".out";
+    ChildProcess process(
+        "bash",
+        {.arguments = {"-c", command}, .environment = environmentOf(root), .outputFile = output, .uid = {}, .gid = {}});
+    const int code = endOf(process);
+    return {code, process.output(), ""};
+}
+
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::string withoutTimes(const std::string& text) {
+    const std::regex local(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d [+-]\d{4})");
+    const std::regex utc(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");
+    const std::regex duration(R"(\d+\.\d{3} ms)");
+    std::string result = std::regex_replace(text, local, "<time>");
+    result = std::regex_replace(result, utc, "<time>");
+    return std::regex_replace(result, duration, "<duration>");
+}
+
+} // namespace testing_support

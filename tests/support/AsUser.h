@@ -1,0 +1,28 @@
+// Doing something as another user of the machine.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+/// A user that is nobody's: neither root nor one whom a service runs as.
+inline constexpr uid_t kNobody = 65534;
+inline constexpr gid_t kNogroup = 65534;
+
+/// Whether this process may act as others. A test that needs it and cannot skips itself, and says so.
+bool canActAsOthers();
+
+/// Runs @p work in a child process with this user, group and further groups. @return what it returned, or
+/// "threw: …" and "died: …" when it did not. Requires canActAsOthers; @p work must not make threads.
+std::string asUser(uid_t uid, gid_t gid, const std::vector<gid_t>& groups, const std::function<std::string()>& work);
+
+/// As a user whom no rule names.
+inline std::string asNobody(const std::function<std::string()>& work) {
+    return asUser(kNobody, kNogroup, {}, work);
+}
+
+} // namespace testing_support

@@ -1,0 +1,49 @@
+// A broker that reaches no hub: it records the order of calls and fails when it is told to. Link the target
+// sentrel_recording_broker instead of sentrel_hvbhelpers. Real: the carriers and all that the daemon does with them.
+// Not real: delivery, threads, the bus.
+#pragma once
+
+#include "hub/HVBCommBroker.h"
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+/// What a LogRequest held when it was handed over.
+struct SentLog {
+    int sourceId;
+    int logType;
+    std::wstring text;
+    std::wstring detailText;
+    int count;
+};
+
+/// The recording behind HVB::HVBCommBroker and HVB_LOG_MSG.
+/// Threads: any. Owner: one a process; each test runs in a process of its own.
+struct Recording {
+    static Recording& instance();
+
+    /// Every call in its order: the operation's name, then its plain arguments, as in "setHVId 7".
+    std::vector<std::string> calls();
+    void add(std::string call);
+    /// Forgets calls, logs and lines, for a caller that goes on for long.
+    void forget();
+
+    std::vector<SentLog> logs;       ///< what sendLog was given
+    std::vector<std::wstring> lines; ///< what HVB_LOG_MSG was given, formatted
+    HVB::CommandInterface* commandInterface = nullptr;
+    HVB::HealthCheckInterface* healthCheckInterface = nullptr;
+    HVB::EventInterface* eventInterface = nullptr;
+
+    /// Called at the start of each operation with its name; what it throws leaves the operation.
+    std::function<void(const std::string& operation)> before;
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::string> m_calls;
+};
+
+} // namespace testing_support

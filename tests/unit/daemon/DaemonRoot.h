@@ -1,0 +1,66 @@
+// An install root of a test's own, set before anything asks for it, and what a test of the daemon reads there.
+#pragma once
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+/// A short private directory that is the install root for its own lifetime, with the daemon's two directories in it.
+/// Threads: the test's. Owner: a test's fixture, before anything asks for a path; one a process.
+class DaemonRoot {
+public:
+    DaemonRoot() {
+        char name[] = "/tmp/st.XXXXXX";
+        if (mkdtemp(name) == nullptr) {
+            throw std::runtime_error("no directory for the install root");
+        }
+        m_path = name;
+        setenv("SENTREL_INSTALL_ROOT", m_path.c_str(), 1);
+        std::filesystem::create_directories(shared());
+        std::filesystem::create_directories(var());
+    }
+    ~DaemonRoot() { std::filesystem::remove_all(m_path); }
+    DaemonRoot(const DaemonRoot&) = delete;
+    DaemonRoot& operator=(const DaemonRoot&) = delete;
+
+    std::string path() const { return m_path; }
+    std::string shared() const { return m_path + "/Users/Shared/.orvanta"; }
+    std::string var() const { return m_path + "/usr/local/Orvanta/Sentrel/var"; }
+    std::string eventSocket() const { return shared() + "/STIPC"; }
+    std::string pidFile() const { return var() + "/.STPid"; }
+    std::string traceLog() const { return var() + "/STTrace.log"; }
+    std::string traceLevels() const { return var() + "/traceValues.xml"; }
+    std::string hubSocket() const { return m_path + "/usr/local/Orvanta/hvb/var/hvbdsocket64"; }
+
+    /// The lines of the daemon's own trace log, each without stamp and newline.
+    std::vector<std::string> traceLines() const {
+        static const std::regex stamp("^[A-Z][a-z]+ [0-9]{2}, [0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2} ");
+        std::ifstream file(traceLog());
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(file, line);) {
+            lines.push_back(std::regex_replace(line, stamp, ""));
+        }
+        return lines;
+    }
+
+private:
+    std::string m_path;
+};
+
+inline void writeFile(const std::string& path, const std::string& content) {
+    std::ofstream(path) << content;
+}
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+} // namespace testing_support

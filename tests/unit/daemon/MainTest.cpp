@@ -1,0 +1,109 @@
+// The program as its launcher sees it. Real: the process, its signals and its exit status. Not real: the hub and the
+// agent, which are doubles inside it.
+#include "tests/unit/daemon/DaemonRoot.h"
+#include "tests/unit/daemon/LockHolder.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+
+#include <chrono>
+#include <random>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+
+using namespace testing_support;
+
+namespace {
+
+constexpr int kSignals[] = {SIGTERM, SIGHUP, SIGUSR2};
+
+struct TheProgram : testing::Test {
+    DaemonRoot root;
+    const std::string program = required("SENTRELD_WITH_DOUBLES");
+    pid_t pid = 0;
+
+    static std::string required(const char* variable) {
+        const char* value = std::getenv(variable);
+        if (value == nullptr) {
+            throw std::runtime_error(std::string(variable) + " is not set");
+        }
+        return value;
+    }
+
+    /// Signals the program and nobody else: a pid of 0 or less would mean others.
+    void signal(int number) const {
+        if (pid <= 1) {
+            throw std::logic_error("the program does not run");
+        }
+        kill(pid, number);
+    }
+
+    /// Starts it with the three signals ignored until it has its handlers, so that none before is its death.
+    void start() {
+        for (const int number : kSignals) {
+            ::signal(number, SIG_IGN);
+        }
+        std::string name = program;
+        char* arguments[] = {name.data(), nullptr};
+        const int error = posix_spawn(&pid, program.c_str(), nullptr, nullptr, arguments, environ);
+        if (error != 0) {
+            pid = 0;
+            throw std::system_error(error, std::generic_category(), program);
+        }
+    }
+
+    /// Its exit status; -1 when a signal ended it, -2 when nothing did. @p meanwhile is called until it has ended.
+    template <class Meanwhile>
+    int exitStatusWhile(Meanwhile meanwhile) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        int status = 0;
+        while (waitpid(pid, &status, WNOHANG) == 0) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                signal(SIGKILL);
+                waitpid(pid, &status, 0);
+                pid = 0;
+                return -2;
+            }
+            meanwhile();
+            std::this_thread::yield();
+        }
+        pid = 0; // the number may be somebody else's by now
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    int exitStatus() {
+        return exitStatusWhile([] {});
+    }
+};
+
+TEST_F(TheProgram, EndsWithZeroOnSigterm) {
+    writeFile(root.traceLevels(), "<TraceValues><stDaemonFlow>5</stDaemonFlow></TraceValues>");
+    start();
+    EXPECT_EQ(exitStatusWhile([this] { signal(SIGTERM); }), 0);
+    ASSERT_FALSE(root.traceLines().empty());
+    EXPECT_EQ(root.traceLines().back(), "VXController::main() - Exiting");
+    EXPECT_FALSE(std::filesystem::exists(root.pidFile()));
+}
+
+TEST_F(TheProgram, EndsWithZeroAfterARefusedStart) {
+    const LockHolder other(root.pidFile());
+    start();
+    EXPECT_EQ(exitStatus(), 0);
+    EXPECT_TRUE(std::filesystem::exists(root.pidFile()));
+    EXPECT_FALSE(std::filesystem::exists(root.eventSocket()));
+}
+
+TEST_F(TheProgram, EndsWithZeroAtWhateverInstantSignalsLand) {
+    // Also among its exit handlers, which free and lock what a handler would need.
+    std::mt19937 random(4711);
+    for (int round = 0; round < 60; ++round) {
+        start();
+        for (auto pause = random() % 2000; pause > 0; --pause) {
+            std::this_thread::yield();
+        }
+        ASSERT_EQ(exitStatusWhile([this, &random] { signal(kSignals[random() % 3]); }), 0) << "round " << round;
+    }
+}
+
+} // namespace

@@ -1,0 +1,398 @@
+// The log store on real files: order, limits, and every trouble a file can have. What a kill -9 of the process and a
+// full disk do is shown in tests/integration/HvbdTest.cpp.
+#include "apps/hvbd/LogStore.h"
+#include "apps/hvbd/Database.h"
+#include "apps/hvbd/Limits.h"
+#include "tests/unit/hvbd/PrivateDirectory.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+using namespace HVB::hub;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::uint64_t kMebibyte = std::uint64_t{1} << 20;
+
+class ALogStore : public testing::Test {
+protected:
+    std::uint64_t add(std::string_view text, std::string_view detail = "") {
+        const LogRecord record{7, 8, text, detail, 1};
+        return store.append({&record, 1}).front();
+    }
+
+    std::vector<std::uint64_t> ids(std::uint64_t after = 0, std::uint32_t limit = 1000, bool newest = false) {
+        std::vector<std::uint64_t> found;
+        for (const StoredRecord& record : store.read(after, limit, newest)) {
+            found.push_back(record.id);
+        }
+        return found;
+    }
+
+    std::string trouble() {
+        try {
+            add("text");
+        } catch (const LogStoreError& error) {
+            EXPECT_EQ(error.kind(), LogStoreError::Kind::Trouble);
+            return error.message();
+        }
+        return "stored";
+    }
+
+    /// Runs SQL as another program would, on a connection of its own.
+    void outside(const char* sql) { execute(*openDatabase(path), sql); }
+
+    std::string content() const {
+        std::ifstream file(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    std::string moveAway() const {
+        return "Move it away together with " + path + "-wal and " + path +
+               "-shm; the next record then makes a new one.";
+    }
+
+    PrivateDirectory directory;
+    const std::string path = directory.file("hvblog.db");
+    LogStore store{path, kMebibyte};
+};
+
+TEST_F(ALogStore, GivesBackWhatItWasGiven) {
+    const std::string text("\0\1\2\3\xC3\xFF\xFF\xFF", 8);
+    const LogRecord record{-7, 3, text, "", -2};
+    EXPECT_EQ(store.append({&record, 1}), std::vector<std::uint64_t>{1});
+    const auto records = store.read(0, 10, false);
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].id, 1U);
+    EXPECT_GT(records[0].storedAt, 1'600'000'000'000'000);
+    EXPECT_EQ(records[0].source, -7);
+    EXPECT_EQ(records[0].type, 3);
+    EXPECT_EQ(records[0].text, text);
+    EXPECT_EQ(records[0].detail, "");
+    EXPECT_EQ(records[0].count, -2);
+}
+
+TEST_F(ALogStore, ReadsTheFirstOrTheLastRecordsInAscendingOrder) {
+    for (int i = 0; i < 6; ++i) {
+        add("x");
+    }
+    using Ids = std::vector<std::uint64_t>;
+    EXPECT_EQ(ids(), (Ids{1, 2, 3, 4, 5, 6}));
+    EXPECT_EQ(ids(2, 2), (Ids{3, 4}));
+    EXPECT_EQ(ids(0, 2, true), (Ids{5, 6}));
+    EXPECT_EQ(ids(5, 3, true), (Ids{6}));
+    EXPECT_EQ(ids(6), Ids{});
+    EXPECT_EQ(ids(UINT64_MAX), Ids{});
+    EXPECT_EQ(ids(0, 0), Ids{});
+}
+
+TEST_F(ALogStore, ReadsNoMoreThanAThousandRecordsAtOnce) {
+    const std::vector<LogRecord> records(1001, LogRecord{7, 8, "x", "", 1});
+    store.append(records);
+    const auto first = ids(0, UINT32_MAX);
+    ASSERT_EQ(first.size(), 1000U);
+    EXPECT_EQ(first.front(), 1U);
+    const auto last = ids(0, UINT32_MAX, true);
+    ASSERT_EQ(last.size(), 1000U);
+    EXPECT_EQ(last.back(), 1001U);
+}
+
+TEST_F(ALogStore, ReadsNoMoreTextThanOneReplyHoldsButAlwaysOneRecord) {
+    LogStore large(path, 64 * kMebibyte);
+    const std::string two(2 * kMebibyte, 'a');
+    const std::string five(5 * kMebibyte, 'b');
+    const std::vector<LogRecord> records{
+        {7, 8, two, "", 1}, {7, 8, "", two, 1}, {7, 8, "x", "", 1}, {7, 8, five, "", 1}};
+    large.append(records);
+    EXPECT_EQ(large.read(0, 10, false).size(), 2U);
+    EXPECT_EQ(large.read(3, 10, false).size(), 1U);
+    EXPECT_EQ(large.read(0, 10, true).size(), 1U);
+}
+
+TEST_F(ALogStore, MakesItsFileForItsOwnerAndItsGroupAlone) {
+    const mode_t before = umask(0);
+    add("x");
+    umask(before);
+    struct stat facts {};
+    for (const std::string& name : {path, path + "-wal", path + "-shm"}) {
+        ASSERT_EQ(stat(name.c_str(), &facts), 0) << name;
+        EXPECT_EQ(facts.st_mode & 07777U, 0640U) << name;
+    }
+}
+
+TEST_F(ALogStore, KeepsEveryRecordAcrossALimitThatIsNotReached) {
+    LogStore again(path, kMebibyte);
+    add("one");
+    const LogRecord record{7, 8, "two", "", 1};
+    EXPECT_EQ(again.append({&record, 1}), std::vector<std::uint64_t>{2});
+    EXPECT_EQ(ids(), (std::vector<std::uint64_t>{1, 2}));
+}
+
+TEST_F(ALogStore, DropsTheOldestRecordsWhenTheLimitIsReachedAndNoOthers) {
+    // Four of these just fit, with what each costs beside its texts.
+    const std::string quarter(kMebibyte / 4 - kRecordOverheadBytes, 'x');
+    for (int i = 0; i < 4; ++i) {
+        add(quarter);
+    }
+    EXPECT_EQ(ids(), (std::vector<std::uint64_t>{1, 2, 3, 4}));
+    add("", "x");
+    EXPECT_EQ(ids(), (std::vector<std::uint64_t>{2, 3, 4, 5}));
+    add(quarter);
+    EXPECT_EQ(ids(), (std::vector<std::uint64_t>{3, 4, 5, 6}));
+}
+
+TEST_F(ALogStore, NeverGivesAnIdTwiceEvenWhenTheNewestRecordWasDeletedByHand) {
+    add("one");
+    add("two");
+    outside("DELETE FROM log");
+    EXPECT_EQ(add("three"), 3U);
+}
+
+TEST_F(ALogStore, KeepsTheNewestRecordThoughItFillsTheLimitAlone) {
+    add("x");
+    add(std::string(kMebibyte - kRecordOverheadBytes, 'x'));
+    EXPECT_EQ(ids(), std::vector<std::uint64_t>{2});
+}
+
+TEST_F(ALogStore, RefusesARecordThatIsLargerThanTheLimitAndSaysSo) {
+    const std::string text(kMebibyte - kRecordOverheadBytes + 1, 'x');
+    try {
+        add(text);
+        FAIL() << "stored";
+    } catch (const LogStoreError& error) {
+        EXPECT_EQ(error.kind(), LogStoreError::Kind::Refused);
+        EXPECT_EQ(error.message(), "the record has 1048577 bytes, more than the whole log store may hold (1048576). "
+                                   "Raise hvbd's --log-limit-mib or send less.");
+    }
+    EXPECT_EQ(add("x"), 1U);
+}
+
+/// What the header promises: below twice the limit and 1 MiB.
+TEST_F(ALogStore, KeepsItsFilesBoundedWithRecordsOfEverySize) {
+    const std::string text(70'000, 'x');
+    std::uint64_t given = 0;
+    while (given < 20 * kMebibyte) {
+        // Sizes that fill pages badly are among them: just above half a page, and just above a whole one.
+        std::vector<LogRecord> batch;
+        for (const std::size_t size : {0UL, 100UL, 2040UL, 4070UL, 9000UL, 70'000UL}) {
+            batch.push_back({7, 8, std::string_view(text).substr(0, size), "", 1});
+            given += size + kRecordOverheadBytes;
+        }
+        store.append(batch);
+    }
+    EXPECT_LT(fs::file_size(path), 3 * kMebibyte);
+    EXPECT_LT(fs::file_size(path + "-wal"), 6 * kMebibyte);
+}
+
+TEST_F(ALogStore, KeepsItsFileBoundedWithRecordsThatFillEachPageByHalf) {
+    const std::string text(2040, 'x');
+    const std::vector<LogRecord> batch(50, LogRecord{7, 8, text, "", 1});
+    for (std::uint64_t given = 0; given < 6 * kMebibyte; given += batch.size() * text.size()) {
+        store.append(batch);
+    }
+    EXPECT_LT(fs::file_size(path), 3 * kMebibyte);
+}
+
+TEST_F(ALogStore, CountsAgainWhenAnotherProgramDeletedRecords) {
+    const std::string half(kMebibyte / 2 - kRecordOverheadBytes, 'x');
+    add(half);
+    add(half);
+    outside("DELETE FROM log WHERE id = 1");
+    add(half);
+    EXPECT_EQ(ids(), (std::vector<std::uint64_t>{2, 3}));
+}
+
+TEST_F(ALogStore, TakesALowerLimitIntoForceWithTheNextRecord) {
+    const std::vector<LogRecord> records(100, LogRecord{7, 8, "x", "", 1});
+    store.append(records);
+    LogStore smaller(path, 10 * (kRecordOverheadBytes + 1));
+    const LogRecord record{7, 8, "x", "", 1};
+    smaller.append({&record, 1});
+    EXPECT_EQ(smaller.read(0, 1000, false).size(), 10U);
+    EXPECT_EQ(smaller.read(0, 1000, false).back().id, 101U);
+}
+
+TEST_F(ALogStore, IsEmptyAndMakesNoFileWhenItIsReadBeforeTheFirstRecord) {
+    EXPECT_TRUE(ids().empty());
+    EXPECT_FALSE(fs::exists(path));
+}
+
+TEST_F(ALogStore, MakesANewFileWhenItsFileWasDeleted) {
+    add("one");
+    fs::remove(path);
+    EXPECT_EQ(add("two"), 1U);
+    ASSERT_TRUE(fs::exists(path));
+    EXPECT_EQ(store.read(0, 10, false).front().text, "two");
+    EXPECT_EQ(queryInteger(*openDatabase(path), "SELECT count(*) FROM log"), 1);
+}
+
+TEST_F(ALogStore, GoesOnInTheFileThatWasPutInItsPlace) {
+    const std::string other = directory.file("other.db");
+    {
+        LogStore second(other, kMebibyte);
+        const std::vector<LogRecord> records(5, LogRecord{7, 8, "x", "", 1});
+        second.append(records);
+    }
+    add("one");
+    fs::rename(other, path);
+    EXPECT_EQ(add("two"), 6U);
+    ASSERT_EQ(ids().size(), 6U);
+    EXPECT_EQ(store.read(5, 10, false).front().text, "two");
+}
+
+/// The record that was answered last may stand in the write-ahead log alone when somebody moves the file away.
+TEST_F(ALogStore, KeepsTheWriteAheadLogOfAFileThatWasMovedAway) {
+    add("one");
+    const std::string moved = directory.file("moved.db");
+    fs::rename(path, moved);
+    EXPECT_EQ(add("two"), 1U);
+    EXPECT_EQ(ids().size(), 1U);
+    fs::rename(path + "-wal.orphan", moved + "-wal");
+    LogStore old(moved, kMebibyte);
+    ASSERT_EQ(old.read(0, 10, false).size(), 1U);
+    EXPECT_EQ(old.read(0, 10, false).front().text, "one");
+}
+
+TEST_F(ALogStore, LosesNothingWhenItsWriteAheadLogWasDeleted) {
+    add("one");
+    fs::remove(path + "-wal");
+    add("two");
+    LogStore again(path, kMebibyte);
+    EXPECT_EQ(again.read(0, 10, false).size(), 2U);
+}
+
+TEST_F(ALogStore, SaysThatAnotherProgramHoldsTheLockAndWorksAgainAfterwards) {
+    add("one");
+    {
+        const DatabasePtr other = openDatabase(path);
+        execute(*other, "BEGIN IMMEDIATE");
+        EXPECT_EQ(trouble(), "cannot store the record: " + path +
+                                 " is locked by another program. End that program (fuser " + path + " names it).");
+        EXPECT_EQ(ids(), std::vector<std::uint64_t>{1});
+    }
+    EXPECT_EQ(add("two"), 2U);
+}
+
+TEST_F(ALogStore, LeavesADamagedFileAsItIsAndWorksAgainOnceItWasMovedAway) {
+    std::ofstream(path) << std::string(8192, 'x');
+    const std::string before = content();
+    EXPECT_EQ(trouble(), "cannot store the record: " + path + " is damaged (file is not a database). " + moveAway());
+    EXPECT_THROW(ids(), LogStoreError);
+    EXPECT_EQ(content(), before);
+    EXPECT_FALSE(fs::exists(path + "-wal"));
+    fs::rename(path, path + ".damaged");
+    EXPECT_EQ(add("one"), 1U);
+}
+
+TEST_F(ALogStore, ReportsDamageInsideTheFileToo) {
+    {
+        LogStore before(path, kMebibyte);
+        const std::vector<LogRecord> records(500, LogRecord{7, 8, "some text", "", 1});
+        before.append(records);
+    }
+    {
+        std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
+        file.seekp(4096);
+        file << std::string(fs::file_size(path) - 4096, '\xA5');
+    }
+    const std::string before = content();
+    EXPECT_NE(trouble().find(path + " is damaged (database disk image is malformed). "), std::string::npos);
+    EXPECT_EQ(content(), before);
+}
+
+TEST_F(ALogStore, LeavesANewerLayoutAsItIsAndWorksAgainOnceItWasMovedAway) {
+    {
+        LogStore before(path, kMebibyte);
+        const LogRecord record{7, 8, "x", "", 1};
+        before.append({&record, 1});
+    }
+    outside("PRAGMA user_version=2");
+    const std::string before = content();
+    EXPECT_EQ(trouble(), "cannot open the log store: " + path +
+                             " was written by a newer hvbd (layout 2). Install that one again. Or: " + moveAway());
+    EXPECT_THROW(ids(), LogStoreError);
+    EXPECT_EQ(content(), before);
+    fs::rename(path, path + ".newer");
+    EXPECT_EQ(add("one"), 1U);
+}
+
+TEST_F(ALogStore, LeavesAnotherProgramsDatabaseAsItIs) {
+    std::ofstream(path).close();
+    outside("CREATE TABLE mine(x); INSERT INTO mine VALUES(1)");
+    const std::string before = content();
+    EXPECT_EQ(trouble(), "cannot open the log store: " + path + " is the database of another program. " + moveAway());
+    EXPECT_EQ(content(), before);
+}
+
+TEST_F(ALogStore, SaysWhatStandsInItsPlaceWhenThatIsNoFile) {
+    fs::create_directory(path);
+    EXPECT_EQ(trouble(), "cannot open the log store: " + path + " is a directory. Move it away.");
+    fs::remove(path);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(trouble(), "cannot open the log store: " + path + " is not a regular file. Move it away.");
+    fs::remove(path);
+    EXPECT_EQ(add("one"), 1U);
+}
+
+TEST_F(ALogStore, DoesNotFollowASymbolicLinkInItsPlace) {
+    const std::string target = directory.file("elsewhere");
+    fs::create_symlink(target, path);
+    EXPECT_EQ(trouble(),
+              "cannot open the log store: " + path + " is a symbolic link, which hvbd does not follow. Move it away.");
+    EXPECT_FALSE(fs::exists(target));
+}
+
+TEST_F(ALogStore, FollowsASymbolicLinkInItsDirectorysPath) {
+    fs::create_directory(directory.file("real"));
+    fs::create_symlink(directory.file("real"), directory.file("link"));
+    LogStore behind(directory.file("link/hvblog.db"), kMebibyte);
+    const LogRecord record{7, 8, "x", "", 1};
+    EXPECT_EQ(behind.append({&record, 1}), std::vector<std::uint64_t>{1});
+    EXPECT_TRUE(fs::exists(directory.file("real/hvblog.db")));
+}
+
+TEST_F(ALogStore, SaysThatItsDirectoryIsMissing) {
+    LogStore lost(directory.file("none/hvblog.db"), kMebibyte);
+    const LogRecord record{7, 8, "x", "", 1};
+    try {
+        lost.append({&record, 1});
+        FAIL() << "stored";
+    } catch (const LogStoreError& error) {
+        EXPECT_EQ(error.message(), "cannot open the log store: the directory of " + directory.file("none/hvblog.db") +
+                                       " does not exist. Make it, owned by hvbd's user.");
+    }
+}
+
+TEST_F(ALogStore, RefusesRecordsRatherThanLetAReaderWithoutEndFillTheDisk) {
+    LogStore large(path, 8 * kMebibyte);
+    const std::string text(4 * kMebibyte, 'x');
+    const LogRecord record{7, 8, text, "", 1};
+    large.append({&record, 1});
+    std::string message;
+    {
+        const DatabasePtr reader = openDatabase(path);
+        execute(*reader, "BEGIN; SELECT count(*) FROM log");
+        for (int i = 0; i < 20 && message.empty(); ++i) {
+            try {
+                large.append({&record, 1});
+            } catch (const LogStoreError& error) {
+                message = error.message();
+            }
+        }
+        EXPECT_LT(fs::file_size(path + "-wal"), static_cast<std::uint64_t>(kMaxWalBytes) + 2 * text.size());
+    }
+    EXPECT_EQ(message, "cannot store the record: a program reads " + path + " without end, so that " + path +
+                           "-wal cannot be emptied. End that program (fuser " + path + " names it).");
+    EXPECT_NO_THROW(large.append({&record, 1}));
+    EXPECT_LT(fs::file_size(path + "-wal"), static_cast<std::uint64_t>(kMaxWalBytes));
+}
+
+} // namespace

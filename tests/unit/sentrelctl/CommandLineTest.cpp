@@ -1,0 +1,134 @@
+// The whole command line in this process, as far as no other process is needed: help, version and bad usage.
+#include "apps/sentrelctl/Session.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <vector>
+
+namespace Sentrel::ctl {
+namespace {
+
+/// Everything that a descriptor has taken.
+class Captured {
+public:
+    Captured() : m_fd(::memfd_create("captured", MFD_CLOEXEC)), m_output(m_fd) {}
+    ~Captured() { ::close(m_fd); }
+    Captured(const Captured&) = delete;
+    Captured& operator=(const Captured&) = delete;
+
+    Output& output() { return m_output; }
+
+    std::string text() const {
+        ::lseek(m_fd, 0, SEEK_SET);
+        return readAll(m_fd, "captured", SIZE_MAX);
+    }
+
+private:
+    int m_fd;
+    Output m_output;
+};
+
+/// The command line, used by somebody who gets it wrong or asks for help.
+class ACommandLine : public testing::Test {
+protected:
+    int use(const std::vector<std::string>& arguments) { return run(arguments, m_out.output(), m_err.output(), -1); }
+
+    void expectRefused(const std::vector<std::string>& arguments, const std::string& error) {
+        Captured out;
+        Captured err;
+        EXPECT_EQ(run(arguments, out.output(), err.output(), -1), 2) << error;
+        EXPECT_EQ(out.text(), "") << error;
+        EXPECT_EQ(err.text(), error + "\n");
+    }
+
+    Captured m_out;
+    Captured m_err;
+};
+
+TEST_F(ACommandLine, TellsItsVersion) {
+    EXPECT_EQ(use({"--version"}), 0);
+    EXPECT_EQ(m_out.text().substr(0, 11), "sentrelctl ");
+    EXPECT_EQ(m_err.text(), "");
+}
+
+TEST_F(ACommandLine, ShowsHelpWithAnExampleForEveryVerb) {
+    const std::vector<std::vector<std::string>> verbs{
+        {"--help"}, {"event", "send", "--help"}, {"decrypt", "--help"}, {"log", "--help"}, {"hub", "ping", "--help"}};
+    for (const std::vector<std::string>& verb : verbs) {
+        Captured out;
+        Captured err;
+        EXPECT_EQ(run(verb, out.output(), err.output(), -1), 0) << verb.front();
+        EXPECT_NE(out.text().find("\nExample:\n  sentrelctl "), std::string::npos) << out.text();
+        EXPECT_EQ(err.text(), "");
+    }
+}
+
+TEST_F(ACommandLine, WarnsInTheHelpThatArgumentsCanBeSeen) {
+    use({"decrypt", "--help"});
+    EXPECT_NE(m_out.text().find("can be seen by every user of this machine"), std::string::npos) << m_out.text();
+}
+
+TEST_F(ACommandLine, RefusesToDoNothing) {
+    expectRefused({}, "sentrelctl: bad usage: A subcommand is required. See 'sentrelctl --help'.");
+    expectRefused({"event"}, "sentrelctl: bad usage: A subcommand is required. See 'sentrelctl event --help'.");
+}
+
+TEST_F(ACommandLine, RefusesWhatItDoesNotKnow) {
+    expectRefused({"bogus"}, "sentrelctl: bad usage: 'bogus' was not expected. See 'sentrelctl --help'.");
+    expectRefused({"\x1b[2J"}, "sentrelctl: bad usage: '\\x1b[2J' was not expected. See 'sentrelctl --help'.");
+    expectRefused({"log", "--bogus"},
+                  "sentrelctl: bad usage: '--bogus' was not expected. See 'sentrelctl log --help'.");
+    expectRefused({"hub", "ping", "x"},
+                  "sentrelctl: bad usage: 'x' was not expected. See 'sentrelctl hub ping --help'.");
+}
+
+TEST_F(ACommandLine, RefusesValuesThatAreNone) {
+    expectRefused({"--json=xml", "log"},
+                  "sentrelctl: bad usage: --json: 'xml' is none of short, pretty, off. See 'sentrelctl log --help'.");
+    expectRefused({"log", "--color", "blue"},
+                  "sentrelctl: bad usage: --color: blue not in {auto,always,never}. See 'sentrelctl log --help'.");
+    expectRefused({"log", "--limit", "-1"},
+                  "sentrelctl: bad usage: Could not convert: --limit = -1. See 'sentrelctl log --help'.");
+    expectRefused({"log", "--timeout", "0"},
+                  "sentrelctl: bad usage: --timeout: Value 0 not in range 0.010000 to 3600.000000. "
+                  "See 'sentrelctl log --help'.");
+    expectRefused({"event", "send", "--rating", "2147483648"},
+                  "sentrelctl: bad usage: Could not convert: --rating = 2147483648. "
+                  "See 'sentrelctl event send --help'.");
+    expectRefused({"event", "send", "--repeat", "0"},
+                  "sentrelctl: bad usage: --repeat: Value 0 not in range 1 to 1000000. "
+                  "See 'sentrelctl event send --help'.");
+}
+
+TEST_F(ACommandLine, RefusesAnActionThatIsNone) {
+    expectRefused({"event", "send", "--action", "deny"},
+                  "sentrelctl: bad usage: --action: 'deny' is no action. Use allow, warn, block or a number.");
+}
+
+TEST_F(ACommandLine, RefusesATextLongerThanItsFieldBeforeItConnects) {
+    expectRefused({"event", "send", "--event-id", std::string(16, 'x')},
+                  "sentrelctl: bad usage: --event-id: the text has 16 bytes, the field takes 15. "
+                  "Shorten it, or send the bytes with --raw.");
+}
+
+TEST_F(ACommandLine, RefusesRawBytesTogetherWithAnyField) {
+    for (const char* field :
+         {"--event-id", "--url", "--browser", "--rating", "--action", "--in-list", "--list-blocks",
+          "--blocked-in-category", "--category", "--phishing", "--reputation-reachable", "--count", "--user-action"}) {
+        Captured out;
+        Captured err;
+        EXPECT_EQ(run({"event", "send", "--raw", "/dev/null", field, "1"}, out.output(), err.output(), -1), 2) << field;
+        EXPECT_EQ(err.text(), std::string("sentrelctl: bad usage: ") + field +
+                                  " excludes --raw. See 'sentrelctl event send --help'.\n");
+    }
+}
+
+TEST_F(ACommandLine, RefusesAnEncryptedTextThatIsTooLong) {
+    expectRefused({"decrypt", std::string(1016, 'x')},
+                  "sentrelctl: bad usage: encrypted text: it has 1016 bytes, the daemon takes 1015. "
+                  "Give the text as it was stored.");
+}
+
+} // namespace
+} // namespace Sentrel::ctl

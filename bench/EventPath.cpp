@@ -200,6 +200,7 @@ void measureStorm(Machine& machine, int rounds) {
     const std::uint64_t before = newestId(machine);
     for (int round = 0; round < rounds; ++round) {
         std::vector<std::thread> clients;
+        clients.reserve(kStormClients);
         for (int client = 0; client < kStormClients; ++client) {
             clients.emplace_back([&] { machine.deliver(sampleEvent("http://host.example/storm")); });
         }

@@ -10,7 +10,8 @@ target_include_directories(sentrel_options INTERFACE ${CMAKE_SOURCE_DIR})
 target_compile_options(sentrel_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor -Woverloaded-virtual
     -Wcast-align -Wundef -Wimplicit-fallthrough -Werror
-    -fstack-protector-strong -fno-strict-aliasing)
+    -fstack-protector-strong -fno-strict-aliasing
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>) # GCC 12 sees an overlap in std::string's own operator+
 target_compile_definitions(sentrel_options INTERFACE
     _FILE_OFFSET_BITS=64
     $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>

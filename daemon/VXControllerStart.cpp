@@ -109,7 +109,8 @@ bool VXController::run(const SignalHold& signals) {
     signals.letIn();
     if (!controller->createPidFile()) {
         ST_TRACE(stDaemonFlow, 3, L"VXController::main -  Create PID file returned false. Aborting start\n");
-        return false; // whatever else exists stays: the file on disk is its owner's, and the process is about to end
+        // Whatever else exists stays: the file on disk is its owner's, and the process is about to end.
+        return false; // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): the broker still knows the receiver
     }
     controller->startAgentWrapper();
     signals.letIn();

@@ -77,7 +77,7 @@ void VXLoadTraceValues::releaseInstance() {
     releaseInstanceOf(m_pSelf, m_instanceMutex);
 }
 
-void VXLoadTraceValues::loadTraceValues(std::string path) {
+void VXLoadTraceValues::loadTraceValues(const std::string& path) {
     try {
         xmlDocRef = parseQuietly(path);
         if (xmlDocRef == nullptr) {

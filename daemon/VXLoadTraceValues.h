@@ -24,7 +24,7 @@ public:
 
     /// Assigns the level of each flow that the file names once, and leaves the others as they are. Reports a file that
     /// is missing or not well formed in one line on stderr, as the log may not be open. Does not throw.
-    void loadTraceValues(std::string path);
+    void loadTraceValues(const std::string& path);
 
     /// The number at @p xpath in xmlDocRef. Trailing text is ignored, and no range is checked.
     /// @throws std::exception when there is no such element, more than one, or a number that is out of range.

@@ -188,7 +188,7 @@ bool EventReporter::ShouldSendEvent(const STEventData& event) {
     return event.action != kWarned || event.userAction != 0;
 }
 
-bool EventReporter::isValidUrl(std::string url) {
+bool EventReporter::isValidUrl(const std::string& url) {
     constexpr std::size_t firstPathSlash = 7; // behind "http://"; of longer schemes the second slash counts too
     return url.find('/', firstPathSlash) != std::string::npos ||
            url.find("reports.blockedSiteDSSError") != std::string::npos;

@@ -27,7 +27,7 @@ public:
     bool ShouldSendEvent(const STEventData& event);
 
     /// Whether @p url has a path behind its scheme, or is one of the block page's own reports.
-    bool isValidUrl(std::string url);
+    bool isValidUrl(const std::string& url);
 
     // Each a pure function of the record, with the numbers that the report's reader knows.
     int GetActionInfoID(const STEventData& event);

@@ -2,6 +2,7 @@
 
 #include <boost/locale/utf.hpp>
 
+#include <bit>
 #include <iterator>
 
 namespace HVBEnterprise {
@@ -28,7 +29,7 @@ std::string HvbAgentUtils::wstringToString(const std::wstring& text) {
     std::string out;
     out.reserve(text.size());
     for (const wchar_t c : text) {
-        const auto value = static_cast<utf::code_point>(c);
+        const auto value = std::bit_cast<utf::code_point>(c);
         utf::utf_traits<char>::encode(utf::is_valid_codepoint(value) ? value : replacement, std::back_inserter(out));
     }
     return out;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <iterator>
 
@@ -82,7 +83,7 @@ std::string narrowed(std::wstring_view text) {
     std::string bytes;
     bytes.reserve(text.size());
     for (const wchar_t wide : text) {
-        const auto value = static_cast<std::uint32_t>(wide);
+        const auto value = std::bit_cast<std::uint32_t>(wide);
         if (value >= firstSignExtended) {
             bytes += static_cast<char>(static_cast<unsigned char>(value));
         } else if (utf::is_valid_codepoint(value)) {

@@ -140,6 +140,7 @@ TEST_F(ADaemon, AnswersADecryptRequestWithZerosWithoutAnAgent) {
 TEST_F(ADaemon, LosesNoEventOfTwentyClientsThatConnectAtOnce) {
     constexpr int clients = 20;
     std::vector<std::thread> threads;
+    threads.reserve(clients);
     for (int number = 0; number < clients; ++number) {
         threads.emplace_back(
             [this, number] { machine.deliver(sampleEvent("http://h.example/" + std::to_string(number))); });

@@ -3,12 +3,15 @@
 #include "tests/support/Eventually.h"
 
 #include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <iterator>
 #include <regex>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace testing_support {
 namespace {
@@ -22,8 +25,16 @@ std::string program() {
     return path;
 }
 
-std::vector<std::string> environmentOf(const PrivateRoot& root) {
-    return {"SENTREL_INSTALL_ROOT=" + root.path().string(), "CTL=" + program(), "TERM=xterm"};
+/// A copy of the program that every user can reach: the tree may stand below a directory that is closed to others.
+std::string programForOthers(const PrivateRoot& root) {
+    const std::string copy = root.file("sentrelctl");
+    std::filesystem::copy_file(program(), copy, std::filesystem::copy_options::skip_existing);
+    return copy;
+}
+
+std::vector<std::string> environmentOf(const PrivateRoot& root, std::optional<uid_t> uid = {}) {
+    return {"SENTREL_INSTALL_ROOT=" + root.path().string(), "CTL=" + (uid ? programForOthers(root) : program()),
+            "TERM=xterm"};
 }
 
 /// A file that any user may write, so that a run as another user can be heard.
@@ -53,7 +64,7 @@ ChildProcess start(const PrivateRoot& root, const std::string& prefix, const std
                          prefix + ".out",
                          prefix + ".err"};
     options.arguments.insert(options.arguments.end(), arguments.begin(), arguments.end());
-    options.environment = environmentOf(root);
+    options.environment = environmentOf(root, uid);
     options.uid = uid;
     if (uid) {
         options.gid = static_cast<gid_t>(*uid);
@@ -84,6 +95,15 @@ std::string CtlRun::err() const {
 CtlResult CtlRun::finish() {
     const int code = endOf(m_process);
     return {code, out(), err()};
+}
+
+bool hasTerminals() {
+    const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (terminal < 0) {
+        return false;
+    }
+    close(terminal);
+    return true;
 }
 
 CtlResult ctl(const PrivateRoot& root, const std::vector<std::string>& arguments, const std::string& input,

@@ -45,6 +45,9 @@ CtlResult ctl(const PrivateRoot& root, const std::vector<std::string>& arguments
 /// Runs a command of the shell, in which $CTL is sentrelctl. Its output and error are one. The shell is bash.
 CtlResult shell(const PrivateRoot& root, const std::string& command);
 
+/// Whether this machine has pseudo-terminals; a bare chroot has none. A test that needs one skips itself then.
+bool hasTerminals();
+
 /// What a file holds.
 std::string contentOf(const std::string& path);
 

@@ -1,5 +1,6 @@
 // Where the three signals may land. Real: signals, masks, threads.
 #include "daemon/SignalGate.h"
+#include "tests/support/Eventually.h"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +13,8 @@
 
 using Sentrel::SignalHold;
 using Sentrel::SignalLanding;
+
+using testing_support::eventually;
 
 namespace {
 
@@ -35,18 +38,6 @@ bool isHeld(int signal) {
     sigset_t mask;
     pthread_sigmask(SIG_BLOCK, nullptr, &mask);
     return sigismember(&mask, signal) == 1;
-}
-
-template <class Condition>
-bool eventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
 }
 
 constexpr int kSignals[] = {SIGTERM, SIGHUP, SIGUSR2};

@@ -5,6 +5,7 @@
 #include "daemon/Trace.h"
 #include "hub/Exceptions.h"
 #include "platform/hvbhelpers/HVBHelpers.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/RecordingBroker.h"
 #include "tests/unit/daemon/DaemonRoot.h"
 #include "tests/unit/daemon/LockHolder.h"
@@ -36,18 +37,6 @@ using Lines = std::vector<std::string>;
 Lines operator+(Lines left, const Lines& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
-}
-
-template <class Condition>
-bool eventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
 }
 
 bool traceIsOff() {

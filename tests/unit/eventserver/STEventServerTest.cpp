@@ -5,6 +5,7 @@
 
 #include "daemon/Trace.h"
 #include "events/STEventData.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/RecordingBroker.h"
 #include "tests/support/TraceLog.h"
 #include "tests/unit/daemon/DaemonRoot.h"
@@ -39,18 +40,6 @@ using Sentrel::STEventServer;
 namespace {
 
 using Lines = std::vector<std::string>;
-
-template <class Condition>
-bool eventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 /// A browser component's connection.
 class Client {

@@ -266,7 +266,7 @@ TEST_F(ADaemon, LivesThroughADeadBusAndReportsWhenItIsBack) {
 }
 
 TEST_F(ADaemon, LosesAnEventThatMeetsAStoppedHubWithItsTraceLine) {
-    machine.hub().kill(SIGSTOP);
+    machine.hub().hold();
     machine.deliver(sampleEvent());
     EXPECT_EQ(machine.traced("EventReporter::sendBlockEventToHVB - Exception "), 1U);
     machine.hub().kill(SIGCONT);

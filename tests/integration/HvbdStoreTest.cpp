@@ -122,7 +122,7 @@ TEST_F(AHubsStore, TakesRecordsThatArriveTogetherIntoOneTransactionAndAnswersEac
     start();
     HubClient sender = client();
     constexpr int sent = 40; // the bus allows a client this many calls at once
-    hvbd->kill(SIGSTOP);
+    hvbd->hold();
     std::vector<std::uint64_t> cookies;
     for (int i = 0; i < sent; ++i) {
         std::uint64_t cookie = 0;

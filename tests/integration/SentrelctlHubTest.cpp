@@ -281,7 +281,7 @@ TEST_F(AHubClient, SaysThatTheHubIsNotRunning) {
 }
 
 TEST_F(AHubClient, TimesOutWhenTheHubDoesNotAnswer) {
-    m_hvbd->process().kill(SIGSTOP);
+    m_hvbd->process().hold();
     EXPECT_EQ(use({"log", "--timeout", "0.2"}).code, 3);
     m_bus->stop();
     EXPECT_EQ(use({"log", "--timeout", "0.2"}).code, 3);
@@ -351,7 +351,7 @@ TEST_F(AHubClient, SaysWhoIsThereButDoesNotAnswer) {
     HVB::HVBCommBroker* broker = HVB::HVBCommBroker::getInstance(m_root.hubSocket());
     broker->setHVId(HVB::MODULE_SENTREL);
     broker->start(true);
-    m_hvbd->process().kill(SIGSTOP);
+    m_hvbd->process().hold();
     const CtlResult result = use({"hub", "ping", "--timeout", "0.2"});
     HVB::HVBCommBroker::releaseInstance();
     EXPECT_EQ(result.code, 3);

@@ -110,6 +110,13 @@ void ChildProcess::kill(int signal) {
     }
 }
 
+void ChildProcess::hold() {
+    kill(SIGSTOP);
+    siginfo_t info{};
+    while (waitid(P_PID, static_cast<id_t>(m_pid), &info, WSTOPPED) != 0 && errno == EINTR) {
+    }
+}
+
 std::optional<ExitStatus> ChildProcess::waitUntil(std::chrono::steady_clock::time_point deadline) {
     while (!m_status) {
         using std::chrono::milliseconds;

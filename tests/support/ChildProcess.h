@@ -37,6 +37,9 @@ public:
     /// Sends a signal; nothing when the child has ended.
     void kill(int signal);
 
+    /// Stops it with SIGSTOP and returns when it does not run any more; SIGCONT lets it go on.
+    void hold();
+
     /// Waits for the end. @return how it ended, nothing at the deadline.
     std::optional<ExitStatus> waitUntil(std::chrono::steady_clock::time_point deadline);
 

@@ -30,7 +30,7 @@ public:
     void restart();
 
     /// Holds it up: it keeps its connections and answers nothing until cont.
-    void stop() { m_process->kill(SIGSTOP); }
+    void stop() { m_process->hold(); }
     void cont() { m_process->kill(SIGCONT); }
 
 private:

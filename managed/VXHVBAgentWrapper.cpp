@@ -45,8 +45,8 @@ void VXHVBAgentWrapper::loadOAPlugins() {
 
 void VXHVBAgentWrapper::unloadOAPlugins() {
     ST_TRACE(mgsFlow, 5, L"VXHVBAgentWrapper::unloadOAPlugins - Entered\n");
-    if (m_pAgent != nullptr) {
-        m_pAgent->releaseInstance();
+    if (HVBEnterprise::MsgBusEnterpriseAgent* agent = m_pAgent; agent != nullptr) {
+        agent->releaseInstance();
     }
 }
 
@@ -60,7 +60,8 @@ void VXHVBAgentWrapper::updateManagedStatus() {
     ST_TRACE(mgsFlow, 5, L"VXHVBAgentWrapper::updateManagedStatus - Entered\n");
     std::wstring wideAnswer;
     std::string answer;
-    if (m_pAgent != nullptr && m_pAgent->getAgentInformation(kManagedStatus, wideAnswer)) {
+    HVBEnterprise::MsgBusEnterpriseAgent* agent = m_pAgent;
+    if (agent != nullptr && agent->getAgentInformation(kManagedStatus, wideAnswer)) {
         answer = HVBEnterprise::HvbAgentUtils::wstringToString(wideAnswer);
     }
     if (answer == "1" || answer == "2") {
@@ -76,11 +77,12 @@ void VXHVBAgentWrapper::updateManagedStatus() {
 std::string VXHVBAgentWrapper::decrpytPass(std::string encPass) {
     ST_TRACE(mgsFlow, 5, L"VXHVBAgentWrapper::decrpytPass - Entered\n");
     std::string clearText;
-    if (m_pAgent == nullptr) {
+    HVBEnterprise::MsgBusEnterpriseAgent* agent = m_pAgent;
+    if (agent == nullptr) {
         return clearText;
     }
     try {
-        m_pAgent->decryptMessage(encPass, kPasswordMessage, clearText);
+        agent->decryptMessage(encPass, kPasswordMessage, clearText);
     } catch (...) {
         ST_TRACE(mgsFlow, 5, L"VXHVBAgentWrapper - Exception caught in decrpytPass\n");
     }

@@ -5,6 +5,7 @@
 
 #include <boost/thread/mutex.hpp>
 
+#include <atomic>
 #include <string>
 
 namespace Sentrel {
@@ -43,10 +44,11 @@ public:
 private:
     VXHVBAgentWrapper();
 
-    HVBEnterprise::MsgBusEnterpriseAgent* m_pAgent = nullptr; // the library's
-    bool m_bManaged = false;
-    bool m_bManagedKnown = false; // never set, so that every dashboard request refreshes the status
-    bool m_bPolicyReceived = false;
+    // Read and written on any thread, without a lock.
+    std::atomic<HVBEnterprise::MsgBusEnterpriseAgent*> m_pAgent{nullptr}; // the library's
+    std::atomic<bool> m_bManaged{false};
+    std::atomic<bool> m_bManagedKnown{false}; // never set, so that every dashboard request refreshes the status
+    std::atomic<bool> m_bPolicyReceived{false};
 
     static VXHVBAgentWrapper* m_pSelf;
     static boost::mutex m_instanceMutex;

@@ -234,8 +234,11 @@ TEST_F(AnEventClient, SendsRawBytesOfAnyLengthAsTheyAre) {
     }
     for (const std::string& bytes : {""s, "x"s, "\0\n\xFF"s, big}) {
         std::string heard = "nothing";
-        EventListener listener(socketPath(), [&](Served& served) { heard = served.read(std::max(bytes.size(), 1UL)); });
-        const CtlResult result = use({"event", "send", "--raw", "-"}, bytes);
+        const CtlResult result = [&] { // the listener's thread has ended when this is done
+            EventListener listener(socketPath(),
+                                   [&](Served& served) { heard = served.read(std::max(bytes.size(), 1UL)); });
+            return use({"event", "send", "--raw", "-"}, bytes);
+        }();
         EXPECT_EQ(result.code, 0) << result.err;
         EXPECT_EQ(heard, bytes);
         ::unlink(socketPath().c_str());

@@ -108,9 +108,10 @@ bool VXController::run(const SignalHold& signals) {
     ST_TRACE(stDaemonFlow, 3, L"VXController::main - started tracing\n");
     signals.letIn();
     if (!controller->createPidFile()) {
-        ST_TRACE(stDaemonFlow, 3, L"VXController::main -  Create PID file returned false. Aborting start\n");
         // Whatever else exists stays: the file on disk is its owner's, and the process is about to end.
-        return false; // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks): the broker still knows the receiver
+        // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): the broker still knows the receiver
+        ST_TRACE(stDaemonFlow, 3, L"VXController::main -  Create PID file returned false. Aborting start\n");
+        return false;
     }
     controller->startAgentWrapper();
     signals.letIn();

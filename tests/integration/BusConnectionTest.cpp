@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -103,12 +104,18 @@ TEST_F(AConnectionToABus, IsGivenUpAtTheDeadlineWhenTheListenQueueOfAHeldUpBusIs
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     m_bus.socketPath().copy(address.sun_path, sizeof address.sun_path - 1);
-    int result = 0;
-    while (result == 0 && knocking.size() < 500) {
+    int error = 0;
+    rlimit files{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &files), 0);
+    files.rlim_cur = files.rlim_max; // the queue is as long as the system's somaxconn
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &files), 0);
+    constexpr std::size_t longest = 10'000;
+    while (error == 0 && knocking.size() < longest) {
         knocking.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        result = ::connect(knocking.back(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        const int result = ::connect(knocking.back(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        error = result == 0 ? 0 : errno;
     }
-    EXPECT_EQ(errno, EAGAIN);
+    ASSERT_EQ(error, EAGAIN) << "after " << knocking.size() << " connections";
     EXPECT_EQ(codeOf([&] { openBus(m_bus.socketPath(), soon()); }), -ETIMEDOUT);
     m_bus.cont();
     EXPECT_NE(openBus(m_bus.socketPath(), patience()), nullptr);

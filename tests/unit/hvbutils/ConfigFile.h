@@ -1,0 +1,64 @@
+// A configuration file in a directory of the test's own.
+#pragma once
+
+#include "platform/hvbutils/LibXmlWrapper.h"
+#include "tests/support/PrivateRoot.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+inline constexpr const char* kLevel = "/HVConfiguration/LogLevel";
+
+/// Threads: the test's. Owner: gtest.
+class AConfigFile : public testing::Test {
+protected:
+    AConfigFile() {
+        std::filesystem::create_directory(directory);
+        write("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<HVConfiguration>\n"
+              "    <SyslogEnable>true</SyslogEnable>\n    <LogLevel>information</LogLevel>\n"
+              "    <PatchVersion></PatchVersion>\n    <Hotfixes> </Hotfixes>\n</HVConfiguration>\n");
+    }
+
+    void write(const std::string& content) const { std::ofstream(path, std::ios::binary) << content; }
+    void writeInside(const std::string& elements) const {
+        write("<HVConfiguration>" + elements + "</HVConfiguration>\n");
+    }
+
+    std::string content() const {
+        std::ostringstream text;
+        text << std::ifstream(path, std::ios::binary).rdbuf();
+        return text.str();
+    }
+
+    /// What an element of the file says, as a reader that comes now finds it.
+    std::string value(const char* xpath = kLevel) const { return LibXmlWrapper(path).getXPathStringValue(xpath); }
+
+    bool save(const char* newValue) const {
+        LibXmlWrapper file(path);
+        file.setXPathElement(kLevel, newValue);
+        return file.SaveToFile(path.c_str());
+    }
+
+    /// Why the file as it is now is refused.
+    std::string refusal() const {
+        try {
+            const LibXmlWrapper file(path);
+        } catch (const LibXmlError& error) {
+            return error.what();
+        }
+        return "accepted";
+    }
+
+    std::size_t filesInDirectory() const {
+        const std::filesystem::directory_iterator files(directory);
+        return static_cast<std::size_t>(std::distance(begin(files), end(files)));
+    }
+
+    testing_support::PrivateRoot root;
+    const std::string directory = root.file("c");
+    const std::string path = directory + "/HVConfig.xml";
+};

@@ -1,0 +1,213 @@
+// Saving a configuration file: whole or not at all. Real: files, users, kill -9, a limit on the size of files.
+#include "platform/hvbutils/FileReplacement.h"
+
+#include "platform/hvbutils/LibXmlWrapper.h"
+#include "tests/support/AsUser.h"
+#include "tests/support/Eventually.h"
+#include "tests/unit/hvbutils/ConfigFile.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <thread>
+
+using testing_support::asUser;
+using testing_support::kNobody;
+using testing_support::kNogroup;
+using testing_support::PrivateRoot;
+
+namespace {
+
+struct stat factsOf(const std::string& path) {
+    struct stat facts {};
+    EXPECT_EQ(lstat(path.c_str(), &facts), 0);
+    return facts;
+}
+
+/// A child process that does @p work and ends; killed when the test's process ends.
+pid_t inChild(const std::function<int()>& work) {
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        _exit(work());
+    }
+    return child;
+}
+
+int statusOf(pid_t child) {
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return status;
+}
+
+TEST_F(AConfigFile, IsReplacedAndLeavesNothingBesideIt) {
+    const auto before = factsOf(path).st_ino;
+    ASSERT_TRUE(save("debug"));
+    EXPECT_EQ(value(), "debug");
+    EXPECT_NE(factsOf(path).st_ino, before);
+    EXPECT_EQ(filesInDirectory(), 1u);
+}
+
+TEST_F(AConfigFile, IsSavedByANameWithoutADirectory) {
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(directory);
+    EXPECT_TRUE(replaceFile("HVConfig.xml", "new"));
+    std::filesystem::current_path(before);
+    EXPECT_EQ(content(), "new");
+}
+
+TEST_F(AConfigFile, IsNotSavedWhereThereIsNone) {
+    const LibXmlWrapper file(path);
+    std::filesystem::remove(path);
+    for (const char* target : {path.c_str(), "/nowhere/at/all.xml", "", "/", directory.c_str()}) {
+        EXPECT_FALSE(file.SaveToFile(target)) << target;
+    }
+    EXPECT_FALSE(file.SaveToFile(nullptr));
+    EXPECT_EQ(filesInDirectory(), 0u);
+}
+
+TEST_F(AConfigFile, IsNotSavedOverALinkADirectoryOrAPipe) {
+    const LibXmlWrapper file(path);
+    const std::string real = directory + "/real.xml";
+    std::filesystem::rename(path, real);
+    const std::string before = LibXmlWrapper(real).getXPathStringValue(kLevel);
+    std::filesystem::create_symlink(real, path);
+    EXPECT_FALSE(file.SaveToFile(path.c_str()));
+    EXPECT_TRUE(std::filesystem::is_symlink(path));
+    std::filesystem::remove(path);
+    std::filesystem::create_directory(path);
+    EXPECT_FALSE(file.SaveToFile(path.c_str()));
+    EXPECT_TRUE(std::filesystem::is_directory(path));
+    std::filesystem::remove(path);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_FALSE(file.SaveToFile(path.c_str()));
+    EXPECT_TRUE(std::filesystem::is_fifo(path));
+    EXPECT_EQ(LibXmlWrapper(real).getXPathStringValue(kLevel), before);
+    EXPECT_EQ(filesInDirectory(), 2u);
+}
+
+TEST_F(AConfigFile, KeepsItsModeWhateverTheUmask) {
+    for (const mode_t mask : {0000U, 0022U, 0077U}) {
+        const mode_t before = umask(mask);
+        for (const mode_t mode : {0600U, 0644U, 0640U, 0664U, 0400U}) {
+            ASSERT_EQ(chmod(path.c_str(), mode), 0);
+            EXPECT_TRUE(replaceFile(path, "new"));
+            EXPECT_EQ(factsOf(path).st_mode & 07777, mode);
+        }
+        umask(before);
+    }
+}
+
+class AConfigFileOfAnother : public AConfigFile {
+protected:
+    void SetUp() override {
+        if (!testing_support::canActAsOthers()) {
+            GTEST_SKIP() << "needs root, to act as a second user";
+        }
+    }
+
+    std::string savedAs(uid_t uid, gid_t gid, const std::vector<gid_t>& groups) const {
+        return asUser(uid, gid, groups, [this] { return save("debug") ? "saved" : "failed"; });
+    }
+};
+
+TEST_F(AConfigFileOfAnother, KeepsItsOwnerWhenRootSaves) {
+    PrivateRoot::giveTo(path, kNobody, kNogroup);
+    ASSERT_TRUE(save("debug"));
+    EXPECT_EQ(factsOf(path).st_uid, kNobody);
+    EXPECT_EQ(factsOf(path).st_gid, kNogroup);
+}
+
+TEST_F(AConfigFileOfAnother, BecomesTheWritersAndKeepsItsGroupWhereTheWriterIsInIt) {
+    constexpr gid_t shared = 4242;
+    PrivateRoot::giveTo(directory, kNobody, kNogroup);
+    PrivateRoot::giveTo(path, 0, shared);
+    ASSERT_EQ(chmod(path.c_str(), 0644), 0);
+    ASSERT_EQ(savedAs(kNobody, kNogroup, {shared}), "saved");
+    EXPECT_EQ(factsOf(path).st_uid, kNobody);
+    EXPECT_EQ(factsOf(path).st_gid, shared);
+    EXPECT_EQ(factsOf(path).st_mode & 07777, 0644u);
+    PrivateRoot::giveTo(path, 0, 0);
+    writeInside("<LogLevel/>");
+    ASSERT_EQ(savedAs(kNobody, kNogroup, {}), "saved");
+    EXPECT_EQ(factsOf(path).st_gid, kNogroup);
+    EXPECT_EQ(value(), "debug");
+}
+
+TEST_F(AConfigFileOfAnother, StaysAsItWasWhenItsDirectoryIsClosedToTheWriter) {
+    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+    EXPECT_EQ(savedAs(kNobody, kNogroup, {}), "failed");
+    EXPECT_EQ(value(), "information");
+    EXPECT_EQ(filesInDirectory(), 1u);
+}
+
+TEST_F(AConfigFile, StaysAsItWasWhenTheDiskTakesNoMore) {
+    const std::string before = content();
+    const pid_t child = inChild([this] {
+        const LibXmlWrapper file(path);
+        constexpr rlimit aFewBytes{100, 100};
+        std::signal(SIGXFSZ, SIG_IGN);
+        return setrlimit(RLIMIT_FSIZE, &aFewBytes) == 0 && !file.SaveToFile(path.c_str()) ? 0 : 1;
+    });
+    EXPECT_EQ(statusOf(child), 0);
+    EXPECT_EQ(content(), before);
+    EXPECT_EQ(filesInDirectory(), 1u);
+}
+
+TEST_F(AConfigFile, IsWholeForEveryReaderWhileItIsSaved) {
+    std::atomic<bool> done{false};
+    std::atomic<int> reads{0};
+    const auto read = [&] {
+        while (!done) {
+            const std::string level = value();
+            EXPECT_TRUE(level == "information" || level == std::string(20000, 'x') || level == "y") << level;
+            ++reads;
+        }
+    };
+    std::thread first(read);
+    std::thread second(read);
+    for (int round = 0; round < 200; ++round) {
+        EXPECT_TRUE(save(round % 2 == 0 ? std::string(20000, 'x').c_str() : "y"));
+    }
+    EXPECT_TRUE(testing_support::eventually([&] { return reads > 0; }));
+    done = true;
+    first.join();
+    second.join();
+    EXPECT_EQ(filesInDirectory(), 1u);
+}
+
+/// Saves without end, each time another text.
+int saveForEver(const std::string& path) {
+    for (int round = 0;; ++round) {
+        LibXmlWrapper file(path);
+        file.setXPathElement(kLevel, std::string(10000, round % 2 == 0 ? 'x' : 'y').c_str());
+        if (!file.SaveToFile(path.c_str())) {
+            return 1;
+        }
+    }
+}
+
+TEST_F(AConfigFile, IsWholeAfterAKillInTheMiddleOfASaveAndCanBeSavedAgain) {
+    constexpr int kills = 40;
+    for (int round = 0; round < kills; ++round) {
+        const auto before = factsOf(path).st_ino;
+        const pid_t child = inChild([this] { return saveForEver(path); });
+        EXPECT_TRUE(testing_support::eventually([&] { return factsOf(path).st_ino != before; }));
+        kill(child, SIGKILL);
+        const int status = statusOf(child);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+        EXPECT_EQ(value().size(), 10000u);
+    }
+    EXPECT_TRUE(save("debug"));
+    EXPECT_EQ(value(), "debug");
+    EXPECT_EQ(factsOf(path).st_nlink, 1u);
+}
+
+} // namespace

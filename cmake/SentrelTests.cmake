@@ -29,6 +29,7 @@ function(sentrel_test name)
     endif()
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
+        NO_PRETTY_VALUES
         TEST_PREFIX "${name}:"
         TEST_LIST ${name}-tests
         PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS ${label})

@@ -1,11 +1,9 @@
 #include "events/NPlgHelper.h"
 
-#include "daemon/Paths.h"
 #include "platform/consoleuser/ConsoleUser.h"
 
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <memory>
 
@@ -106,12 +104,6 @@ std::string GetCurrentUser() {
     } catch (...) {
         return {};
     }
-}
-
-bool GetUserDBPath(char* buffer, unsigned long /*size*/) {
-    const std::string path = Sentrel::paths::settingsFile();
-    std::memcpy(buffer, path.c_str(), path.size() + 1);
-    return true;
 }
 
 void SetIsSafari(bool isSafari) {

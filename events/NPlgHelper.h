@@ -2,6 +2,7 @@
 // questions about the machine.
 #pragma once
 
+#include "events/ClassComp.h"
 #include "events/STEventData.h"
 
 #include <array>
@@ -15,12 +16,6 @@ namespace NPlgHelper {
 /// Action for each rating name and for "PHISHING" and "RPXUNREACHABLE"; the values are "ALLOW", "WARN" and "BLOCK".
 /// Reading goes through the subscript operator, so a key that is missing is added with an empty value.
 using RateActionMap = std::map<std::string, std::string>;
-
-/// Orders nothing: every key is equivalent to every other. A multimap with it keeps the order of insertion and all
-/// duplicates, which makes the allow/block list an ordered list with a map's interface.
-struct classcomp {
-    bool operator()(const std::string& /*left*/, const std::string& /*right*/) const { return false; }
-};
 
 /// Decides what happens to a URL and writes the action field: 1 allow, 2 warn, 3 block.
 void GetURLAction(STEventData& event, RateActionMap& rateAction);

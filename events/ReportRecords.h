@@ -5,23 +5,9 @@
 
 #include <boost/serialization/map.hpp>
 #include <boost/serialization/string.hpp>
-#include <boost/serialization/version.hpp>
 #include <cstdint>
 #include <map>
 #include <string>
-
-namespace HVB::detail {
-
-/// Refuses, on reading, a record of a later class version than this reader's: it would be misread. The archive library
-/// does not look. @throws boost::archive::archive_exception.
-template <class Record, class Archive>
-void refuseLaterVersion(unsigned int version) {
-    if (Archive::is_loading::value && version > boost::serialization::version<Record>::value) {
-        throw boost::archive::archive_exception(boost::archive::archive_exception::unsupported_class_version);
-    }
-}
-
-} // namespace HVB::detail
 
 /// The short record of a report.
 /// Threads: one at a time. Owner: whoever built it.

@@ -143,4 +143,19 @@ void load_access::load_primitive<text_wiarchive, serialization::collection_size_
     }
 }
 
+template <>
+void load_access::load_primitive<text_wiarchive, tracking_type>(text_wiarchive& archive, tracking_type& isTracked) {
+    archive.load(isTracked);
+    if (HVB::detail::ArchiveSource::of(archive).stream != nullptr && std::as_const(isTracked)) {
+        HVB::refuseInput();
+    }
+}
+
+template <>
+void save_access::save_primitive<text_woarchive, std::string>(text_woarchive& archive, const std::string& text) {
+    std::wstring wide(text.size(), L'\0');
+    std::use_facet<std::ctype<wchar_t>>(HVB::byteLocale()).widen(text.data(), text.data() + text.size(), wide.data());
+    archive.save(wide);
+}
+
 } // namespace boost::archive

@@ -6,6 +6,7 @@
 #include <boost/archive/text_wiarchive.hpp>
 #include <boost/archive/text_woarchive.hpp>
 #include <boost/serialization/collection_size_type.hpp>
+#include <boost/serialization/version.hpp>
 #include <cstddef>
 #include <istream>
 #include <locale>
@@ -27,7 +28,7 @@ std::unique_ptr<std::wstringstream> makeOutStream(std::ios_base::openmode mode, 
 std::unique_ptr<std::wstringstream> makeInStream(std::wstring text);
 
 /// An archive reader over @p stream whose strings and containers are refused, before anything is allocated for them,
-/// when the rest of the text cannot hold them. @p stream must outlive the reader.
+/// when the rest of the text cannot hold them. A tracked record is refused too. @p stream must outlive the reader.
 /// @throws boost::archive::archive_exception when the text does not begin like an archive that can be read.
 std::unique_ptr<boost::archive::text_wiarchive> makeInArchive(std::wistream& stream);
 
@@ -43,10 +44,21 @@ struct ArchiveSource {
     std::size_t readLength(boost::archive::text_wiarchive& archive);
 };
 
+/// Refuses, on reading, a record of a later class version than this reader's: it would be misread. The archive library
+/// does not look. @throws boost::archive::archive_exception.
+template <class Record, class Archive>
+void refuseLaterVersion(unsigned int version) {
+    if (Archive::is_loading::value && version > boost::serialization::version<Record>::value) {
+        throw boost::archive::archive_exception(boost::archive::archive_exception::unsupported_class_version);
+    }
+}
+
 } // namespace detail
 } // namespace HVB
 
-// These three are the places at which the archive library believes a number that came from outside.
+// These are the places at which the archive library believes a number that came from outside. Nobody writes a tracked
+// record; in a text that claims to hold one, elements of a container could be back references of two characters each,
+// and records that are not there.
 namespace boost::archive {
 
 template <>
@@ -58,5 +70,12 @@ void load_access::load_primitive<text_wiarchive, std::string>(text_wiarchive& ar
 template <>
 void load_access::load_primitive<text_wiarchive, serialization::collection_size_type>(
     text_wiarchive& archive, serialization::collection_size_type& count);
+
+template <>
+void load_access::load_primitive<text_wiarchive, tracking_type>(text_wiarchive& archive, tracking_type& isTracked);
+
+/// Writes what the library itself writes, in one go in place of character by character.
+template <>
+void save_access::save_primitive<text_woarchive, std::string>(text_woarchive& archive, const std::string& text);
 
 } // namespace boost::archive

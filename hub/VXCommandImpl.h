@@ -2,13 +2,21 @@
 #pragma once
 
 #include "hub/HVBInterfaces.h"
+#include "hub/HVBMessages.h"
 #include "hub/HubIds.h"
 
 namespace Sentrel {
 
-/// Receives the hub commands for this module. No command has a handler yet, so each is refused as unknown, which its
-/// sender learns at once.
-/// Threads: broker threads, several at a time; it holds no state. Owner: VXController::main.
+/// Receives the hub commands for this module and answers them.
+///
+/// A reply carries the header of its command. A preference that could not be set is told by the STError in the payload
+/// while both flags stay true; only a request for a preference that there is not is answered with m_bSucceeded false.
+/// Whole commands signal the change whatever became of it, individual ones only on success.
+///
+/// What is thrown while a payload is read, or by the controller or the broker outside a set, leaves handleCommand: the
+/// broker tells the sender.
+/// Threads: broker threads, several at a time; it holds no state. A set is not atomic: a get that runs at the same time
+/// may see a part of it. Owner: VXController::main.
 class VXCommandImpl : public HVB::CommandInterface {
 public:
     VXCommandImpl();
@@ -16,10 +24,25 @@ public:
     VXCommandImpl(const VXCommandImpl&) = delete;
     VXCommandImpl& operator=(const VXCommandImpl&) = delete;
 
+    /// @return false for an unknown command, which is not answered. Otherwise the reply was sent.
     bool handleCommand(HVB::CommandData& data) override;
 
     /// Only traces: the daemon waits for the result of the one command it sends.
     void handleCommandResponse(HVB::CommandResult& result) override;
+
+protected:
+    /// Answers with @p error and m_bSucceeded false.
+    void sendCommandError(HVB::CommandData& data, STError error);
+
+private:
+    struct Route;
+    static const Route* routeOf(int commandId);
+
+    void handleGetPrefs(HVB::CommandData& data);
+    void handleSetPrefs(HVB::CommandData& data);
+    void handleResetPrefs(HVB::CommandData& data);
+    void handleGetPrefIndividual(HVB::CommandData& data);
+    void handleSetPrefIndividual(HVB::CommandData& data);
 };
 
 } // namespace Sentrel

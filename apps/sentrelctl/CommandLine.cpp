@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <exception>
+#include <fmt/format.h>
 #include <unistd.h>
 
 namespace Sentrel::ctl {
@@ -142,7 +143,8 @@ CLI::App& addVerb(CLI::App& parent, const std::string& name, const std::string& 
 void addTimeout(CLI::App& verb, double& seconds) {
     constexpr double shortest = 0.01;
     constexpr double longest = 3600;
-    verb.add_option("--timeout", seconds, "How long to wait for an answer, in seconds (default 5)")
+    verb.add_option("--timeout", seconds,
+                    fmt::format("How long to wait for an answer, in seconds (default {:g})", seconds))
         ->option_text("SECONDS")
         ->check(CLI::Range(shortest, longest));
 }

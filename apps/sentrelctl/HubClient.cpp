@@ -1,6 +1,7 @@
 #include "apps/sentrelctl/HubClient.h"
 
 #include "apps/sentrelctl/Session.h"
+#include "hub/HubIds.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 
 #include <array>
@@ -35,25 +36,36 @@ std::vector<StoredRecord> readRecords(sd_bus_message& reply) {
     return records;
 }
 
-bool hubHasGone(sd_bus_message& message) {
+/// Who left the bus according to @p message; null when nobody did.
+const char* whoHasGone(sd_bus_message& message) {
     if (sd_bus_message_is_signal(&message, kBusName, "NameOwnerChanged") <= 0) {
-        return false;
+        return nullptr;
     }
     const char* name = nullptr;
     const char* before = nullptr;
     const char* now = nullptr;
-    return sd_bus_message_read(&message, "sss", &name, &before, &now) > 0 &&
-           std::string_view(name) == HVB::bus::kHubName && *now == '\0';
+    if (sd_bus_message_read(&message, "sss", &name, &before, &now) <= 0 || *now != '\0') {
+        return nullptr;
+    }
+    if (name == HVB::bus::moduleName(HVB::MODULE_SENTREL)) {
+        return "sentreld";
+    }
+    return std::string_view(name) == HVB::bus::kHubName ? "hvbd" : nullptr;
 }
 
-/// Throws when @p message says that the bus or the hub has gone.
+/// Throws when @p message says that the bus or somebody on it has gone.
 void refuseFarewell(sd_bus_message& message) {
-    if (hubHasGone(message)) {
-        throw HVB::HVBException(-EHOSTUNREACH, "hvbd has left the bus");
+    if (const char* who = whoHasGone(message); who != nullptr) {
+        throw HVB::HVBException(-EHOSTUNREACH, std::string(who) + " has left the bus");
     }
     if (sd_bus_message_is_signal(&message, "org.freedesktop.DBus.Local", "Disconnected") > 0) {
         throw HVB::HVBException(-ECONNRESET, "the bus has closed the connection");
     }
+}
+
+std::string matchOfOwner(const std::string& name) {
+    return std::string("type='signal',sender='") + kBusName + "',interface='" + kBusName +
+           "',member='NameOwnerChanged',arg0='" + name + "'";
 }
 
 } // namespace
@@ -103,40 +115,63 @@ void HubClient::subscribeToLog() {
     // Without the sender's name a match hears everybody on the bus.
     addMatch(std::string("type='signal',sender='") + HVB::bus::kHubName + "',interface='" + HVB::bus::kHubInterface +
              "',member='" + HVB::bus::kLogStoredMember + "'");
-    addMatch(std::string("type='signal',sender='") + kBusName + "',interface='" + kBusName +
-             "',member='NameOwnerChanged',arg0='" + HVB::bus::kHubName + "'");
+    addMatch(matchOfOwner(HVB::bus::kHubName));
+}
+
+void HubClient::subscribeToFarewell() {
+    addMatch(matchOfOwner(HVB::bus::kHubName));
+    addMatch(matchOfOwner(HVB::bus::moduleName(HVB::MODULE_SENTREL)));
+}
+
+/// Deals with what has arrived. @return false when nothing has and a wait is due.
+bool HubClient::takeMessage(bool& isStored) {
+    sd_bus_message* received = nullptr;
+    const int more = sd_bus_process(m_bus.get(), &received);
+    const HVB::bus::MessagePtr message(received);
+    check(more, "listening to the hub");
+    if (message) {
+        refuseFarewell(*message);
+        isStored = isStored ||
+                   sd_bus_message_is_signal(message.get(), HVB::bus::kHubInterface, HVB::bus::kLogStoredMember) > 0;
+    }
+    return more > 0;
 }
 
 HubClient::Wake HubClient::waitForRecord(int stopFd, int outputFd) {
-    bool isStored = false;
-    for (;;) {
-        sd_bus_message* received = nullptr;
-        const int more = sd_bus_process(m_bus.get(), &received);
-        const HVB::bus::MessagePtr message(received);
-        check(more, "listening to the hub");
-        if (message) {
-            refuseFarewell(*message);
-            isStored = isStored ||
-                       sd_bus_message_is_signal(message.get(), HVB::bus::kHubInterface, HVB::bus::kLogStoredMember) > 0;
+    constexpr int noBell = -1;
+    for (bool isStored = false;;) {
+        if (takeMessage(isStored)) {
+            continue;
         }
-        if (more == 0 && isStored) {
+        if (isStored) {
             return Wake::Record;
         }
-        if (more == 0) {
-            if (const std::optional<Wake> wake = waitForInput(stopFd, outputFd); wake) {
-                return *wake;
-            }
+        if (const std::optional<Wake> wake = waitForInput(noBell, stopFd, outputFd); wake) {
+            return *wake;
         }
     }
 }
 
-std::optional<HubClient::Wake> HubClient::waitForInput(int stopFd, int outputFd) {
+HubClient::Wake HubClient::waitForBell(int bellFd, int stopFd, int outputFd) {
+    for (bool isStored = false;;) {
+        if (takeMessage(isStored)) {
+            continue;
+        }
+        if (const std::optional<Wake> wake = waitForInput(bellFd, stopFd, outputFd); wake) {
+            return *wake;
+        }
+    }
+}
+
+std::optional<HubClient::Wake> HubClient::waitForInput(int bellFd, int stopFd, int outputFd) {
     const int events = sd_bus_get_events(m_bus.get());
     check(events, "listening to the hub");
     constexpr int forEver = -1;
     // No event is asked of the output: poll always tells when its reader has gone.
-    std::array<pollfd, 3> waiting{
-        {{sd_bus_get_fd(m_bus.get()), static_cast<short>(events), 0}, {stopFd, POLLIN, 0}, {outputFd, 0, 0}}};
+    std::array<pollfd, 4> waiting{{{sd_bus_get_fd(m_bus.get()), static_cast<short>(events), 0},
+                                   {stopFd, POLLIN, 0},
+                                   {outputFd, 0, 0},
+                                   {bellFd, POLLIN, 0}}};
     while (::poll(waiting.data(), waiting.size(), forEver) < 0) {
         if (errno != EINTR) {
             check(-errno, "waiting for the hub");
@@ -145,7 +180,10 @@ std::optional<HubClient::Wake> HubClient::waitForInput(int stopFd, int outputFd)
     if (waiting[1].revents != 0) {
         return Wake::Stop;
     }
-    return waiting[2].revents != 0 ? std::optional(Wake::OutputGone) : std::nullopt;
+    if (waiting[2].revents != 0) {
+        return Wake::OutputGone;
+    }
+    return waiting[3].revents != 0 ? std::optional(Wake::Bell) : std::nullopt;
 }
 
 } // namespace Sentrel::ctl

@@ -34,8 +34,12 @@ public:
     /// From now on the hub's word of new records is kept until it is asked for.
     void subscribeToLog();
 
+    /// From now on it is noticed when the hub or sentreld leaves the bus.
+    void subscribeToFarewell();
+
     enum class Wake {
         Record,     ///< a record was stored
+        Bell,       ///< the bell's descriptor can be read
         Stop,       ///< the stop descriptor can be read
         OutputGone, ///< nobody reads the output any more
     };
@@ -45,12 +49,17 @@ public:
     /// @throws HVB::HVBException when the bus or the hub has gone.
     Wake waitForRecord(int stopFd, int outputFd);
 
+    /// Waits until @p bellFd can be read. Requires subscribeToFarewell.
+    /// @throws HVB::HVBException when the bus, the hub or sentreld has gone.
+    Wake waitForBell(int bellFd, int stopFd, int outputFd);
+
 private:
     HVB::bus::Deadline deadline() const;
     std::chrono::microseconds timedCall(const std::string& name, const std::string& path, const char* interface,
                                         const char* member);
     void addMatch(const std::string& rule);
-    std::optional<Wake> waitForInput(int stopFd, int outputFd);
+    bool takeMessage(bool& isStored);
+    std::optional<Wake> waitForInput(int bellFd, int stopFd, int outputFd);
 
     double m_timeout;
     HVB::bus::BusPtr m_bus;

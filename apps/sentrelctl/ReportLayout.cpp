@@ -1,10 +1,11 @@
 // Words for codes are given only where the meaning of a code is known; other codes are shown as they are.
 #include "apps/sentrelctl/ReportLayout.h"
+
+#include "apps/sentrelctl/Times.h"
 #include "platform/text/PrintableText.h"
 
 #include <algorithm>
 #include <array>
-#include <ctime>
 #include <fmt/format.h>
 #include <string_view>
 
@@ -52,32 +53,6 @@ std::string valueOf(const DetailReportData::Attributes& pairs, const wchar_t* ke
 std::string valueOf(const DetailReportData::Information& pairs, const wchar_t* key) {
     const auto found = pairs.lower_bound(key);
     return found != pairs.end() && found->first == key ? printable(narrowed(found->second)) : std::string();
-}
-
-constexpr std::int64_t kMicroseconds = 1000000;
-
-/// The whole seconds of a time in microseconds, rounded down also before the epoch.
-std::int64_t wholeSeconds(std::int64_t microseconds) {
-    return microseconds / kMicroseconds - (microseconds % kMicroseconds < 0 ? 1 : 0);
-}
-
-std::string formatted(const std::tm& time, const char* format) {
-    std::array<char, 64> text{};
-    return {text.data(), std::strftime(text.data(), text.size(), format, &time)};
-}
-
-std::string localTime(std::int64_t microseconds) {
-    const std::time_t seconds = wholeSeconds(microseconds);
-    std::tm time{};
-    ::localtime_r(&seconds, &time);
-    return formatted(time, "%Y-%m-%d %H:%M:%S %z");
-}
-
-std::string utcTime(std::int64_t microseconds) {
-    const std::time_t seconds = wholeSeconds(microseconds);
-    std::tm time{};
-    ::gmtime_r(&seconds, &time);
-    return formatted(time, "%Y-%m-%dT%H:%M:%S") + fmt::format(".{:06}Z", microseconds - seconds * kMicroseconds);
 }
 
 /// The text of one report while it grows.

@@ -1,5 +1,5 @@
-// What every verb is given, and how a verb is made known. A verb is one source file with one registration function:
-// it adds its subcommand with its options, and sets Session::chosen when it is the one that was asked for.
+// What every verb is given, and how a verb is made known. A verb, or a group of small ones, is one source file with one
+// registration function: it adds its subcommands with their options, and sets Session::chosen when one was asked for.
 #pragma once
 
 #include "apps/sentrelctl/Output.h"
@@ -31,9 +31,17 @@ void registerEventSend(CLI::App& app, Session& session);
 void registerDecrypt(CLI::App& app, Session& session);
 void registerLog(CLI::App& app, Session& session);
 void registerHubPing(CLI::App& app, Session& session);
+void registerPrefs(CLI::App& app, Session& session);
+void registerList(CLI::App& app, Session& session);
+void registerListFiles(CLI::App& app, Session& session);
+void registerCategories(CLI::App& app, Session& session);
+void registerWatch(CLI::App& app, Session& session);
+void registerSettings(CLI::App& app, Session& session);
 
 /// In the order in which the help lists them.
-inline constexpr std::array<RegisterVerb, 4> kVerbs{registerEventSend, registerDecrypt, registerLog, registerHubPing};
+inline constexpr std::array<RegisterVerb, 10> kVerbs{
+    registerEventSend, registerDecrypt,   registerLog,        registerHubPing, registerPrefs,
+    registerList,      registerListFiles, registerCategories, registerWatch,   registerSettings};
 
 /// The subcommand that groups verbs on one subject, made by whichever of them comes first.
 CLI::App& verbGroup(CLI::App& app, const std::string& name, const std::string& description);
@@ -46,7 +54,7 @@ CLI::App& addVerb(CLI::App& parent, const std::string& name, const std::string& 
 using Seconds = std::chrono::duration<double>;
 inline constexpr double kDefaultTimeout = 5.0;
 
-/// Adds --timeout, which sets @p seconds.
+/// Adds --timeout, which sets @p seconds. What is in it is the default.
 void addTimeout(CLI::App& verb, double& seconds);
 
 /// The point in time at which a wait that begins now is over.

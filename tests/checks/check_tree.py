@@ -20,12 +20,22 @@ MAY_INCLUDE = {
     "apps/hvbd": ["hub", "events/ReportRecords.h", "platform", "daemon/Paths.h"],
     "apps/sentrelctl": ["hub", "events/ReportRecords.h", "events/STEventData.h", "platform", "daemon/Paths.h"],
 }
+# What single files may include besides.
+FILE_MAY_INCLUDE = {
+    # The one step that works on the settings file itself, without the daemon.
+    "apps/sentrelctl/SettingsTables.cpp": ["store/DBSettings.h"],
+}
 # Only the neighbours' own interfaces may be reached from platform/; hub/ lends it the carriers.
 CARRIERS = {"ArchiveText.h", "Exceptions.h", "HVBCommBroker.h", "HVBInterfaces.h", "HVBMessages.h", "HubIds.h",
             "SerializedData.h"}
+# The calls of SQLite that the settings file is used with; no other keeps its promises to the other readers.
+SQLITE_CALLS = {"sqlite3_" + name for name in (
+    "open", "busy_handler", "close", "errcode", "exec", "prepare", "finalize", "bind_text", "bind_blob", "bind_int",
+    "reset", "step", "changes", "column_blob", "column_text", "column_bytes", "column_int")}
 # Where a test may sleep, and why.
 MAY_SLEEP = {
     "tests/support/Eventually.h": "the one place that polls",
+    "tests/unit/store/Interposed.cpp": "stands in the place of the code's own wait",
     "tests/integration/SignalStormTest.cpp": "an instant that has nothing to do with the daemon's steps",
 }
 
@@ -37,7 +47,7 @@ def sources(root, folders, endings):
 
 def folder_readmes(root, _build):
     """Every folder of code has a README of at most 40 lines."""
-    folders = [folder for folder in CODE_FOLDERS if (root / folder).is_dir() and folder not in ("apps", "store")]
+    folders = [folder for folder in CODE_FOLDERS if (root / folder).is_dir() and folder != "apps"]
     folders += [str(path.relative_to(root)) for path in (root / "apps").iterdir() if path.is_dir()]
     for folder in folders:
         readme = root / folder / "README.md"
@@ -70,12 +80,22 @@ def include_rules(root, _build):
         for target in re.findall(r'^#include "([^"]+)"', path.read_text(), re.M):
             if not (root / target).is_file():
                 yield f"{relative}: not written from the repository root: {target}"
+            rules = MAY_INCLUDE[own] + FILE_MAY_INCLUDE.get(str(relative), [])
             allowed = target.startswith(own + "/") or any(
-                target == rule or target.startswith(rule + "/") for rule in MAY_INCLUDE[own])
+                target == rule or target.startswith(rule + "/") for rule in rules)
             if own == "platform" and target.startswith("hub/") and target.removeprefix("hub/") not in CARRIERS:
                 allowed = False
             if not allowed:
                 yield f"{relative}: may not include {target}"
+
+
+def sqlite_calls(root, _build):
+    """The store calls SQLite in one file, and only what the settings file is used with."""
+    for path in sources(root, ["daemon", "store", "hub", "managed", "events"], {".h", ".cpp"}):
+        relative = path.relative_to(root)
+        for call in sorted(set(re.findall(r"\b(sqlite3_\w+)\s*\(", path.read_text()))):
+            if call not in SQLITE_CALLS or str(relative) != "store/SQLite.cpp":
+                yield f"{relative}: may not call {call}"
 
 
 def registration(root, build):
@@ -103,7 +123,7 @@ def readme_commands(root, _build):
 
 
 CHECKS = {check.__name__: check for check in
-          (folder_readmes, document_paths, include_rules, registration, no_sleeping, readme_commands)}
+          (folder_readmes, document_paths, include_rules, sqlite_calls, registration, no_sleeping, readme_commands)}
 
 
 def main(arguments):

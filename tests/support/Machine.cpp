@@ -3,14 +3,17 @@
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "tests/support/Eventually.h"
 
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <system_error>
@@ -33,6 +36,14 @@ ChildOptions optionsFor(const PrivateRoot& root, const char* outputName) {
     options.environment = {"SENTREL_INSTALL_ROOT=" + root.path().string()};
     options.outputFile = root.file(outputName);
     return options;
+}
+
+uid_t uidOf(const std::string& user) {
+    const passwd* const entry = getpwnam(user.c_str());
+    if (entry == nullptr) {
+        throw std::runtime_error("there is no user " + user);
+    }
+    return entry->pw_uid;
 }
 
 Machine::Stored readStored(sd_bus_message& reply) {
@@ -107,7 +118,66 @@ std::string EventClient::readAll() {
     return all;
 }
 
-Machine::Machine() : m_bus(m_root) {}
+Machine::Machine() : m_bus(m_root) {
+    installConfiguration();
+}
+
+Machine::Machine(const std::string& daemonUser, const std::string& adminGroup)
+    : m_daemonUser(uidOf(daemonUser)), m_bus(m_root, {.socketPath = "",
+                                                      .daemonUser = daemonUser,
+                                                      .hubUser = std::to_string(geteuid()),
+                                                      .adminGroup = adminGroup}) {
+    installConfiguration();
+    for (const std::string& directory : {m_root.sharedDirectory(), m_root.varDirectory()}) {
+        PrivateRoot::giveTo(directory, *m_daemonUser, static_cast<gid_t>(-1));
+    }
+}
+
+void Machine::installConfiguration() {
+    std::ofstream file(configurationFile());
+    file << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<HVConfiguration>\n"
+            "<SyslogEnable>true</SyslogEnable>\n<LogLevel>information</LogLevel>\n<HVVersion>0.1.0</HVVersion>\n"
+            "<BuildNumber>1</BuildNumber>\n<PatchVersion></PatchVersion>\n<ServicePack> </ServicePack>\n"
+            "<Hotfixes> </Hotfixes>\n</HVConfiguration>\n";
+}
+
+void Machine::initSettings() {
+    sql("create table if not exists vxsetting(name text NOT NULL, value blob, PRIMARY KEY(name));"
+        "create table if not exists catblockinginfo(name text NOT NULL, value blob, PRIMARY KEY(name));"
+        "create table if not exists allowblocksettings(name text NOT NULL, value INTEGER, PRIMARY KEY(name));"
+        "create table if not exists privateIPRange(range text NOT NULL, PRIMARY KEY(range));");
+    if (m_daemonUser) {
+        PrivateRoot::giveTo(settingsFile(), *m_daemonUser, static_cast<gid_t>(-1));
+    }
+}
+
+SqliteRun Machine::runSqlite(const std::string& statement, const std::string& setting) const {
+    const std::string outputFile = m_root.file("sqlite3." + std::to_string(m_sqliteRuns++));
+    ChildProcess program("sqlite3", {.arguments = {"-bail", settingsFile(), setting, statement},
+                                     .environment = {},
+                                     .outputFile = outputFile,
+                                     .uid = {},
+                                     .gid = {}});
+    const std::optional<ExitStatus> status = program.waitUntil(patience());
+    if (!status) {
+        throw std::runtime_error("sqlite3 does not end: " + statement);
+    }
+    SqliteRun run{*status, program.output()};
+    std::filesystem::remove(outputFile);
+    return run;
+}
+
+std::string Machine::sql(const std::string& statement) const {
+    SqliteRun run = runSqlite(statement, ".timeout 10000");
+    if (run.status != 0) {
+        throw std::runtime_error("sqlite3 fails: " + run.output);
+    }
+    return run.output;
+}
+
+SqliteRun Machine::trySql(const std::string& statement) const {
+    return runSqlite(statement, ".timeout 0");
+}
 
 void Machine::setTraceLevels(int level) {
     std::ofstream file(m_root.varDirectory() + "/traceValues.xml");
@@ -127,9 +197,15 @@ void Machine::startHub() {
     }
 }
 
+ChildOptions Machine::daemonOptions() const {
+    ChildOptions options = optionsFor(m_root, "sentreld.out");
+    options.uid = m_daemonUser;
+    return options;
+}
+
 void Machine::launchDaemon() {
     m_daemon.reset();
-    m_daemon.emplace(programUnderTest("SENTRELD_ROOTED"), optionsFor(m_root, "sentreld.out"));
+    m_daemon.emplace(programUnderTest("SENTRELD_ROOTED"), daemonOptions());
 }
 
 bool Machine::startDaemon() {
@@ -145,6 +221,24 @@ ExitStatus Machine::stopDaemon() {
         throw std::runtime_error("the daemon does not end");
     }
     return *status;
+}
+
+void Machine::kill9Daemon() {
+    m_daemon->kill(SIGKILL);
+    if (m_daemon->waitUntil(patience()) != -SIGKILL) {
+        throw std::runtime_error("the daemon ended otherwise: " + m_daemon->output());
+    }
+}
+
+long Machine::daemonPeakKilobytes() const {
+    std::ifstream status("/proc/" + std::to_string(m_daemon->pid()) + "/status");
+    const std::string field = "VmHWM:";
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(field)) {
+            return std::stol(line.substr(field.size()));
+        }
+    }
+    throw std::runtime_error("no VmHWM of the daemon");
 }
 
 bool Machine::listens() const {

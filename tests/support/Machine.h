@@ -7,6 +7,7 @@
 #include "tests/support/HubBus.h"
 #include "tests/support/PrivateRoot.h"
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -41,11 +42,20 @@ private:
     int m_fd;
 };
 
+/// How the sqlite3 program ended, and what it said.
+struct SqliteRun {
+    ExitStatus status;
+    std::string output;
+};
+
 /// Threads: plain, single access. Owner: the test. Processes end before the root goes.
 class Machine {
 public:
-    /// The bus runs from the start; hub and daemon do not.
+    /// The bus runs from the start; hub and daemon do not. The hub's configuration of the module is installed, the
+    /// settings file is not.
     Machine();
+    /// With a daemon that runs as a user of its own and owns its directories, and administrators. Requires root.
+    Machine(const std::string& daemonUser, const std::string& adminGroup);
 
     PrivateRoot& root() { return m_root; }
     HubBus& bus() { return m_bus; }
@@ -61,6 +71,23 @@ public:
     ChildProcess& hub() { return *m_hub; }
     ChildProcess& daemon() { return *m_daemon; }
     ExitStatus stopDaemon();
+
+    /// Ends the daemon at once, as a crash would.
+    void kill9Daemon();
+    /// The most memory that the daemon has held since it started.
+    long daemonPeakKilobytes() const;
+
+    /// Writes the hub's configuration of the module.
+    void installConfiguration();
+    std::string configurationFile() const { return m_root.hubConfigDirectory() + "/Sentrel/HVConfig.xml"; }
+
+    std::string settingsFile() const { return m_root.sharedDirectory() + "/product.db"; }
+    /// Lays the four tables, without rows, into the settings file; those that are there stay as they are.
+    void initSettings();
+    /// Runs the sqlite3 program on the settings file. @return its output. @throws std::runtime_error when it fails.
+    std::string sql(const std::string& statement) const;
+    /// As sql, but waits for no lock, and any end will do. May run while other calls do.
+    SqliteRun trySql(const std::string& statement) const;
 
     std::string eventSocket() const { return m_root.sharedDirectory() + "/STIPC"; }
     bool listens() const;
@@ -88,8 +115,13 @@ public:
     std::size_t traced(const std::string& message) const;
 
 private:
+    ChildOptions daemonOptions() const;
+    SqliteRun runSqlite(const std::string& statement, const std::string& setting) const;
+
     PrivateRoot m_root;
+    std::optional<uid_t> m_daemonUser;
     HubBus m_bus;
+    mutable std::atomic<int> m_sqliteRuns{0};
     std::optional<ChildProcess> m_hub;
     std::optional<ChildProcess> m_daemon;
 };

@@ -25,6 +25,8 @@ std::vector<std::string> Recording::calls() {
 void Recording::forget() {
     const std::lock_guard lock(m_mutex);
     m_calls.clear();
+    replies.clear();
+    events.clear();
     logs.clear();
     lines.clear();
 }
@@ -96,6 +98,7 @@ void HVBCommBroker::subscribeForEvent(EventData& event) {
 
 void HVBCommBroker::sendEventNotification(EventData& event) {
     Recording::instance().add("sendEventNotification " + std::to_string(event.m_eventId));
+    Recording::instance().events.push_back({event.m_eventId, event.m_bHasPayload});
 }
 
 void HVBCommBroker::sendCommand(CommandData& data, CommandResult* /*result*/, bool wait, int timeoutSeconds) {
@@ -105,6 +108,8 @@ void HVBCommBroker::sendCommand(CommandData& data, CommandResult* /*result*/, bo
 
 void HVBCommBroker::sendCommandResponse(CommandResult& result) {
     Recording::instance().add("sendCommandResponse " + std::to_string(result.m_commandData.m_commandId));
+    Recording::instance().replies.push_back(
+        {result.m_commandData, result.m_bSucceeded, result.m_bValid, result.m_bHasPayload, result.m_pOutStream->str()});
 }
 
 void HVBCommBroker::sendLog(LogRequest& request) {

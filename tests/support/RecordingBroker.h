@@ -21,6 +21,31 @@ struct SentLog {
     int count;
 };
 
+/// What a CommandResult held when it was sent.
+struct SentReply {
+    HVB::BasicCommandData header;
+    bool succeeded;
+    bool valid;
+    bool hasPayload;
+    std::wstring text; ///< its whole archive text
+
+    /// The payload. @throws boost::archive::archive_exception when it is no such value.
+    template <class Value>
+    Value payload() const {
+        Value value{};
+        const auto stream = HVB::makeInStream(text);
+        *HVB::makeInArchive(*stream) >> value;
+        return value;
+    }
+};
+
+/// What an event held when it was published.
+struct SentEvent {
+    int id;
+    bool hasPayload;
+    bool operator==(const SentEvent&) const = default;
+};
+
 /// The recording behind HVB::HVBCommBroker and HVB_LOG_MSG.
 /// Threads: any. Owner: one a process; each test runs in a process of its own.
 struct Recording {
@@ -29,9 +54,11 @@ struct Recording {
     /// Every call in its order: the operation's name, then its plain arguments, as in "setHVId 7".
     std::vector<std::string> calls();
     void add(std::string call);
-    /// Forgets calls, logs and lines, for a caller that goes on for long.
+    /// Forgets calls, replies, events, logs and lines, for a caller that goes on for long.
     void forget();
 
+    std::vector<SentReply> replies;  ///< what sendCommandResponse was given
+    std::vector<SentEvent> events;   ///< what sendEventNotification was given
     std::vector<SentLog> logs;       ///< what sendLog was given
     std::vector<std::wstring> lines; ///< what HVB_LOG_MSG was given, formatted
     HVB::CommandInterface* commandInterface = nullptr;

@@ -53,9 +53,28 @@ TEST_F(ACommandLine, TellsItsVersion) {
 }
 
 TEST_F(ACommandLine, ShowsHelpWithAnExampleForEveryVerb) {
-    const std::vector<std::vector<std::string>> verbs{
-        {"--help"}, {"event", "send", "--help"}, {"decrypt", "--help"}, {"log", "--help"}, {"hub", "ping", "--help"}};
-    for (const std::vector<std::string>& verb : verbs) {
+    const std::vector<std::vector<std::string>> verbs{{},
+                                                      {"event", "send"},
+                                                      {"decrypt"},
+                                                      {"log"},
+                                                      {"hub", "ping"},
+                                                      {"prefs", "show"},
+                                                      {"prefs", "set"},
+                                                      {"prefs", "reset"},
+                                                      {"list", "show"},
+                                                      {"list", "allow"},
+                                                      {"list", "block"},
+                                                      {"list", "remove"},
+                                                      {"list", "import"},
+                                                      {"list", "export"},
+                                                      {"categories", "show"},
+                                                      {"categories", "set"},
+                                                      {"categories", "add"},
+                                                      {"categories", "remove"},
+                                                      {"watch"},
+                                                      {"settings", "init"}};
+    for (std::vector<std::string> verb : verbs) {
+        verb.emplace_back("--help");
         Captured out;
         Captured err;
         EXPECT_EQ(run(verb, out.output(), err.output(), -1), 0) << verb.front();
@@ -128,6 +147,47 @@ TEST_F(ACommandLine, RefusesAnEncryptedTextThatIsTooLong) {
     expectRefused({"decrypt", std::string(1016, 'x')},
                   "sentrelctl: bad usage: encrypted text: it has 1016 bytes, the daemon takes 1015. "
                   "Give the text as it was stored.");
+}
+
+TEST_F(ACommandLine, RefusesAPreferenceOrAValueThatIsNone) {
+    expectRefused({"prefs", "set", "protektion", "on"},
+                  "sentrelctl: bad usage: 'protektion': not a preference: it is one of protection, safe-search, "
+                  "red-sites, yellow-sites, unrated-sites, unverified-sites, category-blocking. "
+                  "Perhaps 'protection' is meant.");
+    expectRefused({"prefs", "set", "red-sites", "on"},
+                  "sentrelctl: bad usage: 'on': not a value of red-sites: it is one of allow, warn, block. "
+                  "See 'sentrelctl prefs set --help'.");
+    expectRefused({"prefs", "set", "red-sites"},
+                  "sentrelctl: bad usage: value is required. See 'sentrelctl prefs set --help'.");
+}
+
+TEST_F(ACommandLine, RefusesToGuessWhatIsToBeRemoved) {
+    for (const std::vector<std::string>& arguments :
+         std::vector<std::vector<std::string>>{{"list", "remove"}, {"list", "remove", "--all", "a"}}) {
+        expectRefused(arguments, "sentrelctl: bad usage: name the URLs to remove, or --all alone. "
+                                 "See 'sentrelctl list remove --help'.");
+    }
+    for (const std::vector<std::string>& arguments :
+         std::vector<std::vector<std::string>>{{"categories", "set"}, {"categories", "set", "--none", "a"}}) {
+        expectRefused(arguments, "sentrelctl: bad usage: name the categories to block, or --none alone. "
+                                 "See 'sentrelctl categories set --help'.");
+    }
+}
+
+TEST_F(ACommandLine, RefusesWhatCanBeNoUrlAndNoCategory) {
+    expectRefused({"list", "block", "http://a/", "b c"},
+                  "sentrelctl: not a URL: b c: it has white space in it. Nothing was changed.");
+    expectRefused({"list", "allow", std::string(1024, 'x')},
+                  "sentrelctl: not a URL: " + std::string(1023 - 3, 'x') +
+                      "\xE2\x80\xA6: it has 1024 bytes, at most 1023. Nothing was changed.");
+    expectRefused({"categories", "add", "\x1b"}, "sentrelctl: not the name of a category: \\x1b: it has a control "
+                                                 "character in it. Nothing was changed.");
+}
+
+TEST_F(ACommandLine, RefusesToWriteLinesAsJson) {
+    expectRefused({"list", "export", "--json"},
+                  "sentrelctl: bad usage: an export to standard output is lines and no JSON. "
+                  "'sentrelctl list show --json' gives the list as JSON.");
 }
 
 } // namespace

@@ -1,0 +1,37 @@
+// The hub's word of changed preferences, as something to wait for.
+#pragma once
+
+#include "hub/HVBInterfaces.h"
+
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+namespace Sentrel::ctl {
+
+/// Takes events from the broker and makes a descriptor readable.
+/// Threads: handleEventNotification on those of the broker; the rest on one. Owner: the verb; it outlives the broker.
+class ChangeBell : public HVB::EventInterface {
+public:
+    /// @throws Failure when the system has no such descriptor to give.
+    ChangeBell();
+    ~ChangeBell() override;
+    ChangeBell(const ChangeBell&) = delete;
+    ChangeBell& operator=(const ChangeBell&) = delete;
+
+    bool handleEventNotification(HVB::EventData& event) override;
+
+    /// Readable while there are events that take has not given.
+    int fd() const { return m_fd; }
+
+    /// The ids of the events that came since the last call, the oldest first.
+    std::vector<std::int32_t> take();
+
+private:
+    int m_fd;
+
+    std::mutex m_mutex;
+    std::vector<std::int32_t> m_events; // guarded by m_mutex
+};
+
+} // namespace Sentrel::ctl

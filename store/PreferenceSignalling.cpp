@@ -1,0 +1,41 @@
+// Which change of a preference is told to the hub, and how.
+#include "daemon/Paths.h"
+#include "daemon/Trace.h"
+#include "hub/HVBCommBroker.h"
+#include "store/STPreferenceController.h"
+
+namespace Sentrel {
+namespace {
+
+void publish(EventId id) {
+    HVB::EventData event(id); // without a payload: a listener reads the new state by a command
+    HVB::HVBCommBroker::getInstance(paths::hubSocket())->sendEventNotification(event);
+}
+
+/// The types whose change is told by the preferences event alone. Types 5 and 6 are told to nobody, and the enabling
+/// switch only to the dashboard: clients rely on that.
+bool isPreferencesAlone(STPrefType type) {
+    constexpr unsigned preferencesAlone = 0x39E;
+    return type >= ST_ENABLE && type < ST_ALL_PREFERENCES &&
+           ((preferencesAlone >> static_cast<unsigned>(type)) & 1U) != 0;
+}
+
+} // namespace
+
+void STPreferenceController::signalPrefChange(STPrefType type) {
+    ST_TRACE(configFlow, 2, L"STPreferenceController::signalPrefChange entered\n");
+    if (type == ST_ALL_PREFERENCES) {
+        ST_TRACE(configFlow, 3, L"Sending EVT_PREFERENCES_CHANGE & EVT_DASHBOARD_STATUS_CHANGE event\n");
+        publish(EVT_PREFERENCES_CHANGE);
+        publish(EVT_DASHBOARD_STATUS_CHANGE);
+    } else if (type == ST_ENABLE) {
+        ST_TRACE(configFlow, 3, L"Sending EVT_DASHBOARD_STATUS_CHANGE event\n");
+        publish(EVT_DASHBOARD_STATUS_CHANGE);
+    } else if (isPreferencesAlone(type)) {
+        ST_TRACE(configFlow, 3, L"Sending EVT_PREFERENCES_CHANGE event\n");
+        publish(EVT_PREFERENCES_CHANGE);
+    }
+    ST_TRACE(configFlow, 5, L"STPreferenceController::signalPrefChange completed\n");
+}
+
+} // namespace Sentrel

@@ -1,0 +1,63 @@
+// The completion for bash, in a real bash.
+#include "tests/integration/SentrelctlRun.h"
+
+#include <gtest/gtest.h>
+
+namespace testing_support {
+namespace {
+
+/// A shell that knows the completion.
+class ACompletion : public testing::Test {
+protected:
+    /// What is offered for the last of @p words, sorted.
+    std::string offered(const std::string& words) {
+        return shell(m_root, "source '" SENTREL_SOURCE_DIR "/packaging/sentrelctl.bash-completion'; "
+                             "COMP_WORDS=(sentrelctl " +
+                                 words +
+                                 "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); COMPREPLY=(); _sentrelctl; "
+                                 "printf '%s\\n' \"${COMPREPLY[@]}\" | sort | tr '\\n' ' '")
+            .out;
+    }
+
+    PrivateRoot m_root;
+};
+
+TEST_F(ACompletion, OffersTheVerbs) {
+    EXPECT_EQ(offered("''"),
+              "--color --help --json --version categories decrypt event hub list log prefs settings watch ");
+    EXPECT_EQ(offered("prefs ''"), "--help reset set show ");
+    EXPECT_EQ(offered("list ''"), "--help allow block export import remove show ");
+    EXPECT_EQ(offered("categories ''"), "--help add remove set show ");
+    EXPECT_EQ(offered("settings ''"), "--help init ");
+}
+
+TEST_F(ACompletion, OffersPreferencesAndTheirValues) {
+    EXPECT_EQ(offered("prefs set re"), "red-sites ");
+    EXPECT_EQ(offered("prefs set ''"), "category-blocking protection red-sites safe-search unrated-sites "
+                                       "unverified-sites yellow-sites ");
+    EXPECT_EQ(offered("prefs set protection ''"), "off on ");
+    EXPECT_EQ(offered("prefs set red-sites ''"), "allow block warn ");
+    EXPECT_EQ(offered("prefs set --json red-sites w"), "warn ");
+    EXPECT_EQ(offered("prefs set --timeout 3 red-sites w"), "warn ");
+    EXPECT_EQ(offered("prefs set red-sites warn --t"), "--timeout ");
+}
+
+TEST_F(ACompletion, OffersFilesToImportAndExport) {
+    const std::string prefix = m_root.file("a-list");
+    shell(m_root, "touch '" + prefix + ".txt'");
+    EXPECT_EQ(offered("list import " + prefix), prefix + ".txt ");
+    EXPECT_EQ(offered("list export " + prefix), prefix + ".txt ");
+    EXPECT_EQ(offered("list import --re"), "--replace ");
+    EXPECT_EQ(offered("event send --raw " + prefix), prefix + ".txt ");
+}
+
+TEST_F(ACompletion, OffersTheOptionsOfAVerb) {
+    EXPECT_EQ(offered("watch --"), "--color --help --json --timeout ");
+    EXPECT_EQ(offered("prefs reset --y"), "--yes ");
+    EXPECT_EQ(offered("list remove --a"), "--all ");
+    EXPECT_EQ(offered("categories set --n"), "--none ");
+    EXPECT_EQ(offered("log --json = p"), "pretty ");
+}
+
+} // namespace
+} // namespace testing_support

@@ -1,0 +1,136 @@
+#include "tests/support/RecordingController.h"
+
+#include "store/STPreferenceController.h"
+
+namespace testing_support {
+
+PreferenceRecording& PreferenceRecording::instance() {
+    static PreferenceRecording recording;
+    return recording;
+}
+
+namespace {
+
+int recorded(const std::string& operation, const std::string& arguments) {
+    PreferenceRecording& recording = PreferenceRecording::instance();
+    recording.calls.push_back(operation + arguments);
+    if (recording.before) {
+        recording.before(operation);
+    }
+    const auto result = recording.results.find(operation);
+    return result != recording.results.end() ? result->second : static_cast<int>(Sentrel::ST_ERROR_NONE);
+}
+
+int recorded(const char* operation, int value) {
+    return recorded(std::string(operation), " " + std::to_string(value));
+}
+
+template <class Entries>
+std::string listed(const Entries& entries) {
+    std::string text;
+    for (const auto& [name, action] : entries) {
+        text.append(" ").append(name).append("=").append(std::to_string(action));
+    }
+    return text;
+}
+
+const Sentrel::STPreferences& values() {
+    PreferenceRecording& recording = PreferenceRecording::instance();
+    if (recording.before) {
+        recording.before("get");
+    }
+    return recording.values;
+}
+
+} // namespace
+} // namespace testing_support
+
+namespace Sentrel {
+
+using testing_support::listed;
+using testing_support::recorded;
+using testing_support::values;
+
+STPreferenceController* STPreferenceController::m_pSelf = nullptr;
+boost::mutex STPreferenceController::m_instanceMutex;
+
+STPreferenceController::STPreferenceController() = default;
+STPreferenceController::~STPreferenceController() = default;
+
+STPreferenceController* STPreferenceController::getInstance() {
+    static STPreferenceController controller;
+    if (testing_support::PreferenceRecording::instance().before) {
+        testing_support::PreferenceRecording::instance().before("getInstance");
+    }
+    return &controller;
+}
+
+int STPreferenceController::setEnableSentrel(bool value) {
+    return recorded("setEnableSentrel", value ? 1 : 0);
+}
+int STPreferenceController::setEnableSafeSearch(bool value) {
+    return recorded("setEnableSafeSearch", value ? 1 : 0);
+}
+int STPreferenceController::setRedSiteAction(int value) {
+    return recorded("setRedSiteAction", value);
+}
+int STPreferenceController::setYellowSiteAction(int value) {
+    return recorded("setYellowSiteAction", value);
+}
+int STPreferenceController::setUnratedSiteAction(int value) {
+    return recorded("setUnratedSiteAction", value);
+}
+int STPreferenceController::setSTUnVerifiedAction(int value) {
+    return recorded("setSTUnVerifiedAction", value);
+}
+int STPreferenceController::setEnableCategoryBlocking(bool value) {
+    return recorded("setEnableCategoryBlocking", value ? 1 : 0);
+}
+int STPreferenceController::setAllowOverBlockPrecedenceStatus(bool value) {
+    return recorded("setAllowOverBlockPrecedenceStatus", value ? 1 : 0);
+}
+int STPreferenceController::setAllowBlockDetails(AllowBlockDetails& details) {
+    return recorded(std::string("setAllowBlockDetails"), listed(details));
+}
+int STPreferenceController::setCategoryBlockDetails(std::map<std::string, int>& categories) {
+    return recorded(std::string("setCategoryBlockDetails"), listed(categories));
+}
+
+bool STPreferenceController::getEnableSentrel() {
+    return values().m_bEnable;
+}
+bool STPreferenceController::getEnableSafeSearch() {
+    return values().m_bSafeSearch;
+}
+int STPreferenceController::getRedSiteAction() {
+    return values().m_redSiteAction;
+}
+int STPreferenceController::getYellowSiteAction() {
+    return values().m_yellowSiteAction;
+}
+int STPreferenceController::getUnratedSiteAction() {
+    return values().m_unratedSiteAction;
+}
+int STPreferenceController::getSTUnVerifiedAction() {
+    return values().m_unverifiedAction;
+}
+bool STPreferenceController::getEnableCategoryBlocking() {
+    return values().m_bCategoryBlocking;
+}
+bool STPreferenceController::getAllowOverBlockPrecedenceStatus() {
+    return values().m_bAllowOverBlock;
+}
+int STPreferenceController::getAllowBlockDetails(AllowBlockDetails& out) {
+    out = values().m_allowBlockDetails;
+    return ST_ERROR_NONE;
+}
+int STPreferenceController::getCategoryBlockDetails(std::map<std::string, int>& out) {
+    out = values().m_categoryBlockDetails;
+    return ST_ERROR_NONE;
+}
+
+void STPreferenceController::signalPrefChange(STPrefType type) {
+    recorded("signalPrefChange", type);
+}
+
+} // namespace Sentrel

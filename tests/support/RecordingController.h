@@ -1,0 +1,25 @@
+// A preference controller without a file: it records what is asked of it in its order, answers as it is told and fails
+// when it is told to. Link its object in the place of the store. Not real: everything behind the setters.
+#pragma once
+
+#include "hub/STPreferences.h"
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace testing_support {
+
+/// The recording behind Sentrel::STPreferenceController.
+/// Threads: one. Owner: one a process; each test runs in a process of its own.
+struct PreferenceRecording {
+    static PreferenceRecording& instance();
+
+    std::vector<std::string> calls;     ///< setters and signals with their values: "setEnableSentrel 1"
+    Sentrel::STPreferences values;      ///< what the getters give; the list's keys are plain here
+    std::map<std::string, int> results; ///< by setter; 180000 unless it is named here
+    std::function<void(const std::string& operation)> before; ///< what it throws leaves the operation
+};
+
+} // namespace testing_support

@@ -1,0 +1,109 @@
+#include "tests/unit/store/SettingsFile.h"
+
+#include "tests/support/Eventually.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+using testing_support::ChildOptions;
+using testing_support::ChildProcess;
+using testing_support::patience;
+
+namespace {
+
+// Written down here once more: these are what the code under test is held against.
+constexpr std::array<const char*, 4> kTables{
+    "create table vxsetting(name text NOT NULL, value blob, PRIMARY KEY(name));",
+    "create table catblockinginfo(name text NOT NULL, value blob, PRIMARY KEY(name));",
+    "create table allowblocksettings(name text NOT NULL, value INTEGER, PRIMARY KEY(name));",
+    "create table privateIPRange(range text NOT NULL, PRIMARY KEY(range));",
+};
+
+std::string contents(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+} // namespace
+
+SettingsFile::SettingsFile() {
+    std::string name = "/tmp/setXXXXXX";
+    if (mkdtemp(name.data()) == nullptr) {
+        throw std::system_error(errno, std::system_category(), "mkdtemp");
+    }
+    m_directory = name;
+    m_path = beside("product.db");
+}
+
+SettingsFile::~SettingsFile() {
+    std::error_code ignored; // nothing is left to do about it at the end
+    std::filesystem::remove_all(m_directory, ignored);
+}
+
+std::string SettingsFile::sqlite(const std::string& sql) const {
+    const std::string answer = beside("answer");
+    std::filesystem::remove(answer);
+    ChildOptions options;
+    options.arguments = {"-batch", "-bail", m_path, sql};
+    options.outputFile = answer;
+    ChildProcess program("sqlite3", options);
+    const auto status = program.waitUntil(patience());
+    return status == 0 ? program.output() : "failed: " + program.output();
+}
+
+void SettingsFile::layOut(std::optional<int> missing) const {
+    std::string sql;
+    for (int type = 0; type < int(kTables.size()); ++type) {
+        sql += type == missing ? "" : kTables[std::size_t(type)];
+    }
+    if (const std::string answer = sqlite(sql); !answer.empty()) {
+        throw std::runtime_error("cannot lay out the file: " + answer);
+    }
+}
+
+void SettingsFile::fillWith(const std::string& bytes) const {
+    std::ofstream(m_path, std::ios::binary) << bytes;
+}
+
+std::string SettingsFile::bytes() const {
+    return contents(m_path);
+}
+
+// The program reads its commands from a pipe that stays open, and so keeps the lock; what comes after the first
+// failure it does not do.
+ForeignLock::ForeignLock(const SettingsFile& file)
+    : m_commandsPath(file.beside("commands")), m_readyPath(file.beside("locked")) {
+    if (mkfifo(m_commandsPath.c_str(), 0600) != 0) {
+        throw std::system_error(errno, std::system_category(), "mkfifo");
+    }
+    m_commands = ::open(m_commandsPath.c_str(), O_RDWR | O_CLOEXEC);
+    ChildOptions options;
+    options.arguments = {"-batch", "-bail", file.path(), ".read " + m_commandsPath};
+    m_holder.emplace("sqlite3", options);
+    const std::string commands = "BEGIN EXCLUSIVE;\n.output " + m_readyPath + "\n";
+    const bool told = ::write(m_commands, commands.data(), commands.size()) == ssize_t(commands.size());
+    if (!told || !testing_support::eventually([&] { return std::filesystem::exists(m_readyPath); })) {
+        throw std::runtime_error("the file cannot be locked");
+    }
+}
+
+ForeignLock::~ForeignLock() {
+    release();
+    ::close(m_commands);
+    std::filesystem::remove(m_commandsPath);
+    std::filesystem::remove(m_readyPath);
+}
+
+void ForeignLock::release() {
+    m_holder.reset(); // killed and reaped
+}

@@ -218,8 +218,8 @@ void refuseUnwritable(const std::string& path, const std::string& directory) {
 }
 
 void create(const std::string& path) {
-    // A password of the proxy may be in it. Who may only read could hold up the daemon's writes besides.
-    const mode_t before = ::umask(S_IRWXG | S_IRWXO);
+    // The browser components of every user read it; a password in it is enciphered.
+    const mode_t before = ::umask(S_IWGRP | S_IWOTH);
     CVXDBSettings settings;
     const bool isDone = settings.Init(path.c_str(), true);
     ::umask(before);

@@ -62,7 +62,7 @@ TEST_F(ASettingsFile, IsMadeWithItsFourTables) {
     EXPECT_EQ(schema(), kSchema);
     struct stat status {};
     ASSERT_EQ(::stat(path().c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0600U) << "a password may be in it";
+    EXPECT_EQ(status.st_mode & 07777U, 0644U) << "the browser components of every user read it";
 }
 
 TEST_F(ASettingsFile, IsLeftAloneTheSecondTime) {

@@ -53,7 +53,9 @@ public:
         auto status = static_cast<int>(m_status);
         archive& m_displayText;
         archive& status;
-        m_status = static_cast<DashBoardStatus>(status);
+        if constexpr (Archive::is_loading::value) {
+            m_status = static_cast<DashBoardStatus>(status);
+        }
     }
 };
 

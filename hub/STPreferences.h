@@ -63,7 +63,9 @@ public:
         archive& m_unverifiedAction;
         archive& m_categoryBlockDetails;
         archive& m_allowBlockDetails;
-        m_prefType = static_cast<STPrefType>(type);
+        if constexpr (Archive::is_loading::value) {
+            m_prefType = static_cast<STPrefType>(type);
+        }
     }
 };
 

@@ -216,6 +216,9 @@ bool CVXDBSettings::Get(const char* name, unsigned long nameLength, void* buffer
         if (valueSize > 0) {
             std::memcpy(buffer, value, valueSize);
         }
+        // A statement that stands on a row keeps the file locked against others, and our own writes would then meet
+        // theirs without a wait. What Reset says is of the step, which gave a row.
+        static_cast<void>(rowSet->Reset());
         return true;
     }
     if (size != nullptr) {

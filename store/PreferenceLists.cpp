@@ -1,5 +1,7 @@
 // The lists are replaced whole: the table is emptied, written row by row and read back, each statement committed by
 // itself. What was read back is the new list, so that memory shows what the file holds, also after a write that failed.
+// Of two replacements at a time the rows mix in the file. Reading back and taking over is one step, so that memory then
+// has the later look at it, which sees them all.
 #include "daemon/Trace.h"
 #include "hub/TextConversion.h"
 #include "store/PreferenceFile.h"
@@ -116,6 +118,7 @@ void STPreferenceController::takeCategoryRows(const CVXDBSettings::Rows& rows) {
 
 /// @param form which of the two setters reads: it stands in the lines.
 void STPreferenceController::readBackCategories(CVXDBSettings& settings, int form) {
+    const boost::lock_guard<boost::mutex> readBack(m_readBackMutex);
     CVXDBSettings::Rows rows;
     if (!settings.GetAllRows(TABLE_CATEGORY_BLOCKING, rows, false)) {
         ST_TRACE(
@@ -196,6 +199,16 @@ int STPreferenceController::getCategoryBlockDetails(std::map<std::string, int>& 
     return ST_ERROR_NONE;
 }
 
+bool STPreferenceController::readBackUrls(CVXDBSettings& settings) {
+    const boost::lock_guard<boost::mutex> readBack(m_readBackMutex);
+    AllowBlockDetails stored;
+    if (!settings.GetAllRows(TABLE_ALLOW_BLOCK, stored, m_bAllowOverBlock)) {
+        return false;
+    }
+    replaceAllowBlockDetails(std::move(stored));
+    return true;
+}
+
 int STPreferenceController::setAllowBlockDetails(int precedence, std::vector<std::wstring>& urls,
                                                  std::vector<int>& actions) {
     constexpr const char* setter = "setAllowBlockDetails";
@@ -211,10 +224,7 @@ int STPreferenceController::setAllowBlockDetails(int precedence, std::vector<std
                 static_cast<void>(settings.Set(*url, actions[at], TABLE_ALLOW_BLOCK));
             }
         }
-        AllowBlockDetails stored;
-        if (settings.GetAllRows(TABLE_ALLOW_BLOCK, stored, m_bAllowOverBlock)) {
-            replaceAllowBlockDetails(std::move(stored));
-        }
+        static_cast<void>(readBackUrls(settings)); // without a read-back the list stays empty
         return ST_ERROR_NONE;
     });
 }
@@ -230,10 +240,8 @@ int STPreferenceController::setAllowBlockDetails(AllowBlockDetails& details) {
                      trace::printable(url).c_str(), action);
             static_cast<void>(settings.Set(url, action, TABLE_ALLOW_BLOCK));
         }
-        AllowBlockDetails stored;
-        if (settings.GetAllRows(TABLE_ALLOW_BLOCK, stored, m_bAllowOverBlock)) {
+        if (readBackUrls(settings)) {
             ST_TRACE(configFlow, 1, L"STPreferenceController::setAllowBlockDetails 2 - Updating member variable\n");
-            replaceAllowBlockDetails(std::move(stored));
         }
         return ST_ERROR_NONE;
     });

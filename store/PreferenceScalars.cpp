@@ -16,8 +16,9 @@ struct Shape {
     int successLevel = 3;                                               ///< of the lines about success
     bool saysReturn = true;                                             ///< whether returning success has a line
     bool announcesChange = false;                                       ///< whether a line says that the value differs
-    bool weighsWrite = true;     ///< a refused write is an error and leaves memory as it is
-    bool printsFirst = false;    ///< standard output gets its line before the trace log
+    bool weighsWrite = true;        ///< a refused write is an error and leaves memory as it is
+    bool printsPathFirst = false;   ///< standard output gets the line about the path before the trace log
+    bool printsHandleFirst = false; ///< and that about the handle
     const char* pathPrefix = ""; ///< of the trace line of a missing path; the setter's name follows unless it is empty
     const char* pathTrace = "Error while getting DB Path";
     const char* pathPrint = "Error while getting DB Path"; ///< null: nothing
@@ -30,7 +31,7 @@ constexpr Shape kShapeB{.saysReturn = false, .pathPrint = nullptr, .handlePrint 
 constexpr Shape kShapeC{.duplicate = "Preference Already Set",
                         .successLevel = 5,
                         .announcesChange = true,
-                        .printsFirst = true,
+                        .printsPathFirst = true,
                         .pathPrefix = "STPreferenceController::",
                         .pathTrace = ":: Error while getting DB Path",
                         .pathPrint = "Preferences error while getting DB path ",
@@ -38,7 +39,8 @@ constexpr Shape kShapeC{.duplicate = "Preference Already Set",
 constexpr Shape kShapeD{.duplicate = "Preference Already Set",
                         .successLevel = 5,
                         .weighsWrite = false,
-                        .printsFirst = true,
+                        .printsPathFirst = true,
+                        .printsHandleFirst = true,
                         .pathPrefix = "STPreferenceController::",
                         .pathTrace = " - Error while getting user DB Path",
                         .pathPrint = "Preferences error while getting DB path ",
@@ -59,22 +61,22 @@ void print(const char* text) {
 }
 
 void reportNoPath(const Shape& shape, const char* setter) {
-    if (shape.printsFirst) {
+    if (shape.printsPathFirst) {
         print(shape.pathPrint);
     }
     const char* name = *shape.pathPrefix != '\0' ? setter : "";
     ST_TRACE(configFlow, 1, L"%s%s%s\n", shape.pathPrefix, name, shape.pathTrace);
-    if (!shape.printsFirst) {
+    if (!shape.printsPathFirst) {
         print(shape.pathPrint);
     }
 }
 
 void reportNoHandle(const Shape& shape, const char* setter) {
-    if (shape.printsFirst) {
+    if (shape.printsHandleFirst) {
         print(shape.handlePrint);
     }
     ST_TRACE(configFlow, 1, L"STPreferenceController::%s - Error while getting DB handle\n", setter);
-    if (!shape.printsFirst) {
+    if (!shape.printsHandleFirst) {
         print(shape.handlePrint);
     }
 }

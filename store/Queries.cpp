@@ -2,8 +2,6 @@
 
 #include "daemon/Singleton.h"
 
-#include <atomic>
-
 GeneralSetting* GeneralSetting::m_pSelf = nullptr;
 boost::mutex GeneralSetting::m_instanceMutex;
 CategoryBlocking* CategoryBlocking::m_pSelf = nullptr;
@@ -52,8 +50,7 @@ T* instanceOrNull(T*& self, boost::mutex& instanceMutex, Create create) {
     try {
         return Sentrel::instanceOf(self, instanceMutex, create);
     } catch (...) {
-        std::atomic_ref<T*>(self).store(nullptr, std::memory_order_release);
-        return nullptr;
+        return nullptr; // and the pointer has stayed null
     }
 }
 

@@ -23,7 +23,8 @@ namespace Sentrel {
 /// not touched), 180003 when the file cannot be opened or refuses the write, 180006 and 180001 when an exception was
 /// caught.
 /// Threads: any. A scalar is read and written in one plain access. Of a list that is being replaced a reader may see
-/// nothing or a part; two replacements at a time may leave rows of both, in the file and in memory.
+/// nothing or a part; two replacements at a time may leave rows of both, in the file and in memory. Two changes of one
+/// scalar at a time may leave the file with the one and memory with the other until the next start.
 /// Owner: a singleton that ends with the process.
 class STPreferenceController {
 public:
@@ -109,6 +110,7 @@ private:
     void takeCategoryRows(const CVXDBSettings::Rows& rows);
     void emptyCategories(CVXDBSettings& settings);
     void readBackCategories(CVXDBSettings& settings, int form);
+    bool readBackUrls(CVXDBSettings& settings);
     static void storeUncategorised(CVXDBSettings& settings, int blocked);
 
     template <class Value>
@@ -138,6 +140,9 @@ private:
     AllowBlockDetails m_allowBlockDetails;
     CategoryBlockDetails m_categoryBlockDetails;
     boost::mutex m_listMutex;
+
+    // Held from the reading back of a list until it is the list in memory.
+    boost::mutex m_readBackMutex;
 
     static STPreferenceController* m_pSelf;
     static boost::mutex m_instanceMutex;

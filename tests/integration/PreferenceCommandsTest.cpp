@@ -690,6 +690,13 @@ TEST_F(APreferenceStore, LivesThroughReplacementsOfTheListsByManyClientsAtOnce) 
     EXPECT_EQ(machine.sql("pragma integrity_check"), "ok\n");
     EXPECT_EQ(machine.sql("select count(*) from allowblocksettings where substr(name, 2, 1) <> cast(value as text)"),
               "0\n");
+    std::string inMemory;
+    for (const auto& [url, value] : urlsOf(client.getAll())) {
+        inMemory += url + "|" + std::to_string(value) + "\n";
+    }
+    EXPECT_FALSE(inMemory.empty());
+    EXPECT_EQ(machine.sql("select name, value from allowblocksettings order by value desc"), inMemory)
+        << "memory is what the file holds";
     client.setOne(withUrls({{"last.example", 1}}));
     EXPECT_EQ(urlsOf(client.getAll()), (Urls{{"last.example", 1}}));
 }

@@ -2,8 +2,10 @@
 #include "store/PreferencesException.h"
 #include "tests/unit/store/PreferenceFixture.h"
 
+#include <atomic>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 
 namespace testing_support {
 namespace {
@@ -158,6 +160,26 @@ TEST_F(ACategoryList, LeavesOutANameThatIsLongerThanItsReadersBuffers) {
     const std::wstring longest(1023, L'a');
     setCategoriesByPolicy(1, {longest, longest + L"b", std::wstring(512, L'\u00e9'), L"News"}, L"1111");
     EXPECT_EQ(servedCategories(), (CategoryBlockDetails{{std::string(1023, 'a'), 1}, {"News", 1}}));
+}
+
+TEST_F(ACategoryList, IsStoredWholeWhileAnotherProgramWritesToo) {
+    constexpr int categories = 150;
+    std::vector<std::wstring> names;
+    for (int index = 0; index < categories; ++index) {
+        names.push_back(L"category" + std::to_wstring(index));
+    }
+    it();
+    std::atomic<bool> isOver{false};
+    std::thread other([&] {
+        while (!isOver) {
+            sql("pragma busy_timeout=5000; insert or replace into privateIPRange values('10.0.0.0/8')");
+        }
+    });
+    setCategoriesByPolicy(1, names, std::wstring(categories, L'1'));
+    isOver = true;
+    other.join();
+    EXPECT_EQ(sql("select count(*) from catblockinginfo"), std::to_string(categories));
+    EXPECT_EQ(servedCategories().size(), static_cast<std::size_t>(categories));
 }
 
 TEST_F(ACategoryList, SaysWhatPolicyDidToIt) {

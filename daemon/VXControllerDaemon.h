@@ -6,6 +6,7 @@
 #include <boost/thread/condition_variable.hpp>
 #include <boost/thread/mutex.hpp>
 
+#include <atomic>
 #include <cstdint>
 
 namespace Sentrel {
@@ -53,8 +54,10 @@ public:
     static void reloadHandler(int signal);       ///< SIGHUP: re-reads the trace levels and ends tracing
     static void pluginChangeHandler(int signal); ///< SIGUSR2: reloads the agent plug-ins
 
-    /// The agent wrapper; null until it exists.
+    /// The agent wrapper; null until it exists. It makes itself known before it loads its plug-ins: a policy that is in
+    /// store is enforced, on a thread of the library, before its construction has ended.
     VXHVBAgentWrapper* agentWrapper() const { return m_pAgentWrapper; }
+    void setAgentWrapper(VXHVBAgentWrapper* wrapper) { m_pAgentWrapper = wrapper; }
     /// The module's enable state as a central policy last told it.
     bool policyEnabled() const { return m_bPolicyEnabled; }
     void setPolicyEnabled(bool enabled) { m_bPolicyEnabled = enabled; }
@@ -71,8 +74,8 @@ private:
     bool m_bTerminating = false; // nothing reads it; gShouldTerminate stops the daemon
     VXHealthCheckImpl m_healthCheck;
     std::int32_t m_pidFileFd = -1;
-    VXHVBAgentWrapper* m_pAgentWrapper = nullptr; // not owned
-    bool m_bPolicyEnabled = false;
+    std::atomic<VXHVBAgentWrapper*> m_pAgentWrapper{nullptr}; // not owned
+    std::atomic<bool> m_bPolicyEnabled{false};
 
     static VXController* m_pSelf;
     static boost::mutex m_instanceMutex;

@@ -92,7 +92,7 @@ void VXController::startAgentWrapper() {
         ST_TRACE(stDaemonFlow, 1, L"%s - couldn't mask signal\n", "main");
     }
     ST_TRACE(stDaemonFlow, 3, L"VXController::main - Starting OA Agent Wrapper\n");
-    m_pAgentWrapper = VXHVBAgentWrapper::getInstance();
+    setAgentWrapper(VXHVBAgentWrapper::getInstance());
     if (masked) {
         pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }

@@ -2,6 +2,11 @@
 
 #include "daemon/Singleton.h"
 #include "daemon/Trace.h"
+#include "daemon/VXControllerDaemon.h"
+#include "managed/VXPolicyEnforcementImpl.h"
+#include "managed/VXPropertyCollectionImpl.h"
+
+#include <memory>
 
 namespace Sentrel {
 
@@ -29,7 +34,13 @@ void VXHVBAgentWrapper::releaseInstance() {
 
 VXHVBAgentWrapper::VXHVBAgentWrapper() {
     ST_TRACE(mgsFlow, 5, L"VXHVBAgentWrapper::VXHVBAgentWrapper - Entered\n");
-    loadOAPlugins();
+    VXController::getInstance()->setAgentWrapper(this); // a policy may be enforced before this constructor ends
+    try {
+        loadOAPlugins();
+    } catch (...) {
+        VXController::getInstance()->setAgentWrapper(nullptr);
+        throw;
+    }
 }
 
 VXHVBAgentWrapper::~VXHVBAgentWrapper() {
@@ -41,6 +52,12 @@ void VXHVBAgentWrapper::loadOAPlugins() {
     ST_TRACE(mgsFlow, 5, L"VXHVBAgentWrapper::loadOAPlugins - Entered\n");
     m_pAgent = HVBEnterprise::MsgBusEnterpriseAgent::createInstance(kModuleSoftwareId, kAgentSoftwareId, agentLogger,
                                                                     HVBEnterprise::AGENT_ALL_SERVICES);
+    HVBEnterprise::MsgBusEnterpriseAgent* agent = m_pAgent;
+    // An agent that refuses the properties never enforces a policy here.
+    if (agent == nullptr || !agent->registerPropertyCollectionService(std::make_unique<VXPropertyCollectionImpl>())) {
+        return;
+    }
+    agent->registerPolicyEnforcementService(std::make_unique<VXPolicyEnforcementImpl>());
 }
 
 void VXHVBAgentWrapper::unloadOAPlugins() {

@@ -23,6 +23,7 @@ public:
     VXHVBAgentWrapper(const VXHVBAgentWrapper&) = delete;
     VXHVBAgentWrapper& operator=(const VXHVBAgentWrapper&) = delete;
 
+    /// Gets the client and registers the module's two services with it, the properties first.
     void loadOAPlugins();
     void unloadOAPlugins();
     void reloadOAPlugins();

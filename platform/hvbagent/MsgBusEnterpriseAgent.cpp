@@ -13,6 +13,14 @@ MsgBusEnterpriseAgent* MsgBusEnterpriseAgent::createInstance(const std::string& 
     return nullptr;
 }
 
+bool MsgBusEnterpriseAgent::registerPropertyCollectionService(std::unique_ptr<IAgentPropertyCollection>&& /*service*/) {
+    return false;
+}
+
+bool MsgBusEnterpriseAgent::registerPolicyEnforcementService(std::unique_ptr<IAgentPolicyEnforcement>&& /*service*/) {
+    return false;
+}
+
 bool MsgBusEnterpriseAgent::getAgentInformation(const int& /*informationId*/, std::wstring& /*answer*/) {
     return false;
 }

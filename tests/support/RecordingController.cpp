@@ -96,6 +96,58 @@ int STPreferenceController::setCategoryBlockDetails(std::map<std::string, int>& 
     return recorded(std::string("setCategoryBlockDetails"), listed(categories));
 }
 
+int STPreferenceController::setLogGREENSitesStatus(bool value) {
+    return recorded("setLogGREENSitesStatus", value ? 1 : 0);
+}
+int STPreferenceController::setLogAllowSiteStatus(bool value) {
+    return recorded("setLogAllowSiteStatus", value ? 1 : 0);
+}
+int STPreferenceController::setBlockPhishingStatus(bool value) {
+    return recorded("setBlockPhishingStatus", value ? 1 : 0);
+}
+int STPreferenceController::setRPXUnReachableAction(bool value) {
+    return recorded("setRPXUnReachableAction", value ? 1 : 0);
+}
+int STPreferenceController::setPrivateIpChecksum(unsigned char value) {
+    m_privateIpChecksum = value;
+    return recorded("setPrivateIpChecksum", value);
+}
+int STPreferenceController::setAllowBlockListChecksum(unsigned char value) {
+    m_allowBlockListChecksum = value;
+    return recorded("setAllowBlockListChecksum", value);
+}
+int STPreferenceController::setCategoryBlockListChecksum(unsigned char value) {
+    m_categoryBlockListChecksum = value;
+    return recorded("setCategoryBlockListChecksum", value);
+}
+int STPreferenceController::setPrivateIPRange(std::list<std::string> ranges) {
+    std::string arguments;
+    for (const std::string& range : ranges) {
+        arguments += " " + range;
+    }
+    return recorded(std::string("setPrivateIPRange"), arguments);
+}
+int STPreferenceController::setCategoryBlockDetails(int enabled, int count, std::vector<wchar_t>& actions,
+                                                    std::vector<std::wstring>& names, int nonCategoryBlocked) {
+    std::string arguments = " " + std::to_string(enabled) + " " + std::to_string(count) + " ";
+    arguments.append(actions.begin(), actions.end()).append(" ");
+    for (const std::wstring& name : names) {
+        arguments.append(&name == names.data() ? "" : ",").append(name.begin(), name.end());
+    }
+    return recorded(std::string("setCategoryBlockDetails"), arguments + " " + std::to_string(nonCategoryBlocked));
+}
+int STPreferenceController::setAllowBlockDetails(int precedence, std::vector<std::wstring>& urls,
+                                                 std::vector<int>& actions) {
+    std::string arguments = " " + std::to_string(precedence);
+    for (const std::wstring& url : urls) {
+        arguments.append(" ").append(url.begin(), url.end());
+    }
+    for (const int action : actions) {
+        arguments += " " + std::to_string(action);
+    }
+    return recorded(std::string("setAllowBlockDetails"), arguments);
+}
+
 bool STPreferenceController::getEnableSentrel() {
     return values().m_bEnable;
 }

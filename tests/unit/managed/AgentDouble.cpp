@@ -39,6 +39,21 @@ MsgBusEnterpriseAgent* MsgBusEnterpriseAgent::createInstance(const std::string& 
     return new MsgBusEnterpriseAgent;
 }
 
+bool MsgBusEnterpriseAgent::registerPropertyCollectionService(std::unique_ptr<IAgentPropertyCollection>&& service) {
+    AgentDouble& agent = AgentDouble::instance();
+    agent.add("registerPropertyCollectionService");
+    if (agent.takesProperties) {
+        agent.properties = std::move(service);
+    }
+    return agent.takesProperties;
+}
+
+bool MsgBusEnterpriseAgent::registerPolicyEnforcementService(std::unique_ptr<IAgentPolicyEnforcement>&& service) {
+    AgentDouble::instance().add("registerPolicyEnforcementService");
+    AgentDouble::instance().enforcement = std::move(service);
+    return true;
+}
+
 bool MsgBusEnterpriseAgent::getAgentInformation(const int& informationId, std::wstring& answer) {
     AgentDouble& agent = AgentDouble::instance();
     agent.add("getAgentInformation " + std::to_string(informationId));
@@ -58,6 +73,8 @@ void MsgBusEnterpriseAgent::decryptMessage(std::string& message, int kind, std::
 
 void MsgBusEnterpriseAgent::releaseInstance() {
     AgentDouble::instance().add("releaseInstance");
+    AgentDouble::instance().properties.reset();
+    AgentDouble::instance().enforcement.reset();
     --AgentDouble::instance().clients;
     delete this;
 }

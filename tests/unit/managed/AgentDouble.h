@@ -5,6 +5,7 @@
 #include "platform/hvbagent/MsgBusEnterpriseAgent.h"
 
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -21,6 +22,9 @@ struct AgentDouble {
     bool answers = true;                ///< what getAgentInformation returns
     std::optional<std::wstring> answer; ///< what it writes, also when it returns false
     std::function<void(const std::string& message, std::string& clearText)> decrypt; ///< it may throw
+    bool takesProperties = true; ///< false: the service is refused and stays with its caller
+    std::unique_ptr<HVBEnterprise::IAgentPropertyCollection> properties; ///< what was registered last
+    std::unique_ptr<HVBEnterprise::IAgentPolicyEnforcement> enforcement;
 
     /// Each call with its plain arguments, as in "createInstance A B 8191".
     std::vector<std::string> calls();

@@ -1,8 +1,9 @@
 // The daemon's connection to the management agent. Real: the wrapper and the trace log. Not real: the agent's library,
-// which is scripted. The registration of policy and properties is not tested here.
+// which is scripted.
 #include "managed/VXHVBAgentWrapper.h"
 
 #include "daemon/Trace.h"
+#include "daemon/VXControllerDaemon.h"
 #include "tests/support/FlowLines.h"
 #include "tests/unit/managed/AgentDouble.h"
 
@@ -28,6 +29,8 @@ using testing_support::linesOf;
 
 constexpr int kAllLevels = 5;
 constexpr const char* kCreated = "createInstance NODE_ST_1070UNIX MGSAGENT3700UNIX 8191";
+constexpr const char* kProperties = "registerPropertyCollectionService";
+constexpr const char* kPolicy = "registerPolicyEnforcementService";
 constexpr const char* kManagedLine = "VXHVBAgentWrapper - Product is in managed mode";
 constexpr const char* kUnmanagedLine = "VXHVBAgentWrapper - Product is in unmanaged mode";
 
@@ -65,7 +68,7 @@ protected:
 
 TEST_F(AnAgentWrapper, AsksForTheClientOnceWithItsIdsItsLoggerAndAllServices) {
     EXPECT_EQ(&wrapper(), &wrapper());
-    EXPECT_THAT(newCalls(), ElementsAre(kCreated));
+    EXPECT_THAT(newCalls(), ElementsAre(kCreated, kProperties, kPolicy));
     EXPECT_EQ(agent.logger, &VXHVBAgentWrapper::agentLogger);
 }
 
@@ -73,7 +76,8 @@ TEST_F(AnAgentWrapper, BeginsUnmanagedUnknownAndWithoutAPolicy) {
     EXPECT_FALSE(wrapper().managed());
     EXPECT_FALSE(wrapper().managedKnown());
     EXPECT_FALSE(wrapper().policyReceived());
-    EXPECT_THAT(newCalls(), ElementsAre(kCreated)) << "the status is not asked for before somebody wants it";
+    EXPECT_THAT(newCalls(), ElementsAre(kCreated, kProperties, kPolicy))
+        << "the status is not asked for before somebody wants it";
 }
 
 TEST_F(AnAgentWrapper, IsOneInstanceWhenTwoThreadsAskForItAtFirst) {
@@ -88,7 +92,7 @@ TEST_F(AnAgentWrapper, IsOneInstanceWhenTwoThreadsAskForItAtFirst) {
     other.join();
     EXPECT_NE(given[0], nullptr);
     EXPECT_EQ(given[0], given[1]);
-    EXPECT_THAT(newCalls(), ElementsAre(kCreated));
+    EXPECT_THAT(newCalls(), ElementsAre(kCreated, kProperties, kPolicy));
 }
 
 TEST_F(AnAgentWrapper, ReleasesItsClientWhenItIsReleasedAndMayComeAgain) {
@@ -96,15 +100,17 @@ TEST_F(AnAgentWrapper, ReleasesItsClientWhenItIsReleasedAndMayComeAgain) {
     VXHVBAgentWrapper::releaseInstance();
     VXHVBAgentWrapper::releaseInstance();
     wrapper();
-    EXPECT_THAT(newCalls(), ElementsAre(kCreated, "releaseInstance", kCreated));
+    EXPECT_THAT(newCalls(),
+                ElementsAre(kCreated, kProperties, kPolicy, "releaseInstance", kCreated, kProperties, kPolicy));
 }
 
 TEST_F(AnAgentWrapper, PassesOnAnExceptionOfItsConstructionAndIsNotThere) {
     agent.beforeCreate = [] { throw std::runtime_error("library"); };
     EXPECT_THROW(VXHVBAgentWrapper::getInstance(), std::runtime_error);
+    EXPECT_EQ(Sentrel::VXController::getInstance()->agentWrapper(), nullptr);
     agent.beforeCreate = nullptr;
     wrapper();
-    EXPECT_THAT(newCalls(), ElementsAre(kCreated, kCreated));
+    EXPECT_THAT(newCalls(), ElementsAre(kCreated, kCreated, kProperties, kPolicy));
 }
 
 TEST_F(AnAgentWrapper, ReplacesTheClientOnAReloadAndKeepsItsFlags) {
@@ -112,7 +118,7 @@ TEST_F(AnAgentWrapper, ReplacesTheClientOnAReloadAndKeepsItsFlags) {
     wrapper().setPolicyReceived();
     newCalls();
     wrapper().reloadOAPlugins();
-    EXPECT_THAT(newCalls(), ElementsAre("releaseInstance", kCreated));
+    EXPECT_THAT(newCalls(), ElementsAre("releaseInstance", kCreated, kProperties, kPolicy));
     EXPECT_TRUE(wrapper().managed());
     EXPECT_TRUE(wrapper().policyReceived());
     wrapper().updateManagedStatus(); // reaches the new client: the old one is gone
@@ -132,14 +138,29 @@ TEST_F(AnAgentWrapper, LosesItsAgentOnAReloadThatFindsNone) {
     agent.present = false;
     wrapper().reloadOAPlugins();
     EXPECT_EQ(wrapper().decrpytPass("secret"), "");
-    EXPECT_THAT(newCalls(), ElementsAre(kCreated, "releaseInstance", kCreated));
+    EXPECT_THAT(newCalls(), ElementsAre(kCreated, kProperties, kPolicy, "releaseInstance", kCreated));
+}
+
+TEST_F(AnAgentWrapper, RegistersNoPolicyWithAnAgentThatRefusesTheProperties) {
+    agent.takesProperties = false;
+    wrapper();
+    EXPECT_THAT(newCalls(), ElementsAre(kCreated, kProperties));
+    EXPECT_EQ(agent.enforcement, nullptr);
+    agent.takesProperties = true;
+}
+
+TEST_F(AnAgentWrapper, IsKnownToTheControllerBeforeItsServicesAreRegistered) {
+    const VXHVBAgentWrapper* known = nullptr;
+    agent.beforeCreate = [&known] { known = Sentrel::VXController::getInstance()->agentWrapper(); };
+    wrapper();
+    EXPECT_EQ(known, &wrapper());
 }
 
 // The managed status.
 
 TEST_F(AnAgentWrapper, AsksForInformationZero) {
     readStatus(L"1");
-    EXPECT_THAT(newCalls(), ElementsAre(kCreated, "getAgentInformation 0"));
+    EXPECT_THAT(newCalls(), ElementsAre(kCreated, kProperties, kPolicy, "getAgentInformation 0"));
 }
 
 TEST_F(AnAgentWrapper, IsManagedWhenTheAnswerIsOneOrTwo) {
@@ -217,7 +238,7 @@ TEST_F(AnAgentWrapper, TracesItsStatusAtLevelFive) {
 TEST_F(AnAgentWrapper, GivesTheClearTextOfAMessageOfKindThree) {
     agent.decrypt = [](const std::string&, std::string& clearText) { clearText = "clear"; };
     EXPECT_EQ(wrapper().decrpytPass("secret"), "clear");
-    EXPECT_THAT(newCalls(), ElementsAre(kCreated, "decryptMessage secret 3"));
+    EXPECT_THAT(newCalls(), ElementsAre(kCreated, kProperties, kPolicy, "decryptMessage secret 3"));
 }
 
 TEST_F(AnAgentWrapper, HandsTheLibraryAnEmptyResult) {
@@ -278,7 +299,9 @@ TEST_F(AnAgentWrapper, TracesTheEntryOfEachOperationAtLevelFive) {
           "updateManagedStatus", "decrpytPass", "releaseInstance", "~VXHVBAgentWrapper"}) {
         EXPECT_THAT(lines, Contains(std::string("VXHVBAgentWrapper::") + operation + " - Entered"));
     }
-    EXPECT_THAT(linesOf(mgsFlowvalue, 4, all), IsEmpty());
+    for (const std::string& line : linesOf(mgsFlowvalue, 4, all)) {
+        EXPECT_FALSE(line.starts_with("VXHVBAgentWrapper")) << line;
+    }
 }
 
 } // namespace

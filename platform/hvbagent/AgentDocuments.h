@@ -1,0 +1,89 @@
+// The documents that pass between the management agent and a module, and who takes them.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace HVBEnterprise {
+
+/// Selects a policy by the product and the feature that it belongs to. A module fills the first three texts; the rest
+/// is the library's and stays empty here. Threads: a plain value. Owner: whoever built it.
+struct PolicySetting {
+    std::wstring m_productId;
+    std::wstring m_featureId; ///< the feature that is looked in
+    std::wstring m_featureName;
+    std::wstring m_typeId;
+    std::wstring m_typeName;
+    std::wstring m_policyName;
+    std::map<std::wstring, std::wstring> m_attributes;
+};
+
+/// Named sections of keys and values: a policy to read, or properties to fill.
+/// Threads: a plain value. Owner: whoever built it; a module sees the library's for the length of a callback.
+class SectionsHandle {
+public:
+    using Section = std::map<std::wstring, std::wstring>;
+
+    /// Looks a key up in the section of the feature that @p setting names.
+    /// @return whether it was found; otherwise @p value stays.
+    bool getPropValue(const PolicySetting& setting, const std::wstring& section, const std::wstring& key,
+                      std::wstring& value) const;
+
+    /// Looks a key up by the section's name alone: first in the sections that belong to no feature, then in those of
+    /// the features, in the order of their names.
+    bool getPropValue(const std::wstring& section, const std::wstring& key, std::wstring& value) const;
+
+    /// All keys of the sections of that name; of a key that is in several, the value that getPropValue finds.
+    /// @return whether there is such a section; otherwise @p data stays.
+    bool getSectionDataUsingSectionName(const std::wstring& section, Section& data) const;
+
+    /// Adds a property, or replaces its value.
+    void insert(const std::wstring& section, const std::wstring& key, const std::wstring& value);
+
+    /// As insert, in a section of a feature.
+    void insertForFeature(const std::wstring& feature, const std::wstring& section, const std::wstring& key,
+                          const std::wstring& value);
+
+    using Sections = std::map<std::wstring, Section>;
+    const Sections& sections() const { return m_sections; }
+    const std::map<std::wstring, Sections>& features() const { return m_features; }
+
+private:
+    Sections m_sections;
+    std::map<std::wstring, Sections> m_features;
+};
+
+/// What a user's session has come to.
+enum tag_AgentLogonState : std::int32_t {
+    AGENT_LOGON = 0,
+    AGENT_LOGOFF = 1,
+};
+
+/// Fills the document of the machine's properties.
+/// Threads: the library's own, one call at a time. Owner: the library, from the registration on.
+class IAgentPropertyCollection {
+public:
+    virtual ~IAgentPropertyCollection() = default;
+
+    /// @param full whether every section is wanted, or "General" alone.
+    virtual bool collectProperties(bool full, SectionsHandle& properties) = 0;
+    virtual bool isSoftwareExists(const std::wstring softwareId) = 0;
+};
+
+/// Puts a policy into force.
+/// Threads: the library's own, one call at a time. Owner: the library, from the registration on.
+class IAgentPolicyEnforcement {
+public:
+    virtual ~IAgentPolicyEnforcement() = default;
+
+    /// @return whether the whole policy is in force.
+    virtual bool enforcePolicy(const std::wstring softwareId, const SectionsHandle& policy) = 0;
+    /// The same at a user's logon.
+    virtual bool enforcePolicy(const std::wstring softwareId, const std::wstring user, const std::wstring domain,
+                               unsigned long session, tag_AgentLogonState state, const SectionsHandle& policy) = 0;
+    /// Whether a part of a policy may be given.
+    virtual bool isPartialEnforcementSupported() = 0;
+};
+
+} // namespace HVBEnterprise

@@ -52,4 +52,15 @@ inline std::string moduleConfiguration() {
     return underRoot("/usr/local/Orvanta/hvb/config/Sentrel/HVConfig.xml");
 }
 
+// The management agent's. The policy in force lies in the daemon's own directory.
+inline std::string agentConfiguration() {
+    return underRoot("/usr/local/Orvanta/hvb/config/agent.json");
+}
+inline std::string agentKey() {
+    return underRoot("/usr/local/Orvanta/hvb/config/agent.key");
+}
+inline std::string agentPolicy() {
+    return underRoot("/usr/local/Orvanta/Sentrel/var/policy.json");
+}
+
 } // namespace Sentrel::paths

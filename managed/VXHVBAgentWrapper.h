@@ -17,6 +17,7 @@ namespace Sentrel {
 /// Owner: a singleton, created by VXController::main and released by the controller's destructor.
 class VXHVBAgentWrapper {
 public:
+    /// Requires that the process's controller exists, whose end releases this.
     static VXHVBAgentWrapper* getInstance();
     static void releaseInstance();
     virtual ~VXHVBAgentWrapper();

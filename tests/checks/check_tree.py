@@ -16,7 +16,7 @@ MAY_INCLUDE = {
     "hub": DAEMON_FOLDERS + ["platform"],
     "managed": DAEMON_FOLDERS + ["platform"],
     "events": DAEMON_FOLDERS + ["platform"],
-    "platform": ["hub"],
+    "platform": ["hub", "daemon/Paths.h"],
     "apps/hvbd": ["hub", "events/ReportRecords.h", "platform", "daemon/Paths.h"],
     "apps/sentrelctl": ["hub", "events/ReportRecords.h", "events/STEventData.h", "platform", "daemon/Paths.h"],
 }

@@ -31,7 +31,10 @@ constexpr const wchar_t* kListFeature = L"KPF_BlockAndAllowList";
 /// Threads: the test's. Owner: the test.
 class PolicyFixture : public testing::Test {
 protected:
-    PolicyFixture() { Sentrel::VXHVBAgentWrapper::getInstance(); }
+    PolicyFixture() {
+        Sentrel::VXController::getInstance(); // first, as in the daemon: the controller's end releases the wrapper
+        Sentrel::VXHVBAgentWrapper::getInstance();
+    }
     ~PolicyFixture() override { Sentrel::VXController::releaseInstance(); }
 
     void general(const wchar_t* section, const wchar_t* key, const std::wstring& value) {

@@ -36,6 +36,7 @@ constexpr const char* kUnmanagedLine = "VXHVBAgentWrapper - Product is in unmana
 
 class AnAgentWrapper : public testing::Test {
 protected:
+    AnAgentWrapper() { Sentrel::VXController::getInstance(); } // first, as in the daemon
     ~AnAgentWrapper() override {
         VXHVBAgentWrapper::releaseInstance();
         EXPECT_EQ(agent.clients, 0) << "every client is released";

@@ -1,0 +1,254 @@
+#include "platform/hvbagent/AgentConfiguration.h"
+
+#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/PrivateFile.h"
+#include "platform/hvbagent/StrictJson.h"
+#include "platform/hvbagent/Topics.h"
+
+#include <nlohmann/json.hpp>
+#include <sodium.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <set>
+#include <system_error>
+
+namespace HVBEnterprise::agent {
+namespace {
+
+using nlohmann::json;
+
+/// Takes the members of an object one by one; what nobody asked for is refused at the end.
+/// Threads: single access. Owner: the reading operation; the value must outlive it.
+class Members {
+public:
+    Members(const json& value, std::string place) : m_value(value), m_place(std::move(place)) {
+        if (!value.is_object()) {
+            throw DocumentError(m_place, "is not an object");
+        }
+    }
+
+    std::string placeOf(const char* name) const { return memberPlace(m_place, name); }
+
+    const json* find(const char* name) {
+        m_asked.insert(name);
+        const auto found = m_value.find(name);
+        return found == m_value.end() ? nullptr : &*found;
+    }
+
+    const json& get(const char* name) {
+        const json* const found = find(name);
+        if (found == nullptr) {
+            throw DocumentError(placeOf(name), "is missing");
+        }
+        return *found;
+    }
+
+    std::string text(const char* name, std::size_t maxBytes) { return asText(get(name), placeOf(name), maxBytes); }
+
+    std::int64_t integer(const char* name, std::int64_t least, std::int64_t most) {
+        const json& value = get(name);
+        const bool inRange = value.is_number_unsigned() ? value.get<std::uint64_t>() <= static_cast<std::uint64_t>(most)
+                                                        : value.is_number_integer();
+        if (!inRange || value.get<std::int64_t>() < least || value.get<std::int64_t>() > most) {
+            throw DocumentError(placeOf(name),
+                                "is not an integer from " + std::to_string(least) + " to " + std::to_string(most));
+        }
+        return value.get<std::int64_t>();
+    }
+
+    std::int64_t integerOr(const char* name, std::int64_t least, std::int64_t most, std::int64_t otherwise) {
+        return find(name) != nullptr ? integer(name, least, most) : otherwise;
+    }
+
+    std::string path(const char* name) {
+        std::string path = text(name, kMaxPathBytes);
+        if (path.empty() || path.front() != '/') {
+            throw DocumentError(placeOf(name), "is not an absolute path");
+        }
+        return path;
+    }
+
+    void done() const {
+        for (const auto& [name, member] : m_value.get_ref<const json::object_t&>()) {
+            if (m_asked.count(name) == 0) {
+                throw DocumentError(memberPlace(m_place, name), "is not known here");
+            }
+        }
+    }
+
+    static std::string asText(const json& value, const std::string& place, std::size_t maxBytes) {
+        if (!value.is_string()) {
+            throw DocumentError(place, "is not a text");
+        }
+        const auto& text = value.get_ref<const std::string&>();
+        if (text.size() > maxBytes) {
+            throw DocumentError(place, "is longer than " + std::to_string(maxBytes) + " bytes");
+        }
+        return text;
+    }
+
+private:
+    const json& m_value;
+    std::string m_place;
+    std::set<std::string> m_asked;
+};
+
+json smallJson(std::string_view text) {
+    return readStrictJson(text, {.bytes = kMaxConfigurationBytes, .depth = kMaxSmallDepth, .values = kMaxSmallValues});
+}
+
+std::string topicPart(const std::string& text, const std::string& place) {
+    if (!isTopicPart(text)) {
+        throw DocumentError(place, "is not 1 to " + std::to_string(kMaxTopicPart) +
+                                       " characters out of letters, digits, \"_\", \".\" and \"-\"");
+    }
+    return text;
+}
+
+std::string hostOf(Members& broker) {
+    std::string host = broker.text("host", kMaxHostBytes);
+    const bool clean = std::all_of(host.begin(), host.end(), [](char c) { return c > ' ' && c < '\x7F'; });
+    if (host.empty() || !clean) {
+        throw DocumentError(broker.placeOf("host"), "is no host name");
+    }
+    return host;
+}
+
+std::optional<TlsFiles> tlsOf(Members& broker) {
+    const json* const found = broker.find("tls");
+    if (found == nullptr) {
+        return std::nullopt;
+    }
+    Members tls(*found, broker.placeOf("tls"));
+    TlsFiles files{.authority = tls.path("ca"), .certificate = {}, .key = {}};
+    if (tls.find("certificate") != nullptr || tls.find("key") != nullptr) {
+        files.certificate = tls.path("certificate");
+        files.key = tls.path("key");
+    }
+    tls.done();
+    return files;
+}
+
+void readBroker(Members& members, AgentConfiguration& configuration) {
+    Members broker(members.get("broker"), members.placeOf("broker"));
+    configuration.host = hostOf(broker);
+    configuration.port =
+        static_cast<std::uint16_t>(broker.integer("port", 1, std::numeric_limits<std::uint16_t>::max()));
+    configuration.tls = tlsOf(broker);
+    if (broker.find("credentials") != nullptr) {
+        configuration.credentialsFile = broker.path("credentials");
+    }
+    broker.done();
+}
+
+std::string machineOf(Members& members, const std::string& machineIdFile) {
+    if (members.find("machine") != nullptr) {
+        return topicPart(members.text("machine", kMaxTopicPart), members.placeOf("machine"));
+    }
+    std::string id = readRegularFile(machineIdFile, kMaxConfigurationBytes, FileAccess::Anybody);
+    id.resize(std::min(id.size(), id.find('\n')));
+    if (!isTopicPart(id)) {
+        throw DocumentError(members.placeOf("machine"), "is missing, and " + machineIdFile + " holds no id");
+    }
+    return id;
+}
+
+std::vector<std::string> groupsOf(Members& members) {
+    std::set<std::string> groups;
+    if (const json* const found = members.find("groups"); found != nullptr) {
+        if (!found->is_array() || found->size() > kMaxGroups) {
+            throw DocumentError(members.placeOf("groups"),
+                                "is not a list of at most " + std::to_string(kMaxGroups) + " groups");
+        }
+        for (std::size_t i = 0; i < found->size(); ++i) {
+            const std::string place = memberPlace(members.placeOf("groups"), std::to_string(i));
+            groups.insert(topicPart(Members::asText((*found)[i], place, kMaxTopicPart), place));
+        }
+    }
+    groups.erase(kEveryMachine);
+    return {groups.begin(), groups.end()};
+}
+
+std::optional<PublicKey> policyKeyOf(Members& members) {
+    if (members.find("policy_public_key") == nullptr) {
+        return std::nullopt;
+    }
+    const std::string bytes = bytesOfBase64(members.text("policy_public_key", kMaxCredentialBytes)).value_or("");
+    PublicKey key{};
+    if (bytes.size() != key.size()) {
+        throw DocumentError(members.placeOf("policy_public_key"),
+                            "is not the base64 of " + std::to_string(key.size()) + " bytes");
+    }
+    std::transform(bytes.begin(), bytes.end(), key.begin(), [](char c) { return static_cast<unsigned char>(c); });
+    return key;
+}
+
+/// Runs @p body; what it throws gets the file's name in front, unless it has it already.
+template <class Body>
+auto naming(const std::string& path, const Body& body) {
+    try {
+        return body();
+    } catch (const DocumentError& error) {
+        throw std::runtime_error(path + ": " + error.what());
+    }
+}
+
+} // namespace
+
+Credentials::~Credentials() {
+    sodium_memzero(user.data(), user.size());
+    sodium_memzero(password.data(), password.size());
+}
+
+AgentConfiguration readAgentConfiguration(std::string_view text, const std::string& machineIdFile) {
+    const json document = smallJson(text);
+    Members members(document, "");
+    AgentConfiguration configuration;
+    readBroker(members, configuration);
+    configuration.site = topicPart(members.text("site", kMaxTopicPart), members.placeOf("site"));
+    configuration.machine = machineOf(members, machineIdFile);
+    configuration.groups = groupsOf(members);
+    configuration.interval =
+        std::chrono::seconds(members.integerOr("interval", kMinInterval, kMaxInterval, kDefaultInterval));
+    configuration.keepalive =
+        std::chrono::seconds(members.integerOr("keepalive", kMinKeepalive, kMaxKeepalive, kDefaultKeepalive));
+    configuration.policyKey = policyKeyOf(members);
+    members.done();
+    return configuration;
+}
+
+std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path, const std::string& machineIdFile) {
+    std::string text;
+    try {
+        text = readRegularFile(path, kMaxConfigurationBytes, FileAccess::Anybody);
+    } catch (const std::system_error& error) {
+        if (error.code().value() == ENOENT) {
+            return std::nullopt;
+        }
+        throw;
+    }
+    AgentConfiguration configuration = naming(path, [&] { return readAgentConfiguration(text, machineIdFile); });
+    if (!configuration.credentialsFile.empty()) {
+        (void)loadCredentials(configuration.credentialsFile);
+    }
+    return configuration;
+}
+
+Credentials loadCredentials(const std::string& path) {
+    std::string text = readRegularFile(path, kMaxConfigurationBytes, FileAccess::OwnerAlone);
+    Credentials credentials = naming(path, [&] {
+        json document = smallJson(text);
+        Members members(document, "");
+        Credentials read;
+        read.user = members.text("user", kMaxCredentialBytes);
+        read.password = members.text("password", kMaxCredentialBytes);
+        members.done();
+        return read;
+    });
+    sodium_memzero(text.data(), text.size());
+    return credentials;
+}
+
+} // namespace HVBEnterprise::agent

@@ -1,0 +1,206 @@
+#include "platform/hvbagent/AgentConnection.h"
+
+#include "platform/hvbagent/AgentThread.h"
+#include "platform/hvbagent/Encoding.h"
+#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/PropertyDocument.h"
+#include "platform/hvbagent/StrictJson.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+namespace HVBEnterprise::agent {
+
+AgentConnection::AgentConnection(AgentConfiguration configuration, std::shared_ptr<Outbox> outbox,
+                                 std::shared_ptr<AgentWorker> worker, std::shared_ptr<AgentLog> log)
+    : m_configuration(std::move(configuration)), m_topics(m_configuration.site, m_configuration.machine),
+      m_outbox(std::move(outbox)), m_worker(std::move(worker)), m_log(std::move(log)), m_pause(kFirstRetryPause),
+      m_random(std::random_device{}()) {}
+
+void AgentConnection::begin(const std::shared_ptr<AgentConnection>& connection) {
+    const std::lock_guard lock(connection->m_mutex);
+    connection->m_thread = startThread("agent-network", [connection] { connection->run(); });
+}
+
+void AgentConnection::end() {
+    std::unique_lock lock(m_mutex);
+    m_ending = true;
+    m_changed.notify_all();
+    m_outbox->wake();
+    const bool finished = m_changed.wait_for(lock, kEndPatience, [this] { return m_finished; });
+    std::thread thread = std::move(m_thread);
+    lock.unlock();
+    if (finished) {
+        thread.join();
+    } else {
+        thread.detach(); // it owns what it uses, and the worker and the log do not listen to it any more
+    }
+}
+
+bool AgentConnection::isEnding() {
+    const std::lock_guard lock(m_mutex);
+    return m_ending;
+}
+
+void AgentConnection::run() noexcept {
+    while (!isEnding()) {
+        try {
+            attempt();
+        } catch (const std::exception& error) {
+            ended(error.what());
+        }
+        m_session.reset();
+        pause();
+    }
+    const std::lock_guard lock(m_mutex);
+    m_finished = true;
+    m_changed.notify_all();
+}
+
+void AgentConnection::makeSession() {
+    const Credentials credentials =
+        m_configuration.credentialsFile.empty() ? Credentials() : loadCredentials(m_configuration.credentialsFile);
+    const Publication will{m_topics.state(), stateDocument(false, timeText())};
+    m_session = std::make_unique<MqttSession>(m_configuration, credentials, will, static_cast<MqttReceiver&>(*this));
+}
+
+void AgentConnection::attempt() {
+    m_wasConnected = false;
+    makeSession();
+    m_session->connect();
+    const auto deadline = Clock::now() + kConnectPatience;
+    while (!isEnding()) {
+        stayConnected(deadline);
+    }
+    if (m_session->isConnected()) {
+        sayFarewell();
+    }
+}
+
+void AgentConnection::stayConnected(Clock::time_point deadline) {
+    if (m_session->isConnected()) {
+        publishWaiting();
+    } else if (Clock::now() >= deadline) {
+        throw MqttFailure("the broker does not answer");
+    }
+    m_session->step(m_outbox->wakeFd(), kLoopTick);
+    m_outbox->takeWake();
+}
+
+void AgentConnection::publishWaiting() {
+    while (m_inFlight.size() < kMaxInFlight) {
+        std::optional<Publication> next = m_outbox->take();
+        if (!next) {
+            return;
+        }
+        try {
+            const int number = m_session->publish(*next);
+            m_inFlight.emplace(number, std::move(*next));
+        } catch (const MqttFailure&) {
+            m_outbox->putBack(std::move(*next));
+            throw;
+        }
+    }
+}
+
+void AgentConnection::sayFarewell() {
+    m_outbox->setConnected(false);
+    const auto deadline = Clock::now() + kFarewellPatience;
+    publishWaiting();
+    Publication offline{m_topics.state(), stateDocument(false, timeText())};
+    const int number = m_session->publish(offline);
+    m_inFlight.emplace(number, std::move(offline));
+    while (!m_inFlight.empty() && Clock::now() < deadline) {
+        m_outbox->takeWake(); // a wake-up that stays would keep the step from waiting
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        m_session->step(m_outbox->wakeFd(), std::max(left, std::chrono::milliseconds(0)));
+    }
+    if (m_inFlight.empty()) {
+        m_session->disconnect();
+    } // otherwise the broker shall speak the last will
+}
+
+void AgentConnection::ended(const std::string& reason) {
+    m_outbox->setConnected(false);
+    while (!m_inFlight.empty()) {
+        auto last = std::prev(m_inFlight.end()); // backwards: each is put in front of the others
+        m_outbox->putBack(std::move(last->second));
+        m_inFlight.erase(last);
+    }
+    if (reason != m_lastReason && !isEnding()) {
+        const std::string broker = m_configuration.host + ":" + std::to_string(m_configuration.port);
+        m_log->warning("no connection to the broker " + shortPrintable(broker) + ": " + shortPrintable(reason) +
+                       "; trying again");
+        m_lastReason = reason;
+    }
+}
+
+void AgentConnection::pause() {
+    if (m_wasConnected && Clock::now() - m_connectedAt >= kSettledAfter) {
+        m_pause = kFirstRetryPause;
+    }
+    std::uniform_int_distribution<std::int64_t> drawn(m_pause.count() / 2, m_pause.count());
+    const std::chrono::milliseconds wait(drawn(m_random));
+    m_pause = std::min(m_pause * 2, kLastRetryPause);
+    std::unique_lock lock(m_mutex);
+    m_changed.wait_for(lock, wait, [this] { return m_ending; });
+}
+
+void AgentConnection::connected() {
+    m_wasConnected = true;
+    m_connectedAt = Clock::now();
+    m_lastReason.clear();
+    // From the site's down to this machine's own: the last retained policy that comes is the nearest.
+    m_session->subscribe(m_topics.groupPolicy(kEveryMachine));
+    for (const std::string& group : m_configuration.groups) {
+        m_session->subscribe(m_topics.groupPolicy(group));
+    }
+    m_session->subscribe(m_topics.policy());
+    m_session->subscribe(m_topics.collect());
+    m_outbox->setConnected(true);
+    m_outbox->post({m_topics.state(), stateDocument(true, timeText())});
+    m_log->information("connected to the broker " + shortPrintable(m_configuration.host) + " as machine " +
+                       m_configuration.machine + " of site " + m_configuration.site);
+    m_worker->collect(true);
+}
+
+void AgentConnection::acknowledged(int number) {
+    m_inFlight.erase(number);
+}
+
+void AgentConnection::subscriptionRefused() {
+    m_log->warning("the broker does not let this machine subscribe to one of its topics");
+}
+
+void AgentConnection::message(std::string_view topic, std::string_view payload, bool retained) {
+    if (topic == m_topics.collect()) {
+        collectCame(payload, retained);
+    } else {
+        policyCame(topic, payload); // nothing else was subscribed to
+    }
+}
+
+void AgentConnection::policyCame(std::string_view topic, std::string_view payload) {
+    if (payload.empty()) {
+        m_log->information("the policy on " + shortPrintable(topic) + " was cleared; what is in force stays");
+    } else if (payload.size() > kMaxPolicyMessageBytes) {
+        m_worker->policyTooLarge(sha256Of(payload), payload.size());
+    } else {
+        m_worker->policyArrived(std::string(payload));
+    }
+}
+
+void AgentConnection::collectCame(std::string_view payload, bool retained) {
+    if (retained) {
+        m_log->warning("a retained request to collect is ignored: it would come again at each connection");
+        return;
+    }
+    try {
+        m_worker->collect(readCollectRequest(payload));
+    } catch (const DocumentError& error) {
+        m_log->warning(std::string("a request to collect is ignored: ") + error.what());
+    }
+}
+
+} // namespace HVBEnterprise::agent

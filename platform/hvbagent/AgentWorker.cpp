@@ -1,0 +1,241 @@
+#include "platform/hvbagent/AgentWorker.h"
+
+#include "platform/hvbagent/AgentThread.h"
+#include "platform/hvbagent/Encoding.h"
+#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/PropertyDocument.h"
+
+#include <exception>
+#include <utility>
+
+namespace HVBEnterprise::agent {
+namespace {
+
+thread_local bool t_isWorker = false;
+
+using Clock = std::chrono::steady_clock;
+
+/// Runs a call into the module. @return what it gave; false when it threw, which is logged.
+template <class Call>
+bool calling(AgentLog& log, const char* what, const Call& call) {
+    try {
+        return call();
+    } catch (const std::exception& error) {
+        log.error(std::string(what) + " failed: " + shortPrintable(error.what()));
+    } catch (...) {
+        log.error(std::string(what) + " failed for an unknown reason");
+    }
+    return false;
+}
+
+} // namespace
+
+bool AgentWorker::isWorker() {
+    return t_isWorker;
+}
+
+AgentWorker::AgentWorker(WorkerSettings settings, PolicyInForce policy, std::shared_ptr<Outbox> outbox,
+                         std::shared_ptr<AgentLog> log)
+    : m_settings(std::move(settings)), m_outbox(std::move(outbox)), m_log(std::move(log)), m_policy(std::move(policy)),
+      m_nextInterval(Clock::now() + m_settings.interval) {}
+
+void AgentWorker::begin() {
+    const std::lock_guard lock(m_mutex);
+    m_thread = startThread("agent-callback", [this] { work(); });
+}
+
+bool AgentWorker::take(std::unique_ptr<IAgentPropertyCollection>& service) {
+    const std::lock_guard lock(m_mutex);
+    if (m_ended || m_collection != nullptr || service == nullptr) {
+        return false;
+    }
+    m_collection = std::move(service);
+    m_changed.notify_one();
+    return true;
+}
+
+bool AgentWorker::take(std::unique_ptr<IAgentPolicyEnforcement>& service) {
+    const std::lock_guard lock(m_mutex);
+    if (m_ended || m_enforcement != nullptr || service == nullptr) {
+        return false;
+    }
+    m_enforcement = std::move(service);
+    m_savedIsDue = true;
+    m_changed.notify_one();
+    return true;
+}
+
+void AgentWorker::policyArrived(std::string message) {
+    std::size_t dropped = 0;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_ended) {
+            return;
+        }
+        m_policyBytes += message.size();
+        m_policies.push_back(std::move(message));
+        while (m_policies.size() > 1 &&
+               (m_policies.size() > kMaxWaitingPolicies || m_policyBytes > kMaxWaitingPolicyBytes)) {
+            m_policyBytes -= m_policies.front().size();
+            m_policies.pop_front();
+            ++dropped;
+        }
+        m_changed.notify_one();
+    }
+    if (dropped > 0) {
+        m_log->warning("policies come faster than they are enforced; dropped " + std::to_string(dropped));
+    }
+}
+
+void AgentWorker::policyTooLarge(const std::string& sha256, std::size_t bytes) {
+    publishResult({.version = {}, .id = {}, .sha256 = sha256}, {},
+                  "the document: is larger than " + std::to_string(kMaxPolicyBytes) + " bytes, with " +
+                      std::to_string(bytes));
+}
+
+void AgentWorker::collect(bool full) {
+    const std::lock_guard lock(m_mutex);
+    m_collect = m_collect.value_or(false) || full;
+    m_changed.notify_one();
+}
+
+void AgentWorker::end() {
+    std::thread thread;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_ended = true;
+        thread.swap(m_thread);
+        m_changed.notify_all();
+    }
+    if (thread.joinable()) {
+        thread.join();
+    }
+    // Outside of the lock: a service's destructor is the module's code.
+    std::unique_ptr<IAgentPropertyCollection> collection;
+    std::unique_ptr<IAgentPolicyEnforcement> enforcement;
+    {
+        const std::lock_guard lock(m_mutex);
+        collection.swap(m_collection);
+        enforcement.swap(m_enforcement);
+    }
+}
+
+bool AgentWorker::hasWork() const {
+    return (m_enforcement != nullptr && (m_savedIsDue || !m_policies.empty())) ||
+           (m_collection != nullptr && m_collect.has_value());
+}
+
+bool AgentWorker::waitForWork(Lock& lock) {
+    while (!m_ended && !hasWork()) {
+        if (m_changed.wait_until(lock, m_nextInterval) == std::cv_status::timeout && Clock::now() >= m_nextInterval) {
+            m_nextInterval = Clock::now() + m_settings.interval;
+            if (m_outbox->isConnected()) { // otherwise the next connection collects
+                m_collect = true;
+            }
+        }
+    }
+    return !m_ended;
+}
+
+void AgentWorker::runNext(Lock& lock) {
+    if (m_enforcement != nullptr && m_savedIsDue) {
+        m_savedIsDue = false;
+        lock.unlock();
+        enforceSaved();
+    } else if (m_enforcement != nullptr && !m_policies.empty()) {
+        const std::string message = std::move(m_policies.front());
+        m_policies.pop_front();
+        m_policyBytes -= message.size();
+        lock.unlock();
+        handlePolicy(message);
+    } else {
+        const bool full = *m_collect;
+        m_collect.reset();
+        lock.unlock();
+        collectNow(full);
+    }
+    lock.lock();
+}
+
+void AgentWorker::work() {
+    t_isWorker = true;
+    Lock lock(m_mutex);
+    while (waitForWork(lock)) {
+        calling(*m_log, "the work on a policy or on properties", [&] {
+            runNext(lock);
+            return true;
+        });
+        if (!lock.owns_lock()) { // something of the library itself threw, such as for want of memory
+            lock.lock();
+        }
+    }
+}
+
+void AgentWorker::enforceSaved() {
+    bool isThere = false;
+    try {
+        isThere = m_policy.restore();
+    } catch (const std::exception& error) {
+        m_log->error(std::string("the saved policy cannot be used, none is in force: ") + error.what());
+    }
+    if (isThere) {
+        m_log->information("enforcing the saved policy, version " + std::to_string(*m_policy.identity().version));
+        enforce();
+    }
+}
+
+bool AgentWorker::enforce() {
+    const bool enforced = calling(*m_log, "the enforcement of a policy", [this] {
+        return m_enforcement->enforcePolicy(m_settings.softwareId, m_policy.sections());
+    });
+    m_policy.noteEnforced(enforced);
+    collect(true);
+    return enforced;
+}
+
+void AgentWorker::handlePolicy(const std::string& message) {
+    const PolicyDecision decision = m_policy.take(message);
+    switch (decision.verdict) {
+    case PolicyVerdict::Refused:
+        publishResult(decision.identity, {}, decision.refused);
+        return;
+    case PolicyVerdict::AlreadyThere:
+        publishResult(decision.identity, true, {});
+        return;
+    case PolicyVerdict::Enforce:
+        publishResult(decision.identity, enforce(), {});
+        return;
+    }
+}
+
+void AgentWorker::publishResult(const PolicyIdentity& identity, std::optional<bool> enforced,
+                                const std::string& refused) {
+    const std::string name = "policy " + (identity.version ? "version " + std::to_string(*identity.version) : "") +
+                             " (SHA-256 " + identity.sha256 + ")";
+    if (!enforced) {
+        m_log->warning(name + " is refused: " + refused);
+    } else if (*enforced) {
+        m_log->information(name + " is enforced");
+    } else {
+        m_log->warning(name + " is in force, but its enforcement failed");
+    }
+    m_outbox->post({m_settings.topics.result(), policyResult(identity, enforced, refused, timeText())});
+}
+
+void AgentWorker::collectNow(bool full) {
+    SectionsHandle properties;
+    const bool collected = calling(*m_log, "the collection of properties",
+                                   [&] { return m_collection->collectProperties(full, properties); });
+    if (!collected) {
+        m_log->warning("the module gave no properties");
+        return;
+    }
+    std::string document = propertyDocument(properties, full, timeText());
+    if (document.size() > kMaxPropertyBytes) {
+        m_log->error("the properties are larger than " + std::to_string(kMaxPropertyBytes) + " bytes; not sent");
+        return;
+    }
+    m_outbox->post({m_settings.topics.properties(), std::move(document)});
+}
+
+} // namespace HVBEnterprise::agent

@@ -1,0 +1,98 @@
+// The one thread on which the library calls into the module.
+#pragma once
+
+#include "platform/hvbagent/AgentDocuments.h"
+#include "platform/hvbagent/AgentLog.h"
+#include "platform/hvbagent/Outbox.h"
+#include "platform/hvbagent/PolicyStore.h"
+#include "platform/hvbagent/Topics.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+
+namespace HVBEnterprise::agent {
+
+/// What the callback thread works with.
+/// Threads: a plain value. Owner: whoever built it.
+struct WorkerSettings {
+    std::wstring softwareId;
+    Topics topics;
+    std::chrono::seconds interval;
+};
+
+/// Enforces policies and collects properties, one call at a time: first the saved policy, then those that came in the
+/// order in which they came, then a collection. What comes before its service is there waits for it.
+/// Threads: thread-safe. Owner: the client and its network thread, together; begin and end are the client's.
+class AgentWorker {
+public:
+    AgentWorker(WorkerSettings settings, PolicyInForce policy, std::shared_ptr<Outbox> outbox,
+                std::shared_ptr<AgentLog> log);
+    AgentWorker(const AgentWorker&) = delete;
+    AgentWorker& operator=(const AgentWorker&) = delete;
+    ~AgentWorker() { end(); }
+
+    /// Makes the thread. @throws std::system_error.
+    void begin();
+
+    /// Takes a service. @return false, with the service left where it is, when there is one already and after end.
+    bool take(std::unique_ptr<IAgentPropertyCollection>& service);
+    bool take(std::unique_ptr<IAgentPolicyEnforcement>& service);
+
+    /// A policy message came. @param tooLarge with the hash alone: it was not worth keeping.
+    void policyArrived(std::string message);
+    void policyTooLarge(const std::string& sha256, std::size_t bytes);
+
+    /// Properties are wanted. Requests that wait become one, which is full when one of them is.
+    void collect(bool full);
+
+    /// Waits for the running call, ends the thread and destroys the services. What waits is forgotten.
+    /// Requires that no service is the caller.
+    void end();
+
+    /// Whether the calling thread is one on which a client calls services.
+    static bool isWorker();
+
+private:
+    using Lock = std::unique_lock<std::mutex>;
+
+    void work();
+    bool waitForWork(Lock& lock);
+    bool hasWork() const;
+    void runNext(Lock& lock);
+    void enforceSaved();
+    void handlePolicy(const std::string& message);
+    bool enforce();
+    void collectNow(bool full);
+    void publishResult(const PolicyIdentity& identity, std::optional<bool> enforced, const std::string& refused);
+
+    // constant after construction
+    const WorkerSettings m_settings;
+    const std::shared_ptr<Outbox> m_outbox; // own locking
+    const std::shared_ptr<AgentLog> m_log;  // own locking
+
+    // the callback thread's alone
+    PolicyInForce m_policy;
+
+    std::mutex m_mutex;
+
+    // guarded by m_mutex
+    std::condition_variable m_changed;
+    std::deque<std::string> m_policies;
+    std::size_t m_policyBytes = 0;
+    std::optional<bool> m_collect; ///< whether a collection is wanted, and whether a full one
+    std::chrono::steady_clock::time_point m_nextInterval;
+    bool m_savedIsDue = false;
+    bool m_ended = false;
+    std::thread m_thread;
+    // The services themselves are the callback thread's from when they are set until it has ended.
+    std::unique_ptr<IAgentPropertyCollection> m_collection;
+    std::unique_ptr<IAgentPolicyEnforcement> m_enforcement;
+};
+
+} // namespace HVBEnterprise::agent

@@ -1,0 +1,94 @@
+// The limits of the agent library, each with its unit and reason.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace HVBEnterprise::agent {
+
+// Policies. They come over the network, from whoever the broker lets publish.
+
+/// Bytes of a policy document: 5,000 sites take half a megabyte.
+inline constexpr std::size_t kMaxPolicyBytes = std::size_t{4} << 20U;
+/// Bytes of a message that carries one: base64 and a signature around it.
+inline constexpr std::size_t kMaxPolicyMessageBytes = kMaxPolicyBytes / 3 * 4 + 4096;
+/// Features, sections outside of features, and sections of each feature.
+inline constexpr std::size_t kMaxPolicyGroups = 200;
+/// Keys of all sections together.
+inline constexpr std::size_t kMaxPolicyKeys = 200'000;
+/// Characters of a feature's, a section's and a key's name, and of the policy's id.
+inline constexpr std::size_t kMaxNameCharacters = 256;
+/// Bytes of a value, as UTF-8.
+inline constexpr std::size_t kMaxValueBytes = std::size_t{64} << 10U;
+/// Objects around a value: document, "features", feature, section.
+inline constexpr std::size_t kMaxPolicyDepth = 4;
+/// Values of all kinds in a document: its keys and what they hang on.
+inline constexpr std::size_t kMaxPolicyValues = kMaxPolicyKeys + kMaxPolicyGroups * (kMaxPolicyGroups + 2) + 16;
+
+/// Policies that wait for their turn. Each is the whole policy, so the oldest is let go first.
+inline constexpr std::size_t kMaxWaitingPolicies = 32;
+inline constexpr std::size_t kMaxWaitingPolicyBytes = std::size_t{32} << 20U;
+
+// Other documents.
+
+/// Bytes of the configuration, of the credentials file, and of a collect request.
+inline constexpr std::size_t kMaxConfigurationBytes = std::size_t{64} << 10U;
+inline constexpr std::size_t kMaxCollectBytes = 1024;
+/// Nesting and values of those three.
+inline constexpr std::size_t kMaxSmallDepth = 4;
+inline constexpr std::size_t kMaxSmallValues = 256;
+/// Bytes of a property document; a larger one is a defect of the module and is not sent.
+inline constexpr std::size_t kMaxPropertyBytes = std::size_t{1} << 20U;
+/// Bytes of a user's name and of a password, of a host's name, and of a path.
+inline constexpr std::size_t kMaxCredentialBytes = 1024;
+inline constexpr std::size_t kMaxHostBytes = 253;
+inline constexpr std::size_t kMaxPathBytes = 4096;
+/// Groups that a machine is in.
+inline constexpr std::size_t kMaxGroups = 32;
+/// Characters of one level of a topic.
+inline constexpr std::size_t kMaxTopicPart = 64;
+
+/// Bytes of clear text in a secret box: what a browser component takes.
+inline constexpr std::size_t kMaxClearText = 1024;
+/// Bytes of a key file: base64 of 32 bytes, a newline, and enough to see that there is more.
+inline constexpr std::size_t kMaxKeyFileBytes = 64;
+
+/// Bytes of a log line, and of what a line quotes from outside.
+inline constexpr std::size_t kMaxLogLine = 1024;
+inline constexpr std::size_t kMaxQuoted = 200;
+
+// Configurable values.
+
+inline constexpr std::int64_t kDefaultInterval = 3600; // seconds
+inline constexpr std::int64_t kMinInterval = 10;
+inline constexpr std::int64_t kMaxInterval = 86'400;
+inline constexpr std::int64_t kDefaultKeepalive = 60; // seconds
+inline constexpr std::int64_t kMinKeepalive = 5;      // libmosquitto takes none below
+inline constexpr std::int64_t kMaxKeepalive = 3600;
+
+// The connection.
+
+/// Pause before the next attempt to connect. The first is short, since a broker that restarts is back in no time; they
+/// double up to the last. Each is drawn between its half and its whole, so that a fleet does not come back at once.
+inline constexpr std::chrono::milliseconds kFirstRetryPause{200};
+inline constexpr std::chrono::milliseconds kLastRetryPause{60'000};
+/// A connection that stood this long was good: the next pause is the first again.
+inline constexpr std::chrono::milliseconds kSettledAfter{10'000};
+/// From the begin of an attempt to the broker's answer.
+inline constexpr std::chrono::milliseconds kConnectPatience{20'000};
+/// How often a TLS handshake is moved on. libmosquitto does not tell whether it wants to write then.
+inline constexpr std::chrono::milliseconds kHandshakeTick{10};
+/// The longest sleep of a standing connection, which libmosquitto wants to be looked at about once a second.
+inline constexpr std::chrono::milliseconds kLoopTick{1000};
+/// What the broker gets to take the last words, and what a thread gets to end. Beyond the latter the name service
+/// holds it up, and it is left to end by itself.
+inline constexpr std::chrono::milliseconds kFarewellPatience{500};
+inline constexpr std::chrono::milliseconds kEndPatience{2000};
+
+/// Messages on their way to the broker without its acknowledgement, and those that wait behind them. When more wait,
+/// an older one for the same topic is dropped: topics are retained and only the last counts.
+inline constexpr std::size_t kMaxInFlight = 16;
+inline constexpr std::size_t kMaxWaitingPublications = 64;
+
+} // namespace HVBEnterprise::agent

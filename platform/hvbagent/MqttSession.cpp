@@ -1,0 +1,227 @@
+#include "platform/hvbagent/MqttSession.h"
+
+#include "platform/hvbagent/Encoding.h"
+#include "platform/hvbagent/Limits.h"
+
+#include <mosquitto.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <system_error>
+
+namespace HVBEnterprise::agent {
+namespace {
+
+constexpr int kQos = 1;
+
+/// libmosquitto is set up once and stays: other users of it may be in the process.
+void requireLibrary() {
+    static const int ready = mosquitto_lib_init();
+    if (ready != MOSQ_ERR_SUCCESS) {
+        throw MqttFailure("libmosquitto cannot be used");
+    }
+}
+
+/// Makes a handle. libmosquitto has the whole process ignore SIGPIPE when it does; that is the module's to decide, and
+/// the network thread has the signal blocked.
+mosquitto* makeHandle(const std::string& clientId, void* user) {
+    requireLibrary();
+    struct sigaction before {};
+    sigaction(SIGPIPE, nullptr, &before);
+    mosquitto* const handle = mosquitto_new(clientId.c_str(), true, user);
+    sigaction(SIGPIPE, &before, nullptr);
+    if (handle == nullptr) {
+        throw std::bad_alloc();
+    }
+    return handle;
+}
+
+/// A key with a pass phrase: nobody is there to ask.
+int noPassPhrase(char* /*buffer*/, int /*size*/, int /*writing*/, void* /*user*/) {
+    return 0;
+}
+
+std::string errorText(int error) {
+    return std::generic_category().message(error);
+}
+
+} // namespace
+
+/// What libmosquitto calls. No exception gets through: it ends the session instead.
+struct MqttSession::Callbacks {
+    template <class Body>
+    static void guard(void* user, const Body& body) noexcept {
+        auto& session = *static_cast<MqttSession*>(user);
+        try {
+            body(session);
+        } catch (const std::exception& error) {
+            session.m_refusal.assign(error.what());
+        } catch (...) {
+            session.m_refusal.assign("unknown");
+        }
+    }
+
+    static void onConnect(mosquitto* /*handle*/, void* user, int code) noexcept {
+        guard(user, [code](MqttSession& session) {
+            if (code != 0) {
+                throw MqttFailure(std::string("the broker refuses this machine: ") + mosquitto_connack_string(code));
+            }
+            session.m_connected = true;
+            session.m_receiver.connected();
+        });
+    }
+
+    static void onMessage(mosquitto* /*handle*/, void* user, const mosquitto_message* message) noexcept {
+        guard(user, [message](MqttSession& session) {
+            const auto length = static_cast<std::size_t>(message->payloadlen);
+            session.m_receiver.message(message->topic, {static_cast<const char*>(message->payload), length},
+                                       message->retain);
+        });
+    }
+
+    static void onPublish(mosquitto* /*handle*/, void* user, int number) noexcept {
+        guard(user, [number](MqttSession& session) { session.m_receiver.acknowledged(number); });
+    }
+
+    static void onSubscribe(mosquitto* /*handle*/, void* user, int /*number*/, int count, const int* granted) noexcept {
+        constexpr int refused = 0x80;
+        guard(user, [count, granted](MqttSession& session) {
+            if (count == 1 && *granted >= refused) {
+                session.m_receiver.subscriptionRefused();
+            }
+        });
+    }
+
+    static void onLog(mosquitto* /*handle*/, void* user, int level, const char* text) noexcept {
+        guard(user, [level, text](MqttSession& session) {
+            if (level == MOSQ_LOG_ERR) {
+                session.m_libraryError = shortPrintable(text);
+            }
+        });
+    }
+};
+
+void MqttSession::Destroy::operator()(mosquitto* handle) const noexcept {
+    mosquitto_destroy(handle);
+}
+
+MqttSession::MqttSession(const AgentConfiguration& configuration, const Credentials& credentials,
+                         const Publication& will, MqttReceiver& receiver)
+    : m_configuration(configuration), m_receiver(receiver),
+      m_handle(makeHandle("sentrel-" + configuration.site + "-" + configuration.machine, this)) {
+    mosquitto* const handle = m_handle.get();
+    mosquitto_connect_callback_set(handle, Callbacks::onConnect);
+    mosquitto_message_callback_set(handle, Callbacks::onMessage);
+    mosquitto_publish_callback_set(handle, Callbacks::onPublish);
+    mosquitto_subscribe_callback_set(handle, Callbacks::onSubscribe);
+    mosquitto_log_callback_set(handle, Callbacks::onLog);
+    check(mosquitto_will_set(handle, will.topic.c_str(), static_cast<int>(will.payload.size()), will.payload.data(),
+                             kQos, true));
+    if (!configuration.credentialsFile.empty()) {
+        check(mosquitto_username_pw_set(handle, credentials.user.c_str(), credentials.password.c_str()));
+    }
+    if (configuration.tls) {
+        setTls(configuration);
+    }
+}
+
+MqttSession::~MqttSession() = default;
+
+void MqttSession::setTls(const AgentConfiguration& configuration) {
+    const TlsFiles& files = *configuration.tls;
+    const auto orNull = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
+    constexpr int verifyPeer = 1;
+    if (mosquitto_tls_set(m_handle.get(), files.authority.c_str(), nullptr, orNull(files.certificate),
+                          orNull(files.key), noPassPhrase) != MOSQ_ERR_SUCCESS) {
+        throw MqttFailure("a TLS file cannot be read: " + files.authority +
+                          (files.key.empty() ? "" : ", " + files.certificate + " or " + files.key));
+    }
+    check(mosquitto_tls_opts_set(m_handle.get(), verifyPeer, "tlsv1.2", nullptr)); // that version and later ones
+}
+
+void MqttSession::connect() {
+    check(mosquitto_connect_async(m_handle.get(), m_configuration.host.c_str(), m_configuration.port,
+                                  static_cast<int>(m_configuration.keepalive.count())));
+}
+
+void MqttSession::fail(int result) {
+    const int error = errno;
+    if (!m_refusal.empty()) {
+        throw MqttFailure(m_refusal);
+    }
+    switch (result) {
+    case MOSQ_ERR_EAI:
+        throw MqttFailure("the host's name cannot be resolved");
+    case MOSQ_ERR_ERRNO:
+        throw MqttFailure(m_libraryError.empty() ? errorText(error) : m_libraryError);
+    default:
+        throw MqttFailure(m_libraryError.empty() ? mosquitto_strerror(result) : m_libraryError);
+    }
+}
+
+void MqttSession::check(int result) {
+    if (result != MOSQ_ERR_SUCCESS) {
+        fail(result);
+    }
+}
+
+void MqttSession::failOnSocketError(int socket) {
+    int error = 0;
+    socklen_t size = sizeof error;
+    if (::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error != 0) {
+        throw MqttFailure(errorText(error));
+    }
+}
+
+void MqttSession::step(int wakeFd, std::chrono::milliseconds atMost) {
+    mosquitto* const handle = m_handle.get();
+    const int socket = mosquitto_socket(handle);
+    if (socket < 0) {
+        fail(MOSQ_ERR_CONN_LOST);
+    }
+    // A packet waits all through a handshake, so the socket's being writable would say nothing and wake us for ever.
+    const bool handshake = m_configuration.tls && !m_connected;
+    const bool wantsToWrite = !handshake && mosquitto_want_write(handle);
+    std::array<pollfd, 2> watched{
+        {{socket, static_cast<short>(POLLIN | (wantsToWrite ? POLLOUT : 0)), 0}, {wakeFd, POLLIN, 0}}};
+    const auto wait = handshake ? std::min(atMost, kHandshakeTick) : atMost;
+    if (::poll(watched.data(), watched.size(), static_cast<int>(wait.count())) < 0 && errno != EINTR) {
+        throw MqttFailure(errorText(errno));
+    }
+    if ((watched[0].revents & POLLERR) != 0) {
+        failOnSocketError(socket);
+    }
+    if ((watched[0].revents & ~POLLOUT) != 0) {
+        check(mosquitto_loop_read(handle, 1));
+    }
+    if (handshake || (watched[0].revents & POLLOUT) != 0) {
+        check(mosquitto_loop_write(handle, 1));
+    }
+    if (!m_refusal.empty()) {
+        throw MqttFailure(m_refusal);
+    }
+    check(mosquitto_loop_misc(handle));
+}
+
+void MqttSession::subscribe(const std::string& topic) {
+    check(mosquitto_subscribe(m_handle.get(), nullptr, topic.c_str(), kQos));
+}
+
+int MqttSession::publish(const Publication& publication) {
+    int number = 0;
+    check(mosquitto_publish(m_handle.get(), &number, publication.topic.c_str(),
+                            static_cast<int>(publication.payload.size()), publication.payload.data(), kQos, true));
+    return number;
+}
+
+void MqttSession::disconnect() noexcept {
+    (void)mosquitto_disconnect(m_handle.get()); // the socket is closed anyway
+}
+
+} // namespace HVBEnterprise::agent

@@ -1,0 +1,58 @@
+// What waits to be published, between the threads that make it and the one that has the connection.
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace HVBEnterprise::agent {
+
+/// A retained message.
+/// Threads: a plain value. Owner: whoever built it.
+struct Publication {
+    std::string topic;
+    std::string payload;
+};
+
+/// Messages that wait for the connection, which is woken when one comes. While there is none, and when many wait, an
+/// older message for the same topic gives way: each is retained, so only the last counts.
+/// Threads: thread-safe. Owner: the callback thread and the network thread, together.
+class Outbox {
+public:
+    /// @throws std::system_error when no descriptor is to be had.
+    Outbox();
+    Outbox(const Outbox&) = delete;
+    Outbox& operator=(const Outbox&) = delete;
+    ~Outbox();
+
+    void post(Publication publication);
+    /// The next one, which leaves the box.
+    std::optional<Publication> take();
+    /// Puts back one that may not have arrived, unless a newer one for its topic waits.
+    void putBack(Publication publication);
+
+    /// Whether the broker has taken this machine in.
+    bool isConnected() const { return m_connected; }
+    void setConnected(bool connected) { m_connected = connected; }
+
+    /// Wakes the network thread. Keeps errno.
+    void wake() const noexcept;
+    /// Becomes readable at a wake-up, and stays so until it is taken.
+    int wakeFd() const { return m_wakeFd; }
+    void takeWake() const noexcept;
+
+private:
+    bool dropOlder(const std::string& topic);
+
+    int m_wakeFd;                         // constant after construction
+    std::atomic<bool> m_connected{false}; // own locking
+
+    std::mutex m_mutex;
+
+    // guarded by m_mutex
+    std::deque<Publication> m_waiting;
+};
+
+} // namespace HVBEnterprise::agent

@@ -1,0 +1,245 @@
+#include "platform/hvbagent/PolicyDocument.h"
+
+#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/StrictJson.h"
+
+#include <nlohmann/json.hpp>
+#include <sodium.h>
+
+#include <algorithm>
+#include <limits>
+#include <new>
+
+namespace HVBEnterprise::agent {
+namespace {
+
+using nlohmann::json;
+
+std::size_t charactersOf(const std::string& utf8) {
+    constexpr unsigned trailMask = 0xC0;
+    constexpr unsigned trail = 0x80;
+    return static_cast<std::size_t>(std::count_if(
+        utf8.begin(), utf8.end(), [](char c) { return (static_cast<unsigned char>(c) & trailMask) != trail; }));
+}
+
+void checkName(const std::string& name, const std::string& place) {
+    if (charactersOf(name) > kMaxNameCharacters) {
+        throw DocumentError(place, "the name is longer than " + std::to_string(kMaxNameCharacters) + " characters");
+    }
+}
+
+const json::object_t& objectAt(const json& value, const std::string& place) {
+    if (!value.is_object()) {
+        throw DocumentError(place, "is not an object");
+    }
+    return value.get_ref<const json::object_t&>();
+}
+
+const json::object_t& groupsAt(const json& value, const std::string& place) {
+    const json::object_t& groups = objectAt(value, place);
+    if (groups.size() > kMaxPolicyGroups) {
+        throw DocumentError(place, "has more than " + std::to_string(kMaxPolicyGroups) + " members");
+    }
+    return groups;
+}
+
+std::string valueText(const json& value, const std::string& place) {
+    if (value.is_boolean()) {
+        return value.get<bool>() ? "1" : "0";
+    }
+    if (value.is_number_integer()) {
+        return value.dump();
+    }
+    if (!value.is_string()) {
+        throw DocumentError(place, "is neither a text nor an integer nor a boolean");
+    }
+    const auto& text = value.get_ref<const std::string&>();
+    if (text.size() > kMaxValueBytes) {
+        throw DocumentError(place, "is longer than " + std::to_string(kMaxValueBytes) + " bytes");
+    }
+    return text;
+}
+
+/// Fills the sections of one document. @p m_keys bounds them all together.
+class SectionsFiller {
+public:
+    explicit SectionsFiller(SectionsHandle& sections) : m_sections(sections) {}
+
+    void fillSections(const json& value) {
+        each(value, "/sections",
+             [this](const std::wstring& section, const std::wstring& key, const std::wstring& text) {
+                 m_sections.insert(section, key, text);
+             });
+    }
+
+    void fillFeatures(const json& value) {
+        for (const auto& [name, sections] : groupsAt(value, "/features")) {
+            const std::string place = memberPlace("/features", name);
+            checkName(name, place);
+            const std::wstring feature = wideOf(name);
+            each(sections, place, [&](const std::wstring& section, const std::wstring& key, const std::wstring& text) {
+                m_sections.insertForFeature(feature, section, key, text);
+            });
+        }
+    }
+
+private:
+    template <class Insert>
+    void each(const json& value, const std::string& place, const Insert& insert) {
+        for (const auto& [name, keys] : groupsAt(value, place)) {
+            const std::string sectionPlace = memberPlace(place, name);
+            checkName(name, sectionPlace);
+            const std::wstring section = wideOf(name);
+            for (const auto& [key, entry] : objectAt(keys, sectionPlace)) {
+                const std::string keyPlace = memberPlace(sectionPlace, key);
+                checkName(key, keyPlace);
+                if (++m_keys > kMaxPolicyKeys) {
+                    throw DocumentError("", "has more than " + std::to_string(kMaxPolicyKeys) + " keys");
+                }
+                insert(section, wideOf(key), wideOf(valueText(entry, keyPlace)));
+            }
+        }
+    }
+
+    SectionsHandle& m_sections;
+    std::size_t m_keys = 0;
+};
+
+std::int64_t versionOf(const json::object_t& document) {
+    const auto found = document.find("version");
+    if (found == document.end()) {
+        throw DocumentError("/version", "is missing");
+    }
+    const json& version = found->second;
+    constexpr auto largest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    if (!version.is_number_unsigned() || version.get<std::uint64_t>() > largest) {
+        throw DocumentError("/version", "is not an integer from 0 to " + std::to_string(largest));
+    }
+    return version.get<std::int64_t>();
+}
+
+std::string idOf(const json::object_t& document) {
+    const auto found = document.find("id");
+    if (found == document.end()) {
+        return {};
+    }
+    if (!found->second.is_string()) {
+        throw DocumentError("/id", "is not a text");
+    }
+    auto id = found->second.get<std::string>();
+    if (charactersOf(id) > kMaxNameCharacters) {
+        throw DocumentError("/id", "is longer than " + std::to_string(kMaxNameCharacters) + " characters");
+    }
+    return id;
+}
+
+void fill(const json& value, PolicyReading& reading) {
+    const json::object_t& document = objectAt(value, "");
+    reading.identity.version = versionOf(document);
+    reading.identity.id = idOf(document);
+    SectionsFiller filler(reading.sections);
+    for (const auto& [name, member] : document) {
+        if (name == "sections") {
+            filler.fillSections(member);
+        } else if (name == "features") {
+            filler.fillFeatures(member);
+        } else if (name != "version" && name != "id") {
+            throw DocumentError(memberPlace("", name), "is no member of a policy");
+        }
+    }
+}
+
+/// Runs @p body, and makes what it throws the reason why the policy is refused.
+template <class Body>
+void reading(PolicyReading& result, const Body& body) {
+    try {
+        body();
+    } catch (const DocumentError& error) {
+        result.refused = error.what();
+    } catch (const std::bad_alloc&) {
+        result.refused = "the document: there is no memory for it";
+    }
+    if (!result.refused.empty()) {
+        result.sections = {};
+    }
+}
+
+json jsonOf(std::string_view bytes, std::size_t maxBytes) {
+    return readStrictJson(bytes, {.bytes = maxBytes, .depth = kMaxPolicyDepth, .values = kMaxPolicyValues});
+}
+
+bool isEnvelope(const json& value) {
+    return value.is_object() && (value.contains("payload") || value.contains("signature"));
+}
+
+std::string decodedMember(const json& envelope, const char* name) {
+    const std::string place = memberPlace("", name);
+    if (!envelope.contains(name)) {
+        throw DocumentError(place, "is missing");
+    }
+    const json& member = envelope.at(name);
+    std::optional<std::string> bytes =
+        member.is_string() ? bytesOfBase64(member.get_ref<const std::string&>()) : std::nullopt;
+    if (!bytes) {
+        throw DocumentError(place, "is not base64");
+    }
+    return std::move(*bytes);
+}
+
+void checkMembers(const json& envelope) {
+    for (const auto& [name, member] : envelope.get_ref<const json::object_t&>()) {
+        if (name != "payload" && name != "signature") {
+            throw DocumentError(memberPlace("", name), "is no member of a signed policy");
+        }
+    }
+}
+
+void checkSignature(const std::string& payload, const std::string& signature, const PublicKey& key) {
+    requireSodium();
+    const auto* const signatureBytes = reinterpret_cast<const unsigned char*>(signature.data());
+    const auto* const payloadBytes = reinterpret_cast<const unsigned char*>(payload.data());
+    if (signature.size() != crypto_sign_BYTES ||
+        crypto_sign_verify_detached(signatureBytes, payloadBytes, payload.size(), key.data()) != 0) {
+        throw DocumentError("/signature", "does not fit the payload and this machine's key");
+    }
+}
+
+void readEnvelope(const json& envelope, const std::optional<PublicKey>& key, PolicyReading& result) {
+    const std::string payload = decodedMember(envelope, "payload");
+    result.identity.sha256 = sha256Of(payload);
+    checkMembers(envelope);
+    const std::string signature = decodedMember(envelope, "signature");
+    if (key) {
+        checkSignature(payload, signature, *key);
+    }
+    result = readPolicyDocument(payload);
+}
+
+} // namespace
+
+PolicyReading readPolicyDocument(std::string_view bytes) {
+    PolicyReading result;
+    result.identity.sha256 = sha256Of(bytes);
+    reading(result, [&] { fill(jsonOf(bytes, kMaxPolicyBytes), result); });
+    return result;
+}
+
+PolicyReading readPolicyMessage(std::string_view message, const std::optional<PublicKey>& key) {
+    PolicyReading result;
+    result.identity.sha256 = sha256Of(message);
+    reading(result, [&] {
+        const json value = jsonOf(message, kMaxPolicyMessageBytes);
+        if (isEnvelope(value)) {
+            readEnvelope(value, key, result);
+        } else if (key) {
+            throw DocumentError("", "is not signed, and this machine takes signed policies only");
+        } else if (message.size() > kMaxPolicyBytes) {
+            throw DocumentError("", "is larger than " + std::to_string(kMaxPolicyBytes) + " bytes");
+        } else {
+            fill(value, result);
+        }
+    });
+    return result;
+}
+
+} // namespace HVBEnterprise::agent

@@ -1,0 +1,41 @@
+// A policy message: from the bytes that came to the document that a module reads.
+#pragma once
+
+#include "platform/hvbagent/AgentDocuments.h"
+#include "platform/hvbagent/Encoding.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace HVBEnterprise::agent {
+
+/// What a policy says it is.
+/// Threads: a plain value. Owner: whoever built it.
+struct PolicyIdentity {
+    std::optional<std::int64_t> version; ///< nothing when it could not be read
+    std::string id;
+    std::string sha256; ///< of the document's bytes; of the message's when there is no document in it
+};
+
+/// A policy that was read, or why it is refused.
+/// Threads: a plain value. Owner: whoever built it.
+struct PolicyReading {
+    PolicyIdentity identity;
+    SectionsHandle sections; ///< empty when it is refused
+    std::string refused;     ///< why, with the place, printable and bounded; empty when it is a policy
+};
+
+/// Reads a policy document: {"version": n, "id": text, "sections": {section: {key: value}}, "features": {feature:
+/// {section: {key: value}}}}. The version must be there. A value is a text, an integer or a boolean; the last two
+/// become their decimal text, "1" or "0". Whatever @p bytes are, this returns, in bounded time and memory.
+PolicyReading readPolicyDocument(std::string_view bytes);
+
+/// Reads a policy message: a document, or {"payload": base64 of a document, "signature": base64 of its Ed25519
+/// signature}.
+/// @param key when there is one, only the second form is taken, and only with a signature that fits; without one the
+/// signature is not looked at.
+PolicyReading readPolicyMessage(std::string_view message, const std::optional<PublicKey>& key);
+
+} // namespace HVBEnterprise::agent

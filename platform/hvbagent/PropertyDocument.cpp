@@ -1,0 +1,61 @@
+#include "platform/hvbagent/PropertyDocument.h"
+
+#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/MsgBusEnterpriseAgent.h"
+#include "platform/hvbagent/StrictJson.h"
+
+#include <nlohmann/json.hpp>
+
+namespace HVBEnterprise::agent {
+namespace {
+
+using nlohmann::json;
+
+std::string textOf(const json& document) {
+    return document.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+} // namespace
+
+std::string propertyDocument(const SectionsHandle& properties, bool full, const std::string& time) {
+    json sections = json::object();
+    for (const auto& [name, keys] : properties.sections()) {
+        json& section = sections[HvbAgentUtils::wstringToString(name)] = json::object();
+        for (const auto& [key, value] : keys) {
+            section[HvbAgentUtils::wstringToString(key)] = HvbAgentUtils::wstringToString(value);
+        }
+    }
+    return textOf({{"time", time}, {"full", full}, {"sections", std::move(sections)}});
+}
+
+std::string policyResult(const PolicyIdentity& identity, std::optional<bool> enforced, const std::string& refused,
+                         const std::string& time) {
+    json result = {{"version", nullptr}, {"id", nullptr},       {"sha256", identity.sha256},
+                   {"time", time},       {"enforced", nullptr}, {"refused", nullptr}};
+    if (identity.version) {
+        result["version"] = *identity.version;
+        result["id"] = identity.id;
+    }
+    if (enforced) {
+        result["enforced"] = *enforced;
+    }
+    if (!refused.empty()) {
+        result["refused"] = refused;
+    }
+    return textOf(result);
+}
+
+std::string stateDocument(bool online, const std::string& time) {
+    return textOf({{"state", online ? "online" : "offline"}, {"time", time}});
+}
+
+bool readCollectRequest(std::string_view text) {
+    const json request =
+        readStrictJson(text, {.bytes = kMaxCollectBytes, .depth = kMaxSmallDepth, .values = kMaxSmallValues});
+    if (!request.is_object() || request.size() != 1 || !request.contains("full") || !request["full"].is_boolean()) {
+        throw DocumentError("", R"(is neither {"full": true} nor {"full": false})");
+    }
+    return request["full"].get<bool>();
+}
+
+} // namespace HVBEnterprise::agent

@@ -1,0 +1,305 @@
+// A machine whose broker is away, refuses, or comes back, and clients that come and go meanwhile.
+#include "platform/hvbagent/SecretBox.h"
+#include "tests/integration/AgentFixture.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace testing_support;
+
+constexpr int kCycles = 500;
+
+std::size_t threadsOfThisProcess() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+std::size_t openFiles() {
+    const std::filesystem::directory_iterator files("/proc/self/fd");
+    return static_cast<std::size_t>(std::distance(begin(files), end(files)));
+}
+
+/// Listens like a broker, hears the client's first words and hangs up.
+/// Threads: plain, single access. Owner: the test.
+class HangsUp {
+public:
+    HangsUp() {
+        m_address.sin_family = AF_INET;
+        m_address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t size = sizeof m_address;
+        auto* const address = reinterpret_cast<sockaddr*>(&m_address);
+        if (::bind(m_listener, address, size) != 0 || ::listen(m_listener, 1) != 0 ||
+            ::getsockname(m_listener, address, &size) != 0) {
+            throw std::runtime_error("cannot listen");
+        }
+    }
+    HangsUp(const HangsUp&) = delete;
+    HangsUp& operator=(const HangsUp&) = delete;
+    ~HangsUp() { ::close(m_listener); }
+
+    std::uint16_t port() const { return ntohs(m_address.sin_port); }
+
+    /// Waits for that many clients, one after the other.
+    void hangUp(int times) const {
+        for (int i = 0; i < times; ++i) {
+            const int client = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
+            std::array<char, 256> words{};
+            EXPECT_GT(::recv(client, words.data(), words.size(), 0), 0);
+            ::close(client);
+        }
+    }
+
+private:
+    int m_listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in m_address{};
+};
+
+TEST_F(AMachine, ConnectsAgainWhenTheBrokerWasKilled) {
+    MqttBroker broker(root());
+    enrol(broker.port());
+    start();
+    ASSERT_TRUE(isConnected());
+    broker.kill9();
+    ASSERT_TRUE(eventually([this] { return information() == L"2"; }));
+    broker.restart();
+    ASSERT_TRUE(isConnected());
+    MqttObserver observer(broker.port());
+    EXPECT_EQ(nextJson(observer, "state")["state"], "online");
+    EXPECT_FALSE(nextJson(observer, "properties").is_null());
+    observer.publish(topic("policy"), policy(1));
+    EXPECT_EQ(nextJson(observer, "policy/result")["enforced"], true);
+}
+
+TEST_F(AMachine, ConnectsWhenABrokerThatWasUnreachableAtStartComes) {
+    MqttBroker broker(root());
+    broker.kill9();
+    enrol(broker.port());
+    start();
+    ASSERT_TRUE(eventually([] { return AgentLines::instance().count("Connection refused") > 0; }))
+        << AgentLines::instance().all();
+    EXPECT_EQ(information(), L"2");
+    broker.restart();
+    EXPECT_TRUE(isConnected());
+}
+
+TEST_F(AMachine, PublishesTheResultThatItCouldNotSendWhileTheBrokerWasAway) {
+    MqttBroker broker(root());
+    std::promise<void> enforcing;
+    std::promise<void> brokerIsDead;
+    m_calls.onPolicy = [&](const SectionsHandle&) {
+        enforcing.set_value();
+        brokerIsDead.get_future().wait();
+        return true;
+    };
+    enrol(broker.port());
+    start();
+    ASSERT_TRUE(isConnected());
+    MqttObserver(broker.port()).publish(topic("policy"), policy(9));
+    enforcing.get_future().wait();
+    broker.kill9();
+    ASSERT_TRUE(eventually([this] { return information() == L"2"; }));
+    brokerIsDead.set_value();
+    broker.restart();
+    EXPECT_EQ(nextJson(*std::make_unique<MqttObserver>(broker.port()), "policy/result")["version"], 9);
+}
+
+TEST_F(AMachine, TellsAReasonOnceHoweverOftenItTries) {
+    HangsUp broker;
+    enrol(broker.port());
+    start();
+    broker.hangUp(4);
+    EXPECT_EQ(AgentLines::instance().count("no connection"), 1U) << AgentLines::instance().all();
+}
+
+TEST_F(AMachine, TellsAReasonAgainWhenItWasConnectedMeanwhile) {
+    MqttBroker broker(root());
+    broker.kill9();
+    enrol(broker.port());
+    start();
+    const auto refusals = [] { return AgentLines::instance().count("Connection refused"); };
+    ASSERT_TRUE(eventually([&] { return refusals() == 1; }));
+    broker.restart();
+    ASSERT_TRUE(isConnected());
+    broker.kill9();
+    EXPECT_TRUE(eventually([&] { return refusals() == 2; })) << AgentLines::instance().all();
+}
+
+TEST_F(AMachine, ConnectsWhenTheCredentialsThatWereRefusedAreMended) {
+    MqttBroker broker(root(), {.withPasswords = true, .certificates = nullptr});
+    broker.setPassword("m1", "right");
+    broker.kill9();
+    broker.restart();
+    const std::string file = root().file("credentials.json");
+    writeFile(file, R"({"user": "m1", "password": "wrong"})", 0600);
+    enrol(broker.port(), {{"broker", {{"credentials", file}}}});
+    start();
+    ASSERT_TRUE(eventually([] { return AgentLines::instance().count("refuses this machine") == 1; }))
+        << AgentLines::instance().all();
+    EXPECT_EQ(information(), L"2");
+    writeFile(file, R"({"user": "m1", "password": "right"})", 0600);
+    EXPECT_TRUE(isConnected());
+    EXPECT_EQ(AgentLines::instance().count("refuses this machine"), 1U);
+    EXPECT_EQ(AgentLines::instance().count("wrong"), 0U);
+}
+
+TEST_F(AMachine, ConnectsWhenACertificateThatHadExpiredIsRenewed) {
+    MqttCertificates certificates(root());
+    certificates.issueExpired();
+    MqttBroker broker(root(), {.withPasswords = false, .certificates = &certificates});
+    enrol(broker.port(), {{"broker", {{"tls", {{"ca", certificates.authority()}}}}}});
+    start();
+    ASSERT_TRUE(eventually([] { return AgentLines::instance().count("certificate") > 0; }))
+        << AgentLines::instance().all();
+    EXPECT_EQ(information(), L"2");
+    certificates.issueGood();
+    broker.kill9();
+    broker.restart();
+    EXPECT_TRUE(isConnected()) << AgentLines::instance().all();
+}
+
+TEST_F(AMachine, DoesNotTalkToABrokerOfAnotherAuthority) {
+    MqttCertificates certificates(root());
+    MqttBroker broker(root(), {.withPasswords = false, .certificates = &certificates});
+    const PrivateRoot elsewhere;
+    const MqttCertificates others(elsewhere);
+    enrol(broker.port(), {{"broker", {{"tls", {{"ca", others.authority()}}}}}});
+    start();
+    EXPECT_TRUE(eventually([] { return AgentLines::instance().count("certificate") > 0; }))
+        << AgentLines::instance().all();
+    EXPECT_EQ(information(), L"2");
+}
+
+TEST_F(AMachine, IsReleasedWhileTheBrokerAnswersNothing) {
+    MqttBroker broker(root());
+    enrol(broker.port());
+    start();
+    ASSERT_TRUE(isConnected());
+    broker.stop();
+    release();
+    EXPECT_EQ(information(), L"0");
+    EXPECT_EQ(m_calls.servicesAlive, 0);
+    broker.cont();
+}
+
+TEST_F(AMachine, IsReleasedOnlyWhenTheRunningCallHasEnded) {
+    enrol(freeLoopbackPort());
+    writeFile(policyFile(), policy(1));
+    std::promise<void> enforcing;
+    std::promise<void> goOn;
+    std::atomic<bool> ended{false};
+    m_calls.onPolicy = [&](const SectionsHandle&) {
+        enforcing.set_value();
+        goOn.get_future().wait();
+        ended = true;
+        return true;
+    };
+    start();
+    enforcing.get_future().wait();
+    bool endedBefore = false;
+    std::thread releasing([&] {
+        release();
+        endedBefore = ended;
+    });
+    ASSERT_TRUE(eventually([this] { return information() == L"0"; })); // releasing has begun
+    goOn.set_value();
+    releasing.join();
+    EXPECT_TRUE(endedBefore);
+    EXPECT_EQ(m_calls.servicesAlive, 0);
+}
+
+TEST_F(AMachine, ComesAndGoesFiveHundredTimesWhilePoliciesAreEnforced) {
+    MqttBroker broker(root());
+    enrol(broker.port());
+    std::atomic<bool> done{false};
+    std::thread administrator([&] {
+        MqttObserver observer(broker.port());
+        for (int version = 1; !done; ++version) {
+            observer.publish(topic("policy"), policy(version));
+            observer.publish(topic("collect"), R"({"full": true})", false);
+        }
+    });
+    start();
+    ASSERT_TRUE(eventually([this] { return m_calls.policies > 0; }));
+    const std::size_t threads = threadsOfThisProcess();
+    const std::size_t files = openFiles();
+    for (int i = 0; i < kCycles; ++i) {
+        const int before = m_calls.policies;
+        release();
+        ASSERT_EQ(m_calls.servicesAlive, 0);
+        start();
+        ASSERT_TRUE(eventually([&] { return m_calls.policies > before; })) << i;
+    }
+    EXPECT_EQ(threadsOfThisProcess(), threads);
+    EXPECT_LE(openFiles(), files + 2); // a connection that is just being made
+    EXPECT_EQ(m_calls.overlaps, 0);
+    done = true;
+    administrator.join();
+}
+
+TEST_F(AMachine, ComesAndGoesFiveHundredTimesWhileTheBrokerIsAway) {
+    enrol(freeLoopbackPort());
+    writeFile(policyFile(), policy(1));
+    start();
+    const std::size_t threads = threadsOfThisProcess();
+    const std::size_t files = openFiles();
+    for (int i = 0; i < kCycles; ++i) {
+        release();
+        ASSERT_EQ(m_calls.servicesAlive, 0);
+        start();
+    }
+    EXPECT_EQ(threadsOfThisProcess(), threads);
+    EXPECT_LE(openFiles(), files + 2);
+    EXPECT_TRUE(eventually([this] { return m_calls.policies > 0; }));
+}
+
+TEST_F(AMachine, AnswersOtherThreadsWhileItIsReleased) {
+    using HVBEnterprise::agent::SecretKey;
+    enrol(freeLoopbackPort());
+    const SecretKey key = SecretKey::generate();
+    key.save(keyFile());
+    start();
+    std::atomic<bool> done{false};
+    std::atomic<int> answers{0};
+    const std::string text = encrypted(key, "clear");
+    HVBEnterprise::MsgBusEnterpriseAgent* const agent = m_agent;
+    std::vector<std::thread> askers;
+    askers.reserve(2);
+    for (int i = 0; i < 2; ++i) {
+        askers.emplace_back([&, agent] {
+            while (!done) {
+                std::wstring answer;
+                std::string message = text;
+                std::string clear;
+                EXPECT_TRUE(agent->getAgentInformation(0, answer));
+                EXPECT_TRUE(answer == L"0" || answer == L"2");
+                try {
+                    agent->decryptMessage(message, 3, clear);
+                    EXPECT_EQ(clear, "clear");
+                } catch (const std::runtime_error&) { // released just now
+                }
+                ++answers;
+            }
+        });
+    }
+    for (int i = 0; i < 100; ++i) {
+        release();
+        start();
+    }
+    EXPECT_TRUE(eventually([&] { return answers > 100; }));
+    done = true;
+    for (std::thread& asker : askers) {
+        asker.join();
+    }
+}
+
+} // namespace

@@ -1,0 +1,219 @@
+// A machine that is managed, on real parts: the daemon with its hub, an MQTT broker, the settings file, kill -9.
+#include "platform/hvbagent/SecretBox.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/Machine.h"
+#include "tests/support/MqttBroker.h"
+#include "tests/support/MqttObserver.h"
+#include "tests/support/Preferences.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+namespace testing_support {
+namespace {
+
+using json = nlohmann::json;
+
+constexpr const char* kTopic = "orvanta/v1/here/m1/";
+
+/// A whole policy; @p site is the one that it blocks.
+json policy(int version, const std::string& site) {
+    return {
+        {"version", version},
+        {"id", "test"},
+        {"features",
+         {{"KPF_General",
+           {{"Sentrel", {{"bEnableSentrel", false}}},
+            {"ActionEnforcement", {{"bPhishingBlock", 0}, {"uiAgumentIPCount", 1}, {"szAgumentIP_0", "10.0.0.0/8"}}}}},
+          {"KPF_ContentFiltering",
+           {{"ContentActions",
+             {{"bEnableCategorization", 1},
+              {"uiBitCount", 2},
+              {"szActionCodes", "11"},
+              {"uiContentBitCodes", "al,ga"}}},
+            {"RatingActions", {{"uiOverall", 84}}}}},
+          {"KPF_BlockAndAllowList",
+           {{"BlockAndAllowList",
+             {{"uiSiteCount", 2},
+              {"bPrecedenceOverProhibitLists", 1},
+              {"szSite0", site},
+              {"Action0", 1},
+              {"szSite1", "ok.example"},
+              {"Action1", 0}}}}}}}};
+}
+
+class AManagedMachine : public testing::Test {
+protected:
+    AManagedMachine() {
+        machine.initSettings();
+        enrol();
+    }
+
+    void enrol() {
+        const json configuration = {{"broker", {{"host", "127.0.0.1"}, {"port", broker.port()}}},
+                                    {"site", "here"},
+                                    {"machine", "m1"},
+                                    {"groups", {"desks"}}};
+        std::ofstream(machine.root().hubConfigDirectory() + "/agent.json") << configuration.dump();
+    }
+    void start() {
+        machine.startHub();
+        ASSERT_TRUE(machine.startDaemon());
+    }
+
+    /// The next document on a topic of this machine.
+    json next(MqttObserver& from, const std::string& topic) {
+        const auto message = from.next(kTopic + topic);
+        return message ? json::parse(message->payload) : json();
+    }
+    std::vector<std::string> blocked() {
+        std::vector<std::string> sites;
+        for (const auto& [url, action] : urlsOf(PreferenceClient(machine.bus().socketPath()).getAll())) {
+            if (action != 0) {
+                sites.push_back(url);
+            }
+        }
+        return sites;
+    }
+
+    Machine machine;
+    MqttBroker broker{machine.root()};
+    MqttObserver observer{broker.port()};
+};
+
+TEST_F(AManagedMachine, PutsAPolicyIntoForceStoresItTellsTheHubAndReportsTheResult) {
+    start();
+    PreferenceClient client(machine.bus().socketPath());
+    client.listen();
+    ASSERT_EQ(next(observer, "state")["state"], "online");
+    observer.publish(std::string(kTopic) + "policy", policy(1, "bad.example").dump());
+    const json result = next(observer, "policy/result");
+    EXPECT_EQ(result["enforced"], true) << result;
+    EXPECT_EQ(result["version"], 1);
+    // The enable state, the categories, the ratings, the list: each tells the hub once.
+    EXPECT_EQ(client.waitForEvents(4),
+              (std::vector<ReceivedEvent>{{1002, false}, {1003, false}, {1003, false}, {1003, false}}));
+    const Sentrel::STPreferences preferences = client.getAll();
+    EXPECT_FALSE(preferences.m_bEnable);
+    EXPECT_EQ(preferences.m_yellowSiteAction, 3);
+    EXPECT_EQ(preferences.m_redSiteAction, 2);
+    EXPECT_EQ(preferences.m_unratedSiteAction, 1);
+    EXPECT_TRUE(preferences.m_bAllowOverBlock);
+    EXPECT_EQ(urlsOf(preferences), (Urls{{"ok.example", 0}, {"bad.example", 1}}));
+    EXPECT_EQ(preferences.m_categoryBlockDetails, (Sentrel::CategoryBlockDetails{{"al", 1}, {"ga", 1}}));
+    EXPECT_EQ(machine.sql("select range from privateIPRange"), "10.0.0.0/8\n");
+    EXPECT_EQ(machine.sql("select count(*) from vxsetting where hex(name) = hex('AllowBlockListChecksum') || '00'"),
+              "1\n");
+}
+
+TEST_F(AManagedMachine, TellsItsPropertiesOnConnectAfterAPolicyAndWhenItIsAsked) {
+    start();
+    json properties = next(observer, "properties");
+    EXPECT_EQ(properties["sections"]["Options"]["bSTEnabled"], "1");
+    EXPECT_EQ(properties["sections"]["CustomProps"]["bComplianceStatus"], "1");
+    EXPECT_EQ(properties["sections"]["General"]["szInstallDir"], "/usr/local/Orvanta/Sentrel");
+    observer.publish(std::string(kTopic) + "policy", policy(1, "bad.example").dump());
+    properties = next(observer, "properties");
+    EXPECT_EQ(properties["sections"]["Options"]["bSTEnabled"], "0");
+    EXPECT_EQ(properties["sections"]["CustomProps"]["bComplianceStatus"], "1");
+    observer.publish(std::string(kTopic) + "collect", R"({"full": false})", false);
+    properties = next(observer, "properties");
+    EXPECT_EQ(properties["full"], false);
+    EXPECT_EQ(properties["sections"].size(), 1u);
+}
+
+TEST_F(AManagedMachine, TakesThePolicyOfItsGroup) {
+    start();
+    ASSERT_EQ(next(observer, "state")["state"], "online");
+    observer.publish("orvanta/v1/here/group/desks/policy", policy(3, "bad.example").dump());
+    EXPECT_EQ(next(observer, "policy/result")["enforced"], true);
+    EXPECT_EQ(blocked(), std::vector<std::string>{"bad.example"});
+}
+
+TEST_F(AManagedMachine, ReportsAPolicyThatLacksAPassAndKeepsWhatTheEarlierOnesWrote) {
+    start();
+    json incomplete = policy(1, "bad.example");
+    incomplete["features"]["KPF_BlockAndAllowList"]["BlockAndAllowList"].erase("uiSiteCount");
+    observer.publish(std::string(kTopic) + "policy", incomplete.dump());
+    EXPECT_EQ(next(observer, "policy/result")["enforced"], false);
+    const Sentrel::STPreferences preferences = PreferenceClient(machine.bus().socketPath()).getAll();
+    EXPECT_FALSE(preferences.m_bEnable);
+    EXPECT_TRUE(preferences.m_allowBlockDetails.empty());
+}
+
+TEST_F(AManagedMachine, EnforcesItsStoredPolicyAtAStartWithoutTheBroker) {
+    start();
+    observer.publish(std::string(kTopic) + "policy", policy(1, "bad.example").dump());
+    ASSERT_EQ(next(observer, "policy/result")["enforced"], true);
+    broker.kill9();
+    machine.kill9Daemon();
+    std::filesystem::remove(machine.settingsFile());
+    machine.initSettings();
+    ASSERT_TRUE(machine.startDaemon());
+    EXPECT_TRUE(eventually([&] { return blocked() == std::vector<std::string>{"bad.example"}; }));
+}
+
+TEST_F(AManagedMachine, WorksOnWhileTheBrokerIsAwayAndTakesTheNextPolicyByItself) {
+    start();
+    observer.publish(std::string(kTopic) + "policy", policy(1, "bad.example").dump());
+    ASSERT_EQ(next(observer, "policy/result")["enforced"], true);
+    broker.kill9();
+    PreferenceClient client(machine.bus().socketPath());
+    EXPECT_EQ(client.setOne(withUrls({{"local.example", 1}})), Sentrel::ST_ERROR_NONE);
+    EXPECT_EQ(urlsOf(client.getAll()), (Urls{{"local.example", 1}}));
+    broker.restart();
+    MqttObserver later(broker.port());
+    later.publish(std::string(kTopic) + "policy", policy(2, "worse.example").dump());
+    EXPECT_TRUE(eventually([&] { return urlsOf(client.getAll()) == (Urls{{"ok.example", 0}, {"worse.example", 1}}); }));
+}
+
+TEST_F(AManagedMachine, OutlivesReloadsOfItsPluginsWhilePoliciesAreEnforced) {
+    constexpr int reloads = 40;
+    start();
+    ASSERT_EQ(next(observer, "state")["state"], "online");
+    for (int reload = 1; reload <= reloads; ++reload) {
+        observer.publish(std::string(kTopic) + "policy", policy(reload, "site" + std::to_string(reload)).dump());
+        machine.daemon().kill(SIGUSR2);
+    }
+    EXPECT_TRUE(eventually([&] { return blocked() == std::vector<std::string>{"site" + std::to_string(reloads)}; }));
+    EXPECT_EQ(machine.stopDaemon(), 0);
+}
+
+TEST_F(AManagedMachine, StopsWhileTheBrokerIsAway) {
+    start();
+    ASSERT_EQ(next(observer, "state")["state"], "online");
+    broker.kill9();
+    EXPECT_EQ(machine.stopDaemon(), 0);
+}
+
+TEST_F(AManagedMachine, GivesABrowserComponentTheClearTextOfAPassword) {
+    using HVBEnterprise::agent::SecretKey;
+    const SecretKey key = SecretKey::generate();
+    key.save(machine.root().hubConfigDirectory() + "/agent.key");
+    start();
+    const auto clearTextOf = [&](const std::string& text) {
+        EventClient client(machine.eventSocket());
+        client.send("Decrypt " + text);
+        const std::string answer = client.readAll();
+        EXPECT_EQ(answer.size(), 1024u);
+        return std::string(answer.c_str());
+    };
+    const std::string text = HVBEnterprise::agent::encrypted(key, "p\xC3\xA4ss word");
+    EXPECT_EQ(clearTextOf(text), "p\xC3\xA4ss word");
+    EXPECT_EQ(clearTextOf(text.substr(0, text.size() - 4)), "");
+    EXPECT_EQ(clearTextOf(HVBEnterprise::agent::encrypted(SecretKey::generate(), "other")), "");
+    EXPECT_EQ(clearTextOf("no such text"), "");
+}
+
+TEST_F(AManagedMachine, RunsUnmanagedWithAConfigurationThatCannotBeUsed) {
+    std::ofstream(machine.root().hubConfigDirectory() + "/agent.json") << "{\"broker\": 5";
+    start();
+    EXPECT_TRUE(PreferenceClient(machine.bus().socketPath()).getAll().m_bEnable);
+}
+
+} // namespace
+} // namespace testing_support

@@ -38,6 +38,14 @@ MsgBusEnterpriseAgent* MsgBusEnterpriseAgent::createInstance(const std::string& 
     return RecordingAgent::instance().present ? &client : nullptr;
 }
 
+bool MsgBusEnterpriseAgent::registerPropertyCollectionService(std::unique_ptr<IAgentPropertyCollection>&& /*service*/) {
+    return false; // so that no policy service is made: what they do is tested with their own doubles
+}
+
+bool MsgBusEnterpriseAgent::registerPolicyEnforcementService(std::unique_ptr<IAgentPolicyEnforcement>&& /*service*/) {
+    return false;
+}
+
 bool MsgBusEnterpriseAgent::getAgentInformation(const int& /*informationId*/, std::wstring& answer) {
     RecordingAgent::instance().add("getAgentInformation");
     answer = RecordingAgent::instance().status;

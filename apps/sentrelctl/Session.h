@@ -37,11 +37,15 @@ void registerListFiles(CLI::App& app, Session& session);
 void registerCategories(CLI::App& app, Session& session);
 void registerWatch(CLI::App& app, Session& session);
 void registerSettings(CLI::App& app, Session& session);
+void registerPolicy(CLI::App& app, Session& session);
+void registerFleet(CLI::App& app, Session& session);
+void registerAgent(CLI::App& app, Session& session);
 
 /// In the order in which the help lists them.
-inline constexpr std::array<RegisterVerb, 10> kVerbs{
+inline constexpr std::array<RegisterVerb, 13> kVerbs{
     registerEventSend, registerDecrypt,   registerLog,        registerHubPing, registerPrefs,
-    registerList,      registerListFiles, registerCategories, registerWatch,   registerSettings};
+    registerList,      registerListFiles, registerCategories, registerWatch,   registerSettings,
+    registerPolicy,    registerFleet,     registerAgent};
 
 /// The subcommand that groups verbs on one subject, made by whichever of them comes first.
 CLI::App& verbGroup(CLI::App& app, const std::string& name, const std::string& description);

@@ -24,11 +24,15 @@ protected:
 
 TEST_F(ACompletion, OffersTheVerbs) {
     EXPECT_EQ(offered("''"),
-              "--color --help --json --version categories decrypt event hub list log prefs settings watch ");
+              "--color --help --json --version agent categories decrypt encrypt event hub list log policy prefs "
+              "properties settings state watch ");
     EXPECT_EQ(offered("prefs ''"), "--help reset set show ");
     EXPECT_EQ(offered("list ''"), "--help allow block export import remove show ");
     EXPECT_EQ(offered("categories ''"), "--help add remove set show ");
     EXPECT_EQ(offered("settings ''"), "--help init ");
+    EXPECT_EQ(offered("policy ''"), "--help check push results ");
+    EXPECT_EQ(offered("properties ''"), "--help show ");
+    EXPECT_EQ(offered("agent ''"), "--help keygen ");
 }
 
 TEST_F(ACompletion, OffersPreferencesAndTheirValues) {
@@ -49,6 +53,10 @@ TEST_F(ACompletion, OffersFilesToImportAndExport) {
     EXPECT_EQ(offered("list export " + prefix), prefix + ".txt ");
     EXPECT_EQ(offered("list import --re"), "--replace ");
     EXPECT_EQ(offered("event send --raw " + prefix), prefix + ".txt ");
+    EXPECT_EQ(offered("policy check " + prefix), prefix + ".txt ");
+    EXPECT_EQ(offered("policy push --sign " + prefix), prefix + ".txt ");
+    EXPECT_EQ(offered("state --credentials " + prefix), prefix + ".txt ");
+    EXPECT_EQ(offered("encrypt --key " + prefix), prefix + ".txt ");
 }
 
 TEST_F(ACompletion, OffersTheOptionsOfAVerb) {
@@ -57,6 +65,8 @@ TEST_F(ACompletion, OffersTheOptionsOfAVerb) {
     EXPECT_EQ(offered("list remove --a"), "--all ");
     EXPECT_EQ(offered("categories set --n"), "--none ");
     EXPECT_EQ(offered("log --json = p"), "pretty ");
+    EXPECT_EQ(offered("policy push p.json --g"), "--group ");
+    EXPECT_EQ(offered("state --m"), "--machine ");
 }
 
 } // namespace

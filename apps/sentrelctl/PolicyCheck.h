@@ -1,0 +1,32 @@
+// What a policy would do to a machine, told without one.
+#pragma once
+
+#include "platform/hvbagent/AgentDocuments.h"
+
+#include <string>
+#include <vector>
+
+namespace Sentrel::ctl {
+
+/// Something in a policy that is not as it was meant, or cannot be.
+/// Threads: a plain value. Owner: whoever made the check.
+struct PolicyProblem {
+    bool isFatal;      ///< a part of the policy would not be put into force
+    std::string place; ///< a JSON pointer
+    std::string what;
+};
+
+/// Threads: a plain value. Owner: whoever made the check.
+struct PolicyCheck {
+    bool isEnforced = true;           ///< the policy does not switch its own enforcement off
+    std::vector<std::string> effects; ///< in words, in the order in which they come about
+    std::vector<PolicyProblem> problems;
+
+    /// Whether enforcement would report success.
+    bool isWhole() const;
+};
+
+/// Goes through a policy as the daemon does. Whatever is in it, this returns; its texts are not made printable.
+PolicyCheck checkPolicy(const HVBEnterprise::SectionsHandle& policy);
+
+} // namespace Sentrel::ctl

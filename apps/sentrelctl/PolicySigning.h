@@ -1,0 +1,31 @@
+// Signing policies: the key pair, and the message around a signed document.
+#pragma once
+
+#include "platform/hvbagent/Encoding.h"
+
+#include <string>
+#include <string_view>
+
+namespace Sentrel::ctl {
+
+/// The two files of a key pair.
+/// Threads: a plain value. Owner: whoever built it.
+struct SigningFiles {
+    explicit SigningFiles(const std::string& prefix) : secret(prefix + ".key"), open(prefix + ".pub") {}
+
+    std::string secret; ///< base64 of the seed, for its owner alone
+    std::string open;   ///< base64 of the public key, which the enrolments bear
+};
+
+/// Makes a new pair in files that are not there yet. @return the public key as its file has it.
+/// @throws std::runtime_error; std::system_error with EEXIST keeps what is there.
+std::string makeSigningPair(const SigningFiles& files);
+
+/// The policy message that carries @p document with its signature. @throws std::runtime_error when the key cannot be
+/// used.
+std::string signedMessage(std::string_view document, const std::string& secretFile);
+
+/// The public key in a file. @throws std::runtime_error.
+HVBEnterprise::agent::PublicKey loadPublicKey(const std::string& path);
+
+} // namespace Sentrel::ctl

@@ -47,7 +47,7 @@ bool GetWhitelistURLPosition(const char* url, const char** begin, const char** e
 std::string GetCurrentUser();
 
 /// Copies the settings file's path with its terminator. Requires a buffer that is large enough: @p size is not looked
-/// at. Always true.
+/// at. Always true. @throws std::length_error for an install root that makes it 128 bytes long or more.
 bool GetUserDBPath(char* buffer, unsigned long size);
 
 /// Whether the browser side runs in Safari. A plain flag.

@@ -29,4 +29,32 @@ void expectLineAt(std::int32_t& flow, int level, const std::string& line, Run ru
     EXPECT_THAT(linesOf(flow, level - 1, run), testing::Not(testing::Contains(line))) << "below level " << level;
 }
 
+/// The lines that @p run writes on @p flow alone, in their order, each with the level that it needs and a blank in
+/// front.
+/// @p run is called once for each level and has to write the same each time.
+template <class Run>
+std::vector<std::string> leveledLines(std::int32_t& flow, Run run) {
+    constexpr int highest = 5;
+    std::vector<std::vector<std::string>> at;
+    for (int level = 0; level <= highest; ++level) {
+        at.push_back(linesOf(flow, level, run));
+    }
+    std::vector<std::string> result;
+    std::vector<std::size_t> seen(at.size());
+    for (const std::string& line : at.back()) {
+        // A level's lines are those of the highest without some: the next of them that is not this one needs more.
+        std::size_t needed = at.size() - 1;
+        for (std::size_t level = needed; level-- > 0;) {
+            if (seen[level] < at[level].size() && at[level][seen[level]] == line) {
+                needed = level;
+            }
+        }
+        for (std::size_t level = needed; level < at.size(); ++level) {
+            ++seen[level];
+        }
+        result.push_back(std::to_string(needed) + " " + line);
+    }
+    return result;
+}
+
 } // namespace testing_support

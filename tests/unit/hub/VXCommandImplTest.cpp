@@ -3,9 +3,9 @@
 #include "hub/VXCommandImpl.h"
 #include "daemon/Trace.h"
 #include "hub/Exceptions.h"
+#include "tests/support/FlowLines.h"
 #include "tests/support/RecordingBroker.h"
 #include "tests/support/RecordingController.h"
-#include "tests/support/TraceLog.h"
 
 #include <boost/archive/archive_exception.hpp>
 #include <gmock/gmock.h>
@@ -68,26 +68,11 @@ protected:
     /// The lines on stCmdFlow, each with the level that it needs; @p act is run once for each level.
     template <class Act>
     Lines leveled(Act act) {
-        constexpr int highest = 5;
-        std::vector<Lines> at;
-        for (int level = 0; level <= highest; ++level) {
-            const TraceLog log;
-            setAllFlows(0);
-            stCmdFlowvalue = level;
+        return leveledLines(stCmdFlowvalue, [&] {
             hub.forget();
             store.calls.clear();
             act();
-            at.push_back(log.lines());
-        }
-        Lines result;
-        for (const std::string& line : at.back()) {
-            std::size_t level = 0;
-            while (std::find(at[level].begin(), at[level].end(), line) == at[level].end()) {
-                ++level;
-            }
-            result.push_back(std::to_string(level) + " " + line);
-        }
-        return result;
+        });
     }
 
     Recording& hub = Recording::instance();

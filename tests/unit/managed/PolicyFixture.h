@@ -6,8 +6,8 @@
 #include "daemon/VXControllerDaemon.h"
 #include "managed/VXHVBAgentWrapper.h"
 #include "managed/VXPolicyEnforcementImpl.h"
+#include "tests/support/FlowLines.h"
 #include "tests/support/RecordingController.h"
-#include "tests/support/TraceLog.h"
 #include "tests/unit/daemon/DaemonRoot.h"
 #include "tests/unit/managed/AgentDouble.h"
 
@@ -58,26 +58,11 @@ protected:
     /// The lines on mgsFlow of @p act, each with the level that it needs; it is run once for each level.
     template <class Act>
     Lines leveled(Act act) {
-        constexpr int highest = 5;
-        std::vector<Lines> at;
-        for (int level = 0; level <= highest; ++level) {
-            const TraceLog log;
-            setAllFlows(0);
-            mgsFlowvalue = level;
+        return leveledLines(mgsFlowvalue, [&] {
             store.calls.clear();
             systemLog().clear();
             act();
-            at.push_back(log.lines());
-        }
-        Lines result;
-        for (const std::string& line : at.back()) {
-            std::size_t level = 0;
-            while (std::find(at[level].begin(), at[level].end(), line) == at[level].end()) {
-                ++level;
-            }
-            result.push_back(std::to_string(level) + " " + line);
-        }
-        return result;
+        });
     }
 
     static Sentrel::VXController& controller() { return *Sentrel::VXController::getInstance(); }

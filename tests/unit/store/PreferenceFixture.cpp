@@ -2,6 +2,7 @@
 
 #include "daemon/Trace.h"
 #include "events/NPlgHelper.h"
+#include "tests/support/FlowLines.h"
 
 #include <array>
 #include <cstdio>
@@ -76,34 +77,17 @@ Sentrel::STPreferenceController& PreferenceFixture::restarted() {
 }
 
 Lines PreferenceFixture::leveled(const std::function<void()>& arrange, const std::function<void()>& act) {
-    constexpr int highest = 5;
-    std::array<Lines, highest + 1> at;
-    for (int level = 0; level <= highest; ++level) {
-        const TraceLog log;
-        setAllFlows(0);
+    // The flow speaks only for the act, so that what arranging writes is not taken for its lines.
+    return leveledLines(configFlowvalue, [&] {
+        const int level = configFlowvalue;
+        configFlowvalue = 0;
         Sentrel::STPreferenceController::releaseInstance();
         arrange();
         configFlowvalue = level;
         testing::internal::CaptureStdout(); // what is printed is looked at elsewhere
         act();
         static_cast<void>(testing::internal::GetCapturedStdout());
-        at[static_cast<std::size_t>(level)] = log.lines();
-    }
-    Lines result;
-    std::array<std::size_t, highest + 1> seen{};
-    for (const std::string& line : at[highest]) {
-        std::size_t needed = highest;
-        for (std::size_t level = highest; level-- > 0;) {
-            if (seen[level] < at[level].size() && at[level][seen[level]] == line) {
-                needed = level;
-            }
-        }
-        for (std::size_t level = needed; level <= highest; ++level) {
-            ++seen[level];
-        }
-        result.push_back(std::to_string(needed) + " " + line);
-    }
-    return result;
+    });
 }
 
 std::string PreferenceFixture::printed(const std::function<void()>& act) {

@@ -31,9 +31,6 @@ inline constexpr std::size_t kMaxLogLineBytes = 2048;
 /// A module's name in the head of a line, in bytes of UTF-8.
 inline constexpr std::size_t kMaxModuleNameBytes = 64;
 
-/// A module's configuration file, in bytes; the real one has a few hundred.
-inline constexpr std::size_t kMaxConfigurationBytes = std::size_t{1} << 20;
-
 /// A module that has not answered its health check by then, or by the next check, counts as silent.
 inline constexpr std::chrono::seconds kHealthCheckDeadline{5};
 /// After hvbd came to the bus the modules get this long to come as well.

@@ -11,6 +11,9 @@
 
 namespace HVB::hub {
 
+/// The word by which a level is told.
+std::string_view levelWord(hv_logLevel_enum level);
+
 /// What a module's configuration says about its log lines. The defaults hold when there is no file.
 /// Threads: a plain value. Owner: anybody.
 struct ModuleConfiguration {
@@ -28,13 +31,10 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// The configuration in @p xml, the content of @p path. A missing element has its default.
+/// Reads the regular file at @p path, within the bounds of LibXmlWrapper. An element that is not there has its default.
 /// SyslogEnable is "true" or "false"; LogLevel is "error", "warning", "information" or one of "debug", "verbose",
 /// "audit" and "alert", which all let every line through.
-/// @throws ConfigurationError for anything else, and for a document type: no entity is ever expanded.
-ModuleConfiguration parseModuleConfiguration(std::string_view xml, const std::string& path);
-
-/// Reads the regular file at @p path. @throws ConfigurationError
+/// @throws ConfigurationError for anything else, for an element that is there twice, and for a symbolic link.
 ModuleConfiguration readModuleConfiguration(const std::string& path);
 
 /// The configurations in force.
@@ -54,6 +54,8 @@ public:
 private:
     // Constant after construction.
     const std::map<int, std::string> m_files;
+    // Held from reading a file to taking it over, and never by who asks for what is in force.
+    std::mutex m_reloading;
     // Guarded by m_mutex.
     mutable std::mutex m_mutex;
     std::map<int, ModuleConfiguration> m_inForce;

@@ -1,8 +1,9 @@
 #include "apps/hvbd/ReloadCommand.h"
 
-#include <fmt/format.h>
+#include "apps/hvbd/Limits.h"
+#include "platform/text/PrintableText.h"
 
-#include <string>
+#include <fmt/format.h>
 
 namespace HVB::hub {
 
@@ -12,27 +13,41 @@ bool ReloadCommand::handleCommand(CommandData& data) {
     }
     CommandResult result;
     result.m_commandData = data;
-    result.m_bSucceeded = reload(data);
     result.m_bValid = true;
+    if (const auto refusal = reload(data)) {
+        result.m_bSucceeded = false;
+        result.writePayload(*refusal);
+    }
     m_broker.sendCommandResponse(result);
     return true;
 }
 
-bool ReloadCommand::reload(CommandData& data) const {
+std::optional<std::string> ReloadCommand::reload(CommandData& data) const {
+    try {
+        const int moduleId = moduleOf(data);
+        const ModuleConfiguration configuration = m_configurations.reload(moduleId);
+        m_log.write(LOG_INFO, fmt::format("configuration of module {} read again: syslog {}, level {}", moduleId,
+                                          configuration.syslogEnabled ? "on" : "off", levelWord(configuration.level)));
+        return std::nullopt;
+    } catch (const ConfigurationError& error) {
+        // The file's texts can stand in it.
+        const std::string reason = Sentrel::text::shortened(Sentrel::text::printable(error.what()), kMaxLogLineBytes);
+        m_log.write(LOG_WARNING, fmt::format("reload refused, the configuration in force stays: {}", reason));
+        return reason;
+    }
+}
+
+int ReloadCommand::moduleOf(CommandData& data) {
+    if (!data.m_bHasPayload) {
+        throw ConfigurationError("the command names no module");
+    }
     try {
         int moduleId = -1;
         data.readPayload(moduleId);
-        const ModuleConfiguration configuration = m_configurations.reload(moduleId);
-        m_log.write(LOG_INFO,
-                    fmt::format("configuration of module {} read again: syslog {}, level {}", moduleId,
-                                configuration.syslogEnabled ? "on" : "off", static_cast<int>(configuration.level)));
-        return true;
-    } catch (const ConfigurationError& error) {
-        m_log.write(LOG_WARNING, fmt::format("reload refused, the configuration in force stays: {}", error.what()));
+        return moduleId;
     } catch (const boost::archive::archive_exception& error) {
-        m_log.write(LOG_WARNING, fmt::format("reload refused: the payload is no module id ({})", error.what()));
+        throw ConfigurationError(fmt::format("the payload is no module id ({})", error.what()));
     }
-    return false;
 }
 
 void ReloadCommand::handleCommandResponse(CommandResult& /*result*/) {

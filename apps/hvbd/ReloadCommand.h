@@ -5,12 +5,15 @@
 #include "apps/hvbd/SystemLog.h"
 #include "hub/HVBCommBroker.h"
 
+#include <optional>
+#include <string>
+
 namespace HVB::hub {
 
 /// Serves CMD_RELOAD_HVB: reads the configuration of the module that the payload names again.
-/// The reply is always valid; it has succeeded when the new configuration is in force. Otherwise a line in the system
-/// log says why, and what was in force stays.
-/// Threads: broker threads, several at a time. Owner: the program; it and what it was given outlive the broker.
+/// The reply is always valid; it has succeeded, without a payload, when the new configuration is in force. Otherwise
+/// its payload, a narrow string, and a line in the system log say why, and what was in force stays. Threads: broker
+/// threads, several at a time. Owner: the program; it and what it was given outlive the broker.
 class ReloadCommand : public CommandInterface {
 public:
     ReloadCommand(HVBCommBroker& broker, ModuleConfigurations& configurations, const SystemLog& log)
@@ -20,7 +23,9 @@ public:
     void handleCommandResponse(CommandResult& result) override;
 
 private:
-    bool reload(CommandData& data) const;
+    /// @return why not; nothing when the new configuration is in force.
+    std::optional<std::string> reload(CommandData& data) const;
+    static int moduleOf(CommandData& data);
 
     // Constant after construction.
     HVBCommBroker& m_broker;

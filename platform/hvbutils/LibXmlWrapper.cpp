@@ -93,6 +93,7 @@ using Places = std::unordered_map<const xmlNode*, Place>;
 struct Findings {
     Places places;
     bool hasDocumentType = false;
+    int tooDeepAtLine = 0;    ///< 0 when nothing nests too deep
     bool isConverted = false; ///< the parser reads a converted text, in which places mean nothing
 };
 
@@ -109,6 +110,11 @@ std::size_t position(xmlParserCtxt& parser) {
 void onStart(void* context, const xmlChar* name, const xmlChar* prefix, const xmlChar* uri, int namespaceCount,
              const xmlChar** namespaces, int attributeCount, int defaultedCount, const xmlChar** attributes) {
     auto& parser = *static_cast<xmlParserCtxt*>(context);
+    if (parser.nodeNr >= kMaxConfigDepth) {
+        findingsOf(parser).tooDeepAtLine = parser.input->line;
+        xmlStopParser(&parser);
+        return;
+    }
     xmlSAX2StartElementNs(context, name, prefix, uri, namespaceCount, namespaces, attributeCount, defaultedCount,
                           attributes);
     findingsOf(parser).places[parser.node].startTagEnd = position(parser);
@@ -144,6 +150,7 @@ struct FreeText {
 };
 using ParserPtr = std::unique_ptr<xmlParserCtxt, FreeParser>;
 using DocumentPtr = std::unique_ptr<xmlDoc, FreeDocument>;
+using XPathObjectPtr = std::unique_ptr<xmlXPathObject, FreeXPathObject>;
 
 /// A parser that notes its findings and refuses document types.
 ParserPtr makeParser(const std::string& path, Findings& findings) {
@@ -163,12 +170,15 @@ ParserPtr makeParser(const std::string& path, Findings& findings) {
 DocumentPtr parse(const std::string& path, const std::string& text, Findings& findings) {
     const Messages messages;
     const ParserPtr parser = makeParser(path, findings);
-    // NONET and neither NOENT, DTDLOAD, XINCLUDE nor HUGE: nothing from outside, and the library's own bounds.
+    // NONET and neither NOENT, DTDLOAD, XINCLUDE nor HUGE: nothing from outside, and the library's own bounds too.
     const int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
     DocumentPtr document(
         xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr, nullptr, options));
     if (findings.hasDocumentType) {
         refuse(path, "a document type is not allowed here");
+    }
+    if (findings.tooDeepAtLine > 0) {
+        refuse(path, fmt::format("line {}: nests deeper than {} elements", findings.tooDeepAtLine, kMaxConfigDepth));
     }
     if (document == nullptr) {
         refuse(path, fmt::format("line {}: {}", messages.line(), messages.gravest()));
@@ -222,9 +232,13 @@ std::string contentOf(const std::string& path, int file) {
     return content;
 }
 
-std::string fileText(const std::string& path) {
+std::string fileText(const std::string& path, LibXmlWrapper::Links links) {
+    const int noLink = links == LibXmlWrapper::Links::Refuse ? O_NOFOLLOW : 0;
     // NONBLOCK: a FIFO put in its place must not hold us up.
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | noLink));
+    if (file.get() < 0 && errno == ELOOP && noLink != 0) {
+        refuse(path, "a symbolic link, which is not followed here");
+    }
     struct stat facts {};
     if (file.get() < 0 || ::fstat(file.get(), &facts) != 0) {
         refuseErrno(path);
@@ -242,6 +256,10 @@ std::string nameOf(const xmlNode& element) {
     return fmt::format("{}{}{}", prefix, prefix.empty() ? "" : ":", textOf(element.name));
 }
 
+int countOf(const xmlXPathObject& found) {
+    return found.type == XPATH_NODESET ? xmlXPathNodeSetGetLength(found.nodesetval) : 0;
+}
+
 std::string escaped(const std::string& path, const char* value) {
     const std::unique_ptr<xmlChar, FreeText> text(
         xmlEncodeSpecialChars(nullptr, reinterpret_cast<const xmlChar*>(value)));
@@ -257,6 +275,7 @@ struct LibXmlWrapper::Document {
     Document(const std::string& filePath, std::string content)
         : path(filePath), text(std::move(content)), tree(parse(path, text, findings)) {}
 
+    XPathObjectPtr find(const char* xpath) const;
     const xmlNode& element(const char* xpath) const;
     std::string valueOf(const xmlNode& node, const char* xpath) const;
     std::string textWith(const xmlNode& node, const char* value) const;
@@ -267,7 +286,7 @@ struct LibXmlWrapper::Document {
     const DocumentPtr tree;
 };
 
-const xmlNode& LibXmlWrapper::Document::element(const char* xpath) const {
+XPathObjectPtr LibXmlWrapper::Document::find(const char* xpath) const {
     if (xpath == nullptr) {
         refuse(path, "no XPath was given");
     }
@@ -276,12 +295,16 @@ const xmlNode& LibXmlWrapper::Document::element(const char* xpath) const {
     if (context == nullptr) {
         refuse(path, "no memory");
     }
-    const std::unique_ptr<xmlXPathObject, FreeXPathObject> found(
-        xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>(xpath), context.get()));
+    XPathObjectPtr found(xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>(xpath), context.get()));
     if (found == nullptr) {
         refuse(path, fmt::format("{}: {}", xpath, messages.gravest()));
     }
-    const int count = found->type == XPATH_NODESET ? xmlXPathNodeSetGetLength(found->nodesetval) : 0;
+    return found;
+}
+
+const xmlNode& LibXmlWrapper::Document::element(const char* xpath) const {
+    const XPathObjectPtr found = find(xpath);
+    const int count = countOf(*found);
     if (count != 1 || found->nodesetval->nodeTab[0]->type != XML_ELEMENT_NODE) {
         refuse(path, fmt::format("{}: finds {}", xpath,
                                  count == 0   ? "nothing"
@@ -313,13 +336,17 @@ std::string LibXmlWrapper::Document::textWith(const xmlNode& node, const char* v
                            nameOf(node), std::string_view(text).substr(place.end));
     }
     return fmt::format("{}{}{}", std::string_view(text).substr(0, place.startTagEnd + 1), escaped(path, value),
-                       std::string_view(text).substr(text.rfind("</", place.end)));
+                       std::string_view(text).substr(text.rfind("</", place.end - 1)));
 }
 
-LibXmlWrapper::LibXmlWrapper(std::string path)
-    : m_path(std::move(path)), m_document(std::make_unique<Document>(m_path, fileText(m_path))) {}
+LibXmlWrapper::LibXmlWrapper(std::string path, Links links)
+    : m_path(std::move(path)), m_document(std::make_unique<Document>(m_path, fileText(m_path, links))) {}
 
 LibXmlWrapper::~LibXmlWrapper() = default;
+
+bool LibXmlWrapper::finds(const char* xpath) const {
+    return countOf(*m_document->find(xpath)) > 0;
+}
 
 std::string LibXmlWrapper::getXPathStringValue(const char* xpath) const {
     return m_document->valueOf(m_document->element(xpath), xpath);

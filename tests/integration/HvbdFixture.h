@@ -170,7 +170,7 @@ protected:
         return {.arguments = std::move(arguments),
                 .environment = {"SENTREL_INSTALL_ROOT=" + root.path().string()},
                 .outputFile = root.file("hvbd.out"),
-                .uid = {},
+                .uid = hvbdUser,
                 .gid = {}};
     }
 
@@ -210,6 +210,7 @@ protected:
     PrivateRoot root;
     const std::string store = root.hubVarDirectory() + "/hvblog.db";
     std::optional<HubBus> bus{root};
+    std::optional<uid_t> hvbdUser; ///< whom hvbd runs as; by default who runs the test
     std::optional<ChildProcess> hvbd;
 };
 

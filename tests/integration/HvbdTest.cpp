@@ -1,17 +1,23 @@
 // hvbd as its clients see it: the methods, the reload command, the health checks, start and end. Bus, processes and
 // files are real; the module whose health is checked is this test's own process.
 #include "hub/HVBCommBroker.h"
+#include "platform/hvbhelpers/HVBHelpers.h"
 #include "tests/integration/HvbdFixture.h"
+#include "tests/integration/HvbdSystemLog.h"
+#include "tests/support/AsUser.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include <condition_variable>
 #include <cstring>
+#include <limits>
 #include <mutex>
 
 using namespace testing_support;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::StartsWith;
 namespace bus = HVB::bus;
 namespace fs = std::filesystem;
 
@@ -146,14 +152,33 @@ protected:
         std::ofstream(configuration) << "<HVConfiguration>" << inside << "</HVConfiguration>";
     }
 
-    /// Whether both flags of the reply are true.
-    bool reload(int moduleId) {
+    /// What the reply to a reload says: "done", or why not.
+    std::string reload(int moduleId = HVB::MODULE_SENTREL) {
         HVB::CommandData command(Sentrel::CMD_RELOAD_HVB, HVB::MODULE_HUB, true);
         command.writePayload(moduleId);
+        return answerTo(command);
+    }
+    /// As reload, with a text in the module id's place.
+    std::string reloadOf(const wchar_t* text) {
+        HVB::CommandData command(Sentrel::CMD_RELOAD_HVB, HVB::MODULE_HUB, true);
+        command.m_bHasPayload = true;
+        *command.m_pOutStream << text;
+        return answerTo(command);
+    }
+    std::string answerTo(HVB::CommandData& command) {
         HVB::CommandResult result;
         broker().sendCommand(command, &result, true, static_cast<int>(kPatience.count()));
         EXPECT_TRUE(result.m_bValid);
-        return result.m_bSucceeded;
+        std::string reason = "done";
+        result.readPayload(reason);
+        EXPECT_EQ(result.m_bSucceeded, reason == "done");
+        return reason;
+    }
+
+    /// Reloads, which must be refused with this reason in the reply and in one line of the log.
+    void expectRefused(const std::string& answer, const std::string& reason) {
+        EXPECT_EQ(answer, reason);
+        EXPECT_EQ(lines("]: reload refused, the configuration in force stays: " + reason + "\n"), 1U) << hvbd->output();
     }
 
     /// Sends a line of each level. @return which of them were written.
@@ -185,10 +210,11 @@ TEST_F(AHubWithAModule, ReadsTheModulesConfigurationAtStartAndOnReload) {
     EXPECT_EQ(levelsWritten(), "01");
     configure("<SyslogEnable>true</SyslogEnable><LogLevel>debug</LogLevel>");
     EXPECT_EQ(levelsWritten(), "01") << "not before the reload";
-    EXPECT_TRUE(reload(HVB::MODULE_SENTREL));
+    EXPECT_EQ(reload(), "done");
+    EXPECT_EQ(lines("]: configuration of module 7 read again: syslog on, level debug\n"), 1U);
     EXPECT_EQ(levelsWritten(), "0123");
     configure("<SyslogEnable>false</SyslogEnable><LogLevel>debug</LogLevel>");
-    EXPECT_TRUE(reload(HVB::MODULE_SENTREL));
+    EXPECT_EQ(reload(), "done");
     EXPECT_EQ(levelsWritten(), "");
 }
 
@@ -197,20 +223,210 @@ TEST_F(AHubWithAModule, WritesUpToInformationWithoutAConfiguration) {
     EXPECT_EQ(levelsWritten(), "012");
 }
 
-TEST_F(AHubWithAModule, KeepsTheConfigurationInForceWhenAReloadFails) {
+/// In force is the level "error", which no reload may change.
+class AHubWhoseReloadFails : public AHubWithAModule {
+protected:
+    void SetUp() override {
+        configure("<LogLevel>error</LogLevel>");
+        start();
+        configure("<LogLevel>debug</LogLevel>");
+    }
+    void TearDown() override {
+        EXPECT_EQ(levelsWritten(), "0");
+        fs::remove_all(configuration);
+        configure("<LogLevel>debug</LogLevel>");
+        EXPECT_EQ(reload(), "done") << "and the next one that can be served is";
+        EXPECT_EQ(levelsWritten(), "0123");
+    }
+
+    void expectFileRefused(const std::string& reason) { expectRefused(reload(), configuration + ": " + reason); }
+};
+
+TEST_F(AHubWhoseReloadFails, SaysThatAModuleHasNoConfiguration) {
+    for (const int module : {42, 0, -1, static_cast<int>(HVB::MODULE_HUB), std::numeric_limits<int>::max()}) {
+        expectRefused(reload(module), "module " + std::to_string(module) + " has no configuration that hvbd knows");
+    }
+}
+
+TEST_F(AHubWhoseReloadFails, SaysThatThePayloadIsMissingOrNoModuleId) {
+    HVB::CommandData without(Sentrel::CMD_RELOAD_HVB, HVB::MODULE_HUB, true);
+    expectRefused(answerTo(without), "the command names no module");
+    for (const wchar_t* text : {L" x", L"", L" 99999999999"}) {
+        EXPECT_THAT(reloadOf(text), StartsWith("the payload is no module id (")) << text;
+    }
+    EXPECT_EQ(lines("reload refused, the configuration in force stays: the payload is no module id ("), 3U);
+    HVB::CommandData broken(Sentrel::CMD_RELOAD_HVB, HVB::MODULE_HUB, true);
+    broken.m_bHasPayload = true;
+    broken.m_pOutStream->str(L"no archive");
+    EXPECT_THROW(answerTo(broken), HVB::HVBException);
+}
+
+TEST_F(AHubWhoseReloadFails, SaysThatTheFileIsMissingOrStandsBehindALinkOrIsNoFile) {
+    fs::remove(configuration);
+    expectFileRefused("No such file or directory");
+    fs::create_directory(configuration);
+    expectFileRefused("not a regular file");
+    fs::remove(configuration);
+    std::ofstream(root.file("other.xml")) << "<HVConfiguration><LogLevel>debug</LogLevel></HVConfiguration>";
+    fs::create_symlink(root.file("other.xml"), configuration);
+    expectFileRefused("a symbolic link, which is not followed here");
+}
+
+TEST_F(AHubWhoseReloadFails, DoesNotWaitAtAPipeInTheFilesPlace) {
+    fs::remove(configuration);
+    ASSERT_EQ(mkfifo(configuration.c_str(), 0600), 0);
+    expectFileRefused("not a regular file");
+}
+
+TEST_F(AHubWhoseReloadFails, SaysWhatIsWrongInTheFile) {
+    configure("<LogLevel>loud\n</LogLevel>");
+    expectFileRefused("LogLevel is \"loud\\x0a\" and not one of the known levels");
+    configure("\n<LogLevel>debug");
+    expectFileRefused("line 2: Opening and ending tag mismatch: LogLevel line 2 and HVConfiguration");
+    std::ofstream(configuration) << "<!DOCTYPE a [<!ENTITY b 'debug'>]><HVConfiguration/>";
+    expectFileRefused("a document type is not allowed here");
+}
+
+TEST_F(AHubWhoseReloadFails, SaysThatTheFileIsTooLargeOrNestsTooDeep) {
+    fs::resize_file(configuration, std::uintmax_t{100} << 20U);
+    expectFileRefused("larger than 65536 bytes");
+    std::string deep;
+    for (int level = 0; level < 5000; ++level) {
+        deep += "<a>";
+    }
+    configure(deep);
+    expectFileRefused("line 1: nests deeper than 100 elements");
+}
+
+TEST_F(AHubWhoseReloadFails, CutsAReasonThatQuotesALongText) {
+    configure("<LogLevel>" + std::string(60'000, 'x') + "</LogLevel>");
+    const std::string reason = reload();
+    EXPECT_EQ(reason.size(), 2048U);
+    EXPECT_THAT(reason, StartsWith(configuration + ": LogLevel is \"xxx"));
+}
+
+/// hvbd as a user of its own; whoever runs the test is the daemon's user and writes the file. Requires root.
+class AHubOfItsOwnUser : public AHubWithAModule {
+protected:
+    void SetUp() override {
+        if (!canActAsOthers()) {
+            GTEST_SKIP() << "needs root, to run hvbd as a second user";
+        }
+        PrivateRoot::giveTo(root.hubVarDirectory(), kNobody, kNogroup);
+        bus.reset();
+        bus.emplace(root, HVB::bus::BusConfigurationOptions{.socketPath = "",
+                                                            .daemonUser = std::to_string(geteuid()),
+                                                            .hubUser = std::to_string(kNobody),
+                                                            .adminGroup = ""});
+        hvbdUser = kNobody;
+    }
+};
+
+TEST_F(AHubOfItsOwnUser, ReadsTheFileOfTheDaemonsUserAndSaysWhenItMayNot) {
     configure("<LogLevel>error</LogLevel>");
     start();
-    configure("<LogLevel>loud</LogLevel>");
-    EXPECT_FALSE(reload(HVB::MODULE_SENTREL));
-    EXPECT_EQ(lines("reload refused, the configuration in force stays: " + configuration +
-                    ": LogLevel is \"loud\" and not one of the known levels"),
-              1U);
-    fs::remove(configuration);
-    EXPECT_FALSE(reload(HVB::MODULE_SENTREL));
-    EXPECT_EQ(lines(configuration + ": No such file or directory"), 1U);
-    EXPECT_FALSE(reload(42));
-    EXPECT_EQ(lines("module 42 has no configuration that hvbd knows"), 1U);
     EXPECT_EQ(levelsWritten(), "0");
+    configure("<LogLevel>warning</LogLevel>");
+    EXPECT_EQ(reload(), "done");
+    configure("<LogLevel>debug</LogLevel>");
+    ASSERT_EQ(chmod(configuration.c_str(), 0600), 0);
+    expectRefused(reload(), configuration + ": Permission denied");
+    EXPECT_EQ(levelsWritten(), "01");
+}
+
+/// hvbd with the machine's system log in this test's hands. Requires root.
+class AHubWithASystemLog : public AHubWithAModule {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "only root can have a system log of its own; what reaches it was not tested";
+        }
+        m_systemLog.emplace(root.file("dev"));
+        start();
+        m_systemLog->lines();
+    }
+
+    /// What reaches the system log of a module's lines of all four levels.
+    std::vector<std::string> reaching() {
+        broker();
+        m_systemLog->lines();
+        const wchar_t* const words[] = {L"error", L"warning", L"information", L"debug"};
+        for (int level = 0; level <= 3; ++level) {
+            HVB_LOG_MSG(HVB::MODULE_SENTREL, L"Sentrel", HVB::LOG_TYPE_BROWSER_EVENT,
+                        static_cast<HVB::hv_logLevel_enum>(level), L"of level %ls", words[level]);
+        }
+        return m_systemLog->lines();
+    }
+
+    /// The lines of the levels up to this one, with the priorities of the daemon facility.
+    static std::vector<std::string> upTo(int level) {
+        const std::vector<std::string> all{
+            "27 module 7 (Sentrel): of level error", "28 module 7 (Sentrel): of level warning",
+            "30 module 7 (Sentrel): of level information", "31 module 7 (Sentrel): of level debug"};
+        return {all.begin(), all.begin() + level + 1};
+    }
+
+    std::vector<std::string> systemLog() { return m_systemLog->lines(); }
+
+private:
+    std::optional<SystemLogSocket> m_systemLog;
+};
+
+TEST_F(AHubWithASystemLog, LetsTheModulesDebugLinesReachItAtDebugAndNotAtInformation) {
+    configure("<SyslogEnable>true</SyslogEnable><LogLevel>debug</LogLevel>");
+    ASSERT_EQ(reload(), "done");
+    EXPECT_EQ(systemLog(), std::vector<std::string>{"30 configuration of module 7 read again: syslog on, level debug"});
+    EXPECT_EQ(reaching(), upTo(HVB::LOG_LEVEL_DEBUG));
+    configure("<SyslogEnable>true</SyslogEnable><LogLevel>information</LogLevel>");
+    ASSERT_EQ(reload(), "done");
+    EXPECT_EQ(reaching(), upTo(HVB::LOG_LEVEL_INFORMATION));
+}
+
+struct Row {
+    const char* inside;
+    int highestLevel; ///< that reaches the system log; -1: none does
+};
+
+/// The rows of the table in docs/hub.md, each with the words that stand in it.
+TEST_F(AHubWithASystemLog, GetsTheLinesOfEachConfigurationByTheTable) {
+    for (const auto& [inside, highestLevel] : {
+             Row{"<SyslogEnable>false</SyslogEnable><LogLevel>debug</LogLevel>", -1},
+             Row{"<SyslogEnable>0</SyslogEnable><LogLevel>error</LogLevel>", -1},
+             Row{"<SyslogEnable>true</SyslogEnable><LogLevel>error</LogLevel>", HVB::LOG_LEVEL_ERROR},
+             Row{"<SyslogEnable>true</SyslogEnable><LogLevel>warning</LogLevel>", HVB::LOG_LEVEL_WARNING},
+             Row{"<SyslogEnable>1</SyslogEnable><LogLevel>information</LogLevel>", HVB::LOG_LEVEL_INFORMATION},
+             Row{"<SyslogEnable>true</SyslogEnable><LogLevel>debug</LogLevel>", HVB::LOG_LEVEL_DEBUG},
+             Row{"<SyslogEnable>true</SyslogEnable><LogLevel>verbose</LogLevel>", HVB::LOG_LEVEL_DEBUG},
+             Row{"<SyslogEnable>true</SyslogEnable><LogLevel>audit</LogLevel>", HVB::LOG_LEVEL_DEBUG},
+             Row{"<SyslogEnable>true</SyslogEnable><LogLevel>alert</LogLevel>", HVB::LOG_LEVEL_DEBUG},
+             Row{"<LogLevel>warning</LogLevel>", HVB::LOG_LEVEL_WARNING},
+             Row{"<SyslogEnable>true</SyslogEnable>", HVB::LOG_LEVEL_INFORMATION},
+         }) {
+        configure(inside);
+        ASSERT_EQ(reload(), "done") << inside;
+        EXPECT_EQ(reaching(), upTo(highestLevel)) << inside;
+    }
+}
+
+TEST_F(AHubWithASystemLog, IsToldThatAReloadWasRefusedAndKeepsGettingWhatItGot) {
+    configure("<LogLevel>debug</LogLevel>");
+    ASSERT_EQ(reload(), "done");
+    fs::remove(configuration);
+    systemLog();
+    const std::string reason = configuration + ": No such file or directory";
+    ASSERT_EQ(reload(), reason);
+    EXPECT_EQ(systemLog(), std::vector<std::string>{"28 reload refused, the configuration in force stays: " + reason});
+    EXPECT_EQ(reaching(), upTo(HVB::LOG_LEVEL_DEBUG));
+}
+
+TEST_F(AHubWithASystemLog, GetsALineOfAnotherModuleByTheDefaultWhateverThisOnesConfigurationSays) {
+    configure("<SyslogEnable>false</SyslogEnable>");
+    ASSERT_EQ(reload(), "done");
+    systemLog();
+    HubClient caller = client();
+    caller.logMessage(HVB::LOG_LEVEL_INFORMATION, L"told", 42);
+    caller.logMessage(HVB::LOG_LEVEL_DEBUG, L"not told", 42);
+    EXPECT_EQ(systemLog(), std::vector<std::string>{"30 module 42 (Sentrel): told"});
 }
 
 TEST_F(AHubWithAModule, RefusesOtherCommands) {
@@ -218,7 +434,7 @@ TEST_F(AHubWithAModule, RefusesOtherCommands) {
     HVB::CommandData command(Sentrel::ST_GET_PREFS, HVB::MODULE_HUB, true);
     HVB::CommandResult result;
     EXPECT_THROW(broker().sendCommand(command, &result, true, static_cast<int>(kPatience.count())), HVB::HVBException);
-    EXPECT_FALSE(reload(42)) << "still serving";
+    EXPECT_EQ(reload(42), "module 42 has no configuration that hvbd knows") << "still serving";
 }
 
 /// Says how the module is, or nothing while it hangs.
@@ -308,7 +524,7 @@ TEST_F(AHubWithAModule, ComesBackWithItsNamesWhenTheBusComesBack) {
     EXPECT_EQ(caller.log(L"two"), 2U);
     EXPECT_TRUE(eventually([this] {
         try {
-            return !reload(42);
+            return reload(42) != "done";
         } catch (const HVB::HVBException&) {
             return false; // module 1 is not back yet
         }

@@ -6,9 +6,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <utility>
 
 using namespace HVB;
@@ -20,24 +22,36 @@ std::string document(const std::string& inside) {
     return "<?xml version=\"1.0\"?>\n<HVConfiguration>" + inside + "</HVConfiguration>\n";
 }
 
-ModuleConfiguration parsed(const std::string& inside) {
-    return parseModuleConfiguration(document(inside), "file");
-}
-
-std::string refusal(const std::string& xml) {
-    try {
-        parseModuleConfiguration(xml, "file");
-    } catch (const ConfigurationError& error) {
-        return error.what();
+class AModuleConfiguration : public testing::Test {
+protected:
+    ModuleConfiguration parsed(const std::string& inside) const {
+        std::ofstream(path) << document(inside);
+        return readModuleConfiguration(path);
     }
-    return "accepted";
-}
 
-TEST(AModuleConfiguration, IsInformationByDefault) {
+    /// Why a file with this content is refused, without the path in front.
+    std::string refusal(const std::string& xml) const {
+        std::ofstream(path) << xml;
+        return refusal();
+    }
+    std::string refusal() const {
+        try {
+            readModuleConfiguration(path);
+        } catch (const ConfigurationError& error) {
+            return std::string(error.what()).substr(path.size() + 2);
+        }
+        return "accepted";
+    }
+
+    PrivateDirectory directory;
+    const std::string path = directory.file("HVConfig.xml");
+};
+
+TEST_F(AModuleConfiguration, IsInformationByDefault) {
     EXPECT_EQ(parsed(""), (ModuleConfiguration{true, LOG_LEVEL_INFORMATION}));
 }
 
-TEST(AModuleConfiguration, TakesEachLevelByItsWord) {
+TEST_F(AModuleConfiguration, TakesEachLevelByItsWord) {
     for (const auto& [word, level] : {std::pair{"error", LOG_LEVEL_ERROR},
                                       {"warning", LOG_LEVEL_WARNING},
                                       {"information", LOG_LEVEL_INFORMATION},
@@ -49,13 +63,23 @@ TEST(AModuleConfiguration, TakesEachLevelByItsWord) {
     }
 }
 
-TEST(AModuleConfiguration, TakesTextsWithBlanksCommentsAndCharacterData) {
+TEST_F(AModuleConfiguration, TakesASwitchWithBlanksAndTextsWithCommentsAndCharacterData) {
     const auto configuration = parsed("<Other/><SyslogEnable> false\n</SyslogEnable>"
                                       "<LogLevel><!-- for a day --><![CDATA[debug]]></LogLevel>");
     EXPECT_EQ(configuration, (ModuleConfiguration{false, LOG_LEVEL_DEBUG}));
+    EXPECT_TRUE(parsed("<SyslogEnable>1</SyslogEnable>").syslogEnabled);
+    EXPECT_FALSE(parsed("<SyslogEnable>0</SyslogEnable>").syslogEnabled);
 }
 
-TEST(AModuleConfiguration, WantsLinesUpToItsLevelAndNoneWhenItIsOff) {
+TEST(ALevel, IsToldByTheWordThatTheFileHasForIt) {
+    EXPECT_EQ(levelWord(LOG_LEVEL_ERROR), "error");
+    EXPECT_EQ(levelWord(LOG_LEVEL_WARNING), "warning");
+    EXPECT_EQ(levelWord(LOG_LEVEL_INFORMATION), "information");
+    EXPECT_EQ(levelWord(LOG_LEVEL_DEBUG), "debug");
+    EXPECT_EQ(levelWord(static_cast<hv_logLevel_enum>(4)), "unknown");
+}
+
+TEST_F(AModuleConfiguration, WantsLinesUpToItsLevelAndNoneWhenItIsOff) {
     const ModuleConfiguration warnings{true, LOG_LEVEL_WARNING};
     EXPECT_TRUE(warnings.wants(LOG_LEVEL_ERROR));
     EXPECT_TRUE(warnings.wants(LOG_LEVEL_WARNING));
@@ -63,24 +87,35 @@ TEST(AModuleConfiguration, WantsLinesUpToItsLevelAndNoneWhenItIsOff) {
     EXPECT_FALSE((ModuleConfiguration{false, LOG_LEVEL_DEBUG}.wants(LOG_LEVEL_ERROR)));
 }
 
-TEST(AModuleConfiguration, IsRefusedWithTheReasonWhenItIsMalformed) {
-    EXPECT_EQ(refusal(document("<LogLevel>loud</LogLevel>")),
-              "file: LogLevel is \"loud\" and not one of the known levels");
+TEST_F(AModuleConfiguration, IsRefusedWithTheReasonWhenItIsMalformed) {
+    EXPECT_EQ(refusal(document("<LogLevel>loud</LogLevel>")), "LogLevel is \"loud\" and not one of the known levels");
+    EXPECT_EQ(refusal(document("<LogLevel> debug</LogLevel>")),
+              "LogLevel is \" debug\" and not one of the known levels");
+    EXPECT_EQ(refusal(document("<LogLevel/>")), "LogLevel is \"\" and not one of the known levels");
     EXPECT_EQ(refusal(document("<SyslogEnable>yes</SyslogEnable>")),
-              "file: SyslogEnable is \"yes\" and not \"true\" or \"false\"");
-    EXPECT_EQ(refusal(document("<LogLevel><b>debug</b></LogLevel>")), "file: LogLevel holds more than a text");
-    EXPECT_EQ(refusal("<Other/>"), "file: the outermost element is not HVConfiguration");
-    EXPECT_EQ(refusal("<HVConfiguration>\n<LogLevel>\n</HVConfiguration>").substr(0, 14), "file: line 3: ");
-    EXPECT_NE(refusal(""), "accepted");
-    EXPECT_NE(refusal(std::string("\0\1\2", 3)), "accepted");
+              "/HVConfiguration/SyslogEnable: \"yes\" is neither true nor false");
+    EXPECT_EQ(refusal(document("<LogLevel><b>debug</b></LogLevel>")),
+              "line 2: /HVConfiguration/LogLevel holds more than a text");
+    EXPECT_EQ(refusal(document("<LogLevel>debug</LogLevel><LogLevel>error</LogLevel>")),
+              "/HVConfiguration/LogLevel: finds several");
+    EXPECT_EQ(refusal("<Other/>"), "the outermost element is not HVConfiguration");
+    EXPECT_EQ(refusal("<HVConfiguration>\n<LogLevel>\n</HVConfiguration>").substr(0, 8), "line 3: ");
+    EXPECT_EQ(refusal("").substr(0, 8), "line 1: ");
+    EXPECT_EQ(refusal(std::string("\0\1\2", 3)).substr(0, 8), "line 1: ");
 }
 
-TEST(AModuleConfiguration, RefusesADocumentTypeSoThatNoEntityIsEverExpanded) {
+TEST_F(AModuleConfiguration, IsRefusedBehindALinkSinceWhoMadeTheLinkMayNotReadWhatHvbdMay) {
+    std::ofstream(directory.file("other.xml")) << document("<LogLevel>debug</LogLevel>");
+    std::filesystem::create_symlink(directory.file("other.xml"), path);
+    EXPECT_EQ(refusal(), "a symbolic link, which is not followed here");
+}
+
+TEST_F(AModuleConfiguration, RefusesADocumentTypeSoThatNoEntityIsEverExpanded) {
     EXPECT_EQ(refusal("<!DOCTYPE HVConfiguration [<!ENTITY level \"debug\">]>\n"
                       "<HVConfiguration><LogLevel>&level;</LogLevel></HVConfiguration>"),
-              "file: a document type is not allowed here");
+              "a document type is not allowed here");
     EXPECT_EQ(refusal("<!DOCTYPE HVConfiguration SYSTEM \"/etc/hostname\">\n<HVConfiguration/>"),
-              "file: a document type is not allowed here");
+              "a document type is not allowed here");
 }
 
 class LoadedModuleConfigurations : public testing::Test {
@@ -124,6 +159,26 @@ TEST_F(LoadedModuleConfigurations, KeepWhatIsInForceWhenTheFileIsMissing) {
     EXPECT_EQ(configurations.of(MODULE_SENTREL).level, LOG_LEVEL_DEBUG);
 }
 
+TEST_F(LoadedModuleConfigurations, AreToldWhileTheyAreReadAgain) {
+    configurations.reload(MODULE_SENTREL);
+    std::atomic<bool> done{false};
+    const auto reload = [this] {
+        for (int round = 0; round < 200; ++round) {
+            EXPECT_EQ(configurations.reload(MODULE_SENTREL).level, LOG_LEVEL_DEBUG);
+        }
+    };
+    std::thread asking([&] {
+        do {
+            EXPECT_EQ(configurations.of(MODULE_SENTREL).level, LOG_LEVEL_DEBUG);
+        } while (!done);
+    });
+    std::thread other(reload);
+    reload();
+    other.join();
+    done = true;
+    asking.join();
+}
+
 TEST_F(LoadedModuleConfigurations, RefuseAModuleThatHasNoFile) {
     EXPECT_EQ(refusedReload(42), "module 42 has no configuration that hvbd knows");
 }
@@ -138,13 +193,13 @@ TEST_F(LoadedModuleConfigurations, RefuseADirectoryAndAPipeInTheFilesPlace) {
 }
 
 TEST_F(LoadedModuleConfigurations, RefuseAFileBeyondTheLimitAndTakeOneWithinIt) {
-    constexpr std::size_t limit = std::size_t{1} << 20;
+    constexpr std::size_t limit = std::size_t{64} << 10;
     const std::size_t frame = document("<LogLevel>error</LogLevel>").size();
     write("<LogLevel>error</LogLevel>" + std::string(limit - frame, ' '));
     ASSERT_EQ(std::filesystem::file_size(path), limit);
     EXPECT_EQ(refusedReload(), "accepted");
     write("<LogLevel>warning</LogLevel>" + std::string(limit - frame, ' '));
-    EXPECT_EQ(refusedReload(), path + ": larger than 1048576 bytes");
+    EXPECT_EQ(refusedReload(), path + ": larger than 65536 bytes");
     EXPECT_EQ(configurations.of(MODULE_SENTREL).level, LOG_LEVEL_ERROR);
 }
 

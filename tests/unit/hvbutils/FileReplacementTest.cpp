@@ -7,6 +7,8 @@
 #include "tests/unit/hvbutils/ConfigFile.h"
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -14,7 +16,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <thread>
 
 using testing_support::asUser;
@@ -159,6 +163,79 @@ TEST_F(AConfigFile, StaysAsItWasWhenTheDiskTakesNoMore) {
     EXPECT_EQ(statusOf(child), 0);
     EXPECT_EQ(content(), before);
     EXPECT_EQ(filesInDirectory(), 1u);
+}
+
+/// Its directory is a file system of its own that is easily filled. Requires root.
+class AConfigFileOnASmallDisk : public AConfigFile {
+protected:
+    void SetUp() override {
+        if (geteuid() != 0) {
+            GTEST_SKIP() << "only root can mount a small file system; a full disk was not tested";
+        }
+        // The mount is this process's alone, so whatever happens to the test it goes away with it.
+        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+            GTEST_SKIP() << "no mounts of our own here (" << std::strerror(errno) << "); a full disk was not tested";
+        }
+        const std::string before = content();
+        if (mount("tmpfs", directory.c_str(), "tmpfs", 0, "size=64k") != 0) {
+            GTEST_SKIP() << "cannot mount a tmpfs (" << std::strerror(errno) << "); a full disk was not tested";
+        }
+        m_mounted = true;
+        write(before);
+    }
+
+    void TearDown() override {
+        if (m_mounted) {
+            umount(directory.c_str());
+        }
+    }
+
+    void fillDisk() const {
+        std::ofstream filler(m_filler, std::ios::binary);
+        while (filler << std::string(1024, 'f') << std::flush) {
+        }
+    }
+    void freeDisk() const { std::filesystem::remove(m_filler); }
+
+private:
+    const std::string m_filler = directory + "/filler";
+    bool m_mounted = false;
+};
+
+TEST_F(AConfigFileOnASmallDisk, StaysAsItWasWhenItIsFullAndIsSavedOnceThereIsRoom) {
+    const std::string before = content();
+    fillDisk();
+    EXPECT_FALSE(save("debug"));
+    EXPECT_EQ(content(), before);
+    EXPECT_EQ(filesInDirectory(), 2u) << "the file and the filler";
+    freeDisk();
+    EXPECT_TRUE(save("debug"));
+    EXPECT_EQ(value(), "debug");
+}
+
+TEST_F(AConfigFile, ThatAnotherProcessSavedMeanwhileBecomesWholeWhatWasReadWithTheChange) {
+    const std::string before = content();
+    LibXmlWrapper file(path);
+    file.setXPathElement(kLevel, "debug");
+    ASSERT_EQ(statusOf(inChild([this] { return replaceFile(path, "<HVConfiguration/>") ? 0 : 1; })), 0);
+    ASSERT_EQ(content(), "<HVConfiguration/>");
+    ASSERT_TRUE(file.SaveToFile(path.c_str()));
+    EXPECT_EQ(content(), std::string(before).replace(before.find("information"), 11, "debug"));
+}
+
+TEST_F(AConfigFile, ThatAnotherProcessHasWrittenHalfIsRefusedByReadersAndIsWholeAfterASave) {
+    LibXmlWrapper file(path);
+    file.setXPathElement(kLevel, "debug");
+    const std::string half = content().substr(0, content().size() / 2);
+    ASSERT_EQ(statusOf(inChild([&] {
+                  write(half);
+                  return 0;
+              })),
+              0);
+    ASSERT_EQ(content(), half);
+    EXPECT_NE(refusal(), "accepted");
+    ASSERT_TRUE(file.SaveToFile(path.c_str()));
+    EXPECT_EQ(value(), "debug");
 }
 
 TEST_F(AConfigFile, IsWholeForEveryReaderWhileItIsSaved) {

@@ -1,6 +1,7 @@
 // The spine of the process: what is started and stopped, in which order, and what the three signals do.
 #pragma once
 
+#include "hub/Payloads.h"
 #include "hub/VXHealthCheckImpl.h"
 
 #include <boost/thread/condition_variable.hpp>
@@ -8,6 +9,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
+#include <vector>
 
 namespace Sentrel {
 
@@ -53,6 +56,12 @@ public:
     static void terminationHandler(int signal);  ///< SIGTERM: stops the daemon
     static void reloadHandler(int signal);       ///< SIGHUP: re-reads the trace levels and ends tracing
     static void pluginChangeHandler(int signal); ///< SIGUSR2: reloads the agent plug-ins
+
+    // What the subscribed hub events carry. Neither throws: what goes wrong becomes a trace line.
+    /// Switches debug logging when this module's entry differs from what is. Entries of other modules are passed over.
+    void handleDebugLogEventData(std::map<int, bool>& statusByModule);
+    /// Stores each proxy in turn, so that the last one stays.
+    void handleProxySettingsEventData(std::vector<proxySettings> proxies);
 
     /// The agent wrapper; null until it exists. It makes itself known before it loads its plug-ins: a policy that is in
     /// store is enforced, on a thread of the library, before its construction has ended.

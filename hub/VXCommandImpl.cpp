@@ -20,6 +20,10 @@ const VXCommandImpl::Route* VXCommandImpl::routeOf(int commandId) {
         {ST_SET_PREFS_INDIVIDUAL, "ST_SET_PREFS_INDIVIDUAL", 1, &VXCommandImpl::handleSetPrefIndividual},
         {ST_GET_PREFS_INDIVIDUAL, "ST_GET_PREFS_INDIVIDUAL", 2, &VXCommandImpl::handleGetPrefIndividual},
         {ST_RESET_PREFS, "ST_RESET_PREFS", 1, &VXCommandImpl::handleResetPrefs},
+        {CMD_DASH_BOARD_REQUEST, "CMD_DASH_BOARD_REQUEST", 1, &VXCommandImpl::handleDashBoard},
+        {CMD_ABOUT_BOX_REQUEST, "CMD_ABOUT_BOX_REQUEST", 1, &VXCommandImpl::handleAboutBox},
+        {CMD_SET_DEBUG_LOGGING_STATUS, "CMD_SET_DEBUG_LOGGING_STATUS", 1, &VXCommandImpl::handleSetDebugLoggingStatus},
+        {CMD_GET_DEBUG_LOGGING_STATUS, "CMD_GET_DEBUG_LOGGING_STATUS", 1, &VXCommandImpl::handleGetDebugLoggingStatus},
     };
     for (const Route& route : routes) {
         if (route.id == commandId) {

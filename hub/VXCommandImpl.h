@@ -14,7 +14,7 @@ namespace Sentrel {
 /// Whole commands signal the change whatever became of it, individual ones only on success.
 ///
 /// What is thrown while a payload is read, or by the controller or the broker outside a set, leaves handleCommand: the
-/// broker tells the sender.
+/// broker tells the sender. The two commands for debug logging catch it and send no reply, which it tells as well.
 /// Threads: broker threads, several at a time; it holds no state. A set is not atomic: a get that runs at the same time
 /// may see a part of it. Owner: VXController::main.
 class VXCommandImpl : public HVB::CommandInterface {
@@ -43,6 +43,10 @@ private:
     void handleResetPrefs(HVB::CommandData& data);
     void handleGetPrefIndividual(HVB::CommandData& data);
     void handleSetPrefIndividual(HVB::CommandData& data);
+    void handleDashBoard(HVB::CommandData& data);
+    void handleAboutBox(HVB::CommandData& data);
+    void handleSetDebugLoggingStatus(HVB::CommandData& data);
+    void handleGetDebugLoggingStatus(HVB::CommandData& data);
 };
 
 } // namespace Sentrel

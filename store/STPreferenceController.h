@@ -92,6 +92,19 @@ public:
     /// From policy. Ranges with a ':' are left out. They are not held in memory.
     int setPrivateIPRange(std::list<std::string> ranges);
 
+    /// Switches the module's debug logging. A worker thread, with the caller's signal mask, rewrites the hub's
+    /// configuration file, sets what getDebugLoggingStatus gives, signals ST_DEBUG_LOGGING and has the hub reload;
+    /// what becomes of that shows in the trace log alone. While a change is under way another one is dropped.
+    /// @return whether the settings file has a note of it; false also for a change that was dropped. Never throws.
+    bool setDebugLoggingStatus(bool status);
+    /// Whether a worker of such a change is under way. Nobody waits for it, so that the process may end before it does.
+    static bool isChangingDebugLogging();
+
+    /// Stores the proxy that the hub published, field by field; a failure leaves the fields before it stored. An empty
+    /// text cannot be stored and is such a failure. The texts are stored as they are, the password too, and traced.
+    /// Threads: one at a time, as the hub's events come.
+    int setRpxProxySettings(const char* host, const char* user, const char* password, int port, int type, int httpAuth);
+
     /// Tells the hub's other modules what changed.
     /// @throws HVB::HVBException of the broker; the change itself stays.
     void signalPrefChange(STPrefType type);
@@ -112,6 +125,9 @@ private:
     void readBackCategories(CVXDBSettings& settings, int form);
     bool readBackUrls(CVXDBSettings& settings);
     static void storeUncategorised(CVXDBSettings& settings, int blocked);
+
+    static void* updateHVConfigAndReloadHVB(void* status); // the worker's entry point; the pointer is 0 or 1
+    static void changeDebugLogging(bool status);
 
     template <class Value>
     struct Scalar; // what one setter is made of
@@ -135,6 +151,14 @@ private:
     std::atomic<unsigned char> m_privateIpChecksum{'0'};
     std::atomic<unsigned char> m_allowBlockListChecksum{'0'};
     std::atomic<unsigned char> m_categoryBlockListChecksum{'0'};
+
+    // What was last stored; nothing loads it. The hub's events are the only ones to touch it.
+    std::string m_proxyHost{"0"};
+    std::string m_proxyUser{"0"};
+    std::string m_proxyPassword{"0"};
+    int m_proxyPort = 80;
+    int m_proxyType = 0;
+    int m_httpAuth = 0;
 
     // Guarded by m_listMutex, which is held for one access to the container and never while the file is used.
     AllowBlockDetails m_allowBlockDetails;

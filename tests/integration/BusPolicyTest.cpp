@@ -251,7 +251,12 @@ TEST_F(TheBusPolicy, LetsTheServicesDoTheirWork) {
               "ok");
 }
 
-TEST_F(TheBusPolicy, PassesEventsOfTheServicesAndOfRootAndOfNobodyElse) {
+class AnEventOnTheBus : public TheBusPolicy, public testing::WithParamInterface<int> {};
+
+INSTANTIATE_TEST_SUITE_P(Each, AnEventOnTheBus, testing::Values(1002, 1003, 1005, 1007));
+
+TEST_P(AnEventOnTheBus, ComesFromTheServicesAndFromRootAndFromNobodyElse) {
+    const int id = GetParam();
     const BusPtr subscriber = openBus(m_socket, patience());
     std::vector<int> sequences;
     const auto note = [](sd_bus_message* message, void* list, sd_bus_error*) {
@@ -260,18 +265,18 @@ TEST_F(TheBusPolicy, PassesEventsOfTheServicesAndOfRootAndOfNobodyElse) {
         static_cast<std::vector<int>*>(list)->push_back(sequence);
         return 0;
     };
-    check(sd_bus_match_signal(subscriber.get(), nullptr, nullptr, nullptr, kEventsInterface, "Event1005", note,
-                              &sequences),
+    check(sd_bus_match_signal(subscriber.get(), nullptr, nullptr, nullptr, kEventsInterface,
+                              ("Event" + std::to_string(id)).c_str(), note, &sequences),
           "match");
     const char* name = nullptr;
     check(sd_bus_get_unique_name(subscriber.get(), &name), "name");
     const std::string uniqueName = name;
-    EXPECT_EQ(asNobody([&] { return emit(m_socket, 1005, 1); }), "ok");
-    EXPECT_EQ(asNobody([&] { return emit(m_socket, 1005, 2, uniqueName.c_str()); }), "ok");
-    EXPECT_EQ(asAdministrator([&] { return emit(m_socket, 1005, 3); }), "ok");
-    EXPECT_EQ(asDaemon([&] { return emit(m_socket, 1005, 4); }), "ok");
-    EXPECT_EQ(asHub([&] { return emit(m_socket, 1005, 5); }), "ok");
-    EXPECT_EQ(emit(m_socket, 1005, 6), "ok");
+    EXPECT_EQ(asNobody([&] { return emit(m_socket, id, 1); }), "ok");
+    EXPECT_EQ(asNobody([&] { return emit(m_socket, id, 2, uniqueName.c_str()); }), "ok");
+    EXPECT_EQ(asAdministrator([&] { return emit(m_socket, id, 3); }), "ok");
+    EXPECT_EQ(asDaemon([&] { return emit(m_socket, id, 4); }), "ok");
+    EXPECT_EQ(asHub([&] { return emit(m_socket, id, 5); }), "ok");
+    EXPECT_EQ(emit(m_socket, id, 6), "ok");
     EXPECT_TRUE(testing_support::eventually([&] {
         while (sd_bus_process(subscriber.get(), nullptr) > 0) {
         }

@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -31,13 +32,15 @@ void expectLineAt(std::int32_t& flow, int level, const std::string& line, Run ru
 
 /// The lines that @p run writes on @p flow alone, in their order, each with the level that it needs and a blank in
 /// front.
-/// @p run is called once for each level and has to write the same each time.
-template <class Run>
-std::vector<std::string> leveledLines(std::int32_t& flow, Run run) {
+/// @p run is called once for each level and has to write the same each time; @p rewritten takes out of a line what
+/// cannot be the same.
+template <class Run, class Rewritten>
+std::vector<std::string> leveledLines(std::int32_t& flow, Run run, Rewritten rewritten) {
     constexpr int highest = 5;
     std::vector<std::vector<std::string>> at;
     for (int level = 0; level <= highest; ++level) {
         at.push_back(linesOf(flow, level, run));
+        std::transform(at.back().begin(), at.back().end(), at.back().begin(), rewritten);
     }
     std::vector<std::string> result;
     std::vector<std::size_t> seen(at.size());
@@ -55,6 +58,11 @@ std::vector<std::string> leveledLines(std::int32_t& flow, Run run) {
         result.push_back(std::to_string(needed) + " " + line);
     }
     return result;
+}
+
+template <class Run>
+std::vector<std::string> leveledLines(std::int32_t& flow, Run run) {
+    return leveledLines(flow, run, [](const std::string& line) { return line; });
 }
 
 } // namespace testing_support

@@ -128,8 +128,10 @@ Machine::Machine(const std::string& daemonUser, const std::string& adminGroup)
                                                       .hubUser = std::to_string(geteuid()),
                                                       .adminGroup = adminGroup}) {
     installConfiguration();
-    for (const std::string& directory : {m_root.sharedDirectory(), m_root.varDirectory()}) {
-        PrivateRoot::giveTo(directory, *m_daemonUser, static_cast<gid_t>(-1));
+    const std::string configuration = configurationFile();
+    for (const std::string& path : {m_root.sharedDirectory(), m_root.varDirectory(), configuration,
+                                    configuration.substr(0, configuration.rfind('/'))}) {
+        PrivateRoot::giveTo(path, *m_daemonUser, static_cast<gid_t>(-1));
     }
 }
 

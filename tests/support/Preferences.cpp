@@ -201,6 +201,20 @@ WireClient::Answer WireClient::command(int id, std::optional<std::wstring_view> 
     }
 }
 
+void WireClient::emit(int id, std::optional<std::wstring_view> payload) {
+    sd_bus_message* raw = nullptr;
+    HVB::bus::check(sd_bus_message_new_signal(m_bus.get(), &raw, HVB::bus::kEventsPath, HVB::bus::kEventsInterface,
+                                              HVB::bus::eventMember(id).c_str()),
+                    "cannot make an event");
+    const HVB::bus::MessagePtr event(raw);
+    HVB::bus::check(sd_bus_message_append(raw, "ib", 1, payload ? 1 : 0), "cannot fill an event");
+    HVB::bus::appendText(*raw, payload.value_or(std::wstring_view()));
+    HVB::bus::check(sd_bus_send(m_bus.get(), raw, nullptr), "cannot send an event");
+    const HVB::bus::MessagePtr barrier =
+        HVB::bus::newCall(*m_bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId");
+    HVB::bus::call(*m_bus, *barrier, patience());
+}
+
 int WireClient::code(int id, std::optional<std::wstring_view> payload) {
     return valueIn<int>(command(id, payload), id);
 }

@@ -132,6 +132,9 @@ public:
     /// Sends a command with this payload, or with none, and waits for what comes back.
     Answer command(int id, std::optional<std::wstring_view> payload = {});
 
+    /// Emits an event to everyone and returns when the bus has dealt with it, be it that it refused it.
+    void emit(int id, std::optional<std::wstring_view> payload = {});
+
     /// The code in the reply to a command. @throws std::runtime_error when there is no reply with one.
     int code(int id, std::optional<std::wstring_view> payload = {});
     /// The snapshot in the reply to a command. @throws std::runtime_error when there is no reply with one.

@@ -27,6 +27,7 @@ void Recording::forget() {
     m_calls.clear();
     replies.clear();
     events.clear();
+    commands.clear();
     logs.clear();
     lines.clear();
 }
@@ -101,9 +102,14 @@ void HVBCommBroker::sendEventNotification(EventData& event) {
     Recording::instance().events.push_back({event.m_eventId, event.m_bHasPayload});
 }
 
-void HVBCommBroker::sendCommand(CommandData& data, CommandResult* /*result*/, bool wait, int timeoutSeconds) {
-    Recording::instance().add("sendCommand " + std::to_string(data.m_commandId) + (wait ? " wait " : " ") +
-                              std::to_string(timeoutSeconds));
+void HVBCommBroker::sendCommand(CommandData& data, CommandResult* result, bool wait, int timeoutSeconds) {
+    Recording& recording = Recording::instance();
+    recording.add("sendCommand " + std::to_string(data.m_commandId) + (wait ? " wait " : " ") +
+                  std::to_string(timeoutSeconds));
+    recording.commands.push_back({data.m_commandId, data.m_targetId, data.m_bFlag, data.m_pOutStream->str()});
+    if (recording.answer && result != nullptr) {
+        recording.answer(*result);
+    }
 }
 
 void HVBCommBroker::sendCommandResponse(CommandResult& result) {

@@ -39,6 +39,14 @@ struct SentReply {
     }
 };
 
+/// What a command held when it was sent.
+struct SentCommand {
+    int id;
+    int target;
+    bool flag;
+    std::wstring text; ///< its whole archive text
+};
+
 /// What an event held when it was published.
 struct SentEvent {
     int id;
@@ -54,13 +62,16 @@ struct Recording {
     /// Every call in its order: the operation's name, then its plain arguments, as in "setHVId 7".
     std::vector<std::string> calls();
     void add(std::string call);
-    /// Forgets calls, replies, events, logs and lines, for a caller that goes on for long.
+    /// Forgets calls, replies, events, commands, logs and lines, for a caller that goes on for long.
     void forget();
 
-    std::vector<SentReply> replies;  ///< what sendCommandResponse was given
-    std::vector<SentEvent> events;   ///< what sendEventNotification was given
-    std::vector<SentLog> logs;       ///< what sendLog was given
-    std::vector<std::wstring> lines; ///< what HVB_LOG_MSG was given, formatted
+    std::vector<SentReply> replies;    ///< what sendCommandResponse was given
+    std::vector<SentEvent> events;     ///< what sendEventNotification was given
+    std::vector<SentCommand> commands; ///< what sendCommand was given
+    std::vector<SentLog> logs;         ///< what sendLog was given
+    std::vector<std::wstring> lines;   ///< what HVB_LOG_MSG was given, formatted
+    std::function<void(HVB::CommandResult& result)>
+        answer; ///< fills the result of a command; without it both flags stay
     HVB::CommandInterface* commandInterface = nullptr;
     HVB::HealthCheckInterface* healthCheckInterface = nullptr;
     HVB::EventInterface* eventInterface = nullptr;

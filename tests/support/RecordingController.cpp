@@ -181,6 +181,23 @@ int STPreferenceController::getCategoryBlockDetails(std::map<std::string, int>& 
     return ST_ERROR_NONE;
 }
 
+bool STPreferenceController::getDebugLoggingStatus() {
+    static_cast<void>(values()); // fails as the other getters do
+    return testing_support::PreferenceRecording::instance().debugLogging;
+}
+bool STPreferenceController::setDebugLoggingStatus(bool status) {
+    return recorded("setDebugLoggingStatus", status ? 1 : 0) == ST_ERROR_NONE;
+}
+bool STPreferenceController::isChangingDebugLogging() {
+    return false;
+}
+int STPreferenceController::setRpxProxySettings(const char* host, const char* user, const char* password, int port,
+                                                int type, int httpAuth) {
+    return recorded(std::string("setRpxProxySettings"), std::string(" ") + host + " " + user + " " + password + " " +
+                                                            std::to_string(port) + " " + std::to_string(type) + " " +
+                                                            std::to_string(httpAuth));
+}
+
 void STPreferenceController::signalPrefChange(STPrefType type) {
     recorded("signalPrefChange", type);
 }

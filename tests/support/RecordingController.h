@@ -18,6 +18,7 @@ struct PreferenceRecording {
 
     std::vector<std::string> calls;     ///< setters and signals with their values: "setEnableSentrel 1"
     Sentrel::STPreferences values;      ///< what the getters give; the list's keys are plain here
+    bool debugLogging = false;          ///< what its getter gives
     std::map<std::string, int> results; ///< by setter; 180000 unless it is named here
     std::function<void(const std::string& operation)> before; ///< what it throws leaves the operation
 };

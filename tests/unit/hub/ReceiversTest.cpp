@@ -81,9 +81,9 @@ TEST_F(AnEventReceiver, PassesOnWhatTheBrokerThrows) {
     EXPECT_THROW(HVBEventNotificationImpl(), HVB::HVBException);
 }
 
-TEST_F(AnEventReceiver, AnswersTrueForEveryEventAndTracesNothing) {
+TEST_F(AnEventReceiver, AnswersTrueForAnEventThatIsNoneOfItsAndTracesNothing) {
     HVBEventNotificationImpl receiver;
-    for (const int id : {0, 1002, 1003, 1005, 1007, 4711, -1}) {
+    for (const int id : {0, 1002, 1003, 4711, -1}) {
         HVB::EventData event(id);
         EXPECT_TRUE(receiver.handleEventNotification(event)) << id;
     }

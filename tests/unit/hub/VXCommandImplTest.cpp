@@ -1,11 +1,8 @@
 // The preference commands: which setters they call in which order, what they answer, what they signal. Not real: the
 // controller and the hub, which record.
 #include "hub/VXCommandImpl.h"
-#include "daemon/Trace.h"
 #include "hub/Exceptions.h"
-#include "tests/support/FlowLines.h"
-#include "tests/support/RecordingBroker.h"
-#include "tests/support/RecordingController.h"
+#include "tests/unit/hub/CommandHandlerFixture.h"
 
 #include <boost/archive/archive_exception.hpp>
 #include <gmock/gmock.h>
@@ -17,68 +14,6 @@ using namespace testing_support;
 using Sentrel::STPreferences;
 
 namespace {
-
-using Lines = std::vector<std::string>;
-
-/// Lets a test reach what is open to the class alone.
-struct CommandImpl : Sentrel::VXCommandImpl {
-    using VXCommandImpl::sendCommandError;
-};
-
-class ACommandHandler : public testing::Test {
-protected:
-    /// Delivers a command as the broker does. @return what the handler returned.
-    bool deliver(int id) {
-        HVB::CommandData command(id, 7, true);
-        return deliver(command);
-    }
-    template <class Value>
-    bool deliver(int id, const Value& value) {
-        HVB::CommandData command(id, 7, true);
-        command.writePayload(value);
-        return deliverText(id, command.m_pOutStream->str());
-    }
-    /// An archive whose header is right and whose content is not.
-    bool deliverBehindTheHeader(int id, const std::wstring& content) {
-        return deliverText(id, HVB::CommandData(id, 7, true).m_pOutStream->str() + content);
-    }
-    bool deliverText(int id, const std::wstring& text) {
-        HVB::CommandData command(id, 7, true);
-        command.m_pInStream = HVB::makeInStream(text).release();
-        command.m_pInArchive = HVB::makeInArchive(*command.m_pInStream).release();
-        return deliver(command);
-    }
-    bool deliver(HVB::CommandData& command) {
-        command.m_token = 0x123456789abcdef0;
-        command.m_sourceId = 4;
-        command.m_sequence = 99;
-        return handler.handleCommand(command);
-    }
-
-    const SentReply& reply() const {
-        EXPECT_EQ(hub.replies.size(), 1u);
-        return hub.replies.front();
-    }
-    int code() const {
-        EXPECT_TRUE(reply().succeeded);
-        EXPECT_TRUE(reply().valid);
-        return reply().payload<int>();
-    }
-
-    /// The lines on stCmdFlow, each with the level that it needs; @p act is run once for each level.
-    template <class Act>
-    Lines leveled(Act act) {
-        return leveledLines(stCmdFlowvalue, [&] {
-            hub.forget();
-            store.calls.clear();
-            act();
-        });
-    }
-
-    Recording& hub = Recording::instance();
-    PreferenceRecording& store = PreferenceRecording::instance();
-    CommandImpl handler;
-};
 
 const Lines kDefaultSetters{"setEnableSentrel 1",      "setEnableSafeSearch 0",  "setRedSiteAction 3",
                             "setYellowSiteAction 2",   "setUnratedSiteAction 1", "setEnableCategoryBlocking 0",

@@ -8,8 +8,8 @@
 // Then a fleet: clients of the agent library, in processes of this program, that take a policy of the whole site.
 //
 // Usage: policy_path [--brief]      SENTRELD_ROOTED and HVBD_ROOTED name the programs.
+#include "bench/BareFile.h"
 #include "platform/hvbagent/AgentClient.h"
-#include "tests/support/Eventually.h"
 #include "tests/support/Machine.h"
 #include "tests/support/MqttBroker.h"
 #include "tests/support/MqttObserver.h"
@@ -17,7 +17,6 @@
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <sqlite3.h>
 
 #include <algorithm>
 #include <array>
@@ -35,6 +34,7 @@
 
 namespace {
 
+using namespace bench;
 using namespace testing_support;
 using json = nlohmann::json;
 using Clock = std::chrono::steady_clock;
@@ -80,15 +80,6 @@ double milliseconds(const Work& work) {
     const Clock::time_point begin = Clock::now();
     work();
     return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-}
-
-/// As above, for a message to the broker, after a while without one. The kernel holds a small segment back while an
-/// earlier one is unacknowledged, for up to 40 ms; policies that follow each other so closely are no measure.
-template <class Work>
-double millisecondsAfterARest(const Work& work) {
-    constexpr std::chrono::milliseconds rest{60};
-    eventually([] { return false; }, Clock::now() + rest);
-    return milliseconds(work);
 }
 
 void require(bool holds, const std::string& otherwise) {
@@ -155,70 +146,6 @@ std::uint32_t changesOf(const std::string& path) {
     }
     return changes;
 }
-
-constexpr std::array kTwelveStatements{"select value from vxsetting where name=?",
-                                       "select value from catblockinginfo where name=?",
-                                       "select value from allowblocksettings where name=?",
-                                       "select * from privateIPRange",
-                                       "insert or replace into vxsetting values(?,?)",
-                                       "insert or replace into catblockinginfo values(?,?)",
-                                       "insert or replace into allowblocksettings values(?,?)",
-                                       "insert or replace into privateIPRange values(?)",
-                                       "delete from vxsetting",
-                                       "delete from catblockinginfo",
-                                       "delete from allowblocksettings",
-                                       "delete from privateIPRange"};
-enum BareStatement : std::size_t {
-    kSetSetting = 4,
-    kSetCategory,
-    kSetUrl,
-    kSetRange,
-    kNoCategories = 9,
-    kNoUrls,
-    kNoRanges
-};
-
-/// A settings file that is opened and has its statements prepared, as the daemon does for each change.
-class BareFile {
-public:
-    explicit BareFile(const std::string& path) {
-        check(sqlite3_open(path.c_str(), &m_handle));
-        std::transform(kTwelveStatements.begin(), kTwelveStatements.end(), m_statements.begin(),
-                       [this](const char* text) {
-                           sqlite3_stmt* statement = nullptr;
-                           check(sqlite3_prepare_v2(m_handle, text, -1, &statement, nullptr));
-                           return statement;
-                       });
-    }
-    ~BareFile() {
-        for (sqlite3_stmt* statement : m_statements) {
-            sqlite3_finalize(statement);
-        }
-        sqlite3_close(m_handle);
-    }
-    BareFile(const BareFile&) = delete;
-    BareFile& operator=(const BareFile&) = delete;
-
-    /// Runs a statement with a name and a number, as far as it takes them, in a transaction of its own.
-    void run(BareStatement which, const std::string& name = {}, int number = 0) {
-        sqlite3_stmt* const statement = m_statements.at(which);
-        const int parameters = sqlite3_bind_parameter_count(statement);
-        if (parameters > 0) {
-            check(sqlite3_bind_text(statement, 1, name.data(), static_cast<int>(name.size()), SQLITE_STATIC));
-        }
-        if (parameters > 1) {
-            check(sqlite3_bind_int(statement, 2, number));
-        }
-        require(sqlite3_step(statement) == SQLITE_DONE, "a bare write fails");
-        sqlite3_reset(statement);
-    }
-
-private:
-    static void check(int result) { require(result == SQLITE_OK, sqlite3_errstr(result)); }
-
-    sqlite3* m_handle = nullptr;
-    std::array<sqlite3_stmt*, kTwelveStatements.size()> m_statements{};
-};
 
 /// The writes of one such policy.
 void bareWrites(const std::string& path, const Lists& lists) {
@@ -324,9 +251,9 @@ void measurePolicy(ManagedMachine& machine, const Lists& lists, int policies, in
     std::vector<double> whole;
     for (int number = 0; number < policies; ++number) {
         const std::string next = policy(++version, lists);
-        messages.push_back(millisecondsAfterARest([&] { machine.carryBare(next); }));
+        messages.push_back(milliseconds([&] { machine.carryBare(next); }));
         writes.push_back(milliseconds([&] { bareWrites(bare, lists); }));
-        whole.push_back(millisecondsAfterARest([&] { machine.carry(next); }));
+        whole.push_back(milliseconds([&] { machine.carry(next); }));
         machine.settle();
     }
     require(changesOf(bare) == machine.changes(), "the daemon does not write what the bare writes do");
@@ -417,7 +344,7 @@ public:
     /// From publishing a policy of the whole site to the last result.
     double carry(int version) {
         const std::string message = policy(version, kFull.small);
-        return millisecondsAfterARest([&] {
+        return milliseconds([&] {
             m_observer.publish("orvanta/v1/here/group/all/policy", message);
             for (int number = 0; number < m_clients; ++number) {
                 const json result = next(number, "policy/result");

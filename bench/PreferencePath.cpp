@@ -7,6 +7,7 @@
 // client reads what it alone writes, or what names its own question.
 //
 // Usage: preference_path [--brief]      SENTRELD_ROOTED names the program.
+#include "bench/BareFile.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Machine.h"
@@ -14,7 +15,6 @@
 #include "tests/support/Preferences.h"
 
 #include <fmt/format.h>
-#include <sqlite3.h>
 
 #include <unistd.h>
 
@@ -31,6 +31,7 @@
 
 namespace {
 
+using namespace bench;
 using namespace testing_support;
 using namespace Sentrel;
 using Clock = std::chrono::steady_clock;
@@ -130,101 +131,27 @@ void bareCall(sd_bus& bus, const std::wstring& payload, std::size_t replyCharact
 
 // Bare SQLite.
 
-/// A settings file of the same layout that no daemon knows.
-class BareFile {
-public:
-    explicit BareFile(const std::string& path) : m_path(path) {
-        open();
-        run("create table vxsetting(name text NOT NULL, value blob, PRIMARY KEY(name));"
-            "create table catblockinginfo(name text NOT NULL, value blob, PRIMARY KEY(name));"
-            "create table allowblocksettings(name text NOT NULL, value INTEGER, PRIMARY KEY(name));"
-            "create table privateIPRange(range text NOT NULL, PRIMARY KEY(range))");
-        close();
-    }
-    ~BareFile() { close(); }
-    BareFile(const BareFile&) = delete;
-    BareFile& operator=(const BareFile&) = delete;
-
-    void open() { require(sqlite3_open(m_path.c_str(), &m_handle)); }
-    void close() { sqlite3_close(std::exchange(m_handle, nullptr)); }
-    void run(const char* statements) { require(sqlite3_exec(m_handle, statements, nullptr, nullptr, nullptr)); }
-    sqlite3_stmt* prepare(const char* statement) {
-        sqlite3_stmt* prepared = nullptr;
-        require(sqlite3_prepare_v2(m_handle, statement, -1, &prepared, nullptr));
-        return prepared;
-    }
-
-private:
-    static void require(int result) {
-        if (result != SQLITE_OK) {
-            throw std::runtime_error(sqlite3_errstr(result));
-        }
-    }
-
-    std::string m_path;
-    sqlite3* m_handle = nullptr;
-};
-
-constexpr std::array kTwelveStatements{"select value from vxsetting where name=?",
-                                       "select value from catblockinginfo where name=?",
-                                       "select value from allowblocksettings where name=?",
-                                       "select * from privateIPRange",
-                                       "insert or replace into vxsetting values(?,?)",
-                                       "insert or replace into catblockinginfo values(?,?)",
-                                       "insert or replace into allowblocksettings values(?,?)",
-                                       "insert or replace into privateIPRange values(?)",
-                                       "delete from vxsetting",
-                                       "delete from catblockinginfo",
-                                       "delete from allowblocksettings",
-                                       "delete from privateIPRange"};
-constexpr std::size_t kSetSetting = 4;
-
-void stepToTheEnd(sqlite3_stmt* statement) {
-    if (sqlite3_step(statement) != SQLITE_DONE) {
-        throw std::runtime_error("a bare write fails");
-    }
-    sqlite3_reset(statement);
-}
-
 /// Opens, prepares twelve statements, writes one setting, closes.
-void bareWrite(BareFile& file, int value) {
-    file.open();
-    std::array<sqlite3_stmt*, kTwelveStatements.size()> statements{};
-    std::transform(kTwelveStatements.begin(), kTwelveStatements.end(), statements.begin(),
-                   [&](const char* text) { return file.prepare(text); });
-    sqlite3_bind_text(statements[kSetSetting], 1, "Enabled", sizeof "Enabled", SQLITE_STATIC);
-    sqlite3_bind_blob(statements[kSetSetting], 2, &value, sizeof value, SQLITE_STATIC);
-    stepToTheEnd(statements[kSetSetting]);
-    for (sqlite3_stmt* statement : statements) {
-        sqlite3_finalize(statement);
-    }
-    file.close();
+void bareWrite(const std::string& path, int value) {
+    BareFile(path).run(kSetSetting, {"Enabled", sizeof "Enabled"}, value);
 }
 
 /// Writes a list row by row, each in a transaction of its own, on one connection.
-void bareRows(BareFile& file, const Urls& urls) {
-    file.open();
-    sqlite3_stmt* const statement = file.prepare("insert or replace into allowblocksettings values(?,?)");
+void bareRows(const std::string& path, const Urls& urls) {
+    constexpr std::array insert{kTwelveStatements[kSetUrl]};
+    BareFile file(path, insert);
     for (const auto& [url, value] : urls) {
-        sqlite3_bind_text(statement, 1, url.c_str(), static_cast<int>(url.size()), SQLITE_STATIC);
-        sqlite3_bind_int(statement, 2, value);
-        stepToTheEnd(statement);
+        file.run(0, url, value);
     }
-    sqlite3_finalize(statement);
-    file.close();
 }
 
 /// Reads all rows of the list. @return how many.
-int bareLoad(BareFile& file) {
-    file.open();
-    sqlite3_stmt* const statement = file.prepare("select * from allowblocksettings order by value desc");
+int bareLoad(const std::string& path) {
+    constexpr std::array everything{"select * from allowblocksettings order by value desc"};
     Urls urls;
-    while (sqlite3_step(statement) == SQLITE_ROW) {
-        urls.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(statement, 0)),
-                          sqlite3_column_int(statement, 1));
-    }
-    sqlite3_finalize(statement);
-    file.close();
+    BareFile(path, everything).ask(0, [&](sqlite3_stmt* row) {
+        urls.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(row, 0)), sqlite3_column_int(row, 1));
+    });
     return static_cast<int>(urls.size());
 }
 
@@ -253,7 +180,7 @@ void measureGets(WireClient& client, int urls, int calls) {
         fmt::format("bare call {}", shown(median(bare))), median(whole) / median(bare), "at most 1.5");
 }
 
-void measureSets(WireClient& client, BareFile& file, int sets) {
+void measureSets(WireClient& client, const std::string& barePath, int sets) {
     const std::array payloads{payloadOf(withSwitch(ST_ENABLE, false)), payloadOf(withSwitch(ST_ENABLE, true))};
     const std::size_t replySize = payloadOf<int>(ST_ERROR_NONE).size();
     Rounds calls{};
@@ -261,7 +188,7 @@ void measureSets(WireClient& client, BareFile& file, int sets) {
     Rounds whole{};
     for (std::size_t round = 0; round < kRounds; ++round) {
         calls[round] = microseconds(sets, [&](int) { bareCall(client.bus(), payloads[0], replySize); });
-        writes[round] = microseconds(sets, [&](int set) { bareWrite(file, set % 2); });
+        writes[round] = microseconds(sets, [&](int set) { bareWrite(barePath, set % 2); });
         whole[round] = microseconds(sets, [&](int set) {
             requireSuccess(client.code(ST_SET_PREFS_INDIVIDUAL, payloads[static_cast<std::size_t>(set % 2)]));
         });
@@ -272,23 +199,21 @@ void measureSets(WireClient& client, BareFile& file, int sets) {
         "at most 1.3");
 }
 
-void measureLists(WireClient& client, BareFile& file, int rows) {
+void measureLists(WireClient& client, const std::string& barePath, int rows) {
     const Urls urls = urlList(rows);
     const std::wstring payload = payloadOf(withUrls(urls));
     Rounds bare{};
     Rounds whole{};
     for (std::size_t round = 0; round < kRounds; ++round) {
-        file.open();
-        file.run("delete from allowblocksettings");
-        file.close();
-        bare[round] = microseconds(1, [&](int) { bareRows(file, urls); });
+        BareFile(barePath).run(kNoUrls);
+        bare[round] = microseconds(1, [&](int) { bareRows(barePath, urls); });
         whole[round] = microseconds(1, [&](int) { requireSuccess(client.code(ST_SET_PREFS_INDIVIDUAL, payload)); });
     }
     row(fmt::format("replace a list of {} rows", rows), shown(median(whole)),
         fmt::format("as many bare writes {}", shown(median(bare))), median(whole) / median(bare), "at most 1.2");
 }
 
-void measureLoad(Machine& machine, BareFile& file, const std::string& barePath, int rows) {
+void measureLoad(Machine& machine, const std::string& barePath, int rows) {
     const std::string fill = fmt::format(
         "delete from allowblocksettings; with recursive n(i) as (select 0 union all select i+1 from n where i < {}) "
         "insert into allowblocksettings select 'http://host' || i || '.example/path', i % 2 from n",
@@ -307,7 +232,7 @@ void measureLoad(Machine& machine, BareFile& file, const std::string& barePath, 
         }
         WireClient client(machine.bus().socketPath());
         int loaded = 0;
-        bare[round] = microseconds(1, [&](int) { loaded = bareLoad(file); });
+        bare[round] = microseconds(1, [&](int) { loaded = bareLoad(barePath); });
         const auto get = [&](int) { client.snapshot(ST_GET_PREFS_INDIVIDUAL, question); };
         const double first = microseconds(1, get);
         whole[round] = first - microseconds(1, get);
@@ -389,16 +314,16 @@ int measure(const Sizes& sizes) {
         throw std::runtime_error("the daemon does not start");
     }
     const std::string barePath = machine.root().sharedDirectory() + "/bare.db";
-    BareFile file(barePath);
+    makeBareFile(barePath);
     fmt::print("| figure | measured | baseline | ratio | limit |\n|---|---|---|---|---|\n");
     {
         WireClient client(socketPath);
         measureGets(client, 0, sizes.calls);
         measureGets(client, 20, sizes.calls);
-        measureSets(client, file, sizes.sets);
-        measureLists(client, file, sizes.listRows);
+        measureSets(client, barePath, sizes.sets);
+        measureLists(client, barePath, sizes.listRows);
     }
-    measureLoad(machine, file, barePath, sizes.loadRows);
+    measureLoad(machine, barePath, sizes.loadRows);
     measureManyClients(machine, sizes.loadSeconds);
     return machine.stopDaemon();
 }

@@ -59,7 +59,8 @@ bool gatherSites(const HVBEnterprise::SectionsHandle& policy, int count, SiteLis
 void VXPolicyEnforcementImpl::getAllowBlockListFromMap(const Section& section, std::vector<std::wstring>& sites,
                                                        int count, std::string& checksumText) {
     std::vector<wchar_t> site(kPolicyTextCharacters, L'\0');
-    for (int index = 0; index < detail::boundedCount(count); ++index) {
+    const int end = detail::boundedCount(count);
+    for (int index = 0; index < end; ++index) {
         if (!getPolicyKeyValue(section, L"szSite" + std::to_wstring(index), site.data(), VALUE_STRING)) {
             ST_TRACE(mgsFlow, 2,
                      L"VXPolicyEnforcementImpl::enforceAllowBlockPolicy - Issue with ST_ALLOW_BLOCK_SITE_KEY\n");
@@ -74,7 +75,8 @@ void VXPolicyEnforcementImpl::getAllowBlockListFromMap(const Section& section, s
 
 void VXPolicyEnforcementImpl::getAllowBlockActionListFromMap(const Section& section, std::vector<int>& actions,
                                                              int count, std::string& checksumText) {
-    for (int index = 0; index < detail::boundedCount(count); ++index) {
+    const int end = detail::boundedCount(count);
+    for (int index = 0; index < end; ++index) {
         int action = -1;
         if (!getPolicyKeyValue(section, L"Action" + std::to_wstring(index), &action, VALUE_INTEGER)) {
             ST_TRACE(mgsFlow, 2,

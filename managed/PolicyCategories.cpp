@@ -49,12 +49,24 @@ bool gatherActions(const SectionsHandle& policy, const PolicySetting& setting, i
     return true;
 }
 
-/// The category codes. Empty ones vanish. @return false when the policy has not one for each category.
-bool gatherCodes(const SectionsHandle& policy, const PolicySetting& setting, int count, Categories& categories) {
-    if (const auto codes = detail::policyText(policy, setting, kContentSection, L"uiContentBitCodes")) {
-        boost::algorithm::split(categories.codes, *codes, [](wchar_t c) { return c == L','; });
-        std::erase(categories.codes, L"");
+/// The codes as the policy lists them; empty ones vanish. Of a list that was cut the last piece is not taken: half a
+/// code may be another category's.
+std::vector<std::wstring> codesOf(const SectionsHandle& policy, const PolicySetting& setting) {
+    constexpr const wchar_t* key = L"uiContentBitCodes";
+    auto listed = detail::policyText(policy, setting, kContentSection, key).value_or(L"");
+    if (std::wstring whole; policy.getPropValue(setting, kContentSection, key, whole) && listed.size() < whole.size() &&
+                            whole[listed.size()] != L',') {
+        listed.resize(listed.rfind(L',') + 1);
     }
+    std::vector<std::wstring> codes;
+    boost::algorithm::split(codes, listed, [](wchar_t c) { return c == L','; });
+    std::erase(codes, L"");
+    return codes;
+}
+
+/// The category codes. @return false when the policy has not one for each category.
+bool gatherCodes(const SectionsHandle& policy, const PolicySetting& setting, int count, Categories& categories) {
+    categories.codes = codesOf(policy, setting);
     bool isWhole = categories.codes.size() >= static_cast<std::size_t>(count);
     for (const std::wstring& code : categories.codes) {
         const auto narrow = detail::narrowPolicyText(code);

@@ -38,6 +38,7 @@ VXHVBAgentWrapper::VXHVBAgentWrapper() {
     try {
         loadOAPlugins();
     } catch (...) {
+        unloadOAPlugins(); // first: a service that was registered already may be looking for this
         VXController::getInstance()->setAgentWrapper(nullptr);
         throw;
     }

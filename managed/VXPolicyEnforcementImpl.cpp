@@ -102,7 +102,8 @@ void enforcePrivateRanges(const SectionsHandle& policy, int count) {
     std::list<std::string> ranges;
     std::string checksumText = " ";
     std::vector<wchar_t> value(kPolicyTextCharacters, L'\0');
-    for (int index = 0; index < detail::boundedCount(count); ++index) {
+    const int end = detail::boundedCount(count);
+    for (int index = 0; index < end; ++index) {
         const std::wstring key = L"szAgumentIP_" + std::to_wstring(index);
         if (!VXPolicyEnforcementImpl::getPolicyKeyValue(policy, kActionSection, key.c_str(), value.data(),
                                                         VALUE_STRING)) {

@@ -133,6 +133,7 @@ MqttTool::~MqttTool() {
 void MqttTool::setUp() {
     mosquitto* const handle = m_handle.get();
     check(mosquitto_int_option(handle, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5), "set up");
+    check(mosquitto_int_option(handle, MOSQ_OPT_TCP_NODELAY, 1), "set up");
     mosquitto_connect_v5_callback_set(handle, Callbacks::onConnect);
     mosquitto_subscribe_callback_set(handle, Callbacks::onSubscribe);
     mosquitto_publish_v5_callback_set(handle, Callbacks::onPublish);

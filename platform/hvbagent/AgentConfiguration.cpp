@@ -222,7 +222,7 @@ AgentConfiguration readAgentConfiguration(std::string_view text, const std::stri
 std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path, const std::string& machineIdFile) {
     std::string text;
     try {
-        text = readRegularFile(path, kMaxConfigurationBytes, FileAccess::Anybody);
+        text = readRegularFile(path, kMaxConfigurationBytes, FileAccess::OwnerWrites);
     } catch (const std::system_error& error) {
         if (error.code().value() == ENOENT) {
             return std::nullopt;

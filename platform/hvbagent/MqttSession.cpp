@@ -2,6 +2,7 @@
 
 #include "platform/hvbagent/Encoding.h"
 #include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/PrivateFile.h"
 
 #include <mosquitto.h>
 #include <poll.h>
@@ -12,6 +13,7 @@
 #include <csignal>
 #include <cstring>
 #include <exception>
+#include <mutex>
 #include <new>
 #include <system_error>
 
@@ -32,6 +34,8 @@ void requireLibrary() {
 /// the network thread has the signal blocked.
 mosquitto* makeHandle(const std::string& clientId, void* user) {
     requireLibrary();
+    static std::mutex oneAtATime; // a thread that was left to end by itself may be at it too
+    const std::lock_guard lock(oneAtATime);
     struct sigaction before {};
     sigaction(SIGPIPE, nullptr, &before);
     mosquitto* const handle = mosquitto_new(clientId.c_str(), true, user);
@@ -116,6 +120,7 @@ MqttSession::MqttSession(const AgentConfiguration& configuration, const Credenti
     : m_configuration(configuration), m_receiver(receiver),
       m_handle(makeHandle("sentrel-" + configuration.site + "-" + configuration.machine, this)) {
     mosquitto* const handle = m_handle.get();
+    check(mosquitto_int_option(handle, MOSQ_OPT_TCP_NODELAY, 1)); // a result is one small segment, often behind another
     mosquitto_connect_callback_set(handle, Callbacks::onConnect);
     mosquitto_message_callback_set(handle, Callbacks::onMessage);
     mosquitto_publish_callback_set(handle, Callbacks::onPublish);
@@ -136,6 +141,9 @@ MqttSession::~MqttSession() = default;
 void MqttSession::setTls(const AgentConfiguration& configuration) {
     const TlsFiles& files = *configuration.tls;
     const auto orNull = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
+    if (!files.key.empty()) {
+        requireOwnerAlone(files.key);
+    }
     constexpr int verifyPeer = 1;
     if (mosquitto_tls_set(m_handle.get(), files.authority.c_str(), nullptr, orNull(files.certificate),
                           orNull(files.key), noPassPhrase) != MOSQ_ERR_SUCCESS) {

@@ -42,7 +42,7 @@ public:
 /// libmosquitto needs no locks of ours. Owner: the network thread.
 class MqttSession {
 public:
-    /// @throws MqttFailure when TLS files cannot be used.
+    /// @throws MqttFailure when TLS files cannot be used; std::system_error when others may read the key.
     MqttSession(const AgentConfiguration& configuration, const Credentials& credentials, const Publication& will,
                 MqttReceiver& receiver);
     MqttSession(const MqttSession&) = delete;

@@ -15,6 +15,20 @@ namespace {
 
 using nlohmann::json;
 
+/// Where a value stands. Put into words only for a complaint: a policy has a great many values.
+/// Threads: a plain value. Owner: the reading operation; what is above it and the name must outlive it.
+class Place {
+public:
+    Place() = default; ///< the document's
+    Place(const Place& above, std::string_view name) : m_above(&above), m_name(name) {}
+
+    std::string text() const { return m_above == nullptr ? std::string() : memberPlace(m_above->text(), m_name); }
+
+private:
+    const Place* m_above = nullptr;
+    std::string_view m_name;
+};
+
 std::size_t charactersOf(const std::string& utf8) {
     constexpr unsigned trailMask = 0xC0;
     constexpr unsigned trail = 0x80;
@@ -22,28 +36,29 @@ std::size_t charactersOf(const std::string& utf8) {
         utf8.begin(), utf8.end(), [](char c) { return (static_cast<unsigned char>(c) & trailMask) != trail; }));
 }
 
-void checkName(const std::string& name, const std::string& place) {
+void checkName(const std::string& name, const Place& place) {
     if (charactersOf(name) > kMaxNameCharacters) {
-        throw DocumentError(place, "the name is longer than " + std::to_string(kMaxNameCharacters) + " characters");
+        throw DocumentError(place.text(),
+                            "the name is longer than " + std::to_string(kMaxNameCharacters) + " characters");
     }
 }
 
-const json::object_t& objectAt(const json& value, const std::string& place) {
+const json::object_t& objectAt(const json& value, const Place& place) {
     if (!value.is_object()) {
-        throw DocumentError(place, "is not an object");
+        throw DocumentError(place.text(), "is not an object");
     }
     return value.get_ref<const json::object_t&>();
 }
 
-const json::object_t& groupsAt(const json& value, const std::string& place) {
+const json::object_t& groupsAt(const json& value, const Place& place) {
     const json::object_t& groups = objectAt(value, place);
     if (groups.size() > kMaxPolicyGroups) {
-        throw DocumentError(place, "has more than " + std::to_string(kMaxPolicyGroups) + " members");
+        throw DocumentError(place.text(), "has more than " + std::to_string(kMaxPolicyGroups) + " members");
     }
     return groups;
 }
 
-std::string valueText(const json& value, const std::string& place) {
+std::string valueText(const json& value, const Place& place) {
     if (value.is_boolean()) {
         return value.get<bool>() ? "1" : "0";
     }
@@ -51,11 +66,11 @@ std::string valueText(const json& value, const std::string& place) {
         return value.dump();
     }
     if (!value.is_string()) {
-        throw DocumentError(place, "is neither a text nor an integer nor a boolean");
+        throw DocumentError(place.text(), "is neither a text nor an integer nor a boolean");
     }
     const auto& text = value.get_ref<const std::string&>();
     if (text.size() > kMaxValueBytes) {
-        throw DocumentError(place, "is longer than " + std::to_string(kMaxValueBytes) + " bytes");
+        throw DocumentError(place.text(), "is longer than " + std::to_string(kMaxValueBytes) + " bytes");
     }
     return text;
 }
@@ -66,15 +81,16 @@ public:
     explicit SectionsFiller(SectionsHandle& sections) : m_sections(sections) {}
 
     void fillSections(const json& value) {
-        each(value, "/sections",
+        each(value, Place(m_document, "sections"),
              [this](const std::wstring& section, const std::wstring& key, const std::wstring& text) {
                  m_sections.insert(section, key, text);
              });
     }
 
     void fillFeatures(const json& value) {
-        for (const auto& [name, sections] : groupsAt(value, "/features")) {
-            const std::string place = memberPlace("/features", name);
+        const Place features(m_document, "features");
+        for (const auto& [name, sections] : groupsAt(value, features)) {
+            const Place place(features, name);
             checkName(name, place);
             const std::wstring feature = wideOf(name);
             each(sections, place, [&](const std::wstring& section, const std::wstring& key, const std::wstring& text) {
@@ -85,13 +101,13 @@ public:
 
 private:
     template <class Insert>
-    void each(const json& value, const std::string& place, const Insert& insert) {
+    void each(const json& value, const Place& place, const Insert& insert) {
         for (const auto& [name, keys] : groupsAt(value, place)) {
-            const std::string sectionPlace = memberPlace(place, name);
+            const Place sectionPlace(place, name);
             checkName(name, sectionPlace);
             const std::wstring section = wideOf(name);
             for (const auto& [key, entry] : objectAt(keys, sectionPlace)) {
-                const std::string keyPlace = memberPlace(sectionPlace, key);
+                const Place keyPlace(sectionPlace, key);
                 checkName(key, keyPlace);
                 if (++m_keys > kMaxPolicyKeys) {
                     throw DocumentError("", "has more than " + std::to_string(kMaxPolicyKeys) + " keys");
@@ -102,6 +118,7 @@ private:
     }
 
     SectionsHandle& m_sections;
+    const Place m_document;
     std::size_t m_keys = 0;
 };
 
@@ -134,7 +151,7 @@ std::string idOf(const json::object_t& document) {
 }
 
 void fill(const json& value, PolicyReading& reading) {
-    const json::object_t& document = objectAt(value, "");
+    const json::object_t& document = objectAt(value, Place());
     reading.identity.version = versionOf(document);
     reading.identity.id = idOf(document);
     SectionsFiller filler(reading.sections);

@@ -12,7 +12,7 @@ namespace HVBEnterprise::agent {
 
 std::optional<std::string> PolicyStore::load() const {
     try {
-        return readRegularFile(m_path, kMaxPolicyMessageBytes, FileAccess::Anybody);
+        return readRegularFile(m_path, kMaxPolicyMessageBytes, FileAccess::OwnerWrites);
     } catch (const std::system_error& error) {
         if (error.code().value() == ENOENT) {
             return std::nullopt;

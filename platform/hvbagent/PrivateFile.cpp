@@ -13,6 +13,7 @@ namespace {
 
 constexpr mode_t kPrivate = 0600;
 constexpr mode_t kOthers = 077;
+constexpr mode_t kOthersWrite = 022;
 
 [[noreturn]] void fail(int error, const std::string& path, const char* what) {
     throw std::system_error(error, std::generic_category(), path + ": " + what);
@@ -36,9 +37,15 @@ private:
     int m_fd;
 };
 
-void checkAccess(const struct stat& facts, const std::string& path) {
-    if ((facts.st_mode & kOthers) != 0) {
+void checkAccess(const struct stat& facts, FileAccess access, const std::string& path) {
+    if (access == FileAccess::Anybody) {
+        return;
+    }
+    if (access == FileAccess::OwnerAlone && (facts.st_mode & kOthers) != 0) {
         fail(EACCES, path, "others than its owner may access it; it must have mode 0600");
+    }
+    if ((facts.st_mode & kOthersWrite) != 0) {
+        fail(EACCES, path, "others than its owner may write to it; it must have mode 0644 or less");
     }
     if (facts.st_uid != ::geteuid() && facts.st_uid != 0) {
         fail(EACCES, path, "it belongs to another user");
@@ -55,34 +62,59 @@ void writeAll(int fd, std::string_view bytes, const std::string& path) {
     }
 }
 
-void syncDirectoryOf(const std::string& path) {
-    const std::string directory = path.substr(0, path.find_last_of('/') + 1);
-    const Descriptor opened(directory.empty() ? "." : directory, O_RDONLY | O_DIRECTORY);
-    if (opened.get() < 0 || ::fsync(opened.get()) != 0) {
-        fail(errno, path, "its directory cannot be synced");
-    }
-}
-
-void writeSynced(const std::string& path, std::string_view bytes) {
-    const Descriptor file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kPrivate);
-    if (file.get() < 0) {
-        fail(errno, path, "cannot be made");
-    }
-    writeAll(file.get(), bytes, path);
-    if (::fchmod(file.get(), kPrivate) != 0 || ::fsync(file.get()) != 0) {
-        fail(errno, path, "cannot be synced");
-    }
-}
-
-/// Removes a half-made file on the way out.
-struct RemovedUnlessKept {
-    const std::string& path;
-    bool kept = false;
-    ~RemovedUnlessKept() {
-        if (!kept) {
-            ::unlink(path.c_str());
+/// The directory of a file, opened before the file is touched.
+/// Threads: single access. Owner: the operation.
+class DirectoryOf {
+public:
+    explicit DirectoryOf(const std::string& path)
+        : m_path(path), m_opened(nameIn(path.substr(0, path.find_last_of('/') + 1)), O_RDONLY | O_DIRECTORY) {
+        if (m_opened.get() < 0) {
+            fail(errno, path, "its directory cannot be opened");
         }
     }
+    void sync() const {
+        if (::fsync(m_opened.get()) != 0) {
+            fail(errno, m_path, "its directory cannot be synced");
+        }
+    }
+
+private:
+    static std::string nameIn(const std::string& directory) { return directory.empty() ? "." : directory; }
+
+    const std::string& m_path;
+    const Descriptor m_opened;
+};
+
+/// A file that did not exist, and does not when this ends, unless it was kept.
+/// Threads: single access. Owner: the operation; the path must outlive it.
+class NewFile {
+public:
+    explicit NewFile(const std::string& path)
+        : m_path(path), m_file(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kPrivate) {
+        if (m_file.get() < 0) {
+            fail(errno, path, "cannot be made"); // what is there is somebody else's, and stays
+        }
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+    ~NewFile() {
+        if (!m_kept) {
+            ::unlink(m_path.c_str());
+        }
+    }
+
+    void writeSynced(std::string_view bytes) const {
+        writeAll(m_file.get(), bytes, m_path);
+        if (::fchmod(m_file.get(), kPrivate) != 0 || ::fsync(m_file.get()) != 0) {
+            fail(errno, m_path, "cannot be synced");
+        }
+    }
+    void keep() { m_kept = true; }
+
+private:
+    const std::string& m_path;
+    const Descriptor m_file;
+    bool m_kept = false;
 };
 
 } // namespace
@@ -96,9 +128,7 @@ std::string readRegularFile(const std::string& path, std::size_t maxBytes, FileA
     if (!S_ISREG(facts.st_mode)) {
         fail(EINVAL, path, "is not a regular file");
     }
-    if (access == FileAccess::OwnerAlone) {
-        checkAccess(facts, path);
-    }
+    checkAccess(facts, access, path);
     std::string bytes(maxBytes + 1, '\0'); // one more, to see that there is more
     std::size_t length = 0;
     ssize_t got = 1;
@@ -116,29 +146,35 @@ std::string readRegularFile(const std::string& path, std::size_t maxBytes, FileA
     return bytes;
 }
 
+void requireOwnerAlone(const std::string& path) {
+    struct stat facts {};
+    if (::stat(path.c_str(), &facts) != 0) {
+        fail(errno, path, "cannot be opened");
+    }
+    checkAccess(facts, FileAccess::OwnerAlone, path);
+}
+
 void replaceFile(const std::string& path, std::string_view bytes) {
+    const DirectoryOf directory(path);
     const std::string beside = path + ".new";
     if (::unlink(beside.c_str()) != 0 && errno != ENOENT) { // left by one that was killed
         fail(errno, beside, "is in the way");
     }
-    RemovedUnlessKept guard{beside};
-    writeSynced(beside, bytes);
+    NewFile file(beside);
+    file.writeSynced(bytes);
     if (::rename(beside.c_str(), path.c_str()) != 0) {
         fail(errno, path, "cannot be replaced");
     }
-    guard.kept = true;
-    syncDirectoryOf(path);
+    file.keep();
+    directory.sync();
 }
 
 void makeFile(const std::string& path, std::string_view bytes) {
-    struct stat facts {};
-    if (::lstat(path.c_str(), &facts) == 0) {
-        fail(EEXIST, path, "is there already");
-    }
-    RemovedUnlessKept guard{path};
-    writeSynced(path, bytes);
-    guard.kept = true;
-    syncDirectoryOf(path);
+    const DirectoryOf directory(path);
+    NewFile file(path);
+    file.writeSynced(bytes);
+    file.keep();
+    directory.sync();
 }
 
 } // namespace HVBEnterprise::agent

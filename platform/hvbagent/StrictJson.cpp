@@ -44,7 +44,9 @@ public:
     bool number_unsigned(number_unsigned_t value) override { return add(json(value)) != nullptr; }
     bool number_float(number_float_t value, const string_t& /*text*/) override { return add(json(value)) != nullptr; }
     bool string(string_t& value) override {
-        refuseNull(value, placeOfNext());
+        if (holdsNull(value)) {
+            refuseNull(placeOfNext());
+        }
         return add(json(std::move(value))) != nullptr;
     }
     bool binary(binary_t& /*value*/) override { return false; } // no JSON text has one
@@ -55,10 +57,11 @@ public:
     bool end_array() override { return close(); }
 
     bool key(string_t& name) override {
-        const std::string parent = place(m_open.size() - 1);
-        refuseNull(name, parent);
+        if (holdsNull(name)) {
+            refuseNull(placeOfOpen());
+        }
         if (m_open.back().value->contains(name)) {
-            throw DocumentError(memberPlace(parent, name), "is there twice");
+            throw DocumentError(memberPlace(placeOfOpen(), name), "is there twice");
         }
         m_open.back().key = std::move(name);
         return true;
@@ -103,13 +106,13 @@ private:
         return true;
     }
 
-    static void refuseNull(const std::string& text, const std::string& where) {
-        if (text.find('\0') != std::string::npos) {
-            throw DocumentError(where, "holds a NUL character");
-        }
+    static bool holdsNull(const std::string& text) { return text.find('\0') != std::string::npos; }
+
+    [[noreturn]] static void refuseNull(const std::string& where) {
+        throw DocumentError(where, "holds a NUL character");
     }
 
-    /// The place of the @p depth-th open value.
+    /// The place of the @p depth-th open value. Only for a complaint: as long as all the names above it.
     std::string place(std::size_t depth) const {
         std::string result;
         for (std::size_t i = 0; i < depth; ++i) {
@@ -118,6 +121,7 @@ private:
         return result;
     }
 
+    std::string placeOfOpen() const { return place(m_open.size() - 1); }
     std::string placeOfNext() const { return place(m_open.size()); }
 
     /// What the @p depth-th open value calls the member that is being read. An element that is open itself is in its

@@ -179,6 +179,76 @@ TEST_F(AMachine, DoesNotTalkToABrokerOfAnotherAuthority) {
     EXPECT_EQ(information(), L"2");
 }
 
+/// A broker that takes in only machines that show a certificate of its authority.
+class AMachineWithACertificate : public AMachine {
+protected:
+    void enrolWith(const CertificateFiles& own) {
+        enrol(m_broker.port(),
+              {{"broker",
+                {{"tls", {{"ca", m_certificates.authority()}, {"certificate", own.certificate}, {"key", own.key}}}}}});
+    }
+    static bool isTold(const std::string& part) {
+        return eventually([&] { return AgentLines::instance().count(part) > 0; });
+    }
+
+    MqttCertificates m_certificates{root()};
+    MqttBroker m_broker{root(), {.withPasswords = false, .certificates = &m_certificates, .asksForCertificate = true}};
+};
+
+TEST_F(AMachineWithACertificate, IsTakenInWhereTheBrokerAsksForOne) {
+    enrolWith(m_certificates.issueFor("m1"));
+    start();
+    EXPECT_TRUE(isConnected()) << AgentLines::instance().all();
+}
+
+TEST_F(AMachineWithACertificate, IsTakenInAfterAReloadWhenItWasEnrolledWithoutOne) {
+    enrol(m_broker.port(), {{"broker", {{"tls", {{"ca", m_certificates.authority()}}}}}});
+    start();
+    ASSERT_TRUE(isTold("no connection to the broker"));
+    EXPECT_EQ(information(), L"2");
+    release();
+    enrolWith(m_certificates.issueFor("m1"));
+    start();
+    EXPECT_TRUE(isConnected()) << AgentLines::instance().all();
+}
+
+TEST_F(AMachineWithACertificate, ConnectsByItselfWhenOneThatWasRefusedIsReplaced) {
+    const PrivateRoot elsewhere;
+    const CertificateFiles own =
+        MqttCertificates(elsewhere).issueFor("m1"); // of an authority that the broker does not know
+    enrolWith(own);
+    start();
+    ASSERT_TRUE(isTold("no connection to the broker"));
+    EXPECT_EQ(information(), L"2");
+    const CertificateFiles good = m_certificates.issueFor("m1");
+    std::filesystem::rename(good.key, own.key);
+    std::filesystem::rename(good.certificate, own.certificate);
+    EXPECT_TRUE(isConnected()) << AgentLines::instance().all();
+}
+
+TEST_F(AMachineWithACertificate, ConnectsByItselfWhenOneThatWasNotThereComes) {
+    const CertificateFiles good = m_certificates.issueFor("good");
+    const CertificateFiles own{.certificate = root().file("m1.crt"), .key = root().file("m1.key")};
+    std::filesystem::rename(good.key, own.key);
+    enrolWith(own);
+    start();
+    ASSERT_TRUE(isTold("a TLS file cannot be read")) << AgentLines::instance().all();
+    EXPECT_EQ(information(), L"2");
+    std::filesystem::rename(good.certificate, own.certificate);
+    EXPECT_TRUE(isConnected()) << AgentLines::instance().all();
+}
+
+TEST_F(AMachineWithACertificate, ConnectsOnlyWhenNobodyElseMayReadItsKey) {
+    const CertificateFiles own = m_certificates.issueFor("m1");
+    ASSERT_EQ(::chmod(own.key.c_str(), 0640), 0);
+    enrolWith(own);
+    start();
+    ASSERT_TRUE(isTold(own.key + ": others than its owner may access it")) << AgentLines::instance().all();
+    EXPECT_EQ(information(), L"2");
+    ASSERT_EQ(::chmod(own.key.c_str(), 0600), 0);
+    EXPECT_TRUE(isConnected()) << AgentLines::instance().all();
+}
+
 TEST_F(AMachine, IsReleasedWhileTheBrokerAnswersNothing) {
     MqttBroker broker(root());
     enrol(broker.port());

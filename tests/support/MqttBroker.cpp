@@ -26,6 +26,14 @@ void runToItsEnd(const std::string& program, std::vector<std::string> arguments)
     }
 }
 
+/// Runs openssl with a command that makes a key.
+void runWithNewKey(std::vector<std::string> command) {
+    for (const char* argument : {"-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"}) {
+        command.emplace_back(argument);
+    }
+    runToItsEnd("openssl", std::move(command));
+}
+
 sockaddr_in loopback(std::uint16_t port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -60,24 +68,27 @@ std::uint16_t freeLoopbackPort() {
 }
 
 MqttCertificates::MqttCertificates(const PrivateRoot& root)
-    : m_authority(root.file("ca.crt")), m_authorityKey(root.file("ca.key")), m_certificate(root.file("broker.crt")),
-      m_key(root.file("broker.key")), m_request(root.file("broker.csr")) {
-    const std::vector<std::string> newKey = {"-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"};
-    std::vector<std::string> authority = {"req",       "-x509", "-keyout", m_authorityKey, "-out",
-                                          m_authority, "-days", "2",       "-subj",        "/CN=test authority"};
-    authority.insert(authority.end(), newKey.begin(), newKey.end());
-    runToItsEnd("openssl", authority);
-    std::vector<std::string> request = {"req",           "-keyout", m_key,
-                                        "-out",          m_request, "-subj",
-                                        "/CN=localhost", "-addext", "subjectAltName=IP:127.0.0.1,DNS:localhost"};
-    request.insert(request.end(), newKey.begin(), newKey.end());
-    runToItsEnd("openssl", request);
+    : m_directory(root.file("")), m_authority(root.file("ca.crt")), m_authorityKey(root.file("ca.key")),
+      m_request(root.file("broker.csr")), m_broker{.certificate = root.file("broker.crt"),
+                                                   .key = root.file("broker.key")} {
+    runWithNewKey(
+        {"req", "-x509", "-keyout", m_authorityKey, "-out", m_authority, "-days", "2", "-subj", "/CN=test authority"});
+    runWithNewKey({"req", "-keyout", m_broker.key, "-out", m_request, "-subj", "/CN=localhost", "-addext",
+                   "subjectAltName=IP:127.0.0.1,DNS:localhost"});
     issueGood();
 }
 
-void MqttCertificates::issue(const std::string& days) {
-    runToItsEnd("openssl", {"x509", "-req", "-in", m_request, "-CA", m_authority, "-CAkey", m_authorityKey,
-                            "-CAcreateserial", "-days", days, "-copy_extensions", "copy", "-out", m_certificate});
+void MqttCertificates::sign(const std::string& request, const std::string& certificate, const std::string& days) const {
+    runToItsEnd("openssl", {"x509", "-req", "-in", request, "-CA", m_authority, "-CAkey", m_authorityKey,
+                            "-CAcreateserial", "-days", days, "-copy_extensions", "copy", "-out", certificate});
+}
+
+CertificateFiles MqttCertificates::issueFor(const std::string& name) const {
+    const std::string stem = m_directory + name;
+    CertificateFiles files{.certificate = stem + ".crt", .key = stem + ".key"};
+    runWithNewKey({"req", "-keyout", files.key, "-out", stem + ".csr", "-subj", "/CN=" + name});
+    sign(stem + ".csr", files.certificate, "1");
+    return files;
 }
 
 MqttBroker::MqttBroker(const PrivateRoot& root, Options options)
@@ -97,12 +108,15 @@ MqttBroker::MqttBroker(const PrivateRoot& root, Options options)
 }
 
 std::string MqttBroker::configuration() const {
-    std::string text = "listener " + std::to_string(m_port) + " 127.0.0.1\npersistence false\nlog_type all\n";
+    std::string text = "listener " + std::to_string(m_port) +
+                       " 127.0.0.1\npersistence false\nlog_type all\n"
+                       "set_tcp_nodelay true\n";
     text += m_options.withPasswords ? "allow_anonymous false\npassword_file " + m_passwordFile + "\n"
                                     : "allow_anonymous true\n";
     if (m_options.certificates != nullptr) {
         text += "cafile " + m_options.certificates->authority() + "\ncertfile " +
-                m_options.certificates->certificate() + "\nkeyfile " + m_options.certificates->key() + "\n";
+                m_options.certificates->certificate() + "\nkeyfile " + m_options.certificates->key() +
+                "\nrequire_certificate " + (m_options.asksForCertificate ? "true" : "false") + "\n";
     }
     if (::geteuid() == 0) {
         text += "user root\n"; // the files are the test's own

@@ -10,6 +10,13 @@
 
 namespace testing_support {
 
+/// A certificate and its key, in PEM. The key is its owner's alone.
+/// Threads: a plain value. Owner: the test.
+struct CertificateFiles {
+    std::string certificate;
+    std::string key;
+};
+
 /// Certificates of a test's own authority, made with openssl. The broker's is for 127.0.0.1 and localhost.
 /// Threads: plain, single access. Owner: the test.
 class MqttCertificates {
@@ -17,21 +24,25 @@ public:
     explicit MqttCertificates(const PrivateRoot& root);
 
     const std::string& authority() const { return m_authority; }
-    const std::string& certificate() const { return m_certificate; }
-    const std::string& key() const { return m_key; }
+    const std::string& certificate() const { return m_broker.certificate; }
+    const std::string& key() const { return m_broker.key; }
 
     /// Puts a certificate that ended yesterday, or one that is good for a day, in the broker's place.
     void issueExpired() { issue("-1"); }
     void issueGood() { issue("1"); }
 
-private:
-    void issue(const std::string& days);
+    /// Makes a certificate for a machine, good for a day, in the files @p name with ".crt" and ".key".
+    CertificateFiles issueFor(const std::string& name) const;
 
+private:
+    void issue(const std::string& days) { sign(m_request, m_broker.certificate, days); }
+    void sign(const std::string& request, const std::string& certificate, const std::string& days) const;
+
+    std::string m_directory;
     std::string m_authority;
     std::string m_authorityKey;
-    std::string m_certificate;
-    std::string m_key;
-    std::string m_request;
+    std::string m_request; ///< the broker's
+    CertificateFiles m_broker;
 };
 
 /// A broker in a private root. It keeps nothing on disk: what was retained is gone when it is killed.
@@ -41,6 +52,7 @@ public:
     struct Options {
         bool withPasswords = false;                ///< asks for a user and a password; setPassword makes them
         const MqttCertificates* certificates = {}; ///< speaks TLS; must outlive the broker
+        bool asksForCertificate = false;           ///< takes in only who shows one of the same authority
     };
 
     /// Starts it and waits until it accepts. @throws std::runtime_error when it does not.

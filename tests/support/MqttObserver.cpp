@@ -44,6 +44,7 @@ void MqttObserver::Destroy::operator()(mosquitto* handle) const noexcept {
 MqttObserver::MqttObserver(std::uint16_t port, const std::string& user, const std::string& password) {
     mosquitto_lib_init();
     m_handle.reset(mosquitto_new(nullptr, true, this));
+    mosquitto_int_option(m_handle.get(), MOSQ_OPT_TCP_NODELAY, 1);
     mosquitto_connect_callback_set(m_handle.get(), Callbacks::onConnect);
     mosquitto_subscribe_callback_set(m_handle.get(), Callbacks::onSubscribe);
     mosquitto_publish_callback_set(m_handle.get(), Callbacks::onPublish);

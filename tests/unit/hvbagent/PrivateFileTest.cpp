@@ -8,10 +8,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <barrier>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <system_error>
+#include <thread>
 
 namespace {
 
@@ -90,6 +93,33 @@ TEST_F(APrivateFile, IsNotReadWhenItIsAnotherUsers) {
     EXPECT_EQ(errorOfReading(FileAccess::OwnerAlone), EACCES);
 }
 
+TEST_F(APrivateFile, IsNotReadAsADecisionWhenOthersMayWriteIt) {
+    for (const mode_t mode : {0620U, 0664U, 0602U, 0666U}) {
+        write("decision", mode);
+        EXPECT_EQ(errorOfReading(FileAccess::OwnerWrites), EACCES) << mode;
+    }
+    for (const mode_t mode : {0600U, 0644U, 0440U}) {
+        write("decision", mode);
+        EXPECT_EQ(errorOfReading(FileAccess::OwnerWrites), 0) << mode;
+        ::unlink(m_path.c_str());
+    }
+    if (canActAsOthers()) {
+        write("decision", 0644);
+        testing_support::PrivateRoot::giveTo(m_path, testing_support::kNobody, testing_support::kNogroup);
+        EXPECT_EQ(errorOfReading(FileAccess::OwnerWrites), EACCES);
+    }
+}
+
+TEST_F(APrivateFile, IsRequiredToBeItsOwnersAloneBehindALinkToo) {
+    const std::string link = m_root.file("link");
+    ASSERT_EQ(::symlink(m_path.c_str(), link.c_str()), 0);
+    EXPECT_THROW(requireOwnerAlone(link), std::system_error); // not there
+    write("secret", 0640);
+    EXPECT_THROW(requireOwnerAlone(link), std::system_error);
+    write("secret", 0600);
+    EXPECT_NO_THROW(requireOwnerAlone(link));
+}
+
 TEST_F(APrivateFile, IsReplacedWithModeSixHundredAndNothingLeftBeside) {
     write("old", 0644);
     write("old", 0644);
@@ -127,6 +157,30 @@ TEST_F(APrivateFile, StaysWhenItCannotBeReplaced) {
     EXPECT_THROW(replaceFile(m_path, "new"), std::system_error);
     EXPECT_EQ(text(), "old");
     EXPECT_THROW(replaceFile(m_root.file("no/such/directory"), "new"), std::system_error);
+}
+
+/// Who came second once removed what the first had made.
+TEST_F(APrivateFile, IsMadeByOneOfTwoWhoComeAtOnceAndStays) {
+    constexpr int rounds = 200;
+    for (int round = 0; round < rounds; ++round) {
+        std::barrier together(2);
+        std::atomic<int> made{0};
+        const auto make = [&](const std::string& text) {
+            together.arrive_and_wait();
+            try {
+                makeFile(m_path, text);
+                ++made;
+            } catch (const std::system_error& error) {
+                EXPECT_EQ(error.code().value(), EEXIST);
+            }
+        };
+        std::thread other([&] { make("other"); });
+        make("first");
+        other.join();
+        ASSERT_EQ(made, 1);
+        ASSERT_TRUE(text() == "first" || text() == "other") << round;
+        ::unlink(m_path.c_str());
+    }
 }
 
 TEST_F(APrivateFile, IsMadeOnlyWhereNoneIs) {

@@ -82,6 +82,19 @@ TEST(TheStrictReader, IsNotBroughtDownByDepthOrByHugeNumbers) {
     EXPECT_EQ(errorOf("123456789012345678901234567890", wide), ""); // a floating-point number then
 }
 
+/// Its place was once put together for each value: a name of a megabyte above a hundred thousand values took minutes.
+TEST(TheStrictReader, IsNotHeldUpByALongNameAboveManyValues) {
+    constexpr std::size_t longName = 1'000'000;
+    constexpr int many = 100'000;
+    std::string text = "{\"" + std::string(longName, 'n') + "\": {";
+    for (int i = 0; i < many; ++i) {
+        text += (i == 0 ? "\"" : ", \"") + std::to_string(i) + "\": \"v\"";
+    }
+    text += "}}";
+    const nlohmann::json value = readStrictJson(text, {.bytes = text.size(), .depth = 2, .values = many + 2});
+    EXPECT_EQ(value.begin()->size(), static_cast<std::size_t>(many));
+}
+
 TEST(TheStrictReader, QuotesNothingUnboundedOrUnprintable) {
     const std::string error = errorOf("{\"" + std::string(900, 'n') + "\\n\": 1, \"a\" 1}");
     EXPECT_LE(error.size(), 300U);

@@ -49,8 +49,12 @@ bool MsgBusEnterpriseAgent::registerPropertyCollectionService(std::unique_ptr<IA
 }
 
 bool MsgBusEnterpriseAgent::registerPolicyEnforcementService(std::unique_ptr<IAgentPolicyEnforcement>&& service) {
-    AgentDouble::instance().add("registerPolicyEnforcementService");
-    AgentDouble::instance().enforcement = std::move(service);
+    AgentDouble& agent = AgentDouble::instance();
+    agent.add("registerPolicyEnforcementService");
+    if (agent.beforeEnforcement) {
+        agent.beforeEnforcement();
+    }
+    agent.enforcement = std::move(service);
     return true;
 }
 

@@ -17,10 +17,11 @@ namespace testing_support {
 struct AgentDouble {
     static AgentDouble& instance();
 
-    bool present = true;                ///< false: createInstance gives null
-    std::function<void()> beforeCreate; ///< what it throws leaves createInstance
-    bool answers = true;                ///< what getAgentInformation returns
-    std::optional<std::wstring> answer; ///< what it writes, also when it returns false
+    bool present = true;                     ///< false: createInstance gives null
+    std::function<void()> beforeCreate;      ///< what it throws leaves createInstance
+    std::function<void()> beforeEnforcement; ///< what it throws leaves registerPolicyEnforcementService
+    bool answers = true;                     ///< what getAgentInformation returns
+    std::optional<std::wstring> answer;      ///< what it writes, also when it returns false
     std::function<void(const std::string& message, std::string& clearText)> decrypt; ///< it may throw
     bool takesProperties = true; ///< false: the service is refused and stays with its caller
     std::unique_ptr<HVBEnterprise::IAgentPropertyCollection> properties; ///< what was registered last

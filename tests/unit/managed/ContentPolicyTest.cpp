@@ -111,6 +111,24 @@ TEST_F(AContentPolicy, WithTextsThatAreTooLongFails) {
     EXPECT_THAT(store.calls, IsEmpty());
 }
 
+TEST_F(AContentPolicy, NeverTakesACodeThatWasCut) {
+    const std::wstring sixteen = L"abcdefghijklmno,"; // 512 of them are one more than there is room for
+    std::wstring codes;
+    for (int i = 0; i < 512; ++i) {
+        codes += sixteen;
+    }
+    wholeContent(L"84");
+    content(kActions, L"uiBitCount", L"512");
+    content(kActions, L"szActionCodes", std::wstring(512, L'1'));
+    content(kActions, L"uiContentBitCodes", codes.substr(0, codes.size() - 1));
+    EXPECT_TRUE(enforce()); // fits to the character
+    store.calls.clear();
+    content(kActions, L"uiContentBitCodes", codes.substr(0, codes.size() - 1) + L"p");
+    const Lines lines = leveled([this] { EXPECT_FALSE(enforce()); });
+    EXPECT_THAT(lines, Contains("2 " + kPass + " - Issue with gathering Category Code"));
+    EXPECT_THAT(store.calls, IsEmpty());
+}
+
 TEST_F(AContentPolicy, DropsEmptyCodes) {
     wholeContent();
     content(kActions, L"uiContentBitCodes", L"al,,ga");
@@ -317,8 +335,9 @@ TEST_F(AListPolicy, LooksForNoMoreEntriesThanItsBoundWhateverTheCountIs) {
     list(L"uiSiteCount", L"2147483647");
     list(L"szSite0", L"http://a.example");
     list(L"Action0", L"1");
-    mgsFlowvalue = 0;
-    EXPECT_TRUE(enforce());
+    const std::string said = "VXPolicyEnforcementImpl - looks for 50000 entries only, of 2147483647";
+    const Lines lines = linesOf(mgsFlowvalue, 1, [this] { EXPECT_TRUE(enforce()); });
+    EXPECT_THAT(lines, ElementsAre(said, said)) << "once for the sites, once for the actions";
     EXPECT_EQ(store.calls.front(), "setAllowBlockDetails -1 http://a.example 1");
 }
 

@@ -42,6 +42,7 @@ protected:
         EXPECT_EQ(agent.clients, 0) << "every client is released";
         agent.present = agent.answers = true;
         agent.beforeCreate = nullptr;
+        agent.beforeEnforcement = nullptr;
         agent.decrypt = nullptr;
         agent.answer.reset();
     }
@@ -112,6 +113,13 @@ TEST_F(AnAgentWrapper, PassesOnAnExceptionOfItsConstructionAndIsNotThere) {
     agent.beforeCreate = nullptr;
     wrapper();
     EXPECT_THAT(newCalls(), ElementsAre(kCreated, kCreated, kProperties, kPolicy));
+}
+
+TEST_F(AnAgentWrapper, LeavesNoServiceBehindThatLooksForItWhenItsConstructionFails) {
+    agent.beforeEnforcement = [] { throw std::runtime_error("library"); };
+    EXPECT_THROW(VXHVBAgentWrapper::getInstance(), std::runtime_error);
+    EXPECT_EQ(agent.properties, nullptr);
+    EXPECT_THAT(newCalls(), ElementsAre(kCreated, kProperties, kPolicy, "releaseInstance"));
 }
 
 TEST_F(AnAgentWrapper, ReplacesTheClientOnAReloadAndKeepsItsFlags) {

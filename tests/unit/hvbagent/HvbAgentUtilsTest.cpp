@@ -1,4 +1,4 @@
-// The agent library's text helper, and what the library says on a machine that has no agent. All real.
+// The agent library's text helper.
 #include "platform/hvbagent/MsgBusEnterpriseAgent.h"
 
 #include <gtest/gtest.h>

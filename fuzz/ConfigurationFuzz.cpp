@@ -1,0 +1,79 @@
+// Feeds a configuration file to its reader, and changes what reads as one: a change gives exactly the new text, and
+// leaves every other byte as it was, since changing it back gives the old file.
+#include "platform/hvbutils/LibXmlWrapper.h"
+#include "platform/hvbutils/Limits.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+
+namespace {
+
+constexpr const char* kLevel = "/HVConfiguration/LogLevel";
+constexpr const char* kNewLevel = "debug & \"<verbose>\"";
+
+void require(bool holds) {
+    if (!holds) {
+        std::abort();
+    }
+}
+
+/// A directory in memory for this process.
+const std::string& file() {
+    static const std::string path = [] {
+        char name[] = "/dev/shm/fuzz.XXXXXX";
+        require(mkdtemp(name) != nullptr);
+        static const std::string directory = name;
+        require(std::atexit([] { std::filesystem::remove_all(directory); }) == 0);
+        return directory + "/HVConfig.xml";
+    }();
+    return path;
+}
+
+std::string content() {
+    std::ifstream stream(file(), std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+std::optional<std::string> level() {
+    try {
+        return LibXmlWrapper(file()).getXPathStringValue(kLevel);
+    } catch (const LibXmlError&) {
+        return std::nullopt;
+    }
+}
+
+/// Sets the level and saves. @return false when the library refuses to change this file.
+bool change(const std::string& value) {
+    try {
+        LibXmlWrapper configuration(file());
+        configuration.setXPathElement(kLevel, value.c_str());
+        require(configuration.getXPathStringValue(kLevel) == value);
+        require(configuration.SaveToFile(file().c_str()));
+        return true;
+    } catch (const LibXmlError&) {
+        return false;
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    std::ofstream(file(), std::ios::binary) << std::string(data, data + size);
+    const std::optional<std::string> before = level();
+    if (!before || !change(kNewLevel)) {
+        return 0;
+    }
+    require(level() == kNewLevel);
+    const std::string changed = content();
+    if (change(*before)) {
+        require(level() == *before);
+        require(change(kNewLevel));
+        require(content() == changed);
+    }
+    return 0;
+}

@@ -10,6 +10,7 @@
 #include <iterator>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -47,7 +48,7 @@ std::optional<std::string> level() {
     }
 }
 
-/// Sets the level and saves. @return false when the library refuses to change this file.
+/// Sets the level and saves. @return false when the library refuses to, as it may with another encoding alone.
 bool change(const std::string& value) {
     try {
         LibXmlWrapper configuration(file());
@@ -55,7 +56,8 @@ bool change(const std::string& value) {
         require(configuration.getXPathStringValue(kLevel) == value);
         require(configuration.SaveToFile(file().c_str()));
         return true;
-    } catch (const LibXmlError&) {
+    } catch (const LibXmlError& error) {
+        require(std::string_view(error.what()).find("only UTF-8 can be changed") != std::string_view::npos);
         return false;
     }
 }

@@ -36,7 +36,8 @@ public:
 };
 
 /// Receives the events that the module subscribed to.
-/// Threads: broker threads, several at a time. Owner: the module; it must outlive the broker's delivery.
+/// Threads: broker threads, one event at a time, in the order in which they came. Owner: the module; it must outlive
+/// the broker's delivery.
 class EventInterface : public HVBInterface {
 public:
     virtual ~EventInterface() = default;

@@ -94,7 +94,8 @@ public:
 
     /// Switches the module's debug logging. A worker thread, with the caller's signal mask, rewrites the hub's
     /// configuration file, sets what getDebugLoggingStatus gives, signals ST_DEBUG_LOGGING and has the hub reload;
-    /// what becomes of that shows in the trace log alone. While a change is under way another one is dropped.
+    /// what becomes of that shows in the trace log alone. While a change is under way another one is dropped. When no
+    /// thread can be started, the change never ends, and each later one is dropped until the process starts anew.
     /// @return whether the settings file has a note of it; false also for a change that was dropped. Never throws.
     bool setDebugLoggingStatus(bool status);
     /// Whether a worker of such a change is under way. Nobody waits for it, so that the process may end before it does.

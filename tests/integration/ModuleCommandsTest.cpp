@@ -261,7 +261,8 @@ TEST_F(AModule, DropsChangesThatMeetAnotherOneAndHoldsNothingBack) {
     const long begun = workers("entered");
     EXPECT_GT(begun, 0);
     ASSERT_TRUE(workersEnded(begun));
-    EXPECT_TRUE(eventually([&] { return threads() <= before; }));
+    constexpr int startedLate = 4; // of the daemon's own threads, which need not all be there yet when it is up
+    EXPECT_TRUE(eventually([&] { return threads() <= before + startedLate; }));
     EXPECT_EQ(debugIsOn(), levelOnDisk() == "debug");
 }
 

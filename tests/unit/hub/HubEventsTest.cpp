@@ -81,6 +81,17 @@ TEST_F(AHubEvent, OfAnyOtherIdIsTakenWithoutALookAtIt) {
     EXPECT_THAT(store.calls, IsEmpty());
 }
 
+TEST_F(AHubEvent, OfAnyOtherIdIsNotCopied) {
+    const auto deliverWithoutAnArchive = [this](int id) {
+        HVB::EventData event(id);
+        event.m_pInStream = HVB::makeInStream(L"noise").release(); // which no copy can open an archive over
+        return receiver.handleEventNotification(event);
+    };
+    EXPECT_THROW(deliverWithoutAnArchive(1005), boost::archive::archive_exception);
+    EXPECT_THROW(deliverWithoutAnArchive(1007), boost::archive::archive_exception);
+    EXPECT_TRUE(deliverWithoutAnArchive(1006));
+}
+
 using ADebugLogEvent = AHubEvent;
 
 TEST_F(ADebugLogEvent, SwitchesTheModulesDebugLogging) {
@@ -117,6 +128,11 @@ TEST_F(ADebugLogEvent, WithoutTheModulesEntryChangesNothing) {
     const Lines lines = leveled([this] { EXPECT_TRUE(deliver(1005, std::map<int, bool>{{-7, true}, {8, true}})); });
     EXPECT_EQ(lines, (Lines{kDebugEntered, "5 Iterating HV ID -7", "5 Iterating HV ID 8"}));
     EXPECT_THAT(store.calls, IsEmpty());
+}
+
+TEST_F(ADebugLogEvent, WithoutTheModulesEntryDoesNotAskForTheStatus) {
+    store.before = [](const std::string& operation) { ADD_FAILURE() << operation; };
+    EXPECT_TRUE(deliver(1005, std::map<int, bool>{{6, true}, {8, true}}));
 }
 
 TEST_F(ADebugLogEvent, WithoutAPayloadOrEntriesChangesNothing) {
@@ -194,6 +210,18 @@ TEST_F(AProxyEvent, WithAnUnreadablePayloadLetsTheArchivesExceptionOutAndStoresN
     const std::wstring header = HVB::EventData(1007).m_pOutStream->str();
     EXPECT_THROW(deliverText(1007, header + L" 0 0 1 0 x"), boost::archive::archive_exception);
     EXPECT_THAT(store.calls, IsEmpty());
+}
+
+TEST_F(AProxyEvent, IsReadFromItsFirstValueWhoeverReadItBefore) {
+    HVB::EventData carrier(1007);
+    carrier.writePayload(std::vector<proxySettings>{proxy("proxy.example", 3128)});
+    HVB::EventData event(1007);
+    event.m_pInStream = HVB::makeInStream(carrier.m_pOutStream->str()).release();
+    event.m_pInArchive = HVB::makeInArchive(*event.m_pInStream).release();
+    std::vector<proxySettings> read;
+    event.readPayload(read);
+    EXPECT_TRUE(receiver.handleEventNotification(event));
+    EXPECT_EQ(store.calls, (Lines{"setRpxProxySettings proxy.example user secret 3128 2 1"}));
 }
 
 TEST_F(AProxyEvent, StopsAtAnExceptionWithATraceLine) {

@@ -32,6 +32,17 @@ protected:
     }
 };
 
+TEST_F(ADebugLoggingCommand, IsAnsweredWithItsWholeHeader) {
+    for (const int id : {1021, 1022}) {
+        hub.forget();
+        EXPECT_TRUE(deliver(id));
+        EXPECT_EQ(reply().header.m_commandId, id);
+        EXPECT_EQ(reply().header.m_token, 0x123456789abcdef0U);
+        EXPECT_EQ(reply().header.m_sourceId, 4);
+        EXPECT_EQ(reply().header.m_sequence, 99);
+    }
+}
+
 using AGetOfDebugLogging = ADebugLoggingCommand;
 
 TEST_F(AGetOfDebugLogging, AnswersTheStatus) {

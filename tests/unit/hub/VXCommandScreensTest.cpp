@@ -158,6 +158,14 @@ TEST_F(AnAboutBox, LetsTheExceptionOutWhenTheFileCannotBeOpened) {
     EXPECT_TRUE(hub.replies.empty());
 }
 
+TEST_F(AnAboutBox, IsAnsweredWithTheWholeHeaderOfItsCommand) {
+    shown(kWhole);
+    EXPECT_EQ(reply().header.m_commandId, 1004);
+    EXPECT_EQ(reply().header.m_token, 0x123456789abcdef0U);
+    EXPECT_EQ(reply().header.m_sourceId, 4);
+    EXPECT_EQ(reply().header.m_sequence, 99);
+}
+
 TEST_F(AnAboutBox, IsTraced) {
     configure(kWhole);
     EXPECT_EQ(leveled([this] { deliver(1004); }),
@@ -237,6 +245,14 @@ TEST_F(ADashboard, ShowsALocalMachineWithoutAWrapperByItsPreferenceAndAsksNoAgen
     expectShown(2, L"DISABLED_STRING");
     expectTraced("LOCAL-DISABLED");
     EXPECT_TRUE(agent.calls().empty());
+}
+
+TEST_F(ADashboard, IsAnsweredWithTheWholeHeaderOfItsCommand) {
+    EXPECT_TRUE(deliver(1003));
+    EXPECT_EQ(reply().header.m_commandId, 1003);
+    EXPECT_EQ(reply().header.m_token, 0x123456789abcdef0U);
+    EXPECT_EQ(reply().header.m_sourceId, 4);
+    EXPECT_EQ(reply().header.m_sequence, 99);
 }
 
 TEST_F(ADashboard, ShowsAMachineThatIsNotManagedByItsPreference) {

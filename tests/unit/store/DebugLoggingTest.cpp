@@ -11,6 +11,7 @@
 #include "tests/unit/store/WorkerGate.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <regex>
 #include <stdexcept>
 
@@ -159,10 +160,38 @@ TEST_F(ADebugLoggingChange, StartsOneThreadWithDefaultAttributesAndTheStatusAsIt
         it().setDebugLoggingStatus(status);
         EXPECT_EQ(gate.starts, 1);
         EXPECT_TRUE(gate.hadDefaultAttributes);
-        EXPECT_EQ(gate.argument != nullptr, status);
+        EXPECT_EQ(reinterpret_cast<std::intptr_t>(gate.argument), status ? 1 : 0);
         gate.open();
         gate.waitUntilAllEnded();
     }
+}
+
+TEST_F(ADebugLoggingChange, StartsItsThreadBeforeItTurnsToTheSettings) {
+    std::vector<int> startsAtEachTurn;
+    WorkerGate gate;
+    settingsPath() = [&](std::string& path) {
+        startsAtEachTurn.push_back(gate.starts);
+        path = file();
+        return true;
+    };
+    EXPECT_TRUE(it().setDebugLoggingStatus(true));
+    EXPECT_EQ(startsAtEachTurn, (std::vector<int>{1}));
+}
+
+TEST_F(ADebugLoggingChange, IsUnderWayFromItsStartUntilTheHubHasReloadedHoweverOftenThatIsAsked) {
+    EXPECT_FALSE(STPreferenceController::isChangingDebugLogging());
+    hub.before = [](const std::string& operation) {
+        if (operation == "sendCommand") {
+            EXPECT_TRUE(STPreferenceController::isChangingDebugLogging());
+        }
+    };
+    {
+        WorkerGate gate;
+        EXPECT_TRUE(it().setDebugLoggingStatus(true)) << "having asked holds nothing";
+        EXPECT_TRUE(STPreferenceController::isChangingDebugLogging());
+    }
+    EXPECT_EQ(hub.commands.size(), 1U);
+    EXPECT_FALSE(STPreferenceController::isChangingDebugLogging());
 }
 
 TEST_F(ADebugLoggingChange, ChangesTheMemoryAfterTheFileAndSignalsBeforeTheHubReloads) {

@@ -88,6 +88,19 @@ TEST_F(AProxy, SaysEachStep) {
               entry({}) + updated({"host", "uname", "pass", "port", "type", "httpAuthEnable"}));
 }
 
+TEST_F(AProxy, IsSaidOnOneLineForEachFieldWhateverItsTextsHold) {
+    Proxy proxy;
+    proxy.host = "first\tsecond";
+    proxy.user = "someone\nelse";
+    proxy.password = "s3\x7f";
+    Proxy printable = proxy;
+    printable.host = "first\\x09second";
+    printable.user = "someone\\x0aelse";
+    printable.password = "s3\\x7f";
+    EXPECT_EQ(linesOf([&] { set(proxy); }),
+              entry(printable) + updated({"host", "uname", "pass", "port", "type", "httpAuthEnable"}));
+}
+
 TEST_F(AProxy, OfTheValuesAtAStartIsADuplicateAndWritesNothing) {
     std::filesystem::remove(file());
     EXPECT_EQ(set(kInitial), kNone);
@@ -205,6 +218,17 @@ TEST_F(AProxy, KeepsEveryByteOfItsTexts) {
     EXPECT_EQ(set(proxy), kNone);
     EXPECT_EQ(stored("HttpAuthUname"), "blob 636166C3A9");
     EXPECT_EQ(stored("HttpAuthPass"), "blob FF012722");
+}
+
+TEST_F(AProxy, ThatCouldNotBeStoredIsNoDuplicateTheNextTime) {
+    Proxy proxy = kInitial;
+    proxy.host = "proxy.example";
+    const auto path = settingsPath();
+    settingsPath() = [](std::string&) { return false; };
+    EXPECT_EQ(set(proxy), kDatabase);
+    settingsPath() = path;
+    EXPECT_EQ(set(proxy), kNone);
+    EXPECT_EQ(stored("RPXProxyHost"), "blob 70726F78792E6578616D706C65");
 }
 
 TEST_F(AProxy, IsRefusedAndSaysSoWithoutAPathButPrintsNothing) {

@@ -2,19 +2,21 @@
 
 #include "tests/support/Eventually.h"
 
+#include <gtest/gtest.h>
+
 #include <dlfcn.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
-#include <iterator>
 #include <memory>
+#include <string>
 #include <utility>
 
 namespace {
 
 WorkerGate* gate = nullptr;
 LookedAtFile* lookedAtFile = nullptr;
-std::ptrdiff_t threadsBefore = 0;
 
 using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 
@@ -22,8 +24,8 @@ Create* realCreate() {
     return reinterpret_cast<Create*>(dlsym(RTLD_NEXT, "pthread_create"));
 }
 
-std::ptrdiff_t threadsNow() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+bool isThere(pid_t thread) {
+    return std::filesystem::exists("/proc/self/task/" + std::to_string(thread));
 }
 
 struct Start {
@@ -32,16 +34,24 @@ struct Start {
     WorkerGate* gate;
 };
 
+/// The way of one thread through the gate and out; the worker ends by unwinding, which runs the destructor.
+struct Passage {
+    explicit Passage(WorkerGate& of) : gate(of) { gate.pass(); }
+    Passage(const Passage&) = delete;
+    Passage& operator=(const Passage&) = delete;
+    ~Passage() { gate.leave(); }
+    WorkerGate& gate;
+};
+
 void* enter(void* start) {
     const auto held = *std::unique_ptr<Start>(static_cast<Start*>(start));
-    held.gate->pass();
+    const Passage passage(*held.gate);
     return held.routine(held.value);
 }
 
 } // namespace
 
 WorkerGate::WorkerGate() {
-    threadsBefore = threadsNow();
     gate = this;
 }
 
@@ -58,7 +68,11 @@ void WorkerGate::open() {
 }
 
 void WorkerGate::waitUntilAllEnded() {
-    testing_support::eventually([] { return threadsNow() <= threadsBefore; });
+    EXPECT_TRUE(testing_support::eventually([this] {
+        const std::lock_guard lock(m_mutex);
+        std::erase_if(m_threads, [](pid_t thread) { return !isThere(thread); });
+        return m_left == starts && m_threads.empty();
+    })) << "a worker goes on";
 }
 
 int WorkerGate::start(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* value) {
@@ -70,7 +84,13 @@ int WorkerGate::start(pthread_t* thread, const pthread_attr_t* attributes, void*
 
 void WorkerGate::pass() {
     std::unique_lock lock(m_mutex);
+    m_threads.push_back(gettid());
     m_changed.wait(lock, [this] { return m_isOpen; });
+}
+
+void WorkerGate::leave() {
+    const std::lock_guard lock(m_mutex);
+    ++m_left;
 }
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*),

@@ -6,8 +6,10 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <pthread.h>
+#include <sys/types.h>
 
 /// While one exists, every thread that the code starts waits at the gate until it is opened, and how it was started is
 /// on record.
@@ -30,11 +32,15 @@ public:
     // Used by the replaced calls.
     int start(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* value);
     void pass();
+    void leave();
 
 private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    bool m_isOpen = false; // guarded by m_mutex
+    // Guarded by m_mutex; what a thread did before it left is seen by who waited for it.
+    bool m_isOpen = false;
+    int m_left = 0;
+    std::vector<pid_t> m_threads; // that were not seen to end
 };
 
 /// While one exists, its hook is called whenever the code is about to look whether there is a file at its path.

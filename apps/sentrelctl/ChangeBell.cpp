@@ -1,9 +1,12 @@
 #include "apps/sentrelctl/ChangeBell.h"
 
 #include "apps/sentrelctl/Failure.h"
+#include "hub/HVBCommBroker.h"
 #include "hub/HVBMessages.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 #include <utility>
@@ -35,6 +38,30 @@ bool ChangeBell::handleEventNotification(HVB::EventData& event) {
     m_events.push_back(event.m_eventId);
     const std::uint64_t one = 1;
     return ::write(m_fd, &one, sizeof one) == sizeof one;
+}
+
+void ChangeBell::subscribe(const std::string& socketPath, std::initializer_list<std::int32_t> ids) {
+    HVB::HVBCommBroker* const broker = HVB::HVBCommBroker::getInstance(socketPath);
+    broker->setEventInterface(this);
+    broker->start(true);
+    for (const std::int32_t id : ids) {
+        HVB::EventData event(id);
+        broker->subscribeForEvent(event);
+    }
+}
+
+bool ChangeBell::waitUntil(std::chrono::steady_clock::time_point deadline) const {
+    for (;;) {
+        const auto rest = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        pollfd waiting{m_fd, POLLIN, 0};
+        const int ready = ::poll(&waiting, 1, static_cast<int>(std::max<std::int64_t>(rest.count(), 0)));
+        if (ready >= 0) {
+            return ready > 0;
+        }
+        if (errno != EINTR) {
+            throw Failure(ExitCode::Failed, "cannot wait for events", "", errnoText(errno), "");
+        }
+    }
 }
 
 std::vector<std::int32_t> ChangeBell::take() {

@@ -3,8 +3,11 @@
 
 #include "hub/HVBInterfaces.h"
 
+#include <chrono>
 #include <cstdint>
+#include <initializer_list>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace Sentrel::ctl {
@@ -21,8 +24,15 @@ public:
 
     bool handleEventNotification(HVB::EventData& event) override;
 
+    /// Has the process's broker deliver the events with @p ids here from now on.
+    /// @throws HVB::HVBException when the hub cannot be reached.
+    void subscribe(const std::string& socketPath, std::initializer_list<std::int32_t> ids);
+
     /// Readable while there are events that take has not given.
     int fd() const { return m_fd; }
+
+    /// Waits until there are such events. @return false when the deadline came first.
+    bool waitUntil(std::chrono::steady_clock::time_point deadline) const;
 
     /// The ids of the events that came since the last call, the oldest first.
     std::vector<std::int32_t> take();

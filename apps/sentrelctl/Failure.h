@@ -5,6 +5,7 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace Sentrel::ctl {
 
@@ -25,6 +26,11 @@ public:
     Failure(ExitCode code, std::string what, std::string where, std::string why, std::string nextStep);
 
     ExitCode code() const { return m_code; }
+    const std::string& why() const { return m_why; }
+    const std::string& nextStep() const { return m_nextStep; }
+
+    /// The same failure of another undertaking.
+    Failure of(std::string what) const { return {m_code, std::move(what), m_where, m_why, m_nextStep}; }
 
     /// The whole line without its newline, fit for a terminal whatever the parts held.
     std::string line() const;

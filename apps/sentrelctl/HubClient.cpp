@@ -93,6 +93,57 @@ std::chrono::microseconds HubClient::ping(const std::string& name, const std::st
     return timedCall(name, path, kPeerInterface, "Ping");
 }
 
+std::vector<ModuleHealth> HubClient::moduleHealth() {
+    const auto request = HVB::bus::newCall(*m_bus, HVB::bus::kHubName, HVB::bus::kHubPath, HVB::bus::kHubInterface,
+                                           HVB::bus::kStatusMember);
+    const auto reply = HVB::bus::call(*m_bus, *request, deadline());
+    if (sd_bus_message_has_signature(reply.get(), HVB::bus::kStatusReplySignature) <= 0) {
+        throw HVB::HVBException(-EBADMSG, "the hub's answer is no list of modules");
+    }
+    check(sd_bus_message_enter_container(reply.get(), 'a', "(iss)"), "reading the modules' health");
+    std::vector<ModuleHealth> modules;
+    int moduleId = 0;
+    const char* state = nullptr;
+    const char* since = nullptr;
+    while (const int found = sd_bus_message_read(reply.get(), "(iss)", &moduleId, &state, &since)) {
+        check(found, "reading the modules' health");
+        modules.push_back({moduleId, state, since});
+    }
+    return modules;
+}
+
+bool HubClient::publish(const HVB::EventData& event) {
+    const std::string member = HVB::bus::eventMember(event.m_eventId);
+    addMatch(std::string("type='signal',interface='") + HVB::bus::kEventsInterface + "',member='" + member + "'");
+    sd_bus_message* raw = nullptr;
+    check(
+        sd_bus_message_new_signal(m_bus.get(), &raw, HVB::bus::kEventsPath, HVB::bus::kEventsInterface, member.c_str()),
+        "making an event");
+    const HVB::bus::MessagePtr signal(raw);
+    check(sd_bus_message_append(raw, "ib", event.m_sequence, event.m_bHasPayload ? 1 : 0), "making an event");
+    HVB::bus::appendText(*signal, event.m_bHasPayload ? event.m_pOutStream->str() : std::wstring());
+    check(sd_bus_send(m_bus.get(), raw, nullptr), "publishing an event");
+    pingBus(); // the bus deals with one message after the other: it has dealt with the event when it answers this
+    return hearsItself(member);
+}
+
+/// Whether an event of this connection is among the messages that have arrived.
+bool HubClient::hearsItself(const std::string& member) {
+    const char* self = nullptr;
+    check(sd_bus_get_unique_name(m_bus.get(), &self), "asking for the connection's name");
+    bool isHeard = false;
+    for (int more = 1; more > 0;) {
+        sd_bus_message* received = nullptr;
+        more = sd_bus_process(m_bus.get(), &received);
+        const HVB::bus::MessagePtr message(received);
+        check(more, "listening to the hub");
+        const char* sender = message ? sd_bus_message_get_sender(received) : nullptr;
+        isHeard = isHeard || (sender != nullptr && std::string_view(sender) == self &&
+                              sd_bus_message_is_signal(received, HVB::bus::kEventsInterface, member.c_str()) > 0);
+    }
+    return isHeard;
+}
+
 std::vector<StoredRecord> HubClient::readLog(std::uint64_t after, std::uint32_t limit, bool newest) {
     const auto request = HVB::bus::newCall(*m_bus, HVB::bus::kHubName, HVB::bus::kHubPath, HVB::bus::kHubInterface,
                                            HVB::bus::kReadLogMember);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "apps/sentrelctl/Report.h"
+#include "hub/HVBMessages.h"
 #include "platform/hvbhelpers/BusConnection.h"
 
 #include <chrono>
@@ -11,6 +12,14 @@
 #include <vector>
 
 namespace Sentrel::ctl {
+
+/// What hvbd knows of a module.
+/// Threads: a plain value. Owner: whoever asked.
+struct ModuleHealth {
+    int moduleId;
+    std::string state; ///< "well", "unwell", "silent" or "gone"
+    std::string since; ///< as 2026-01-31T08:30:00Z
+};
 
 /// One connection to the hub's bus. After any exception it is of no more use.
 /// Threads: one at a time. Owner: the verb.
@@ -26,6 +35,13 @@ public:
 
     /// Asks the process behind @p name whether it is there. @return how long the answer took.
     std::chrono::microseconds ping(const std::string& name, const std::string& path);
+
+    /// What hvbd knows of the modules' health: only root and hvbd's own user may ask.
+    std::vector<ModuleHealth> moduleHealth();
+
+    /// Publishes @p event. The bus drops without a word what its policy refuses, so
+    /// this listens for its own event. @return false when the policy refuses this user.
+    bool publish(const HVB::EventData& event);
 
     /// At most @p limit records behind @p after in ascending order: the oldest of them, or the @p newest.
     /// There may be fewer than the limit although there are more records.
@@ -59,6 +75,7 @@ private:
                                         const char* member);
     void addMatch(const std::string& rule);
     bool takeMessage(bool& isStored);
+    bool hearsItself(const std::string& member);
     std::optional<Wake> waitForInput(int bellFd, int stopFd, int outputFd);
 
     double m_timeout;

@@ -1,15 +1,10 @@
 #include "apps/sentrelctl/PreferenceClient.h"
 
 #include "apps/sentrelctl/PreferenceNames.h"
-#include "daemon/Paths.h"
-#include "hub/HVBCommBroker.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 
-#include <cerrno>
-#include <cmath>
 #include <exception>
 #include <fmt/format.h>
-#include <new>
 #include <utility>
 
 namespace Sentrel::ctl {
@@ -17,49 +12,11 @@ namespace {
 
 using HVB::MODULE_SENTREL;
 
-constexpr const char* kCannotRead = "cannot read the preferences";
-constexpr const char* kCannotChange = "cannot change the preferences";
-constexpr const char* kCannotReset = "cannot reset the preferences";
-
-/// A command over the hub that failed, told as one of preferences.
-Failure commandFailure(const HVB::HVBException& error, const char* what, const std::string& socketPath, bool isWrite) {
-    if (error.code() == -ETIMEDOUT && isWrite) {
-        return {ExitCode::TimedOut, what, "", error.message(),
-                "The daemon may still do it: look with 'sentrelctl prefs show', or give it longer with --timeout"};
-    }
-    // What comes from the daemon itself: its exception left the handler, or it does not know the command.
-    if (exitCodeOfHub(error.code()) == ExitCode::Failed) {
-        const bool isConfiguration = error.message().find("HVConfig.xml") != std::string::npos;
-        return {
-            ExitCode::Failed, what, "the daemon", error.message(),
-            isConfiguration
-                ? fmt::format("See that the daemon's user can read {}, then try again", paths::moduleConfiguration())
-                : fmt::format("The daemon's trace log {} says more, if tracing is on", paths::traceLog())};
-    }
-    return hubFailure(error, what, socketPath);
-}
-
-Failure unreadable(const char* what, const char* why) {
-    return {ExitCode::Failed, what, "the daemon's answer cannot be read", why,
-            "Use a sentrelctl of the daemon's version"};
-}
-
-/// Takes the one value out of @p result.
-template <class Value>
-Value payloadOf(HVB::CommandResult& result, const char* what) {
-    if (result.m_pInArchive == nullptr) {
-        throw unreadable(what, "it has no payload");
-    }
-    Value value{};
-    try {
-        result.readPayload(value);
-    } catch (const std::bad_alloc&) {
-        throw;
-    } catch (const std::exception& error) {
-        throw unreadable(what, error.what());
-    }
-    return value;
-}
+constexpr const char* kAfterTimeout =
+    "The daemon may still do it: look with 'sentrelctl prefs show', or give it longer with --timeout";
+constexpr CommandPurpose kReading{"cannot read the preferences"};
+constexpr CommandPurpose kChanging{"cannot change the preferences", kAfterTimeout};
+constexpr CommandPurpose kResetting{"cannot reset the preferences", kAfterTimeout};
 
 Snapshot snapshotOf(STPreferences values) {
     Snapshot snapshot;
@@ -68,7 +25,7 @@ Snapshot snapshotOf(STPreferences values) {
             snapshot.list.push_back({url, action});
         }
     } catch (const std::exception& error) {
-        throw unreadable(kCannotRead, error.what());
+        throw unreadableAnswer(kReading.what, error.what());
     }
     values.m_allowBlockDetails.clear();
     snapshot.values = std::move(values);
@@ -87,55 +44,37 @@ void refuseTooLarge(const HVB::CommandData& command, const char* what) {
 
 } // namespace
 
-PreferenceClient::PreferenceClient(double timeout)
-    : m_socketPath(paths::hubSocket()), m_timeout(static_cast<int>(std::ceil(timeout))) {}
-
-PreferenceClient::~PreferenceClient() {
-    HVB::HVBCommBroker::releaseInstance();
-}
-
-void PreferenceClient::send(HVB::CommandData& command, HVB::CommandResult& result, const char* what,
-                            bool isWrite) const {
-    try {
-        HVB::HVBCommBroker::getInstance(m_socketPath)->sendCommand(command, &result, true, m_timeout);
-    } catch (const HVB::HVBException& error) {
-        throw commandFailure(error, what, m_socketPath, isWrite);
-    }
-}
+PreferenceClient::PreferenceClient(double timeout) : m_channel(timeout) {}
 
 /// A change is answered with a code; the flags say only whether there is an answer.
-void PreferenceClient::sendChange(HVB::CommandData& command, const char* what) const {
+void PreferenceClient::sendChange(HVB::CommandData& command, const CommandPurpose& purpose) const {
     HVB::CommandResult result;
-    send(command, result, what, true);
-    if (!result.m_bSucceeded || !result.m_bValid) {
-        throw Failure(ExitCode::Failed, what, "the daemon", "it says that the command failed",
-                      fmt::format("Its trace log {} says more, if tracing is on", paths::traceLog()));
-    }
-    const int error = payloadOf<int>(result, what);
+    m_channel.sendAndCheck(command, result, purpose);
+    const int error = payloadOf<int>(result, purpose.what);
     if (error != ST_ERROR_NONE) {
-        throw refusal(error, what);
+        throw refusal(error, purpose.what);
     }
 }
 
 Snapshot PreferenceClient::readAll() {
     HVB::CommandData command(ST_GET_PREFS, MODULE_SENTREL, true);
     HVB::CommandResult result;
-    send(command, result, kCannotRead, false);
+    m_channel.send(command, result, kReading);
     if (!result.m_bSucceeded || !result.m_bValid) {
-        throw refusal(ST_ERROR_GENERIC, kCannotRead);
+        throw refusal(ST_ERROR_GENERIC, kReading.what);
     }
-    return snapshotOf(payloadOf<STPreferences>(result, kCannotRead));
+    return snapshotOf(payloadOf<STPreferences>(result, kReading.what));
 }
 
 Snapshot PreferenceClient::read(STPrefType type) {
     HVB::CommandData command(ST_GET_PREFS_INDIVIDUAL, MODULE_SENTREL, true);
     command.writePayload(static_cast<int>(type));
     HVB::CommandResult result;
-    send(command, result, kCannotRead, false);
+    m_channel.send(command, result, kReading);
     if (!result.m_bSucceeded || !result.m_bValid) {
-        throw refusal(ST_ERROR_INVALID_PREFERENCE, kCannotRead);
+        throw refusal(ST_ERROR_INVALID_PREFERENCE, kReading.what);
     }
-    return snapshotOf(payloadOf<STPreferences>(result, kCannotRead));
+    return snapshotOf(payloadOf<STPreferences>(result, kReading.what));
 }
 
 void PreferenceClient::write(STPrefType type, STPreferences values) {
@@ -143,8 +82,8 @@ void PreferenceClient::write(STPrefType type, STPreferences values) {
     values.m_bIndividual = true;
     HVB::CommandData command(ST_SET_PREFS_INDIVIDUAL, MODULE_SENTREL, true);
     command.writePayload(values);
-    refuseTooLarge(command, kCannotChange);
-    sendChange(command, kCannotChange);
+    refuseTooLarge(command, kChanging.what);
+    sendChange(command, kChanging);
 }
 
 void PreferenceClient::writeList(const UrlList& list) {
@@ -159,7 +98,7 @@ void PreferenceClient::writeList(const UrlList& list) {
 
 void PreferenceClient::reset() {
     HVB::CommandData command(ST_RESET_PREFS, MODULE_SENTREL, true);
-    sendChange(command, kCannotReset);
+    sendChange(command, kResetting);
 }
 
 } // namespace Sentrel::ctl

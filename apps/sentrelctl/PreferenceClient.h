@@ -1,12 +1,10 @@
 // The preferences as a client of the daemon reads and changes them: the five commands, each with its answer checked.
 #pragma once
 
-#include "apps/sentrelctl/Failure.h"
+#include "apps/sentrelctl/CommandChannel.h"
 #include "apps/sentrelctl/UrlList.h"
 #include "hub/HVBMessages.h"
 #include "hub/STPreferences.h"
-
-#include <string>
 
 namespace Sentrel::ctl {
 
@@ -23,9 +21,6 @@ class PreferenceClient {
 public:
     /// Connects to nothing yet. @param timeout seconds that each command may take; a part of one counts as a whole.
     explicit PreferenceClient(double timeout);
-    ~PreferenceClient();
-    PreferenceClient(const PreferenceClient&) = delete;
-    PreferenceClient& operator=(const PreferenceClient&) = delete;
 
     /// All preferences. @throws Failure when there is no answer or none that can be read; so do those below.
     Snapshot readAll();
@@ -44,11 +39,9 @@ public:
     void reset();
 
 private:
-    void send(HVB::CommandData& command, HVB::CommandResult& result, const char* what, bool isWrite) const;
-    void sendChange(HVB::CommandData& command, const char* what) const;
+    void sendChange(HVB::CommandData& command, const CommandPurpose& purpose) const;
 
-    std::string m_socketPath;
-    int m_timeout;
+    CommandChannel m_channel;
 };
 
 } // namespace Sentrel::ctl

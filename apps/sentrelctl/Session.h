@@ -40,12 +40,17 @@ void registerSettings(CLI::App& app, Session& session);
 void registerPolicy(CLI::App& app, Session& session);
 void registerFleet(CLI::App& app, Session& session);
 void registerAgent(CLI::App& app, Session& session);
+void registerStatus(CLI::App& app, Session& session);
+void registerAbout(CLI::App& app, Session& session);
+void registerDebug(CLI::App& app, Session& session);
+void registerProxy(CLI::App& app, Session& session);
+void registerDoctor(CLI::App& app, Session& session);
 
 /// In the order in which the help lists them.
-inline constexpr std::array<RegisterVerb, 13> kVerbs{
-    registerEventSend, registerDecrypt,   registerLog,        registerHubPing, registerPrefs,
-    registerList,      registerListFiles, registerCategories, registerWatch,   registerSettings,
-    registerPolicy,    registerFleet,     registerAgent};
+inline constexpr std::array<RegisterVerb, 18> kVerbs{
+    registerStatus, registerAbout, registerDoctor,   registerHubPing,   registerEventSend,  registerDecrypt,
+    registerLog,    registerPrefs, registerList,     registerListFiles, registerCategories, registerWatch,
+    registerDebug,  registerProxy, registerSettings, registerPolicy,    registerFleet,      registerAgent};
 
 /// The subcommand that groups verbs on one subject, made by whichever of them comes first.
 CLI::App& verbGroup(CLI::App& app, const std::string& name, const std::string& description);

@@ -5,8 +5,10 @@
 #include "apps/sentrelctl/Failure.h"
 #include "store/DBSettings.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
@@ -208,6 +210,22 @@ SettingsTables lookBefore(const std::string& path) {
     return tables;
 }
 
+/// A key is stored with its terminator.
+std::optional<std::string> valueOf(const std::string& path, const CVXDBSettings& settings, const char* key) {
+    constexpr std::string_view sql = "select value from vxsetting where name=?";
+    CSQLiteRowSet row;
+    const bool isAsked =
+        row.Open(settings, sql.data(), sql.size()) && row.BindText(1, key, std::strlen(key) + 1) && row.Execute();
+    if (isAsked && row.m_bHasRow) {
+        const auto [bytes, size] = row.GetColBlob(0);
+        return std::string(static_cast<const char*>(bytes), static_cast<std::size_t>(size));
+    }
+    if (!isAsked || !row.Reset()) { // only that tells that the step failed
+        throw databaseFailure(path, settings);
+    }
+    return std::nullopt;
+}
+
 void refuseUnwritable(const std::string& path, const std::string& directory) {
     if (::access(directory.c_str(), W_OK | X_OK) != 0) {
         throw systemFailure(directory, errno);
@@ -230,6 +248,41 @@ void create(const std::string& path) {
 }
 
 } // namespace
+
+SettingsTables findSettingsTables(const std::string& path, const char* what) {
+    try {
+        struct stat status {};
+        if (::lstat(path.c_str(), &status) != 0) {
+            throw errno == ENOENT ? failure(path, "there is no such file", "Make it with 'sentrelctl settings init'")
+                                  : systemFailure(path, errno);
+        }
+        return lookBefore(path);
+    } catch (const Failure& failure) {
+        throw failure.of(what);
+    }
+}
+
+std::vector<std::optional<std::string>> readSettings(const std::string& path, const std::vector<const char*>& keys,
+                                                     const char* what) {
+    const SettingsTables tables = findSettingsTables(path, what);
+    try {
+        if (std::find(tables.present.begin(), tables.present.end(), "vxsetting") == tables.present.end()) {
+            throw failure(path, "its table vxsetting is missing", "Make it with 'sentrelctl settings init'");
+        }
+        CVXDBSettings settings;
+        if (!settings.Init(path.c_str(), false)) {
+            throw databaseFailure(path, settings);
+        }
+        std::vector<std::optional<std::string>> values;
+        values.reserve(keys.size());
+        for (const char* key : keys) {
+            values.push_back(valueOf(path, settings, key));
+        }
+        return values;
+    } catch (const Failure& failure) {
+        throw failure.of(what);
+    }
+}
 
 SettingsTables makeSettingsTables(const std::string& path) {
     const std::string directory = path.substr(0, path.rfind('/'));

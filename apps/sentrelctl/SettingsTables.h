@@ -1,17 +1,29 @@
 // Laying the tables into the settings file, which the daemon itself never does.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace Sentrel::ctl {
 
-/// What was found and what was made.
+/// Which tables were there, and which were made, or would have to be.
 /// Threads: a plain value. Owner: the verb.
 struct SettingsTables {
     std::vector<std::string> present;
     std::vector<std::string> created;
 };
+
+/// Looks which of the tables the settings file at @p path has, and which it lacks. Nothing is changed.
+/// @param what could not be done, for a failure.
+/// @throws Failure when there is no such file, it is no settings file, or it cannot be read.
+SettingsTables findSettingsTables(const std::string& path, const char* what);
+
+/// The bytes that the settings file has under each of @p keys; none for a key that it does not have. Nothing is
+/// changed.
+/// @throws Failure, as findSettingsTables does, and when the table of the single settings is missing.
+std::vector<std::optional<std::string>> readSettings(const std::string& path, const std::vector<const char*>& keys,
+                                                     const char* what);
 
 /// Makes the tables that the settings file at @p path lacks, and the file when there is none. Nothing that is there is
 /// touched. A process of root's becomes the owner of the directory for this, and for good: the file then belongs to

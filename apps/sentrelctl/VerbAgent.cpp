@@ -3,6 +3,7 @@
 #include "apps/sentrelctl/Failure.h"
 #include "apps/sentrelctl/Fleet.h"
 #include "apps/sentrelctl/PolicySigning.h"
+#include "apps/sentrelctl/SecretInput.h"
 #include "apps/sentrelctl/Session.h"
 #include "daemon/Paths.h"
 #include "platform/hvbagent/Limits.h"
@@ -12,10 +13,7 @@
 #include <cerrno>
 #include <fmt/format.h>
 #include <memory>
-#include <sodium.h>
 #include <system_error>
-#include <termios.h>
-#include <unistd.h>
 
 namespace Sentrel::ctl {
 
@@ -85,49 +83,8 @@ void keygen(Session& session, const KeygenOptions& options) {
                           : jsonText(Json{{"key_file", validUtf8(file)}}, session.json));
 }
 
-/// While it lives, a terminal does not show what is typed.
-/// Threads: plain. Owner: a local.
-class NoEcho {
-public:
-    explicit NoEcho(int fd) : m_fd(fd), m_isTerminal(::tcgetattr(fd, &m_before) == 0) {
-        if (m_isTerminal) {
-            termios silent = m_before;
-            silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-            static_cast<void>(::tcsetattr(m_fd, TCSAFLUSH, &silent));
-        }
-    }
-    ~NoEcho() {
-        if (m_isTerminal) {
-            static_cast<void>(::tcsetattr(m_fd, TCSAFLUSH, &m_before));
-        }
-    }
-    NoEcho(const NoEcho&) = delete;
-    NoEcho& operator=(const NoEcho&) = delete;
-
-    bool isTerminal() const { return m_isTerminal; }
-
-private:
-    int m_fd;
-    termios m_before{};
-    bool m_isTerminal;
-};
-
-/// A line from a terminal, everything from elsewhere; the newline at the end is the editor's or the shell's.
 std::string clearText(Session& session) {
-    const NoEcho noEcho(session.inputFd);
-    std::string text;
-    if (noEcho.isTerminal()) {
-        session.err.write("Text to encrypt (it is not shown): ");
-        for (char c = 0; ::read(session.inputFd, &c, 1) == 1 && c != '\n';) {
-            text += c;
-        }
-        session.err.write("\n");
-    } else {
-        text = readAll(session.inputFd, "standard input", agent::kMaxClearText + 1);
-        if (text.ends_with('\n')) {
-            text.pop_back();
-        }
-    }
+    std::string text = secretFromInput(session, "Text to encrypt (it is not shown): ", agent::kMaxClearText);
     if (text.empty()) {
         throw Failure(ExitCode::BadUsage, "nothing was encrypted", "", "there is no text on standard input", "");
     }
@@ -137,11 +94,8 @@ std::string clearText(Session& session) {
 void encrypt(Session& session, const EncryptOptions& options) {
     const std::string file = options.keyFile.empty() ? paths::agentKey() : options.keyFile;
     const std::string encrypted = telling("nothing was encrypted", [&] {
-        const agent::SecretKey key = agent::SecretKey::load(file);
         std::string clear = clearText(session);
-        std::string text = agent::encrypted(key, clear);
-        sodium_memzero(clear.data(), clear.size());
-        return text;
+        return encryptedWith(file, clear);
     });
     if (encrypted.size() > kMaxEncryptedBytes) {
         throw Failure(ExitCode::BadUsage, "nothing was encrypted", "",

@@ -10,7 +10,7 @@
 #include "apps/sentrelctl/StopSignals.h"
 #include "apps/sentrelctl/Times.h"
 #include "daemon/Paths.h"
-#include "hub/HVBCommBroker.h"
+#include "hub/HubIds.h"
 
 #include <chrono>
 #include <fmt/format.h>
@@ -30,16 +30,6 @@ struct Options {
 std::int64_t microsecondsNow() {
     return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
         .count();
-}
-
-void subscribe(ChangeBell& bell, const std::string& socketPath) {
-    HVB::HVBCommBroker* const broker = HVB::HVBCommBroker::getInstance(socketPath);
-    broker->setEventInterface(&bell);
-    broker->start(true);
-    for (const EventId id : {EVT_DASHBOARD_STATUS_CHANGE, EVT_PREFERENCES_CHANGE}) {
-        HVB::EventData event(id);
-        broker->subscribeForEvent(event);
-    }
 }
 
 /// What there is to begin with.
@@ -82,7 +72,7 @@ void watchUntilStopped(Session& session, const Options& options) {
     hub.subscribeToFarewell();
     ChangeBell bell;
     PreferenceClient client(options.timeout); // ends the broker before the bell goes
-    subscribe(bell, path);
+    bell.subscribe(path, {EVT_DASHBOARD_STATUS_CHANGE, EVT_PREFERENCES_CHANGE});
     Snapshot known = client.readAll();
     showStart(session, known);
     while (hub.waitForBell(bell.fd(), stop.fd(), session.out.fd()) == HubClient::Wake::Bell) {

@@ -24,8 +24,8 @@ protected:
 
 TEST_F(ACompletion, OffersTheVerbs) {
     EXPECT_EQ(offered("''"),
-              "--color --help --json --version agent categories decrypt encrypt event hub list log policy prefs "
-              "properties settings state watch ");
+              "--color --help --json --version about agent categories debug decrypt doctor encrypt event hub list "
+              "log policy prefs properties proxy settings state status watch ");
     EXPECT_EQ(offered("prefs ''"), "--help reset set show ");
     EXPECT_EQ(offered("list ''"), "--help allow block export import remove show ");
     EXPECT_EQ(offered("categories ''"), "--help add remove set show ");
@@ -33,6 +33,8 @@ TEST_F(ACompletion, OffersTheVerbs) {
     EXPECT_EQ(offered("policy ''"), "--help check push results ");
     EXPECT_EQ(offered("properties ''"), "--help show ");
     EXPECT_EQ(offered("agent ''"), "--help keygen ");
+    EXPECT_EQ(offered("debug ''"), "--help off on show ");
+    EXPECT_EQ(offered("proxy ''"), "--help set show ");
 }
 
 TEST_F(ACompletion, OffersPreferencesAndTheirValues) {
@@ -57,6 +59,7 @@ TEST_F(ACompletion, OffersFilesToImportAndExport) {
     EXPECT_EQ(offered("policy push --sign " + prefix), prefix + ".txt ");
     EXPECT_EQ(offered("state --credentials " + prefix), prefix + ".txt ");
     EXPECT_EQ(offered("encrypt --key " + prefix), prefix + ".txt ");
+    EXPECT_EQ(offered("proxy set host --password-file " + prefix), prefix + ".txt ");
 }
 
 TEST_F(ACompletion, OffersTheOptionsOfAVerb) {
@@ -67,6 +70,10 @@ TEST_F(ACompletion, OffersTheOptionsOfAVerb) {
     EXPECT_EQ(offered("log --json = p"), "pretty ");
     EXPECT_EQ(offered("policy push p.json --g"), "--group ");
     EXPECT_EQ(offered("state --m"), "--machine ");
+    EXPECT_EQ(offered("proxy set host --a"), "--as-is --auth ");
+    EXPECT_EQ(offered("debug on --t"), "--timeout ");
+    EXPECT_EQ(offered("doctor --"), "--color --help --json --timeout ");
+    EXPECT_EQ(offered("proxy show --"), "--color --help --json ");
 }
 
 } // namespace

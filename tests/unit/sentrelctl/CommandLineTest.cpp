@@ -72,7 +72,15 @@ TEST_F(ACommandLine, ShowsHelpWithAnExampleForEveryVerb) {
                                                       {"categories", "add"},
                                                       {"categories", "remove"},
                                                       {"watch"},
-                                                      {"settings", "init"}};
+                                                      {"settings", "init"},
+                                                      {"status"},
+                                                      {"about"},
+                                                      {"doctor"},
+                                                      {"debug", "on"},
+                                                      {"debug", "off"},
+                                                      {"debug", "show"},
+                                                      {"proxy", "set"},
+                                                      {"proxy", "show"}};
     for (std::vector<std::string> verb : verbs) {
         verb.emplace_back("--help");
         Captured out;
@@ -182,6 +190,27 @@ TEST_F(ACommandLine, RefusesWhatCanBeNoUrlAndNoCategory) {
                       "\xE2\x80\xA6: it has 1024 bytes, at most 1023. Nothing was changed.");
     expectRefused({"categories", "add", "\x1b"}, "sentrelctl: not the name of a category: \\x1b: it has a control "
                                                  "character in it. Nothing was changed.");
+}
+
+TEST_F(ACommandLine, TakesNoPasswordAsAnArgument) {
+    use({"proxy", "set", "--help"});
+    EXPECT_NE(m_out.text().find("--password-file FILE"), std::string::npos) << m_out.text();
+    expectRefused({"proxy", "set", "a", "--user", "u", "--password", "secret"},
+                  "sentrelctl: bad usage: '--password' was not expected. See 'sentrelctl proxy set --help'.");
+    expectRefused({"proxy", "set", "a", "secret"},
+                  "sentrelctl: bad usage: 'secret' was not expected. See 'sentrelctl proxy set --help'.");
+}
+
+TEST_F(ACommandLine, RefusesHalfAnOrderForTheProxyBeforeItConnects) {
+    for (const char* option : {"--auth", "--as-is"}) {
+        expectRefused({"proxy", "set", "a", option},
+                      "sentrelctl: bad usage: --auth, --password-file and --as-is need a --user. See 'sentrelctl proxy "
+                      "set --help'.");
+    }
+    expectRefused({"proxy", "set", "a", "--port", "65536"},
+                  "sentrelctl: bad usage: --port: Value 65536 not in range 1 to 65535. See 'sentrelctl proxy set "
+                  "--help'.");
+    expectRefused({"debug"}, "sentrelctl: bad usage: A subcommand is required. See 'sentrelctl debug --help'.");
 }
 
 TEST_F(ACommandLine, RefusesToWriteLinesAsJson) {

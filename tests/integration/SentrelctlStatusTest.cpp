@@ -1,0 +1,351 @@
+// sentrelctl status, about and debug. Real: the program, the bus with the shipped policy, hvbd, sentreld and the hub's
+// configuration file. Where an answer is needed that a healthy daemon does not give, the test stands in for sentreld.
+#include "hub/HVBCommBroker.h"
+#include "hub/Payloads.h"
+#include "tests/integration/SentrelctlRun.h"
+#include "tests/support/AsUser.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/Machine.h"
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sys/stat.h>
+#include <utility>
+
+namespace testing_support {
+namespace {
+
+/// A machine on which nothing runs but the bus, and a client of it.
+class AClientOfAMachine : public testing::Test {
+protected:
+    CtlResult use(const std::vector<std::string>& arguments, std::optional<uid_t> uid = {}) {
+        return ctl(m_machine.root(), arguments, "", uid);
+    }
+
+    /// Uses it for something that works. @return its output.
+    std::string does(const std::vector<std::string>& arguments, std::optional<uid_t> uid = {}) {
+        const CtlResult result = use(arguments, uid);
+        EXPECT_EQ(result.code, 0) << result.err;
+        EXPECT_EQ(result.err, "");
+        return result.out;
+    }
+
+    Machine m_machine;
+};
+
+/// The same with hvbd and sentreld.
+class AClientOfADaemon : public AClientOfAMachine {
+protected:
+    AClientOfADaemon() {
+        m_machine.initSettings();
+        m_machine.startHub();
+        EXPECT_TRUE(m_machine.startDaemon());
+    }
+
+    /// The status without the health, which hvbd finds out when it comes to that.
+    std::string statusWithoutHealth() { return std::regex_replace(does({"status"}), std::regex("health .*\n"), ""); }
+
+    std::string configuration() { return contentOf(m_machine.configurationFile()); }
+};
+
+// Status.
+
+TEST_F(AClientOfADaemon, TellsTheStatusOfAnUnmanagedMachine) {
+    EXPECT_EQ(statusWithoutHealth(), "status             enabled\n"
+                                     "managed            no\n"
+                                     "protection         on\n"
+                                     "reason             the preference says on\n");
+    does({"prefs", "set", "protection", "off"});
+    EXPECT_EQ(statusWithoutHealth(), "status             disabled\n"
+                                     "managed            no\n"
+                                     "protection         off\n"
+                                     "reason             the preference says off\n");
+}
+
+TEST_F(AClientOfADaemon, TellsTheStatusInJson) {
+    const nlohmann::ordered_json status = nlohmann::ordered_json::parse(does({"status", "--json=short"}));
+    const std::string text = status.dump();
+    EXPECT_TRUE(text.starts_with(R"({"status":"enabled","code":0,"token":"ENABLED_STRING","managed":false,)"
+                                 R"("protection":true,"reason":"the preference says on","health":)"))
+        << text;
+}
+
+TEST_F(AClientOfADaemon, TellsTheStatusToEveryUserButTheHealthToRootAlone) {
+    if (!canActAsOthers()) {
+        GTEST_SKIP() << "only root can act as others";
+    }
+    EXPECT_EQ(does({"status"}, kNobody), "status             enabled\n"
+                                         "managed            no\n"
+                                         "protection         on\n"
+                                         "reason             the preference says on\n"
+                                         "health             unknown: hvbd tells it to root alone\n");
+}
+
+TEST_F(AClientOfADaemon, TellsTheStatusWithoutHvbd) {
+    m_machine.hub().terminate();
+    EXPECT_TRUE(does({"status"}).ends_with("\nhealth             unknown: hvbd is not running\n"));
+}
+
+TEST_F(AClientOfAMachine, TellsTheHealthThatHvbdFound) {
+    m_machine.initSettings();
+    ChildProcess hvbd(programUnderTest("HVBD_ROOTED"),
+                      {.arguments = {"--health-interval", "1"},
+                       .environment = {"SENTREL_INSTALL_ROOT=" + m_machine.root().path().string()},
+                       .outputFile = m_machine.root().file("hvbd.out"),
+                       .uid = {},
+                       .gid = {}});
+    ASSERT_TRUE(m_machine.startDaemon());
+    const std::regex well("health             well since \\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ\n");
+    EXPECT_TRUE(eventually([&] { return std::regex_search(does({"status"}), well); })) << does({"status"});
+    const nlohmann::json status = nlohmann::json::parse(does({"status", "--json=short"}));
+    EXPECT_EQ(status.at("health"), "well");
+    EXPECT_TRUE(status.at("health_since").is_string());
+    EXPECT_TRUE(status.at("health_error").is_null());
+}
+
+TEST_F(AClientOfAMachine, SaysThatTheDaemonIsNotRunning) {
+    m_machine.startHub();
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"status"}, {"about"}, {"debug", "on"}, {"debug", "show"}, {"proxy", "set", "proxy.example"}}) {
+        const CtlResult result = use(arguments);
+        EXPECT_EQ(result.code, 8) << arguments.front() << result.err;
+        EXPECT_EQ(result.out, "");
+        EXPECT_NE(result.err.find("com.orvanta.hvb1.Module7"), std::string::npos) << result.err;
+    }
+}
+
+TEST_F(AClientOfAMachine, SaysThatThereIsNoHub) {
+    m_machine.bus().kill9();
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"status"}, {"about"}, {"debug", "off"}, {"debug", "show"}, {"proxy", "set", "proxy.example"}}) {
+        const CtlResult result = use(arguments);
+        EXPECT_EQ(result.code, 8) << result.err;
+        EXPECT_TRUE(result.err.ends_with(". Start the hub (its dbus-daemon and hvbd), then try again.\n"))
+            << result.err;
+    }
+}
+
+// About.
+
+TEST_F(AClientOfADaemon, TellsTheVersions) {
+    EXPECT_EQ(does({"about"}), "version            0.1.0 (1)\n"
+                               "service-pack       none\n"
+                               "hotfixes           none\n");
+    EXPECT_EQ(does({"about", "--json=short"}),
+              R"json({"module":7,"version":"0.1.0 (1)","service_pack":null,"hotfixes":null})json"
+              "\n");
+    std::ofstream(m_machine.configurationFile())
+        << "<HVConfiguration><SyslogEnable>true</SyslogEnable><LogLevel>information</LogLevel>"
+           "<HVVersion>1.2</HVVersion><BuildNumber>456</BuildNumber><PatchVersion>3</PatchVersion>"
+           "<ServicePack>SP2</ServicePack><Hotfixes>HF7</Hotfixes></HVConfiguration>";
+    EXPECT_EQ(does({"about"}), "version            1.2 3 (456)\n"
+                               "service-pack       SP2\n"
+                               "hotfixes           HF7\n");
+}
+
+TEST_F(AClientOfADaemon, SaysWhatToDoWhenTheVersionsCannotBeRead) {
+    std::filesystem::remove(m_machine.configurationFile());
+    const CtlResult result = use({"about"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_TRUE(result.err.starts_with("sentrelctl: cannot read the versions: the daemon: ")) << result.err;
+    EXPECT_TRUE(result.err.ends_with(". See that the daemon's user can read " + m_machine.configurationFile() +
+                                     ", then try again.\n"))
+        << result.err;
+}
+
+// Debug logging.
+
+TEST_F(AClientOfADaemon, SwitchesDebugLoggingAndSaysWhatIsInForce) {
+    EXPECT_EQ(does({"debug", "show"}), "debug-logging      off\n");
+    EXPECT_EQ(does({"debug", "on"}), "debug-logging      on\n");
+    EXPECT_NE(configuration().find("<LogLevel>debug</LogLevel>"), std::string::npos) << configuration();
+    EXPECT_EQ(does({"debug", "show", "--json=short"}), "{\"debug_logging\":true}\n");
+    EXPECT_EQ(does({"debug", "on"}), "debug-logging      on\n") << "it is on already";
+    EXPECT_EQ(does({"debug", "off", "--json=short"}), "{\"debug_logging\":false}\n");
+    EXPECT_NE(configuration().find("<LogLevel>information</LogLevel>"), std::string::npos) << configuration();
+}
+
+TEST_F(AClientOfADaemon, SwitchesDebugLoggingForAdministratorsAlone) {
+    if (!canActAsOthers()) {
+        GTEST_SKIP() << "only root can act as others";
+    }
+    EXPECT_EQ(does({"debug", "show"}, kNobody), "debug-logging      off\n");
+    const CtlResult refused = use({"debug", "on"}, kNobody);
+    EXPECT_EQ(refused.code, 4);
+    EXPECT_TRUE(refused.err.starts_with("sentrelctl: cannot switch the debug logging: ")) << refused.err;
+    EXPECT_TRUE(refused.err.ends_with(". Run it as root or as a member of the group sentrel-admin.\n")) << refused.err;
+    EXPECT_EQ(does({"debug", "show"}), "debug-logging      off\n");
+}
+
+TEST_F(AClientOfADaemon, SaysWhatToLookAtWhenTheDaemonCannotReadItsConfiguration) {
+    std::filesystem::remove(m_machine.configurationFile());
+    const CtlResult result = use({"debug", "on"}); // the first that asks for a preference, which reads the file
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "sentrelctl: cannot switch the debug logging: the daemon: the module did not answer. The "
+                          "daemon must be able to read and replace HVConfig.xml: 'sentrelctl doctor' looks at it.\n");
+}
+
+TEST_F(AClientOfADaemon, SaysWhatToLookAtWhenDebugLoggingDoesNotChange) {
+    does({"debug", "show"});
+    std::filesystem::remove(m_machine.configurationFile());
+    std::filesystem::create_directory(m_machine.configurationFile());
+    const CtlResult result = use({"debug", "on", "--timeout", "1"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.out, "debug-logging      off\n");
+    EXPECT_EQ(result.err, "sentrelctl: not what was asked for: debug-logging: it is still off after 1 seconds. See "
+                          "that the daemon's user can write " +
+                              m_machine.configurationFile() +
+                              " and its directory, and that no other change was under way; 'sentrelctl doctor' looks "
+                              "at the file.\n");
+}
+
+TEST_F(AClientOfADaemon, GivesUpOnADaemonThatHangs) {
+    m_machine.daemon().hold();
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"status", "--timeout", "1"}, {"about", "--timeout", "1"}, {"debug", "show", "--timeout", "1"}}) {
+        const CtlResult result = use(arguments);
+        EXPECT_EQ(result.code, 3) << result.err;
+        EXPECT_TRUE(result.err.ends_with("Try again, or give it longer with --timeout.\n")) << result.err;
+    }
+    const CtlResult result = use({"debug", "on", "--timeout", "1"});
+    EXPECT_EQ(result.code, 3);
+    EXPECT_TRUE(result.err.ends_with("The daemon may still do it: look with 'sentrelctl debug show'.\n")) << result.err;
+    m_machine.daemon().kill(SIGCONT);
+}
+
+// Answers that a healthy daemon does not give.
+
+/// A module in the daemon's place.
+class AnotherModule : public testing::Test, protected HVB::CommandInterface {
+protected:
+    using Answer = std::function<void(HVB::CommandData&, HVB::CommandResult&)>;
+
+    AnotherModule() : m_bus(m_root) {
+        broker().setHVId(HVB::MODULE_SENTREL);
+        broker().setCommandInterface(this);
+        broker().start(true);
+    }
+    ~AnotherModule() override { HVB::HVBCommBroker::releaseInstance(); }
+
+    bool handleCommand(HVB::CommandData& data) override {
+        HVB::CommandResult result;
+        result.m_commandData = data;
+        m_answer(data, result);
+        broker().sendCommandResponse(result);
+        return true;
+    }
+    void handleCommandResponse(HVB::CommandResult& /*result*/) override {}
+
+    HVB::HVBCommBroker& broker() { return *HVB::HVBCommBroker::getInstance(m_bus.socketPath()); }
+
+    CtlResult answered(const std::vector<std::string>& arguments, Answer answer) {
+        m_answer = std::move(answer);
+        return ctl(m_root, arguments);
+    }
+
+    static Answer withStatus(int status) {
+        return [status](HVB::CommandData& /*data*/, HVB::CommandResult& result) {
+            DashBoardData data;
+            data.m_statusItems[L"ST_DASHBOARD_STATUS_KEY"].m_status = static_cast<DashBoardStatus>(status);
+            result.writePayload(data);
+        };
+    }
+
+    PrivateRoot m_root;
+    HubBus m_bus;
+    Answer m_answer; ///< set while no command is on its way
+};
+
+TEST_F(AnotherModule, IsToldOfWithEveryStatus) {
+    const std::vector<std::pair<int, std::string>> words{
+        {0, "enabled"}, {2, "disabled"}, {3, "enabled"}, {4, "disabled"}, {5, "at risk"}};
+    for (const auto& [status, word] : words) {
+        const CtlResult result = answered({"status", "--json=short"}, withStatus(status));
+        EXPECT_EQ(result.code, 0) << result.err;
+        const nlohmann::json json = nlohmann::json::parse(result.out);
+        EXPECT_EQ(json.at("status"), word);
+        EXPECT_EQ(json.at("code"), status);
+        EXPECT_EQ(json.at("managed"), status >= 3);
+    }
+    EXPECT_EQ(answered({"status"}, withStatus(5)).out,
+              "status             at risk\n"
+              "managed            yes\n"
+              "protection         off\n"
+              "reason             the policy says on, the preference says off\n"
+              "health             unknown: hvbd is not running\n");
+}
+
+TEST_F(AnotherModule, IsQuotedWithAnAnswerThatCannotBeRead) {
+    const Answer nothing = [](HVB::CommandData& /*data*/, HVB::CommandResult& /*result*/) {};
+    const Answer number = [](HVB::CommandData& /*data*/, HVB::CommandResult& result) { result.writePayload(7); };
+    const Answer noLine = [](HVB::CommandData& /*data*/, HVB::CommandResult& result) {
+        result.writePayload(DashBoardData());
+    };
+    const auto expectError = [](const CtlResult& result, const std::string& error) {
+        EXPECT_EQ(result.code, 1);
+        EXPECT_TRUE(result.err.starts_with("sentrelctl: " + error)) << result.err;
+        EXPECT_TRUE(result.err.ends_with(". Use a sentrelctl of the daemon's version.\n")) << result.err;
+    };
+    expectError(answered({"status"}, nothing),
+                "cannot read the status: the daemon's answer cannot be read: it has no payload");
+    expectError(answered({"status"}, noLine),
+                "cannot read the status: the daemon's answer cannot be read: it has no status line");
+    expectError(answered({"about"}, number), "cannot read the versions: the daemon's answer cannot be read: ");
+    expectError(answered({"debug", "show"}, nothing),
+                "cannot read the debug logging: the daemon's answer cannot be read: it has no payload");
+}
+
+TEST_F(AnotherModule, IsQuotedWhenItSaysThatTheCommandFailed) {
+    for (bool HVB::CommandResult::*flag : {&HVB::CommandResult::m_bSucceeded, &HVB::CommandResult::m_bValid}) {
+        const CtlResult result = answered({"status"}, [flag](HVB::CommandData& data, HVB::CommandResult& answer) {
+            withStatus(0)(data, answer);
+            answer.*flag = false;
+        });
+        EXPECT_EQ(result.code, 1);
+        EXPECT_TRUE(result.err.starts_with("sentrelctl: cannot read the status: the daemon: it says that the command "
+                                           "failed. "))
+            << result.err;
+    }
+}
+
+TEST_F(AnotherModule, IsAskedAgainAfterASwitchUntilItHasMadeIt) {
+    std::atomic<bool> isOn = false;
+    std::atomic<int> questions = 0;
+    const CtlResult result = answered({"debug", "on"}, [&](HVB::CommandData& data, HVB::CommandResult& answer) {
+        if (data.m_commandId == Sentrel::CMD_GET_DEBUG_LOGGING_STATUS) {
+            answer.writePayload(isOn.load());
+            if (++questions == 1) { // the switch comes about behind the first look, and is signalled
+                isOn = true;
+                HVB::EventData event(Sentrel::EVT_PREFERENCES_CHANGE);
+                broker().sendEventNotification(event);
+            }
+        }
+    });
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(result.out, "debug-logging      on\n");
+    EXPECT_EQ(questions, 2);
+}
+
+TEST_F(AnotherModule, IsToldAgainWhenItDroppedASwitch) {
+    std::atomic<int> switches = 0;
+    const CtlResult result = answered({"debug", "on"}, [&](HVB::CommandData& data, HVB::CommandResult& answer) {
+        if (data.m_commandId == Sentrel::CMD_GET_DEBUG_LOGGING_STATUS) {
+            answer.writePayload(switches == 2);
+        } else {
+            ++switches;
+        }
+    });
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(result.out, "debug-logging      on\n");
+    EXPECT_EQ(switches, 2);
+}
+
+} // namespace
+} // namespace testing_support

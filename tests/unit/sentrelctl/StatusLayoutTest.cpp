@@ -1,0 +1,116 @@
+// What the daemon says of itself, as people and as programs read it.
+#include "apps/sentrelctl/StatusLayout.h"
+
+#include <gtest/gtest.h>
+#include <tuple>
+#include <vector>
+
+namespace Sentrel::ctl {
+namespace {
+
+const KnownHealth kWell{"well", "2023-11-14T22:13:20Z", ""};
+
+DashBoardDispalyContents line(int status, const wchar_t* token = L"ENABLED_STRING") {
+    DashBoardDispalyContents contents;
+    contents.m_status = static_cast<DashBoardStatus>(status);
+    contents.m_displayText = token;
+    return contents;
+}
+
+AboutBoxData about(const std::map<std::wstring, std::wstring>& items) {
+    AboutBoxData data;
+    data.m_moduleId = 7;
+    data.m_versionItems = items;
+    return data;
+}
+
+TEST(AStatus, IsToldInWordsWithItsReason) {
+    const std::vector<std::tuple<int, std::string>> all{
+        {0, "status             enabled\nmanaged            no\nprotection         on\n"
+            "reason             the preference says on\n"},
+        {2, "status             disabled\nmanaged            no\nprotection         off\n"
+            "reason             the preference says off\n"},
+        {3, "status             enabled\nmanaged            yes\nprotection         on\n"
+            "reason             the preference says on\n"},
+        {4, "status             disabled\nmanaged            yes\nprotection         off\n"
+            "reason             the preference says off, and no policy says on\n"},
+        {5, "status             at risk\nmanaged            yes\nprotection         off\n"
+            "reason             the policy says on, the preference says off\n"},
+    };
+    for (const auto& [status, text] : all) {
+        EXPECT_EQ(statusText(line(status), kWell, Palette()),
+                  text + "health             well since 2023-11-14T22:13:20Z\n");
+    }
+}
+
+TEST(AStatus, IsToldToPrograms) {
+    EXPECT_EQ(jsonText(statusJson(line(5, L"DISABLED_STRING"), kWell), JsonMode::Short),
+              R"({"status":"at risk","code":5,"token":"DISABLED_STRING","managed":true,"protection":false,)"
+              R"("reason":"the policy says on, the preference says off","health":"well",)"
+              R"("health_since":"2023-11-14T22:13:20Z","health_error":null})"
+              "\n");
+}
+
+TEST(AStatus, ThatIsNotKnownIsShownAsItCame) {
+    EXPECT_EQ(statusText(line(8, L"\x1b[2J"), kWell, Palette()),
+              "status             8 (\\x1b[2J)\n"
+              "reason             this sentrelctl does not know that status\n"
+              "health             well since 2023-11-14T22:13:20Z\n");
+    EXPECT_EQ(jsonText(statusJson(line(1), kWell), JsonMode::Short),
+              R"({"status":"unknown","code":1,"token":"ENABLED_STRING","managed":null,"protection":null,)"
+              R"("reason":null,"health":"well","health_since":"2023-11-14T22:13:20Z","health_error":null})"
+              "\n");
+}
+
+TEST(AStatus, SaysWhyTheHealthIsNotKnown) {
+    const KnownHealth unknown{"unknown", "", "hvbd is not running"};
+    EXPECT_TRUE(statusText(line(0), unknown, Palette())
+                    .ends_with("\nhealth             unknown: hvbd is not "
+                               "running\n"));
+    const Json json = statusJson(line(0), unknown);
+    EXPECT_EQ(json["health"], "unknown");
+    EXPECT_TRUE(json["health_since"].is_null());
+    EXPECT_EQ(json["health_error"], "hvbd is not running");
+}
+
+TEST(AStatus, CatchesTheEyeWhenTheMachineIsNotProtectedOrNotWell) {
+    const Palette palette = Palette::of(true);
+    const std::string alarm = palette.alarm;
+    EXPECT_NE(statusText(line(5), kWell, palette).find(alarm + "at risk"), std::string::npos);
+    EXPECT_NE(statusText(line(0), {"silent", "then", ""}, palette).find(alarm + "silent"), std::string::npos);
+    EXPECT_EQ(statusText(line(0), kWell, palette).find(alarm), std::string::npos);
+}
+
+TEST(ADashboard, HasNoStatusLineUnderAnotherKey) {
+    DashBoardData data;
+    data.m_statusItems[L"SOMETHING_ELSE"] = line(0);
+    EXPECT_FALSE(statusLine(data));
+    data.m_statusItems[L"ST_DASHBOARD_STATUS_KEY"] = line(3);
+    EXPECT_EQ(statusLine(data)->m_status, DASHBOARD_MANAGED_ENABLED);
+}
+
+TEST(TheVersions, AreARowEach) {
+    EXPECT_EQ(
+        aboutText(
+            about({{L"Sentrel_Version", L"1.2 3 (456)"}, {L"Sentrel_SPVersion", L"SP2"}, {L"Sentrel_HF", L"HF7 HF8"}}),
+            Palette()),
+        "version            1.2 3 (456)\n"
+        "service-pack       SP2\n"
+        "hotfixes           HF7 HF8\n");
+}
+
+TEST(TheVersions, AreNoneWhereThereIsNoTextOrABlankOne) {
+    EXPECT_EQ(aboutText(about({{L"Sentrel_Version", L"1.2 (456)"}, {L"Sentrel_SPVersion", L"  "}}), Palette()),
+              "version            1.2 (456)\n"
+              "service-pack       none\n"
+              "hotfixes           none\n");
+}
+
+TEST(TheVersions, AreToldToProgramsAsTheyCame) {
+    EXPECT_EQ(jsonText(aboutJson(about({{L"Sentrel_Version", L"\xe9 (1)"}, {L"Sentrel_HF", L""}})), JsonMode::Short),
+              R"json({"module":7,"version":"\u00e9 (1)","service_pack":null,"hotfixes":""})json"
+              "\n");
+}
+
+} // namespace
+} // namespace Sentrel::ctl

@@ -130,7 +130,8 @@ void AgentConnection::ended(const std::string& reason) {
     }
     if (reason != m_lastReason && !isEnding()) {
         const std::string broker = m_configuration.host + ":" + std::to_string(m_configuration.port);
-        m_log->warning("no connection to the broker " + shortPrintable(broker) + ": " + shortPrintable(reason) +
+        const std::string why = reason.substr(0, reason.find_last_not_of('.') + 1); // some libraries end theirs so
+        m_log->warning("no connection to the broker " + shortPrintable(broker) + ": " + shortPrintable(why) +
                        "; trying again");
         m_lastReason = reason;
     }

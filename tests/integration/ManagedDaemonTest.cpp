@@ -5,6 +5,7 @@
 #include "tests/support/MqttBroker.h"
 #include "tests/support/MqttObserver.h"
 #include "tests/support/Preferences.h"
+#include "tests/support/WholePolicy.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -20,30 +21,8 @@ using json = nlohmann::json;
 
 constexpr const char* kTopic = "orvanta/v1/here/m1/";
 
-/// A whole policy; @p site is the one that it blocks.
 json policy(int version, const std::string& site) {
-    return {
-        {"version", version},
-        {"id", "test"},
-        {"features",
-         {{"KPF_General",
-           {{"Sentrel", {{"bEnableSentrel", false}}},
-            {"ActionEnforcement", {{"bPhishingBlock", 0}, {"uiAgumentIPCount", 1}, {"szAgumentIP_0", "10.0.0.0/8"}}}}},
-          {"KPF_ContentFiltering",
-           {{"ContentActions",
-             {{"bEnableCategorization", 1},
-              {"uiBitCount", 2},
-              {"szActionCodes", "11"},
-              {"uiContentBitCodes", "al,ga"}}},
-            {"RatingActions", {{"uiOverall", 84}}}}},
-          {"KPF_BlockAndAllowList",
-           {{"BlockAndAllowList",
-             {{"uiSiteCount", 2},
-              {"bPrecedenceOverProhibitLists", 1},
-              {"szSite0", site},
-              {"Action0", 1},
-              {"szSite1", "ok.example"},
-              {"Action1", 0}}}}}}}};
+    return wholePolicy(version, "test", false, site);
 }
 
 class AManagedMachine : public testing::Test {

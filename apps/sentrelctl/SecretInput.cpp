@@ -51,8 +51,8 @@ public:
             ::geteuid() == 0 && ::stat(path.c_str(), &facts) == 0 && facts.st_uid != 0 && ::seteuid(facts.st_uid) == 0;
     }
     ~AsOwner() {
-        if (m_isOther) {
-            static_cast<void>(::seteuid(0)); // root is still the real user, so this is granted
+        if (m_isOther && ::seteuid(0) != 0) {
+            std::abort(); // root is still the real user: this is granted
         }
     }
     AsOwner(const AsOwner&) = delete;

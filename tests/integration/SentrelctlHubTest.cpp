@@ -179,9 +179,10 @@ TEST_F(AHubClient, UsesColoursAndLongJsonOnATerminalOnly) {
         GTEST_SKIP() << "no pseudo-terminals here; colours on a terminal were not tested";
     }
     const auto onTerminal = [this](const std::string& command) {
-        return shell(m_root, "script -qec '" + command + "' /dev/null").out;
+        return shell(m_root, "script -qec 'TERM=xterm " + command + "' /dev/null").out;
     };
     EXPECT_TRUE(onTerminal("\"$CTL\" log").starts_with("\x1b[1m#1\x1b[0m  "));
+    EXPECT_TRUE(onTerminal("TERM=dumb \"$CTL\" log").starts_with("#1  "));
     EXPECT_TRUE(onTerminal("NO_COLOR=1 \"$CTL\" log").starts_with("#1  "));
     EXPECT_TRUE(onTerminal("NO_COLOR=1 \"$CTL\" log --color always").starts_with("\x1b[1m#1"));
     EXPECT_TRUE(onTerminal("\"$CTL\" log --color never").starts_with("#1  "));

@@ -1,9 +1,8 @@
 // sentrelctl and the preferences. All of it is real: the program, the bus with the shipped policy, hvbd, sentreld and
 // the settings file, which the sqlite3 program looks into.
-#include "tests/integration/SentrelctlRun.h"
+#include "tests/integration/ClientAlone.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
-#include "tests/support/Machine.h"
 
 #include <algorithm>
 #include <array>
@@ -26,33 +25,6 @@ constexpr const char* kFirstValues = "protection         on\n"
                                      "allow-over-block   off\n"
                                      "list               0 entries: 0 allow, 0 block\n"
                                      "categories         0 categories\n";
-
-/// A client of the preferences on a machine on which nothing runs but the bus.
-class AClientAlone : public testing::Test {
-protected:
-    CtlResult use(const std::vector<std::string>& arguments, const std::string& input = "",
-                  std::optional<uid_t> uid = {}) {
-        return ctl(m_machine.root(), arguments, input, uid);
-    }
-
-    /// Uses it for something that works. @return its output.
-    std::string does(const std::vector<std::string>& arguments, const std::string& input = "") {
-        const CtlResult result = use(arguments, input);
-        EXPECT_EQ(result.code, 0) << result.err;
-        EXPECT_EQ(result.err, "");
-        return result.out;
-    }
-
-    void expectFailure(const CtlResult& result, int code, const std::string& error) {
-        EXPECT_EQ(result.code, code);
-        EXPECT_EQ(result.out, "");
-        EXPECT_EQ(result.err, "sentrelctl: " + error + ".\n");
-    }
-
-    std::string stored(const std::string& query) { return m_machine.sql(query); }
-
-    Machine m_machine;
-};
 
 /// The same with hub and daemon, and tables in the settings file.
 class APreferenceClient : public AClientAlone {
@@ -110,7 +82,7 @@ TEST_F(APreferenceClient, SetsEachPreferenceAndShowsWhatIsInForce) {
         std::string line = name;
         line.append(19 - name.size(), ' ').append(value).append("\n");
         EXPECT_EQ(does({"prefs", "set", name, value}), line);
-        EXPECT_EQ(stored("select count(*) from vxsetting where " + row), "1\n") << row;
+        EXPECT_EQ(m_machine.sql("select count(*) from vxsetting where " + row), "1\n") << row;
         shown += line;
     }
     EXPECT_TRUE(does({"prefs", "show"}).starts_with(shown));
@@ -263,7 +235,7 @@ TEST_F(APreferenceClient, EntersChangesAndRemovesUrls) {
     EXPECT_EQ(does({"list", "allow", "http://a.example/", "http://c.example/"}),
               "allow  http://a.example/\nallow  http://c.example/\nThe list has 3 entries: 2 allow, 1 block.\n");
     EXPECT_EQ(does({"list", "show"}), "block  http://b.example/\nallow  http://c.example/\nallow  http://a.example/\n");
-    EXPECT_EQ(stored("select name,value from allowblocksettings order by name"),
+    EXPECT_EQ(m_machine.sql("select name,value from allowblocksettings order by name"),
               "http://a.example/|0\nhttp://b.example/|1\nhttp://c.example/|0\n");
     EXPECT_EQ(does({"list", "remove", "http://b.example/"}), "The list has 2 entries: 2 allow, 0 block.\n");
     EXPECT_EQ(does({"list", "remove", "--all"}), "The list has 0 entries: 0 allow, 0 block.\n");
@@ -291,7 +263,7 @@ TEST_F(APreferenceClient, RemovesNothingWhenOneUrlIsNotInTheList) {
 TEST_F(APreferenceClient, KeepsEntriesThatItCouldNotHaveMade) {
     startAgainWith("insert into allowblocksettings values (cast(x'ff20' as text), -5), ('b' || char(27), 7)");
     does({"list", "allow", "http://a.example/"});
-    EXPECT_EQ(stored("select hex(name),value from allowblocksettings order by name"),
+    EXPECT_EQ(m_machine.sql("select hex(name),value from allowblocksettings order by name"),
               "621B|7\n687474703A2F2F612E6578616D706C652F|0\nFF20|-5\n");
     EXPECT_EQ(does({"list", "show"}), "block  b\\x1b\nallow  http://a.example/\nblock  \\xff \n");
     const CtlResult exported = use({"list", "export"});
@@ -359,7 +331,7 @@ TEST_F(APreferenceClient, ImportsALongList) {
     }
     EXPECT_EQ(does({"list", "import", "-"}, lines),
               "Imported 300 entries: 0 allow, 300 block. The list has 300 entries: 0 allow, 300 block.\n");
-    EXPECT_EQ(stored("select count(*) from allowblocksettings"), "300\n");
+    EXPECT_EQ(m_machine.sql("select count(*) from allowblocksettings"), "300\n");
 }
 
 TEST_F(APreferenceClient, RefusesAListThatNoMessageHoldsBeforeItIsSent) {
@@ -399,9 +371,9 @@ TEST_F(APreferenceClient, SetsAddsAndRemovesCategories) {
     EXPECT_EQ(does({"categories", "remove", "Gambling"}), "Caf\xC3\xA9\nSocial Networking\n");
     EXPECT_EQ(does({"categories", "show", "--json=short"}), "[\"Caf\\u00e9\",\"Social Networking\"]\n");
     EXPECT_EQ(does({"categories", "set", "News"}), "News\n");
-    EXPECT_EQ(stored("select name,hex(value) from catblockinginfo"), "News|01000000\n");
+    EXPECT_EQ(m_machine.sql("select name,hex(value) from catblockinginfo"), "News|01000000\n");
     EXPECT_EQ(does({"categories", "set", "--none"}), "");
-    EXPECT_EQ(stored("select count(*) from catblockinginfo"), "0\n");
+    EXPECT_EQ(m_machine.sql("select count(*) from catblockinginfo"), "0\n");
 }
 
 TEST_F(APreferenceClient, RemovesNoCategoryWhenOneIsNotBlocked) {

@@ -1,8 +1,7 @@
 // sentrelctl proxy. All of it is real: the program, the bus with the shipped policy, sentreld, the settings file.
 #include "platform/hvbagent/SecretBox.h"
-#include "tests/integration/SentrelctlRun.h"
+#include "tests/integration/ClientAlone.h"
 #include "tests/support/AsUser.h"
-#include "tests/support/Machine.h"
 
 #include <filesystem>
 #include <fstream>
@@ -13,27 +12,9 @@ namespace testing_support {
 namespace {
 
 /// A machine without hub and daemon, but with tables in its settings file.
-class AProxyFile : public testing::Test {
+class AProxyFile : public AClientAlone {
 protected:
     AProxyFile() { m_machine.initSettings(); }
-
-    CtlResult use(const std::vector<std::string>& arguments, const std::string& input = "",
-                  std::optional<uid_t> uid = {}) {
-        return ctl(m_machine.root(), arguments, input, uid);
-    }
-
-    std::string does(const std::vector<std::string>& arguments, const std::string& input = "") {
-        const CtlResult result = use(arguments, input);
-        EXPECT_EQ(result.code, 0) << result.err;
-        EXPECT_EQ(result.err, "");
-        return result.out;
-    }
-
-    void expectFailure(const CtlResult& result, int code, const std::string& error) {
-        EXPECT_EQ(result.code, code);
-        EXPECT_EQ(result.out, "");
-        EXPECT_EQ(result.err, "sentrelctl: " + error + ".\n");
-    }
 
     std::string stored(const std::string& key) {
         return m_machine.sql("select value from vxsetting where name like '" + key + "%'");
@@ -41,7 +22,6 @@ protected:
 
     void enrol() { std::ofstream(m_machine.root().hubConfigDirectory() + "/agent.json") << "{}"; }
 
-    Machine m_machine;
     std::string m_key = m_machine.root().hubConfigDirectory() + "/agent.key";
 };
 

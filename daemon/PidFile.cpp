@@ -1,5 +1,5 @@
 // The PID file: a check at one instant that no other start is under way.
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 #include "daemon/Trace.h"
 #include "daemon/VXControllerDaemon.h"
 

@@ -1,7 +1,7 @@
 // The trace facility. Every part of the daemon writes to one log through one macro.
 #pragma once
 
-#include "platform/text/PrintableText.h"
+#include "base/PrintableText.h"
 
 #include <array>
 #include <cstddef>

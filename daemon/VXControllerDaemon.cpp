@@ -1,8 +1,8 @@
 #include "daemon/VXControllerDaemon.h"
 
-#include "daemon/Paths.h"
+#include "base/Paths.h"
+#include "base/Singleton.h"
 #include "daemon/SignalGate.h"
-#include "daemon/Singleton.h"
 #include "daemon/Trace.h"
 #include "daemon/VXLoadTraceValues.h"
 #include "events/STEventServer.h"

@@ -1,6 +1,6 @@
 // The order of start and stop. Each step runs only after the one before it has finished; signals are held back but
 // for the points between steps, where no lock is held.
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 #include "daemon/SignalGate.h"
 #include "daemon/Trace.h"
 #include "daemon/VXControllerDaemon.h"

@@ -1,6 +1,6 @@
 #include "daemon/VXLoadTraceValues.h"
 
-#include "daemon/Singleton.h"
+#include "base/Singleton.h"
 #include "daemon/Trace.h"
 #include "platform/hvbhelpers/HVBHelpers.h"
 

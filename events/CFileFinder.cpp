@@ -1,6 +1,6 @@
 #include "events/CFileFinder.h"
 
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 
 #include <dirent.h>
 #include <pwd.h>

@@ -1,7 +1,7 @@
 #include "events/EventReporter.h"
 
-#include "daemon/Paths.h"
-#include "daemon/Singleton.h"
+#include "base/Paths.h"
+#include "base/Singleton.h"
 #include "daemon/Trace.h"
 #include "events/HostAddress.h"
 #include "events/NPlgHelper.h"

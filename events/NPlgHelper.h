@@ -2,7 +2,7 @@
 // questions about the machine.
 #pragma once
 
-#include "events/ClassComp.h"
+#include "base/ClassComp.h"
 #include "events/STEventData.h"
 
 #include <array>
@@ -45,10 +45,6 @@ bool GetWhitelistURLPosition(const char* url, const char** begin, const char** e
 
 /// The user at the console; empty when there is none. Threads: the event server's.
 std::string GetCurrentUser();
-
-/// Copies the settings file's path with its terminator. Requires a buffer that is large enough: @p size is not looked
-/// at. Always true. @throws std::length_error for an install root that makes it 128 bytes long or more.
-bool GetUserDBPath(char* buffer, unsigned long size);
 
 /// Whether the browser side runs in Safari. A plain flag.
 void SetIsSafari(bool isSafari);

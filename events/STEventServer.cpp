@@ -1,6 +1,6 @@
 #include "events/STEventServer.h"
 
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 #include "daemon/Trace.h"
 #include "events/EventReporter.h"
 #include "events/STEventData.h"

@@ -1,6 +1,6 @@
 #include "events/VXHVBLogWrapper.h"
 
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 #include "daemon/Trace.h"
 #include "hub/HVBCommBroker.h"
 #include "platform/hvbhelpers/HVBHelpers.h"

@@ -1,7 +1,7 @@
 // Feeds a configuration file to its reader, and changes what reads as one: a change gives exactly the new text, and
 // leaves every other byte as it was, since changing it back gives the old file.
+#include "platform/hvbutils/ConfigurationLimits.h"
 #include "platform/hvbutils/LibXmlWrapper.h"
-#include "platform/hvbutils/Limits.h"
 
 #include <cstdint>
 #include <cstdlib>

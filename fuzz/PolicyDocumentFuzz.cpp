@@ -1,6 +1,6 @@
 // Feeds a policy message as it comes from the broker. It gives a policy or a reason, never both; the same bytes give
 // the same again; what is read keeps to its bounds, and every value is found under its name.
-#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/PolicyDocument.h"
 
 #include <cstdint>

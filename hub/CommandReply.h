@@ -1,7 +1,7 @@
 // How the command handlers reach the controller and answer.
 #pragma once
 
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 #include "hub/HVBCommBroker.h"
 #include "hub/HVBMessages.h"
 #include "store/STPreferenceController.h"

@@ -1,6 +1,6 @@
 #include "hub/HVBEventNotificationImpl.h"
 
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 #include "daemon/VXControllerDaemon.h"
 #include "hub/HVBCommBroker.h"
 #include "hub/Payloads.h"

@@ -1,7 +1,7 @@
 // The snapshot of the preferences that travels between this module and its clients.
 #pragma once
 
-#include "events/ClassComp.h"
+#include "base/ClassComp.h"
 #include "hub/ArchiveText.h"
 #include "hub/HubIds.h"
 

@@ -1,5 +1,5 @@
 // The commands behind two screens of the hub's user interface: the about box and the dashboard.
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 #include "daemon/Trace.h"
 #include "daemon/VXControllerDaemon.h"
 #include "hub/CommandReply.h"

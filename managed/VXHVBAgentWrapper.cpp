@@ -1,6 +1,6 @@
 #include "managed/VXHVBAgentWrapper.h"
 
-#include "daemon/Singleton.h"
+#include "base/Singleton.h"
 #include "daemon/Trace.h"
 #include "daemon/VXControllerDaemon.h"
 #include "managed/VXPolicyEnforcementImpl.h"

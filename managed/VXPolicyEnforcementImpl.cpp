@@ -1,9 +1,9 @@
 // The frame of a policy's enforcement and its first pass, the general policy.
 #include "managed/VXPolicyEnforcementImpl.h"
 
+#include "base/UserDBPath.h"
 #include "daemon/Trace.h"
 #include "daemon/VXControllerDaemon.h"
-#include "events/NPlgHelper.h"
 #include "managed/PolicyChecksum.h"
 #include "managed/PolicyValues.h"
 #include "managed/VXHVBAgentWrapper.h"

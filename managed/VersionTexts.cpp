@@ -1,6 +1,6 @@
 #include "managed/VersionTexts.h"
 
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 #include "daemon/Trace.h"
 #include "platform/hvbutils/LibXmlWrapper.h"
 

@@ -1,7 +1,7 @@
 // The short-lived front end of the settings file.
 #pragma once
 
-#include "events/ClassComp.h"
+#include "base/ClassComp.h"
 #include "store/Queries.h"
 #include "store/SQLite.h"
 

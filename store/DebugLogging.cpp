@@ -1,6 +1,6 @@
 // The debug logging switch. The hub's configuration file of the module holds the truth: a worker thread rewrites it and
 // has the hub read it again, one change at a time, while the caller notes the change in the settings file.
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 #include "daemon/Trace.h"
 #include "hub/Exceptions.h"
 #include "hub/HVBCommBroker.h"

@@ -1,8 +1,8 @@
 // What all of the controller's operations share: opening the settings file, and what becomes of an exception.
 #pragma once
 
+#include "base/UserDBPath.h"
 #include "daemon/Trace.h"
-#include "events/NPlgHelper.h"
 #include "hub/HubIds.h"
 #include "store/DBSettings.h"
 #include "store/PreferencesException.h"

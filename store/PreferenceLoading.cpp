@@ -1,7 +1,7 @@
 // How the controller comes to life: its values from the settings file, the logging switch from the hub's configuration.
 // A settings file that is missing or damaged leaves the defaults; the hub's configuration must be there.
-#include "daemon/Paths.h"
-#include "daemon/Singleton.h"
+#include "base/Paths.h"
+#include "base/Singleton.h"
 #include "daemon/Trace.h"
 #include "hub/Exceptions.h"
 #include "platform/hvbutils/LibXmlWrapper.h"

@@ -1,5 +1,5 @@
 // Which change of a preference is told to the hub, and how.
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 #include "daemon/Trace.h"
 #include "hub/HVBCommBroker.h"
 #include "store/STPreferenceController.h"

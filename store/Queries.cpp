@@ -1,6 +1,6 @@
 #include "store/Queries.h"
 
-#include "daemon/Singleton.h"
+#include "base/Singleton.h"
 
 GeneralSetting* GeneralSetting::m_pSelf = nullptr;
 boost::mutex GeneralSetting::m_instanceMutex;

@@ -1,6 +1,6 @@
 #include "apps/hvbd/CommandLine.h"
 
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>

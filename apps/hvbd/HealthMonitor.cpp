@@ -1,7 +1,7 @@
 #include "apps/hvbd/HealthMonitor.h"
 
 #include "apps/hvbd/CallbackGuard.h"
-#include "apps/hvbd/Limits.h"
+#include "apps/hvbd/HvbdLimits.h"
 #include "hub/HubIds.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 #include "apps/hvbd/HubLink.h"
 
 #include "apps/hvbd/CallbackGuard.h"
-#include "apps/hvbd/Limits.h"
+#include "apps/hvbd/HvbdLimits.h"
 
 #include <algorithm>
 #include <ctime>

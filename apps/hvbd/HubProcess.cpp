@@ -8,7 +8,7 @@
 #include "apps/hvbd/ModuleConfiguration.h"
 #include "apps/hvbd/ReloadCommand.h"
 #include "apps/hvbd/SystemLog.h"
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 #include "hub/HVBCommBroker.h"
 
 #include <fmt/format.h>

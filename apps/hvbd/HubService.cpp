@@ -1,8 +1,8 @@
 #include "apps/hvbd/HubService.h"
 
 #include "apps/hvbd/CallbackGuard.h"
-#include "apps/hvbd/Limits.h"
-#include "platform/text/PrintableText.h"
+#include "apps/hvbd/HvbdLimits.h"
+#include "base/PrintableText.h"
 
 #include <fmt/format.h>
 

@@ -10,7 +10,7 @@
 // the file changes its data_version, and the total is counted again.
 #include "apps/hvbd/LogStore.h"
 
-#include "apps/hvbd/Limits.h"
+#include "apps/hvbd/HvbdLimits.h"
 #include "apps/hvbd/LogStoreTexts.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 

@@ -1,7 +1,7 @@
 #include "apps/hvbd/SystemLog.h"
 
-#include "apps/hvbd/Limits.h"
-#include "platform/text/PrintableText.h"
+#include "apps/hvbd/HvbdLimits.h"
+#include "base/PrintableText.h"
 
 namespace HVB::hub {
 

@@ -1,6 +1,6 @@
 // The command line as a whole: what all verbs have in common, and the one place where an error becomes an exit code.
-#include "apps/sentrelctl/Failure.h"
 #include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/terminal/Failure.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -2,7 +2,7 @@
 // registration function: it adds its subcommands with their options, and sets Session::chosen when one was asked for.
 #pragma once
 
-#include "apps/sentrelctl/Output.h"
+#include "apps/sentrelctl/terminal/Output.h"
 
 #include <CLI/CLI.hpp>
 #include <array>

@@ -1,6 +1,6 @@
 #include "platform/hvbagent/AgentConfiguration.h"
 
-#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/PrivateFile.h"
 #include "platform/hvbagent/StrictJson.h"
 #include "platform/hvbagent/Topics.h"

@@ -1,9 +1,9 @@
 #include "platform/hvbagent/AgentLog.h"
 
+#include "base/PrintableText.h"
+#include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
-#include "platform/hvbagent/Limits.h"
 #include "platform/stlogger/STLogger.h"
-#include "platform/text/PrintableText.h"
 
 #include <syslog.h>
 

@@ -1,8 +1,8 @@
 #include "platform/hvbagent/AgentWorker.h"
 
+#include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/AgentThread.h"
 #include "platform/hvbagent/Encoding.h"
-#include "platform/hvbagent/Limits.h"
 #include "platform/hvbagent/PropertyDocument.h"
 
 #include <exception>

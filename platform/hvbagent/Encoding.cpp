@@ -1,7 +1,7 @@
 #include "platform/hvbagent/Encoding.h"
 
-#include "platform/hvbagent/Limits.h"
-#include "platform/text/PrintableText.h"
+#include "base/PrintableText.h"
+#include "platform/hvbagent/AgentLimits.h"
 
 #include <boost/locale/encoding_utf.hpp>
 #include <fmt/chrono.h>

@@ -4,7 +4,7 @@
 // client, so a late question finds either nothing or a client that has ended and refuses.
 #include "platform/hvbagent/MsgBusEnterpriseAgent.h"
 
-#include "daemon/Paths.h"
+#include "base/Paths.h"
 #include "platform/hvbagent/AgentClient.h"
 #include "platform/hvbagent/AgentConfiguration.h"
 #include "platform/hvbagent/AgentLog.h"

@@ -1,6 +1,6 @@
 #include "platform/hvbagent/Outbox.h"
 
-#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/AgentLimits.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 #include "platform/hvbagent/PolicyDocument.h"
 
-#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/StrictJson.h"
 
 #include <nlohmann/json.hpp>

@@ -1,6 +1,6 @@
 #include "platform/hvbagent/PolicyStore.h"
 
-#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/PrivateFile.h"
 
 #include <cerrno>

@@ -1,7 +1,7 @@
 #include "platform/hvbagent/SecretBox.h"
 
+#include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
-#include "platform/hvbagent/Limits.h"
 #include "platform/hvbagent/PrivateFile.h"
 
 #include <sodium.h>

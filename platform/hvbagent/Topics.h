@@ -1,7 +1,7 @@
 // The topics of a machine, and what may stand in them.
 #pragma once
 
-#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/AgentLimits.h"
 
 #include <algorithm>
 #include <string>

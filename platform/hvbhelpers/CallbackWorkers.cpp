@@ -1,7 +1,7 @@
 #include "platform/hvbhelpers/CallbackWorkers.h"
 
 #include "platform/hvbhelpers/BrokerThread.h"
-#include "platform/hvbhelpers/Limits.h"
+#include "platform/hvbhelpers/HubLimits.h"
 
 #include <utility>
 

@@ -1,7 +1,7 @@
 #include "platform/hvbhelpers/ConnectionPool.h"
 
 #include "platform/hvbhelpers/CallbackWorkers.h"
-#include "platform/hvbhelpers/Limits.h"
+#include "platform/hvbhelpers/HubLimits.h"
 
 #include <sys/socket.h>
 

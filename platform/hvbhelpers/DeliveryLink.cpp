@@ -13,8 +13,8 @@
 
 #include "platform/hvbhelpers/BrokerThread.h"
 #include "platform/hvbhelpers/ErrorText.h"
+#include "platform/hvbhelpers/HubLimits.h"
 #include "platform/hvbhelpers/HubProtocol.h"
-#include "platform/hvbhelpers/Limits.h"
 
 #include <algorithm>
 #include <array>

@@ -2,7 +2,7 @@
 
 #include "hub/Exceptions.h"
 #include "platform/hvbhelpers/HVBHelpers.h"
-#include "platform/hvbhelpers/Limits.h"
+#include "platform/hvbhelpers/HubLimits.h"
 
 #include <syslog.h>
 

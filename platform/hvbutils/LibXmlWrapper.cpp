@@ -3,9 +3,9 @@
 // declaration), which libxml2's own writer would make alike, and nothing is ever saved that cannot be read.
 #include "platform/hvbutils/LibXmlWrapper.h"
 
+#include "base/PrintableText.h"
+#include "platform/hvbutils/ConfigurationLimits.h"
 #include "platform/hvbutils/FileReplacement.h"
-#include "platform/hvbutils/Limits.h"
-#include "platform/text/PrintableText.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>

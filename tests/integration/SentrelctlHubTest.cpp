@@ -1,5 +1,5 @@
 // sentrelctl at the hub. All of it is real: the program, a bus with the shipped policy, hvbd with its store.
-#include "apps/sentrelctl/HubClient.h"
+#include "apps/sentrelctl/clients/HubClient.h"
 #include "events/ReportRecords.h"
 #include "hub/HVBCommBroker.h"
 #include "hub/HubIds.h"

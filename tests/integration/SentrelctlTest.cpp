@@ -1,6 +1,6 @@
 // sentrelctl at the event socket. Real: the program, the socket, the bytes. Not real: the daemon's end, which is a
 // small listener that the test tells what to do.
-#include "apps/sentrelctl/EventRecord.h"
+#include "apps/sentrelctl/clients/EventRecord.h"
 #include "tests/integration/SentrelctlRun.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"

@@ -1,5 +1,6 @@
 // The rules for URLs and the small questions about the machine. Not real: who sits at the console.
 #include "events/NPlgHelper.h"
+#include "base/UserDBPath.h"
 #include "tests/unit/events/ConsoleUserDouble.h"
 #include "tests/unit/events/PrivateRoot.h"
 

@@ -1,7 +1,7 @@
 // The callback thread without a connection: what it calls when, and what it puts in the outbox. Real are the thread,
 // the outbox and the store; the services are doubles that see the order.
 #include "platform/hvbagent/AgentWorker.h"
-#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/AgentLimits.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/PrivateRoot.h"
 

@@ -1,6 +1,6 @@
 // What waits to be published.
 #include "platform/hvbagent/Outbox.h"
-#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/AgentLimits.h"
 
 #include <gtest/gtest.h>
 

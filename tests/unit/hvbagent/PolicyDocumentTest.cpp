@@ -1,6 +1,6 @@
 // Policy messages: what is a policy, what is refused and why. All real; the signatures are libsodium's.
 #include "platform/hvbagent/PolicyDocument.h"
-#include "platform/hvbagent/Limits.h"
+#include "platform/hvbagent/AgentLimits.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>

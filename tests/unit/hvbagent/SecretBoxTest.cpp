@@ -1,7 +1,7 @@
 // Texts that only a site's machines can read. All real.
 #include "platform/hvbagent/SecretBox.h"
+#include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
-#include "platform/hvbagent/Limits.h"
 #include "tests/support/PrivateRoot.h"
 
 #include <gtest/gtest.h>

@@ -2,7 +2,7 @@
 // full disk do is shown in tests/integration/HvbdTest.cpp.
 #include "apps/hvbd/LogStore.h"
 #include "apps/hvbd/Database.h"
-#include "apps/hvbd/Limits.h"
+#include "apps/hvbd/HvbdLimits.h"
 #include "tests/unit/hvbd/PrivateDirectory.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // The callback threads alone. All real; no bus.
 #include "platform/hvbhelpers/CallbackWorkers.h"
-#include "platform/hvbhelpers/Limits.h"
+#include "platform/hvbhelpers/HubLimits.h"
 
 #include <gtest/gtest.h>
 

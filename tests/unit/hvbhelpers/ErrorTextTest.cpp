@@ -1,7 +1,7 @@
 // What of an exception reaches an error reply. All real; no bus.
 #include "platform/hvbhelpers/ErrorText.h"
 #include "hub/Exceptions.h"
-#include "platform/hvbhelpers/Limits.h"
+#include "platform/hvbhelpers/HubLimits.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // Reading and changing a configuration file. The files and the parser are real.
 #include "platform/hvbutils/LibXmlWrapper.h"
 
-#include "platform/hvbutils/Limits.h"
+#include "platform/hvbutils/ConfigurationLimits.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
 #include "tests/unit/hvbutils/ConfigFile.h"

@@ -1,6 +1,6 @@
 // The two messages of the decrypt exchange.
-#include "apps/sentrelctl/DecryptExchange.h"
-#include "apps/sentrelctl/Failure.h"
+#include "apps/sentrelctl/clients/DecryptExchange.h"
+#include "apps/sentrelctl/terminal/Failure.h"
 
 #include <gtest/gtest.h>
 #include <utility>

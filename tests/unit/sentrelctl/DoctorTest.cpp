@@ -1,8 +1,8 @@
 // What the doctor makes of what it finds. That it finds it is tested on real machines.
-#include "apps/sentrelctl/Doctor.h"
+#include "apps/sentrelctl/doctor/Doctor.h"
 
-#include "apps/sentrelctl/Failure.h"
-#include "daemon/Paths.h"
+#include "apps/sentrelctl/terminal/Failure.h"
+#include "base/Paths.h"
 #include "platform/hvbhelpers/BusConfiguration.h"
 
 #include <csignal>

@@ -1,6 +1,6 @@
 // The bytes of a record, field by field.
-#include "apps/sentrelctl/EventRecord.h"
-#include "apps/sentrelctl/Failure.h"
+#include "apps/sentrelctl/clients/EventRecord.h"
+#include "apps/sentrelctl/terminal/Failure.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // The error line and the exit codes behind it.
-#include "apps/sentrelctl/Failure.h"
+#include "apps/sentrelctl/terminal/Failure.h"
 
 #include <cerrno>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // Writing to descriptors that take everything, nothing, or a little at a time.
-#include "apps/sentrelctl/Output.h"
-#include "apps/sentrelctl/Failure.h"
+#include "apps/sentrelctl/terminal/Output.h"
+#include "apps/sentrelctl/terminal/Failure.h"
 
 #include <array>
 #include <csignal>

@@ -1,6 +1,6 @@
 // What the check of a policy says of it.
-#include "apps/sentrelctl/PolicyCheck.h"
-#include "apps/sentrelctl/PolicyReport.h"
+#include "apps/sentrelctl/policy/PolicyCheck.h"
+#include "apps/sentrelctl/policy/PolicyReport.h"
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>

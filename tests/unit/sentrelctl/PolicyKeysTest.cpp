@@ -1,5 +1,5 @@
 // The table of a policy's keys, and how their values are read.
-#include "apps/sentrelctl/PolicyKeys.h"
+#include "apps/sentrelctl/policy/PolicyKeys.h"
 
 #include <gtest/gtest.h>
 #include <set>

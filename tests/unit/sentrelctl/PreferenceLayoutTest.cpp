@@ -1,5 +1,5 @@
 // The preferences as text and as JSON, and what tells two snapshots apart.
-#include "apps/sentrelctl/PreferenceLayout.h"
+#include "apps/sentrelctl/preferences/PreferenceLayout.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Names and values as people type and read them.
-#include "apps/sentrelctl/PreferenceNames.h"
+#include "apps/sentrelctl/preferences/PreferenceNames.h"
 
 #include <functional>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // The exact text and the exact JSON of a report.
-#include "apps/sentrelctl/ReportLayout.h"
+#include "apps/sentrelctl/reports/ReportLayout.h"
 #include "tests/unit/sentrelctl/SampleReport.h"
 
 #include <cstdlib>

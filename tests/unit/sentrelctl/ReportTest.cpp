@@ -1,5 +1,5 @@
 // Reading a report out of a log record, whatever the record holds.
-#include "apps/sentrelctl/Report.h"
+#include "apps/sentrelctl/reports/Report.h"
 #include "tests/unit/sentrelctl/SampleReport.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // A stored browser event as the tests of sentrelctl need it.
 #pragma once
 
-#include "apps/sentrelctl/Report.h"
+#include "apps/sentrelctl/reports/Report.h"
 #include "hub/HubIds.h"
 
 namespace Sentrel::ctl {

@@ -1,5 +1,5 @@
 // What the daemon says of itself, as people and as programs read it.
-#include "apps/sentrelctl/StatusLayout.h"
+#include "apps/sentrelctl/verbs/StatusLayout.h"
 
 #include <gtest/gtest.h>
 #include <tuple>

@@ -1,8 +1,8 @@
 // The proxy settings in a settings file, and what is told of them.
-#include "apps/sentrelctl/StoredProxy.h"
+#include "apps/sentrelctl/preferences/StoredProxy.h"
 
-#include "apps/sentrelctl/Failure.h"
-#include "apps/sentrelctl/SettingsTables.h"
+#include "apps/sentrelctl/preferences/SettingsTables.h"
+#include "apps/sentrelctl/terminal/Failure.h"
 #include "store/DBSettings.h"
 
 #include <cstdlib>

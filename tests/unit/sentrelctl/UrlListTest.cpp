@@ -1,5 +1,5 @@
 // The allow/block list as lines, and changes to it.
-#include "apps/sentrelctl/UrlList.h"
+#include "apps/sentrelctl/preferences/UrlList.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "tests/unit/store/PreferenceFixture.h"
 
+#include "base/UserDBPath.h"
 #include "daemon/Trace.h"
-#include "events/NPlgHelper.h"
 #include "tests/support/FlowLines.h"
 
 #include <array>

@@ -1,0 +1,85 @@
+// The client's connection to the hub: reading the log, hearing of new records, asking who is there.
+#pragma once
+
+#include "apps/sentrelctl/reports/Report.h"
+#include "hub/HVBMessages.h"
+#include "platform/hvbhelpers/BusConnection.h"
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Sentrel::ctl {
+
+/// What hvbd knows of a module.
+/// Threads: a plain value. Owner: whoever asked.
+struct ModuleHealth {
+    int moduleId;
+    std::string state; ///< "well", "unwell", "silent" or "gone"
+    std::string since; ///< as 2026-01-31T08:30:00Z
+};
+
+/// One connection to the hub's bus. After any exception it is of no more use.
+/// Threads: one at a time. Owner: the verb.
+class HubClient {
+public:
+    /// Connects. @param timeout seconds that each operation, this one included, may take.
+    /// @throws HVB::HVBException as HVB::bus::openBus does.
+    HubClient(const std::string& socketPath, double timeout);
+
+    /// Asks the bus itself, which names and modules need not be there for. @return how long the answer took.
+    /// @throws HVB::HVBException as HVB::bus::call does; so do the operations below.
+    std::chrono::microseconds pingBus();
+
+    /// Asks the process behind @p name whether it is there. @return how long the answer took.
+    std::chrono::microseconds ping(const std::string& name, const std::string& path);
+
+    /// What hvbd knows of the modules' health: only root and hvbd's own user may ask.
+    std::vector<ModuleHealth> moduleHealth();
+
+    /// Publishes @p event. The bus drops without a word what its policy refuses, so
+    /// this listens for its own event. @return false when the policy refuses this user.
+    bool publish(const HVB::EventData& event);
+
+    /// At most @p limit records behind @p after in ascending order: the oldest of them, or the @p newest.
+    /// There may be fewer than the limit although there are more records.
+    std::vector<StoredRecord> readLog(std::uint64_t after, std::uint32_t limit, bool newest);
+
+    /// From now on the hub's word of new records is kept until it is asked for.
+    void subscribeToLog();
+
+    /// From now on it is noticed when the hub or sentreld leaves the bus.
+    void subscribeToFarewell();
+
+    enum class Wake {
+        Record,     ///< a record was stored
+        Bell,       ///< the bell's descriptor can be read
+        Stop,       ///< the stop descriptor can be read
+        OutputGone, ///< nobody reads the output any more
+    };
+
+    /// Waits until the hub has stored a record. Records that were stored since the last call count as one.
+    /// Requires subscribeToLog.
+    /// @throws HVB::HVBException when the bus or the hub has gone.
+    Wake waitForRecord(int stopFd, int outputFd);
+
+    /// Waits until @p bellFd can be read. Requires subscribeToFarewell.
+    /// @throws HVB::HVBException when the bus, the hub or sentreld has gone.
+    Wake waitForBell(int bellFd, int stopFd, int outputFd);
+
+private:
+    HVB::bus::Deadline deadline() const;
+    std::chrono::microseconds timedCall(const std::string& name, const std::string& path, const char* interface,
+                                        const char* member);
+    void addMatch(const std::string& rule);
+    bool takeMessage(bool& isStored);
+    bool hearsItself(const std::string& member);
+    std::optional<Wake> waitForInput(int bellFd, int stopFd, int outputFd);
+
+    double m_timeout;
+    HVB::bus::BusPtr m_bus;
+};
+
+} // namespace Sentrel::ctl

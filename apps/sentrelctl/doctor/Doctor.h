@@ -1,0 +1,103 @@
+// What is looked at when an installation does not work: a list of checks, each of which finds one thing out and knows
+// how to mend it.
+#pragma once
+
+#include "apps/sentrelctl/terminal/Output.h"
+
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <vector>
+
+namespace Sentrel::ctl {
+
+enum class Verdict {
+    Ok,
+    Warning, ///< the machine works, but not as it could
+    Failed,  ///< something does not work, or is not safe
+    Unseen,  ///< this user, or a machine in this state, does not let it be seen
+};
+
+/// What a check found.
+/// Threads: a plain value. Owner: whoever ran it.
+struct Diagnosis {
+    Verdict verdict;
+    std::string what;
+    std::string advice; ///< how to mend it; empty when nothing is to be done
+};
+
+inline Diagnosis healthy(std::string what) {
+    return {Verdict::Ok, std::move(what), ""};
+}
+
+/// Thrown by a check that cannot see what it is about.
+/// Threads: a plain value. Owner: whoever catches it.
+class CannotSee : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// One check. The names are an interface, as exit codes are: they are added to, never changed.
+/// Threads: a constant. Owner: the program.
+struct Check {
+    const char* name;
+    /// @param timeout seconds that each question to another process may take.
+    /// @throws CannotSee, and anything else when it could not be carried out.
+    Diagnosis (*examine)(double timeout);
+};
+
+/// Files and directories, in the order in which they are mended.
+const std::vector<Check>& fileChecks();
+/// The bus, the processes and what they leave behind.
+const std::vector<Check>& processChecks();
+
+/// Runs @p check. What it throws becomes its diagnosis.
+Diagnosis examined(const Check& check, double timeout);
+
+/// A row, and below it the advice when there is one.
+std::string diagnosisText(std::string_view name, const Diagnosis& diagnosis, const Palette& palette);
+Json diagnosisJson(std::string_view name, const Diagnosis& diagnosis);
+
+/// How many of each kind, as a sentence.
+std::string summaryText(const std::vector<Diagnosis>& diagnoses);
+std::size_t countOf(const std::vector<Diagnosis>& diagnoses, Verdict verdict);
+
+// What the checks have in common.
+
+/// The facts of what is at @p path, a link's own. None when nothing is there. @throws CannotSee.
+std::optional<struct stat> factsOf(const std::string& path);
+/// Throws CannotSee unless this user may read @p path.
+void needReadable(const std::string& path);
+/// The directory that @p path is in.
+std::string directoryOf(const std::string& path);
+/// The user's name, or the number of one that has none.
+std::string userName(uid_t uid);
+/// Whom the daemon runs as: the owner of the directory of its socket. None without that.
+std::optional<uid_t> daemonUser();
+/// Whether others than the owner can write there.
+bool othersCanWrite(const struct stat& facts);
+/// "mode 0755".
+std::string modeText(const struct stat& facts);
+
+/// Runs @p question in a child process, as the user @p uid when one is given, which requires root.
+/// @return what it returned, which is 0 to 100; none when it did not end in time, or died.
+std::optional<int> inChild(std::optional<uid_t> uid, double seconds, const std::function<int()>& question);
+
+/// What is wrong with @p text, the bus's configuration. Empty when nothing is.
+/// @param groupExists whether a group is known on this machine.
+Diagnosis busConfigurationDiagnosis(const std::string& path, const std::string& text,
+                                    const std::function<bool(const std::string&)>& groupExists);
+
+/// What a look-up of the host's own name came to: inChild's answer, 0 when it was found.
+Diagnosis hostNameDiagnosis(const std::string& name, std::optional<int> answer);
+
+/// What was found of the bus's policy: inChild's answer, one of these.
+enum PolicyProbe : int { PolicyRefuses, PolicyLetsAsk, PolicyLetsSignal, PolicyUnreachable };
+Diagnosis busPolicyDiagnosis(std::optional<int> answer);
+
+} // namespace Sentrel::ctl

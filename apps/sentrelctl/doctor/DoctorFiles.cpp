@@ -1,0 +1,434 @@
+// The doctor's checks of what lies on the disk.
+#include "apps/sentrelctl/doctor/Doctor.h"
+#include "apps/sentrelctl/preferences/SettingsTables.h"
+#include "base/Paths.h"
+#include "platform/hvbagent/AgentConfiguration.h"
+#include "platform/hvbagent/AgentLimits.h"
+#include "platform/hvbagent/PrivateFile.h"
+#include "platform/hvbhelpers/BusConfiguration.h"
+#include "platform/hvbutils/LibXmlWrapper.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <fstream>
+#include <grp.h>
+#include <iterator>
+#include <pwd.h>
+#include <regex>
+#include <unistd.h>
+
+namespace Sentrel::ctl {
+namespace {
+
+namespace agent = HVBEnterprise::agent;
+
+Diagnosis missingFile(const std::string& path, std::string advice) {
+    return {Verdict::Failed, "there is no " + path, std::move(advice)};
+}
+
+Diagnosis failed(std::string what, std::string advice) {
+    return {Verdict::Failed, std::move(what), std::move(advice)};
+}
+
+Diagnosis warning(std::string what, std::string advice) {
+    return {Verdict::Warning, std::move(what), std::move(advice)};
+}
+
+// Directories.
+
+/// What every directory must be. @param isForAll whether other users reach something in it.
+Diagnosis directoryDiagnosis(const std::string& path, bool isForAll) {
+    constexpr mode_t everybodyIn = S_IXUSR | S_IXGRP | S_IXOTH;
+    const std::optional<struct stat> facts = factsOf(path);
+    if (!facts) {
+        return missingFile(path,
+                           fmt::format("Make it for the user whose it is to be: install -d -m 0755 -o USER {}", path));
+    }
+    if (!S_ISDIR(facts->st_mode)) {
+        return failed(path + " is no directory", "Move away what is there, and make the directory with mode 0755");
+    }
+    if (othersCanWrite(*facts)) {
+        return failed(fmt::format("others than its owner can write into {}: it has {}", path, modeText(*facts)),
+                      "chmod go-w " + path + ", and look whether what is in it is yours");
+    }
+    if (isForAll && (facts->st_mode & everybodyIn) != everybodyIn) {
+        return failed(fmt::format("other users cannot reach what is in {}: it has {}", path, modeText(*facts)),
+                      "chmod a+rx " + path);
+    }
+    return healthy(fmt::format("{} is {}'s, {}", path, userName(facts->st_uid), modeText(*facts)));
+}
+
+Diagnosis sharedDirectory(double /*timeout*/) {
+    return directoryDiagnosis(paths::sharedDirectory(), true);
+}
+
+Diagnosis varDirectory(double /*timeout*/) {
+    const std::string path = paths::varDirectory();
+    Diagnosis diagnosis = directoryDiagnosis(path, false);
+    const std::optional<struct stat> facts = factsOf(path);
+    const std::optional<uid_t> daemon = daemonUser();
+    if (diagnosis.verdict == Verdict::Ok && daemon && facts->st_uid != *daemon) {
+        return failed(fmt::format("{} is {}'s and {} is {}'s: both must be the daemon's", path, userName(facts->st_uid),
+                                  paths::sharedDirectory(), userName(*daemon)),
+                      "Give both to the user whom sentreld runs as, with chown");
+    }
+    return diagnosis;
+}
+
+Diagnosis hubDirectory(double /*timeout*/) {
+    return directoryDiagnosis(paths::hubVarDirectory(), true);
+}
+
+Diagnosis configurationDirectory(double /*timeout*/) {
+    return directoryDiagnosis(directoryOf(paths::moduleConfiguration()), false);
+}
+
+// Configuration.
+
+std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+Diagnosis busConfiguration(double /*timeout*/) {
+    const std::string path = paths::hubBusConfiguration();
+    const std::optional<struct stat> facts = factsOf(path);
+    if (!facts) {
+        return missingFile(path, "Make it with 'hvbd --print-bus-config', see 'hvbd --help'");
+    }
+    if (!S_ISREG(facts->st_mode)) {
+        return failed(path + " is no regular file", "Make it with 'hvbd --print-bus-config', see 'hvbd --help'");
+    }
+    if (othersCanWrite(*facts)) {
+        return failed(fmt::format("others than its owner can write {}: it has {}", path, modeText(*facts)),
+                      fmt::format("chmod go-w {}, and make it anew with 'hvbd --print-bus-config'", path));
+    }
+    needReadable(path);
+    return busConfigurationDiagnosis(path, contentOf(path), HVB::bus::groupExists);
+}
+
+/// What reading one element comes to: empty, or what is wrong with it.
+template <class Read>
+std::string problemOf(const Read& read) {
+    try {
+        return read();
+    } catch (const LibXmlError& error) {
+        return error.what();
+    }
+}
+
+/// What the daemon, or hvbd, stumbles over.
+std::vector<std::string> gravePartsOf(const LibXmlWrapper& document) {
+    constexpr std::array<const char*, 7> levels{"error",   "warning", "information", "debug",
+                                                "verbose", "audit",   "alert"};
+    std::vector<std::string> problems;
+    for (const std::string& problem :
+         {problemOf([&] {
+              document.getXPathBoolValue("/HVConfiguration/SyslogEnable");
+              return std::string();
+          }),
+          problemOf([&] {
+              const std::string level = document.getXPathStringValue("/HVConfiguration/LogLevel");
+              const bool isKnown = std::find(levels.begin(), levels.end(), level) != levels.end();
+              return isKnown ? std::string()
+                             : fmt::format("LogLevel is \"{}\" and none of {}", level, fmt::join(levels, ", "));
+          })}) {
+        if (!problem.empty()) {
+            problems.push_back(problem);
+        }
+    }
+    return problems;
+}
+
+std::vector<std::string> missingVersionsOf(const LibXmlWrapper& document) {
+    std::vector<std::string> missing;
+    for (const char* element : {"HVVersion", "BuildNumber", "PatchVersion", "ServicePack", "Hotfixes"}) {
+        const std::string xpath = std::string("/HVConfiguration/") + element;
+        if (!problemOf([&] {
+                 document.getXPathStringValue(xpath.c_str());
+                 return std::string();
+             }).empty()) {
+            missing.emplace_back(element);
+        }
+    }
+    return missing;
+}
+
+Diagnosis moduleConfiguration(double /*timeout*/) {
+    constexpr const char* advice = "Mend it: an example, HVConfig.example.xml, comes with the package";
+    const std::string path = paths::moduleConfiguration();
+    const std::optional<struct stat> facts = factsOf(path);
+    if (!facts) {
+        return missingFile(path, "Put one there: an example, HVConfig.example.xml, comes with the package");
+    }
+    if (S_ISLNK(facts->st_mode)) {
+        return failed(path + " is a symbolic link, which hvbd does not follow", "Put the file itself there");
+    }
+    needReadable(path);
+    try {
+        const LibXmlWrapper document(path);
+        const std::vector<std::string> grave = gravePartsOf(document);
+        if (!grave.empty()) {
+            return failed(fmt::format("{}: {}", path, fmt::join(grave, "; ")), advice);
+        }
+        const std::vector<std::string> missing = missingVersionsOf(document);
+        if (!missing.empty()) {
+            return warning(fmt::format("{} has no {}: 'sentrelctl about' tells less", path, fmt::join(missing, ", ")),
+                           advice);
+        }
+    } catch (const LibXmlError& error) {
+        return failed(error.what(), advice);
+    }
+    return healthy(path + " is complete");
+}
+
+/// Whether @p uid may make files in a directory, by its mode: what else may forbid it is not looked at.
+bool mayWrite(const struct stat& directory, uid_t uid) {
+    if (uid == 0) {
+        return true;
+    }
+    if (directory.st_uid == uid) {
+        return (directory.st_mode & S_IWUSR) != 0;
+    }
+    const passwd* const entry = ::getpwuid(uid);
+    constexpr int most = 1024;
+    std::vector<gid_t> groups(most);
+    int count = most;
+    if (entry == nullptr || ::getgrouplist(entry->pw_name, entry->pw_gid, groups.data(), &count) < 0) {
+        count = 0;
+    }
+    groups.resize(static_cast<std::size_t>(count));
+    const bool isMember = std::find(groups.begin(), groups.end(), directory.st_gid) != groups.end();
+    return (directory.st_mode & (isMember ? S_IWGRP : S_IWOTH)) != 0;
+}
+
+Diagnosis debugSwitch(double /*timeout*/) {
+    const std::string directory = directoryOf(paths::moduleConfiguration());
+    const std::optional<struct stat> facts = factsOf(directory);
+    const std::optional<uid_t> daemon = daemonUser();
+    if (!facts || !daemon) {
+        throw CannotSee("the directories of the configuration and of the daemon are not both there");
+    }
+    const std::string name = userName(*daemon);
+    if (!mayWrite(*facts, *daemon)) {
+        return warning(fmt::format("the daemon's user {} cannot replace files in {}: debug logging cannot be switched",
+                                   name, directory),
+                       fmt::format("chown {} {}, if debug logging is to be switched on this machine", name, directory));
+    }
+    return healthy(fmt::format("the daemon's user {} can replace files in {}", name, directory));
+}
+
+/// The level of a flow; none when it is not a number from 0 to 5.
+std::optional<int> levelIn(const std::string& text) {
+    constexpr int highest = 5;
+    int level = -1;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), level);
+    const bool isLevel = error == std::errc() && end == text.data() + text.size() && level >= 0 && level <= highest;
+    return isLevel ? std::optional(level) : std::nullopt;
+}
+
+Diagnosis traceLevelsDiagnosis(const LibXmlWrapper& document, const std::string& path) {
+    constexpr std::array<const char*, 12> flows{"stDaemonFlow", "configFlow",    "loggerFlow",       "stCmdFlow",
+                                                "hcFlow",       "cmdHelperFlow", "regHelperFlow",    "hvInitFlow",
+                                                "hvCommFlow",   "mgsFlow",       "safariPluginFlow", "ipcFlow"};
+    constexpr int levelThatTellsPasswords = 3;
+    bool tellsPasswords = false;
+    std::vector<std::string> unusable;
+    for (const std::string flow : flows) {
+        std::optional<int> level;
+        const std::string problem = problemOf([&] {
+            level = levelIn(document.getXPathStringValue(("/TraceValues/" + flow).c_str()));
+            return std::string();
+        });
+        if (!level) {
+            unusable.push_back(flow);
+        }
+        tellsPasswords = tellsPasswords || (flow == "configFlow" && level.value_or(0) >= levelThatTellsPasswords);
+    }
+    if (!unusable.empty()) {
+        return warning(fmt::format("{} has no level from 0 to 5 for {}", path, fmt::join(unusable, ", ")),
+                       "Mend it: an example, traceValues.example.xml, comes with the package");
+    }
+    if (tellsPasswords) {
+        return warning("with configFlow at 3 and above the proxy's password goes to the trace log as it is stored",
+                       fmt::format("Lower it in {} when nobody needs it, and restart the daemon", path));
+    }
+    return healthy(path + " is complete");
+}
+
+Diagnosis traceLevels(double /*timeout*/) {
+    const std::string path = paths::traceLevels();
+    if (!factsOf(path)) {
+        return healthy("there is no " + path + ": nothing is traced");
+    }
+    needReadable(path);
+    try {
+        return traceLevelsDiagnosis(LibXmlWrapper(path), path);
+    } catch (const LibXmlError& error) {
+        return failed(error.what(), "Mend it, or remove it, which ends tracing");
+    }
+}
+
+// The management agent.
+
+/// What is wrong with a file that only the daemon may read; empty when nothing is.
+std::string problemOfPrivateFile(const std::string& path, bool mayBeMissing) {
+    constexpr mode_t others = 077;
+    const std::optional<struct stat> facts = factsOf(path);
+    if (!facts) {
+        return mayBeMissing ? "" : "there is no " + path;
+    }
+    if (!S_ISREG(facts->st_mode)) {
+        return path + " is no regular file";
+    }
+    if ((facts->st_mode & others) != 0) {
+        return fmt::format("others than its owner may use {}: it has {}", path, modeText(*facts));
+    }
+    const std::optional<uid_t> daemon = daemonUser();
+    if (daemon && facts->st_uid != *daemon) {
+        return fmt::format("{} is {}'s and not the daemon's", path, userName(facts->st_uid));
+    }
+    return "";
+}
+
+Diagnosis privateFilesDiagnosis(const agent::AgentConfiguration& configuration) {
+    std::vector<std::pair<std::string, bool>> files{{paths::agentKey(), true}, {paths::agentPolicy(), true}};
+    if (!configuration.credentialsFile.empty()) {
+        files.emplace_back(configuration.credentialsFile, false);
+    }
+    if (configuration.tls && !configuration.tls->key.empty()) {
+        files.emplace_back(configuration.tls->key, false);
+    }
+    for (const auto& [path, mayBeMissing] : files) {
+        if (std::string problem = problemOfPrivateFile(path, mayBeMissing); !problem.empty()) {
+            return failed(std::move(problem), fmt::format("It must be the daemon's user's with mode 0600: {}", path));
+        }
+    }
+    return healthy(fmt::format("enrolled as {} of {} at {}:{}", configuration.machine, configuration.site,
+                               configuration.host, configuration.port));
+}
+
+Diagnosis managementAgent(double /*timeout*/) {
+    const std::string path = paths::agentConfiguration();
+    const std::optional<struct stat> facts = factsOf(path);
+    if (!facts) {
+        return healthy("there is no " + path + ": the machine is not managed");
+    }
+    if (othersCanWrite(*facts)) {
+        return failed(fmt::format("others than its owner can write {}: it has {}", path, modeText(*facts)),
+                      "chmod go-w " + path + ", and look whether it is still what you wrote");
+    }
+    needReadable(path);
+    try {
+        const std::string text =
+            agent::readRegularFile(path, agent::kMaxConfigurationBytes, agent::FileAccess::Anybody);
+        return privateFilesDiagnosis(agent::readAgentConfiguration(text));
+    } catch (const CannotSee&) {
+        throw;
+    } catch (const std::runtime_error& error) {
+        const std::string why = error.what();
+        return failed(why.find(path) == std::string::npos ? path + ": " + why : why,
+                      "Mend the enrolment, or remove it, which leaves the machine unmanaged; then restart the daemon");
+    }
+}
+
+// The settings file.
+
+Diagnosis settingsFile(double /*timeout*/) {
+    constexpr mode_t everybodyReads = S_IRUSR | S_IRGRP | S_IROTH;
+    const std::string path = paths::settingsFile();
+    const std::optional<struct stat> facts = factsOf(path);
+    if (!facts) {
+        return missingFile(path, "Make it with 'sentrelctl settings init'");
+    }
+    if (!S_ISREG(facts->st_mode)) {
+        return failed(path + " is no regular file",
+                      "Find out who put it there, remove it, and run 'sentrelctl settings init'");
+    }
+    const std::optional<uid_t> daemon = daemonUser();
+    if (daemon && facts->st_uid != *daemon) {
+        return failed(fmt::format("{} is {}'s and not the daemon's", path, userName(facts->st_uid)),
+                      fmt::format("chown {} {}", userName(*daemon), path));
+    }
+    if (othersCanWrite(*facts)) {
+        return failed(fmt::format("others than its owner can write {}: it has {}", path, modeText(*facts)),
+                      "chmod 0644 " + path);
+    }
+    if ((facts->st_mode & everybodyReads) != everybodyReads) {
+        return warning(
+            fmt::format("the browser components of other users cannot read {}: it has {}", path, modeText(*facts)),
+            "chmod 0644 " + path);
+    }
+    return healthy(fmt::format("{} is {}'s, {}", path, userName(facts->st_uid), modeText(*facts)));
+}
+
+Diagnosis settingsTables(double /*timeout*/) {
+    const std::string path = paths::settingsFile();
+    const std::optional<struct stat> directory = factsOf(directoryOf(path));
+    if (!factsOf(path)) {
+        throw CannotSee("there is no settings file");
+    }
+    if (directory && othersCanWrite(*directory)) {
+        // What another user planted beside it would be put into force by opening it.
+        throw CannotSee("not opened while others can write into its directory");
+    }
+    needReadable(path);
+    const SettingsTables tables = findSettingsTables(path, "cannot look into the settings file");
+    if (!tables.created.empty()) {
+        return failed(fmt::format("{} lacks {}", path, fmt::join(tables.created, ", ")),
+                      "Make them with 'sentrelctl settings init'");
+    }
+    return healthy(fmt::format("{} has all {} tables", path, tables.present.size()));
+}
+
+} // namespace
+
+Diagnosis busConfigurationDiagnosis(const std::string& path, const std::string& text,
+                                    const std::function<bool(const std::string&)>& groupExists) {
+    constexpr const char* advice =
+        "Make it with 'hvbd --print-bus-config' for these users and this group, and restart the bus and all on it";
+    const std::regex policy(R"re(<policy (user|group)="([^"]*)">)re");
+    std::vector<std::string> users;
+    HVB::bus::BusConfigurationOptions options;
+    for (std::sregex_iterator found(text.begin(), text.end(), policy); found != std::sregex_iterator(); ++found) {
+        if ((*found)[1] == "group") {
+            options.adminGroup = (*found)[2];
+        } else {
+            users.push_back((*found)[2]);
+        }
+    }
+    constexpr std::size_t rootDaemonAndHub = 3;
+    if (users.size() != rootDaemonAndHub) {
+        return failed(path + " is no configuration of this hub's bus", advice);
+    }
+    if (!options.adminGroup.empty() && !groupExists(options.adminGroup)) {
+        return failed(
+            fmt::format("{} names the group {}, which there is not on this machine", path, options.adminGroup),
+            fmt::format("addgroup --system {}, then restart the bus and all on it", options.adminGroup));
+    }
+    options.socketPath = paths::hubSocket();
+    options.daemonUser = users[1];
+    options.hubUser = users[2];
+    if (HVB::bus::busConfiguration(options) != text) {
+        return warning(path + " is not as this version's hvbd makes it", advice);
+    }
+    return healthy(fmt::format("{}: sentreld runs as {}, hvbd as {}, administrators are {}", path, users[1], users[2],
+                               options.adminGroup.empty() ? "root alone" : options.adminGroup));
+}
+
+const std::vector<Check>& fileChecks() {
+    static const std::vector<Check> all{
+        {"shared-directory", sharedDirectory},   {"var-directory", varDirectory},
+        {"hub-directory", hubDirectory},         {"config-directory", configurationDirectory},
+        {"bus-configuration", busConfiguration}, {"module-configuration", moduleConfiguration},
+        {"debug-switch", debugSwitch},           {"trace-levels", traceLevels},
+        {"management-agent", managementAgent},   {"settings-file", settingsFile},
+        {"settings-tables", settingsTables},
+    };
+    return all;
+}
+
+} // namespace Sentrel::ctl

@@ -1,0 +1,311 @@
+// The doctor's checks of the bus and of the processes on it.
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/clients/EventSocket.h"
+#include "apps/sentrelctl/clients/HubClient.h"
+#include "apps/sentrelctl/doctor/Doctor.h"
+#include "apps/sentrelctl/terminal/Failure.h"
+#include "base/Paths.h"
+#include "hub/HubIds.h"
+#include "platform/hvbhelpers/HubProtocol.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <fmt/format.h>
+#include <fstream>
+#include <netdb.h>
+#include <unistd.h>
+
+namespace Sentrel::ctl {
+namespace {
+
+constexpr uid_t kNobody = 65534;
+constexpr int kEventOfNobody = 0; // no module sends it and none subscribes to it
+
+Diagnosis failed(std::string what, std::string advice) {
+    return {Verdict::Failed, std::move(what), std::move(advice)};
+}
+
+Diagnosis hostName(double timeout) {
+    std::array<char, 256> name{};
+    if (::gethostname(name.data(), name.size() - 1) != 0) {
+        throw CannotSee("the host does not tell its name");
+    }
+    return hostNameDiagnosis(name.data(), inChild(std::nullopt, timeout,
+                                                  [&name] { return ::gethostbyname(name.data()) != nullptr ? 0 : 1; }));
+}
+
+// The bus.
+
+std::string startOfTheBus() {
+    return fmt::format("Start the hub's bus: dbus-daemon --nofork --config-file={}", paths::hubBusConfiguration());
+}
+
+Diagnosis hubSocket(double timeout) {
+    const std::string path = paths::hubSocket();
+    const std::optional<struct stat> facts = factsOf(path);
+    if (!facts) {
+        return failed("there is no " + path, startOfTheBus());
+    }
+    if (!S_ISSOCK(facts->st_mode)) {
+        return failed(path + " is no socket", "Find out who put it there, remove it, and start the hub's bus");
+    }
+    try {
+        HubClient(path, timeout).pingBus();
+    } catch (const HVB::HVBException& error) {
+        switch (exitCodeOfHub(error.code())) {
+        case ExitCode::NotRunning:
+            return failed("nobody listens at " + path, startOfTheBus());
+        case ExitCode::TimedOut:
+            return failed("the bus does not answer at " + path, "Look at its dbus-daemon, and restart it");
+        default:
+            return failed(error.message(), "Look at 'bus-configuration' above, and at the bus's own messages");
+        }
+    }
+    return healthy("the bus answers at " + path);
+}
+
+/// Whether hvbd got the question. Without hvbd on the bus nobody gets it, and the bus does not say what it would do.
+bool letsAsk(double timeout) {
+    try {
+        HubClient(paths::hubSocket(), timeout).moduleHealth();
+        return true;
+    } catch (const HVB::HVBException&) {
+        return false;
+    }
+}
+
+/// Tries what an ordinary user may not do, and what does no harm where the user may.
+int probePolicy(double timeout) {
+    try {
+        if (letsAsk(timeout)) {
+            return PolicyLetsAsk;
+        }
+        const HVB::EventData event(kEventOfNobody);
+        return HubClient(paths::hubSocket(), timeout).publish(event) ? PolicyLetsSignal : PolicyRefuses;
+    } catch (const HVB::HVBException&) {
+        return PolicyUnreachable;
+    }
+}
+
+void needTheBus(double timeout) {
+    try {
+        HubClient(paths::hubSocket(), timeout).pingBus();
+    } catch (const HVB::HVBException&) {
+        throw CannotSee("the bus cannot be reached");
+    }
+}
+
+/// Root asks as a user who is nobody's. Everybody else asks as themselves, unless they have rights of their own.
+Diagnosis busPolicy(double timeout) {
+    constexpr double attempts = 3; // to connect twice, and to be answered
+    needTheBus(timeout);
+    const uid_t self = ::geteuid();
+    const std::optional<struct stat> hub = factsOf(paths::hubVarDirectory());
+    if (self != 0 && (self == daemonUser() || (hub && self == hub->st_uid))) {
+        throw CannotSee("this user has rights of its own on the bus: ask as root or as an ordinary user");
+    }
+    const std::optional<uid_t> asker = self == 0 ? std::optional(kNobody) : std::nullopt;
+    return busPolicyDiagnosis(inChild(asker, attempts * timeout, [timeout] { return probePolicy(timeout); }));
+}
+
+// The processes.
+
+/// Asks a process on the bus whether it is there.
+Diagnosis peerDiagnosis(const char* process, const std::string& name, const std::string& path, double timeout) {
+    needTheBus(timeout);
+    try {
+        HubClient(paths::hubSocket(), timeout).ping(name, path);
+        return healthy(fmt::format("{} answers as {}", process, name));
+    } catch (const HVB::HVBException& error) {
+        return exitCodeOfHub(error.code()) == ExitCode::NotRunning
+                   ? failed(fmt::format("{} is not on the bus", process),
+                            fmt::format("Start {}; its messages are in the system log", process))
+                   : failed(fmt::format("{} does not answer: {}", process, error.message()),
+                            fmt::format("Restart {}", process));
+    }
+}
+
+Diagnosis hvbd(double timeout) {
+    return peerDiagnosis("hvbd", HVB::bus::kHubName, HVB::bus::kHubPath, timeout);
+}
+
+Diagnosis sentreld(double timeout) {
+    return peerDiagnosis("sentreld", HVB::bus::moduleName(HVB::MODULE_SENTREL),
+                         HVB::bus::modulePath(HVB::MODULE_SENTREL), timeout);
+}
+
+bool isOk(Diagnosis (*check)(double), double timeout) {
+    try {
+        return check(timeout).verdict == Verdict::Ok;
+    } catch (const CannotSee&) {
+        return false;
+    }
+}
+
+Diagnosis health(double timeout) {
+    needTheBus(timeout);
+    std::vector<ModuleHealth> modules;
+    try {
+        modules = HubClient(paths::hubSocket(), timeout).moduleHealth();
+    } catch (const HVB::HVBException& error) {
+        throw CannotSee(error.code() == -EACCES ? "cannot be seen as this user: hvbd tells it to root alone"
+                                                : "hvbd does not tell");
+    }
+    const auto found = std::find_if(modules.begin(), modules.end(),
+                                    [](const ModuleHealth& module) { return module.moduleId == HVB::MODULE_SENTREL; });
+    if (found == modules.end()) {
+        throw CannotSee("hvbd has not checked sentreld yet; it does so every minute");
+    }
+    if (found->state != "well") {
+        return failed(fmt::format("hvbd found sentreld {} at {}", found->state, found->since),
+                      "Restart sentreld, unless it has just been started: hvbd checks every minute");
+    }
+    return healthy(fmt::format("hvbd finds sentreld well since {}", found->since));
+}
+
+// What the processes leave behind.
+
+Diagnosis logStore(double timeout) {
+    constexpr mode_t others = S_IRWXO;
+    const std::string path = paths::hubLogStore();
+    const std::optional<struct stat> facts = factsOf(path);
+    if (!facts) {
+        if (!isOk(hvbd, timeout)) {
+            throw CannotSee("there is no " + path + " yet; hvbd makes it");
+        }
+        return failed(fmt::format("there is no {}, although hvbd runs", path),
+                      "Let hvbd's user write into its directory, and restart hvbd");
+    }
+    if (!S_ISREG(facts->st_mode)) {
+        return failed(path + " is no regular file", "Find out who put it there, and move it away");
+    }
+    if ((facts->st_mode & others) != 0) {
+        return failed(
+            fmt::format("other users may use {}, which holds what people browsed: it has {}", path, modeText(*facts)),
+            "chmod o= " + path + "*");
+    }
+    const std::optional<struct stat> directory = factsOf(directoryOf(path));
+    if (directory && directory->st_uid != 0 && directory->st_uid != facts->st_uid) {
+        return failed(fmt::format("{} is {}'s and its directory {}'s", path, userName(facts->st_uid),
+                                  userName(directory->st_uid)),
+                      fmt::format("chown {} {}*", userName(directory->st_uid), path));
+    }
+    return healthy(fmt::format("{} is {}'s, {}", path, userName(facts->st_uid), modeText(*facts)));
+}
+
+Diagnosis eventSocketAnswer(const std::string& path, double timeout) {
+    try {
+        EventSocket(path, deadlineAfter(timeout)).endSending();
+        return healthy("sentreld listens at " + path);
+    } catch (const Failure& failure) {
+        return failure.code() == ExitCode::TimedOut
+                   ? failed("sentreld takes no connection at " + path,
+                            "A client may hold it up: look who is connected, with 'ss -xp'; or restart sentreld")
+                   : failed(fmt::format("nobody listens at {}: {}", path, failure.why()), "Start sentreld");
+    }
+}
+
+Diagnosis eventSocket(double timeout) {
+    constexpr mode_t everybody = S_IRWXU | S_IRWXG | S_IRWXO;
+    const std::string path = paths::eventSocket();
+    const std::optional<struct stat> facts = factsOf(path);
+    if (!facts) {
+        return failed("there is no " + path, "Start sentreld, which makes it");
+    }
+    if (!S_ISSOCK(facts->st_mode)) {
+        return failed(path + " is no socket", "Find out who put it there, remove it, and start sentreld");
+    }
+    if ((facts->st_mode & everybody) != everybody) {
+        return failed(fmt::format("browsers of other users cannot report to {}: it has {}", path, modeText(*facts)),
+                      "chmod 0777 " + path + ", or restart sentreld");
+    }
+    return eventSocketAnswer(path, timeout);
+}
+
+/// The number in the PID file; none when there is no such.
+std::optional<pid_t> pidIn(const std::string& path) {
+    std::string text;
+    std::getline(std::ifstream(path), text);
+    pid_t pid = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), pid);
+    return error == std::errc() && end == text.data() + text.size() && pid > 0 ? std::optional(pid) : std::nullopt;
+}
+
+std::string commandOf(pid_t pid) {
+    std::string name;
+    std::getline(std::ifstream(fmt::format("/proc/{}/comm", pid)), name);
+    return name;
+}
+
+Diagnosis pidFile(double timeout) {
+    const std::string path = paths::pidFile();
+    if (!factsOf(path)) {
+        return isOk(sentreld, timeout) ? Diagnosis{Verdict::Warning, "there is no " + path + ", although sentreld runs",
+                                                   "Restart sentreld, lest a second one is started beside it"}
+                                       : failed("there is no " + path + ": sentreld does not run", "Start sentreld");
+    }
+    needReadable(path);
+    const std::optional<pid_t> pid = pidIn(path);
+    if (!pid) {
+        return failed(path + " holds no process id", "Restart sentreld, which writes it");
+    }
+    if (::kill(*pid, 0) != 0 && errno == ESRCH) {
+        return failed(fmt::format("{} names the process {}, which has ended without a clean stop", path, *pid),
+                      "Start sentreld");
+    }
+    const std::string command = commandOf(*pid);
+    if (!command.empty() && !command.starts_with("sentreld")) {
+        return failed(fmt::format("{} names the process {}, which is {} and not sentreld", path, *pid, command),
+                      "Start sentreld");
+    }
+    return healthy(fmt::format("sentreld is the process {}", *pid));
+}
+
+} // namespace
+
+Diagnosis hostNameDiagnosis(const std::string& name, std::optional<int> answer) {
+    constexpr const char* advice = "Put the name into /etc/hosts, or install libnss-myhostname";
+    if (!answer) {
+        return {Verdict::Warning,
+                fmt::format("nobody answers for the host's own name {}: every browser event waits for that", name),
+                advice};
+    }
+    if (*answer != 0) {
+        return {Verdict::Warning,
+                fmt::format("the host's own name {} does not resolve: reports lack the address", name), advice};
+    }
+    return healthy(fmt::format("the host's own name {} resolves", name));
+}
+
+Diagnosis busPolicyDiagnosis(std::optional<int> answer) {
+    constexpr const char* advice =
+        "Another configuration is in force: make it with 'hvbd --print-bus-config', and restart the bus and all on it";
+    if (!answer) {
+        throw CannotSee("the bus did not answer an ordinary user in time");
+    }
+    switch (*answer) {
+    case PolicyRefuses:
+        return healthy("the bus refuses an ordinary user what it should");
+    case PolicyLetsAsk:
+        return failed("the bus lets an ordinary user ask what only root may", advice);
+    case PolicyLetsSignal:
+        return failed("the bus lets an ordinary user send events", advice);
+    default:
+        return failed("an ordinary user cannot connect to the bus",
+                      "See that every user can reach " + paths::hubSocket());
+    }
+}
+
+const std::vector<Check>& processChecks() {
+    static const std::vector<Check> all{
+        {"host-name", hostName}, {"hub-socket", hubSocket},     {"bus-policy", busPolicy},
+        {"hvbd", hvbd},          {"log-store", logStore},       {"sentreld", sentreld},
+        {"health", health},      {"event-socket", eventSocket}, {"pid-file", pidFile},
+    };
+    return all;
+}
+
+} // namespace Sentrel::ctl

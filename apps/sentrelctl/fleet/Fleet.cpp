@@ -1,0 +1,146 @@
+#include "apps/sentrelctl/fleet/Fleet.h"
+
+#include "base/Paths.h"
+#include "platform/hvbagent/AgentLimits.h"
+#include "platform/hvbagent/PrivateFile.h"
+#include "platform/hvbagent/StrictJson.h"
+#include "platform/hvbagent/Topics.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace Sentrel::ctl {
+namespace {
+
+namespace agent = HVBEnterprise::agent;
+
+constexpr const char* kCannotRead = "cannot read the enrolment";
+constexpr int kPlainPort = 1883;
+constexpr int kTlsPort = 8883;
+constexpr int kLastPort = 65535;
+
+Failure noEnrolment(const std::string& path, const std::string& why) {
+    return {ExitCode::Failed, kCannotRead, path, why,
+            "Name another file with --config, or the broker with --host and --site"};
+}
+
+/// The machine's own credentials are not looked at: an administrator may come with others.
+agent::AgentConfiguration enrolment(const std::string& path) {
+    try {
+        return agent::readAgentConfiguration(
+            agent::readRegularFile(path, agent::kMaxConfigurationBytes, agent::FileAccess::Anybody));
+    } catch (const std::system_error& error) {
+        const int number = error.code().value();
+        if (number == EACCES) {
+            throw Failure(ExitCode::NoAccess, kCannotRead, path, errnoText(number), "Name another with --config");
+        }
+        throw noEnrolment(path, error.code().message());
+    } catch (const agent::DocumentError& error) {
+        throw noEnrolment(path, error.what());
+    }
+}
+
+void takeOptions(const FleetOptions& options, Fleet& fleet) {
+    if (!options.host.empty()) {
+        fleet.broker.host = options.host;
+    }
+    if (!options.authority.empty()) {
+        fleet.broker.tls = agent::TlsFiles{.authority = options.authority, .certificate = {}, .key = {}};
+    }
+    if (!options.certificate.empty()) {
+        if (!fleet.broker.tls) {
+            throw Failure(ExitCode::BadUsage, "bad usage", "", "--cert needs --ca", "");
+        }
+        fleet.broker.tls->certificate = options.certificate;
+        fleet.broker.tls->key = options.key;
+    }
+    if (!options.credentials.empty()) {
+        fleet.broker.credentialsFile = options.credentials;
+    }
+    if (!options.site.empty()) {
+        fleet.site = topicPart("--site", options.site);
+    }
+    if (options.port != 0) {
+        fleet.broker.port = static_cast<std::uint16_t>(options.port);
+    } else if (fleet.broker.port == 0) {
+        fleet.broker.port = fleet.broker.tls ? kTlsPort : kPlainPort;
+    }
+}
+
+/// Threads: plain. Owner: a local.
+struct OpenFile {
+    int fd;
+    ~OpenFile() { ::close(fd); }
+};
+
+} // namespace
+
+void addFleetOptions(CLI::App& verb, FleetOptions& options) {
+    verb.add_option("--config", options.config,
+                    "The enrolment that names broker and site (default: this machine's own, " +
+                        paths::agentConfiguration() + ")")
+        ->option_text("FILE");
+    verb.add_option("--host", options.host, "The broker's host")->option_text("HOST");
+    verb.add_option("--port", options.port, "Its port (default 1883, with TLS 8883)")
+        ->option_text("PORT")
+        ->check(CLI::Range(1, kLastPort));
+    verb.add_option("--ca", options.authority, "TLS: the authority that the broker's certificate is of")
+        ->option_text("FILE");
+    CLI::Option* certificate =
+        verb.add_option("--cert", options.certificate, "TLS: this client's certificate")->option_text("FILE");
+    CLI::Option* key = verb.add_option("--key", options.key, "TLS: its key")->option_text("FILE");
+    certificate->needs(key);
+    key->needs(certificate);
+    verb.add_option("--credentials", options.credentials,
+                    "A file with user and password, as docs/fleet.md tells; it is for its owner's eyes alone")
+        ->option_text("FILE");
+    verb.add_option("--site", options.site, "The site")->option_text("SITE");
+    verb.add_option("--machine", options.machine, "One machine")->option_text("ID");
+    addTimeout(verb, options.timeout);
+}
+
+Fleet fleetOf(const FleetOptions& options) {
+    Fleet fleet;
+    if (!options.config.empty() || options.host.empty()) {
+        agent::AgentConfiguration read =
+            enrolment(options.config.empty() ? paths::agentConfiguration() : options.config);
+        fleet.broker.host = read.host;
+        fleet.broker.port = read.port;
+        fleet.broker.tls = read.tls;
+        fleet.broker.credentialsFile = read.credentialsFile;
+        fleet.site = read.site;
+        fleet.policyKey = read.policyKey;
+    }
+    takeOptions(options, fleet);
+    if (fleet.site.empty()) {
+        throw Failure(ExitCode::BadUsage, "bad usage", "", "no site is named", "Name it with --site");
+    }
+    return fleet;
+}
+
+std::string topicPart(const std::string& option, const std::string& text) {
+    if (!agent::isTopicPart(text)) {
+        throw Failure(ExitCode::BadUsage, "bad usage", option,
+                      fmt::format("it is not 1 to {} characters out of letters, digits, \"_\", \".\" and \"-\"",
+                                  agent::kMaxTopicPart),
+                      "");
+    }
+    return text;
+}
+
+std::string contentOf(const std::string& name, int inputFd, std::size_t limit) {
+    if (name == "-") {
+        return readAll(inputFd, "standard input", limit);
+    }
+    const OpenFile file{::open(name.c_str(), O_RDONLY | O_CLOEXEC)};
+    if (file.fd < 0) {
+        throw Failure(errno == EACCES ? ExitCode::NoAccess : ExitCode::Failed, "cannot open", name, errnoText(errno),
+                      "");
+    }
+    return readAll(file.fd, name, limit);
+}
+
+} // namespace Sentrel::ctl

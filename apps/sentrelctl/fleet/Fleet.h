@@ -1,0 +1,59 @@
+// The fleet from an administrator's chair: which broker, which site, which machines.
+#pragma once
+
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/fleet/MqttTool.h"
+#include "platform/hvbagent/Encoding.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Sentrel::ctl {
+
+/// What a verb was told about the broker. Threads: a plain value. Owner: the verb.
+struct FleetOptions {
+    std::string config;
+    std::string host;
+    int port = 0;
+    std::string authority;
+    std::string certificate;
+    std::string key;
+    std::string credentials;
+    std::string site;
+    std::string machine;
+    double timeout = kDefaultTimeout;
+};
+
+/// Adds --config, --host, --port, --ca, --cert, --key, --credentials, --site, --machine and --timeout.
+void addFleetOptions(CLI::App& verb, FleetOptions& options);
+
+/// Threads: a plain value. Owner: the verb.
+struct Fleet {
+    BrokerAddress broker;
+    std::string site;
+    std::optional<HVBEnterprise::agent::PublicKey> policyKey; ///< when the enrolment asks for signed policies
+};
+
+/// The broker and the site: from an enrolment, in which single options replace what it says, or from options alone when
+/// they name a host and no enrolment. @throws Failure.
+Fleet fleetOf(const FleetOptions& options);
+
+/// @p text, when it can be a level of a topic. @throws Failure (bad usage) that says what it should be.
+std::string topicPart(const std::string& option, const std::string& text);
+
+/// What a file or standard input ("-") holds. @throws Failure.
+std::string contentOf(const std::string& name, int inputFd, std::size_t limit);
+
+/// Runs @p body; what the agent's library throws becomes a failure that says @p what could not be done.
+template <class Body>
+auto telling(const char* what, const Body& body) {
+    try {
+        return body();
+    } catch (const std::runtime_error& error) {
+        throw Failure(ExitCode::Failed, what, "", error.what(), "");
+    }
+}
+
+} // namespace Sentrel::ctl

@@ -1,0 +1,190 @@
+#include "apps/sentrelctl/fleet/MachineDocuments.h"
+
+#include "apps/sentrelctl/fleet/Fleet.h"
+#include "base/PrintableText.h"
+#include "platform/hvbagent/AgentLimits.h"
+#include "platform/hvbagent/StrictJson.h"
+
+#include <algorithm>
+#include <array>
+#include <fmt/format.h>
+
+namespace Sentrel::ctl {
+
+using Sentrel::text::printable;
+using Sentrel::text::shortened;
+using Sentrel::text::validUtf8;
+namespace {
+
+namespace agent = HVBEnterprise::agent;
+
+constexpr std::size_t kMaxCell = 200; // bytes
+constexpr std::size_t kMaxDepth = 4;
+constexpr std::size_t kMaxValues = 100'000;
+
+using Row = std::vector<std::string>;
+
+/// A text of the document, or its value as JSON has it; a dash for nothing.
+std::string cell(const nlohmann::json& value) {
+    if (value.is_null()) {
+        return "-";
+    }
+    const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
+    return text.empty() ? "-" : shortened(printable(text), kMaxCell);
+}
+
+std::string member(const nlohmann::json& object, const char* name) {
+    return object.is_object() && object.contains(name) ? cell(object[name]) : "-";
+}
+
+/// @p rows below each other; the last column is not padded.
+std::string tableText(const std::vector<Row>& rows) {
+    std::vector<std::size_t> widths(rows.front().size(), 0);
+    for (const Row& row : rows) {
+        for (std::size_t at = 0; at < row.size(); ++at) {
+            widths[at] = std::max(widths[at], row[at].size());
+        }
+    }
+    std::string text;
+    for (const Row& row : rows) {
+        for (std::size_t at = 0; at + 1 < row.size(); ++at) {
+            text += fmt::format("{:<{}}  ", row[at], widths[at]);
+        }
+        text += row.back() + "\n";
+    }
+    return text;
+}
+
+/// @p documents as rows, or one line when there are none.
+template <class MakeRow>
+std::string table(const std::vector<MachineDocument>& documents, Row head, const MakeRow& makeRow) {
+    if (documents.empty()) {
+        return "The broker has nothing from any machine.\n";
+    }
+    std::vector<Row> rows{std::move(head)};
+    for (const MachineDocument& document : documents) {
+        Row row = makeRow(document.content);
+        row.insert(row.begin(), printable(document.machine));
+        if (!document.error.empty()) {
+            row.back() = "cannot be read: " + shortened(printable(document.error), kMaxCell);
+        }
+        rows.push_back(std::move(row));
+    }
+    return tableText(rows);
+}
+
+std::string resultWord(const nlohmann::json& content) {
+    if (content.contains("refused") && !content["refused"].is_null()) {
+        return "refused";
+    }
+    if (!content.contains("enforced") || !content["enforced"].is_boolean()) {
+        return "-";
+    }
+    return content["enforced"].get<bool>() ? "in force" : "failed";
+}
+
+std::string yesOrNo(const nlohmann::json& properties, const char* section, const char* key) {
+    const std::string value =
+        properties.is_object() && properties.contains(section) ? member(properties[section], key) : std::string("-");
+    return value == "1" ? "yes" : value == "0" ? "no" : value;
+}
+
+/// The version has a blank in front of it.
+std::string trimmed(const std::string& text) {
+    const std::size_t first = text.find_first_not_of(' ');
+    return first == std::string::npos ? "-" : text.substr(first);
+}
+
+nlohmann::json sectionsOf(const nlohmann::json& content) {
+    return content.contains("sections") && content["sections"].is_object() ? content["sections"]
+                                                                           : nlohmann::json::object();
+}
+
+} // namespace
+
+MachineDocument machineDocument(std::string machine, std::string_view payload) {
+    MachineDocument document{std::move(machine), nlohmann::json::object(), {}};
+    try {
+        nlohmann::json read = agent::readStrictJson(
+            payload, {.bytes = agent::kMaxPropertyBytes, .depth = kMaxDepth, .values = kMaxValues});
+        if (read.is_object()) {
+            document.content = std::move(read);
+        } else {
+            document.error = "the document: is not an object";
+        }
+    } catch (const agent::DocumentError& error) {
+        document.error = error.what();
+    }
+    return document;
+}
+
+std::string resultReason(const MachineDocument& document) {
+    const std::string refused = member(document.content, "refused");
+    return refused != "-" ? refused : "the machine could not put all of it into force: its trace log says where";
+}
+
+std::string resultsText(const std::vector<MachineDocument>& documents) {
+    return table(documents, {"MACHINE", "RESULT", "VERSION", "TIME", "POLICY"}, [](const nlohmann::json& content) {
+        const std::string word = resultWord(content);
+        return Row{word, member(content, "version"), member(content, "time"),
+                   member(content, word == "refused" ? "refused" : "id")};
+    });
+}
+
+std::string statesText(const std::vector<MachineDocument>& documents) {
+    return table(documents, {"MACHINE", "STATE", "SINCE"}, [](const nlohmann::json& content) {
+        return Row{member(content, "state"), member(content, "time")};
+    });
+}
+
+std::string propertiesTable(const std::vector<MachineDocument>& documents) {
+    return table(documents, {"MACHINE", "VERSION", "PROTECTION", "COMPLIANT", "PATCH", "TIME"},
+                 [](const nlohmann::json& content) {
+                     const nlohmann::json sections = sectionsOf(content);
+                     const nlohmann::json general = sections.value("General", nlohmann::json::object());
+                     const std::string protection = yesOrNo(sections, "Options", "bSTEnabled");
+                     return Row{trimmed(member(general, "szProductVer")),
+                                protection == "yes"  ? "on"
+                                : protection == "no" ? "off"
+                                                     : protection,
+                                yesOrNo(sections, "CustomProps", "bComplianceStatus"), member(general, "Patch"),
+                                member(content, "time")};
+                 });
+}
+
+std::string propertiesText(const MachineDocument& document, const Palette& palette) {
+    std::string text = fmt::format("{}{}{}  collected {}\n", palette.strong, printable(document.machine), palette.plain,
+                                   member(document.content, "time"));
+    std::vector<Row> rows;
+    const nlohmann::json sections = sectionsOf(document.content);
+    for (const auto& [section, keys] : sections.items()) {
+        if (!keys.is_object()) {
+            continue;
+        }
+        for (const auto& [key, value] : keys.items()) {
+            rows.push_back(
+                {"    " + shortened(printable(section), kMaxCell), shortened(printable(key), kMaxCell), cell(value)});
+        }
+    }
+    if (!document.error.empty()) {
+        return text + "    cannot be read: " + shortened(printable(document.error), kMaxCell) + "\n";
+    }
+    return text + (rows.empty() ? "" : tableText(rows));
+}
+
+Json documentJson(const MachineDocument& document) {
+    Json json{{"machine", validUtf8(document.machine)}};
+    for (const auto& [name, value] : document.content.items()) {
+        if (name != "machine") {
+            json[name] = Json::parse(value.dump());
+        }
+    }
+    json["error"] = document.error.empty() ? Json(nullptr) : Json(validUtf8(document.error));
+    return json;
+}
+
+std::unique_ptr<MqttTool> connected(const BrokerAddress& address, MqttTool::TimePoint deadline) {
+    return telling("cannot use the credentials", [&] { return std::make_unique<MqttTool>(address, deadline); });
+}
+
+} // namespace Sentrel::ctl

@@ -1,0 +1,41 @@
+// What machines publish about themselves, as it is read and shown.
+#pragma once
+
+#include "apps/sentrelctl/fleet/MqttTool.h"
+#include "apps/sentrelctl/terminal/Output.h"
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Sentrel::ctl {
+
+/// A retained document of one machine.
+/// Threads: a plain value. Owner: the verb.
+struct MachineDocument {
+    std::string machine;
+    nlohmann::json content; ///< an object; empty with an error
+    std::string error;      ///< why it could not be read
+};
+
+/// Reads a document. Whatever is in it, this returns.
+MachineDocument machineDocument(std::string machine, std::string_view payload);
+
+/// A table of the results of policies; its last column is the policy's id, or why it was refused.
+std::string resultsText(const std::vector<MachineDocument>& documents);
+/// Why a policy is not in force as a whole. Requires that it is not.
+std::string resultReason(const MachineDocument& document);
+/// A table of the properties that tell most.
+std::string propertiesTable(const std::vector<MachineDocument>& documents);
+/// Every property of one machine.
+std::string propertiesText(const MachineDocument& document, const Palette& palette);
+std::string statesText(const std::vector<MachineDocument>& documents);
+
+/// The document with "machine" in front and "error" behind.
+Json documentJson(const MachineDocument& document);
+
+/// Connects. @throws Failure, also for credentials that cannot be read.
+std::unique_ptr<MqttTool> connected(const BrokerAddress& address, MqttTool::TimePoint deadline);
+
+} // namespace Sentrel::ctl

@@ -1,0 +1,41 @@
+// A policy file as the verbs read, check and tell of it.
+#pragma once
+
+#include "apps/sentrelctl/policy/PolicyCheck.h"
+#include "apps/sentrelctl/terminal/Output.h"
+#include "platform/hvbagent/PolicyDocument.h"
+
+#include <optional>
+#include <string>
+
+namespace Sentrel::ctl {
+
+/// What became of a policy that was read and checked.
+/// Threads: a plain value. Owner: the verb.
+struct CheckedPolicy {
+    std::string message; ///< the bytes that a machine would get
+    HVBEnterprise::agent::PolicyReading reading;
+    PolicyCheck check; ///< empty when it is refused
+
+    bool isFine() const { return reading.refused.empty() && check.isWhole(); }
+    /// "enforced", "not enforced", "fails" or "refused".
+    const char* verdict() const;
+};
+
+/// Reads @p message as a machine does that has this key, and checks it.
+CheckedPolicy checkedPolicy(std::string message, const std::optional<HVBEnterprise::agent::PublicKey>& key);
+
+/// "policy 7 (office)", printable.
+std::string policyName(const HVBEnterprise::agent::PolicyIdentity& identity);
+
+/// All that there is to say, for people.
+std::string policyText(const CheckedPolicy& policy, const Palette& palette);
+/// Its problems alone, a line each.
+std::string problemsText(const CheckedPolicy& policy, const Palette& palette);
+/// The same for programs.
+Json policyJson(const CheckedPolicy& policy);
+
+/// Why it is not fine, in a few words.
+std::string whyNotFine(const CheckedPolicy& policy);
+
+} // namespace Sentrel::ctl

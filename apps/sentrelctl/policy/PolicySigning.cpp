@@ -1,0 +1,98 @@
+#include "apps/sentrelctl/policy/PolicySigning.h"
+
+#include "platform/hvbagent/AgentLimits.h"
+#include "platform/hvbagent/PrivateFile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <nlohmann/json.hpp>
+#include <sodium.h>
+#include <stdexcept>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace Sentrel::ctl {
+namespace {
+
+namespace agent = HVBEnterprise::agent;
+
+/// A pair as libsodium has it; the secret half begins with the seed. Wiped when it goes.
+/// Threads: plain, single access. Owner: a local.
+struct Pair {
+    std::array<unsigned char, crypto_sign_PUBLICKEYBYTES> open{};
+    std::array<unsigned char, crypto_sign_SECRETKEYBYTES> secret{};
+    std::array<unsigned char, crypto_sign_SEEDBYTES> seed{};
+
+    Pair() { agent::requireSodium(); }
+    Pair(const Pair&) = delete;
+    Pair& operator=(const Pair&) = delete;
+    ~Pair() {
+        sodium_memzero(secret.data(), secret.size());
+        sodium_memzero(seed.data(), seed.size());
+    }
+
+    void derive() { crypto_sign_seed_keypair(open.data(), secret.data(), seed.data()); }
+};
+
+template <class Bytes>
+std::string_view textOf(const Bytes& bytes) {
+    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+/// The bytes whose base64 is in a file. @throws std::runtime_error when there are not that many.
+template <class Bytes>
+void load(const std::string& path, agent::FileAccess access, Bytes& bytes) {
+    std::string text = agent::readRegularFile(path, agent::kMaxKeyFileBytes, access);
+    const std::string_view line(text.data(), text.ends_with('\n') ? text.size() - 1 : text.size());
+    std::string read = agent::bytesOfBase64(line).value_or("");
+    const bool fits = read.size() == bytes.size();
+    if (fits) {
+        std::transform(read.begin(), read.end(), bytes.begin(), [](char c) { return static_cast<unsigned char>(c); });
+    }
+    sodium_memzero(text.data(), text.size());
+    sodium_memzero(read.data(), read.size());
+    if (!fits) {
+        throw std::runtime_error(path + ": is not the base64 of " + std::to_string(bytes.size()) + " bytes");
+    }
+}
+
+} // namespace
+
+std::string makeSigningPair(const SigningFiles& files) {
+    if (::access(files.open.c_str(), F_OK) == 0) { // before the other half is there
+        throw std::system_error(EEXIST, std::generic_category(), files.open);
+    }
+    Pair pair;
+    randombytes_buf(pair.seed.data(), pair.seed.size());
+    pair.derive();
+    std::string secret = agent::base64Of(textOf(pair.seed)) + "\n";
+    agent::makeFile(files.secret, secret);
+    sodium_memzero(secret.data(), secret.size());
+    std::string open = agent::base64Of(textOf(pair.open));
+    agent::makeFile(files.open, open + "\n");
+    constexpr mode_t forEverybody = 0644;
+    if (::chmod(files.open.c_str(), forEverybody) != 0) {
+        throw std::system_error(errno, std::generic_category(), files.open);
+    }
+    return open;
+}
+
+std::string signedMessage(std::string_view document, const std::string& secretFile) {
+    Pair pair;
+    load(secretFile, agent::FileAccess::OwnerAlone, pair.seed);
+    pair.derive();
+    std::array<unsigned char, crypto_sign_BYTES> signature{};
+    crypto_sign_detached(signature.data(), nullptr, reinterpret_cast<const unsigned char*>(document.data()),
+                         document.size(), pair.secret.data());
+    return nlohmann::json{{"payload", agent::base64Of(document)}, {"signature", agent::base64Of(textOf(signature))}}
+        .dump();
+}
+
+agent::PublicKey loadPublicKey(const std::string& path) {
+    agent::PublicKey key{};
+    load(path, agent::FileAccess::Anybody, key);
+    return key;
+}
+
+} // namespace Sentrel::ctl

@@ -1,0 +1,91 @@
+#include "apps/sentrelctl/terminal/Failure.h"
+#include "base/PrintableText.h"
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace Sentrel::ctl {
+
+using Sentrel::text::printable;
+namespace {
+
+const char* nextStepOfHub(ExitCode code) {
+    switch (code) {
+    case ExitCode::NotRunning:
+        return "Start the hub (its dbus-daemon and hvbd), then try again";
+    case ExitCode::NoAccess:
+        return "Run it as root or as a member of the group sentrel-admin";
+    case ExitCode::TimedOut:
+        return "Try again, or give it longer with --timeout";
+    default:
+        return "'sentrelctl hub ping' tells which part answers";
+    }
+}
+
+} // namespace
+
+Failure::Failure(ExitCode code, std::string what, std::string where, std::string why, std::string nextStep)
+    : m_code(code), m_what(std::move(what)), m_where(std::move(where)), m_why(std::move(why)),
+      m_nextStep(std::move(nextStep)) {}
+
+std::string Failure::line() const {
+    std::string text = "sentrelctl";
+    for (const std::string* part : {&m_what, &m_where, &m_why}) {
+        if (!part->empty()) {
+            text += ": " + printable(*part);
+        }
+    }
+    if (text.ends_with('.')) {
+        text.pop_back();
+    }
+    return m_nextStep.empty() ? text + "." : text + ". " + printable(m_nextStep) + ".";
+}
+
+// -1 is no EPERM here: it stands for a failure without an errno, and a refusal is always -EACCES.
+ExitCode exitCodeOfHub(int code) {
+    switch (-code) {
+    case ENOENT:
+    case ECONNREFUSED:
+    case EHOSTUNREACH:
+    case ECONNRESET:
+    case ENOTCONN:
+    case EPIPE:
+        return ExitCode::NotRunning;
+    case ETIMEDOUT:
+        return ExitCode::TimedOut;
+    case EACCES:
+        return ExitCode::NoAccess;
+    default:
+        return ExitCode::Failed;
+    }
+}
+
+ExitCode exitCodeOfErrno(int number) {
+    switch (number) {
+    case ENOENT:
+    case ECONNREFUSED:
+        return ExitCode::NotRunning;
+    case ETIMEDOUT:
+        return ExitCode::TimedOut;
+    case EACCES:
+    case EPERM:
+        return ExitCode::NoAccess;
+    default:
+        return ExitCode::Failed;
+    }
+}
+
+std::string errnoText(int number) {
+    return std::system_category().message(number);
+}
+
+Failure hubFailure(const HVB::HVBException& error, std::string what, std::string where) {
+    const ExitCode code = exitCodeOfHub(error.code());
+    if (error.message().find(where) != std::string::npos) {
+        where.clear(); // said once is enough
+    }
+    return {code, std::move(what), std::move(where), error.message(), nextStepOfHub(code)};
+}
+
+} // namespace Sentrel::ctl

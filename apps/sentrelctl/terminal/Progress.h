@@ -1,0 +1,37 @@
+// A sign of life on a terminal while something takes long.
+#pragma once
+
+#include "apps/sentrelctl/terminal/Output.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace Sentrel::ctl {
+
+/// While it lives, and once a second has passed, a line on @p err says what is being done and for how long. It is gone
+/// when this is. Nothing happens when @p err is no terminal.
+/// Threads: has one of its own, which alone writes to the output meanwhile. Owner: a local of the verb.
+class Progress {
+public:
+    /// @param what ASCII, such as "Storing 10000 entries".
+    Progress(Output& err, std::string what);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+private:
+    void run();
+
+    Output& m_err;
+    std::string m_what;
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_isDone = false; // guarded by m_mutex
+
+    std::thread m_thread;
+};
+
+} // namespace Sentrel::ctl

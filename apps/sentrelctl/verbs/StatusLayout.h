@@ -1,0 +1,35 @@
+// What the daemon says of itself, in words: the line of the dashboard, its health, its versions.
+#pragma once
+
+#include "apps/sentrelctl/terminal/Output.h"
+#include "hub/Payloads.h"
+
+#include <optional>
+#include <string>
+
+namespace Sentrel::ctl {
+
+/// The health of the daemon as hvbd found it, or why that is not known.
+/// Threads: a plain value. Owner: the verb.
+struct KnownHealth {
+    std::string state; ///< "well", "unwell", "silent", "gone"; "unknown" with an error
+    std::string since; ///< as hvbd tells it; empty when it is unknown
+    std::string error; ///< why it is unknown; else empty
+};
+
+/// The one line of the dashboard in @p data. None when the daemon sent another.
+std::optional<DashBoardDispalyContents> statusLine(const DashBoardData& data);
+
+/// Rows of status, management, protection, the reason and the health.
+std::string statusText(const DashBoardDispalyContents& line, const KnownHealth& health, const Palette& palette);
+
+/// The same for programs.
+Json statusJson(const DashBoardDispalyContents& line, const KnownHealth& health);
+
+/// Rows of the version, the service pack and the hotfixes. A text that is missing or blank is "none".
+std::string aboutText(const AboutBoxData& data, const Palette& palette);
+
+/// The texts as they came; null for one that did not.
+Json aboutJson(const AboutBoxData& data);
+
+} // namespace Sentrel::ctl

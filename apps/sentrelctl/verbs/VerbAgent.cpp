@@ -1,0 +1,141 @@
+// sentrelctl agent keygen and encrypt: the keys of a site, and texts that only its machines can read.
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/clients/DecryptExchange.h"
+#include "apps/sentrelctl/fleet/Fleet.h"
+#include "apps/sentrelctl/policy/PolicySigning.h"
+#include "apps/sentrelctl/terminal/Failure.h"
+#include "apps/sentrelctl/terminal/SecretInput.h"
+#include "base/Paths.h"
+#include "base/PrintableText.h"
+#include "platform/hvbagent/AgentLimits.h"
+#include "platform/hvbagent/SecretBox.h"
+
+#include <cerrno>
+#include <fmt/format.h>
+#include <memory>
+#include <system_error>
+
+namespace Sentrel::ctl {
+
+using Sentrel::text::printable;
+using Sentrel::text::validUtf8;
+namespace {
+
+namespace agent = HVBEnterprise::agent;
+
+struct KeygenOptions {
+    std::string file;
+    std::string signingPrefix;
+};
+
+struct EncryptOptions {
+    std::string keyFile;
+};
+
+/// Runs @p body, which writes a key to a file.
+template <class Body>
+auto makingKey(const Body& body) {
+    constexpr const char* what = "no key was made";
+    try {
+        return body();
+    } catch (const std::system_error& error) {
+        const int number = error.code().value();
+        if (number == EEXIST) {
+            throw Failure(ExitCode::Failed, what, "", error.what(),
+                          "What is encrypted or signed with it needs it: move it away before you make another");
+        }
+        throw Failure(exitCodeOfErrno(number) == ExitCode::NoAccess ? ExitCode::NoAccess : ExitCode::Failed, what, "",
+                      error.what(), "");
+    } catch (const std::runtime_error& error) {
+        throw Failure(ExitCode::Failed, what, "", error.what(), "");
+    }
+}
+
+void signingKeygen(Session& session, const std::string& prefix) {
+    const SigningFiles files(prefix);
+    const std::string open = makingKey([&] { return makeSigningPair(files); });
+    if (session.json != JsonMode::Off) {
+        session.out.write(jsonText(Json{{"secret_key_file", validUtf8(files.secret)},
+                                        {"public_key_file", validUtf8(files.open)},
+                                        {"policy_public_key", open}},
+                                   session.json));
+        return;
+    }
+    session.out.write(fmt::format("Made {}, which signs policies and is to be kept from everybody else,\n"
+                                  "and {}. The machines' agent.json says:\n    \"policy_public_key\": \"{}\"\n",
+                                  printable(files.secret), printable(files.open), open));
+}
+
+void keygen(Session& session, const KeygenOptions& options) {
+    if (!options.signingPrefix.empty()) {
+        signingKeygen(session, options.signingPrefix);
+        return;
+    }
+    const std::string file = options.file.empty() ? paths::agentKey() : options.file;
+    makingKey([&] {
+        agent::SecretKey::generate().save(file);
+        return 0;
+    });
+    session.out.write(session.json == JsonMode::Off
+                          ? fmt::format("Made {}. Every machine of the site needs it, readable by the daemon's user "
+                                        "alone.\n",
+                                        printable(file))
+                          : jsonText(Json{{"key_file", validUtf8(file)}}, session.json));
+}
+
+std::string clearText(Session& session) {
+    std::string text = secretFromInput(session, "Text to encrypt (it is not shown): ", agent::kMaxClearText);
+    if (text.empty()) {
+        throw Failure(ExitCode::BadUsage, "nothing was encrypted", "", "there is no text on standard input", "");
+    }
+    return text;
+}
+
+void encrypt(Session& session, const EncryptOptions& options) {
+    const std::string file = options.keyFile.empty() ? paths::agentKey() : options.keyFile;
+    const std::string encrypted = telling("nothing was encrypted", [&] {
+        std::string clear = clearText(session);
+        return encryptedWith(file, clear);
+    });
+    if (encrypted.size() > kMaxEncryptedBytes) {
+        throw Failure(ExitCode::BadUsage, "nothing was encrypted", "",
+                      fmt::format("the result has {} bytes, and the event socket carries {} at the most",
+                                  encrypted.size(), kMaxEncryptedBytes),
+                      "Give it a shorter text");
+    }
+    session.out.write(session.json == JsonMode::Off ? encrypted + "\n"
+                                                    : jsonText(Json{{"text", encrypted}}, session.json));
+}
+
+void registerKeygen(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<KeygenOptions>();
+    CLI::App& verb = addVerb(verbGroup(app, "agent", "The management agent of this machine"), "keygen",
+                             "Makes the key that passwords are encrypted with, or the pair that policies are signed "
+                             "with. A key that is there stays.",
+                             "  sentrelctl agent keygen\n  sentrelctl agent keygen --signing site");
+    CLI::Option* file =
+        verb.add_option("file", options->file, "Where to (default: " + paths::agentKey() + ")")->option_text("[FILE]");
+    verb.add_option("--signing", options->signingPrefix, "Make PREFIX.key and PREFIX.pub for signing policies")
+        ->option_text("PREFIX")
+        ->excludes(file);
+    verb.callback([options, &session] { session.chosen = [options, &session] { keygen(session, *options); }; });
+}
+
+void registerEncrypt(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<EncryptOptions>();
+    CLI::App& verb =
+        addVerb(app, "encrypt", "Encrypts a text from standard input, such as a password, for the machines of a site.",
+                "  sentrelctl encrypt --key site.key < password.txt");
+    verb.add_option("--key", options->keyFile, "The key (default: this machine's, " + paths::agentKey() + ")")
+        ->option_text("FILE");
+    verb.callback([options, &session] { session.chosen = [options, &session] { encrypt(session, *options); }; });
+}
+
+} // namespace
+
+void registerAgent(CLI::App& app, Session& session) {
+    registerKeygen(app, session);
+    registerEncrypt(app, session);
+}
+
+} // namespace Sentrel::ctl

@@ -1,0 +1,158 @@
+// sentrelctl categories: the content categories that are blocked.
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/preferences/PreferenceClient.h"
+#include "apps/sentrelctl/preferences/PreferenceLayout.h"
+#include "apps/sentrelctl/preferences/UrlList.h"
+#include "apps/sentrelctl/terminal/Failure.h"
+#include "base/PrintableText.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <memory>
+
+namespace Sentrel::ctl {
+
+using Sentrel::text::printable;
+using Sentrel::text::validUtf8;
+namespace {
+
+constexpr int kBlocked = 1; // that a name is there is what counts; 0 would be left out
+
+struct Options {
+    std::vector<std::string> names;
+    bool none = false;
+    double timeout = kDefaultTimeout;
+};
+
+void answer(Session& session, const STPreferences& values) {
+    const std::vector<std::string> names = categoryNames(values);
+    if (session.json != JsonMode::Off) {
+        session.out.write(jsonText(namesJson(names), session.json));
+        return;
+    }
+    std::string text;
+    for (const std::string& name : names) {
+        text += printable(name) + "\n";
+    }
+    session.out.write(text);
+}
+
+STPreferences read(PreferenceClient& client) {
+    return client.read(ST_CATEGORY_BLOCK_LIST).values;
+}
+
+void refuseFaulty(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        if (const std::optional<std::string> fault = faultOfCategory(name)) {
+            throw Failure(ExitCode::BadUsage, "not the name of a category",
+                          text::shortened(validUtf8(name), kMaxNameBytes), *fault, "Nothing was changed");
+        }
+    }
+}
+
+/// Says why the list that is in force is not the one that was sent. The daemon itself says nothing.
+Failure droppedFailure(PreferenceClient& client, std::size_t wanted, std::size_t now) {
+    if (!client.read(ST_CATEGORY_BLOCKING).values.m_bCategoryBlocking) {
+        return {ExitCode::Failed, "nothing was changed", "",
+                "the daemon drops a category list while category blocking is off",
+                "Switch it on with 'sentrelctl prefs set category-blocking on', then try again"};
+    }
+    return {ExitCode::Failed, "the categories were not stored as asked for", "",
+            fmt::format("{} were sent, {} are in force", wanted, now),
+            "Run 'sentrelctl settings init'; if no table is missing, the file may be locked or the disk full"};
+}
+
+/// Replaces the list whole and shows what is in force then.
+void replace(Session& session, PreferenceClient& client, const CategoryBlockDetails& wanted) {
+    STPreferences values;
+    values.m_categoryBlockDetails = wanted;
+    client.write(ST_CATEGORY_BLOCK_LIST, values);
+    const STPreferences now = read(client);
+    if (categoryNames(now) != categoryNames(values)) {
+        throw droppedFailure(client, wanted.size(), now.m_categoryBlockDetails.size());
+    }
+    answer(session, now);
+}
+
+void categoriesShow(Session& session, const Options& options) {
+    PreferenceClient client(options.timeout);
+    answer(session, read(client));
+}
+
+void categoriesSet(Session& session, const Options& options) {
+    if (options.names.empty() == !options.none) {
+        throw Failure(ExitCode::BadUsage, "bad usage", "", "name the categories to block, or --none alone",
+                      "See 'sentrelctl categories set --help'");
+    }
+    refuseFaulty(options.names);
+    CategoryBlockDetails wanted;
+    for (const std::string& name : options.names) {
+        wanted.emplace(name, kBlocked);
+    }
+    PreferenceClient client(options.timeout);
+    replace(session, client, wanted);
+}
+
+void categoriesAdd(Session& session, const Options& options) {
+    refuseFaulty(options.names);
+    PreferenceClient client(options.timeout);
+    CategoryBlockDetails wanted = read(client).m_categoryBlockDetails;
+    for (const std::string& name : options.names) {
+        wanted.emplace(name, kBlocked);
+    }
+    replace(session, client, wanted);
+}
+
+void categoriesRemove(Session& session, const Options& options) {
+    PreferenceClient client(options.timeout);
+    CategoryBlockDetails wanted = read(client).m_categoryBlockDetails;
+    const CategoryBlockDetails before = wanted;
+    for (const std::string& name : options.names) {
+        if (!before.contains(name)) {
+            throw Failure(ExitCode::Failed, "nothing was removed", text::shortened(validUtf8(name), kMaxNameBytes),
+                          "it is not in the list", "'sentrelctl categories show' tells what is");
+        }
+        wanted.erase(name);
+    }
+    replace(session, client, wanted);
+}
+
+using Work = void (*)(Session&, const Options&);
+
+/// A verb that is given names, or none when @p takesNames is false.
+CLI::App& addCategoryVerb(CLI::App& app, Session& session, const std::shared_ptr<Options>& options, const char* name,
+                          const char* description, Work work) {
+    CLI::App& group = verbGroup(app, "categories", "The content categories that are blocked");
+    const bool takesNames = work != categoriesShow;
+    CLI::App& verb = addVerb(group, name, description,
+                             fmt::format("  sentrelctl categories {}{}", name, takesNames ? " Gambling" : ""));
+    addTimeout(verb, options->timeout);
+    verb.callback(
+        [options, &session, work] { session.chosen = [options, &session, work] { work(session, *options); }; });
+    return verb;
+}
+
+CLI::Option* addNames(CLI::App& verb, Options& options) {
+    return verb.add_option("name", options.names, "The categories, by their names")->option_text("NAME...");
+}
+
+} // namespace
+
+void registerCategories(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<Options>();
+    addCategoryVerb(app, session, options, "show", "Shows the blocked categories.", categoriesShow);
+    CLI::App& set =
+        addCategoryVerb(app, session, options, "set", "Blocks these categories and no others.", categoriesSet);
+    addNames(set, *options);
+    set.add_flag("--none", options->none, "Blocks no category");
+    addNames(
+        addCategoryVerb(app, session, options, "add", "Blocks these categories besides the others.", categoriesAdd),
+        *options)
+        ->required();
+    addNames(addCategoryVerb(app, session, options, "remove", "Blocks these categories no more: all, or none.",
+                             categoriesRemove),
+             *options)
+        ->required();
+}
+
+} // namespace Sentrel::ctl

@@ -1,0 +1,138 @@
+// sentrelctl debug: the daemon's debug logging.
+//
+// The daemon answers a switch before it makes it: a thread of its own rewrites the hub's configuration file, and then
+// signals that a preference changed. Nothing tells of a failure there, so what counts is what the daemon says when it
+// is asked again after that signal, or when the time is over.
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/clients/ChangeBell.h"
+#include "apps/sentrelctl/clients/CommandChannel.h"
+#include "apps/sentrelctl/preferences/PreferenceLayout.h"
+#include "base/Paths.h"
+#include "hub/Exceptions.h"
+#include "hub/HubIds.h"
+
+#include <algorithm>
+#include <chrono>
+#include <fmt/format.h>
+#include <memory>
+
+namespace Sentrel::ctl {
+namespace {
+
+constexpr const char* kAfterFailure =
+    "The daemon must be able to read and replace HVConfig.xml: 'sentrelctl doctor' looks "
+    "at it";
+constexpr CommandPurpose kAsking{"cannot read the debug logging", nullptr, kAfterFailure};
+constexpr CommandPurpose kSwitching{"cannot switch the debug logging",
+                                    "The daemon may still do it: look with 'sentrelctl debug show'", kAfterFailure};
+
+using Time = std::chrono::steady_clock::time_point;
+
+struct Options {
+    double timeout = kDefaultTimeout;
+};
+
+const char* word(bool isOn) {
+    return isOn ? "on" : "off";
+}
+
+bool isDebugLogging(const CommandChannel& channel) {
+    HVB::CommandData command(CMD_GET_DEBUG_LOGGING_STATUS, HVB::MODULE_SENTREL, true);
+    HVB::CommandResult result;
+    channel.sendAndCheck(command, result, kAsking);
+    return payloadOf<bool>(result, kAsking.what);
+}
+
+void show(Session& session, bool isOn) {
+    session.out.write(session.json == JsonMode::Off ? rowText("debug-logging", word(isOn), session.palette)
+                                                    : jsonText(Json{{"debug_logging", isOn}}, session.json));
+}
+
+void debugShow(Session& session, const Options& options) {
+    show(session, isDebugLogging(CommandChannel(options.timeout)));
+}
+
+void sendSwitch(bool isOn, const CommandChannel& channel) {
+    HVB::CommandData command(CMD_SET_DEBUG_LOGGING_STATUS, HVB::MODULE_SENTREL, true);
+    command.writePayload(isOn);
+    HVB::CommandResult result;
+    channel.sendAndCheck(command, result, kSwitching);
+}
+
+/// Asks until the daemon says @p wanted: once, and after each change that it signals until @p until.
+bool becomes(bool wanted, const CommandChannel& channel, ChangeBell& bell, Time until) {
+    for (;;) {
+        if (isDebugLogging(channel) == wanted) {
+            return true;
+        }
+        if (!bell.waitUntil(until)) {
+            return false;
+        }
+        bell.take();
+    }
+}
+
+/// The daemon drops a switch while it makes another, so it is told again. Told what is so already it does nothing.
+bool switches(bool isOn, const CommandChannel& channel, ChangeBell& bell, double timeout) {
+    constexpr std::chrono::milliseconds untilToldAgain{500};
+    const Time deadline = deadlineAfter(timeout);
+    do {
+        sendSwitch(isOn, channel);
+        if (becomes(isOn, channel, bell, std::min(deadline, std::chrono::steady_clock::now() + untilToldAgain))) {
+            return true;
+        }
+    } while (std::chrono::steady_clock::now() < deadline);
+    return false;
+}
+
+void debugSwitch(Session& session, const Options& options, bool isOn) {
+    ChangeBell bell;
+    const CommandChannel channel(options.timeout); // ends the broker before the bell goes
+    try {
+        bell.subscribe(paths::hubSocket(), {EVT_PREFERENCES_CHANGE});
+    } catch (const HVB::HVBException& error) {
+        throw hubFailure(error, kSwitching.what, paths::hubSocket());
+    }
+    const bool isDone = switches(isOn, channel, bell, options.timeout);
+    show(session, isDone == isOn);
+    if (!isDone) {
+        throw Failure(ExitCode::Failed, "not what was asked for", "debug-logging",
+                      fmt::format("it is still {} after {:g} seconds", word(!isOn), options.timeout),
+                      fmt::format("See that the daemon's user can write {} and its directory, and that no other change "
+                                  "was under way; 'sentrelctl doctor' looks at the file",
+                                  paths::moduleConfiguration()));
+    }
+}
+
+CLI::App& debugGroup(CLI::App& app) {
+    return verbGroup(app, "debug", "The debug logging of the daemon");
+}
+
+void registerSwitch(CLI::App& app, Session& session, bool isOn) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& verb = addVerb(debugGroup(app), word(isOn),
+                             isOn ? "Has the daemon's log lines of every level go to the system log."
+                                  : "Has the daemon's log lines go to the system log from the level information up.",
+                             fmt::format("  sentrelctl debug {}", word(isOn)));
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session, isOn] {
+        session.chosen = [options, &session, isOn] { debugSwitch(session, *options, isOn); };
+    });
+}
+
+void registerShow(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& verb = addVerb(debugGroup(app), "show", "Shows whether debug logging is on.", "  sentrelctl debug show");
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session] { session.chosen = [options, &session] { debugShow(session, *options); }; });
+}
+
+} // namespace
+
+void registerDebug(CLI::App& app, Session& session) {
+    registerSwitch(app, session, true);
+    registerSwitch(app, session, false);
+    registerShow(app, session);
+}
+
+} // namespace Sentrel::ctl

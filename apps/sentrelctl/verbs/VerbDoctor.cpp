@@ -1,0 +1,53 @@
+// sentrelctl doctor: what is wrong with this installation, and how to mend it.
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/doctor/Doctor.h"
+#include "apps/sentrelctl/terminal/Failure.h"
+
+#include <fmt/format.h>
+#include <memory>
+
+namespace Sentrel::ctl {
+namespace {
+
+struct Options {
+    double timeout = 2;
+};
+
+void doctor(Session& session, const Options& options) {
+    std::vector<Diagnosis> diagnoses;
+    Json list = Json::array();
+    for (const auto* const checks : {&fileChecks(), &processChecks()}) {
+        for (const Check& check : *checks) {
+            diagnoses.push_back(examined(check, options.timeout));
+            if (session.json == JsonMode::Off) { // at once: on a broken machine some take their time
+                session.out.write(diagnosisText(check.name, diagnoses.back(), session.palette));
+            }
+            list.push_back(diagnosisJson(check.name, diagnoses.back()));
+        }
+    }
+    const std::size_t failed = countOf(diagnoses, Verdict::Failed);
+    session.out.write(session.json == JsonMode::Off
+                          ? summaryText(diagnoses)
+                          : jsonText(Json{{"ok", failed == 0}, {"checks", list}}, session.json));
+    if (failed > 0) {
+        throw Failure(ExitCode::Failed, "something is wrong with this installation", "",
+                      fmt::format("{} of {} checks failed", failed, diagnoses.size()),
+                      "Mend the first of them, then ask again: others may come from it");
+    }
+}
+
+} // namespace
+
+void registerDoctor(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& verb = addVerb(app, "doctor",
+                             "Checks directories, files, bus and processes of this installation, and says what is "
+                             "wrong and how to mend it. It changes nothing, and needs nothing that runs. Root sees "
+                             "the most.",
+                             "  sentrelctl doctor\n"
+                             "  sentrelctl doctor --json=short | jq '.checks[] | select(.result == \"failed\")'");
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session] { session.chosen = [options, &session] { doctor(session, *options); }; });
+}
+
+} // namespace Sentrel::ctl

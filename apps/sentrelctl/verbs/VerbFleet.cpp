@@ -1,0 +1,95 @@
+// sentrelctl policy results, properties show and state: what the machines say of themselves.
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/fleet/Fleet.h"
+#include "apps/sentrelctl/fleet/MachineDocuments.h"
+#include "apps/sentrelctl/terminal/Failure.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <functional>
+#include <memory>
+
+namespace Sentrel::ctl {
+namespace {
+
+using Documents = std::vector<MachineDocument>;
+using Layout = std::function<std::string(const Documents&, const FleetOptions&, const Palette&)>;
+
+/// One of the three documents that each machine keeps at the broker.
+struct Kind {
+    std::string topic; ///< behind the machine's level
+    Layout layout;
+};
+
+/// The documents of one machine or of all, in the order of the machines.
+Documents documentsOf(const FleetOptions& options, const std::string& topic) {
+    const std::string machine = options.machine.empty() ? "+" : topicPart("--machine", options.machine);
+    const Fleet fleet = fleetOf(options);
+    const std::string site = "orvanta/v1/" + fleet.site + "/";
+    const auto broker = connected(fleet.broker, deadlineAfter(options.timeout));
+    Documents documents;
+    for (const MqttMessage& message : broker->collect(fmt::format("{}{}/{}", site, machine, topic))) {
+        if (!message.topic.starts_with(site)) {
+            continue;
+        }
+        const std::string rest = message.topic.substr(site.size());
+        const std::string name = rest.substr(0, rest.find('/'));
+        std::erase_if(documents,
+                      [&](const MachineDocument& each) { return each.machine == name; }); // it has a newer one
+        documents.push_back(machineDocument(name, message.payload));
+    }
+    std::sort(documents.begin(), documents.end(),
+              [](const MachineDocument& one, const MachineDocument& other) { return one.machine < other.machine; });
+    if (documents.empty() && !options.machine.empty()) {
+        throw Failure(ExitCode::Failed, "nothing to show", options.machine,
+                      fmt::format("the broker has nothing from this machine at site {}", fleet.site),
+                      "'sentrelctl state' tells which machines there are");
+    }
+    return documents;
+}
+
+void show(Session& session, const FleetOptions& options, const Kind& kind) {
+    const Documents documents = documentsOf(options, kind.topic);
+    if (session.json == JsonMode::Off) {
+        session.out.write(kind.layout(documents, options, session.palette));
+        return;
+    }
+    Json json = Json::array();
+    for (const MachineDocument& document : documents) {
+        json.push_back(documentJson(document));
+    }
+    session.out.write(jsonText(json, session.json));
+}
+
+void registerShow(CLI::App& verb, Session& session, const Kind& kind) {
+    const auto options = std::make_shared<FleetOptions>();
+    addFleetOptions(verb, *options);
+    verb.callback(
+        [options, kind, &session] { session.chosen = [options, kind, &session] { show(session, *options, kind); }; });
+}
+
+} // namespace
+
+void registerFleet(CLI::App& app, Session& session) {
+    registerShow(addVerb(verbGroup(app, "policy", "The policies of managed machines"), "results",
+                         "Shows what became of the last policy on each machine of the site.",
+                         "  sentrelctl policy results --machine desk-1"),
+                 session, {"policy/result", [](const Documents& documents, const FleetOptions&, const Palette&) {
+                               return resultsText(documents);
+                           }});
+    registerShow(addVerb(verbGroup(app, "properties", "What managed machines tell of themselves"), "show",
+                         "Shows the main properties of each machine of the site, or all of one machine.",
+                         "  sentrelctl properties show --machine desk-1"),
+                 session,
+                 {"properties", [](const Documents& documents, const FleetOptions& options, const Palette& palette) {
+                      return options.machine.empty() ? propertiesTable(documents)
+                                                     : propertiesText(documents.front(), palette);
+                  }});
+    registerShow(
+        addVerb(app, "state", "Shows which machines of the site are connected to the broker.", "  sentrelctl state"),
+        session, {"state", [](const Documents& documents, const FleetOptions&, const Palette&) {
+                      return statesText(documents);
+                  }});
+}
+
+} // namespace Sentrel::ctl

@@ -1,0 +1,149 @@
+// sentrelctl hub ping: who on the way to the daemon answers, and how fast.
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/clients/HubClient.h"
+#include "apps/sentrelctl/terminal/Failure.h"
+#include "base/Paths.h"
+#include "base/PrintableText.h"
+#include "hub/HubIds.h"
+#include "platform/hvbhelpers/HubProtocol.h"
+
+#include <fmt/format.h>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace Sentrel::ctl {
+
+using Sentrel::text::printable;
+using Sentrel::text::validUtf8;
+namespace {
+
+constexpr const char* kExample = "  sentrelctl hub ping";
+
+struct Options {
+    double timeout = kDefaultTimeout;
+};
+
+using Question = std::chrono::microseconds (*)(HubClient&);
+
+/// One who is asked.
+struct Peer {
+    const char* name;
+    const char* process; ///< what to start when it is missing
+    std::string busName;
+    Question ping;
+};
+
+/// What one peer did when it was asked.
+struct Answer {
+    const Peer& peer;
+    std::optional<std::chrono::microseconds> time;
+    ExitCode code;
+    const char* state;
+    std::string error;
+};
+
+const std::vector<Peer>& peers() {
+    using HVB::bus::kHubName;
+    using HVB::bus::kHubPath;
+    static const std::string module = HVB::bus::moduleName(HVB::MODULE_SENTREL);
+    static const std::vector<Peer> all{
+        {"bus", "the hub's dbus-daemon", "org.freedesktop.DBus", [](HubClient& hub) { return hub.pingBus(); }},
+        {"hvbd", "hvbd", kHubName, [](HubClient& hub) { return hub.ping(kHubName, kHubPath); }},
+        {"sentreld", "sentreld", module,
+         [](HubClient& hub) { return hub.ping(module, HVB::bus::modulePath(HVB::MODULE_SENTREL)); }},
+    };
+    return all;
+}
+
+const char* stateWord(ExitCode code) {
+    switch (code) {
+    case ExitCode::NotRunning:
+        return "not running";
+    case ExitCode::TimedOut:
+        return "no answer";
+    case ExitCode::NoAccess:
+        return "no access";
+    default:
+        return "failed";
+    }
+}
+
+/// Asks on a connection of its own: one that met a peer that does not answer is of no more use.
+Answer ask(const Peer& peer, double timeout) {
+    try {
+        HubClient hub(paths::hubSocket(), timeout);
+        return {peer, peer.ping(hub), ExitCode::Done, "running", ""};
+    } catch (const HVB::HVBException& error) {
+        const ExitCode code = exitCodeOfHub(error.code());
+        return {peer, std::nullopt, code, stateWord(code), error.message()};
+    }
+}
+
+/// Without the bus nothing is known of those behind it.
+std::vector<Answer> askAll(double timeout) {
+    std::vector<Answer> answers;
+    for (const Peer& peer : peers()) {
+        const bool isReachable = answers.empty() || answers.front().time.has_value();
+        answers.push_back(
+            isReachable ? ask(peer, timeout)
+                        : Answer{peer, std::nullopt, answers.front().code, "unknown", "the bus cannot be reached"});
+    }
+    return answers;
+}
+
+std::string answerText(const Answer& answer, const Palette& palette) {
+    constexpr double microsecondsPerMillisecond = 1000;
+    const std::string state =
+        answer.time ? fmt::format("{:.3f} ms", static_cast<double>(answer.time->count()) / microsecondsPerMillisecond)
+                    : fmt::format("{}{}{}: {}", palette.alarm, answer.state, palette.plain, printable(answer.error));
+    return fmt::format("{:<9} {:<25} {}\n", answer.peer.name, answer.peer.busName, state);
+}
+
+Json answerJson(const Answer& answer) {
+    return Json{
+        {"peer", answer.peer.name},      {"name", answer.peer.busName},
+        {"ok", answer.time.has_value()}, {"time_us", answer.time ? Json(answer.time->count()) : Json(nullptr)},
+        {"state", answer.state},         {"error", answer.time ? Json(nullptr) : Json(validUtf8(answer.error))}};
+}
+
+/// The gravest of the answers: what is not running comes before what does not answer.
+void failUnlessAllAnswered(const std::vector<Answer>& answers) {
+    for (const ExitCode code : {ExitCode::NotRunning, ExitCode::TimedOut, ExitCode::NoAccess, ExitCode::Failed}) {
+        for (const Answer& answer : answers) {
+            if (answer.code == code) {
+                throw Failure(
+                    code, "not everybody answers", answer.peer.name, answer.state,
+                    code == ExitCode::NotRunning ? fmt::format("Start {}, then try again", answer.peer.process) : "");
+            }
+        }
+    }
+}
+
+void hubPing(Session& session, const Options& options) {
+    const std::vector<Answer> answers = askAll(options.timeout);
+    if (session.json == JsonMode::Off) {
+        for (const Answer& answer : answers) {
+            session.out.write(answerText(answer, session.palette));
+        }
+    } else {
+        Json list = Json::array();
+        for (const Answer& answer : answers) {
+            list.push_back(answerJson(answer));
+        }
+        session.out.write(jsonText(list, session.json));
+    }
+    failUnlessAllAnswered(answers);
+}
+
+} // namespace
+
+void registerHubPing(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& verb = addVerb(verbGroup(app, "hub", "The hub that connects the modules"), "ping",
+                             "Asks the bus, hvbd and sentreld for an answer and shows how long each took.", kExample);
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session] { session.chosen = [options, &session] { hubPing(session, *options); }; });
+}
+
+} // namespace Sentrel::ctl

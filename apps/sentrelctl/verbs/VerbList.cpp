@@ -1,0 +1,149 @@
+// sentrelctl list: the entries of the allow/block list, one by one.
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/preferences/ListChange.h"
+#include "apps/sentrelctl/terminal/Failure.h"
+#include "base/PrintableText.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+#include <memory>
+
+namespace Sentrel::ctl {
+
+using Sentrel::text::printable;
+using Sentrel::text::validUtf8;
+namespace {
+
+struct Options {
+    std::vector<std::string> urls;
+    bool all = false;
+    double timeout = kDefaultTimeout;
+};
+
+/// The entries of a listing are padded, so that the URLs stand below each other.
+std::string entryText(const ListEntry& entry, const Palette& palette) {
+    const char* color = entry.action == kAllow ? palette.plain : palette.caution;
+    return fmt::format("{}{}{}  {}\n", color, actionWord(entry.action), palette.plain, printable(entry.url));
+}
+
+void listShow(Session& session, const Options& options) {
+    const UrlList list = PreferenceClient(options.timeout).read(ST_ALLOW_BLOCK_LIST).list;
+    if (session.json == JsonMode::Off) {
+        std::string text;
+        for (const ListEntry& entry : list) {
+            text += entryText(entry, session.palette);
+        }
+        session.out.write(text);
+        return;
+    }
+    Json json = Json::array();
+    for (const ListEntry& entry : list) {
+        json.push_back(entryJson(entry));
+    }
+    session.out.write(jsonText(json, session.json));
+}
+
+void refuseFaulty(const std::vector<std::string>& urls) {
+    for (const std::string& url : urls) {
+        if (const std::optional<std::string> fault = faultOfUrl(url)) {
+            throw Failure(ExitCode::BadUsage, "not a URL", text::shortened(validUtf8(url), kMaxNameBytes), *fault,
+                          "Nothing was changed");
+        }
+    }
+}
+
+/// Shows those that were named, as they are in force, and how large the list is now.
+void answer(Session& session, const UrlList& named, const UrlList& list) {
+    if (session.json == JsonMode::Off) {
+        std::string text;
+        for (const ListEntry& entry : named) {
+            text += entryText(entry, session.palette);
+        }
+        session.out.write(text + fmt::format("The list has {}.\n", countText(list)));
+        return;
+    }
+    Json json = countJson(list);
+    json["changed"] = Json::array();
+    for (const ListEntry& entry : named) {
+        json["changed"].push_back(entryJson(entry));
+    }
+    session.out.write(jsonText(json, session.json));
+}
+
+void listPut(Session& session, const Options& options, int action) {
+    refuseFaulty(options.urls);
+    UrlList changes;
+    for (const std::string& url : options.urls) {
+        changes.push_back({url, action});
+    }
+    PreferenceClient client(options.timeout);
+    UrlList list = client.read(ST_ALLOW_BLOCK_LIST).list;
+    applyChanges(list, changes);
+    answer(session, changes, replaceList(session, client, list));
+}
+
+void listRemove(Session& session, const Options& options) {
+    if (options.urls.empty() == !options.all) {
+        throw Failure(ExitCode::BadUsage, "bad usage", "", "name the URLs to remove, or --all alone",
+                      "See 'sentrelctl list remove --help'");
+    }
+    PreferenceClient client(options.timeout);
+    UrlList list;
+    if (!options.all) {
+        list = client.read(ST_ALLOW_BLOCK_LIST).list;
+        const std::vector<std::string> absent = removeFrom(list, options.urls);
+        if (!absent.empty()) {
+            throw Failure(ExitCode::Failed, "nothing was removed",
+                          text::shortened(validUtf8(absent.front()), kMaxNameBytes), "it is not in the list",
+                          "'sentrelctl list show' tells what is");
+        }
+    }
+    answer(session, {}, replaceList(session, client, list));
+}
+
+CLI::App& listGroup(CLI::App& app) {
+    return verbGroup(app, "list", "The list of URLs that are allowed or blocked");
+}
+
+void registerPut(CLI::App& app, Session& session, int action) {
+    const auto options = std::make_shared<Options>();
+    options->timeout = kListTimeout;
+    const std::string word = actionWord(action);
+    CLI::App& verb = addVerb(listGroup(app), word, fmt::format("Enters URLs to {}, or changes their entries.", word),
+                             fmt::format("  sentrelctl list {} http://site.example/", word));
+    verb.add_option("url", options->urls, "The URLs")->required()->option_text("URL...");
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session, action] {
+        session.chosen = [options, &session, action] { listPut(session, *options, action); };
+    });
+}
+
+void registerShow(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& verb = addVerb(listGroup(app), "show", "Shows the list in the order in which the daemon looks at it.",
+                             "  sentrelctl list show");
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session] { session.chosen = [options, &session] { listShow(session, *options); }; });
+}
+
+void registerRemove(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<Options>();
+    options->timeout = kListTimeout;
+    CLI::App& verb = addVerb(listGroup(app), "remove", "Takes URLs out of the list: all that are named, or none.",
+                             "  sentrelctl list remove http://site.example/");
+    verb.add_option("url", options->urls, "The URLs")->option_text("URL...");
+    verb.add_flag("--all", options->all, "Every entry");
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session] { session.chosen = [options, &session] { listRemove(session, *options); }; });
+}
+
+} // namespace
+
+void registerList(CLI::App& app, Session& session) {
+    registerShow(app, session);
+    registerPut(app, session, kAllow);
+    registerPut(app, session, kBlock);
+    registerRemove(app, session);
+}
+
+} // namespace Sentrel::ctl

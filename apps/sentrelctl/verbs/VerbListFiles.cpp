@@ -1,0 +1,173 @@
+// sentrelctl list import and export: the allow/block list as a file.
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/preferences/ListChange.h"
+#include "apps/sentrelctl/terminal/Failure.h"
+#include "base/PrintableText.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <memory>
+#include <unistd.h>
+
+namespace Sentrel::ctl {
+namespace {
+
+constexpr std::size_t kMaxFileBytes = std::size_t{64} << 20; // more would only fill this process's memory
+constexpr std::size_t kMaxComplaints = 20;                   // a file of another kind is all bad lines
+
+struct Options {
+    std::string file = "-";
+    bool allow = false;
+    bool block = false;
+    bool replace = false;
+    bool skipBad = false;
+    double timeout = kListTimeout;
+};
+
+/// A descriptor that is closed with this. Threads: plain. Owner: a local.
+class OpenFile {
+public:
+    OpenFile(const std::string& name, int flags) : m_fd(::open(name.c_str(), flags | O_CLOEXEC, 0666)) {
+        if (m_fd < 0) {
+            throw Failure(errno == EACCES ? ExitCode::NoAccess : ExitCode::Failed, "cannot open", name,
+                          errnoText(errno), "");
+        }
+    }
+    ~OpenFile() { ::close(m_fd); }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+
+    int fd() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+std::string contentOf(const std::string& name, int inputFd) {
+    if (name == "-") {
+        return readAll(inputFd, "standard input", kMaxFileBytes);
+    }
+    const OpenFile file(name, O_RDONLY);
+    return readAll(file.fd(), name, kMaxFileBytes);
+}
+
+void complain(Output& err, const std::string& name, const std::vector<BadLine>& bad) {
+    std::string text;
+    for (std::size_t i = 0; i < std::min(bad.size(), kMaxComplaints); ++i) {
+        text += fmt::format("sentrelctl: {}: line {}: {}.\n", text::printable(name), bad[i].number, bad[i].why);
+    }
+    if (bad.size() > kMaxComplaints) {
+        text += fmt::format("sentrelctl: {}: and {} lines more.\n", text::printable(name), bad.size() - kMaxComplaints);
+    }
+    err.write(text);
+}
+
+UrlList entriesOf(Session& session, const Options& options) {
+    const std::string name = options.file == "-" ? "standard input" : options.file;
+    ParsedList parsed = parseList(contentOf(options.file, session.inputFd), options.allow ? kAllow : kBlock);
+    complain(session.err, name, parsed.bad);
+    if (!parsed.bad.empty() && !options.skipBad) {
+        throw Failure(ExitCode::Failed, "nothing was imported", name,
+                      fmt::format("{} {} no URL", parsed.bad.size(), parsed.bad.size() == 1 ? "line is" : "lines are"),
+                      "Mend the file, or leave them out with --skip-bad");
+    }
+    // A pipe whose front end failed must not empty the list.
+    if (parsed.entries.empty()) {
+        throw Failure(ExitCode::Failed, "nothing was imported", name, "there is no URL in it",
+                      "'sentrelctl list remove --all' empties the list");
+    }
+    // Each URL once, so that what is stored can be compared with what is served.
+    UrlList entries;
+    applyChanges(entries, parsed.entries);
+    return entries;
+}
+
+void listImport(Session& session, const Options& options) {
+    const UrlList entries = entriesOf(session, options);
+    PreferenceClient client(options.timeout);
+    UrlList list;
+    if (!options.replace) {
+        list = client.read(ST_ALLOW_BLOCK_LIST).list;
+    }
+    applyChanges(list, entries);
+    const UrlList now = replaceList(session, client, list);
+    if (session.json == JsonMode::Off) {
+        session.out.write(fmt::format("Imported {}. The list has {}.\n", countText(entries), countText(now)));
+        return;
+    }
+    Json json = countJson(now);
+    json["imported"] = countJson(entries);
+    session.out.write(jsonText(json, session.json));
+}
+
+/// Writes the lines where they are to go, and says so when that is a file.
+void writeLines(Session& session, const Options& options, const UrlList& list) {
+    std::string lines;
+    for (const ListEntry& entry : list) {
+        lines += listLine(entry) + "\n";
+    }
+    if (options.file == "-") {
+        session.out.write(lines);
+        return;
+    }
+    const OpenFile file(options.file, O_WRONLY | O_CREAT | O_TRUNC);
+    Output(file.fd()).write(lines);
+    session.out.write(session.json == JsonMode::Off
+                          ? fmt::format("Exported {} to {}.\n", countText(list), text::printable(options.file))
+                          : jsonText(countJson(list), session.json));
+}
+
+void listExport(Session& session, const Options& options) {
+    if (options.file == "-" && session.json != JsonMode::Off) {
+        throw Failure(ExitCode::BadUsage, "bad usage", "", "an export to standard output is lines and no JSON",
+                      "'sentrelctl list show --json' gives the list as JSON");
+    }
+    UrlList list = PreferenceClient(options.timeout).read(ST_ALLOW_BLOCK_LIST).list;
+    const std::size_t all = list.size();
+    // What an import would refuse. It came from a policy or another client.
+    std::erase_if(list, [](const ListEntry& entry) { return faultOfUrl(entry.url).has_value(); });
+    writeLines(session, options, list);
+    if (list.size() < all) {
+        throw Failure(ExitCode::Failed, "not everything was exported", "",
+                      fmt::format("{} of {} entries fit into no line", all - list.size(), all),
+                      "'sentrelctl list show' tells which");
+    }
+}
+
+void registerImport(CLI::App& group, Session& session) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& verb = addVerb(group, "import",
+                             "Enters the URLs of a file, one a line. Blank lines and those that begin with # are "
+                             "skipped; allow or block in front of a URL says what it is, as an export has it.",
+                             "  sentrelctl list import blocked.txt\n"
+                             "  sentrelctl list export | ssh other sentrelctl list import --replace -");
+    verb.add_option("file", options->file, "The file; -: standard input")->required()->option_text("FILE|-");
+    CLI::Option* allow = verb.add_flag("--allow", options->allow, "Allow the URLs that have no word in front");
+    verb.add_flag("--block", options->block, "Block them (the default)")->excludes(allow);
+    verb.add_flag("--replace", options->replace, "Make the file the whole list");
+    verb.add_flag("--skip-bad", options->skipBad, "Leave out lines that are no URL instead of giving up");
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session] { session.chosen = [options, &session] { listImport(session, *options); }; });
+}
+
+void registerExport(CLI::App& group, Session& session) {
+    const auto options = std::make_shared<Options>();
+    options->timeout = kDefaultTimeout;
+    CLI::App& verb =
+        addVerb(group, "export", "Writes the list as lines that import reads.", "  sentrelctl list export saved.txt");
+    verb.add_option("file", options->file, "The file; without it, or -: standard output")->option_text("[FILE]");
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session] { session.chosen = [options, &session] { listExport(session, *options); }; });
+}
+
+} // namespace
+
+void registerListFiles(CLI::App& app, Session& session) {
+    CLI::App& group = verbGroup(app, "list", "The list of URLs that are allowed or blocked");
+    registerImport(group, session);
+    registerExport(group, session);
+}
+
+} // namespace Sentrel::ctl

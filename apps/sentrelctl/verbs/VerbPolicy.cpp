@@ -1,0 +1,189 @@
+// sentrelctl policy check and policy push: what a policy would do, and sending it on its way.
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/fleet/Fleet.h"
+#include "apps/sentrelctl/fleet/MachineDocuments.h"
+#include "apps/sentrelctl/policy/PolicyReport.h"
+#include "apps/sentrelctl/policy/PolicySigning.h"
+#include "apps/sentrelctl/terminal/Failure.h"
+#include "base/PrintableText.h"
+#include "platform/hvbagent/AgentLimits.h"
+#include "platform/hvbagent/Topics.h"
+
+#include <fmt/format.h>
+#include <memory>
+
+namespace Sentrel::ctl {
+namespace {
+
+namespace agent = HVBEnterprise::agent;
+
+// More than a machine takes, so that its own reason is told.
+constexpr std::size_t kMaxRead = 2 * agent::kMaxPolicyMessageBytes;
+constexpr double kPushTimeout = 30;
+
+struct CheckOptions {
+    std::string file;
+    std::string publicKey;
+};
+
+struct PushOptions {
+    FleetOptions fleet;
+    std::string file;
+    std::string group;
+    std::string signingKey;
+    bool force = false;
+    bool wait = false;
+};
+
+std::string shownName(const std::string& file) {
+    return file == "-" ? "standard input" : file;
+}
+
+void policyCheck(Session& session, const CheckOptions& options) {
+    std::optional<agent::PublicKey> key;
+    if (!options.publicKey.empty()) {
+        key = telling("cannot read the public key", [&] { return loadPublicKey(options.publicKey); });
+    }
+    const CheckedPolicy policy = checkedPolicy(contentOf(options.file, session.inputFd, kMaxRead), key);
+    session.out.write(session.json == JsonMode::Off ? policyText(policy, session.palette)
+                                                    : jsonText(policyJson(policy), session.json));
+    if (!policy.isFine()) {
+        throw Failure(ExitCode::Failed,
+                      std::string("the policy ") + (policy.reading.refused.empty() ? "fails" : "would be refused"),
+                      shownName(options.file), whyNotFine(policy), "");
+    }
+}
+
+/// The message to push, checked as the machines do. @throws Failure when it is not fine and need not go.
+CheckedPolicy policyToPush(Session& session, const PushOptions& options, const Fleet& fleet) {
+    std::string message = contentOf(options.file, session.inputFd, kMaxRead);
+    if (!options.signingKey.empty()) {
+        message = telling("cannot sign", [&] { return signedMessage(message, options.signingKey); });
+    }
+    CheckedPolicy policy = checkedPolicy(std::move(message), fleet.policyKey);
+    session.err.write(problemsText(policy, Palette::of(false)));
+    if (!policy.isFine() && !options.force) {
+        throw Failure(ExitCode::Failed, "nothing was pushed", shownName(options.file), whyNotFine(policy),
+                      "Mend it, or push it all the same with --force");
+    }
+    return policy;
+}
+
+/// The machine's word on the policy of that hash, from after it was pushed.
+MachineDocument awaitResult(MqttTool& broker, const std::string& machine, const std::string& sha256,
+                            MqttTool::TimePoint deadline) {
+    while (const auto message = broker.next(deadline)) {
+        MachineDocument result = machineDocument(machine, message->payload);
+        if (!message->isRetained && result.error.empty() && result.content.value("sha256", "") == sha256) {
+            return result;
+        }
+    }
+    throw Failure(ExitCode::TimedOut, "no result", machine,
+                  "the broker has the policy, but the machine has not answered in time",
+                  "It may be off: 'sentrelctl state' tells. It takes the policy when it is back");
+}
+
+Json pushedJson(const CheckedPolicy& policy, const std::string& topic) {
+    const Json all = policyJson(policy);
+    return Json{{"topic", topic}, {"version", all["version"]}, {"id", all["id"]}, {"sha256", all["sha256"]}};
+}
+
+void tellResult(Session& session, const MachineDocument& result, Json json) {
+    if (session.json == JsonMode::Off) {
+        session.out.write(resultsText({result}));
+    } else {
+        json["result"] = documentJson(result);
+        session.out.write(jsonText(json, session.json));
+    }
+    if (!result.content.contains("enforced") || result.content["enforced"] != true) {
+        throw Failure(ExitCode::Failed, "the policy is not in force as a whole", result.machine, resultReason(result),
+                      "");
+    }
+}
+
+void tellPushed(Session& session, const CheckedPolicy& policy, const std::string& target, Json json, bool isLast) {
+    if (session.json == JsonMode::Off) {
+        session.out.write(fmt::format("The broker has {} for {}.\n", policyName(policy.reading.identity), target));
+    } else if (isLast) {
+        json["result"] = nullptr;
+        session.out.write(jsonText(json, session.json));
+    }
+}
+
+void checkTarget(const PushOptions& options) {
+    if (options.fleet.machine.empty() == options.group.empty()) {
+        throw Failure(ExitCode::BadUsage, "bad usage", "", "name either --machine or --group",
+                      "See 'sentrelctl policy push --help'");
+    }
+    if (options.wait && options.fleet.machine.empty()) {
+        throw Failure(ExitCode::BadUsage, "bad usage", "", "--wait is for one machine",
+                      "'sentrelctl policy results' tells what a group came to");
+    }
+    static_cast<void>(options.group.empty() ? topicPart("--machine", options.fleet.machine)
+                                            : topicPart("--group", options.group));
+}
+
+void policyPush(Session& session, const PushOptions& options) {
+    checkTarget(options);
+    const Fleet fleet = fleetOf(options.fleet);
+    const CheckedPolicy policy = policyToPush(session, options, fleet);
+    const agent::Topics topics(fleet.site, options.fleet.machine);
+    const bool isForGroup = !options.group.empty();
+    const std::string topic = isForGroup ? topics.groupPolicy(options.group) : topics.policy();
+    const std::string target = fmt::format("{} {} of {}", isForGroup ? "group" : "machine",
+                                           isForGroup ? options.group : options.fleet.machine, fleet.site);
+    const auto deadline = deadlineAfter(options.fleet.timeout);
+    const auto broker = connected(fleet.broker, deadline);
+    if (options.wait) {
+        broker->subscribe(topics.result());
+    }
+    broker->publishRetained(topic, policy.message);
+    const Json json = pushedJson(policy, topic);
+    tellPushed(session, policy, target, json, !options.wait);
+    if (options.wait) {
+        tellResult(session, awaitResult(*broker, options.fleet.machine, policy.reading.identity.sha256, deadline),
+                   json);
+    }
+}
+
+CLI::App& policyGroup(CLI::App& app) {
+    return verbGroup(app, "policy", "The policies of managed machines");
+}
+
+void registerCheck(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<CheckOptions>();
+    CLI::App& verb = addVerb(policyGroup(app), "check",
+                             "Tells what a policy would do, and what in it is wrong. Needs no broker and no daemon.",
+                             "  sentrelctl policy check policy.json");
+    verb.add_option("file", options->file, "The policy; -: standard input")->required()->option_text("FILE|-");
+    verb.add_option("--public-key", options->publicKey, "Take it only when it is signed with this key's other half")
+        ->option_text("FILE");
+    verb.callback([options, &session] { session.chosen = [options, &session] { policyCheck(session, *options); }; });
+}
+
+void registerPush(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<PushOptions>();
+    options->fleet.timeout = kPushTimeout;
+    CLI::App& verb = addVerb(policyGroup(app), "push",
+                             "Checks a policy and gives it to the broker, which keeps it for the machine or the group.",
+                             "  sentrelctl policy push policy.json --machine desk-1 --wait\n"
+                             "  sentrelctl policy push policy.json --group all --sign site.key");
+    verb.add_option("file", options->file, "The policy; -: standard input")->required()->option_text("FILE|-");
+    addFleetOptions(verb, options->fleet);
+    verb.add_option("--group", options->group, "A group of machines; all: every machine of the site")
+        ->option_text("NAME");
+    verb.add_option("--sign", options->signingKey, "Sign it with this key, as 'agent keygen --signing' makes it")
+        ->option_text("FILE");
+    verb.add_flag("--force", options->force, "Push it although the machines will refuse it or a part of it");
+    verb.add_flag("--wait", options->wait, "Wait for what the machine makes of it");
+    verb.callback([options, &session] { session.chosen = [options, &session] { policyPush(session, *options); }; });
+}
+
+} // namespace
+
+void registerPolicy(CLI::App& app, Session& session) {
+    registerCheck(app, session);
+    registerPush(app, session);
+}
+
+} // namespace Sentrel::ctl

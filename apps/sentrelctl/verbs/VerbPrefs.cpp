@@ -1,0 +1,105 @@
+// sentrelctl prefs: the preferences that are no lists.
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/preferences/PreferenceClient.h"
+#include "apps/sentrelctl/preferences/PreferenceLayout.h"
+#include "apps/sentrelctl/preferences/PreferenceNames.h"
+#include "apps/sentrelctl/terminal/Failure.h"
+
+#include <fmt/format.h>
+#include <memory>
+#include <unistd.h>
+
+namespace Sentrel::ctl {
+namespace {
+
+struct Options {
+    std::string name;
+    std::string value;
+    bool isSure = false;
+    double timeout = kDefaultTimeout;
+};
+
+void show(Session& session, const Snapshot& snapshot) {
+    session.out.write(session.json == JsonMode::Off ? snapshotText(snapshot, session.palette)
+                                                    : jsonText(snapshotJson(snapshot), session.json));
+}
+
+void prefsShow(Session& session, const Options& options) {
+    show(session, PreferenceClient(options.timeout).readAll());
+}
+
+void prefsSet(Session& session, const Options& options) {
+    const Preference& preference = settablePreference(options.name);
+    STPreferences wanted;
+    setValue(wanted, preference, options.value);
+    PreferenceClient client(options.timeout);
+    client.write(*preference.type, wanted);
+    const STPreferences now = client.read(*preference.type).values;
+    const std::string value = valueText(now, preference);
+    session.out.write(session.json == JsonMode::Off
+                          ? rowText(preference.name, value, session.palette)
+                          : jsonText(Json{{preference.jsonName, valueJson(now, preference)}}, session.json));
+    if (value != valueText(wanted, preference)) {
+        throw Failure(ExitCode::Failed, "not what was asked for", options.name, fmt::format("it is {} now", value),
+                      "Somebody else may have set it at the same time; try again");
+    }
+}
+
+void prefsReset(Session& session, const Options& options) {
+    // A script says what it means. A person may have meant something smaller.
+    if (!options.isSure && ::isatty(session.inputFd) == 1) {
+        throw Failure(ExitCode::BadUsage, "nothing was reset", "",
+                      "it gives eight preferences their first values and empties the allow/block list",
+                      "Say that it is meant with --yes");
+    }
+    PreferenceClient client(options.timeout);
+    client.reset();
+    show(session, client.readAll());
+}
+
+CLI::App& prefsGroup(CLI::App& app) {
+    return verbGroup(app, "prefs", "The preferences");
+}
+
+void registerShow(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& verb = addVerb(prefsGroup(app), "show", "Shows all preferences that are in force.",
+                             "  sentrelctl prefs show\n  sentrelctl prefs show --json=short | jq .red_sites");
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session] { session.chosen = [options, &session] { prefsShow(session, *options); }; });
+}
+
+void registerSet(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& verb = addVerb(prefsGroup(app), "set",
+                             "Sets one preference and shows its new value.\n"
+                             "  protection, safe-search, category-blocking                    on, off\n"
+                             "  red-sites, yellow-sites, unrated-sites, unverified-sites      allow, warn, block",
+                             "  sentrelctl prefs set red-sites warn");
+    verb.add_option("name", options->name, "Which one")->required()->option_text("NAME");
+    verb.add_option("value", options->value, "What it is to be")->required()->option_text("VALUE");
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session] { session.chosen = [options, &session] { prefsSet(session, *options); }; });
+}
+
+void registerReset(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& verb =
+        addVerb(prefsGroup(app), "reset",
+                "Gives the preferences their first values and empties the allow/block list. The categories "
+                "and the action for unverified sites stay.",
+                "  sentrelctl prefs reset --yes");
+    verb.add_flag("-y,--yes", options->isSure, "It is meant; needed when standard input is a terminal");
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session] { session.chosen = [options, &session] { prefsReset(session, *options); }; });
+}
+
+} // namespace
+
+void registerPrefs(CLI::App& app, Session& session) {
+    registerShow(app, session);
+    registerSet(app, session);
+    registerReset(app, session);
+}
+
+} // namespace Sentrel::ctl

@@ -1,0 +1,97 @@
+// sentrelctl status and about: what the daemon says of itself.
+#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/clients/CommandChannel.h"
+#include "apps/sentrelctl/clients/HubClient.h"
+#include "apps/sentrelctl/verbs/StatusLayout.h"
+#include "base/Paths.h"
+#include "hub/HubIds.h"
+
+#include <cerrno>
+#include <memory>
+
+namespace Sentrel::ctl {
+namespace {
+
+constexpr CommandPurpose kAskingStatus{"cannot read the status"};
+constexpr CommandPurpose kAskingVersions{"cannot read the versions"};
+
+struct Options {
+    double timeout = kDefaultTimeout;
+};
+
+KnownHealth unknownHealth(std::string why) {
+    return {"unknown", "", std::move(why)};
+}
+
+KnownHealth healthIn(const std::vector<ModuleHealth>& modules) {
+    for (const ModuleHealth& module : modules) {
+        if (module.moduleId == HVB::MODULE_SENTREL) {
+            return {module.state, module.since, ""};
+        }
+    }
+    return unknownHealth("hvbd has not checked it yet");
+}
+
+/// The status is the daemon's answer; a hub that does not tell of its health takes nothing away from it.
+KnownHealth health(double timeout) {
+    try {
+        return healthIn(HubClient(paths::hubSocket(), timeout).moduleHealth());
+    } catch (const HVB::HVBException& error) {
+        switch (error.code()) {
+        case -EACCES:
+            return unknownHealth("hvbd tells it to root alone");
+        case -EHOSTUNREACH:
+            return unknownHealth("hvbd is not running");
+        case -ETIMEDOUT:
+            return unknownHealth("hvbd does not answer");
+        default:
+            return unknownHealth(error.message());
+        }
+    }
+}
+
+template <class Data>
+Data ask(CommandId id, const CommandPurpose& purpose, double timeout) {
+    const CommandChannel channel(timeout);
+    HVB::CommandData command(id, HVB::MODULE_SENTREL, true);
+    HVB::CommandResult result;
+    channel.sendAndCheck(command, result, purpose);
+    return payloadOf<Data>(result, purpose.what);
+}
+
+void status(Session& session, const Options& options) {
+    const auto line = statusLine(ask<DashBoardData>(CMD_DASH_BOARD_REQUEST, kAskingStatus, options.timeout));
+    if (!line) {
+        throw unreadableAnswer(kAskingStatus.what, "it has no status line");
+    }
+    const KnownHealth known = health(options.timeout);
+    session.out.write(session.json == JsonMode::Off ? statusText(*line, known, session.palette)
+                                                    : jsonText(statusJson(*line, known), session.json));
+}
+
+void about(Session& session, const Options& options) {
+    const auto data = ask<AboutBoxData>(CMD_ABOUT_BOX_REQUEST, kAskingVersions, options.timeout);
+    session.out.write(session.json == JsonMode::Off ? aboutText(data, session.palette)
+                                                    : jsonText(aboutJson(data), session.json));
+}
+
+} // namespace
+
+void registerStatus(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& verb =
+        addVerb(app, "status", "Shows whether the machine is protected and managed, why, and the daemon's health.",
+                "  sentrelctl status\n  sentrelctl status --json=short | jq -r .status");
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session] { session.chosen = [options, &session] { status(session, *options); }; });
+}
+
+void registerAbout(CLI::App& app, Session& session) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& verb =
+        addVerb(app, "about", "Shows the daemon's version, its service pack and its hotfixes.", "  sentrelctl about");
+    addTimeout(verb, options->timeout);
+    verb.callback([options, &session] { session.chosen = [options, &session] { about(session, *options); }; });
+}
+
+} // namespace Sentrel::ctl

@@ -1,0 +1,10 @@
+#include "base/InstallRoot.h"
+
+namespace Sentrel {
+
+const std::string& installRoot() {
+    static const std::string root;
+    return root;
+}
+
+} // namespace Sentrel

@@ -1,0 +1,66 @@
+// Every fixed path of the daemon and of its neighbours, each named once, all behind the install root.
+#pragma once
+
+#include "base/InstallRoot.h"
+
+#include <string>
+
+namespace Sentrel::paths {
+
+inline std::string underRoot(const char* path) {
+    return installRoot() + path;
+}
+
+// The daemon's own user owns both of these directories, mode 0755.
+inline std::string sharedDirectory() {
+    return underRoot("/Users/Shared/.orvanta");
+}
+inline std::string varDirectory() {
+    return underRoot("/usr/local/Orvanta/Sentrel/var");
+}
+
+inline std::string eventSocket() {
+    return underRoot("/Users/Shared/.orvanta/STIPC");
+}
+inline std::string settingsFile() {
+    return underRoot("/Users/Shared/.orvanta/product.db");
+}
+inline std::string traceLevels() {
+    return underRoot("/usr/local/Orvanta/Sentrel/var/traceValues.xml");
+}
+inline std::string traceLog() {
+    return underRoot("/usr/local/Orvanta/Sentrel/var/STTrace.log");
+}
+inline std::string pidFile() {
+    return underRoot("/usr/local/Orvanta/Sentrel/var/.STPid");
+}
+
+// The hub's.
+inline std::string hubSocket() {
+    return underRoot("/usr/local/Orvanta/hvb/var/hvbdsocket64");
+}
+inline std::string hubVarDirectory() {
+    return underRoot("/usr/local/Orvanta/hvb/var");
+}
+inline std::string hubLogStore() {
+    return underRoot("/usr/local/Orvanta/hvb/var/hvblog.db");
+}
+inline std::string hubBusConfiguration() {
+    return underRoot("/usr/local/Orvanta/hvb/config/hub-bus.conf");
+}
+inline std::string moduleConfiguration() {
+    return underRoot("/usr/local/Orvanta/hvb/config/Sentrel/HVConfig.xml");
+}
+
+// The management agent's. The policy in force lies in the daemon's own directory.
+inline std::string agentConfiguration() {
+    return underRoot("/usr/local/Orvanta/hvb/config/agent.json");
+}
+inline std::string agentKey() {
+    return underRoot("/usr/local/Orvanta/hvb/config/agent.key");
+}
+inline std::string agentPolicy() {
+    return underRoot("/usr/local/Orvanta/Sentrel/var/policy.json");
+}
+
+} // namespace Sentrel::paths

@@ -1,8 +1,8 @@
 // Every look-up of a policy ends here: what comes from the network is bounded before anything else looks at it.
 #include "managed/PolicyValues.h"
 
+#include "base/TextConversion.h"
 #include "daemon/Trace.h"
-#include "hub/TextConversion.h"
 
 #include <algorithm>
 #include <cstdlib>

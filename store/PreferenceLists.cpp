@@ -2,8 +2,8 @@
 // itself. What was read back is the new list, so that memory shows what the file holds, also after a write that failed.
 // Of two replacements at a time the rows mix in the file. Reading back and taking over is one step, so that memory then
 // has the later look at it, which sees them all.
+#include "base/TextConversion.h"
 #include "daemon/Trace.h"
-#include "hub/TextConversion.h"
 #include "store/PreferenceFile.h"
 #include "store/STPreferenceController.h"
 

@@ -1,4 +1,4 @@
-#include "hub/TextConversion.h"
+#include "base/TextConversion.h"
 
 #include <bit>
 #include <cstddef>

@@ -1,5 +1,5 @@
 // Between UTF-8 and wide strings. Real: the C library's conversions.
-#include "hub/TextConversion.h"
+#include "base/TextConversion.h"
 
 #include <gtest/gtest.h>
 

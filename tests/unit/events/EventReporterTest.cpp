@@ -15,8 +15,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -165,6 +167,14 @@ TEST_F(AnEventReporter, ReportsAWarningWithTheUsersAnswerAsItsAction) {
     warning.userAction = 5;
     EXPECT_TRUE(reporter.ShouldSendEvent(warning));
     EXPECT_EQ(information(warning, L"ActionID"), L"5");
+}
+
+TEST_F(AnEventReporter, ReportsAWarningThatWasAnsweredWithANegativeNumber) {
+    STEventData warning = redPage();
+    warning.action = 2;
+    warning.userAction = -3;
+    EXPECT_TRUE(reporter.ShouldSendEvent(warning));
+    EXPECT_EQ(information(warning, L"ActionID"), L"-3");
 }
 
 TEST_F(AnEventReporter, ReportsEveryOtherActionWithoutAnAnswer) {
@@ -349,6 +359,35 @@ TEST_F(AnEventReporter, GivesAThreatItsAttributes) {
         {L"TargetUserName", L"unit.example\\mara"},
     };
     EXPECT_EQ(detail.attributes, expected);
+}
+
+/// The process's time zone for this object's lifetime.
+class TimeZone {
+public:
+    explicit TimeZone(const char* name) {
+        if (const char* before = std::getenv("TZ"); before != nullptr) {
+            m_before = before;
+        }
+        setenv("TZ", name, 1);
+        tzset();
+    }
+    ~TimeZone() {
+        m_before ? setenv("TZ", m_before->c_str(), 1) : unsetenv("TZ");
+        tzset();
+    }
+    TimeZone(const TimeZone&) = delete;
+    TimeZone& operator=(const TimeZone&) = delete;
+
+private:
+    std::optional<std::string> m_before;
+};
+
+TEST_F(AnEventReporter, TellsUtcWhereverTheMachineIs) {
+    const TimeZone east("EAST-5:30");
+    const std::wstring before = now();
+    const std::wstring detected = attribute(redPage(), L"DetectedUTC");
+    EXPECT_GE(detected, before);
+    EXPECT_LE(detected, now());
 }
 
 TEST_F(AnEventReporter, GivesAnInformationalEventItsAttributesWithoutTheHandledKey) {

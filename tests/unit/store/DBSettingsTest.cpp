@@ -197,6 +197,14 @@ TEST_F(ASettingsFile, ServesTwoConnectionsAtATime) {
     EXPECT_EQ(get("key"), "other");
 }
 
+TEST_F(ASettingsFile, LetsOthersWriteOnceAValueWasRead) {
+    ASSERT_NO_FATAL_FAILURE(open());
+    ASSERT_TRUE(set("key", "mine"));
+    EXPECT_EQ(get("key"), "mine");
+    EXPECT_EQ(file.sqlite("insert or replace into vxsetting values ('key', 'theirs')"), "") << "it does not wait";
+    EXPECT_EQ(get("key"), "theirs");
+}
+
 TEST_F(ASettingsFile, HasTheRowsOfTwoThreadsThatWriteAtATime) {
     file.layOut();
     constexpr int kRowsOfAThread = 20;

@@ -1,0 +1,167 @@
+// The event server on a system that refuses: listen, chmod and select fail as they are told to. Real: the socket, its
+// queue, the trace log.
+#include "events/STEventServer.h"
+
+#include "daemon/Trace.h"
+#include "tests/support/FlowLines.h"
+#include "tests/unit/daemon/DaemonRoot.h"
+#include "tests/unit/eventserver/SocketCalls.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+
+using namespace testing_support;
+using Sentrel::STEventServer;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+struct AnEventServerThatIsRefused : testing::Test {
+    DaemonRoot root;
+    SocketCalls& calls = SocketCalls::instance();
+
+    ~AnEventServerThatIsRefused() override {
+        calls = {};
+        STEventServer::releaseInstance();
+    }
+
+    /// The lines of setting up and starting, each with its level.
+    Lines setUpLines() const {
+        return leveledLines(ipcFlowvalue, [] {
+            STEventServer::getInstance()->start();
+            const int level = ipcFlowvalue;
+            ipcFlowvalue = 0;
+            STEventServer::releaseInstance();
+            ipcFlowvalue = level;
+        });
+    }
+};
+
+Lines afterTheStaleNode(const std::string& failure) {
+    return {"2 STEventServer::STEventServer - Entered", "1 STEventServer::STEventServer - " + failure,
+            "2 STEventServer::start - Entered",
+            "1 STEventServer::start - Error unable on start Event Server as socket connection is not ready"};
+}
+
+TEST_F(AnEventServerThatIsRefused, DoesNotStartWithoutTheModeForEverybody) {
+    STEventServer::getInstance();
+    STEventServer::releaseInstance(); // its node is there from now on
+    calls.chmodError = EPERM;
+    EXPECT_EQ(setUpLines(), afterTheStaleNode("Error in changing permission"));
+}
+
+TEST_F(AnEventServerThatIsRefused, DoesNotStartWithoutAListeningSocket) {
+    STEventServer::getInstance();
+    STEventServer::releaseInstance();
+    calls.listenError = EOPNOTSUPP;
+    EXPECT_EQ(setUpLines(), afterTheStaleNode("Error in registering listener to socket"));
+}
+
+TEST(AnEventServersQueue, HoldsFiveAndTheOneInFront) {
+    const DaemonRoot root;
+    STEventServer::getInstance(); // nobody accepts
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    root.eventSocket().copy(address.sun_path, sizeof address.sun_path - 1);
+    constexpr int queueLength = 5;
+    std::vector<int> clients;
+    int result = 0;
+    while (result == 0 && clients.size() < 100) {
+        clients.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        result = connect(clients.back(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    }
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(clients.size() - 1, queueLength + 1u); // Linux lets one more in than was asked for
+    for (const int client : clients) {
+        close(client);
+    }
+    STEventServer::releaseInstance();
+}
+
+// --- waiting ------------------------------------------------------------------------------------------------------
+
+int failWith(int error) {
+    errno = error;
+    return -1;
+}
+
+/// A server whose loop runs on the test's own thread until a failing select ends it.
+struct AnEventServersLoop : AnEventServerThatIsRefused {
+    STEventServer& server = *STEventServer::getInstance();
+
+    /// @param answers what select does, one call after the other.
+    template <class... Answers>
+    Lines linesWhenSelectGives(Answers... answers) const {
+        return leveledLines(
+            ipcFlowvalue,
+            [this, answers...] {
+                calls.select = {answers...};
+                server.monitorFd();
+                EXPECT_TRUE(calls.select.empty()) << "it ended early";
+            },
+            [](const std::string& line) { return line.substr(0, line.find(" for fd ")); });
+    }
+};
+
+const Lines kEntered{"2 STEventServer::monitorFd - Entered"};
+const Lines kOutOfMemory{"4 STEventServer::monitorFd - Inside while blocking on Select",
+                         "3 STEventServer::monitorFd - select returned -1",
+                         "1 STEventServer::monitorFds - errno = 12 and error = Cannot allocate memory",
+                         "2 STEventServer::monitorFds - blocking on select() failed so bail out"};
+
+Lines operator+(Lines left, const Lines& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+int endTheLoop() {
+    return failWith(ENOMEM);
+}
+
+TEST_F(AnEventServersLoop, EndsWhenSelectFails) {
+    EXPECT_EQ(linesWhenSelectGives(endTheLoop), kEntered + kOutOfMemory);
+}
+
+TEST_F(AnEventServersLoop, GoesOnWhenItsDescriptorIsClosed) {
+    EXPECT_EQ(linesWhenSelectGives([] { return failWith(EBADF); }, endTheLoop),
+              (kEntered +
+               Lines{"4 STEventServer::monitorFd - Inside while blocking on Select",
+                     "3 STEventServer::monitorFd - select returned -1",
+                     "1 STEventServer::monitorFds - errno = 9 and error = Bad file descriptor"} +
+               kOutOfMemory));
+}
+
+TEST_F(AnEventServersLoop, GoesOnWhenSelectIsInterrupted) {
+    EXPECT_EQ(linesWhenSelectGives([] { return failWith(EINTR); }, endTheLoop),
+              (kEntered +
+               Lines{"4 STEventServer::monitorFd - Inside while blocking on Select",
+                     "3 STEventServer::monitorFd - select returned -1",
+                     "1 STEventServer::monitorFds - errno = 4 and error = Interrupted system call",
+                     "3 STEventServer::monitorFds - Interrupted system call so continue"} +
+               kOutOfMemory));
+}
+
+TEST_F(AnEventServersLoop, GoesOnWhenSelectGivesNothing) {
+    EXPECT_EQ(linesWhenSelectGives([] { return 0; }, endTheLoop),
+              (kEntered +
+               Lines{"4 STEventServer::monitorFd - Inside while blocking on Select",
+                     "3 STEventServer::monitorFd - select returned 0",
+                     "5 STEventServer::monitorFd - select timeout so continue"} +
+               kOutOfMemory));
+}
+
+TEST_F(AnEventServersLoop, EndsOnAnException) {
+    EXPECT_EQ(linesWhenSelectGives([]() -> int { throw std::runtime_error("unknown"); }),
+              (kEntered + Lines{"4 STEventServer::monitorFd - Inside while blocking on Select",
+                                "1 STEventServer::monitorFds - Got unkown excpetion "}));
+}
+
+} // namespace

@@ -26,15 +26,15 @@ struct Latest {
     timespec modified{};
 };
 
-bool isNotOlder(const timespec& left, const timespec& right) {
-    return left.tv_sec != right.tv_sec ? left.tv_sec > right.tv_sec : left.tv_nsec >= right.tv_nsec;
+bool isNewer(const timespec& left, const timespec& right) {
+    return left.tv_sec != right.tv_sec ? left.tv_sec > right.tv_sec : left.tv_nsec > right.tv_nsec;
 }
 
 bool FindLatest(const std::string& home, void* context) {
     auto& latest = *static_cast<Latest*>(context);
     const std::string name = home + kDataDirectory + kDataFile;
     struct stat status {};
-    if (stat(name.c_str(), &status) == 0 && (latest.name.empty() || isNotOlder(status.st_mtim, latest.modified))) {
+    if (stat(name.c_str(), &status) == 0 && (latest.name.empty() || isNewer(status.st_mtim, latest.modified))) {
         latest.name = name;
         latest.modified = status.st_mtim;
     }

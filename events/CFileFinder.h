@@ -29,7 +29,7 @@ public:
     /// The current user's data file. @param check whether a file that its owner may read must be there.
     static int GetDefaultName(std::string& name, bool check);
 
-    /// The newest data file of all users; of equally new ones the one found last.
+    /// The newest data file of all users; of equally old ones the one found first.
     static int GetLatestName(std::string& name);
 
     /// The current user's data directory. @param make whether it is to be made when it is not there; something else in

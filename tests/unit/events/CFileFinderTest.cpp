@@ -168,6 +168,17 @@ TEST_F(AFileFinder, GivesTheDataFileThatWasModifiedLast) {
     EXPECT_EQ(result, users + "/cid/.orvanta/local.bin");
 }
 
+TEST_F(AFileFinder, GivesTheFirstThatItFindsOfEquallyOldDataFiles) {
+    for (const char* user : {"ann", "bob", "cid"}) {
+        dataFileOf(user, 3000, 5);
+    }
+    std::vector<std::string> homes; // in the order of the scan
+    EXPECT_EQ(CFileFinder::EnumHomes(collect, &homes), kDone);
+    ASSERT_EQ(homes.size(), 3U);
+    EXPECT_EQ(CFileFinder::GetLatestName(result), kDone);
+    EXPECT_EQ(result, homes.front() + "/.orvanta/local.bin");
+}
+
 TEST_F(AFileFinder, FindsNoLatestFileWhereNoUserHasOne) {
     fs::create_directory(users + "/ann");
     EXPECT_EQ(CFileFinder::GetLatestName(result), kNoSuchFile);

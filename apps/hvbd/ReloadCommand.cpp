@@ -38,7 +38,7 @@ std::optional<std::string> ReloadCommand::reload(CommandData& data) const {
 }
 
 int ReloadCommand::moduleOf(CommandData& data) {
-    if (!data.m_bHasPayload) {
+    if (data.m_pInArchive == nullptr) {
         throw ConfigurationError("the command names no module");
     }
     try {

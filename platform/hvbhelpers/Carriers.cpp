@@ -38,7 +38,6 @@ Payload outgoingPayload(const SerializedData& carrier) {
 void setInput(SerializedData& carrier, Payload&& payload) {
     delete std::exchange(carrier.m_pInArchive, nullptr);
     delete std::exchange(carrier.m_pInStream, nullptr);
-    carrier.m_bHasPayload = payload.present;
     if (payload.present) {
         std::unique_ptr<std::wstringstream> stream = makeInStream(std::move(payload.text));
         carrier.m_pInArchive = makeInArchive(*stream).release();

@@ -21,7 +21,8 @@ struct Payload {
 /// What the writer put into @p carrier. A carrier to which nothing was written has no payload.
 Payload outgoingPayload(const SerializedData& carrier);
 
-/// Makes @p payload the input of @p carrier, in place of what it had. Without a payload it gets none.
+/// Makes @p payload the input of @p carrier, in place of what it had. Without a payload it gets none. What the carrier
+/// sends stays what its own writer wrote.
 /// @throws boost::archive::archive_exception when the text does not begin like an archive; then @p carrier has no
 /// input.
 void setInput(SerializedData& carrier, Payload&& payload);

@@ -120,7 +120,7 @@ inline bool echo(HVB::CommandData& command) {
     command.readPayload(text);
     HVB::CommandResult result;
     result.m_commandData = command;
-    if (command.m_bHasPayload) {
+    if (command.m_pInArchive != nullptr) {
         result.writePayload(text);
     }
     HVB::HVBCommBroker::getInstance("")->sendCommandResponse(result);

@@ -146,7 +146,7 @@ bool PreferenceClient::Events::handleEventNotification(HVB::EventData& event) {
     if (event.m_eventId == kMark) {
         ++marks;
     } else {
-        received.push_back({event.m_eventId, event.m_bHasPayload || event.m_pInArchive != nullptr});
+        received.push_back({event.m_eventId, event.m_pInArchive != nullptr});
     }
     changed.notify_all();
     return true;

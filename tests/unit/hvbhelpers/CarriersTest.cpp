@@ -36,16 +36,39 @@ TEST(ACarrier, GivesItsValuesToTheInputOfAnother) {
     std::wstring text;
     event.readPayload(number);
     event.readPayload(text);
-    EXPECT_TRUE(event.m_bHasPayload);
     EXPECT_EQ(number, 42);
     EXPECT_EQ(text, L"text");
+}
+
+TEST(ACarrier, DoesNotCountAsWrittenWhenItArrived) {
+    EventData event(1005);
+    deliver(event, 42, L"text");
+    EXPECT_FALSE(event.m_bHasPayload);
+    EXPECT_FALSE(outgoingPayload(event).present) << "what is sent on is what its receiver wrote";
+    EXPECT_FALSE(outgoingPayload(EventData(event)).present);
+}
+
+TEST(ACarrier, SendsWhatItsReceiverWroteAfterItArrived) {
+    EventData event(1005);
+    deliver(event, 42, L"text");
+    event.writePayload(7);
+    EventData written(1005);
+    written.writePayload(7);
+    EXPECT_TRUE(outgoingPayload(event).present);
+    EXPECT_EQ(outgoingPayload(event).text, written.m_pOutStream->str());
+}
+
+TEST(ACarrier, StaysWrittenWhenAMessageArrivesInIt) {
+    EventData event(1005);
+    event.writePayload(7);
+    setInput(event, {});
+    EXPECT_TRUE(outgoingPayload(event).present);
 }
 
 TEST(ACarrier, LosesItsInputWhenAMessageWithoutPayloadFollows) {
     EventData event(1005);
     deliver(event, 42, L"text");
     setInput(event, {});
-    EXPECT_FALSE(event.m_bHasPayload);
     EXPECT_EQ(event.m_pInArchive, nullptr);
     EXPECT_EQ(event.m_pInStream, nullptr);
 }
@@ -71,7 +94,7 @@ TEST(ACopiedEvent, ReadsThePayloadFromItsFirstValueAgain) {
     copy.readPayload(text);
     EXPECT_EQ(copy.m_eventId, 1005);
     EXPECT_EQ(copy.m_sequence, 9);
-    EXPECT_TRUE(copy.m_bHasPayload);
+    EXPECT_FALSE(copy.m_bHasPayload);
     EXPECT_EQ(number, 42);
     EXPECT_EQ(text, L"text");
 

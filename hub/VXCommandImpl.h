@@ -30,10 +30,6 @@ public:
     /// Only traces: the daemon waits for the result of the one command it sends.
     void handleCommandResponse(HVB::CommandResult& result) override;
 
-protected:
-    /// Answers with @p error and m_bSucceeded false.
-    void sendCommandError(HVB::CommandData& data, STError error);
-
 private:
     struct Route;
     static const Route* routeOf(int commandId);
@@ -47,6 +43,9 @@ private:
     void handleAboutBox(HVB::CommandData& data);
     void handleSetDebugLoggingStatus(HVB::CommandData& data);
     void handleGetDebugLoggingStatus(HVB::CommandData& data);
+
+    /// Answers with @p error and m_bSucceeded false. No command needs it at present.
+    void sendCommandError(HVB::CommandData& data, STError error);
 };
 
 } // namespace Sentrel

@@ -16,11 +16,6 @@ namespace testing_support {
 
 using Lines = std::vector<std::string>;
 
-/// Lets a test reach what is open to the class alone.
-struct CommandImpl : Sentrel::VXCommandImpl {
-    using VXCommandImpl::sendCommandError;
-};
-
 class ACommandHandler : public testing::Test {
 protected:
     /// Delivers a command as the broker does. @return what the handler returned.
@@ -73,7 +68,7 @@ protected:
 
     Recording& hub = Recording::instance();
     PreferenceRecording& store = PreferenceRecording::instance();
-    CommandImpl handler;
+    Sentrel::VXCommandImpl handler;
 };
 
 } // namespace testing_support

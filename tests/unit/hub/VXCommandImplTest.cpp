@@ -438,12 +438,31 @@ TEST_F(ASetOfOnePreference, IsTracedUnderItsOwnAndTheOthersName) {
               "1 VXCommandImpl::handleSetPrefIndividual - Inside ST_ALLOW_BLOCK_LIST");
 }
 
+// The reply that says failure in its flags. Only the class itself may send it.
+
+struct ADerivedHandler : Sentrel::VXCommandImpl {
+    template <class Handler>
+    static constexpr bool sendsErrors = requires(Handler& handler, HVB::CommandData& command) {
+        handler.sendCommandError(command, Sentrel::ST_ERROR_NONE);
+    };
+};
+static_assert(!ADerivedHandler::sendsErrors<ADerivedHandler>);
+
+using SendError = void (Sentrel::VXCommandImpl::*)(HVB::CommandData&, Sentrel::STError);
+SendError sendError();
+template <SendError Operation>
+struct Opened {
+    friend SendError sendError() { return Operation; }
+};
+// An explicit instantiation may name what is private.
+template struct Opened<&Sentrel::VXCommandImpl::sendCommandError>;
+
 using AnErrorReply = ACommandHandler;
 
 TEST_F(AnErrorReply, CarriesTheCodeAndTheFlagOfFailure) {
     const Lines lines = leveled([this] {
         HVB::CommandData command(1234, 7, true);
-        handler.sendCommandError(command, Sentrel::ST_ERROR_DATABASE);
+        (handler.*sendError())(command, Sentrel::ST_ERROR_DATABASE);
     });
     EXPECT_FALSE(reply().succeeded);
     EXPECT_TRUE(reply().valid);

@@ -3,6 +3,7 @@
 #include "tests/unit/daemon/DaemonRoot.h"
 #include "tests/unit/daemon/LockHolder.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
@@ -92,6 +93,43 @@ TEST_F(TheProgram, EndsWithZeroAfterARefusedStart) {
     EXPECT_EQ(exitStatus(), 0);
     EXPECT_TRUE(std::filesystem::exists(root.pidFile()));
     EXPECT_FALSE(std::filesystem::exists(root.eventSocket()));
+}
+
+/// The program on a system that refuses it what RefusingSystem.cpp tells of.
+struct TheProgramThatIsRefused : TheProgram {
+    ~TheProgramThatIsRefused() override { unsetenv("SENTRELD_REFUSES"); }
+
+    /// Its lines at @p level, after a run that SIGTERM ends.
+    std::vector<std::string> linesWithout(const char* what, int level) {
+        setenv("SENTRELD_REFUSES", what, 1);
+        std::filesystem::remove(root.traceLog());
+        writeFile(root.traceLevels(),
+                  "<TraceValues><stDaemonFlow>" + std::to_string(level) + "</stDaemonFlow></TraceValues>");
+        start();
+        EXPECT_EQ(exitStatusWhile([this] { signal(SIGTERM); }), 0);
+        return root.traceLines();
+    }
+    void expectLine(const std::string& line, int level, const char* without) {
+        EXPECT_THAT(linesWithout(without, level), testing::Contains(line));
+        EXPECT_THAT(linesWithout(without, level - 1), testing::Not(testing::Contains(line)));
+    }
+};
+
+TEST_F(TheProgramThatIsRefused, StartsItsAgentWrapperThoughSigusr2CannotBeHeldBack) {
+    expectLine("main - couldn't mask signal", 1, "mask");
+    EXPECT_THAT(linesWithout("mask", 3), testing::IsSupersetOf({"VXController::main - Starting OA Agent Wrapper",
+                                                                "VXController::main - Starting HVB"}));
+}
+
+TEST_F(TheProgramThatIsRefused, EndsWithZeroWhenItsPartsCannotBeReleased) {
+    expectLine("Exception in VXController::~VXController", 2, "lock 3");
+    EXPECT_EQ(linesWithout("lock 3", 2).back(), "VXController::main() - Exiting");
+}
+
+TEST_F(TheProgramThatIsRefused, EndsWithZeroWhenAFailureEscapesTheController) {
+    std::filesystem::create_directory(root.eventSocket()); // so that no thread is left running
+    expectLine("Exception in VXMain::main ", 1, "lock 1");
+    EXPECT_EQ(linesWithout("lock 1", 5).back(), "Exception in VXMain::main ");
 }
 
 TEST_F(TheProgram, EndsWithZeroAtWhateverInstantSignalsLand) {

@@ -1,4 +1,4 @@
-// The PID file. Real: the file, its lock, the other process.
+// The PID file. Real: the file, its lock, the other process. A test can have the second lock fail (--wrap).
 #include "daemon/VXControllerDaemon.h"
 
 #include "daemon/Trace.h"
@@ -9,10 +9,29 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstring>
 
 using namespace testing_support;
 using Sentrel::VXController;
+
+extern "C" {
+
+// The name that lockf has with large files.
+int __real_lockf64(int fd, int command, off_t size);
+int __wrap_lockf64(int fd, int command, off_t size);
+
+static int errorOfLocking = 0; // with which F_LOCK fails; 0: it does not
+
+int __wrap_lockf64(int fd, int command, off_t size) {
+    if (command != F_LOCK || errorOfLocking == 0) {
+        return __real_lockf64(fd, command, size);
+    }
+    errno = errorOfLocking;
+    return -1;
+}
+
+} // extern "C"
 
 namespace {
 
@@ -90,6 +109,20 @@ TEST_F(APidFile, TracesItsRefusalAtLevelOneAndNotBelow) {
     stDaemonFlowvalue = 0;
     EXPECT_FALSE(controller.createPidFile());
     EXPECT_EQ(log.lines(), (Lines{refusedLine(EAGAIN)}));
+}
+
+TEST_F(APidFile, ThatCannotBeLockedAfterItsTestIsLeftAsItIsAndIsNoObstacle) {
+    writeFile(root.pidFile(), "4711");
+    errorOfLocking = EDEADLK;
+    EXPECT_TRUE(controller.createPidFile());
+    EXPECT_EQ(readFile(root.pidFile()), "4711");
+    EXPECT_EQ(mode(), 0744u);
+    stDaemonFlowvalue = 2;
+    EXPECT_TRUE(controller.createPidFile());
+    errorOfLocking = 0;
+    EXPECT_EQ(log.lines(), (Lines{" VXController::createPidFile  -  error in locking pidfile 35(Resource deadlock "
+                                  "avoided) for my pid " +
+                                  ourPid()}));
 }
 
 TEST_F(APidFile, IsNotLockedOnceItIsWrittenSoALaterStartOverwritesThePid) {

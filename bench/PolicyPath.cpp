@@ -8,6 +8,7 @@
 // Then a fleet: clients of the agent library, in processes of this program, that take a policy of the whole site.
 //
 // Usage: policy_path [--brief]      SENTRELD_ROOTED and HVBD_ROOTED name the programs.
+#include "base/SignalSet.h"
 #include "bench/BareFile.h"
 #include "platform/hvbagent/AgentClient.h"
 #include "tests/support/Machine.h"
@@ -286,10 +287,8 @@ std::string clientName(int number) {
 /// Runs clients of the library in this process until it is asked to end.
 void runClients(int first, int count, int port, const std::string& directory) {
     namespace agent = HVBEnterprise::agent;
-    sigset_t end;
-    sigemptyset(&end);
-    sigaddset(&end, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &end, nullptr); // before there is any thread
+    const Sentrel::SignalSet end{SIGTERM};
+    end.block(); // before there is any thread
     std::vector<std::unique_ptr<agent::AgentClient>> clients;
     for (int number = first; number < first + count; ++number) {
         const json configuration = {
@@ -302,7 +301,7 @@ void runClients(int first, int count, int port, const std::string& directory) {
         require(clients.back()->take(module), "a client takes no service");
     }
     int signal = 0;
-    sigwait(&end, &signal);
+    sigwait(&end.get(), &signal);
     for (const auto& client : clients) {
         client->end();
     }

@@ -1,68 +1,45 @@
 #include "daemon/SignalGate.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <system_error>
 
 namespace Sentrel {
 namespace {
 
-sigset_t daemonSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGHUP);
-    sigaddset(&signals, SIGUSR2);
-    return signals;
+SignalSet daemonSignals() {
+    return {SIGTERM, SIGHUP, SIGUSR2};
 }
 
 } // namespace
 
-SignalHold::SignalHold() {
-    const sigset_t signals = daemonSignals();
-    pthread_sigmask(SIG_BLOCK, &signals, &m_before);
-}
-
-SignalHold::~SignalHold() {
-    pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
-}
+SignalHold::SignalHold() : m_held(daemonSignals()) {}
 
 void SignalHold::letIn() const {
-    const sigset_t signals = daemonSignals();
-    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    const SignalSet signals = daemonSignals();
+    signals.unblock();
+    signals.block();
 }
 
 void holdSignalsForGood() {
-    const sigset_t signals = daemonSignals();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    daemonSignals().block();
 }
 
-SignalLanding::SignalLanding() : m_wakeFd(eventfd(0, EFD_CLOEXEC)) {
-    if (m_wakeFd < 0) {
-        throw std::system_error(errno, std::generic_category(), "eventfd");
-    }
+SignalLanding::SignalLanding() {
     const SignalHold hold; // the thread is born with the signals held back and opens them only inside ppoll
     m_thread = std::thread([this] { waitForSignals(); });
 }
 
 SignalLanding::~SignalLanding() {
-    static_cast<void>(eventfd_write(m_wakeFd, 1)); // cannot fail: the counter is far from its limit
+    m_wake.wake();
     m_thread.join();
-    close(m_wakeFd);
 }
 
 void SignalLanding::waitForSignals() const {
-    sigset_t open;
-    pthread_sigmask(SIG_BLOCK, nullptr, &open);
-    sigdelset(&open, SIGTERM);
-    sigdelset(&open, SIGHUP);
-    sigdelset(&open, SIGUSR2);
-    pollfd wake{m_wakeFd, POLLIN, 0};
-    while (ppoll(&wake, 1, nullptr, &open) < 0 && errno == EINTR) {
+    SignalSet blocked = SignalSet::blockedNow();
+    blocked.remove(daemonSignals());
+    pollfd wake{m_wake.fd(), POLLIN, 0};
+    while (ppoll(&wake, 1, nullptr, &blocked.get()) < 0 && errno == EINTR) {
     }
 }
 

@@ -3,8 +3,8 @@
 // inside the allocator. So the signals are held back everywhere but at such points.
 #pragma once
 
-#include <pthread.h>
-#include <signal.h>
+#include "base/SignalSet.h"
+#include "base/WakeUp.h"
 
 #include <thread>
 
@@ -15,7 +15,7 @@ namespace Sentrel {
 class SignalHold {
 public:
     SignalHold();
-    ~SignalHold();
+    ~SignalHold() = default;
     SignalHold(const SignalHold&) = delete;
     SignalHold& operator=(const SignalHold&) = delete;
 
@@ -24,7 +24,7 @@ public:
     void letIn() const;
 
 private:
-    sigset_t m_before;
+    const SignalsBlocked m_held;
 };
 
 /// A thread on which the signals may land at any time, because it does nothing but wait for them. While the main
@@ -44,7 +44,7 @@ public:
 private:
     void waitForSignals() const;
 
-    int m_wakeFd;
+    WakeUp m_wake;
     std::thread m_thread;
 };
 

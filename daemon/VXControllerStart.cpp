@@ -1,6 +1,7 @@
 // The order of start and stop. Each step runs only after the one before it has finished; signals are held back but
 // for the points between steps, where no lock is held.
 #include "base/Paths.h"
+#include "base/SignalSet.h"
 #include "daemon/SignalGate.h"
 #include "daemon/Trace.h"
 #include "daemon/VXControllerDaemon.h"
@@ -83,19 +84,12 @@ void VXController::openTrace(const SignalHold& signals) {
 /// SIGUSR2 is held back exactly until the handler can reach the wrapper. Threads that are started meanwhile inherit
 /// that.
 void VXController::startAgentWrapper() {
-    sigset_t pluginChange;
-    sigset_t before;
-    sigemptyset(&pluginChange);
-    sigaddset(&pluginChange, SIGUSR2);
-    const bool masked = pthread_sigmask(SIG_BLOCK, &pluginChange, &before) == 0;
-    if (!masked) {
+    const SignalsBlocked pluginChange({SIGUSR2});
+    if (!pluginChange.areBlocked()) {
         ST_TRACE(stDaemonFlow, 1, L"%s - couldn't mask signal\n", "main");
     }
     ST_TRACE(stDaemonFlow, 3, L"VXController::main - Starting OA Agent Wrapper\n");
     setAgentWrapper(VXHVBAgentWrapper::getInstance());
-    if (masked) {
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    }
 }
 
 bool VXController::run(const SignalHold& signals) {

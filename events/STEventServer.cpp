@@ -1,6 +1,7 @@
 #include "events/STEventServer.h"
 
 #include "base/Paths.h"
+#include "base/SignalSet.h"
 #include "daemon/Trace.h"
 #include "events/EventReporter.h"
 #include "events/STEventData.h"
@@ -104,10 +105,7 @@ void STEventServer::releaseInstance() {
 STEventServer::STEventServer() {
     ST_TRACE(ipcFlow, 2, L"STEventServer::STEventServer - Entered\n");
     // A client that has gone must give a failed write, not a dead daemon. The thread inherits this.
-    sigset_t brokenPipe;
-    sigemptyset(&brokenPipe);
-    sigaddset(&brokenPipe, SIGPIPE);
-    sigprocmask(SIG_BLOCK, &brokenPipe, nullptr);
+    SignalSet{SIGPIPE}.block();
     m_bReady = removeStaleNode() && openSocket();
 }
 

@@ -9,6 +9,7 @@
 #include "apps/hvbd/ReloadCommand.h"
 #include "apps/hvbd/SystemLog.h"
 #include "base/Paths.h"
+#include "base/SignalSet.h"
 #include "hub/HVBCommBroker.h"
 
 #include <fmt/format.h>
@@ -22,11 +23,7 @@ namespace HVB::hub {
 namespace {
 
 EventPtr newLoop() {
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGTERM);
-    sigaddset(&ends, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    bus::check(Sentrel::SignalSet{SIGTERM, SIGINT}.block() ? 0 : -EINVAL, "cannot block the signals that end hvbd");
     // A peer that hangs up is an error code and no end.
     signal(SIGPIPE, SIG_IGN);
     sd_event* event = nullptr;

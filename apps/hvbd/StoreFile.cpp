@@ -1,8 +1,9 @@
 #include "apps/hvbd/StoreFile.h"
 
+#include "base/UniqueFd.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -15,26 +16,21 @@ namespace {
 /// The texts of reports are a person's browsing history: the owner's, and its group's to read.
 constexpr mode_t kStoreMode = 0640;
 
-struct Descriptor {
-    int fd;
-    ~Descriptor() { close(fd); }
-};
-
 [[noreturn]] void fail(int error) {
     throw std::system_error(error, std::system_category());
 }
 
 /// Opens what stands at the path, or makes it. A FIFO in its place does not hold us up.
-int openOrMake(const std::string& path) {
+Sentrel::UniqueFd openOrMake(const std::string& path) {
     const int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
-    const int existing = open(path.c_str(), flags);
-    if (existing >= 0 || errno != ENOENT) {
+    Sentrel::UniqueFd existing(open(path.c_str(), flags));
+    if (existing.isOpen() || errno != ENOENT) {
         return existing;
     }
-    const int made = open(path.c_str(), flags | O_CREAT | O_EXCL, kStoreMode);
-    if (made >= 0) {
+    Sentrel::UniqueFd made(open(path.c_str(), flags | O_CREAT | O_EXCL, kStoreMode));
+    if (made.isOpen()) {
         // Past the umask. A file system without modes keeps its own.
-        static_cast<void>(fchmod(made, kStoreMode));
+        static_cast<void>(fchmod(made.get(), kStoreMode));
     }
     return made;
 }
@@ -64,9 +60,9 @@ std::string resolvedDirectory(const std::string& path) {
 }
 
 FileIdentity makeStoreFile(const std::string& path) {
-    const Descriptor file{openOrMake(path)};
+    const Sentrel::UniqueFd file = openOrMake(path);
     struct stat facts {};
-    if (file.fd < 0 || fstat(file.fd, &facts) != 0) {
+    if (!file.isOpen() || fstat(file.get(), &facts) != 0) {
         fail(errno);
     }
     if (!S_ISREG(facts.st_mode)) {

@@ -1,7 +1,7 @@
 #include "platform/hvbagent/AgentConnection.h"
 
+#include "base/StartThread.h"
 #include "platform/hvbagent/AgentLimits.h"
-#include "platform/hvbagent/AgentThread.h"
 #include "platform/hvbagent/Encoding.h"
 #include "platform/hvbagent/PropertyDocument.h"
 #include "platform/hvbagent/StrictJson.h"
@@ -20,7 +20,7 @@ AgentConnection::AgentConnection(AgentConfiguration configuration, std::shared_p
 
 void AgentConnection::begin(const std::shared_ptr<AgentConnection>& connection) {
     const std::lock_guard lock(connection->m_mutex);
-    connection->m_thread = startThread("agent-network", [connection] { connection->run(); });
+    connection->m_thread = Sentrel::startThread("agent-network", [connection] { connection->run(); });
 }
 
 void AgentConnection::end() {

@@ -1,7 +1,7 @@
 #include "platform/hvbagent/AgentWorker.h"
 
+#include "base/StartThread.h"
 #include "platform/hvbagent/AgentLimits.h"
-#include "platform/hvbagent/AgentThread.h"
 #include "platform/hvbagent/Encoding.h"
 #include "platform/hvbagent/PropertyDocument.h"
 
@@ -41,7 +41,7 @@ AgentWorker::AgentWorker(WorkerSettings settings, PolicyInForce policy, std::sha
 
 void AgentWorker::begin() {
     const std::lock_guard lock(m_mutex);
-    m_thread = startThread("agent-callback", [this] { work(); });
+    m_thread = Sentrel::startThread("agent-callback", [this] { work(); });
 }
 
 bool AgentWorker::take(std::unique_ptr<IAgentPropertyCollection>& service) {

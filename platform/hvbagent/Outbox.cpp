@@ -2,25 +2,10 @@
 
 #include "platform/hvbagent/AgentLimits.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <system_error>
 #include <utility>
 
 namespace HVBEnterprise::agent {
-
-Outbox::Outbox() : m_wakeFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (m_wakeFd < 0) {
-        throw std::system_error(errno, std::generic_category(), "cannot make a wake-up descriptor");
-    }
-}
-
-Outbox::~Outbox() {
-    ::close(m_wakeFd);
-}
 
 bool Outbox::dropOlder(const std::string& topic) {
     const auto older = std::find_if(m_waiting.begin(), m_waiting.end(),
@@ -60,17 +45,6 @@ void Outbox::putBack(Publication publication) {
     if (!newer) {
         m_waiting.push_front(std::move(publication));
     }
-}
-
-void Outbox::wake() const noexcept {
-    const int saved = errno;
-    (void)::eventfd_write(m_wakeFd, 1); // fails only when a wake-up is waiting already
-    errno = saved;
-}
-
-void Outbox::takeWake() const noexcept {
-    eventfd_t value = 0;
-    (void)::eventfd_read(m_wakeFd, &value);
 }
 
 } // namespace HVBEnterprise::agent

@@ -1,6 +1,8 @@
 // What waits to be published, between the threads that make it and the one that has the connection.
 #pragma once
 
+#include "base/WakeUp.h"
+
 #include <atomic>
 #include <deque>
 #include <mutex>
@@ -22,10 +24,9 @@ struct Publication {
 class Outbox {
 public:
     /// @throws std::system_error when no descriptor is to be had.
-    Outbox();
+    Outbox() = default;
     Outbox(const Outbox&) = delete;
     Outbox& operator=(const Outbox&) = delete;
-    ~Outbox();
 
     void post(Publication publication);
     /// The next one, which leaves the box.
@@ -38,16 +39,17 @@ public:
     void setConnected(bool connected) { m_connected = connected; }
 
     /// Wakes the network thread. Keeps errno.
-    void wake() const noexcept;
+    void wake() const noexcept { m_wake.wake(); }
     /// Becomes readable at a wake-up, and stays so until it is taken.
-    int wakeFd() const { return m_wakeFd; }
-    void takeWake() const noexcept;
+    int wakeFd() const { return m_wake.fd(); }
+    void takeWake() const noexcept { m_wake.take(); }
 
 private:
     bool dropOlder(const std::string& topic);
 
-    int m_wakeFd;                         // constant after construction
-    std::atomic<bool> m_connected{false}; // own locking
+    // own locking
+    Sentrel::WakeUp m_wake;
+    std::atomic<bool> m_connected{false};
 
     std::mutex m_mutex;
 

@@ -1,9 +1,8 @@
 #include "platform/hvbhelpers/BusConnection.h"
 
+#include "base/SignalSet.h"
 #include "platform/hvbhelpers/BusAddress.h"
 #include "platform/hvbhelpers/HubProtocol.h"
-
-#include <pthread.h>
 
 #include <algorithm>
 #include <array>
@@ -86,33 +85,23 @@ BusPtr startConnection(const std::string& socketPath, Deadline deadline, int can
                     error.message != nullptr ? error.message : errnoText(-result));
 }
 
-/// Holds back the signals that the process has handlers for. sd_bus_call gives up with EINTR when one runs, and then
-/// nobody can say whether the call was made. Signals without a handler end the process or do nothing, as ever.
-class HandledSignalsBlocked {
-public:
-    HandledSignalsBlocked() {
-        sigset_t handled;
-        sigemptyset(&handled);
-        for (int signal = 1; signal < NSIG; ++signal) {
-            struct sigaction action {};
-            if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_DFL &&
-                action.sa_handler != SIG_IGN && !isFault(signal)) {
-                sigaddset(&handled, signal);
-            }
+bool isFault(int signal) {
+    return signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL || signal == SIGABRT;
+}
+
+/// The signals that the process has handlers for. sd_bus_call gives up with EINTR when one runs, and then nobody can
+/// say whether the call was made. Signals without a handler end the process or do nothing, as ever.
+Sentrel::SignalSet handledSignals() {
+    Sentrel::SignalSet handled{};
+    for (int signal = 1; signal < NSIG; ++signal) {
+        struct sigaction action {};
+        if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_DFL &&
+            action.sa_handler != SIG_IGN && !isFault(signal)) {
+            handled.add(signal);
         }
-        pthread_sigmask(SIG_BLOCK, &handled, &m_before);
     }
-    HandledSignalsBlocked(const HandledSignalsBlocked&) = delete;
-    HandledSignalsBlocked& operator=(const HandledSignalsBlocked&) = delete;
-    ~HandledSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-
-private:
-    static bool isFault(int signal) {
-        return signal == SIGSEGV || signal == SIGBUS || signal == SIGFPE || signal == SIGILL || signal == SIGABRT;
-    }
-
-    sigset_t m_before{};
-};
+    return handled;
+}
 
 struct UnrefSlot {
     void operator()(sd_bus_slot* slot) const noexcept { sd_bus_slot_unref(slot); }
@@ -205,7 +194,7 @@ MessagePtr call(sd_bus& bus, sd_bus_message& request, Deadline deadline) {
     }
     BusError error;
     sd_bus_message* reply = nullptr;
-    const HandledSignalsBlocked blocked;
+    const Sentrel::SignalsBlocked blocked(handledSignals());
     const int result = sd_bus_call(&bus, &request, left, error.get(), &reply);
     if (result < 0) {
         throwCallError(result, *error.get());

@@ -1,6 +1,6 @@
 #include "platform/hvbhelpers/CallbackWorkers.h"
 
-#include "platform/hvbhelpers/BrokerThread.h"
+#include "base/StartThread.h"
 #include "platform/hvbhelpers/HubLimits.h"
 
 #include <utility>
@@ -19,7 +19,7 @@ bool CallbackWorkers::isWorker() {
 void CallbackWorkers::begin() {
     const std::lock_guard lock(m_mutex);
     while (!m_ended && m_threads.size() < kCallbackThreads) {
-        m_threads.push_back(startThread("hvb-callback", [this] { work(); }));
+        m_threads.push_back(Sentrel::startThread("hvb-callback", [this] { work(); }));
     }
 }
 

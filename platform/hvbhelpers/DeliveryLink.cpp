@@ -11,7 +11,7 @@
 // with longer and longer pauses. Whoever waits for something of that connection sees m_generation change.
 #include "platform/hvbhelpers/DeliveryLink.h"
 
-#include "platform/hvbhelpers/BrokerThread.h"
+#include "base/StartThread.h"
 #include "platform/hvbhelpers/ErrorText.h"
 #include "platform/hvbhelpers/HubLimits.h"
 #include "platform/hvbhelpers/HubProtocol.h"
@@ -20,6 +20,7 @@
 #include <array>
 #include <cerrno>
 #include <memory>
+#include <system_error>
 #include <utility>
 
 namespace HVB::detail {
@@ -44,10 +45,19 @@ std::string errorTextOf(sd_bus_message& reply) {
     return error != nullptr && error->message != nullptr ? error->message : "an error without a text";
 }
 
+/// The broker's callers know one type of failure.
+Sentrel::WakeUp newWakeUp() {
+    try {
+        return Sentrel::WakeUp();
+    } catch (const std::system_error& error) {
+        throw HVBException(-error.code().value(), error.what());
+    }
+}
+
 } // namespace
 
 DeliveryLink::DeliveryLink(std::string socketPath, LinkReceiver receiver)
-    : m_socketPath(std::move(socketPath)), m_receiver(std::move(receiver)) {}
+    : m_socketPath(std::move(socketPath)), m_receiver(std::move(receiver)), m_wake(newWakeUp()) {}
 
 // The connection.
 
@@ -113,7 +123,7 @@ void DeliveryLink::lose(int error) {
 
 void DeliveryLink::begin() {
     if (!m_begun && !m_ending) {
-        m_reader = startThread("hvb-reader", [this] { run(); });
+        m_reader = Sentrel::startThread("hvb-reader", [this] { run(); });
         m_begun = true;
     }
 }

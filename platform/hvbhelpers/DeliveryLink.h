@@ -1,9 +1,9 @@
 // The named connection: what arrives for the module comes in here.
 #pragma once
 
+#include "base/WakeUp.h"
 #include "platform/hvbhelpers/BusConnection.h"
 #include "platform/hvbhelpers/Carriers.h"
-#include "platform/hvbhelpers/WakeFd.h"
 
 #include <systemd/sd-bus.h>
 
@@ -39,6 +39,7 @@ public:
     /// Gets the reply, which may be an error, with the link's lock held. Never called when the link goes first.
     using Done = std::function<void(sd_bus_message&)>;
 
+    /// @throws HVBException when the system has no descriptor to give.
     DeliveryLink(std::string socketPath, LinkReceiver receiver);
     DeliveryLink(const DeliveryLink&) = delete;
     DeliveryLink& operator=(const DeliveryLink&) = delete;
@@ -124,7 +125,7 @@ private:
     std::vector<sd_bus_vtable> m_moduleTable;
 
     // own locking
-    WakeFd m_wake;
+    Sentrel::WakeUp m_wake;
     std::atomic<bool> m_ending{false};
     std::atomic<bool> m_begun{false};
     std::thread m_reader;

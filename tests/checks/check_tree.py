@@ -28,7 +28,7 @@ MAY_INCLUDE = {
                "managed/VXHVBAgentWrapper.h", "platform/consoleuser/ConsoleUser.h", "platform/hvbhelpers/HVBHelpers.h"],
     "platform/consoleuser": [],
     "platform/hvbagent": ["base", "platform/stlogger/STLogger.h"],
-    "platform/hvbhelpers": ["hub/Exceptions.h", "hub/HVBCommBroker.h", "hub/HVBInterfaces.h", "hub/HVBMessages.h",
+    "platform/hvbhelpers": ["base", "hub/Exceptions.h", "hub/HVBCommBroker.h", "hub/HVBInterfaces.h", "hub/HVBMessages.h",
                             "hub/HubIds.h"],
     "platform/hvbutils": ["base"],
     "platform/macutils": [],

@@ -4,11 +4,7 @@
 #include "hub/HVBCommBroker.h"
 #include "hub/HVBMessages.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
+#include <system_error>
 #include <utility>
 
 namespace Sentrel::ctl {
@@ -18,17 +14,21 @@ namespace {
 // those that are kept covers those that are not.
 constexpr std::size_t kMaxKept = 10000;
 
-} // namespace
+Failure waitFailure(const std::system_error& error) {
+    return {ExitCode::Failed, "cannot wait for events", "", error.code().message(), ""};
+}
 
-ChangeBell::ChangeBell() : m_fd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (m_fd < 0) {
-        throw Failure(ExitCode::Failed, "cannot wait for events", "", errnoText(errno), "");
+WakeUp newWakeUp() {
+    try {
+        return WakeUp();
+    } catch (const std::system_error& error) {
+        throw waitFailure(error);
     }
 }
 
-ChangeBell::~ChangeBell() {
-    ::close(m_fd);
-}
+} // namespace
+
+ChangeBell::ChangeBell() : m_rung(newWakeUp()) {}
 
 bool ChangeBell::handleEventNotification(HVB::EventData& event) {
     const std::lock_guard lock(m_mutex);
@@ -36,8 +36,8 @@ bool ChangeBell::handleEventNotification(HVB::EventData& event) {
         return false;
     }
     m_events.push_back(event.m_eventId);
-    const std::uint64_t one = 1;
-    return ::write(m_fd, &one, sizeof one) == sizeof one;
+    m_rung.wake();
+    return true;
 }
 
 void ChangeBell::subscribe(const std::string& socketPath, std::initializer_list<std::int32_t> ids) {
@@ -51,25 +51,16 @@ void ChangeBell::subscribe(const std::string& socketPath, std::initializer_list<
 }
 
 bool ChangeBell::waitUntil(std::chrono::steady_clock::time_point deadline) const {
-    for (;;) {
-        const auto rest = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        pollfd waiting{m_fd, POLLIN, 0};
-        const int ready = ::poll(&waiting, 1, static_cast<int>(std::max<std::int64_t>(rest.count(), 0)));
-        if (ready >= 0) {
-            return ready > 0;
-        }
-        if (errno != EINTR) {
-            throw Failure(ExitCode::Failed, "cannot wait for events", "", errnoText(errno), "");
-        }
+    try {
+        return m_rung.waitUntil(deadline);
+    } catch (const std::system_error& error) {
+        throw waitFailure(error);
     }
 }
 
 std::vector<std::int32_t> ChangeBell::take() {
     const std::lock_guard lock(m_mutex);
-    std::uint64_t rung = 0;
-    if (::read(m_fd, &rung, sizeof rung) != sizeof rung) {
-        return {}; // nobody rang
-    }
+    m_rung.take();
     return std::exchange(m_events, {});
 }
 

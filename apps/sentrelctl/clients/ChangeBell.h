@@ -1,6 +1,7 @@
 // The hub's word of changed preferences, as something to wait for.
 #pragma once
 
+#include "base/WakeUp.h"
 #include "hub/HVBInterfaces.h"
 
 #include <chrono>
@@ -18,7 +19,6 @@ class ChangeBell : public HVB::EventInterface {
 public:
     /// @throws Failure when the system has no such descriptor to give.
     ChangeBell();
-    ~ChangeBell() override;
     ChangeBell(const ChangeBell&) = delete;
     ChangeBell& operator=(const ChangeBell&) = delete;
 
@@ -29,7 +29,7 @@ public:
     void subscribe(const std::string& socketPath, std::initializer_list<std::int32_t> ids);
 
     /// Readable while there are events that take has not given.
-    int fd() const { return m_fd; }
+    int fd() const { return m_rung.fd(); }
 
     /// Waits until there are such events. @return false when the deadline came first.
     bool waitUntil(std::chrono::steady_clock::time_point deadline) const;
@@ -38,7 +38,7 @@ public:
     std::vector<std::int32_t> take();
 
 private:
-    int m_fd;
+    WakeUp m_rung; // own locking
 
     std::mutex m_mutex;
     std::vector<std::int32_t> m_events; // guarded by m_mutex

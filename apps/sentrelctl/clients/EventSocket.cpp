@@ -11,7 +11,6 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/un.h>
-#include <unistd.h>
 #include <utility>
 
 namespace Sentrel::ctl {
@@ -43,19 +42,10 @@ Failure timeoutFailure(const char* what, const std::string& path) {
 
 EventSocket::EventSocket(std::string path, Deadline deadline)
     : m_path(std::move(path)), m_deadline(deadline), m_fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    if (m_fd < 0) {
+    if (!m_fd.isOpen()) {
         throw systemFailure(kConnecting, m_path, errno);
     }
-    try {
-        connectTo();
-    } catch (...) {
-        ::close(m_fd);
-        throw;
-    }
-}
-
-EventSocket::~EventSocket() {
-    ::close(m_fd);
+    connectTo();
 }
 
 void EventSocket::connectTo() {
@@ -68,7 +58,7 @@ void EventSocket::connectTo() {
     std::copy(m_path.begin(), m_path.end(), address.sun_path);
     // With its queue full the daemon lets clients wait; the send limit holds for that wait too.
     limitSending();
-    while (::connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    while (::connect(m_fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         if (errno == EAGAIN) {
             throw timeoutFailure(kConnecting, m_path);
         }
@@ -83,7 +73,7 @@ void EventSocket::limitSending() const {
     const std::chrono::microseconds rest = left(m_deadline);
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(rest);
     const timeval limit{seconds.count(), (rest - seconds).count()};
-    if (::setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
+    if (::setsockopt(m_fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {
         throw systemFailure(kConnecting, m_path, errno);
     }
 }
@@ -93,7 +83,7 @@ void EventSocket::sendOnce(std::string_view message) {
         return;
     }
     limitSending();
-    const ssize_t sent = ::send(m_fd, message.data(), message.size(), MSG_NOSIGNAL);
+    const ssize_t sent = ::send(m_fd.get(), message.data(), message.size(), MSG_NOSIGNAL);
     if (sent < 0) {
         throw errno == EAGAIN ? timeoutFailure(kSending, m_path) : systemFailure(kSending, m_path, errno);
     }
@@ -104,13 +94,13 @@ void EventSocket::sendOnce(std::string_view message) {
 }
 
 void EventSocket::endSending() {
-    ::shutdown(m_fd, SHUT_WR);
+    ::shutdown(m_fd.get(), SHUT_WR);
 } // a peer that is already gone needs no telling
 
 bool EventSocket::waitReadable() const {
     for (;;) {
         const auto rest = std::chrono::ceil<std::chrono::milliseconds>(m_deadline - std::chrono::steady_clock::now());
-        pollfd waiting{m_fd, POLLIN, 0};
+        pollfd waiting{m_fd.get(), POLLIN, 0};
         const int ready = ::poll(&waiting, 1, static_cast<int>(std::max<std::int64_t>(rest.count(), 0)));
         if (ready >= 0) {
             return ready > 0;
@@ -128,7 +118,7 @@ std::string EventSocket::receive(std::size_t size) {
             throw timeoutFailure(kReceiving, m_path);
         }
         std::array<char, 4096> part{};
-        const ssize_t got = ::recv(m_fd, part.data(), std::min(part.size(), size - received.size()), 0);
+        const ssize_t got = ::recv(m_fd.get(), part.data(), std::min(part.size(), size - received.size()), 0);
         if (got < 0 && errno == EINTR) {
             continue;
         }

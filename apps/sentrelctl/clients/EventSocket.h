@@ -1,6 +1,8 @@
 // The client's end of the event socket: one connection, one message, with a deadline on everything that waits.
 #pragma once
 
+#include "base/UniqueFd.h"
+
 #include <chrono>
 #include <string>
 #include <string_view>
@@ -16,7 +18,6 @@ public:
 
     /// Connects. @throws Failure when nobody listens there or nobody takes the connection in time.
     EventSocket(std::string path, Deadline deadline);
-    ~EventSocket();
     EventSocket(const EventSocket&) = delete;
     EventSocket& operator=(const EventSocket&) = delete;
 
@@ -42,7 +43,7 @@ private:
 
     std::string m_path;
     Deadline m_deadline;
-    int m_fd;
+    UniqueFd m_fd;
 };
 
 } // namespace Sentrel::ctl

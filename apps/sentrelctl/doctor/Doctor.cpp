@@ -3,6 +3,7 @@
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/Paths.h"
 #include "base/PrintableText.h"
+#include "base/UniqueFd.h"
 
 #include <algorithm>
 #include <array>
@@ -62,13 +63,10 @@ bool become(uid_t uid) {
 /// Waits for the end of the child, and ends it at the deadline. @return its status.
 int statusOf(pid_t child, double seconds) {
     constexpr double millisecondsPerSecond = 1000;
-    const int descriptor = static_cast<int>(::syscall(SYS_pidfd_open, child, 0));
-    pollfd ended{descriptor, POLLIN, 0};
-    if (descriptor < 0 || ::poll(&ended, 1, static_cast<int>(std::ceil(seconds * millisecondsPerSecond))) <= 0) {
+    const UniqueFd descriptor(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
+    pollfd ended{descriptor.get(), POLLIN, 0};
+    if (!descriptor.isOpen() || ::poll(&ended, 1, static_cast<int>(std::ceil(seconds * millisecondsPerSecond))) <= 0) {
         ::kill(child, SIGKILL);
-    }
-    if (descriptor >= 0) {
-        ::close(descriptor);
     }
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {

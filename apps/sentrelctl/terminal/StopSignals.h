@@ -1,6 +1,9 @@
 // Ctrl-C as something to wait for.
 #pragma once
 
+#include "base/SignalSet.h"
+#include "base/UniqueFd.h"
+
 namespace Sentrel::ctl {
 
 /// While it lives, SIGINT and SIGTERM do not end the process but make a descriptor readable.
@@ -15,10 +18,11 @@ public:
     StopSignals& operator=(const StopSignals&) = delete;
 
     /// Readable once one of the signals has come.
-    int fd() const { return m_fd; }
+    int fd() const { return m_fd.get(); }
 
 private:
-    int m_fd;
+    const SignalSet m_signals;
+    UniqueFd m_fd;
 };
 
 } // namespace Sentrel::ctl

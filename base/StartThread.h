@@ -1,14 +1,14 @@
-// How the broker makes its threads.
+// How a library makes its threads.
 #pragma once
 
 #include <functional>
 #include <thread>
 
-namespace HVB::detail {
+namespace Sentrel {
 
-/// Starts a thread with every signal blocked: a module's handlers run on the module's own threads, never on these.
+/// Starts a thread with every signal blocked: a program's handlers run on its own threads, never on a library's.
 /// @param name shown by ps and gdb; at most 15 characters.
 /// @throws std::system_error when there is no thread to be had.
 std::thread startThread(const char* name, std::function<void()> body);
 
-} // namespace HVB::detail
+} // namespace Sentrel

@@ -1,7 +1,7 @@
 // Feeds a configuration file to its reader, and changes what reads as one: a change gives exactly the new text, and
 // leaves every other byte as it was, since changing it back gives the old file.
 #include "platform/hvbutils/ConfigurationLimits.h"
-#include "platform/hvbutils/LibXmlWrapper.h"
+#include "platform/hvbutils/XmlFile.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -42,7 +42,7 @@ std::string content() {
 
 std::optional<std::string> level() {
     try {
-        return LibXmlWrapper(file()).getXPathStringValue(kLevel);
+        return XmlFile(file()).textAt(kLevel);
     } catch (const LibXmlError&) {
         return std::nullopt;
     }
@@ -51,10 +51,10 @@ std::optional<std::string> level() {
 /// Sets the level and saves. @return false when the library refuses to, as it may with another encoding alone.
 bool change(const std::string& value) {
     try {
-        LibXmlWrapper configuration(file());
-        configuration.setXPathElement(kLevel, value.c_str());
-        require(configuration.getXPathStringValue(kLevel) == value);
-        require(configuration.SaveToFile(file().c_str()));
+        XmlFile configuration(file());
+        configuration.setTextAt(kLevel, value.c_str());
+        require(configuration.textAt(kLevel) == value);
+        require(configuration.saveTo(file().c_str()));
         return true;
     } catch (const LibXmlError& error) {
         require(std::string_view(error.what()).find("only UTF-8 can be changed") != std::string_view::npos);

@@ -28,7 +28,7 @@ std::wstring versionText(const wchar_t* format, const Args&... args) {
     return text;
 }
 
-std::wstring productVersion(const LibXmlWrapper& configuration) {
+std::wstring productVersion(LibXmlWrapper& configuration) {
     std::string build;
     std::string version;
     std::string patch;
@@ -54,7 +54,7 @@ constexpr OptionalItem kServicePack{"/HVConfiguration/ServicePack", L"Sentrel_SP
                                     "SP version"};
 constexpr OptionalItem kHotfixes{"/HVConfiguration/Hotfixes", L"Sentrel_HF", "CommandImpl", "HF version"};
 
-void add(const OptionalItem& item, const LibXmlWrapper& configuration, VersionItems& items) {
+void add(const OptionalItem& item, LibXmlWrapper& configuration, VersionItems& items) {
     try {
         const std::string value = configuration.getXPathStringValue(item.xpath);
         if (value != " ") { // which is how the configuration file says that there is none
@@ -116,7 +116,7 @@ const StatusText& textOf(DashBoardStatus status) {
 
 void VXCommandImpl::handleAboutBox(HVB::CommandData& data) {
     ST_TRACE(stCmdFlow, 2, L"VXCommandImpl::handleAboutBox- Entered\n");
-    const LibXmlWrapper configuration(paths::moduleConfiguration());
+    LibXmlWrapper configuration(paths::moduleConfiguration());
     AboutBoxData about;
     about.m_moduleId = HVB::MODULE_SENTREL;
     about.m_versionItems[L"Sentrel_Version"] = productVersion(configuration);

@@ -34,7 +34,7 @@ wchar_t* newText(const std::string& narrow) {
 /// The value under @p xpath as a new text; null for none. @p report traces a value that cannot be fetched.
 template <class Traced, class Report>
 wchar_t* levelText(const char* xpath, Traced traced, Report report) {
-    const LibXmlWrapper configuration(paths::moduleConfiguration());
+    LibXmlWrapper configuration(paths::moduleConfiguration());
     std::string value;
     try {
         value = configuration.getXPathStringValue(xpath);
@@ -52,7 +52,7 @@ wchar_t* levelText(const char* xpath, Traced traced, Report report) {
 } // namespace
 
 wchar_t* getVersionString() {
-    const LibXmlWrapper configuration(paths::moduleConfiguration());
+    LibXmlWrapper configuration(paths::moduleConfiguration());
     std::string build;
     std::string version;
     try {

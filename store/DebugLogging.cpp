@@ -67,7 +67,8 @@ bool rewriteConfiguration(LibXmlWrapper& configuration, const std::string& path,
         ST_TRACE(configFlow, 1, L"STPreferenceController::updateHVConfigAndReloadHVB unable to open HVConfig.xml\n");
         return false;
     }
-    if (!configuration.SaveToFile(file.c_str())) {
+    std::string target = file.string(); // the operation asks for a text that it might write to
+    if (!configuration.SaveToFile(target.data())) {
         ST_TRACE(configFlow, 1, L"STPreferenceController::updateHVConfigAndReloadHVB unable to save HVConfig.xml\n");
         return false;
     }

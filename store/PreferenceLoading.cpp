@@ -130,7 +130,7 @@ void STPreferenceController::loadPrefenceDataFromConfigFile() {
     ST_TRACE(configFlow, 2, L"STPreferenceController::loadPrefenceDataFromConfigFile - entered\n");
     m_bDebugLogging = false;
     try {
-        const LibXmlWrapper configuration(paths::moduleConfiguration());
+        LibXmlWrapper configuration(paths::moduleConfiguration());
         if (!configuration.getXPathBoolValue("/HVConfiguration/SyslogEnable")) {
             return;
         }

@@ -1,6 +1,6 @@
 #include "apps/hvbd/ModuleConfiguration.h"
 
-#include "platform/hvbutils/LibXmlWrapper.h"
+#include "platform/hvbutils/XmlFile.h"
 
 #include <fmt/format.h>
 
@@ -54,15 +54,15 @@ ModuleConfiguration readModuleConfiguration(const std::string& path) {
     ModuleConfiguration configuration;
     try {
         // The module's user writes this file and must not have hvbd read him another one.
-        const LibXmlWrapper file(path, LibXmlWrapper::Links::Refuse);
+        const XmlFile file(path, XmlFile::Links::Refuse);
         if (!file.finds(kOutermost)) {
             refuse(path, "the outermost element is not HVConfiguration");
         }
         if (file.finds(kSwitch)) {
-            configuration.syslogEnabled = file.getXPathBoolValue(kSwitch);
+            configuration.syslogEnabled = file.truthAt(kSwitch);
         }
         if (file.finds(kLevel)) {
-            configuration.level = levelOf(file.getXPathStringValue(kLevel), path);
+            configuration.level = levelOf(file.textAt(kLevel), path);
         }
     } catch (const LibXmlError& error) {
         throw ConfigurationError(error.what());

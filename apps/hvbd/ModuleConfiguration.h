@@ -31,7 +31,7 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-/// Reads the regular file at @p path, within the bounds of LibXmlWrapper. An element that is not there has its default.
+/// Reads the regular file at @p path, within the bounds of XmlFile. An element that is not there has its default.
 /// SyslogEnable is "true" or "false"; LogLevel is "error", "warning", "information" or one of "debug", "verbose",
 /// "audit" and "alert", which all let every line through.
 /// @throws ConfigurationError for anything else, for an element that is there twice, and for a symbolic link.

@@ -1,64 +1,36 @@
-// The hub's configuration files, read and written by XPath.
+// XPath access to the hub's configuration files, in the form in which the daemon asks its neighbour's library for it:
+// no operation, argument or const more.
 #pragma once
 
 #include <memory>
-#include <stdexcept>
 #include <string>
 
-/// A configuration file that cannot be used; the text says which, where and why, on one printable line.
-/// Threads: a plain value. Owner: whoever catches it.
-class LibXmlError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+class XmlFile;
 
-/// One XML document, held in memory from its construction on.
-/// Threads: one at a time; different documents at the same time. Owner: whoever built it.
+/// One configuration file, held in memory from its construction on. What fails is thrown as a LibXmlError, of which a
+/// caller needs to know no more than that it is thrown; XmlFile has the limits and the reasons.
+/// Threads: one at a time; different files at the same time. Owner: whoever built it.
 class LibXmlWrapper {
 public:
-    /// What to do where the file itself is a symbolic link; one among its directories is always followed.
-    enum class Links {
-        Follow,
-        Refuse, ///< for who reads what another user writes, who could show him any file through a link
-    };
-
-    /// Opens and parses the file at @p path. Nothing outside the file is read, and what is no file never blocks.
-    /// @throws LibXmlError when it is no regular file, cannot be read, is larger than kMaxConfigFileBytes, is not
-    /// well-formed, nests deeper than kMaxConfigDepth, or has a document type.
-    explicit LibXmlWrapper(std::string path, Links links = Links::Follow);
+    /// Opens and parses the file at @p path. Throws when it cannot be used.
+    explicit LibXmlWrapper(std::string path);
     ~LibXmlWrapper();
     LibXmlWrapper(const LibXmlWrapper&) = delete;
     LibXmlWrapper& operator=(const LibXmlWrapper&) = delete;
 
-    /// Whether @p xpath finds anything, be it one or several.
-    /// @throws LibXmlError when it is no XPath.
-    bool finds(const char* xpath) const;
+    /// The text of the one element that @p xpath finds. Throws when it finds none or several.
+    std::string getXPathStringValue(const char* xpath);
 
-    /// The text of the one element that @p xpath finds, with the blanks around it; empty when the element is.
-    /// @throws LibXmlError when it finds none, several, or what is no element or holds others.
-    std::string getXPathStringValue(const char* xpath) const;
+    /// Whether the text of the element is "true" or "1". Throws as above, and when it is no truth value.
+    bool getXPathBoolValue(const char* xpath);
 
-    /// Whether the text of the element, without the blanks around it, is "true" or "1".
-    /// @throws LibXmlError as getXPathStringValue does, and when the text is neither of these, "false" nor "0".
-    bool getXPathBoolValue(const char* xpath) const;
-
-    /// Gives the one element that @p xpath finds the text @p value, and takes comments in it out. An element that is
-    /// not there is not made. Nothing changes when the element has that text already, or when this throws. The file
-    /// stays as it is until it is saved.
-    /// @throws LibXmlError as getXPathStringValue does, when XML has no form for @p value (most control characters,
-    /// bytes that are no UTF-8), when the document would become too large, and when its encoding is not UTF-8.
+    /// Gives the one element that @p xpath finds the text @p value, in memory. Throws as above, and when XML has no
+    /// form for @p value.
     void setXPathElement(const char* xpath, const char* value);
 
-    /// Replaces the regular file at @p path in one step: another reader and a crash meet the old file or the new one,
-    /// whole. The mode stays, and the owner where this process may give files away; further links and extended
-    /// attributes do not. What was not set is written byte for byte as it was read; what another process wrote
-    /// meanwhile is lost.
-    /// @return false when that cannot be done, also where a symbolic link or no file is; the file is then as it was.
-    /// Only when the disk fails after the exchange is it the new one.
-    bool SaveToFile(const char* path) const;
+    /// Replaces the file at @p path whole. @return false when that cannot be done; @p path is not written to.
+    bool SaveToFile(char* path);
 
 private:
-    struct Document;
-    const std::string m_path;
-    std::unique_ptr<Document> m_document;
+    const std::unique_ptr<XmlFile> m_file;
 };

@@ -6,7 +6,7 @@
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/PrivateFile.h"
 #include "platform/hvbhelpers/BusConfiguration.h"
-#include "platform/hvbutils/LibXmlWrapper.h"
+#include "platform/hvbutils/XmlFile.h"
 
 #include <algorithm>
 #include <array>
@@ -121,17 +121,17 @@ std::string problemOf(const Read& read) {
 }
 
 /// What the daemon, or hvbd, stumbles over.
-std::vector<std::string> gravePartsOf(const LibXmlWrapper& document) {
+std::vector<std::string> gravePartsOf(const XmlFile& document) {
     constexpr std::array<const char*, 7> levels{"error",   "warning", "information", "debug",
                                                 "verbose", "audit",   "alert"};
     std::vector<std::string> problems;
     for (const std::string& problem :
          {problemOf([&] {
-              document.getXPathBoolValue("/HVConfiguration/SyslogEnable");
+              document.truthAt("/HVConfiguration/SyslogEnable");
               return std::string();
           }),
           problemOf([&] {
-              const std::string level = document.getXPathStringValue("/HVConfiguration/LogLevel");
+              const std::string level = document.textAt("/HVConfiguration/LogLevel");
               const bool isKnown = std::find(levels.begin(), levels.end(), level) != levels.end();
               return isKnown ? std::string()
                              : fmt::format("LogLevel is \"{}\" and none of {}", level, fmt::join(levels, ", "));
@@ -143,12 +143,12 @@ std::vector<std::string> gravePartsOf(const LibXmlWrapper& document) {
     return problems;
 }
 
-std::vector<std::string> missingVersionsOf(const LibXmlWrapper& document) {
+std::vector<std::string> missingVersionsOf(const XmlFile& document) {
     std::vector<std::string> missing;
     for (const char* element : {"HVVersion", "BuildNumber", "PatchVersion", "ServicePack", "Hotfixes"}) {
         const std::string xpath = std::string("/HVConfiguration/") + element;
         if (!problemOf([&] {
-                 document.getXPathStringValue(xpath.c_str());
+                 document.textAt(xpath.c_str());
                  return std::string();
              }).empty()) {
             missing.emplace_back(element);
@@ -169,7 +169,7 @@ Diagnosis moduleConfiguration(double /*timeout*/) {
     }
     needReadable(path);
     try {
-        const LibXmlWrapper document(path);
+        const XmlFile document(path);
         const std::vector<std::string> grave = gravePartsOf(document);
         if (!grave.empty()) {
             return failed(fmt::format("{}: {}", path, fmt::join(grave, "; ")), advice);
@@ -230,7 +230,7 @@ std::optional<int> levelIn(const std::string& text) {
     return isLevel ? std::optional(level) : std::nullopt;
 }
 
-Diagnosis traceLevelsDiagnosis(const LibXmlWrapper& document, const std::string& path) {
+Diagnosis traceLevelsDiagnosis(const XmlFile& document, const std::string& path) {
     constexpr std::array<const char*, 12> flows{"stDaemonFlow", "configFlow",    "loggerFlow",       "stCmdFlow",
                                                 "hcFlow",       "cmdHelperFlow", "regHelperFlow",    "hvInitFlow",
                                                 "hvCommFlow",   "mgsFlow",       "safariPluginFlow", "ipcFlow"};
@@ -240,7 +240,7 @@ Diagnosis traceLevelsDiagnosis(const LibXmlWrapper& document, const std::string&
     for (const std::string flow : flows) {
         std::optional<int> level;
         const std::string problem = problemOf([&] {
-            level = levelIn(document.getXPathStringValue(("/TraceValues/" + flow).c_str()));
+            level = levelIn(document.textAt(("/TraceValues/" + flow).c_str()));
             return std::string();
         });
         if (!level) {
@@ -266,7 +266,7 @@ Diagnosis traceLevels(double /*timeout*/) {
     }
     needReadable(path);
     try {
-        return traceLevelsDiagnosis(LibXmlWrapper(path), path);
+        return traceLevelsDiagnosis(XmlFile(path), path);
     } catch (const LibXmlError& error) {
         return failed(error.what(), "Mend it, or remove it, which ends tracing");
     }

@@ -4,7 +4,7 @@
 #include "hub/Exceptions.h"
 #include "hub/Payloads.h"
 #include "managed/VXHVBAgentWrapper.h"
-#include "platform/hvbutils/LibXmlWrapper.h"
+#include "platform/hvbutils/XmlFile.h"
 #include "tests/unit/daemon/DaemonRoot.h"
 #include "tests/unit/hub/CommandHandlerFixture.h"
 #include "tests/unit/managed/AgentDouble.h"

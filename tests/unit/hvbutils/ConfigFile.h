@@ -1,7 +1,7 @@
 // A configuration file in a directory of the test's own.
 #pragma once
 
-#include "platform/hvbutils/LibXmlWrapper.h"
+#include "platform/hvbutils/XmlFile.h"
 #include "tests/support/PrivateRoot.h"
 
 #include <gtest/gtest.h>
@@ -35,18 +35,18 @@ protected:
     }
 
     /// What an element of the file says, as a reader that comes now finds it.
-    std::string value(const char* xpath = kLevel) const { return LibXmlWrapper(path).getXPathStringValue(xpath); }
+    std::string value(const char* xpath = kLevel) const { return XmlFile(path).textAt(xpath); }
 
     bool save(const char* newValue) const {
-        LibXmlWrapper file(path);
-        file.setXPathElement(kLevel, newValue);
-        return file.SaveToFile(path.c_str());
+        XmlFile file(path);
+        file.setTextAt(kLevel, newValue);
+        return file.saveTo(path.c_str());
     }
 
     /// Why the file as it is now is refused.
     std::string refusal() const {
         try {
-            const LibXmlWrapper file(path);
+            const XmlFile file(path);
         } catch (const LibXmlError& error) {
             return error.what();
         }

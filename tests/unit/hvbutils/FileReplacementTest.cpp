@@ -1,7 +1,7 @@
 // Saving a configuration file: whole or not at all. Real: files, users, kill -9, a limit on the size of files.
 #include "platform/hvbutils/FileReplacement.h"
 
-#include "platform/hvbutils/LibXmlWrapper.h"
+#include "platform/hvbutils/XmlFile.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
 #include "tests/unit/hvbutils/ConfigFile.h"
@@ -68,32 +68,32 @@ TEST_F(AConfigFile, IsSavedByANameWithoutADirectory) {
 }
 
 TEST_F(AConfigFile, IsNotSavedWhereThereIsNone) {
-    const LibXmlWrapper file(path);
+    const XmlFile file(path);
     std::filesystem::remove(path);
     for (const char* target : {path.c_str(), "/nowhere/at/all.xml", "", "/", directory.c_str()}) {
-        EXPECT_FALSE(file.SaveToFile(target)) << target;
+        EXPECT_FALSE(file.saveTo(target)) << target;
     }
-    EXPECT_FALSE(file.SaveToFile(nullptr));
+    EXPECT_FALSE(file.saveTo(nullptr));
     EXPECT_EQ(filesInDirectory(), 0u);
 }
 
 TEST_F(AConfigFile, IsNotSavedOverALinkADirectoryOrAPipe) {
-    const LibXmlWrapper file(path);
+    const XmlFile file(path);
     const std::string real = directory + "/real.xml";
     std::filesystem::rename(path, real);
-    const std::string before = LibXmlWrapper(real).getXPathStringValue(kLevel);
+    const std::string before = XmlFile(real).textAt(kLevel);
     std::filesystem::create_symlink(real, path);
-    EXPECT_FALSE(file.SaveToFile(path.c_str()));
+    EXPECT_FALSE(file.saveTo(path.c_str()));
     EXPECT_TRUE(std::filesystem::is_symlink(path));
     std::filesystem::remove(path);
     std::filesystem::create_directory(path);
-    EXPECT_FALSE(file.SaveToFile(path.c_str()));
+    EXPECT_FALSE(file.saveTo(path.c_str()));
     EXPECT_TRUE(std::filesystem::is_directory(path));
     std::filesystem::remove(path);
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    EXPECT_FALSE(file.SaveToFile(path.c_str()));
+    EXPECT_FALSE(file.saveTo(path.c_str()));
     EXPECT_TRUE(std::filesystem::is_fifo(path));
-    EXPECT_EQ(LibXmlWrapper(real).getXPathStringValue(kLevel), before);
+    EXPECT_EQ(XmlFile(real).textAt(kLevel), before);
     EXPECT_EQ(filesInDirectory(), 2u);
 }
 
@@ -155,10 +155,10 @@ TEST_F(AConfigFileOfAnother, StaysAsItWasWhenItsDirectoryIsClosedToTheWriter) {
 TEST_F(AConfigFile, StaysAsItWasWhenTheDiskTakesNoMore) {
     const std::string before = content();
     const pid_t child = inChild([this] {
-        const LibXmlWrapper file(path);
+        const XmlFile file(path);
         constexpr rlimit aFewBytes{100, 100};
         std::signal(SIGXFSZ, SIG_IGN);
-        return setrlimit(RLIMIT_FSIZE, &aFewBytes) == 0 && !file.SaveToFile(path.c_str()) ? 0 : 1;
+        return setrlimit(RLIMIT_FSIZE, &aFewBytes) == 0 && !file.saveTo(path.c_str()) ? 0 : 1;
     });
     EXPECT_EQ(statusOf(child), 0);
     EXPECT_EQ(content(), before);
@@ -215,17 +215,17 @@ TEST_F(AConfigFileOnASmallDisk, StaysAsItWasWhenItIsFullAndIsSavedOnceThereIsRoo
 
 TEST_F(AConfigFile, ThatAnotherProcessSavedMeanwhileBecomesWholeWhatWasReadWithTheChange) {
     const std::string before = content();
-    LibXmlWrapper file(path);
-    file.setXPathElement(kLevel, "debug");
+    XmlFile file(path);
+    file.setTextAt(kLevel, "debug");
     ASSERT_EQ(statusOf(inChild([this] { return replaceFile(path, "<HVConfiguration/>") ? 0 : 1; })), 0);
     ASSERT_EQ(content(), "<HVConfiguration/>");
-    ASSERT_TRUE(file.SaveToFile(path.c_str()));
+    ASSERT_TRUE(file.saveTo(path.c_str()));
     EXPECT_EQ(content(), std::string(before).replace(before.find("information"), 11, "debug"));
 }
 
 TEST_F(AConfigFile, ThatAnotherProcessHasWrittenHalfIsRefusedByReadersAndIsWholeAfterASave) {
-    LibXmlWrapper file(path);
-    file.setXPathElement(kLevel, "debug");
+    XmlFile file(path);
+    file.setTextAt(kLevel, "debug");
     const std::string half = content().substr(0, content().size() / 2);
     ASSERT_EQ(statusOf(inChild([&] {
                   write(half);
@@ -234,7 +234,7 @@ TEST_F(AConfigFile, ThatAnotherProcessHasWrittenHalfIsRefusedByReadersAndIsWhole
               0);
     ASSERT_EQ(content(), half);
     EXPECT_NE(refusal(), "accepted");
-    ASSERT_TRUE(file.SaveToFile(path.c_str()));
+    ASSERT_TRUE(file.saveTo(path.c_str()));
     EXPECT_EQ(value(), "debug");
 }
 
@@ -263,9 +263,9 @@ TEST_F(AConfigFile, IsWholeForEveryReaderWhileItIsSaved) {
 /// Saves without end, each time another text.
 int saveForEver(const std::string& path) {
     for (int round = 0;; ++round) {
-        LibXmlWrapper file(path);
-        file.setXPathElement(kLevel, std::string(10000, round % 2 == 0 ? 'x' : 'y').c_str());
-        if (!file.SaveToFile(path.c_str())) {
+        XmlFile file(path);
+        file.setTextAt(kLevel, std::string(10000, round % 2 == 0 ? 'x' : 'y').c_str());
+        if (!file.saveTo(path.c_str())) {
             return 1;
         }
     }

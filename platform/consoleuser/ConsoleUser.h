@@ -1,4 +1,4 @@
-// The system's question who sits at the console.
+// The system's question who sits at the console. Like the rest of the system's interface it is plain C.
 #pragma once
 
 #include <sys/types.h>
@@ -9,6 +9,8 @@ using SCDynamicStoreRef = const struct DynamicStore*;
 
 /// UTF-8, the only encoding that names come in here.
 inline constexpr unsigned kCFStringEncodingUTF8 = 0x08000100;
+
+extern "C" {
 
 /// The name of the user at the machine's own screen and keyboard: the active session of logind's seat0, else the
 /// newest local login of utmp(5), else null. The caller ends a name with CFRelease. Any thread but not two at once,
@@ -22,3 +24,5 @@ bool CFStringGetCString(CFStringRef string, char* buffer, long bufferSize, unsig
 
 /// Ends what SCDynamicStoreCopyConsoleUser gave.
 void CFRelease(CFTypeRef object);
+
+} // extern "C"

@@ -3,29 +3,27 @@
 #include "managed/PolicyChecksum.h"
 #include "managed/PolicyValues.h"
 #include "managed/VXPolicyEnforcementImpl.h"
+#include "policy/PolicyLists.h"
 #include "store/STPreferenceController.h"
 
 namespace Sentrel {
 namespace {
 
-constexpr const wchar_t* kSection = L"BlockAndAllowList";
-
 STPreferenceController& preferences() {
     return *STPreferenceController::getInstance();
 }
 
-int precedenceOf(const HVBEnterprise::SectionsHandle& policy) {
-    int precedence = -1;
-    if (VXPolicyEnforcementImpl::getPolicyKeyValue(policy, kSection, L"bPrecedenceOverProhibitLists", &precedence,
-                                                   VALUE_INTEGER)) {
+int precedenceOf(const policy::PolicySource& source) {
+    const auto precedence = source.number(policy::keys::kPrecedence, 0);
+    if (precedence) {
         ST_TRACE(mgsFlow, 2, L"VXPolicyEnforcementImpl::enforceAllowBlockPolicy - Allow Over Block Precedence - %d\n",
-                 precedence);
+                 *precedence);
     } else {
         ST_TRACE(
             mgsFlow, 2,
             L"VXPolicyEnforcementImpl::enforceAllowBlockPolicy - Issue with ST_ALLOW_BLOCK_ALLOW_OVER_BLOCK_KEY\n");
     }
-    return precedence;
+    return precedence.value_or(policy::kPrecedenceByDefault);
 }
 
 /// The allow/block list as a policy tells it.
@@ -38,7 +36,8 @@ struct SiteList {
 /// @return false when the policy announces entries and lacks their section.
 bool gatherSites(const HVBEnterprise::SectionsHandle& policy, int count, SiteList& list) {
     VXPolicyEnforcementImpl::Section section;
-    if (!VXPolicyEnforcementImpl::getSectionData(policy, kSection, section)) {
+    if (!VXPolicyEnforcementImpl::getSectionData(policy, policy::wide(policy::keys::kSiteCount.section).c_str(),
+                                                 section)) {
         ST_TRACE(mgsFlow, 2,
                  L"VXPolicyEnforcementImpl::enforceAllowBlockPolicy - Issue with ST_ALLOW_BLOCK_SECTION_NAME\n");
         return false;
@@ -58,31 +57,32 @@ bool gatherSites(const HVBEnterprise::SectionsHandle& policy, int count, SiteLis
 
 void VXPolicyEnforcementImpl::getAllowBlockListFromMap(const Section& section, std::vector<std::wstring>& sites,
                                                        int count, std::string& checksumText) {
-    std::vector<wchar_t> site(kPolicyTextCharacters, L'\0');
-    const int end = detail::boundedCount(count);
-    for (int index = 0; index < end; ++index) {
-        if (!getPolicyKeyValue(section, L"szSite" + std::to_wstring(index), site.data(), VALUE_STRING)) {
-            ST_TRACE(mgsFlow, 2,
-                     L"VXPolicyEnforcementImpl::enforceAllowBlockPolicy - Issue with ST_ALLOW_BLOCK_SITE_KEY\n");
-            continue;
-        }
+    policy::TextEntries entries =
+        policy::readTexts(detail::SectionSource(section), policy::keys::kSite, detail::boundedCount(count));
+    for (std::size_t at = 0; at < entries.missing.size(); ++at) {
+        ST_TRACE(mgsFlow, 2,
+                 L"VXPolicyEnforcementImpl::enforceAllowBlockPolicy - Issue with ST_ALLOW_BLOCK_SITE_KEY\n");
+    }
+    for (policy::TextEntry& entry : entries.found) {
         // A site that is too long keeps its place, so that the actions behind it stay with their sites; the controller
         // leaves it out.
-        checksumText += detail::narrowPolicyText(site.data()).value_or("");
-        sites.emplace_back(site.data());
+        if (!entry.narrow) {
+            detail::traceTooLong();
+        }
+        checksumText += entry.narrow.value_or("");
+        sites.push_back(std::move(entry.text));
     }
 }
 
 void VXPolicyEnforcementImpl::getAllowBlockActionListFromMap(const Section& section, std::vector<int>& actions,
                                                              int count, std::string& checksumText) {
-    const int end = detail::boundedCount(count);
-    for (int index = 0; index < end; ++index) {
-        int action = -1;
-        if (!getPolicyKeyValue(section, L"Action" + std::to_wstring(index), &action, VALUE_INTEGER)) {
-            ST_TRACE(mgsFlow, 2,
-                     L"VXPolicyEnforcementImpl::enforceAllowBlockPolicy - Issue with ST_ALLOW_BLOCK_ACTION_KEY\n");
-            continue;
-        }
+    const policy::NumberEntries entries =
+        policy::readNumbers(detail::SectionSource(section), policy::keys::kSiteAction, detail::boundedCount(count));
+    for (std::size_t at = 0; at < entries.missing.size(); ++at) {
+        ST_TRACE(mgsFlow, 2,
+                 L"VXPolicyEnforcementImpl::enforceAllowBlockPolicy - Issue with ST_ALLOW_BLOCK_ACTION_KEY\n");
+    }
+    for (const int action : entries.found) {
         checksumText += std::to_string(action);
         actions.push_back(action);
     }
@@ -90,13 +90,13 @@ void VXPolicyEnforcementImpl::getAllowBlockActionListFromMap(const Section& sect
 
 bool VXPolicyEnforcementImpl::enforceAllowBlockPolicy(const SectionsHandle& policy) {
     ST_TRACE(mgsFlow, 2, L"VXPolicyEnforcementImpl::enforceAllowBlockPolicy - Entered \n");
-    const PolicySetting setting = detail::featureSetting(L"KPF_BlockAndAllowList");
-    const auto count = detail::policyInteger(policy, setting, kSection, L"uiSiteCount");
+    const detail::DocumentSource source(policy);
+    const auto count = source.number(policy::keys::kSiteCount, 0);
     if (!count) {
         ST_TRACE(mgsFlow, 2, L"VXPolicyEnforcementImpl::enforceAllowBlockPolicy - No Category Present \n");
         return false;
     }
-    const int precedence = precedenceOf(policy);
+    const int precedence = precedenceOf(source);
     SiteList list;
     const bool result = *count <= 0 || gatherSites(policy, *count, list);
     preferences().setAllowBlockDetails(precedence, list.sites, list.actions);

@@ -4,22 +4,13 @@
 #include "managed/PolicyValues.h"
 #include "managed/VXPolicyEnforcementImpl.h"
 #include "platform/stlogger/STLogger.h"
+#include "policy/PolicyLists.h"
 #include "store/STPreferenceController.h"
-
-#include <boost/algorithm/string/classification.hpp>
-#include <boost/algorithm/string/split.hpp>
-
-#include <algorithm>
-#include <array>
 
 namespace Sentrel {
 namespace {
 
-using HVBEnterprise::PolicySetting;
-using HVBEnterprise::SectionsHandle;
-
 constexpr int kDebugSeverity = 7;
-constexpr const wchar_t* kContentSection = L"ContentActions";
 
 STPreferenceController& preferences() {
     return *STPreferenceController::getInstance();
@@ -27,57 +18,44 @@ STPreferenceController& preferences() {
 
 /// What the policy says of the categories.
 struct Categories {
-    int enabled = -1;
-    int uncategorized = 0;
+    int enabled = policy::kCategoriesStay;
+    int uncategorized = policy::kUncategorizedByDefault;
     std::vector<wchar_t> actions;
     std::vector<std::wstring> codes;
     std::string checksumText; ///< switch, actions and codes, without separators
 };
 
 /// The action characters. @return false when the policy has not one for each category.
-bool gatherActions(const SectionsHandle& policy, const PolicySetting& setting, int count, Categories& categories) {
-    const auto actions =
-        count > 0 ? detail::policyText(policy, setting, kContentSection, L"szActionCodes") : std::nullopt;
-    const auto narrow = actions ? detail::narrowPolicyText(*actions) : std::nullopt;
-    if (!narrow || actions->size() < static_cast<std::size_t>(count)) {
+bool gatherActions(const policy::PolicySource& source, int count, Categories& categories) {
+    const policy::CategoryActions read = count > 0 ? policy::readCategoryActions(source) : policy::CategoryActions();
+    if (read.isThere && !read.narrow) {
+        detail::traceTooLong();
+    }
+    if (!read.serve(count)) {
         ST_TRACE(mgsFlow, 2,
                  L"VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy - Issue with gathering Action Bit\n");
         return false;
     }
-    categories.checksumText = std::to_string(categories.enabled) + *narrow;
-    categories.actions.assign(actions->begin(), actions->begin() + count);
+    categories.checksumText = std::to_string(categories.enabled) + *read.narrow;
+    categories.actions.assign(read.characters.begin(), read.characters.begin() + count);
     return true;
 }
 
-/// The codes as the policy lists them; empty ones vanish. Of a list that was cut the last piece is not taken: half a
-/// code may be another category's.
-std::vector<std::wstring> codesOf(const SectionsHandle& policy, const PolicySetting& setting) {
-    constexpr const wchar_t* key = L"uiContentBitCodes";
-    auto listed = detail::policyText(policy, setting, kContentSection, key).value_or(L"");
-    if (std::wstring whole; policy.getPropValue(setting, kContentSection, key, whole) && listed.size() < whole.size() &&
-                            whole[listed.size()] != L',') {
-        listed.resize(listed.rfind(L',') + 1);
-    }
-    std::vector<std::wstring> codes;
-    boost::algorithm::split(codes, listed, [](wchar_t c) { return c == L','; });
-    std::erase(codes, L"");
-    return codes;
-}
-
 /// The category codes. @return false when the policy has not one for each category.
-bool gatherCodes(const SectionsHandle& policy, const PolicySetting& setting, int count, Categories& categories) {
-    categories.codes = codesOf(policy, setting);
-    bool isWhole = categories.codes.size() >= static_cast<std::size_t>(count);
-    for (const std::wstring& code : categories.codes) {
-        const auto narrow = detail::narrowPolicyText(code);
-        isWhole = isWhole && narrow.has_value();
-        categories.checksumText += narrow.value_or("");
+bool gatherCodes(const policy::PolicySource& source, int count, Categories& categories) {
+    const policy::CategoryCodes read = policy::readCategoryCodes(source);
+    for (const policy::TextEntry& code : read.codes) {
+        if (!code.narrow) {
+            detail::traceTooLong();
+        }
+        categories.checksumText += code.narrow.value_or("");
+        categories.codes.push_back(code.text);
     }
-    if (!isWhole) {
+    if (!read.serve(count)) {
         ST_TRACE(mgsFlow, 2,
                  L"VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy - Issue with gathering Category Code\n");
     }
-    return isWhole;
+    return read.serve(count);
 }
 
 /// The list is stored with every policy that gets here; the checksum only records what it was.
@@ -94,15 +72,15 @@ void storeCategories(int count, Categories& categories) {
     }
 }
 
-bool enforceCategories(const SectionsHandle& policy, const PolicySetting& setting) {
-    const auto enabled = detail::policyInteger(policy, setting, kContentSection, L"bEnableCategorization");
+bool enforceCategories(const policy::PolicySource& source) {
+    const auto enabled = source.number(policy::keys::kCategorize, 0);
     if (!enabled) {
         return false;
     }
-    if (*enabled == -1) {
+    if (*enabled == policy::kCategoriesStay) {
         return true;
     }
-    const auto count = detail::policyInteger(policy, setting, kContentSection, L"uiBitCount");
+    const auto count = source.number(policy::keys::kCategoryCount, 0);
     if (!count) {
         ST_TRACE(mgsFlow, 2, L"VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy - No Category Present \n");
         LogMsg(kDebugSeverity, "VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy - No Category Present ");
@@ -110,66 +88,56 @@ bool enforceCategories(const SectionsHandle& policy, const PolicySetting& settin
     }
     Categories categories;
     categories.enabled = *enabled;
-    if (const auto uncategorized = detail::policyInteger(policy, setting, kContentSection, L"uiActionUncategorized")) {
+    if (const auto uncategorized = source.number(policy::keys::kUncategorized, 0)) {
         categories.uncategorized = *uncategorized;
         ST_TRACE(mgsFlow, 2,
                  L"VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy - UnCategorized Block Val - %d \n",
                  *uncategorized);
     }
-    if (!gatherActions(policy, setting, *count, categories) || !gatherCodes(policy, setting, *count, categories)) {
+    if (!gatherActions(source, *count, categories) || !gatherCodes(source, *count, categories)) {
         return false;
     }
     storeCategories(*count, categories);
     return true;
 }
 
-/// One rating's three bits of the packed actions. What is neither of the two patterns has the rating's own default.
-struct Rating {
+/// The preference behind a rating.
+struct RatingPreference {
     const char* name;
-    unsigned mask;
-    unsigned pattern;
-    int action;
-    unsigned otherPattern;
-    int otherAction;
-    int byDefault;
     int (STPreferenceController::*get)();
     int (STPreferenceController::*set)(int value);
-
-    int actionOf(unsigned packed) const {
-        const unsigned field = packed & mask;
-        return field == pattern ? action : field == otherPattern ? otherAction : byDefault;
-    }
 };
 
-constexpr int kAllow = 1;
-constexpr int kWarn = 2;
-constexpr int kBlock = 3;
+RatingPreference preferenceOf(policy::Rating rating) {
+    switch (rating) {
+    case policy::Rating::Yellow:
+        return {"YELLOW_SITE", &STPreferenceController::getYellowSiteAction,
+                &STPreferenceController::setYellowSiteAction};
+    case policy::Rating::Red:
+        return {"RED_SITE", &STPreferenceController::getRedSiteAction, &STPreferenceController::setRedSiteAction};
+    default:
+        return {"UNVERIFIED_SITE", &STPreferenceController::getUnratedSiteAction,
+                &STPreferenceController::setUnratedSiteAction};
+    }
+}
 
-constexpr std::array<Rating, 3> kRatings{{
-    {"YELLOW_SITE", 0x007, 0x001, kAllow, 0x004, kBlock, kWarn, &STPreferenceController::getYellowSiteAction,
-     &STPreferenceController::setYellowSiteAction},
-    {"RED_SITE", 0x038, 0x008, kAllow, 0x010, kWarn, kBlock, &STPreferenceController::getRedSiteAction,
-     &STPreferenceController::setRedSiteAction},
-    {"UNVERIFIED_SITE", 0x1C0, 0x040, kAllow, 0x100, kBlock, kWarn, &STPreferenceController::getUnratedSiteAction,
-     &STPreferenceController::setUnratedSiteAction},
-}};
-
-bool enforceRatings(const SectionsHandle& policy, const PolicySetting& setting) {
-    const auto packed = detail::policyInteger(policy, setting, L"RatingActions", L"uiOverall");
+bool enforceRatings(const policy::PolicySource& source) {
+    const auto packed = source.number(policy::keys::kRatings, 0);
     if (!packed) {
         return false;
     }
     ST_TRACE(mgsFlow, 5, L"Sentrel Site Rating Action = %d\n", *packed);
-    if (*packed == 0) {
+    if (*packed == policy::kRatingsStay) {
         return true;
     }
     bool isChanged = false;
-    for (const Rating& rating : kRatings) {
-        const int action = rating.actionOf(static_cast<unsigned>(*packed));
-        if ((preferences().*rating.get)() != action) {
+    for (const policy::RatingField& field : policy::kRatingFields) {
+        const RatingPreference preference = preferenceOf(field.rating);
+        const int action = static_cast<int>(field.actionOf(*packed));
+        if ((preferences().*preference.get)() != action) {
             ST_TRACE(mgsFlow, 3, L"VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy - Action for %s is %d\n",
-                     rating.name, action);
-            (preferences().*rating.set)(action);
+                     preference.name, action);
+            (preferences().*preference.set)(action);
             isChanged = true;
         }
     }
@@ -185,8 +153,8 @@ bool enforceRatings(const SectionsHandle& policy, const PolicySetting& setting) 
 bool VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy(const SectionsHandle& policy) {
     LogMsg(kDebugSeverity, "VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy() - Entered");
     ST_TRACE(mgsFlow, 2, L"VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy - Entered\n");
-    const PolicySetting setting = detail::featureSetting(L"KPF_ContentFiltering");
-    const bool result = enforceCategories(policy, setting) && enforceRatings(policy, setting);
+    const detail::DocumentSource source(policy);
+    const bool result = enforceCategories(source) && enforceRatings(source);
     ST_TRACE(mgsFlow, 5, L"VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy - exiting\n");
     return result;
 }

@@ -1,61 +1,46 @@
 // Every look-up of a policy ends here: what comes from the network is bounded before anything else looks at it.
 #include "managed/PolicyValues.h"
 
-#include "base/TextConversion.h"
 #include "daemon/Trace.h"
+#include "policy/PolicyLimits.h"
+#include "policy/PolicyLists.h"
 
-#include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <cwchar>
-#include <vector>
+#include <memory>
 
 namespace Sentrel {
 namespace {
 
-constexpr std::size_t kNarrowBytes = 1024; // with the terminator
-constexpr std::size_t kNumberBytes = 50;
-
-/// The number at the start of @p text; 0 when there is none.
-int numberOf(const std::wstring& text) {
-    std::string digits;
-    for (const wchar_t c : text) {
-        constexpr wchar_t lastAscii = 0x7F;
-        if (c <= 0 || c > lastAscii || digits.size() == kNumberBytes) {
-            break;
-        }
-        digits += static_cast<char>(c);
-    }
-    constexpr int decimal = 10;
-    return static_cast<int>(std::strtol(digits.c_str(), nullptr, decimal));
-}
-
-void deliverText(const std::wstring& text, wchar_t* destination) {
-    const std::size_t length = std::min(text.size(), kPolicyTextCharacters - 1);
-    if (length < text.size()) {
+void deliverText(const std::wstring& value, wchar_t* destination) {
+    const policy::PolicyText read = policy::readText(value);
+    if (read.isCut()) {
         ST_TRACE(mgsFlow, 1, L"VXPolicyEnforcementImpl::getPolicyKeyValue - cut a text of %lu characters\n",
-                 text.size());
+                 value.size());
     }
-    std::wmemcpy(destination, text.data(), length);
-    destination[length] = L'\0';
+    std::wmemcpy(destination, read.text.c_str(), read.text.size() + 1);
 }
 
 void deliver(const std::wstring& value, void* destination, VALUETYPE type) {
     if (type == VALUE_INTEGER) {
-        const int number = numberOf(value);
+        const int number = policy::readNumber(value).value;
         std::memcpy(destination, &number, sizeof number);
     } else if (type == VALUE_STRING) {
         deliverText(value, static_cast<wchar_t*>(destination));
     }
 }
 
+/// What a look-up delivered. @param whole looks the value up as it stands there: the buffer does not tell what was cut.
+template <class Whole>
+policy::PolicyText deliveredText(const detail::TextBuffer& buffer, const Whole& whole) {
+    policy::PolicyText text{buffer.data(), L'\0'};
+    return text.text.size() < policy::kMaxTextCharacters ? text : policy::readText(whole());
+}
+
 template <class LookUp>
-std::optional<std::wstring> textBy(LookUp lookUp) {
-    std::vector<wchar_t> buffer(kPolicyTextCharacters, L'\0');
-    if (!lookUp(buffer.data())) {
-        return std::nullopt;
-    }
-    return std::wstring(buffer.data());
+std::string narrowOf(const LookUp& lookUp) {
+    const auto buffer = std::make_unique<detail::TextBuffer>();
+    return lookUp(buffer->data()) ? detail::narrowPolicyText(buffer->data()).value_or("") : "";
 }
 
 } // namespace
@@ -110,66 +95,89 @@ bool VXPolicyEnforcementImpl::getSectionData(const SectionsHandle& policy, const
 
 std::string VXPolicyEnforcementImpl::getStringFromKey(const SectionsHandle& policy, const PolicySetting& setting,
                                                       const wchar_t* section, const wchar_t* key) {
-    const auto text = detail::policyText(policy, setting, section, key);
-    return text ? detail::narrowPolicyText(*text).value_or("") : "";
+    return narrowOf(
+        [&](wchar_t* buffer) { return getPolicyKeyValue(policy, setting, section, key, buffer, VALUE_STRING); });
 }
 
 std::string VXPolicyEnforcementImpl::getStringFromKey(const SectionsHandle& policy, const wchar_t* section,
                                                       const wchar_t* key) {
-    const auto text =
-        textBy([&](wchar_t* buffer) { return getPolicyKeyValue(policy, section, key, buffer, VALUE_STRING); });
-    return text ? detail::narrowPolicyText(*text).value_or("") : "";
+    return narrowOf([&](wchar_t* buffer) { return getPolicyKeyValue(policy, section, key, buffer, VALUE_STRING); });
 }
 
 namespace detail {
 
-HVBEnterprise::PolicySetting featureSetting(const wchar_t* feature) {
+HVBEnterprise::PolicySetting featureSetting(std::string_view feature) {
     HVBEnterprise::PolicySetting setting;
-    setting.m_productId = L"NODE_ST_1000";
-    setting.m_featureId = feature;
-    setting.m_featureName = feature;
+    setting.m_productId = policy::wide(policy::kProduct);
+    setting.m_featureId = policy::wide(feature);
+    setting.m_featureName = setting.m_featureId;
     return setting;
 }
 
-std::optional<std::string> narrowPolicyText(const std::wstring& text) {
-    if (text.size() < kNarrowBytes) { // each character takes a byte at the least
-        constexpr std::size_t bytesPerCharacter = 6;
-        const std::size_t declared = bytesPerCharacter * text.size() + 1;
-        std::vector<char> buffer(declared, '\0');
-        int size = static_cast<int>(declared);
-        widechar2charstr(text.c_str(), buffer.data(), &size);
-        if (std::string narrow(buffer.data()); narrow.size() < kNarrowBytes) {
-            return narrow;
-        }
-    }
+void traceTooLong() {
     ST_TRACE(mgsFlow, 1, L"VXPolicyEnforcementImpl - a policy text takes more than 1023 bytes\n");
-    return std::nullopt;
+}
+
+std::optional<std::string> narrowPolicyText(const std::wstring& text) {
+    auto narrow = policy::narrowText(text);
+    if (!narrow) {
+        traceTooLong();
+    }
+    return narrow;
 }
 
 int boundedCount(int declared) {
-    if (declared > kMaxPolicyEntries) {
-        ST_TRACE(mgsFlow, 1, L"VXPolicyEnforcementImpl - looks for %d entries only, of %d\n", kMaxPolicyEntries,
-                 declared);
+    const int count = policy::boundedCount(declared);
+    if (count < declared) {
+        ST_TRACE(mgsFlow, 1, L"VXPolicyEnforcementImpl - looks for %d entries only, of %d\n", count, declared);
     }
-    return std::clamp(declared, 0, kMaxPolicyEntries);
+    return count;
 }
 
-std::optional<int> policyInteger(const HVBEnterprise::SectionsHandle& policy,
-                                 const HVBEnterprise::PolicySetting& setting, const wchar_t* section,
-                                 const wchar_t* key) {
-    int value = -1;
-    if (!VXPolicyEnforcementImpl::getPolicyKeyValue(policy, setting, section, key, &value, VALUE_INTEGER)) {
-        return std::nullopt;
-    }
+bool DocumentSource::find(const policy::PolicyKey& key, int index, void* destination, VALUETYPE type) const {
+    const std::wstring section = policy::wide(key.section);
+    const std::wstring name = policy::wide(policy::nameOf(key, index));
+    return key.isReadAnywhere
+               ? VXPolicyEnforcementImpl::getPolicyKeyValue(m_document, section.c_str(), name.c_str(), destination,
+                                                            type)
+               : VXPolicyEnforcementImpl::getPolicyKeyValue(m_document, featureSetting(key.feature), section.c_str(),
+                                                            name.c_str(), destination, type);
+}
+
+std::wstring DocumentSource::whole(const policy::PolicyKey& key, int index) const {
+    const std::wstring section = policy::wide(key.section);
+    const std::wstring name = policy::wide(policy::nameOf(key, index));
+    std::wstring value;
+    static_cast<void>(key.isReadAnywhere ? m_document.getPropValue(section, name, value)
+                                         : m_document.getPropValue(featureSetting(key.feature), section, name, value));
     return value;
 }
 
-std::optional<std::wstring> policyText(const HVBEnterprise::SectionsHandle& policy,
-                                       const HVBEnterprise::PolicySetting& setting, const wchar_t* section,
-                                       const wchar_t* key) {
-    return textBy([&](wchar_t* buffer) {
-        return VXPolicyEnforcementImpl::getPolicyKeyValue(policy, setting, section, key, buffer, VALUE_STRING);
-    });
+std::optional<int> DocumentSource::number(const policy::PolicyKey& key, int index) const {
+    int value = -1;
+    return find(key, index, &value, VALUE_INTEGER) ? std::optional(value) : std::nullopt;
+}
+
+std::optional<policy::PolicyText> DocumentSource::text(const policy::PolicyKey& key, int index) const {
+    if (!find(key, index, m_buffer.data(), VALUE_STRING)) {
+        return std::nullopt;
+    }
+    return deliveredText(m_buffer, [&] { return whole(key, index); });
+}
+
+std::optional<int> SectionSource::number(const policy::PolicyKey& key, int index) const {
+    int value = -1;
+    const std::wstring name = policy::wide(policy::nameOf(key, index));
+    return VXPolicyEnforcementImpl::getPolicyKeyValue(m_section, name, &value, VALUE_INTEGER) ? std::optional(value)
+                                                                                              : std::nullopt;
+}
+
+std::optional<policy::PolicyText> SectionSource::text(const policy::PolicyKey& key, int index) const {
+    const std::wstring name = policy::wide(policy::nameOf(key, index));
+    if (!VXPolicyEnforcementImpl::getPolicyKeyValue(m_section, name, m_buffer.data(), VALUE_STRING)) {
+        return std::nullopt;
+    }
+    return deliveredText(m_buffer, [&] { return m_section.at(name); });
 }
 
 } // namespace detail

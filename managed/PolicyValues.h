@@ -2,30 +2,58 @@
 #pragma once
 
 #include "managed/VXPolicyEnforcementImpl.h"
+#include "policy/PolicyValues.h"
 
+#include <array>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace Sentrel::detail {
 
-/// Selects a feature of the policy. The product id is the older one on purpose: the policies on the server bear it.
-HVBEnterprise::PolicySetting featureSetting(const wchar_t* feature);
+/// Selects a feature of the policy.
+HVBEnterprise::PolicySetting featureSetting(std::string_view feature);
 
-/// The narrow form of a policy's text. None when it takes more than the 1,023 bytes that its readers have for it.
+/// The narrow form of a policy's text. None, with a trace line, when it is longer than its readers have room for.
 std::optional<std::string> narrowPolicyText(const std::wstring& text);
+/// The same line for a text that was found to be too long.
+void traceTooLong();
 
-/// A declared number of entries as far as it is looked through. Never below zero. What is beyond is traced: ask once a
-/// list.
+/// A declared number of entries as far as it is looked through. What is beyond is traced: ask once a list.
 int boundedCount(int declared);
 
-/// Looks up an integer. @return nothing when the key is missing.
-std::optional<int> policyInteger(const HVBEnterprise::SectionsHandle& policy,
-                                 const HVBEnterprise::PolicySetting& setting, const wchar_t* section,
-                                 const wchar_t* key);
+/// Where a look-up delivers a text.
+using TextBuffer = std::array<wchar_t, kPolicyTextCharacters>;
 
-/// Looks up a text, which is cut where getPolicyKeyValue cuts it. @return nothing when the key is missing.
-std::optional<std::wstring> policyText(const HVBEnterprise::SectionsHandle& policy,
-                                       const HVBEnterprise::PolicySetting& setting, const wchar_t* section,
-                                       const wchar_t* key);
+/// A policy, whose keys are looked up in their feature or by their section alone.
+/// Threads: plain, single access. Owner: a pass; the document outlives it.
+class DocumentSource : public policy::PolicySource {
+public:
+    explicit DocumentSource(const HVBEnterprise::SectionsHandle& document) : m_document(document) {}
+
+    std::optional<int> number(const policy::PolicyKey& key, int index) const override;
+    std::optional<policy::PolicyText> text(const policy::PolicyKey& key, int index) const override;
+
+private:
+    bool find(const policy::PolicyKey& key, int index, void* destination, VALUETYPE type) const;
+    std::wstring whole(const policy::PolicyKey& key, int index) const;
+
+    const HVBEnterprise::SectionsHandle& m_document;
+    mutable TextBuffer m_buffer{};
+};
+
+/// One section of a policy, which was read as a whole.
+/// Threads: plain, single access. Owner: a pass; the section outlives it.
+class SectionSource : public policy::PolicySource {
+public:
+    explicit SectionSource(const VXPolicyEnforcementImpl::Section& section) : m_section(section) {}
+
+    std::optional<int> number(const policy::PolicyKey& key, int index) const override;
+    std::optional<policy::PolicyText> text(const policy::PolicyKey& key, int index) const override;
+
+private:
+    const VXPolicyEnforcementImpl::Section& m_section;
+    mutable TextBuffer m_buffer{};
+};
 
 } // namespace Sentrel::detail

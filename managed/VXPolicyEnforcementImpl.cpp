@@ -8,6 +8,7 @@
 #include "managed/PolicyValues.h"
 #include "managed/VXHVBAgentWrapper.h"
 #include "platform/stlogger/STLogger.h"
+#include "policy/PolicyLists.h"
 #include "store/DBSettings.h"
 #include "store/STPreferenceController.h"
 
@@ -16,24 +17,17 @@
 namespace Sentrel {
 namespace {
 
-using HVBEnterprise::PolicySetting;
-using HVBEnterprise::SectionsHandle;
-
 constexpr int kDebugSeverity = 7;
-
-constexpr const wchar_t* kActionSection = L"ActionEnforcement";
-constexpr const wchar_t* kEventSection = L"EventLogging";
 
 STPreferenceController& preferences() {
     return *STPreferenceController::getInstance();
 }
 
-/// Looks up a switch: on only for exactly 1. A missing key changes nothing.
+/// Looks up a switch. A missing key changes nothing.
 template <class Apply>
-void forSwitch(const SectionsHandle& policy, const PolicySetting& setting, const wchar_t* section, const wchar_t* key,
-               Apply apply) {
-    if (const auto value = detail::policyInteger(policy, setting, section, key)) {
-        apply(*value == 1);
+void forSwitch(const policy::PolicySource& source, const policy::PolicyKey& key, Apply apply) {
+    if (const auto value = source.number(key, 0)) {
+        apply(policy::isOn(*value));
     }
 }
 
@@ -57,40 +51,29 @@ void enforceEnableState(bool isOn) {
     preferences().signalPrefChange(ST_ENABLE);
 }
 
-/// The policy's own codes are not those of the preference: 0 blocks.
-int unverifiedAction(int policyValue) {
-    constexpr int allow = 1;
-    constexpr int warn = 2;
-    constexpr int block = 3;
-    if (policyValue == 0) {
-        return block;
-    }
-    return policyValue == 2 ? warn : allow;
-}
-
-void enforceEventLogging(const SectionsHandle& policy, const PolicySetting& setting) {
-    forSwitch(policy, setting, kEventSection, L"bGreenRatedSites", [](bool isOn) {
+void enforceEventLogging(const policy::PolicySource& source) {
+    forSwitch(source, policy::keys::kLogGreen, [](bool isOn) {
         ST_TRACE(mgsFlow, 3, L"VXPolicyEnforcementImpl::enforceGeneralPolicy Log GREEN Sites status turned to %s\n",
                  isOn ? "LOG" : "DONOTLOG");
         preferences().setLogGREENSitesStatus(isOn);
     });
-    forSwitch(policy, setting, kEventSection, L"bAllowedConfiguredBlockAllowList", [](bool isOn) {
+    forSwitch(source, policy::keys::kLogAllowed, [](bool isOn) {
         ST_TRACE(mgsFlow, 3, L"VXPolicyEnforcementImpl::enforceGeneralPolicy Log Allow Sites status turned to %s\n",
                  isOn ? "LOG" : "DONOTLOG");
         preferences().setLogAllowSiteStatus(isOn);
     });
 }
 
-void enforceActions(const SectionsHandle& policy, const PolicySetting& setting) {
-    if (const auto value = detail::policyInteger(policy, setting, kActionSection, L"applyActionNonRPX")) {
-        preferences().setSTUnVerifiedAction(unverifiedAction(*value));
+void enforceActions(const policy::PolicySource& source) {
+    if (const auto value = source.number(policy::keys::kUnverified, 0)) {
+        preferences().setSTUnVerifiedAction(static_cast<int>(policy::unverifiedAction(*value)));
     }
-    forSwitch(policy, setting, kActionSection, L"bPhishingBlock", [](bool isOn) {
+    forSwitch(source, policy::keys::kPhishing, [](bool isOn) {
         ST_TRACE(mgsFlow, 3, L"VXPolicyEnforcementImpl::enforceGeneralPolicy Phishing status turned to %s\n",
                  isOn ? "BLOCK" : "ALLOW");
         preferences().setBlockPhishingStatus(isOn);
     });
-    forSwitch(policy, setting, kActionSection, L"bRpxFailClose", [](bool isOn) {
+    forSwitch(source, policy::keys::kUnreachable, [](bool isOn) {
         ST_TRACE(mgsFlow, 3, L"VXPolicyEnforcementImpl::enforceGeneralPolicy Unreachable RPX Action turned to %s\n",
                  isOn ? "BLOCK" : "ALLOW");
         preferences().setRPXUnReachableAction(isOn);
@@ -98,23 +81,19 @@ void enforceActions(const SectionsHandle& policy, const PolicySetting& setting) 
 }
 
 /// The list is stored with every policy that counts it; the checksum only records what it was.
-void enforcePrivateRanges(const SectionsHandle& policy, int count) {
+void enforcePrivateRanges(const policy::PolicySource& source, int count) {
     std::list<std::string> ranges;
     std::string checksumText = " ";
-    std::vector<wchar_t> value(kPolicyTextCharacters, L'\0');
-    const int end = detail::boundedCount(count);
-    for (int index = 0; index < end; ++index) {
-        const std::wstring key = L"szAgumentIP_" + std::to_wstring(index);
-        if (!VXPolicyEnforcementImpl::getPolicyKeyValue(policy, kActionSection, key.c_str(), value.data(),
-                                                        VALUE_STRING)) {
+    policy::TextEntries entries = policy::readTexts(source, policy::keys::kRange, detail::boundedCount(count));
+    for (policy::TextEntry& entry : entries.found) {
+        if (!entry.narrow) {
+            detail::traceTooLong();
             continue;
         }
-        if (auto range = detail::narrowPolicyText(value.data())) {
-            checksumText += *range;
-            ST_TRACE(mgsFlow, 5, L"VXPolicyEnforcementImpl::enforceGeneralPolicy - Adding IP Range - %s\n",
-                     trace::printable(*range).c_str());
-            ranges.push_back(std::move(*range));
-        }
+        checksumText += *entry.narrow;
+        ST_TRACE(mgsFlow, 5, L"VXPolicyEnforcementImpl::enforceGeneralPolicy - Adding IP Range - %s\n",
+                 trace::printable(*entry.narrow).c_str());
+        ranges.push_back(std::move(*entry.narrow));
     }
     preferences().setPrivateIPRange(ranges);
     const std::uint8_t checksum = detail::checksumOf(checksumText);
@@ -146,12 +125,11 @@ bool VXPolicyEnforcementImpl::enforcePolicy(const std::wstring /*softwareId*/, c
     LogMsg(kDebugSeverity, "VXPolicyEnforcementImpl::enforcePolicy() - Entered");
     ST_TRACE(mgsFlow, 5, L"VXPolicyEnforcementImpl::enforcePolicy() - Entered\n");
     bool result = true;
-    int status = -1;
-    const bool isTold = getPolicyKeyValue(policy, L"NODE_ST_1070UNIX", L"EnforcePolicy", &status, VALUE_INTEGER);
-    if (isTold) {
-        ST_TRACE(mgsFlow, 5, L"Sentrel EnforcePolicy Status = %d\n", status);
+    const auto status = detail::DocumentSource(policy).number(policy::keys::kEnforce, 0);
+    if (status) {
+        ST_TRACE(mgsFlow, 5, L"Sentrel EnforcePolicy Status = %d\n", *status);
     }
-    if (!isTold || status > 0) {
+    if (policy::isEnforced(status)) {
         enforceGeneralPolicy(policy);
         if (!enforceCategoryAndSiteRatingPolicy(policy)) {
             result = false;
@@ -180,12 +158,12 @@ bool VXPolicyEnforcementImpl::isPartialEnforcementSupported() {
 bool VXPolicyEnforcementImpl::enforceGeneralPolicy(const SectionsHandle& policy) {
     LogMsg(kDebugSeverity, "VXPolicyEnforcementImpl::enforceGeneralPolicy() - Entered");
     ST_TRACE(mgsFlow, 2, L"VXPolicyEnforcementImpl::enforceGeneralPolicy - Entered\n");
-    const PolicySetting setting = detail::featureSetting(L"KPF_General");
-    forSwitch(policy, setting, L"Sentrel", L"bEnableSentrel", enforceEnableState);
-    enforceEventLogging(policy, setting);
-    enforceActions(policy, setting);
-    if (const auto count = detail::policyInteger(policy, setting, kActionSection, L"uiAgumentIPCount")) {
-        enforcePrivateRanges(policy, *count);
+    const detail::DocumentSource source(policy);
+    forSwitch(source, policy::keys::kEnable, enforceEnableState);
+    enforceEventLogging(source);
+    enforceActions(source);
+    if (const auto count = source.number(policy::keys::kRangeCount, 0)) {
+        enforcePrivateRanges(source, *count);
     }
     ST_TRACE(mgsFlow, 5, L"VXPolicyEnforcementImpl::enforceGeneralPolicy - exiting\n");
     return true;

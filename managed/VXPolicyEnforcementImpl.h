@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/hvbagent/AgentDocuments.h"
+#include "policy/PolicyLimits.h"
 
 #include <cstdint>
 #include <map>
@@ -17,9 +18,7 @@ enum VALUETYPE : int {
 };
 
 /// Room for a policy text with its terminator. A longer one is cut, with a trace line.
-inline constexpr std::size_t kPolicyTextCharacters = 8192;
-/// Most entries that a list of a policy is looked through for, whatever count it declares.
-inline constexpr int kMaxPolicyEntries = 50'000;
+inline constexpr std::size_t kPolicyTextCharacters = policy::kMaxTextCharacters + 1;
 
 /// Takes the policy from the agent library, key by key, and hands what it finds to the preference controller. Three
 /// passes: general, categories and ratings, allow and block list. Nothing is rolled back and nothing tried again.

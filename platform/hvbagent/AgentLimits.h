@@ -1,26 +1,24 @@
 // The limits of the agent library, each with its unit and reason.
 #pragma once
 
+#include "policy/PolicyLimits.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 
 namespace HVBEnterprise::agent {
 
-// Policies. They come over the network, from whoever the broker lets publish.
+// Policies. They come over the network, from whoever the broker lets publish. What bounds the document is the policy's.
 
-/// Bytes of a policy document: 5,000 sites take half a megabyte.
-inline constexpr std::size_t kMaxPolicyBytes = std::size_t{4} << 20U;
+using Sentrel::policy::kMaxNameCharacters;
+using Sentrel::policy::kMaxPolicyBytes;
+using Sentrel::policy::kMaxPolicyGroups;
+using Sentrel::policy::kMaxPolicyKeys;
+using Sentrel::policy::kMaxValueBytes;
+
 /// Bytes of a message that carries one: base64 and a signature around it.
 inline constexpr std::size_t kMaxPolicyMessageBytes = kMaxPolicyBytes / 3 * 4 + 4096;
-/// Features, sections outside of features, and sections of each feature.
-inline constexpr std::size_t kMaxPolicyGroups = 200;
-/// Keys of all sections together.
-inline constexpr std::size_t kMaxPolicyKeys = 200'000;
-/// Characters of a feature's, a section's and a key's name, and of the policy's id.
-inline constexpr std::size_t kMaxNameCharacters = 256;
-/// Bytes of a value, as UTF-8.
-inline constexpr std::size_t kMaxValueBytes = std::size_t{64} << 10U;
 /// Objects around a value: document, "features", feature, section.
 inline constexpr std::size_t kMaxPolicyDepth = 4;
 /// Values of all kinds in a document: its keys and what they hang on.

@@ -3,13 +3,19 @@
 #include "apps/sentrelctl/policy/PolicyCheck.h"
 
 #include "apps/sentrelctl/policy/PolicyFindings.h"
+#include "apps/sentrelctl/policy/PolicyPlaces.h"
 #include "base/PrintableText.h"
 #include "platform/hvbagent/MsgBusEnterpriseAgent.h"
+#include "policy/PolicyLimits.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 
 namespace Sentrel::ctl {
+
+using HVBEnterprise::HvbAgentUtils;
+using policy::PolicyKey;
+namespace keys = policy::keys;
 namespace {
 
 constexpr std::size_t kMaxQuotedValue = 60;
@@ -29,13 +35,11 @@ void checkUnverified(PolicyFindings& findings) {
     if (!value) {
         return;
     }
-    constexpr int block = 0;
-    constexpr int warn = 2;
-    if (*value < block || *value > warn) {
+    constexpr int lastKnown = 2;
+    if (*value < 0 || *value > lastKnown) {
         findings.warn(keys::kUnverified, fmt::format("is {}, which means allow: 0 is block, 1 allow, 2 warn", *value));
     }
-    const char* const action = *value == block ? "block" : *value == warn ? "warn" : "allow";
-    findings.effect(fmt::format("unverified sites: {}", action));
+    findings.effect(fmt::format("unverified sites: {}", actionWord(policy::unverifiedAction(*value))));
 }
 
 void checkRanges(PolicyFindings& findings) {
@@ -44,41 +48,59 @@ void checkRanges(PolicyFindings& findings) {
         return;
     }
     const int count = findings.bounded(keys::kRangeCount, *declared);
-    int taken = 0;
-    for (int index = 0; index < count; ++index) {
-        const auto range = findings.entry(keys::kRange, index);
-        const bool isVersion6 = range && range->find(':') != std::string::npos;
-        if (isVersion6) {
-            findings.warn(keys::kRange, "is an IPv6 range, which the daemon leaves out", index);
+    const policy::TextEntries ranges = policy::readTexts(findings, keys::kRange, count);
+    findings.warnOfEntries(keys::kRange, ranges);
+    for (const policy::TextEntry& range : ranges.found) {
+        if (range.narrow && policy::isVersion6Range(*range.narrow)) {
+            findings.warn(keys::kRange, "is an IPv6 range, which the daemon leaves out", range.index);
         }
-        taken += range && !isVersion6 ? 1 : 0;
     }
     findings.warnOfSurplus(keys::kRange, keys::kRangeCount, count);
-    findings.effect(fmt::format("{} private address {}", taken, taken == 1 ? "range" : "ranges"));
+    const std::size_t stored = policy::storedRanges(ranges).size();
+    findings.effect(fmt::format("{} private address {}", stored, stored == 1 ? "range" : "ranges"));
 }
 
 /// What the policy says of its own enforcement. A policy that says nothing is enforced.
 bool checkEnforced(PolicyFindings& findings) {
-    const auto value = findings.number(keys::kEnforce);
-    if (!value || *value > 0) {
+    const auto status = findings.number(keys::kEnforce);
+    if (policy::isEnforced(status)) {
         return true;
     }
-    findings.warn(keys::kEnforce, fmt::format("is {}, so nothing of this policy is put into force", *value));
+    findings.warn(keys::kEnforce, fmt::format("is {}, so nothing of this policy is put into force", *status));
     return false;
 }
 
 } // namespace
 
-std::optional<int> PolicyFindings::number(const PolicyKey& key, int index) {
-    const auto value = policyValue(m_policy, key, index);
+const char* actionWord(policy::VisitAction action) {
+    switch (action) {
+    case policy::VisitAction::Allow:
+        return "allow";
+    case policy::VisitAction::Warn:
+        return "warn";
+    default:
+        return "block";
+    }
+}
+
+std::optional<int> PolicyFindings::number(const PolicyKey& key, int index) const {
+    const auto value = policyValue(m_document, key, index);
     if (!value) {
         return std::nullopt;
     }
-    const PolicyNumber read = readPolicyNumber(*value);
+    const policy::PolicyNumber read = policy::readNumber(*value);
     if (!read.isWhole) {
-        warn(key, fmt::format("is no number: the daemon reads {} as {}", quoted(*value), read.value), index);
+        note(false, key,
+             fmt::format("is no number: the daemon reads {} as {}", quoted(HvbAgentUtils::wstringToString(*value)),
+                         read.value),
+             index);
     }
     return read.value;
+}
+
+std::optional<policy::PolicyText> PolicyFindings::text(const PolicyKey& key, int index) const {
+    const auto value = policyValue(m_document, key, index);
+    return value ? std::optional(policy::readText(*value)) : std::nullopt;
 }
 
 std::optional<bool> PolicyFindings::flag(const PolicyKey& key) {
@@ -86,42 +108,45 @@ std::optional<bool> PolicyFindings::flag(const PolicyKey& key) {
     if (value && (*value < 0 || *value > 1)) {
         warn(key, fmt::format("is {}, which means off: only 1 is on", *value));
     }
-    return value ? std::optional(*value == 1) : std::nullopt;
-}
-
-std::optional<std::string> PolicyFindings::entry(const PolicyKey& key, int index) {
-    auto value = policyValue(m_policy, key, index);
-    if (!value) {
-        warn(key, "is missing", index);
-    } else if (value->size() > kMaxPolicyText) {
-        warn(key, fmt::format("is longer than {} bytes, so it is left out", kMaxPolicyText), index);
-        value.reset();
-    }
-    return value;
+    return value ? std::optional(policy::isOn(*value)) : std::nullopt;
 }
 
 int PolicyFindings::bounded(const PolicyKey& key, int declared) {
-    if (declared > kMaxPolicyEntries) {
-        warn(key, fmt::format("is {}: the daemon looks for {} entries at the most", declared, kMaxPolicyEntries));
+    const int count = policy::boundedCount(declared);
+    if (count < declared) {
+        warn(key, fmt::format("is {}: the daemon looks for {} entries at the most", declared, count));
     }
-    return std::clamp(declared, 0, kMaxPolicyEntries);
+    return count;
+}
+
+void PolicyFindings::warnOfEntries(const PolicyKey& key, const policy::TextEntries& entries) {
+    for (const int index : entries.missing) {
+        warn(key, "is missing", index);
+    }
+    for (const policy::TextEntry& entry : entries.found) {
+        if (!entry.narrow) {
+            warn(key, fmt::format("is longer than {} bytes, so it is left out", policy::kMaxNarrowBytes), entry.index);
+        } else if (entry.narrow->empty()) {
+            warn(key, "is empty, so it is left out", entry.index);
+        }
+    }
 }
 
 void PolicyFindings::warnOfSurplus(const PolicyKey& key, const PolicyKey& countKey, int count) {
     HVBEnterprise::SectionsHandle::Section section;
-    if (!m_policy.getSectionDataUsingSectionName(std::wstring(key.section.begin(), key.section.end()), section)) {
+    if (!m_document.getSectionDataUsingSectionName(policy::wide(key.section), section)) {
         return;
     }
     for (const auto& [name, value] : section) {
-        const auto index = indexIn(key, HVBEnterprise::HvbAgentUtils::wstringToString(name));
+        const auto index = policy::indexIn(key, HvbAgentUtils::wstringToString(name));
         if (index && *index >= count) {
             warn(key, fmt::format("is not read: {} is {}", countKey.name, count), *index);
         }
     }
 }
 
-void PolicyFindings::note(bool isFatal, const PolicyKey& key, std::string what, int index) {
-    m_check.problems.push_back({isFatal, placeOf(m_policy, key, index), std::move(what)});
+void PolicyFindings::note(bool isFatal, const PolicyKey& key, std::string what, int index) const {
+    m_check.problems.push_back({isFatal, placeOf(m_document, key, index), std::move(what)});
 }
 
 void checkGeneral(PolicyFindings& findings) {
@@ -140,9 +165,9 @@ bool PolicyCheck::isWhole() const {
     return std::none_of(problems.begin(), problems.end(), [](const PolicyProblem& each) { return each.isFatal; });
 }
 
-PolicyCheck checkPolicy(const HVBEnterprise::SectionsHandle& policy) {
+PolicyCheck checkPolicy(const HVBEnterprise::SectionsHandle& document) {
     PolicyCheck check;
-    PolicyFindings findings(policy, check);
+    PolicyFindings findings(document, check);
     check.isEnforced = checkEnforced(findings);
     checkGeneral(findings);
     const bool areSitesReached = checkCategoriesAndRatings(findings);

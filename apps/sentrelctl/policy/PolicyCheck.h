@@ -27,6 +27,6 @@ struct PolicyCheck {
 };
 
 /// Goes through a policy as the daemon does. Whatever is in it, this returns; its texts are not made printable.
-PolicyCheck checkPolicy(const HVBEnterprise::SectionsHandle& policy);
+PolicyCheck checkPolicy(const HVBEnterprise::SectionsHandle& document);
 
 } // namespace Sentrel::ctl

@@ -1,8 +1,10 @@
 // The check of a policy: categories, ratings and sites, and names that nothing reads.
 #include "apps/sentrelctl/policy/PolicyFindings.h"
+#include "apps/sentrelctl/policy/PolicyPlaces.h"
 #include "apps/sentrelctl/preferences/PreferenceNames.h"
 #include "platform/hvbagent/MsgBusEnterpriseAgent.h"
 #include "platform/hvbagent/StrictJson.h"
+#include "policy/PolicyLimits.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -10,6 +12,9 @@
 #include <set>
 
 namespace Sentrel::ctl {
+
+using policy::PolicyKey;
+namespace keys = policy::keys;
 namespace {
 
 using HVBEnterprise::SectionsHandle;
@@ -18,30 +23,8 @@ std::string narrow(const std::wstring& text) {
     return HVBEnterprise::HvbAgentUtils::wstringToString(text);
 }
 
-/// The characters of a text, of which the daemon takes no more than its buffer holds.
-std::wstring charactersOf(const SectionsHandle& policy, const PolicyKey& key) {
-    HVBEnterprise::PolicySetting setting;
-    setting.m_featureId.assign(key.feature.begin(), key.feature.end());
-    std::wstring text;
-    static_cast<void>(policy.getPropValue(setting, {key.section.begin(), key.section.end()},
-                                          {key.name.begin(), key.name.end()}, text));
-    return text.substr(0, kMaxPolicyCharacters);
-}
-
-std::vector<std::string> codesIn(const std::wstring& text) {
-    std::vector<std::string> codes;
-    for (std::size_t begin = 0; begin <= text.size();) {
-        const std::size_t end = std::min(text.find(L',', begin), text.size());
-        if (end > begin) {
-            codes.push_back(narrow(text.substr(begin, end - begin)));
-        }
-        begin = end + 1;
-    }
-    return codes;
-}
-
 /// Compares how many there are of something with the count; fewer fail the pass.
-bool enough(PolicyFindings& findings, const PolicyKey& key, std::size_t there, int count, const char* what) {
+void compare(PolicyFindings& findings, const PolicyKey& key, std::size_t there, int count, const char* what) {
     const auto wanted = static_cast<std::size_t>(count);
     if (there < wanted) {
         findings.fail(key, fmt::format("has {} {} for the {} of {}", there, what, count, keys::kCategoryCount.name));
@@ -49,58 +32,45 @@ bool enough(PolicyFindings& findings, const PolicyKey& key, std::size_t there, i
         findings.warn(key, fmt::format("has {} {}, of which the first {} are used: {} says so", there, what, count,
                                        keys::kCategoryCount.name));
     }
-    return there >= wanted;
 }
 
-bool checkActions(PolicyFindings& findings, int count) {
-    const auto value = policyValue(findings.policy(), keys::kCategoryActions);
-    if (!value) {
+void checkActions(PolicyFindings& findings, const policy::CategoryActions& actions, int count) {
+    if (!actions.isThere) {
         findings.fail(keys::kCategoryActions, "is missing, so the categories cannot be put into force");
-        return false;
+        return;
     }
-    if (value->size() > kMaxPolicyText) {
-        findings.fail(keys::kCategoryActions, fmt::format("is longer than {} bytes", kMaxPolicyText));
-        return false;
+    if (!actions.narrow) {
+        findings.fail(keys::kCategoryActions, fmt::format("is longer than {} bytes", policy::kMaxNarrowBytes));
+        return;
     }
-    const std::wstring actions = charactersOf(findings.policy(), keys::kCategoryActions);
     const auto isDigit = [](wchar_t c) { return c >= L'0' && c <= L'9'; };
-    const auto others = std::count_if(actions.begin(), actions.end(), [&](wchar_t c) { return !isDigit(c); });
+    const auto others =
+        std::count_if(actions.characters.begin(), actions.characters.end(), [&](wchar_t c) { return !isDigit(c); });
     if (others > 0) {
         findings.warn(keys::kCategoryActions,
                       fmt::format("has {} characters that are no digits: their categories are left out", others));
     }
-    return enough(findings, keys::kCategoryActions, actions.size(), count, "actions");
+    compare(findings, keys::kCategoryActions, actions.characters.size(), count, "actions");
 }
 
-bool checkCodes(PolicyFindings& findings, int count) {
-    const auto value = policyValue(findings.policy(), keys::kCategoryCodes);
-    if (!value) {
+void checkCodes(PolicyFindings& findings, const policy::CategoryCodes& codes, int count) {
+    if (!codes.isThere) {
         findings.fail(keys::kCategoryCodes, "is missing, so the categories cannot be put into force");
-        return false;
+        return;
     }
-    const std::vector<std::string> codes = codesIn(charactersOf(findings.policy(), keys::kCategoryCodes));
-    const bool areShort =
-        std::all_of(codes.begin(), codes.end(), [](const std::string& code) { return code.size() <= kMaxPolicyText; });
-    if (!areShort) {
-        findings.fail(keys::kCategoryCodes, fmt::format("has a code that is longer than {} bytes", kMaxPolicyText));
+    if (codes.isCut) {
+        findings.warn(keys::kCategoryCodes, fmt::format("is longer than {} characters: no code behind them is taken, "
+                                                        "nor one that begins before their end",
+                                                        policy::kMaxTextCharacters));
     }
-    return enough(findings, keys::kCategoryCodes, codes.size(), count, "codes") && areShort;
+    if (!codes.areShort()) {
+        findings.fail(keys::kCategoryCodes,
+                      fmt::format("has a code that is longer than {} bytes", policy::kMaxNarrowBytes));
+    }
+    compare(findings, keys::kCategoryCodes, codes.codes.size(), count, "codes");
 }
 
-/// How many of the categories that the policy names are not left out.
-std::size_t blockedOf(PolicyFindings& findings, int count) {
-    const std::wstring actions = charactersOf(findings.policy(), keys::kCategoryActions);
-    const std::vector<std::string> codes = codesIn(charactersOf(findings.policy(), keys::kCategoryCodes));
-    std::set<std::string> blocked;
-    for (std::size_t at = 0; at < static_cast<std::size_t>(count); ++at) {
-        if (actions[at] >= L'1' && actions[at] <= L'9') {
-            blocked.insert(codes[at]);
-        }
-    }
-    return blocked.size();
-}
-
-void tellCategories(PolicyFindings& findings, int enabled, int count) {
+void tellCategories(PolicyFindings& findings, int enabled, std::size_t blocked) {
     if (enabled == 0) {
         findings.effect("category blocking off; the categories on the machine stay");
         return;
@@ -108,7 +78,6 @@ void tellCategories(PolicyFindings& findings, int enabled, int count) {
     if (enabled != 1) {
         findings.warn(keys::kCategorize, fmt::format("is {}, which means on: 0 is off, 1 on, -1 as it is", enabled));
     }
-    const std::size_t blocked = blockedOf(findings, count);
     findings.effect("category blocking on");
     findings.effect(fmt::format("{} {} blocked", blocked, blocked == 1 ? "category" : "categories"));
 }
@@ -119,7 +88,7 @@ bool checkCategories(PolicyFindings& findings) {
         findings.fail(keys::kCategorize, "is missing, so categories, ratings and sites stay as they are");
         return false;
     }
-    if (*enabled == -1) {
+    if (*enabled == policy::kCategoriesStay) {
         findings.effect("categories: as they are");
         return true;
     }
@@ -129,39 +98,40 @@ bool checkCategories(PolicyFindings& findings) {
                                                   : "is missing, so the categories cannot be put into force");
         return false;
     }
-    const auto uncategorized = findings.number(keys::kUncategorized);
-    const bool hasActions = checkActions(findings, *count);
-    const bool hasCodes = checkCodes(findings, *count);
-    if (!hasActions || !hasCodes) {
+    const int uncategorized = findings.number(keys::kUncategorized).value_or(policy::kUncategorizedByDefault);
+    const policy::CategoryActions actions = policy::readCategoryActions(findings);
+    const policy::CategoryCodes codes = policy::readCategoryCodes(findings);
+    checkActions(findings, actions, *count);
+    checkCodes(findings, codes, *count);
+    if (!actions.serve(*count) || !codes.serve(*count)) {
         return false;
     }
-    tellCategories(findings, *enabled, *count);
+    tellCategories(findings, *enabled, policy::blockedCategories(actions, codes, *count).size());
     if (*enabled != 0) {
-        findings.effect(uncategorized.value_or(0) != 0 ? "uncategorized sites: block" : "uncategorized sites: allow");
+        findings.effect(uncategorized != 0 ? "uncategorized sites: block" : "uncategorized sites: allow");
     }
     return true;
 }
 
-/// Three bits of the packed actions; what is neither pattern has the rating's own default.
-struct RatingBits {
-    const char* name;
-    unsigned shift;
-    const char* byDefault;
-};
-
-void tellRating(PolicyFindings& findings, const RatingBits& rating, unsigned packed) {
-    constexpr unsigned field = 7;
-    constexpr unsigned allow = 1;
-    constexpr unsigned warn = 2;
-    constexpr unsigned block = 4;
-    const unsigned bits = (packed >> rating.shift) & field;
-    const char* action = bits == allow ? "allow" : bits == warn ? "warn" : bits == block ? "block" : nullptr;
-    if (action == nullptr) {
-        action = rating.byDefault;
-        findings.warn(keys::kRatings, fmt::format("has the bits {:03b} for {}, which is no single action: {} is taken",
-                                                  bits, rating.name, action));
+const char* ratingWords(policy::Rating rating) {
+    switch (rating) {
+    case policy::Rating::Yellow:
+        return "yellow sites";
+    case policy::Rating::Red:
+        return "red sites";
+    default:
+        return "unrated sites";
     }
-    findings.effect(fmt::format("{}: {}", rating.name, action));
+}
+
+void tellRating(PolicyFindings& findings, const policy::RatingField& field, int packed) {
+    const char* const name = ratingWords(field.rating);
+    const char* const action = actionWord(field.actionOf(packed));
+    if (!field.isSingle(packed)) {
+        findings.warn(keys::kRatings, fmt::format("has the bits {:03b} for {}, which is no single action: {} is taken",
+                                                  field.bitsOf(packed), name, action));
+    }
+    findings.effect(fmt::format("{}: {}", name, action));
 }
 
 bool checkRatings(PolicyFindings& findings) {
@@ -170,69 +140,44 @@ bool checkRatings(PolicyFindings& findings) {
         findings.fail(keys::kRatings, "is missing, so the ratings and the sites stay as they are");
         return false;
     }
-    if (*packed == 0) {
+    if (*packed == policy::kRatingsStay) {
         findings.effect("site ratings: as they are");
         return true;
     }
-    constexpr std::array<RatingBits, 3> ratings{
-        {{"yellow sites", 0, "warn"}, {"red sites", 3, "block"}, {"unrated sites", 6, "warn"}}};
-    for (const RatingBits& rating : ratings) {
-        tellRating(findings, rating, static_cast<unsigned>(*packed));
+    for (const policy::RatingField& field : policy::kRatingFields) {
+        tellRating(findings, field, *packed);
     }
     return true;
 }
 
-/// The entries of the list as they come to stand: gaps close up, each family by itself.
-struct SiteEntries {
-    std::vector<std::optional<std::string>> sites; ///< none for a site that is too long, which keeps its place
-    std::vector<int> actions;
-};
-
-constexpr int kSiteAllow = 0;
-constexpr int kSiteBlock = 1;
-
-SiteEntries siteEntries(PolicyFindings& findings, int count) {
-    SiteEntries entries;
-    for (int index = 0; index < count; ++index) {
-        auto site = findings.entry(keys::kSite, index);
-        if (site || policyValue(findings.policy(), keys::kSite, index)) {
-            entries.sites.push_back(std::move(site));
-        }
-        if (const auto action = findings.number(keys::kSiteAction, index)) {
-            if (*action != kSiteAllow && *action != kSiteBlock) {
-                findings.warn(keys::kSiteAction, fmt::format("is {}: 0 is allow, 1 block", *action), index);
-            }
-            entries.actions.push_back(*action);
-        } else {
-            findings.warn(keys::kSiteAction, "is missing", index);
+void checkSiteActions(PolicyFindings& findings, const policy::NumberEntries& actions) {
+    for (const int index : actions.missing) {
+        findings.warn(keys::kSiteAction, "is missing", index);
+    }
+    for (std::size_t at = 0; at < actions.found.size(); ++at) {
+        const int action = actions.found[at];
+        if (action != policy::kSiteAllow && action != policy::kSiteBlock) {
+            findings.warn(keys::kSiteAction, fmt::format("is {}: 0 is allow, 1 block", action), actions.indices[at]);
         }
     }
-    return entries;
 }
 
-void warnOfShift(PolicyFindings& findings, const SiteEntries& entries, int count) {
+void warnOfShift(PolicyFindings& findings, std::size_t sites, std::size_t actions, int count) {
     const auto wanted = static_cast<std::size_t>(count);
-    if (entries.sites.size() < wanted || entries.actions.size() < wanted) {
+    if (sites < wanted || actions < wanted) {
         findings.warn(keys::kSiteCount,
                       fmt::format("is {}, but there are {} sites and {} actions: the actions behind a "
                                   "gap go to other sites",
-                                  count, entries.sites.size(), entries.actions.size()));
+                                  count, sites, actions));
     }
 }
 
-std::string siteWords(const SiteEntries& entries, bool doesAllowWin) {
-    std::map<std::string, int> list;
-    for (std::size_t at = 0; at < std::min(entries.sites.size(), entries.actions.size()); ++at) {
-        if (entries.sites[at]) {
-            list[*entries.sites[at]] = entries.actions[at];
-        }
-    }
-    const auto having = [&](int action) {
-        return std::count_if(list.begin(), list.end(), [action](const auto& each) { return each.second == action; });
-    };
+std::string siteWords(const std::map<std::string, int>& list, int precedence) {
+    const auto allowed =
+        std::count_if(list.begin(), list.end(), [](const auto& each) { return each.second == policy::kSiteAllow; });
     return fmt::format("{} {}: {} blocked, {} allowed, {} entries win", list.size(),
-                       list.size() == 1 ? "site" : "sites", having(kSiteBlock), having(kSiteAllow),
-                       doesAllowWin ? "allow" : "block");
+                       list.size() == 1 ? "site" : "sites", static_cast<std::ptrdiff_t>(list.size()) - allowed, allowed,
+                       policy::doesAllowWin(precedence) ? "allow" : "block");
 }
 
 /// Names among which one that nothing reads may have been meant.
@@ -242,7 +187,7 @@ std::string guess(const std::string& word, const std::set<std::string_view>& nam
 }
 
 bool isNamed(const PolicyKey& key, const std::string& name) {
-    return key.isIndexed ? indexIn(key, name).has_value() : key.name == name;
+    return key.isIndexed ? policy::indexIn(key, name).has_value() : key.name == name;
 }
 
 /// Why nothing reads a key; empty when something does.
@@ -304,18 +249,22 @@ void checkSites(PolicyFindings& findings, bool isReached) {
         findings.warn(keys::kPrecedence, "is missing, so allow entries win");
     }
     const int count = findings.bounded(keys::kSiteCount, *declared);
-    const SiteEntries entries = siteEntries(findings, count);
-    warnOfShift(findings, entries, count);
+    const policy::TextEntries sites = policy::readTexts(findings, keys::kSite, count);
+    const policy::NumberEntries actions = policy::readNumbers(findings, keys::kSiteAction, count);
+    findings.warnOfEntries(keys::kSite, sites);
+    checkSiteActions(findings, actions);
+    warnOfShift(findings, sites.found.size(), actions.found.size(), count);
     findings.warnOfSurplus(keys::kSite, keys::kSiteCount, count);
     findings.warnOfSurplus(keys::kSiteAction, keys::kSiteCount, count);
-    findings.effect(isReached ? siteWords(entries, precedence.value_or(-1) != 0)
-                              : "sites: as they are, since what comes before them fails");
+    findings.effect(
+        isReached ? siteWords(policy::storedSites(sites, actions), precedence.value_or(policy::kPrecedenceByDefault))
+                  : "sites: as they are, since what comes before them fails");
 }
 
 void checkNames(PolicyFindings& findings) {
-    checkSectionNames(findings, std::nullopt, findings.policy().sections());
+    checkSectionNames(findings, std::nullopt, findings.document().sections());
     const std::set<std::string_view> known{keys::kGeneral, keys::kContent, keys::kList};
-    for (const auto& [wideFeature, sections] : findings.policy().features()) {
+    for (const auto& [wideFeature, sections] : findings.document().features()) {
         const std::string feature = narrow(wideFeature);
         if (known.count(feature) == 0) {
             findings.warnAt(HVBEnterprise::agent::memberPlace("/features", feature),

@@ -3,25 +3,22 @@
 #pragma once
 
 #include "apps/sentrelctl/policy/PolicyCheck.h"
-#include "apps/sentrelctl/policy/PolicyKeys.h"
+#include "policy/PolicyLists.h"
 
 #include <optional>
 #include <string>
 
 namespace Sentrel::ctl {
 
-/// What the daemon has for the narrow form of a text, and for how many entries of a list it looks.
-inline constexpr std::size_t kMaxPolicyText = 1023;
-inline constexpr std::size_t kMaxPolicyCharacters = 8191;
-inline constexpr int kMaxPolicyEntries = 50'000;
-
 /// Threads: plain, single access. Owner: checkPolicy; the policy outlives it.
-class PolicyFindings {
+class PolicyFindings : public policy::PolicySource {
 public:
-    PolicyFindings(const HVBEnterprise::SectionsHandle& policy, PolicyCheck& check)
-        : m_policy(policy), m_check(check) {}
+    using PolicyKey = policy::PolicyKey;
 
-    const HVBEnterprise::SectionsHandle& policy() const { return m_policy; }
+    PolicyFindings(const HVBEnterprise::SectionsHandle& document, PolicyCheck& check)
+        : m_document(document), m_check(check) {}
+
+    const HVBEnterprise::SectionsHandle& document() const { return m_document; }
     void effect(std::string words) { m_check.effects.push_back(std::move(words)); }
     void warn(const PolicyKey& key, std::string what, int index = 0) { note(false, key, std::move(what), index); }
     void fail(const PolicyKey& key, std::string what, int index = 0) { note(true, key, std::move(what), index); }
@@ -29,21 +26,23 @@ public:
         m_check.problems.push_back({false, std::move(place), std::move(what)});
     }
 
-    /// The number that the daemon reads; a note when the text is another.
-    std::optional<int> number(const PolicyKey& key, int index = 0);
+    /// As everywhere; a note when the text is another than the number.
+    std::optional<int> number(const PolicyKey& key, int index = 0) const override;
+    std::optional<policy::PolicyText> text(const PolicyKey& key, int index = 0) const override;
     /// The same for a switch.
     std::optional<bool> flag(const PolicyKey& key);
-    /// A text of a list's entry. None, with a note, when it is missing or the daemon leaves it out for its length.
-    std::optional<std::string> entry(const PolicyKey& key, int index);
-    /// A declared number of entries as far as the daemon looks for them; a note when that is less.
+
+    /// A declared number of entries as far as it is looked through; a note when that is less.
     int bounded(const PolicyKey& key, int declared);
+    /// Notes on the entries of a list that are missing, or left out for what they are.
+    void warnOfEntries(const PolicyKey& key, const policy::TextEntries& entries);
     /// Notes on entries of @p key with an index that @p count does not reach.
     void warnOfSurplus(const PolicyKey& key, const PolicyKey& countKey, int count);
 
 private:
-    void note(bool isFatal, const PolicyKey& key, std::string what, int index);
+    void note(bool isFatal, const PolicyKey& key, std::string what, int index) const;
 
-    const HVBEnterprise::SectionsHandle& m_policy;
+    const HVBEnterprise::SectionsHandle& m_document;
     PolicyCheck& m_check;
 };
 
@@ -52,6 +51,9 @@ private:
 void checkGeneral(PolicyFindings& findings);
 bool checkCategoriesAndRatings(PolicyFindings& findings);
 void checkSites(PolicyFindings& findings, bool isReached);
+
+/// "allow", "warn" or "block".
+const char* actionWord(policy::VisitAction action);
 
 /// Notes on names that nothing reads.
 void checkNames(PolicyFindings& findings);

@@ -1,23 +1,21 @@
 // The keys that a policy can have: the one table of their names.
 #pragma once
 
-#include "platform/hvbagent/AgentDocuments.h"
-
 #include <array>
 #include <optional>
 #include <string>
 #include <string_view>
 
-namespace Sentrel::ctl {
+namespace Sentrel::policy {
 
-/// How the daemon reads a value.
+/// How a value is read.
 enum class PolicyKind {
     Switch, ///< on for 1 and off for every other number
     Number,
     Text,
 };
 
-/// A key as the daemon looks it up.
+/// A key as it is looked up. Its names are plain ASCII.
 /// Threads: a constant. Owner: the program.
 struct PolicyKey {
     std::string_view feature; ///< where it belongs; empty: among the sections that are no feature's
@@ -27,6 +25,9 @@ struct PolicyKey {
     bool isIndexed = false;
     bool isReadAnywhere = false; ///< found by its section's name alone, whatever feature the section is in
 };
+
+/// The product whose policies these are. It is the older id on purpose: the policies on the server bear it.
+inline constexpr std::string_view kProduct = "NODE_ST_1000";
 
 namespace keys {
 inline constexpr std::string_view kGeneral = "KPF_General";
@@ -55,34 +56,22 @@ inline constexpr PolicyKey kPrecedence{
 inline constexpr PolicyKey kSite{kList, "BlockAndAllowList", "szSite", PolicyKind::Text, true, true};
 inline constexpr PolicyKey kSiteAction{kList, "BlockAndAllowList", "Action", PolicyKind::Number, true, true};
 
-/// All of them, in the order in which the daemon reads them.
+/// All of them, in the order in which they are read.
 inline constexpr std::array<PolicyKey, 19> kAll{
     kEnforce,    kEnable,    kLogGreen,   kLogAllowed,    kUnverified,    kPhishing,        kUnreachable,
     kRangeCount, kRange,     kCategorize, kCategoryCount, kUncategorized, kCategoryActions, kCategoryCodes,
     kRatings,    kSiteCount, kPrecedence, kSite,          kSiteAction};
 } // namespace keys
 
-/// A number as the daemon reads it.
-struct PolicyNumber {
-    int value;
-    bool isWhole; ///< the whole text is a number of 32 bits; otherwise the daemon takes its beginning, or 0
-};
-PolicyNumber readPolicyNumber(std::string_view text);
-
 /// The name of a key, with its index when it has one.
 std::string nameOf(const PolicyKey& key, int index = 0);
 
-/// The index behind an indexed key's name: none when @p name is not one as the daemon writes it.
+/// The index behind an indexed key's name: none when @p name is not one that nameOf gives.
 std::optional<int> indexIn(const PolicyKey& key, std::string_view name);
 
-/// Looks a key up as the daemon does. Nothing when it is not there.
-std::optional<std::string> policyValue(const HVBEnterprise::SectionsHandle& policy, const PolicyKey& key,
-                                       int index = 0);
+/// A name in the form in which documents hold it.
+inline std::wstring wide(std::string_view name) {
+    return {name.begin(), name.end()};
+}
 
-/// The place of a key in the document, as a JSON pointer: where it is found, or where it belongs when it is missing.
-std::string placeOf(const HVBEnterprise::SectionsHandle& policy, const PolicyKey& key, int index = 0);
-
-/// The place of any key: @p feature is none for the sections that are no feature's.
-std::string placeOf(const std::optional<std::string>& feature, const std::string& section, const std::string& key);
-
-} // namespace Sentrel::ctl
+} // namespace Sentrel::policy

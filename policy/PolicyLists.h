@@ -1,0 +1,79 @@
+// How the lists of a policy are read, and what of them comes to stand in the settings file.
+#pragma once
+
+#include "policy/PolicyValues.h"
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Sentrel::policy {
+
+/// A text of a list.
+/// Threads: a plain value. Owner: whoever read it.
+struct TextEntry {
+    int index; ///< in the policy
+    std::wstring text;
+    std::optional<std::string> narrow; ///< none for one that is too long: it keeps its place, and is left out
+};
+
+/// The texts of an indexed key. Threads: a plain value. Owner: whoever read them.
+struct TextEntries {
+    std::vector<TextEntry> found;
+    std::vector<int> missing; ///< indices without a value
+};
+
+/// The numbers of an indexed key. Threads: a plain value. Owner: whoever read them.
+struct NumberEntries {
+    std::vector<int> found;
+    std::vector<int> indices; ///< of those that were found
+    std::vector<int> missing;
+};
+
+/// A declared number of entries as far as it is looked through: 0 to kMaxPolicyEntries.
+int boundedCount(int declared);
+
+/// The entries of @p key below @p declared, which is bounded here.
+TextEntries readTexts(const PolicySource& source, const PolicyKey& key, int declared);
+NumberEntries readNumbers(const PolicySource& source, const PolicyKey& key, int declared);
+
+/// The actions of the categories, a digit for each.
+/// Threads: a plain value. Owner: whoever read them.
+struct CategoryActions {
+    bool isThere = false;
+    std::wstring characters;
+    std::optional<std::string> narrow; ///< none when they are too long, or missing
+
+    /// Whether a policy of @p count categories can be put into force with them.
+    bool serve(int count) const { return count > 0 && narrow && characters.size() >= static_cast<std::size_t>(count); }
+};
+CategoryActions readCategoryActions(const PolicySource& source);
+
+/// The codes of the categories.
+/// Threads: a plain value. Owner: whoever read them.
+struct CategoryCodes {
+    bool isThere = false;
+    bool isCut = false;           ///< the text was cut within a code, which is not among these
+    std::vector<TextEntry> codes; ///< without the empty ones
+
+    bool areShort() const;
+    bool serve(int count) const { return areShort() && codes.size() >= static_cast<std::size_t>(count); }
+};
+CategoryCodes readCategoryCodes(const PolicySource& source);
+
+/// What lists come to in the settings file: names lose the blanks around them, one that comes again takes the place of
+/// its elder, and what has no name is not kept.
+std::set<std::string> blockedCategories(const CategoryActions& actions, const CategoryCodes& codes, int count);
+std::map<std::string, int> storedSites(const TextEntries& sites, const NumberEntries& actions);
+std::set<std::string> storedRanges(const TextEntries& ranges);
+
+/// Whether a range is of the kind that is left out.
+bool isVersion6Range(const std::string& range);
+
+/// The actions of the list of sites.
+inline constexpr int kSiteAllow = 0;
+inline constexpr int kSiteBlock = 1;
+
+} // namespace Sentrel::policy

@@ -249,6 +249,19 @@ TEST_F(AGeneralPolicy, LeavesOutARangeThatIsLongerThanItsReadersBuffers) {
     EXPECT_THAT(lines, Contains("1 VXPolicyEnforcementImpl::getPolicyKeyValue - cut a text of 9000 characters"));
 }
 
+TEST_F(AGeneralPolicy, TakesARangeOfAsManyBytesAsItsReadersBuffersHold) {
+    general(L"ActionEnforcement", L"uiAgumentIPCount", L"3");
+    general(L"ActionEnforcement", L"szAgumentIP_0", std::wstring(1023, L'1'));
+    general(L"ActionEnforcement", L"szAgumentIP_1", std::wstring(511, L'\u00e9') + L"1");
+    general(L"ActionEnforcement", L"szAgumentIP_2", std::wstring(512, L'\u00e9'));
+    enforcement.enforceGeneralPolicy(policy);
+    std::string twoBytesEach;
+    for (int character = 0; character < 511; ++character) {
+        twoBytesEach += "\xc3\xa9";
+    }
+    EXPECT_EQ(store.calls.front(), "setPrivateIPRange " + std::string(1023, '1') + " " + twoBytesEach + "1");
+}
+
 // Look-ups.
 
 using ALookUp = PolicyFixture;

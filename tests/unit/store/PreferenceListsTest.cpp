@@ -1,11 +1,14 @@
 // The three lists: what is stored, what is served afterwards, in which order, and what is said about it.
 #include "store/PreferencesException.h"
+#include "tests/support/Eventually.h"
 #include "tests/unit/store/PreferenceFixture.h"
+#include "tests/unit/store/ReadBackGate.h"
 
 #include <atomic>
 #include <optional>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace testing_support {
 namespace {
@@ -74,6 +77,23 @@ protected:
             act);
     }
 };
+
+/// Runs @p later when @p earlier has read the rows of @p table back and has not taken them over yet.
+void replaceBetween(const char* table, const std::function<void()>& earlier, const std::function<void()>& later) {
+    it();
+    ReadBackGate gate(table);
+    std::thread first(earlier);
+    EXPECT_TRUE(eventually([&gate] { return gate.holdsAReader(); }));
+    std::atomic<bool> isDone{false};
+    std::thread second([&] {
+        later();
+        isDone = true;
+    });
+    EXPECT_TRUE(eventually([&] { return gate.hasSeenAWaitForALock() || isDone; }));
+    gate.letGo();
+    first.join();
+    second.join();
+}
 
 using ACategoryList = APreferenceList;
 using AnAllowBlockList = APreferenceList;
@@ -163,7 +183,7 @@ TEST_F(ACategoryList, LeavesOutANameThatIsLongerThanItsReadersBuffers) {
 }
 
 TEST_F(ACategoryList, IsStoredWholeWhileAnotherProgramWritesToo) {
-    constexpr int categories = 150;
+    constexpr int categories = 60;
     std::vector<std::wstring> names;
     for (int index = 0; index < categories; ++index) {
         names.push_back(L"category" + std::to_wstring(index));
@@ -171,8 +191,14 @@ TEST_F(ACategoryList, IsStoredWholeWhileAnotherProgramWritesToo) {
     it();
     std::atomic<bool> isOver{false};
     std::thread other([&] {
+        std::string seen;
+        // One write for each new row: without a pause it could keep a row out for longer than a statement waits.
         while (!isOver) {
             sql("pragma busy_timeout=5000; insert or replace into privateIPRange values('10.0.0.0/8')");
+            eventually([&] {
+                const std::string rows = sql("select count(*) from catblockinginfo");
+                return std::exchange(seen, rows) != rows || isOver;
+            });
         }
     });
     setCategoriesByPolicy(1, names, std::wstring(categories, L'1'));
@@ -180,6 +206,17 @@ TEST_F(ACategoryList, IsStoredWholeWhileAnotherProgramWritesToo) {
     other.join();
     EXPECT_EQ(sql("select count(*) from catblockinginfo"), std::to_string(categories));
     EXPECT_EQ(servedCategories().size(), static_cast<std::size_t>(categories));
+}
+
+TEST_F(ACategoryList, ServesWhatTheFileHoldsAfterTwoReplacementsAtATime) {
+    replaceBetween(
+        "catblockinginfo",
+        [] {
+            setCategories({{"Games", 1}});
+        },
+        [] { setCategoriesByPolicy(1, {L"News"}, L"1"); });
+    EXPECT_EQ(categoryRows(), "News|blob|01000000");
+    EXPECT_EQ(servedCategories(), (CategoryBlockDetails{{"News", 1}}));
 }
 
 TEST_F(ACategoryList, SaysWhatPolicyDidToIt) {
@@ -248,6 +285,27 @@ TEST_F(AnAllowBlockList, ServesTheAllowedUrlFirstWhenAllowingHasPrecedenceAndThe
     EXPECT_EQ(served(), (Urls{{"http://b.example", 1}, {"http://a.example", 0}}));
 }
 
+TEST_F(AnAllowBlockList, TakesEveryPrecedenceButZeroForAllowing) {
+    for (const int precedence : {2, -1}) {
+        setUrlsByPolicy(0, {}, {});
+        setUrlsByPolicy(precedence, {L"http://b.example", L"http://a.example"}, {1, 0});
+        EXPECT_TRUE(it().getAllowOverBlockPrecedenceStatus()) << precedence;
+        EXPECT_EQ(served(), (Urls{{"http://a.example", 0}, {"http://b.example", 1}})) << precedence;
+        EXPECT_EQ(stored("ALLOW_OVER_Block"), precedence == 2 ? "blob 02000000" : "blob FFFFFFFF");
+    }
+}
+
+TEST_F(AnAllowBlockList, ServesWhatTheFileHoldsAfterTwoReplacementsAtATime) {
+    replaceBetween(
+        "allowblocksettings",
+        [] {
+            setUrls({{"http://a.example", 1}});
+        },
+        [] { setUrlsByPolicy(0, {L"http://b.example"}, {1}); });
+    EXPECT_EQ(rows(), "http://b.example|integer|1");
+    EXPECT_EQ(served(), (Urls{{"http://b.example", 1}}));
+}
+
 TEST_F(AnAllowBlockList, WritesThePrecedenceAlsoWhenItIsTheCurrentOne) {
     setUrlsByPolicy(0, {}, {});
     EXPECT_EQ(stored("ALLOW_OVER_Block"), "blob 00000000");
@@ -299,6 +357,16 @@ TEST_F(AnAllowBlockList, TakesOnlyTheEntriesThatHaveAnAction) {
     EXPECT_EQ(rows(), "http://a.example|integer|0");
 }
 
+TEST_F(AnAllowBlockList, TakesAUrlOfAsManyBytesAsItsReadersBuffersHold) {
+    setUrlsByPolicy(0, {std::wstring(1023, L'a'), std::wstring(511, L'\u00e9') + L"b", std::wstring(512, L'\u00e9')},
+                    {0, 0, 0});
+    std::string twoBytesEach;
+    for (int character = 0; character < 511; ++character) {
+        twoBytesEach += "\xc3\xa9";
+    }
+    EXPECT_EQ(served(), (Urls{{std::string(1023, 'a'), 0}, {twoBytesEach + "b", 0}}));
+}
+
 TEST_F(AnAllowBlockList, SaysThatEntriesAreNotWholeAndThatAUrlIsTooLong) {
     EXPECT_EQ(linesOf([] {
                   setUrlsByPolicy(0, {std::wstring(1024, L'a'), L"http://b.example"}, {1});
@@ -331,6 +399,13 @@ TEST_F(AnAllowBlockList, StaysEmptyInMemoryWhenItCannotBeReadBackAndComesBackWit
     sql("alter table aside rename to allowblocksettings");
     restarted();
     EXPECT_EQ(served(), (Urls{{"http://a.example", 1}}));
+}
+
+TEST_F(AnAllowBlockList, OfPolicyStaysEmptyInMemoryWhenItCannotBeReadBack) {
+    setUrls({{"http://a.example", 1}});
+    sql("alter table allowblocksettings rename to aside");
+    EXPECT_EQ(setUrlsByPolicy(0, {L"http://b.example"}, {1}), Sentrel::ST_ERROR_NONE);
+    EXPECT_TRUE(served().empty());
 }
 
 TEST_F(AnAllowBlockList, KeepsWhatTheSqliteProgramWroteInTheOrderOfTheFile) {

@@ -1,13 +1,18 @@
-// The command line as a whole: what all verbs have in common, and the one place where an error becomes an exit code.
-#include "apps/sentrelctl/Session.h"
+// The command line: one table of verbs (Verbs.cpp), and the one file that hands options to the library that parses
+// them.
+//
+// A run describes only the verb that its first words name, as describing all of them costs more than most verbs do.
+// Where the words name none (help, an error, a group alone) every verb is described, so that help and messages are
+// whole. Which of the two was taken never changes what a command line means.
+#include "apps/sentrelctl/CommandLine.h"
+
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <exception>
 #include <fmt/format.h>
-#include <unistd.h>
 
 namespace Sentrel::ctl {
 namespace {
@@ -75,6 +80,69 @@ Failure usageFailure(const CLI::App& app, const CLI::ParseError& error) {
     return {ExitCode::BadUsage, "bad usage", "", why, "See 'sentrelctl" + verbWords(app) + " --help'"};
 }
 
+/// The subcommand that groups verbs on one subject, made by whichever of them comes first.
+CLI::App& groupOf(CLI::App& app, const Verb& verb) {
+    if (*verb.group == '\0') {
+        return app;
+    }
+    const auto existing = app.get_subcommands([&verb](const CLI::App* each) { return each->get_name() == verb.group; });
+    if (!existing.empty()) {
+        return *existing.front();
+    }
+    CLI::App* group = app.add_subcommand(verb.group, groupDescription(verb.group));
+    group->require_subcommand(1);
+    group->fallthrough();
+    return *group;
+}
+
+void describeVerb(CLI::App& app, const Verb& verb, Session& session, Work& chosen) {
+    CLI::App* subcommand = groupOf(app, verb).add_subcommand(verb.name, verb.description);
+    subcommand->fallthrough();
+    subcommand->footer(std::string("Example:\n") + verb.example);
+    OptionSet options(*subcommand);
+    subcommand->callback([work = verb.describe(options, session), &chosen] { chosen = work; });
+}
+
+/// The first two arguments that are words and not options. Of the options in front of a verb, --color has a value.
+std::pair<std::string_view, std::string_view> firstWords(const std::vector<std::string>& arguments) {
+    std::pair<std::string_view, std::string_view> words;
+    for (std::size_t index = 0; index < arguments.size(); ++index) {
+        if (arguments[index].starts_with('-')) {
+            index += arguments[index] == "--color" ? 1U : 0U;
+        } else if (words.first.empty()) {
+            words.first = arguments[index];
+        } else {
+            words.second = arguments[index];
+            return words;
+        }
+    }
+    return words;
+}
+
+const Verb* verbNamedBy(const std::vector<std::string>& arguments) {
+    const auto [first, second] = firstWords(arguments);
+    for (const VerbTable table : allVerbs()) {
+        for (const Verb& verb : table()) {
+            if (*verb.group == '\0' ? first == verb.name : first == verb.group && second == verb.name) {
+                return &verb;
+            }
+        }
+    }
+    return nullptr;
+}
+
+void describeVerbs(CLI::App& app, const std::vector<std::string>& arguments, Session& session, Work& chosen) {
+    if (const Verb* named = verbNamedBy(arguments); named != nullptr) {
+        describeVerb(app, *named, session, chosen);
+        return;
+    }
+    for (const VerbTable table : allVerbs()) {
+        for (const Verb& verb : table()) {
+            describeVerb(app, verb, session, chosen);
+        }
+    }
+}
+
 /// Parses. @return whether a verb is to run; help and version are already written then.
 bool parse(CLI::App& app, const std::vector<std::string>& arguments, Session& session) {
     // The library takes them last first.
@@ -92,101 +160,90 @@ bool parse(CLI::App& app, const std::vector<std::string>& arguments, Session& se
     return false;
 }
 
+} // namespace
+
 void parseAndWork(const std::vector<std::string>& arguments, Session& session) {
     CLI::App app(kDescription, "sentrelctl");
     GlobalOptions options;
+    Work chosen;
     app.footer(kFooter);
     app.require_subcommand(1);
     addGlobalOptions(app, options);
-    for (const RegisterVerb registerVerb : kVerbs) {
-        registerVerb(app, session);
-    }
+    describeVerbs(app, arguments, session, chosen);
     if (!parse(app, arguments, session)) {
         return;
     }
     session.json = jsonMode(options.json, session.out.isTerminal());
     session.palette = Palette::of(wantsColor(options.color, session.out.isTerminal()));
-    session.chosen();
+    chosen();
 }
 
-ExitCode report(const Failure& failure, Output& err) {
-    try {
-        err.write(failure.line() + "\n");
-    } catch (...) {
-        // The exit code still tells; there is no other place to complain.
-        return failure.code();
-    }
-    return failure.code();
+Option& Option::shownAs(const char* placeholder) {
+    m_option->option_text(placeholder);
+    return *this;
 }
 
-} // namespace
-
-CLI::App& verbGroup(CLI::App& app, const std::string& name, const std::string& description) {
-    const auto existing = app.get_subcommands([&name](const CLI::App* each) { return each->get_name() == name; });
-    if (!existing.empty()) {
-        return *existing.front();
-    }
-    CLI::App* group = app.add_subcommand(name, description);
-    group->require_subcommand(1);
-    group->fallthrough();
-    return *group;
+Option& Option::required() {
+    m_option->required();
+    return *this;
 }
 
-CLI::App& addVerb(CLI::App& parent, const std::string& name, const std::string& description,
-                  const std::string& example) {
-    CLI::App* verb = parent.add_subcommand(name, description);
-    verb->fallthrough();
-    verb->footer("Example:\n" + example);
-    return *verb;
+Option& Option::between(std::int64_t lowest, std::int64_t highest) {
+    m_option->check(CLI::Range(lowest, highest));
+    return *this;
 }
 
-void addTimeout(CLI::App& verb, double& seconds) {
+Option& Option::whenAlone(const char* value) {
+    m_option->expected(0, 1)->default_str(value);
+    return *this;
+}
+
+Option& Option::excludes(const Option& other) {
+    m_option->excludes(other.m_option);
+    return *this;
+}
+
+Option& Option::needs(const Option& other) {
+    m_option->needs(other.m_option);
+    return *this;
+}
+
+bool Option::isGiven() const {
+    return m_option->count() > 0;
+}
+
+Option OptionSet::add(const std::string& name, std::string& value, const std::string& help) {
+    return Option(*m_verb.add_option(name, value, help));
+}
+
+Option OptionSet::add(const std::string& name, std::int32_t& value, const std::string& help) {
+    return Option(*m_verb.add_option(name, value, help));
+}
+
+Option OptionSet::add(const std::string& name, std::uint32_t& value, const std::string& help) {
+    return Option(*m_verb.add_option(name, value, help));
+}
+
+Option OptionSet::add(const std::string& name, std::uint64_t& value, const std::string& help) {
+    return Option(*m_verb.add_option(name, value, help));
+}
+
+Option OptionSet::add(const std::string& name, std::vector<std::string>& values, const std::string& help) {
+    return Option(*m_verb.add_option(name, values, help));
+}
+
+Option OptionSet::addFlag(const std::string& name, bool& isSet, const std::string& help) {
+    return Option(*m_verb.add_flag(name, isSet, help));
+}
+
+void OptionSet::addTimeout(double& seconds) {
     constexpr double shortest = 0.01;
     constexpr double longest = 3600;
-    verb.add_option("--timeout", seconds,
+    m_verb
+        .add_option("--timeout", seconds,
                     fmt::format("How long to wait for an answer, in seconds (default {:g})", seconds))
         ->option_text("SECONDS")
         ->check(CLI::Range(shortest, longest));
-}
-
-std::chrono::steady_clock::time_point deadlineAfter(double seconds) {
-    return std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::microseconds>(Seconds(seconds));
-}
-
-std::string readAll(int fd, const std::string& name, std::size_t limit) {
-    constexpr std::size_t chunk = 65536;
-    std::string content;
-    for (;;) {
-        const std::size_t before = content.size();
-        content.resize(before + chunk);
-        const ssize_t got = ::read(fd, content.data() + before, chunk);
-        content.resize(before + static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
-        if (got == 0) {
-            return content;
-        }
-        if (got < 0 && errno != EINTR) {
-            throw Failure(ExitCode::Failed, "cannot read", name, errnoText(errno), "");
-        }
-        if (content.size() > limit) {
-            throw Failure(ExitCode::BadUsage, "too much input", name, "at most " + std::to_string(limit) + " bytes",
-                          "");
-        }
-    }
-}
-
-int run(const std::vector<std::string>& arguments, Output& out, Output& err, int inputFd) {
-    Session session{out, err, inputFd, JsonMode::Off, Palette(), nullptr};
-    ExitCode code = ExitCode::Done;
-    try {
-        parseAndWork(arguments, session);
-    } catch (const OutputClosed&) {
-        code = ExitCode::Done;
-    } catch (const Failure& failure) {
-        code = report(failure, err);
-    } catch (const std::exception& error) {
-        code = report(Failure(ExitCode::Failed, "unexpected error", "", error.what(), ""), err);
-    }
-    return static_cast<int>(code);
 }
 
 } // namespace Sentrel::ctl

@@ -4,6 +4,7 @@
 #include "base/PrintableText.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <fmt/format.h>
 #include <system_error>

@@ -1,6 +1,7 @@
 // The record of a browser decision, made from what the user asked for.
 #pragma once
 
+#include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 #include "events/STEventData.h"
 

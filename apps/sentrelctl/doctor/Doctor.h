@@ -2,6 +2,7 @@
 // how to mend it.
 #pragma once
 
+#include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 
 #include <cstddef>

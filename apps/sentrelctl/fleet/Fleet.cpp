@@ -78,28 +78,24 @@ struct OpenFile {
 
 } // namespace
 
-void addFleetOptions(CLI::App& verb, FleetOptions& options) {
-    verb.add_option("--config", options.config,
-                    "The enrolment that names broker and site (default: this machine's own, " +
-                        paths::agentConfiguration() + ")")
-        ->option_text("FILE");
-    verb.add_option("--host", options.host, "The broker's host")->option_text("HOST");
-    verb.add_option("--port", options.port, "Its port (default 1883, with TLS 8883)")
-        ->option_text("PORT")
-        ->check(CLI::Range(1, kLastPort));
-    verb.add_option("--ca", options.authority, "TLS: the authority that the broker's certificate is of")
-        ->option_text("FILE");
-    CLI::Option* certificate =
-        verb.add_option("--cert", options.certificate, "TLS: this client's certificate")->option_text("FILE");
-    CLI::Option* key = verb.add_option("--key", options.key, "TLS: its key")->option_text("FILE");
-    certificate->needs(key);
-    key->needs(certificate);
-    verb.add_option("--credentials", options.credentials,
-                    "A file with user and password, as docs/fleet.md tells; it is for its owner's eyes alone")
-        ->option_text("FILE");
-    verb.add_option("--site", options.site, "The site")->option_text("SITE");
-    verb.add_option("--machine", options.machine, "One machine")->option_text("ID");
-    addTimeout(verb, options.timeout);
+void addFleetOptions(OptionSet& set, FleetOptions& options) {
+    set.add("--config", options.config,
+            "The enrolment that names broker and site (default: this machine's own, " + paths::agentConfiguration() +
+                ")")
+        .shownAs("FILE");
+    set.add("--host", options.host, "The broker's host").shownAs("HOST");
+    set.add("--port", options.port, "Its port (default 1883, with TLS 8883)").shownAs("PORT").between(1, kLastPort);
+    set.add("--ca", options.authority, "TLS: the authority that the broker's certificate is of").shownAs("FILE");
+    Option certificate = set.add("--cert", options.certificate, "TLS: this client's certificate").shownAs("FILE");
+    Option key = set.add("--key", options.key, "TLS: its key").shownAs("FILE");
+    certificate.needs(key);
+    key.needs(certificate);
+    set.add("--credentials", options.credentials,
+            "A file with user and password, as docs/fleet.md tells; it is for its owner's eyes alone")
+        .shownAs("FILE");
+    set.add("--site", options.site, "The site").shownAs("SITE");
+    set.add("--machine", options.machine, "One machine").shownAs("ID");
+    set.addTimeout(options.timeout);
 }
 
 Fleet fleetOf(const FleetOptions& options) {

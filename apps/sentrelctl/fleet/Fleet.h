@@ -1,6 +1,7 @@
 // The fleet from an administrator's chair: which broker, which site, which machines.
 #pragma once
 
+#include "apps/sentrelctl/OptionSet.h"
 #include "apps/sentrelctl/Session.h"
 #include "apps/sentrelctl/fleet/MqttTool.h"
 #include "platform/hvbagent/Encoding.h"
@@ -27,7 +28,7 @@ struct FleetOptions {
 };
 
 /// Adds --config, --host, --port, --ca, --cert, --key, --credentials, --site, --machine and --timeout.
-void addFleetOptions(CLI::App& verb, FleetOptions& options);
+void addFleetOptions(OptionSet& set, FleetOptions& options);
 
 /// Threads: a plain value. Owner: the verb.
 struct Fleet {

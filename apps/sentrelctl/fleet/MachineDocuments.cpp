@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
+#include <nlohmann/json.hpp>
 
 namespace Sentrel::ctl {
 
@@ -63,7 +64,7 @@ std::string table(const std::vector<MachineDocument>& documents, Row head, const
     }
     std::vector<Row> rows{std::move(head)};
     for (const MachineDocument& document : documents) {
-        Row row = makeRow(document.content);
+        Row row = makeRow(*document.content);
         row.insert(row.begin(), printable(document.machine));
         if (!document.error.empty()) {
             row.back() = "cannot be read: " + shortened(printable(document.error), kMaxCell);
@@ -103,12 +104,12 @@ nlohmann::json sectionsOf(const nlohmann::json& content) {
 } // namespace
 
 MachineDocument machineDocument(std::string machine, std::string_view payload) {
-    MachineDocument document{std::move(machine), nlohmann::json::object(), {}};
+    MachineDocument document{std::move(machine), std::make_shared<const nlohmann::json>(nlohmann::json::object()), {}};
     try {
         nlohmann::json read = agent::readStrictJson(
             payload, {.bytes = agent::kMaxPropertyBytes, .depth = kMaxDepth, .values = kMaxValues});
         if (read.is_object()) {
-            document.content = std::move(read);
+            document.content = std::make_shared<const nlohmann::json>(std::move(read));
         } else {
             document.error = "the document: is not an object";
         }
@@ -118,8 +119,16 @@ MachineDocument machineDocument(std::string machine, std::string_view payload) {
     return document;
 }
 
+bool isAbout(const MachineDocument& document, std::string_view sha256) {
+    return document.error.empty() && document.content->value("sha256", "") == sha256;
+}
+
+bool isInForce(const MachineDocument& document) {
+    return document.content->contains("enforced") && (*document.content)["enforced"] == true;
+}
+
 std::string resultReason(const MachineDocument& document) {
-    const std::string refused = member(document.content, "refused");
+    const std::string refused = member(*document.content, "refused");
     return refused != "-" ? refused : "the machine could not put all of it into force: its trace log says where";
 }
 
@@ -154,9 +163,9 @@ std::string propertiesTable(const std::vector<MachineDocument>& documents) {
 
 std::string propertiesText(const MachineDocument& document, const Palette& palette) {
     std::string text = fmt::format("{}{}{}  collected {}\n", palette.strong, printable(document.machine), palette.plain,
-                                   member(document.content, "time"));
+                                   member(*document.content, "time"));
     std::vector<Row> rows;
-    const nlohmann::json sections = sectionsOf(document.content);
+    const nlohmann::json sections = sectionsOf(*document.content);
     for (const auto& [section, keys] : sections.items()) {
         if (!keys.is_object()) {
             continue;
@@ -174,9 +183,9 @@ std::string propertiesText(const MachineDocument& document, const Palette& palet
 
 Json documentJson(const MachineDocument& document) {
     Json json{{"machine", validUtf8(document.machine)}};
-    for (const auto& [name, value] : document.content.items()) {
+    for (const auto& [name, value] : document.content->items()) {
         if (name != "machine") {
-            json[name] = Json::parse(value.dump());
+            json[name] = parsedJson(value.dump());
         }
     }
     json["error"] = document.error.empty() ? Json(nullptr) : Json(validUtf8(document.error));

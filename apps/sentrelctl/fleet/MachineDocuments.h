@@ -2,9 +2,11 @@
 #pragma once
 
 #include "apps/sentrelctl/fleet/MqttTool.h"
+#include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,12 +17,17 @@ namespace Sentrel::ctl {
 /// Threads: a plain value. Owner: the verb.
 struct MachineDocument {
     std::string machine;
-    nlohmann::json content; ///< an object; empty with an error
-    std::string error;      ///< why it could not be read
+    std::shared_ptr<const nlohmann::json> content; ///< an object, never null; empty with an error
+    std::string error;                             ///< why it could not be read
 };
 
 /// Reads a document. Whatever is in it, this returns.
 MachineDocument machineDocument(std::string machine, std::string_view payload);
+
+/// Whether the result of a policy is about the document with this hash.
+bool isAbout(const MachineDocument& document, std::string_view sha256);
+/// Whether the result says that the policy is in force as a whole.
+bool isInForce(const MachineDocument& document);
 
 /// A table of the results of policies; its last column is the policy's id, or why it was refused.
 std::string resultsText(const std::vector<MachineDocument>& documents);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "apps/sentrelctl/policy/PolicyCheck.h"
+#include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 #include "platform/hvbagent/PolicyDocument.h"
 

@@ -3,6 +3,7 @@
 
 #include "apps/sentrelctl/preferences/PreferenceClient.h"
 #include "apps/sentrelctl/preferences/PreferenceNames.h"
+#include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 
 #include <string>

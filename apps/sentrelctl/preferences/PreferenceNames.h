@@ -2,6 +2,7 @@
 #pragma once
 
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 #include "hub/STPreferences.h"
 

@@ -1,6 +1,7 @@
 // The proxy settings as they stand in the settings file, where the browser components read them.
 #pragma once
 
+#include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 #include "hub/Payloads.h"
 

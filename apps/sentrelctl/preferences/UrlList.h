@@ -1,6 +1,7 @@
 // The allow/block list as lines of text, and changes to it.
 #pragma once
 
+#include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 
 #include <cstddef>

@@ -28,10 +28,4 @@ Palette Palette::of(bool colored) {
     return colored ? Palette{"\x1b[1m", "\x1b[1;31m", "\x1b[33m", "\x1b[2m", "\x1b[0m"} : Palette{};
 }
 
-std::string jsonText(const Json& value, JsonMode mode) {
-    constexpr int oneLine = -1;
-    constexpr int indentation = 4;
-    return value.dump(mode == JsonMode::Pretty ? indentation : oneLine, ' ', true) + "\n";
-}
-
 } // namespace Sentrel::ctl

@@ -1,8 +1,6 @@
 // Where sentrelctl writes: a file descriptor without a buffer, so that what was written is seen at once.
 #pragma once
 
-#include <nlohmann/json.hpp>
-#include <string>
 #include <string_view>
 
 namespace Sentrel::ctl {
@@ -28,8 +26,6 @@ private:
     int m_fd;
 };
 
-enum class JsonMode { Off, Short, Pretty };
-
 /// Marks for the eye. Empty texts when colours are off.
 struct Palette {
     const char* strong = "";
@@ -40,12 +36,5 @@ struct Palette {
 
     static Palette of(bool colored);
 };
-
-/// Keeps the order in which fields are added, so that a reader finds them in the same place.
-using Json = nlohmann::ordered_json;
-
-/// One value on one line, or over several when @p mode is Pretty, with its newline. Everything but ASCII is escaped,
-/// so that the text is harmless on a terminal. Requires that every string in it is valid UTF-8.
-std::string jsonText(const Json& value, JsonMode mode);
 
 } // namespace Sentrel::ctl

@@ -1,6 +1,7 @@
 // What the daemon says of itself, in words: the line of the dashboard, its health, its versions.
 #pragma once
 
+#include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 #include "hub/Payloads.h"
 

@@ -1,5 +1,5 @@
 // sentrelctl agent keygen and encrypt: the keys of a site, and texts that only its machines can read.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/DecryptExchange.h"
 #include "apps/sentrelctl/fleet/Fleet.h"
 #include "apps/sentrelctl/policy/PolicySigning.h"
@@ -10,6 +10,7 @@
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/SecretBox.h"
 
+#include <array>
 #include <cerrno>
 #include <fmt/format.h>
 #include <memory>
@@ -107,35 +108,34 @@ void encrypt(Session& session, const EncryptOptions& options) {
                                                     : jsonText(Json{{"text", encrypted}}, session.json));
 }
 
-void registerKeygen(CLI::App& app, Session& session) {
+Work describeKeygen(OptionSet& set, Session& session) {
     const auto options = std::make_shared<KeygenOptions>();
-    CLI::App& verb = addVerb(verbGroup(app, "agent", "The management agent of this machine"), "keygen",
-                             "Makes the key that passwords are encrypted with, or the pair that policies are signed "
-                             "with. A key that is there stays.",
-                             "  sentrelctl agent keygen\n  sentrelctl agent keygen --signing site");
-    CLI::Option* file =
-        verb.add_option("file", options->file, "Where to (default: " + paths::agentKey() + ")")->option_text("[FILE]");
-    verb.add_option("--signing", options->signingPrefix, "Make PREFIX.key and PREFIX.pub for signing policies")
-        ->option_text("PREFIX")
-        ->excludes(file);
-    verb.callback([options, &session] { session.chosen = [options, &session] { keygen(session, *options); }; });
+    const Option file =
+        set.add("file", options->file, "Where to (default: " + paths::agentKey() + ")").shownAs("[FILE]");
+    set.add("--signing", options->signingPrefix, "Make PREFIX.key and PREFIX.pub for signing policies")
+        .shownAs("PREFIX")
+        .excludes(file);
+    return [options, &session] { keygen(session, *options); };
 }
 
-void registerEncrypt(CLI::App& app, Session& session) {
+Work describeEncrypt(OptionSet& set, Session& session) {
     const auto options = std::make_shared<EncryptOptions>();
-    CLI::App& verb =
-        addVerb(app, "encrypt", "Encrypts a text from standard input, such as a password, for the machines of a site.",
-                "  sentrelctl encrypt --key site.key < password.txt");
-    verb.add_option("--key", options->keyFile, "The key (default: this machine's, " + paths::agentKey() + ")")
-        ->option_text("FILE");
-    verb.callback([options, &session] { session.chosen = [options, &session] { encrypt(session, *options); }; });
+    set.add("--key", options->keyFile, "The key (default: this machine's, " + paths::agentKey() + ")").shownAs("FILE");
+    return [options, &session] { encrypt(session, *options); };
 }
 
 } // namespace
 
-void registerAgent(CLI::App& app, Session& session) {
-    registerKeygen(app, session);
-    registerEncrypt(app, session);
+Verbs agentVerbs() {
+    static constexpr std::array<Verb, 2> verbs{{
+        {"agent", "keygen",
+         "Makes the key that passwords are encrypted with, or the pair that policies are signed "
+         "with. A key that is there stays.",
+         "  sentrelctl agent keygen\n  sentrelctl agent keygen --signing site", describeKeygen},
+        {"", "encrypt", "Encrypts a text from standard input, such as a password, for the machines of a site.",
+         "  sentrelctl encrypt --key site.key < password.txt", describeEncrypt},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

@@ -1,5 +1,5 @@
 // sentrelctl categories: the content categories that are blocked.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/PreferenceClient.h"
 #include "apps/sentrelctl/preferences/PreferenceLayout.h"
 #include "apps/sentrelctl/preferences/UrlList.h"
@@ -7,6 +7,7 @@
 #include "base/PrintableText.h"
 
 #include <algorithm>
+#include <array>
 #include <fmt/format.h>
 #include <memory>
 
@@ -117,42 +118,46 @@ void categoriesRemove(Session& session, const Options& options) {
     replace(session, client, wanted);
 }
 
-using Work = void (*)(Session&, const Options&);
-
 /// A verb that is given names, or none when @p takesNames is false.
-CLI::App& addCategoryVerb(CLI::App& app, Session& session, const std::shared_ptr<Options>& options, const char* name,
-                          const char* description, Work work) {
-    CLI::App& group = verbGroup(app, "categories", "The content categories that are blocked");
-    const bool takesNames = work != categoriesShow;
-    CLI::App& verb = addVerb(group, name, description,
-                             fmt::format("  sentrelctl categories {}{}", name, takesNames ? " Gambling" : ""));
-    addTimeout(verb, options->timeout);
-    verb.callback(
-        [options, &session, work] { session.chosen = [options, &session, work] { work(session, *options); }; });
-    return verb;
+Work describeShow(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<Options>();
+    set.addTimeout(options->timeout);
+    return [options, &session] { categoriesShow(session, *options); };
 }
 
-CLI::Option* addNames(CLI::App& verb, Options& options) {
-    return verb.add_option("name", options.names, "The categories, by their names")->option_text("NAME...");
+Option addNames(OptionSet& set, Options& options) {
+    return set.add("name", options.names, "The categories, by their names").shownAs("NAME...");
+}
+
+Work describeSet(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<Options>();
+    set.addTimeout(options->timeout);
+    addNames(set, *options);
+    set.addFlag("--none", options->none, "Blocks no category");
+    return [options, &session] { categoriesSet(session, *options); };
+}
+
+template <void (*change)(Session&, const Options&)>
+Work describeChange(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<Options>();
+    set.addTimeout(options->timeout);
+    addNames(set, *options).required();
+    return [options, &session] { change(session, *options); };
 }
 
 } // namespace
 
-void registerCategories(CLI::App& app, Session& session) {
-    const auto options = std::make_shared<Options>();
-    addCategoryVerb(app, session, options, "show", "Shows the blocked categories.", categoriesShow);
-    CLI::App& set =
-        addCategoryVerb(app, session, options, "set", "Blocks these categories and no others.", categoriesSet);
-    addNames(set, *options);
-    set.add_flag("--none", options->none, "Blocks no category");
-    addNames(
-        addCategoryVerb(app, session, options, "add", "Blocks these categories besides the others.", categoriesAdd),
-        *options)
-        ->required();
-    addNames(addCategoryVerb(app, session, options, "remove", "Blocks these categories no more: all, or none.",
-                             categoriesRemove),
-             *options)
-        ->required();
+Verbs categoryVerbs() {
+    static constexpr std::array<Verb, 4> verbs{{
+        {"categories", "show", "Shows the blocked categories.", "  sentrelctl categories show", describeShow},
+        {"categories", "set", "Blocks these categories and no others.", "  sentrelctl categories set Gambling",
+         describeSet},
+        {"categories", "add", "Blocks these categories besides the others.", "  sentrelctl categories add Gambling",
+         describeChange<categoriesAdd>},
+        {"categories", "remove", "Blocks these categories no more: all, or none.",
+         "  sentrelctl categories remove Gambling", describeChange<categoriesRemove>},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

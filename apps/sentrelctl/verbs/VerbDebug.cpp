@@ -3,7 +3,7 @@
 // The daemon answers a switch before it makes it: a thread of its own rewrites the hub's configuration file, and then
 // signals that a preference changed. Nothing tells of a failure there, so what counts is what the daemon says when it
 // is asked again after that signal, or when the time is over.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/ChangeBell.h"
 #include "apps/sentrelctl/clients/CommandChannel.h"
 #include "apps/sentrelctl/preferences/PreferenceLayout.h"
@@ -12,6 +12,7 @@
 #include "hub/HubIds.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <fmt/format.h>
 #include <memory>
@@ -104,35 +105,30 @@ void debugSwitch(Session& session, const Options& options, bool isOn) {
     }
 }
 
-CLI::App& debugGroup(CLI::App& app) {
-    return verbGroup(app, "debug", "The debug logging of the daemon");
+template <bool isOn>
+Work describeSwitch(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<Options>();
+    set.addTimeout(options->timeout);
+    return [options, &session] { debugSwitch(session, *options, isOn); };
 }
 
-void registerSwitch(CLI::App& app, Session& session, bool isOn) {
+Work describeShow(OptionSet& set, Session& session) {
     const auto options = std::make_shared<Options>();
-    CLI::App& verb = addVerb(debugGroup(app), word(isOn),
-                             isOn ? "Has the daemon's log lines of every level go to the system log."
-                                  : "Has the daemon's log lines go to the system log from the level information up.",
-                             fmt::format("  sentrelctl debug {}", word(isOn)));
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session, isOn] {
-        session.chosen = [options, &session, isOn] { debugSwitch(session, *options, isOn); };
-    });
-}
-
-void registerShow(CLI::App& app, Session& session) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& verb = addVerb(debugGroup(app), "show", "Shows whether debug logging is on.", "  sentrelctl debug show");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { debugShow(session, *options); }; });
+    set.addTimeout(options->timeout);
+    return [options, &session] { debugShow(session, *options); };
 }
 
 } // namespace
 
-void registerDebug(CLI::App& app, Session& session) {
-    registerSwitch(app, session, true);
-    registerSwitch(app, session, false);
-    registerShow(app, session);
+Verbs debugVerbs() {
+    static constexpr std::array<Verb, 3> verbs{{
+        {"debug", "on", "Has the daemon's log lines of every level go to the system log.", "  sentrelctl debug on",
+         describeSwitch<true>},
+        {"debug", "off", "Has the daemon's log lines go to the system log from the level information up.",
+         "  sentrelctl debug off", describeSwitch<false>},
+        {"debug", "show", "Shows whether debug logging is on.", "  sentrelctl debug show", describeShow},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

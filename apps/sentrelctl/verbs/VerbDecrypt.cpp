@@ -1,11 +1,12 @@
 // sentrelctl decrypt: opens a stored password as a browser component does.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/DecryptExchange.h"
 #include "apps/sentrelctl/clients/EventSocket.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/Paths.h"
 #include "base/PrintableText.h"
 
+#include <array>
 #include <memory>
 #include <unistd.h>
 
@@ -52,17 +53,23 @@ void decrypt(Session& session, const Options& options) {
     }
 }
 
+Work describeDecrypt(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<Options>();
+    set.add("text", options->text,
+            "The encrypted text. Better leave it out (or -) and give it on standard input: a command line "
+            "can be seen by every user of this machine")
+        .shownAs("[TEXT|-]");
+    set.addTimeout(options->timeout);
+    return [options, &session] { decrypt(session, *options); };
+}
+
 } // namespace
 
-void registerDecrypt(CLI::App& app, Session& session) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& verb = addVerb(app, "decrypt", "Has the daemon decrypt a stored password.", kExample);
-    verb.add_option("text", options->text,
-                    "The encrypted text. Better leave it out (or -) and give it on standard input: a command line "
-                    "can be seen by every user of this machine")
-        ->option_text("[TEXT|-]");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { decrypt(session, *options); }; });
+Verbs decryptVerbs() {
+    static constexpr std::array<Verb, 1> verbs{{
+        {"", "decrypt", "Has the daemon decrypt a stored password.", kExample, describeDecrypt},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

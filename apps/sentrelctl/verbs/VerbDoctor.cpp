@@ -1,8 +1,9 @@
 // sentrelctl doctor: what is wrong with this installation, and how to mend it.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/doctor/Doctor.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 
+#include <array>
 #include <fmt/format.h>
 #include <memory>
 
@@ -36,18 +37,25 @@ void doctor(Session& session, const Options& options) {
     }
 }
 
+Work describeDoctor(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<Options>();
+    set.addTimeout(options->timeout);
+    return [options, &session] { doctor(session, *options); };
+}
+
 } // namespace
 
-void registerDoctor(CLI::App& app, Session& session) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& verb = addVerb(app, "doctor",
-                             "Checks directories, files, bus and processes of this installation, and says what is "
-                             "wrong and how to mend it. It changes nothing, and needs nothing that runs. Root sees "
-                             "the most.",
-                             "  sentrelctl doctor\n"
-                             "  sentrelctl doctor --json=short | jq '.checks[] | select(.result == \"failed\")'");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { doctor(session, *options); }; });
+Verbs doctorVerbs() {
+    static constexpr std::array<Verb, 1> verbs{{
+        {"", "doctor",
+         "Checks directories, files, bus and processes of this installation, and says what is "
+         "wrong and how to mend it. It changes nothing, and needs nothing that runs. Root sees "
+         "the most.",
+         "  sentrelctl doctor\n"
+         "  sentrelctl doctor --json=short | jq '.checks[] | select(.result == \"failed\")'",
+         describeDoctor},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

@@ -1,10 +1,11 @@
 // sentrelctl event send: what a browser component does when it has decided on a page.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/EventRecord.h"
 #include "apps/sentrelctl/clients/EventSocket.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/Paths.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <fcntl.h>
@@ -81,62 +82,65 @@ void eventSend(Session& session, Options& options) {
 }
 
 /// Adds an option for a number that is mostly 0 or 1: alone it sets 1.
-CLI::Option* addFlagNumber(CLI::App& verb, const std::string& name, std::int32_t& value, const std::string& help) {
-    CLI::Option* option = verb.add_option(name, value, help + fmt::format(" (default {}; alone: 1)", value));
-    option->expected(0, 1)->default_str("1")->option_text("[N]");
-    return option;
+Option addFlagNumber(OptionSet& set, const std::string& name, std::int32_t& value, const std::string& help) {
+    return set.add(name, value, help + fmt::format(" (default {}; alone: 1)", value)).whenAlone("1").shownAs("[N]");
 }
 
-std::vector<CLI::Option*> addFields(CLI::App& verb, RecordFields& fields, std::string& action) {
-    const auto text = [&verb](const char* name, std::string& value, const char* help, std::size_t limit) {
-        return verb.add_option(name, value, fmt::format("{}, at most {} bytes (default {})", help, limit, value))
-            ->option_text("TEXT");
+std::vector<Option> addFields(OptionSet& set, RecordFields& fields, std::string& action) {
+    const auto text = [&set](const char* name, std::string& value, const char* help, std::size_t limit) {
+        return set.add(name, value, fmt::format("{}, at most {} bytes (default {})", help, limit, value))
+            .shownAs("TEXT");
     };
-    const auto number = [&verb](const char* name, std::int32_t& value, const char* help) {
-        return verb.add_option(name, value, fmt::format("{} (default {})", help, value))->option_text("N");
+    const auto number = [&set](const char* name, std::int32_t& value, const char* help) {
+        return set.add(name, value, fmt::format("{} (default {})", help, value)).shownAs("N");
     };
     return {
         text("--event-id", fields.eventId, "Name of the event", kMaxEventIdBytes),
         text("--url", fields.url, "The page", kMaxUrlBytes),
         text("--browser", fields.browser, "Process name of the browser", kMaxBrowserBytes),
         number("--rating", fields.rating, "Rating of the site; -100: no rating"),
-        verb.add_option("--action", action, "allow (1), warn (2), block (3) or a number (default block)")
-            ->option_text("ACTION"),
-        addFlagNumber(verb, "--in-list", fields.inList, "1: the page is on the allow/block list"),
-        addFlagNumber(verb, "--list-blocks", fields.listBlocks, "1: the list entry blocks it"),
-        addFlagNumber(verb, "--blocked-in-category", fields.blockedInCategory, "1: blocked by its content category"),
+        set.add("--action", action, "allow (1), warn (2), block (3) or a number (default block)").shownAs("ACTION"),
+        addFlagNumber(set, "--in-list", fields.inList, "1: the page is on the allow/block list"),
+        addFlagNumber(set, "--list-blocks", fields.listBlocks, "1: the list entry blocks it"),
+        addFlagNumber(set, "--blocked-in-category", fields.blockedInCategory, "1: blocked by its content category"),
         number("--category", fields.category, "Number of that category"),
-        addFlagNumber(verb, "--phishing", fields.phishing, "1: a phishing page"),
-        addFlagNumber(verb, "--reputation-reachable", fields.reputationReachable,
+        addFlagNumber(set, "--phishing", fields.phishing, "1: a phishing page"),
+        addFlagNumber(set, "--reputation-reachable", fields.reputationReachable,
                       "1: the reputation service could be reached"),
         number("--count", fields.count, "Event count"),
         number("--user-action", fields.userAction, "What the user answered to a warning; 0: nothing yet"),
     };
 }
 
+Work describeSend(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<Options>();
+    const std::vector<Option> fields = addFields(set, options->fields, options->action);
+    Option raw =
+        set.add("--raw", options->raw, "Send the bytes of FILE (-: standard input) as they are").shownAs("FILE");
+    for (const Option& field : fields) {
+        raw.excludes(field);
+    }
+    set.add("--repeat", options->repeat, "Send it N times (default 1), each on its own connection")
+        .shownAs("N")
+        .between(1, kMaxRepeat);
+    set.addFlag("--no-wait", options->noWait, "Do not wait until the daemon has taken each message");
+    set.addTimeout(options->timeout);
+    return [options, raw, &session] {
+        options->isRaw = raw.isGiven();
+        eventSend(session, *options);
+    };
+}
+
 } // namespace
 
-void registerEventSend(CLI::App& app, Session& session) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& verb = addVerb(verbGroup(app, "event", "Browser events"), "send",
-                             "Sends a browser event to the daemon, as a browser component does. Without options it is "
-                             "a sample: a red site that was blocked.",
-                             kExample);
-    const std::vector<CLI::Option*> fields = addFields(verb, options->fields, options->action);
-    CLI::Option* raw = verb.add_option("--raw", options->raw, "Send the bytes of FILE (-: standard input) as they are");
-    raw->option_text("FILE");
-    for (CLI::Option* field : fields) {
-        raw->excludes(field);
-    }
-    verb.add_option("--repeat", options->repeat, "Send it N times (default 1), each on its own connection")
-        ->option_text("N")
-        ->check(CLI::Range(1U, kMaxRepeat));
-    verb.add_flag("--no-wait", options->noWait, "Do not wait until the daemon has taken each message");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, raw, &session] {
-        options->isRaw = raw->count() > 0;
-        session.chosen = [options, &session] { eventSend(session, *options); };
-    });
+Verbs eventVerbs() {
+    static constexpr std::array<Verb, 1> verbs{{
+        {"event", "send",
+         "Sends a browser event to the daemon, as a browser component does. Without options it is "
+         "a sample: a red site that was blocked.",
+         kExample, describeSend},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

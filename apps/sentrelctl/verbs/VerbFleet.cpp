@@ -1,10 +1,11 @@
 // sentrelctl policy results, properties show and state: what the machines say of themselves.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/fleet/Fleet.h"
 #include "apps/sentrelctl/fleet/MachineDocuments.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 
 #include <algorithm>
+#include <array>
 #include <fmt/format.h>
 #include <functional>
 #include <memory>
@@ -13,12 +14,10 @@ namespace Sentrel::ctl {
 namespace {
 
 using Documents = std::vector<MachineDocument>;
-using Layout = std::function<std::string(const Documents&, const FleetOptions&, const Palette&)>;
-
 /// One of the three documents that each machine keeps at the broker.
 struct Kind {
-    std::string topic; ///< behind the machine's level
-    Layout layout;
+    const char* topic; ///< behind the machine's level
+    std::string (*layout)(const Documents&, const FleetOptions&, const Palette&);
 };
 
 /// The documents of one machine or of all, in the order of the machines.
@@ -61,35 +60,41 @@ void show(Session& session, const FleetOptions& options, const Kind& kind) {
     session.out.write(jsonText(json, session.json));
 }
 
-void registerShow(CLI::App& verb, Session& session, const Kind& kind) {
+std::string results(const Documents& documents, const FleetOptions& /*options*/, const Palette& /*palette*/) {
+    return resultsText(documents);
+}
+
+std::string states(const Documents& documents, const FleetOptions& /*options*/, const Palette& /*palette*/) {
+    return statesText(documents);
+}
+
+std::string properties(const Documents& documents, const FleetOptions& options, const Palette& palette) {
+    return options.machine.empty() ? propertiesTable(documents) : propertiesText(documents.front(), palette);
+}
+
+constexpr Kind kResults{"policy/result", results};
+constexpr Kind kStates{"state", states};
+constexpr Kind kProperties{"properties", properties};
+
+template <const Kind& kind>
+Work describeShow(OptionSet& set, Session& session) {
     const auto options = std::make_shared<FleetOptions>();
-    addFleetOptions(verb, *options);
-    verb.callback(
-        [options, kind, &session] { session.chosen = [options, kind, &session] { show(session, *options, kind); }; });
+    addFleetOptions(set, *options);
+    return [options, &session] { show(session, *options, kind); };
 }
 
 } // namespace
 
-void registerFleet(CLI::App& app, Session& session) {
-    registerShow(addVerb(verbGroup(app, "policy", "The policies of managed machines"), "results",
-                         "Shows what became of the last policy on each machine of the site.",
-                         "  sentrelctl policy results --machine desk-1"),
-                 session, {"policy/result", [](const Documents& documents, const FleetOptions&, const Palette&) {
-                               return resultsText(documents);
-                           }});
-    registerShow(addVerb(verbGroup(app, "properties", "What managed machines tell of themselves"), "show",
-                         "Shows the main properties of each machine of the site, or all of one machine.",
-                         "  sentrelctl properties show --machine desk-1"),
-                 session,
-                 {"properties", [](const Documents& documents, const FleetOptions& options, const Palette& palette) {
-                      return options.machine.empty() ? propertiesTable(documents)
-                                                     : propertiesText(documents.front(), palette);
-                  }});
-    registerShow(
-        addVerb(app, "state", "Shows which machines of the site are connected to the broker.", "  sentrelctl state"),
-        session, {"state", [](const Documents& documents, const FleetOptions&, const Palette&) {
-                      return statesText(documents);
-                  }});
+Verbs fleetVerbs() {
+    static constexpr std::array<Verb, 3> verbs{{
+        {"policy", "results", "Shows what became of the last policy on each machine of the site.",
+         "  sentrelctl policy results --machine desk-1", describeShow<kResults>},
+        {"properties", "show", "Shows the main properties of each machine of the site, or all of one machine.",
+         "  sentrelctl properties show --machine desk-1", describeShow<kProperties>},
+        {"", "state", "Shows which machines of the site are connected to the broker.", "  sentrelctl state",
+         describeShow<kStates>},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

@@ -1,5 +1,5 @@
 // sentrelctl hub ping: who on the way to the daemon answers, and how fast.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/HubClient.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/Paths.h"
@@ -7,6 +7,7 @@
 #include "hub/HubIds.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 
+#include <array>
 #include <fmt/format.h>
 #include <memory>
 #include <optional>
@@ -136,14 +137,20 @@ void hubPing(Session& session, const Options& options) {
     failUnlessAllAnswered(answers);
 }
 
+Work describePing(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<Options>();
+    set.addTimeout(options->timeout);
+    return [options, &session] { hubPing(session, *options); };
+}
+
 } // namespace
 
-void registerHubPing(CLI::App& app, Session& session) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& verb = addVerb(verbGroup(app, "hub", "The hub that connects the modules"), "ping",
-                             "Asks the bus, hvbd and sentreld for an answer and shows how long each took.", kExample);
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { hubPing(session, *options); }; });
+Verbs hubVerbs() {
+    static constexpr std::array<Verb, 1> verbs{{
+        {"hub", "ping", "Asks the bus, hvbd and sentreld for an answer and shows how long each took.", kExample,
+         describePing},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

@@ -1,9 +1,10 @@
 // sentrelctl list: the entries of the allow/block list, one by one.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/ListChange.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/PrintableText.h"
 
+#include <array>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <memory>
@@ -101,49 +102,44 @@ void listRemove(Session& session, const Options& options) {
     answer(session, {}, replaceList(session, client, list));
 }
 
-CLI::App& listGroup(CLI::App& app) {
-    return verbGroup(app, "list", "The list of URLs that are allowed or blocked");
-}
-
-void registerPut(CLI::App& app, Session& session, int action) {
+template <int action>
+Work describePut(OptionSet& set, Session& session) {
     const auto options = std::make_shared<Options>();
     options->timeout = kListTimeout;
-    const std::string word = actionWord(action);
-    CLI::App& verb = addVerb(listGroup(app), word, fmt::format("Enters URLs to {}, or changes their entries.", word),
-                             fmt::format("  sentrelctl list {} http://site.example/", word));
-    verb.add_option("url", options->urls, "The URLs")->required()->option_text("URL...");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session, action] {
-        session.chosen = [options, &session, action] { listPut(session, *options, action); };
-    });
+    set.add("url", options->urls, "The URLs").required().shownAs("URL...");
+    set.addTimeout(options->timeout);
+    return [options, &session] { listPut(session, *options, action); };
 }
 
-void registerShow(CLI::App& app, Session& session) {
+Work describeShow(OptionSet& set, Session& session) {
     const auto options = std::make_shared<Options>();
-    CLI::App& verb = addVerb(listGroup(app), "show", "Shows the list in the order in which the daemon looks at it.",
-                             "  sentrelctl list show");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { listShow(session, *options); }; });
+    set.addTimeout(options->timeout);
+    return [options, &session] { listShow(session, *options); };
 }
 
-void registerRemove(CLI::App& app, Session& session) {
+Work describeRemove(OptionSet& set, Session& session) {
     const auto options = std::make_shared<Options>();
     options->timeout = kListTimeout;
-    CLI::App& verb = addVerb(listGroup(app), "remove", "Takes URLs out of the list: all that are named, or none.",
-                             "  sentrelctl list remove http://site.example/");
-    verb.add_option("url", options->urls, "The URLs")->option_text("URL...");
-    verb.add_flag("--all", options->all, "Every entry");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { listRemove(session, *options); }; });
+    set.add("url", options->urls, "The URLs").shownAs("URL...");
+    set.addFlag("--all", options->all, "Every entry");
+    set.addTimeout(options->timeout);
+    return [options, &session] { listRemove(session, *options); };
 }
 
 } // namespace
 
-void registerList(CLI::App& app, Session& session) {
-    registerShow(app, session);
-    registerPut(app, session, kAllow);
-    registerPut(app, session, kBlock);
-    registerRemove(app, session);
+Verbs listVerbs() {
+    static constexpr std::array<Verb, 4> verbs{{
+        {"list", "show", "Shows the list in the order in which the daemon looks at it.", "  sentrelctl list show",
+         describeShow},
+        {"list", "allow", "Enters URLs to allow, or changes their entries.",
+         "  sentrelctl list allow http://site.example/", describePut<kAllow>},
+        {"list", "block", "Enters URLs to block, or changes their entries.",
+         "  sentrelctl list block http://site.example/", describePut<kBlock>},
+        {"list", "remove", "Takes URLs out of the list: all that are named, or none.",
+         "  sentrelctl list remove http://site.example/", describeRemove},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

@@ -1,10 +1,11 @@
 // sentrelctl list import and export: the allow/block list as a file.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/ListChange.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/PrintableText.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -136,38 +137,39 @@ void listExport(Session& session, const Options& options) {
     }
 }
 
-void registerImport(CLI::App& group, Session& session) {
+Work describeImport(OptionSet& set, Session& session) {
     const auto options = std::make_shared<Options>();
-    CLI::App& verb = addVerb(group, "import",
-                             "Enters the URLs of a file, one a line. Blank lines and those that begin with # are "
-                             "skipped; allow or block in front of a URL says what it is, as an export has it.",
-                             "  sentrelctl list import blocked.txt\n"
-                             "  sentrelctl list export | ssh other sentrelctl list import --replace -");
-    verb.add_option("file", options->file, "The file; -: standard input")->required()->option_text("FILE|-");
-    CLI::Option* allow = verb.add_flag("--allow", options->allow, "Allow the URLs that have no word in front");
-    verb.add_flag("--block", options->block, "Block them (the default)")->excludes(allow);
-    verb.add_flag("--replace", options->replace, "Make the file the whole list");
-    verb.add_flag("--skip-bad", options->skipBad, "Leave out lines that are no URL instead of giving up");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { listImport(session, *options); }; });
+    set.add("file", options->file, "The file; -: standard input").required().shownAs("FILE|-");
+    const Option allow = set.addFlag("--allow", options->allow, "Allow the URLs that have no word in front");
+    set.addFlag("--block", options->block, "Block them (the default)").excludes(allow);
+    set.addFlag("--replace", options->replace, "Make the file the whole list");
+    set.addFlag("--skip-bad", options->skipBad, "Leave out lines that are no URL instead of giving up");
+    set.addTimeout(options->timeout);
+    return [options, &session] { listImport(session, *options); };
 }
 
-void registerExport(CLI::App& group, Session& session) {
+Work describeExport(OptionSet& set, Session& session) {
     const auto options = std::make_shared<Options>();
     options->timeout = kDefaultTimeout;
-    CLI::App& verb =
-        addVerb(group, "export", "Writes the list as lines that import reads.", "  sentrelctl list export saved.txt");
-    verb.add_option("file", options->file, "The file; without it, or -: standard output")->option_text("[FILE]");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { listExport(session, *options); }; });
+    set.add("file", options->file, "The file; without it, or -: standard output").shownAs("[FILE]");
+    set.addTimeout(options->timeout);
+    return [options, &session] { listExport(session, *options); };
 }
 
 } // namespace
 
-void registerListFiles(CLI::App& app, Session& session) {
-    CLI::App& group = verbGroup(app, "list", "The list of URLs that are allowed or blocked");
-    registerImport(group, session);
-    registerExport(group, session);
+Verbs listFileVerbs() {
+    static constexpr std::array<Verb, 2> verbs{{
+        {"list", "import",
+         "Enters the URLs of a file, one a line. Blank lines and those that begin with # are "
+         "skipped; allow or block in front of a URL says what it is, as an export has it.",
+         "  sentrelctl list import blocked.txt\n"
+         "  sentrelctl list export | ssh other sentrelctl list import --replace -",
+         describeImport},
+        {"list", "export", "Writes the list as lines that import reads.", "  sentrelctl list export saved.txt",
+         describeExport},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

@@ -2,7 +2,7 @@
 //
 // A listing ends with the newest record there was when it began, so that a busy hub cannot keep it going for ever.
 // Following subscribes before the first read and reads on behind the last record shown: nothing falls between.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/HubClient.h"
 #include "apps/sentrelctl/reports/ReportLayout.h"
 #include "apps/sentrelctl/terminal/Failure.h"
@@ -10,6 +10,7 @@
 #include "base/Paths.h"
 
 #include <algorithm>
+#include <array>
 #include <fmt/format.h>
 #include <memory>
 
@@ -91,15 +92,21 @@ void log(Session& session, const Options& options) {
     }
 }
 
+Work describeLog(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<Options>();
+    set.add("-n,--limit", options->limit, "Only the newest N (default 20); 0: all").shownAs("N");
+    set.addFlag("-f,--follow", options->follow, "Go on with each new report until Ctrl-C");
+    set.addTimeout(options->timeout);
+    return [options, &session] { log(session, *options); };
+}
+
 } // namespace
 
-void registerLog(CLI::App& app, Session& session) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& verb = addVerb(app, "log", "Shows the stored reports, the newest last.", kExample);
-    verb.add_option("-n,--limit", options->limit, "Only the newest N (default 20); 0: all")->option_text("N");
-    verb.add_flag("-f,--follow", options->follow, "Go on with each new report until Ctrl-C");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { log(session, *options); }; });
+Verbs logVerbs() {
+    static constexpr std::array<Verb, 1> verbs{{
+        {"", "log", "Shows the stored reports, the newest last.", kExample, describeLog},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

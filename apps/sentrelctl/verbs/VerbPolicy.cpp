@@ -1,5 +1,5 @@
 // sentrelctl policy check and policy push: what a policy would do, and sending it on its way.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/fleet/Fleet.h"
 #include "apps/sentrelctl/fleet/MachineDocuments.h"
 #include "apps/sentrelctl/policy/PolicyReport.h"
@@ -9,6 +9,7 @@
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Topics.h"
 
+#include <array>
 #include <fmt/format.h>
 #include <memory>
 
@@ -74,7 +75,7 @@ MachineDocument awaitResult(MqttTool& broker, const std::string& machine, const 
                             MqttTool::TimePoint deadline) {
     while (const auto message = broker.next(deadline)) {
         MachineDocument result = machineDocument(machine, message->payload);
-        if (!message->isRetained && result.error.empty() && result.content.value("sha256", "") == sha256) {
+        if (!message->isRetained && isAbout(result, sha256)) {
             return result;
         }
     }
@@ -84,7 +85,7 @@ MachineDocument awaitResult(MqttTool& broker, const std::string& machine, const 
 }
 
 Json pushedJson(const CheckedPolicy& policy, const std::string& topic) {
-    const Json all = policyJson(policy);
+    Json all = policyJson(policy);
     return Json{{"topic", topic}, {"version", all["version"]}, {"id", all["id"]}, {"sha256", all["sha256"]}};
 }
 
@@ -95,7 +96,7 @@ void tellResult(Session& session, const MachineDocument& result, Json json) {
         json["result"] = documentJson(result);
         session.out.write(jsonText(json, session.json));
     }
-    if (!result.content.contains("enforced") || result.content["enforced"] != true) {
+    if (!isInForce(result)) {
         throw Failure(ExitCode::Failed, "the policy is not in force as a whole", result.machine, resultReason(result),
                       "");
     }
@@ -146,44 +147,39 @@ void policyPush(Session& session, const PushOptions& options) {
     }
 }
 
-CLI::App& policyGroup(CLI::App& app) {
-    return verbGroup(app, "policy", "The policies of managed machines");
-}
-
-void registerCheck(CLI::App& app, Session& session) {
+Work describeCheck(OptionSet& set, Session& session) {
     const auto options = std::make_shared<CheckOptions>();
-    CLI::App& verb = addVerb(policyGroup(app), "check",
-                             "Tells what a policy would do, and what in it is wrong. Needs no broker and no daemon.",
-                             "  sentrelctl policy check policy.json");
-    verb.add_option("file", options->file, "The policy; -: standard input")->required()->option_text("FILE|-");
-    verb.add_option("--public-key", options->publicKey, "Take it only when it is signed with this key's other half")
-        ->option_text("FILE");
-    verb.callback([options, &session] { session.chosen = [options, &session] { policyCheck(session, *options); }; });
+    set.add("file", options->file, "The policy; -: standard input").required().shownAs("FILE|-");
+    set.add("--public-key", options->publicKey, "Take it only when it is signed with this key's other half")
+        .shownAs("FILE");
+    return [options, &session] { policyCheck(session, *options); };
 }
 
-void registerPush(CLI::App& app, Session& session) {
+Work describePush(OptionSet& set, Session& session) {
     const auto options = std::make_shared<PushOptions>();
     options->fleet.timeout = kPushTimeout;
-    CLI::App& verb = addVerb(policyGroup(app), "push",
-                             "Checks a policy and gives it to the broker, which keeps it for the machine or the group.",
-                             "  sentrelctl policy push policy.json --machine desk-1 --wait\n"
-                             "  sentrelctl policy push policy.json --group all --sign site.key");
-    verb.add_option("file", options->file, "The policy; -: standard input")->required()->option_text("FILE|-");
-    addFleetOptions(verb, options->fleet);
-    verb.add_option("--group", options->group, "A group of machines; all: every machine of the site")
-        ->option_text("NAME");
-    verb.add_option("--sign", options->signingKey, "Sign it with this key, as 'agent keygen --signing' makes it")
-        ->option_text("FILE");
-    verb.add_flag("--force", options->force, "Push it although the machines will refuse it or a part of it");
-    verb.add_flag("--wait", options->wait, "Wait for what the machine makes of it");
-    verb.callback([options, &session] { session.chosen = [options, &session] { policyPush(session, *options); }; });
+    set.add("file", options->file, "The policy; -: standard input").required().shownAs("FILE|-");
+    addFleetOptions(set, options->fleet);
+    set.add("--group", options->group, "A group of machines; all: every machine of the site").shownAs("NAME");
+    set.add("--sign", options->signingKey, "Sign it with this key, as 'agent keygen --signing' makes it")
+        .shownAs("FILE");
+    set.addFlag("--force", options->force, "Push it although the machines will refuse it or a part of it");
+    set.addFlag("--wait", options->wait, "Wait for what the machine makes of it");
+    return [options, &session] { policyPush(session, *options); };
 }
 
 } // namespace
 
-void registerPolicy(CLI::App& app, Session& session) {
-    registerCheck(app, session);
-    registerPush(app, session);
+Verbs policyVerbs() {
+    static constexpr std::array<Verb, 2> verbs{{
+        {"policy", "check", "Tells what a policy would do, and what in it is wrong. Needs no broker and no daemon.",
+         "  sentrelctl policy check policy.json", describeCheck},
+        {"policy", "push", "Checks a policy and gives it to the broker, which keeps it for the machine or the group.",
+         "  sentrelctl policy push policy.json --machine desk-1 --wait\n"
+         "  sentrelctl policy push policy.json --group all --sign site.key",
+         describePush},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

@@ -1,10 +1,11 @@
 // sentrelctl prefs: the preferences that are no lists.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/PreferenceClient.h"
 #include "apps/sentrelctl/preferences/PreferenceLayout.h"
 #include "apps/sentrelctl/preferences/PreferenceNames.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 
+#include <array>
 #include <fmt/format.h>
 #include <memory>
 #include <unistd.h>
@@ -38,7 +39,7 @@ void prefsSet(Session& session, const Options& options) {
     const std::string value = valueText(now, preference);
     session.out.write(session.json == JsonMode::Off
                           ? rowText(preference.name, value, session.palette)
-                          : jsonText(Json{{preference.jsonName, valueJson(now, preference)}}, session.json));
+                          : jsonText(Json{Json::Field{preference.jsonName, valueJson(now, preference)}}, session.json));
     if (value != valueText(wanted, preference)) {
         throw Failure(ExitCode::Failed, "not what was asked for", options.name, fmt::format("it is {} now", value),
                       "Somebody else may have set it at the same time; try again");
@@ -57,49 +58,44 @@ void prefsReset(Session& session, const Options& options) {
     show(session, client.readAll());
 }
 
-CLI::App& prefsGroup(CLI::App& app) {
-    return verbGroup(app, "prefs", "The preferences");
+Work describeShow(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<Options>();
+    set.addTimeout(options->timeout);
+    return [options, &session] { prefsShow(session, *options); };
 }
 
-void registerShow(CLI::App& app, Session& session) {
+Work describeSet(OptionSet& set, Session& session) {
     const auto options = std::make_shared<Options>();
-    CLI::App& verb = addVerb(prefsGroup(app), "show", "Shows all preferences that are in force.",
-                             "  sentrelctl prefs show\n  sentrelctl prefs show --json=short | jq .red_sites");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { prefsShow(session, *options); }; });
+    set.add("name", options->name, "Which one").required().shownAs("NAME");
+    set.add("value", options->value, "What it is to be").required().shownAs("VALUE");
+    set.addTimeout(options->timeout);
+    return [options, &session] { prefsSet(session, *options); };
 }
 
-void registerSet(CLI::App& app, Session& session) {
+Work describeReset(OptionSet& set, Session& session) {
     const auto options = std::make_shared<Options>();
-    CLI::App& verb = addVerb(prefsGroup(app), "set",
-                             "Sets one preference and shows its new value.\n"
-                             "  protection, safe-search, category-blocking                    on, off\n"
-                             "  red-sites, yellow-sites, unrated-sites, unverified-sites      allow, warn, block",
-                             "  sentrelctl prefs set red-sites warn");
-    verb.add_option("name", options->name, "Which one")->required()->option_text("NAME");
-    verb.add_option("value", options->value, "What it is to be")->required()->option_text("VALUE");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { prefsSet(session, *options); }; });
-}
-
-void registerReset(CLI::App& app, Session& session) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& verb =
-        addVerb(prefsGroup(app), "reset",
-                "Gives the preferences their first values and empties the allow/block list. The categories "
-                "and the action for unverified sites stay.",
-                "  sentrelctl prefs reset --yes");
-    verb.add_flag("-y,--yes", options->isSure, "It is meant; needed when standard input is a terminal");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { prefsReset(session, *options); }; });
+    set.addFlag("-y,--yes", options->isSure, "It is meant; needed when standard input is a terminal");
+    set.addTimeout(options->timeout);
+    return [options, &session] { prefsReset(session, *options); };
 }
 
 } // namespace
 
-void registerPrefs(CLI::App& app, Session& session) {
-    registerShow(app, session);
-    registerSet(app, session);
-    registerReset(app, session);
+Verbs preferenceVerbs() {
+    static constexpr std::array<Verb, 3> verbs{{
+        {"prefs", "show", "Shows all preferences that are in force.",
+         "  sentrelctl prefs show\n  sentrelctl prefs show --json=short | jq .red_sites", describeShow},
+        {"prefs", "set",
+         "Sets one preference and shows its new value.\n"
+         "  protection, safe-search, category-blocking                    on, off\n"
+         "  red-sites, yellow-sites, unrated-sites, unverified-sites      allow, warn, block",
+         "  sentrelctl prefs set red-sites warn", describeSet},
+        {"prefs", "reset",
+         "Gives the preferences their first values and empties the allow/block list. The categories "
+         "and the action for unverified sites stay.",
+         "  sentrelctl prefs reset --yes", describeReset},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

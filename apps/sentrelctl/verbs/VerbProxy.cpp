@@ -2,7 +2,7 @@
 //
 // The hub tells of a proxy with an event, which nobody answers. So what counts is the settings file, into which the
 // daemon writes what it hears, field by field: it is read until all of them stand there, or the time is over.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/DecryptExchange.h"
 #include "apps/sentrelctl/clients/HubClient.h"
 #include "apps/sentrelctl/fleet/Fleet.h"
@@ -15,6 +15,7 @@
 #include "platform/hvbhelpers/HubProtocol.h"
 
 #include <algorithm>
+#include <array>
 #include <fmt/format.h>
 #include <memory>
 #include <poll.h>
@@ -183,49 +184,46 @@ void proxySet(Session& session, const SetOptions& options) {
     }
 }
 
-CLI::App& proxyGroup(CLI::App& app) {
-    return verbGroup(app, "proxy", "The proxy to the reputation service");
-}
-
-void registerSet(CLI::App& app, Session& session) {
+Work describeSet(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<SetOptions>();
     constexpr int lastPort = 65535;
     constexpr int lastType = 255;
-    const auto options = std::make_shared<SetOptions>();
-    CLI::App& verb = addVerb(proxyGroup(app), "set",
-                             "Tells the daemon of the proxy, as the hub does, and shows what is stored then. The "
-                             "password comes from a prompt, from standard input or from a file, and is stored "
-                             "encrypted with this machine's key.",
-                             "  sentrelctl proxy set proxy.example --port 3128\n"
-                             "  sentrelctl proxy set proxy.example --user anna --auth --password-file secret.txt");
-    verb.add_option("host", options->host, "Name or address of the proxy")->required()->option_text("HOST");
-    verb.add_option("--port", options->port, "Its port (default 80)")->option_text("N")->check(CLI::Range(1, lastPort));
-    verb.add_option("--type", options->type, "Its type, a number that the browser components know (default 0)")
-        ->option_text("N")
-        ->check(CLI::Range(0, lastType));
-    verb.add_option("--user", options->user, "The user's name at the proxy; without it, none")->option_text("NAME");
-    verb.add_flag("--auth", options->authenticates, "The proxy asks for name and password");
-    verb.add_option("--password-file", options->passwordFile, "The password (-: standard input, or a prompt)")
-        ->option_text("FILE");
-    verb.add_flag("--as-is", options->isAsIs,
-                  "Do not encrypt the password: 'sentrelctl encrypt' has done so, or every user of this machine may "
-                  "read it");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { proxySet(session, *options); }; });
+    set.add("host", options->host, "Name or address of the proxy").required().shownAs("HOST");
+    set.add("--port", options->port, "Its port (default 80)").shownAs("N").between(1, lastPort);
+    set.add("--type", options->type, "Its type, a number that the browser components know (default 0)")
+        .shownAs("N")
+        .between(0, lastType);
+    set.add("--user", options->user, "The user's name at the proxy; without it, none").shownAs("NAME");
+    set.addFlag("--auth", options->authenticates, "The proxy asks for name and password");
+    set.add("--password-file", options->passwordFile, "The password (-: standard input, or a prompt)").shownAs("FILE");
+    set.addFlag("--as-is", options->isAsIs,
+                "Do not encrypt the password: 'sentrelctl encrypt' has done so, or every user of this machine may "
+                "read it");
+    set.addTimeout(options->timeout);
+    return [options, &session] { proxySet(session, *options); };
 }
 
-void registerShow(CLI::App& app, Session& session) {
-    CLI::App& verb = addVerb(proxyGroup(app), "show",
-                             "Shows the proxy that is stored in the settings file, but not its password. Needs neither "
-                             "hub nor daemon.",
-                             "  sentrelctl proxy show");
-    verb.callback([&session] { session.chosen = [&session] { proxyShow(session); }; });
+Work describeShow(OptionSet& /*set*/, Session& session) {
+    return [&session] { proxyShow(session); };
 }
 
 } // namespace
 
-void registerProxy(CLI::App& app, Session& session) {
-    registerSet(app, session);
-    registerShow(app, session);
+Verbs proxyVerbs() {
+    static constexpr std::array<Verb, 2> verbs{{
+        {"proxy", "set",
+         "Tells the daemon of the proxy, as the hub does, and shows what is stored then. The "
+         "password comes from a prompt, from standard input or from a file, and is stored "
+         "encrypted with this machine's key.",
+         "  sentrelctl proxy set proxy.example --port 3128\n"
+         "  sentrelctl proxy set proxy.example --user anna --auth --password-file secret.txt",
+         describeSet},
+        {"proxy", "show",
+         "Shows the proxy that is stored in the settings file, but not its password. Needs neither "
+         "hub nor daemon.",
+         "  sentrelctl proxy show", describeShow},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

@@ -1,8 +1,9 @@
 // sentrelctl settings init: the one step that makes the tables of the settings file.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "base/Paths.h"
 
+#include <array>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
@@ -22,15 +23,20 @@ void settingsInit(Session& session) {
                           : fmt::format("{} is ready; made {}.\n", path, fmt::join(tables.created, ", ")));
 }
 
+Work describeInit(OptionSet& /*set*/, Session& session) {
+    return [&session] { settingsInit(session); };
+}
+
 } // namespace
 
-void registerSettings(CLI::App& app, Session& session) {
-    CLI::App& verb =
-        addVerb(verbGroup(app, "settings", "The daemon's settings file"), "init",
-                "Makes the tables that the settings file lacks, and the file when there is none. What is in "
-                "it stays. Needs neither hub nor daemon.",
-                "  sentrelctl settings init");
-    verb.callback([&session] { session.chosen = [&session] { settingsInit(session); }; });
+Verbs settingsVerbs() {
+    static constexpr std::array<Verb, 1> verbs{{
+        {"settings", "init",
+         "Makes the tables that the settings file lacks, and the file when there is none. What is in "
+         "it stays. Needs neither hub nor daemon.",
+         "  sentrelctl settings init", describeInit},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

@@ -1,11 +1,12 @@
 // sentrelctl status and about: what the daemon says of itself.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/CommandChannel.h"
 #include "apps/sentrelctl/clients/HubClient.h"
 #include "apps/sentrelctl/verbs/StatusLayout.h"
 #include "base/Paths.h"
 #include "hub/HubIds.h"
 
+#include <array>
 #include <cerrno>
 #include <memory>
 
@@ -75,23 +76,28 @@ void about(Session& session, const Options& options) {
                                                     : jsonText(aboutJson(data), session.json));
 }
 
-} // namespace
-
-void registerStatus(CLI::App& app, Session& session) {
+Work describeStatus(OptionSet& set, Session& session) {
     const auto options = std::make_shared<Options>();
-    CLI::App& verb =
-        addVerb(app, "status", "Shows whether the machine is protected and managed, why, and the daemon's health.",
-                "  sentrelctl status\n  sentrelctl status --json=short | jq -r .status");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { status(session, *options); }; });
+    set.addTimeout(options->timeout);
+    return [options, &session] { status(session, *options); };
 }
 
-void registerAbout(CLI::App& app, Session& session) {
+Work describeAbout(OptionSet& set, Session& session) {
     const auto options = std::make_shared<Options>();
-    CLI::App& verb =
-        addVerb(app, "about", "Shows the daemon's version, its service pack and its hotfixes.", "  sentrelctl about");
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { about(session, *options); }; });
+    set.addTimeout(options->timeout);
+    return [options, &session] { about(session, *options); };
+}
+
+} // namespace
+
+Verbs statusVerbs() {
+    static constexpr std::array<Verb, 2> verbs{{
+        {"", "status", "Shows whether the machine is protected and managed, why, and the daemon's health.",
+         "  sentrelctl status\n  sentrelctl status --json=short | jq -r .status", describeStatus},
+        {"", "about", "Shows the daemon's version, its service pack and its hotfixes.", "  sentrelctl about",
+         describeAbout},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

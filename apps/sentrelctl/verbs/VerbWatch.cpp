@@ -2,7 +2,7 @@
 //
 // An event says that something has changed and not what, so all preferences are read back and compared with what was
 // read last. The subscription stands before the first read: nothing falls between.
-#include "apps/sentrelctl/Session.h"
+#include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/ChangeBell.h"
 #include "apps/sentrelctl/clients/HubClient.h"
 #include "apps/sentrelctl/preferences/PreferenceLayout.h"
@@ -12,6 +12,7 @@
 #include "base/Paths.h"
 #include "hub/HubIds.h"
 
+#include <array>
 #include <chrono>
 #include <fmt/format.h>
 #include <memory>
@@ -92,14 +93,19 @@ void watch(Session& session, const Options& options) {
     }
 }
 
+Work describeWatch(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<Options>();
+    set.addTimeout(options->timeout);
+    return [options, &session] { watch(session, *options); };
+}
+
 } // namespace
 
-void registerWatch(CLI::App& app, Session& session) {
-    const auto options = std::make_shared<Options>();
-    CLI::App& verb =
-        addVerb(app, "watch", "Shows the preferences and then each change to them, until Ctrl-C.", kExample);
-    addTimeout(verb, options->timeout);
-    verb.callback([options, &session] { session.chosen = [options, &session] { watch(session, *options); }; });
+Verbs watchVerbs() {
+    static constexpr std::array<Verb, 1> verbs{{
+        {"", "watch", "Shows the preferences and then each change to them, until Ctrl-C.", kExample, describeWatch},
+    }};
+    return verbs;
 }
 
 } // namespace Sentrel::ctl

@@ -1,5 +1,6 @@
 // What the doctor makes of what it finds. That it finds it is tested on real machines.
 #include "apps/sentrelctl/doctor/Doctor.h"
+#include "apps/sentrelctl/terminal/Json.h"
 
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/Paths.h"

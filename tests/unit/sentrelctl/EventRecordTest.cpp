@@ -1,6 +1,7 @@
 // The bytes of a record, field by field.
 #include "apps/sentrelctl/clients/EventRecord.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "apps/sentrelctl/terminal/Json.h"
 
 #include <cstring>
 #include <gtest/gtest.h>

@@ -1,6 +1,7 @@
 // Writing to descriptors that take everything, nothing, or a little at a time.
 #include "apps/sentrelctl/terminal/Output.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "apps/sentrelctl/terminal/Json.h"
 
 #include <array>
 #include <csignal>

@@ -1,5 +1,6 @@
 // The preferences as text and as JSON, and what tells two snapshots apart.
 #include "apps/sentrelctl/preferences/PreferenceLayout.h"
+#include "apps/sentrelctl/terminal/Json.h"
 
 #include <gtest/gtest.h>
 
@@ -72,8 +73,9 @@ TEST(TwoSnapshots, AreToldApartByEveryPreference) {
                                                          "  unverified-sites   allow -> block\n"
                                                          "  category-blocking  off -> on\n"
                                                          "  allow-over-block   off -> on\n");
-    EXPECT_EQ(changesBetween(Snapshot(), after)[2].json.dump(),
-              R"({"name":"red_sites","before":"block","after":"allow"})");
+    EXPECT_EQ(jsonText(changesBetween(Snapshot(), after)[2].json, JsonMode::Short),
+              R"({"name":"red_sites","before":"block","after":"allow"})"
+              "\n");
 }
 
 TEST(TwoSnapshots, AreToldApartByTheEntriesOfTheirLists) {
@@ -83,8 +85,10 @@ TEST(TwoSnapshots, AreToldApartByTheEntriesOfTheirLists) {
     const std::vector<Change> changes = changesBetween(sample(), after);
     EXPECT_EQ(textOf(changes), "  list\n    - allow http://a/\n    + block http://a/\n"
                                "  categories\n    - \\x1b[2J\n    + News\n");
-    EXPECT_EQ(changes[0].json.dump(), R"({"name":"list","removed":[{"url":"http://a/","action":"allow","code":0}],)"
-                                      R"("added":[{"url":"http://a/","action":"block","code":1}]})");
+    EXPECT_EQ(jsonText(changes[0].json, JsonMode::Short),
+              R"({"name":"list","removed":[{"url":"http://a/","action":"allow","code":0}],)"
+              R"("added":[{"url":"http://a/","action":"block","code":1}]})"
+              "\n");
 }
 
 TEST(TwoSnapshots, DoNotBuryTheReaderUnderAListThatWasReplaced) {
@@ -95,7 +99,8 @@ TEST(TwoSnapshots, DoNotBuryTheReaderUnderAListThatWasReplaced) {
     const std::string text = textOf(changesBetween(Snapshot(), after));
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 22);
     EXPECT_TRUE(text.ends_with("    + … and 980 more\n")) << text;
-    EXPECT_EQ(changesBetween(Snapshot(), after)[0].json["added"].size(), 1000U) << "a program is given all";
+    Json added = changesBetween(Snapshot(), after)[0].json["added"];
+    EXPECT_EQ(std::get<Json::Array>(added.value()).size(), 1000U) << "a program is given all";
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // Names and values as people type and read them.
 #include "apps/sentrelctl/preferences/PreferenceNames.h"
+#include "apps/sentrelctl/terminal/Json.h"
 
 #include <functional>
 #include <gtest/gtest.h>

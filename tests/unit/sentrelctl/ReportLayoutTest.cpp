@@ -1,5 +1,6 @@
 // The exact text and the exact JSON of a report.
 #include "apps/sentrelctl/reports/ReportLayout.h"
+#include "apps/sentrelctl/terminal/Json.h"
 #include "tests/unit/sentrelctl/SampleReport.h"
 
 #include <cstdlib>

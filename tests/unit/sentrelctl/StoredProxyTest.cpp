@@ -1,5 +1,6 @@
 // The proxy settings in a settings file, and what is told of them.
 #include "apps/sentrelctl/preferences/StoredProxy.h"
+#include "apps/sentrelctl/terminal/Json.h"
 
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "apps/sentrelctl/terminal/Failure.h"

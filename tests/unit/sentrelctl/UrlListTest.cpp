@@ -91,8 +91,10 @@ TEST(AComparison, FindsEntriesThatLackOrAreOfTheOtherKind) {
 TEST(AList, IsCountedByKind) {
     EXPECT_EQ(countText({}), "0 entries: 0 allow, 0 block");
     EXPECT_EQ(countText({{"a", -3}}), "1 entry: 0 allow, 1 block");
-    EXPECT_EQ(countJson({{"a", 0}, {"b", 7}, {"c", 1}}).dump(), R"({"entries":3,"allow":1,"block":2})");
-    EXPECT_EQ(entryJson({"\xff", 7}).dump(), R"({"url":"\\xff","action":"block","code":7})");
+    EXPECT_EQ(jsonText(countJson({{"a", 0}, {"b", 7}, {"c", 1}}), JsonMode::Short),
+              "{\"entries\":3,\"allow\":1,\"block\":2}\n");
+    EXPECT_EQ(jsonText(entryJson({"\xff", 7}), JsonMode::Short),
+              "{\"url\":\"\\\\xff\",\"action\":\"block\",\"code\":7}\n");
 }
 
 } // namespace

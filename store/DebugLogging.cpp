@@ -8,12 +8,16 @@
 #include "store/PreferenceFile.h"
 #include "store/STPreferenceController.h"
 
+#include <boost/filesystem/directory.hpp>
 #include <boost/filesystem/operations.hpp>
 
 #include <pthread.h>
 
+#include <array>
 #include <atomic>
 #include <cstdint>
+#include <fstream>
+#include <string>
 
 namespace Sentrel {
 
@@ -23,7 +27,42 @@ static pthread_mutex_t configFile_Mutex = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
-std::atomic<int> workers{0}; // from before the start of each until its last step
+std::atomic<int> workers{0}; // each counts itself in with its first step and out with its last
+
+constexpr const char* kWorkerName = "debug-logging"; // at most 15 characters
+
+/// Gives the calling thread the name of a worker while it lives. A thread is born with the name of the one that starts
+/// it, so that the kernel tells a worker also before its first step.
+/// Threads: the one that makes it. Owner: a local.
+class NameForWorkers {
+public:
+    NameForWorkers() {
+        pthread_getname_np(pthread_self(), m_before.data(), m_before.size());
+        pthread_setname_np(pthread_self(), kWorkerName);
+    }
+    ~NameForWorkers() { pthread_setname_np(pthread_self(), m_before.data()); }
+    NameForWorkers(const NameForWorkers&) = delete;
+    NameForWorkers& operator=(const NameForWorkers&) = delete;
+
+private:
+    std::array<char, 16> m_before{};
+};
+
+/// Whether this process has a thread with the name of a worker; also when that cannot be found out.
+bool hasThreadOfWorker() {
+    try {
+        for (const auto& thread : boost::filesystem::directory_iterator("/proc/self/task")) {
+            std::string name;
+            std::getline(std::ifstream((thread.path() / "comm").string()), name);
+            if (name == kWorkerName) {
+                return true;
+            }
+        }
+        return false;
+    } catch (...) {
+        return true;
+    }
+}
 
 /// The worker's release of a lock that another thread took. Has a frame of its own, by which
 /// tests/tsan-suppressions.txt knows it.
@@ -105,10 +144,10 @@ bool STPreferenceController::setDebugLoggingStatus(bool status) {
                      L"operation\n");
             return false;
         }
-        ++workers;
         pthread_t worker{};
         // NOLINTNEXTLINE(performance-no-int-to-ptr): the argument is the number itself
         auto* argument = reinterpret_cast<void*>(static_cast<std::intptr_t>(status));
+        const NameForWorkers name;
         static_cast<void>(pthread_create(&worker, nullptr, updateHVConfigAndReloadHVB, argument));
     } catch (...) {
         ST_TRACE(configFlow, 1, L"STPreferenceController::setDebugLoggingStatus - Caught unknown exception\n");
@@ -126,7 +165,8 @@ bool STPreferenceController::setDebugLoggingStatus(bool status) {
 }
 
 bool STPreferenceController::isChangingDebugLogging() {
-    return workers != 0;
+    // In this order: a worker has its name for longer than it is counted.
+    return workers != 0 || hasThreadOfWorker();
 }
 
 void STPreferenceController::changeDebugLogging(bool status) {
@@ -142,6 +182,7 @@ void STPreferenceController::changeDebugLogging(bool status) {
 }
 
 void* STPreferenceController::updateHVConfigAndReloadHVB(void* status) {
+    ++workers;
     // Nobody joins a worker. Unless it lets go of itself, each leaves its stack behind for good.
     const pthread_t self = pthread_self();
     pthread_detach(self);

@@ -98,7 +98,8 @@ public:
     /// thread can be started, the change never ends, and each later one is dropped until the process starts anew.
     /// @return whether the settings file has a note of it; false also for a change that was dropped. Never throws.
     bool setDebugLoggingStatus(bool status);
-    /// Whether a worker of such a change is under way. Nobody waits for it, so that the process may end before it does.
+    /// Whether a worker of such a change is under way, also one that has been started and has not begun. Nobody waits
+    /// for it, so that the process may end before it does. Requires that no change is being asked for meanwhile.
     static bool isChangingDebugLogging();
 
     /// Stores the proxy that the hub published, field by field; a failure leaves the fields before it stored. An empty

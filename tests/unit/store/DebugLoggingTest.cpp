@@ -11,9 +11,13 @@
 #include "tests/unit/store/WorkerGate.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
+#include <cstdlib>
+#include <future>
 #include <regex>
 #include <stdexcept>
+#include <thread>
 
 namespace testing_support {
 namespace {
@@ -192,6 +196,44 @@ TEST_F(ADebugLoggingChange, IsUnderWayFromItsStartUntilTheHubHasReloadedHoweverO
     }
     EXPECT_EQ(hub.commands.size(), 1U);
     EXPECT_FALSE(STPreferenceController::isChangingDebugLogging());
+}
+
+TEST_F(ADebugLoggingChange, IsUnderWayBeforeItsThreadHasBegun) {
+    WorkerGate gate;
+    it().setDebugLoggingStatus(true);
+    EXPECT_TRUE(eventually([&] { return gate.waiting() == 1; }));
+    EXPECT_TRUE(STPreferenceController::isChangingDebugLogging());
+}
+
+TEST_F(ADebugLoggingChange, LeavesTheNameOfWhoAsksAsItWas) {
+    const auto name = [] {
+        std::array<char, 16> text{};
+        EXPECT_EQ(pthread_getname_np(pthread_self(), text.data(), text.size()), 0);
+        return std::string(text.data());
+    };
+    const std::string before = name();
+    change(true);
+    EXPECT_EQ(name(), before);
+}
+
+/// In a process of its own, as the lock is never given back.
+TEST_F(ADebugLoggingChange, WhoseThreadCannotBeStartedIsNotUnderWayAndDropsEachLaterOne) {
+    const auto fail = [] {
+        std::promise<void> end;
+        std::thread another([&end] { end.get_future().wait(); });
+        WorkerGate gate;
+        gate.refuses = true;
+        EXPECT_TRUE(it().setDebugLoggingStatus(true)) << "the note is made";
+        EXPECT_EQ(gate.refusals, 1);
+        EXPECT_FALSE(STPreferenceController::isChangingDebugLogging());
+        gate.refuses = false;
+        EXPECT_FALSE(it().setDebugLoggingStatus(false)) << "the lock is kept";
+        EXPECT_EQ(gate.starts, 0);
+        end.set_value();
+        another.join();
+        std::_Exit(HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(fail(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(ADebugLoggingChange, ChangesTheMemoryAfterTheFileAndSignalsBeforeTheHubReloads) {

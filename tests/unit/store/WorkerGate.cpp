@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -67,6 +68,11 @@ void WorkerGate::open() {
     m_changed.notify_all();
 }
 
+std::size_t WorkerGate::waiting() {
+    const std::lock_guard lock(m_mutex);
+    return m_isOpen ? 0 : m_threads.size();
+}
+
 void WorkerGate::waitUntilAllEnded() {
     EXPECT_TRUE(testing_support::eventually([this] {
         const std::lock_guard lock(m_mutex);
@@ -76,6 +82,10 @@ void WorkerGate::waitUntilAllEnded() {
 }
 
 int WorkerGate::start(pthread_t* thread, const pthread_attr_t* attributes, void* (*routine)(void*), void* value) {
+    if (refuses) {
+        ++refusals;
+        return EAGAIN;
+    }
     ++starts;
     hadDefaultAttributes = hadDefaultAttributes && attributes == nullptr;
     argument = value;

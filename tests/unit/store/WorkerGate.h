@@ -3,6 +3,7 @@
 #pragma once
 
 #include <condition_variable>
+#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -22,9 +23,13 @@ public:
     ~WorkerGate();
 
     void open();
+    /// How many threads wait at the gate.
+    std::size_t waiting();
     /// Waits until every thread that was started has ended, and its stack and all of it is gone from the process.
     void waitUntilAllEnded();
 
+    bool refuses = false; ///< threads cannot be started
+    int refusals = 0;
     int starts = 0;
     bool hadDefaultAttributes = true;
     void* argument = nullptr; ///< of the last start

@@ -202,7 +202,8 @@ def limit_resources():
 def run(command, timeout, cwd):
     """Exit status, None when the time was over, and the output."""
     with subprocess.Popen(command, cwd=cwd, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, errors="replace",
-                          stdin=subprocess.DEVNULL, start_new_session=True, preexec_fn=limit_resources) as child:
+                          stdin=subprocess.DEVNULL, start_new_session=True, preexec_fn=limit_resources,
+                          env={**os.environ, "GTEST_FAIL_FAST": "1"}) as child:
         try:
             output, _ = child.communicate(timeout=timeout)
             status = child.returncode
@@ -352,6 +353,7 @@ def parse_arguments():
     parser.add_argument("paths", nargs="*", help="folders, files or file:line; default: " + " ".join(PROGRAMS))
     parser.add_argument("--sample", type=int, metavar="N", help="try N mutants of each folder; default: all")
     parser.add_argument("--seed", type=int, default=1, help="which N; default: 1")
+    parser.add_argument("--minutes", type=int, metavar="M", help="begin no mutant later than this; order by chance")
     parser.add_argument("--skip-trace", action="store_true", help="leave the trace lines as they are")
     parser.add_argument("--list", action="store_true", help="print the mutants and check survivors.txt, build nothing")
     parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="compilers and tests at a time")
@@ -365,15 +367,21 @@ def choose(arguments):
     for file, line in sorted({found for path in arguments.paths or PROGRAMS for found in files_of(path)}):
         by_folder[file.split("/")[0]] += [m for m in mutants_of(file, arguments.skip_trace) if line in (None, m.line)]
     population = {folder: len(mutants) for folder, mutants in by_folder.items()}
-    return population, [m for folder in sorted(by_folder)
-                        for m in sampled(by_folder[folder], arguments.sample, f"{arguments.seed} {folder}")]
+    chosen = [m for folder in sorted(by_folder)
+              for m in sampled(by_folder[folder], arguments.sample, f"{arguments.seed} {folder}")]
+    if arguments.minutes:
+        random.Random(arguments.seed).shuffle(chosen)  # so that what is tried in the time is an even sample too
+    return population, chosen
 
 
 def try_all(chosen, arguments, explanations):
     ctypes.CDLL(None).prctl(36, 1, 0, 0, 0)  # PR_SET_CHILD_SUBREAPER: what a killed test leaves comes to us
-    copy, limits, results = Copy(arguments.scratch, arguments.jobs), {}, []
+    copy, limits, results, began = Copy(arguments.scratch, arguments.jobs), {}, [], time.monotonic()
     try:
         for number, mutant in enumerate(chosen, 1):
+            if arguments.minutes and time.monotonic() > began + 60 * arguments.minutes:
+                print(f"\n{arguments.minutes} minutes are over.")
+                break
             programs = tuple(programs_for(mutant.file))
             if programs not in limits:
                 limits[programs] = baseline(copy, programs)

@@ -1,4 +1,5 @@
-// The PID file. Real: the file, its lock, the other process. A test can have the second lock fail (--wrap).
+// The PID file. Real: the file, its lock, the other process. What happens at the second lock is a test's
+// choice (--wrap).
 #include "daemon/VXControllerDaemon.h"
 
 #include "daemon/Trace.h"
@@ -11,6 +12,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 using namespace testing_support;
 using Sentrel::VXController;
@@ -21,9 +23,13 @@ extern "C" {
 int __real_lockf64(int fd, int command, off_t size);
 int __wrap_lockf64(int fd, int command, off_t size);
 
-static int errorOfLocking = 0; // with which F_LOCK fails; 0: it does not
+static int errorOfLocking = 0;      // with which F_LOCK fails; 0: it does not
+static int closedWhileLocking = -1; // a descriptor that somebody else closes just then; -1: none
 
 int __wrap_lockf64(int fd, int command, off_t size) {
+    if (command == F_LOCK && closedWhileLocking >= 0) {
+        close(std::exchange(closedWhileLocking, -1));
+    }
     if (command != F_LOCK || errorOfLocking == 0) {
         return __real_lockf64(fd, command, size);
     }
@@ -151,6 +157,18 @@ TEST_F(APidFile, KeepsTheNumberOfItsClosedDescriptorFromEverybodyElseUntilItIsRe
     EXPECT_NE(firstFreeDescriptor(), number);
     controller.removePidFile();
     EXPECT_EQ(firstFreeDescriptor(), number);
+}
+
+TEST_F(APidFile, KeepsTheNumberOfItsClosedDescriptorAlsoWhenALowerOneIsFree) {
+    closedWhileLocking = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int lower = closedWhileLocking;
+    const int number = firstFreeDescriptor();
+    ASSERT_LT(lower, number);
+    EXPECT_TRUE(controller.createPidFile());
+    EXPECT_EQ(firstFreeDescriptor(), lower);
+    EXPECT_EQ(fcntl(number, F_GETFD), FD_CLOEXEC);
+    controller.removePidFile();
+    EXPECT_EQ(fcntl(number, F_GETFD), -1);
 }
 
 TEST_F(APidFile, IsUnlinkedWithATraceLineAtLevelThree) {

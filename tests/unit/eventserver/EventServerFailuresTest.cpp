@@ -1,5 +1,5 @@
-// The event server on a system that refuses: listen, chmod and select fail as they are told to. Real: the socket, its
-// queue, the trace log.
+// The event server on a system that refuses: listen, chmod, select and pthread_create fail as they are told to. Real:
+// the socket, its queue, the trace log.
 #include "events/STEventServer.h"
 
 #include "daemon/Trace.h"
@@ -15,6 +15,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <filesystem>
 #include <stdexcept>
 
 using namespace testing_support;
@@ -63,6 +65,42 @@ TEST_F(AnEventServerThatIsRefused, DoesNotStartWithoutAListeningSocket) {
     STEventServer::releaseInstance();
     calls.listenError = EOPNOTSUPP;
     EXPECT_EQ(setUpLines(), afterTheStaleNode("Error in registering listener to socket"));
+}
+
+TEST_F(AnEventServerThatIsRefused, WaitsForNoThreadThatItDidNotGet) {
+    calls.threadError = EAGAIN;
+    const TraceLog log;
+    STEventServer::getInstance()->start();
+    STEventServer::releaseInstance();
+    EXPECT_TRUE(log.has("STEventServer::start - invoking run on a seperate thread"));
+    EXPECT_FALSE(log.has("STEventServer::~STEventServer - waiting for pthread to terminate"));
+}
+
+/// An install root whose socket's path has a length of the test's choice.
+class RootWithASocketPathOf {
+public:
+    explicit RootWithASocketPathOf(std::size_t length) {
+        const std::size_t missing = length - m_short.eventSocket().size() - 1;
+        const std::string root = m_short.path() + "/" + std::string(missing, 'd');
+        m_directory = root + "/Users/Shared/.orvanta";
+        std::filesystem::create_directories(m_directory);
+        setenv("SENTREL_INSTALL_ROOT", root.c_str(), 1);
+    }
+
+    bool hasASocket() const { return !std::filesystem::is_empty(m_directory); }
+
+private:
+    DaemonRoot m_short;
+    std::string m_directory;
+};
+
+TEST(AnEventServersPath, MayBeAsLongAsASocketAddressHoldsWithItsTerminator) {
+    for (const std::size_t length : {sizeof(sockaddr_un::sun_path) - 1, sizeof(sockaddr_un::sun_path)}) {
+        const RootWithASocketPathOf root(length);
+        STEventServer::getInstance();
+        STEventServer::releaseInstance();
+        EXPECT_EQ(root.hasASocket(), length < sizeof(sockaddr_un::sun_path)) << length;
+    }
 }
 
 TEST(AnEventServersQueue, HoldsFiveAndTheOneInFront) {

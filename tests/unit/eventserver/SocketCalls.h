@@ -1,5 +1,5 @@
-// Failures of the system that a test of the event server cannot bring about: the linker leads listen, chmod and select
-// here (--wrap). Whatever a test does not set is answered by the real call.
+// Failures of the system that a test of the event server cannot bring about: the linker leads listen, chmod, select and
+// pthread_create here (--wrap). Whatever a test does not set is answered by the real call.
 #pragma once
 
 #include <deque>
@@ -12,6 +12,7 @@ struct SocketCalls {
     static SocketCalls& instance();
 
     int listenError = 0;                     ///< errno with which listen fails; 0: it does not
+    int threadError = 0;                     ///< what pthread_create gives; 0: a thread
     int chmodError = 0;                      ///< errno with which chmod fails; 0: it does not
     std::deque<std::function<int()>> select; ///< what the next calls of select do; they may set errno and throw
 };

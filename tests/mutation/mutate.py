@@ -397,6 +397,8 @@ def try_all(chosen, arguments, explanations):
 
 def main():
     arguments = parse_arguments()
+    for stop in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(stop, signal.default_int_handler)  # a background shell would have the first ignored
     try:
         entries = read_list()
         check_list(entries)

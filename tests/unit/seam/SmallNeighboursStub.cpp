@@ -15,10 +15,8 @@ public:
     bool SaveToFile(char* path);
 };
 
-// The forms are what was agreed.
-// NOLINTNEXTLINE(performance-unnecessary-value-param)
 LibXmlWrapper::LibXmlWrapper(std::string /*path*/) {}
-LibXmlWrapper::~LibXmlWrapper() {}
+LibXmlWrapper::~LibXmlWrapper() = default;
 std::string LibXmlWrapper::getXPathStringValue(const char* /*xpath*/) {
     return {};
 }

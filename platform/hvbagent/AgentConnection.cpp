@@ -11,6 +11,11 @@
 #include <utility>
 
 namespace HVBEnterprise::agent {
+namespace {
+
+constexpr int kQos = 1;
+
+} // namespace
 
 AgentConnection::AgentConnection(AgentConfiguration configuration, std::shared_ptr<Outbox> outbox,
                                  std::shared_ptr<AgentWorker> worker, std::shared_ptr<AgentLog> log)
@@ -59,10 +64,15 @@ void AgentConnection::run() noexcept {
 }
 
 void AgentConnection::makeSession() {
-    const Credentials credentials =
-        m_configuration.credentialsFile.empty() ? Credentials() : loadCredentials(m_configuration.credentialsFile);
-    const Publication will{m_topics.state(), stateDocument(false, timeText())};
-    m_session = std::make_unique<MqttSession>(m_configuration, credentials, will, static_cast<MqttReceiver&>(*this));
+    m_session = std::make_unique<MqttSession>(
+        MqttSettings{.host = m_configuration.host,
+                     .port = m_configuration.port,
+                     .tls = m_configuration.tls,
+                     .credentialsFile = m_configuration.credentialsFile,
+                     .keepalive = m_configuration.keepalive,
+                     .clientId = "sentrel-" + m_configuration.site + "-" + m_configuration.machine,
+                     .will = Publication{m_topics.state(), stateDocument(false, timeText())}},
+        static_cast<MqttReceiver&>(*this));
 }
 
 void AgentConnection::attempt() {
@@ -153,12 +163,12 @@ void AgentConnection::connected() {
     m_connectedAt = Clock::now();
     m_lastReason.clear();
     // From the site's down to this machine's own: the last retained policy that comes is the nearest.
-    m_session->subscribe(m_topics.groupPolicy(kEveryMachine));
+    m_session->subscribe(m_topics.groupPolicy(kEveryMachine), kQos);
     for (const std::string& group : m_configuration.groups) {
-        m_session->subscribe(m_topics.groupPolicy(group));
+        m_session->subscribe(m_topics.groupPolicy(group), kQos);
     }
-    m_session->subscribe(m_topics.policy());
-    m_session->subscribe(m_topics.collect());
+    m_session->subscribe(m_topics.policy(), kQos);
+    m_session->subscribe(m_topics.collect(), kQos);
     m_outbox->setConnected(true);
     m_outbox->post({m_topics.state(), stateDocument(true, timeText())});
     m_log->information("connected to the broker " + shortPrintable(m_configuration.host) + " as machine " +
@@ -166,12 +176,14 @@ void AgentConnection::connected() {
     m_worker->collect(true);
 }
 
-void AgentConnection::acknowledged(int number) {
+void AgentConnection::acknowledged(int number, int /*reason*/) {
     m_inFlight.erase(number);
 }
 
-void AgentConnection::subscriptionRefused() {
-    m_log->warning("the broker does not let this machine subscribe to one of its topics");
+void AgentConnection::subscribed(int /*number*/, int reason) {
+    if (reason >= kFirstRefusal) {
+        m_log->warning("the broker does not let this machine subscribe to one of its topics");
+    }
 }
 
 void AgentConnection::message(std::string_view topic, std::string_view payload, bool retained) {

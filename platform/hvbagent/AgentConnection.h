@@ -50,8 +50,8 @@ private:
 
     void connected() override;
     void message(std::string_view topic, std::string_view payload, bool retained) override;
-    void acknowledged(int number) override;
-    void subscriptionRefused() override;
+    void acknowledged(int number, int reason) override;
+    void subscribed(int number, int reason) override;
 
     void policyCame(std::string_view topic, std::string_view payload);
     void collectCame(std::string_view payload, bool retained);

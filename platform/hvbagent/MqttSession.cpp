@@ -5,6 +5,7 @@
 #include "platform/hvbagent/PrivateFile.h"
 
 #include <mosquitto.h>
+#include <mqtt_protocol.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -38,7 +39,7 @@ mosquitto* makeHandle(const std::string& clientId, void* user) {
     const std::lock_guard lock(oneAtATime);
     struct sigaction before {};
     sigaction(SIGPIPE, nullptr, &before);
-    mosquitto* const handle = mosquitto_new(clientId.c_str(), true, user);
+    mosquitto* const handle = mosquitto_new(clientId.empty() ? nullptr : clientId.c_str(), true, user);
     sigaction(SIGPIPE, &before, nullptr);
     if (handle == nullptr) {
         throw std::bad_alloc();
@@ -64,21 +65,18 @@ struct MqttSession::Callbacks {
         auto& session = *static_cast<MqttSession*>(user);
         try {
             body(session);
+        } catch (const MqttFailure& failure) {
+            session.m_refusal = failure;
         } catch (const std::exception& error) {
-            session.m_refusal.assign(error.what());
+            session.m_refusal = MqttFailure(error.what());
         } catch (...) {
-            session.m_refusal.assign("unknown");
+            session.m_refusal = MqttFailure("unknown");
         }
     }
 
-    static void onConnect(mosquitto* /*handle*/, void* user, int code) noexcept {
-        guard(user, [code](MqttSession& session) {
-            if (code != 0) {
-                throw MqttFailure(std::string("the broker refuses this machine: ") + mosquitto_connack_string(code));
-            }
-            session.m_connected = true;
-            session.m_receiver.connected();
-        });
+    static void onConnect(mosquitto* /*handle*/, void* user, int code, int /*flags*/,
+                          const mosquitto_property* /*properties*/) noexcept {
+        guard(user, [code](MqttSession& session) { session.connectAnswered(code); });
     }
 
     static void onMessage(mosquitto* /*handle*/, void* user, const mosquitto_message* message) noexcept {
@@ -89,17 +87,13 @@ struct MqttSession::Callbacks {
         });
     }
 
-    static void onPublish(mosquitto* /*handle*/, void* user, int number) noexcept {
-        guard(user, [number](MqttSession& session) { session.m_receiver.acknowledged(number); });
+    static void onPublish(mosquitto* /*handle*/, void* user, int number, int reason,
+                          const mosquitto_property* /*properties*/) noexcept {
+        guard(user, [=](MqttSession& session) { session.m_receiver.acknowledged(number, reason); });
     }
 
-    static void onSubscribe(mosquitto* /*handle*/, void* user, int /*number*/, int count, const int* granted) noexcept {
-        constexpr int refused = 0x80;
-        guard(user, [count, granted](MqttSession& session) {
-            if (count == 1 && *granted >= refused) {
-                session.m_receiver.subscriptionRefused();
-            }
-        });
+    static void onSubscribe(mosquitto* /*handle*/, void* user, int number, int count, const int* granted) noexcept {
+        guard(user, [=](MqttSession& session) { session.m_receiver.subscribed(number, count > 0 ? *granted : 0); });
     }
 
     static void onLog(mosquitto* /*handle*/, void* user, int level, const char* text) noexcept {
@@ -111,35 +105,59 @@ struct MqttSession::Callbacks {
     }
 };
 
+bool isAccessRefusal(int reason) {
+    constexpr int badUserOf311 = 4; // in the answer to a connection alone
+    constexpr int notAuthorizedOf311 = 5;
+    return reason == MQTT_RC_BAD_USERNAME_OR_PASSWORD || reason == MQTT_RC_NOT_AUTHORIZED || reason == badUserOf311 ||
+           reason == notAuthorizedOf311;
+}
+
+std::string reasonText(int reason) {
+    return mosquitto_reason_string(reason);
+}
+
 void MqttSession::Destroy::operator()(mosquitto* handle) const noexcept {
     mosquitto_destroy(handle);
 }
 
-MqttSession::MqttSession(const AgentConfiguration& configuration, const Credentials& credentials,
-                         const Publication& will, MqttReceiver& receiver)
-    : m_configuration(configuration), m_receiver(receiver),
-      m_handle(makeHandle("sentrel-" + configuration.site + "-" + configuration.machine, this)) {
+MqttSession::MqttSession(MqttSettings settings, MqttReceiver& receiver)
+    : m_settings(std::move(settings)), m_receiver(receiver), m_handle(makeHandle(m_settings.clientId, this)) {
     mosquitto* const handle = m_handle.get();
-    check(mosquitto_int_option(handle, MOSQ_OPT_TCP_NODELAY, 1)); // a result is one small segment, often behind another
-    mosquitto_connect_callback_set(handle, Callbacks::onConnect);
-    mosquitto_message_callback_set(handle, Callbacks::onMessage);
-    mosquitto_publish_callback_set(handle, Callbacks::onPublish);
-    mosquitto_subscribe_callback_set(handle, Callbacks::onSubscribe);
-    mosquitto_log_callback_set(handle, Callbacks::onLog);
-    check(mosquitto_will_set(handle, will.topic.c_str(), static_cast<int>(will.payload.size()), will.payload.data(),
-                             kQos, true));
-    if (!configuration.credentialsFile.empty()) {
-        check(mosquitto_username_pw_set(handle, credentials.user.c_str(), credentials.password.c_str()));
+    if (m_settings.asksWhy) {
+        check(mosquitto_int_option(handle, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5));
     }
-    if (configuration.tls) {
-        setTls(configuration);
+    check(mosquitto_int_option(handle, MOSQ_OPT_TCP_NODELAY, 1)); // a result is one small segment, often behind another
+    setCallbacks();
+    if (m_settings.will) {
+        const Publication& will = *m_settings.will;
+        check(mosquitto_will_set(handle, will.topic.c_str(), static_cast<int>(will.payload.size()), will.payload.data(),
+                                 kQos, true));
+    }
+    if (!m_settings.credentialsFile.empty()) {
+        setCredentials();
+    }
+    if (m_settings.tls) {
+        setTls(*m_settings.tls);
     }
 }
 
 MqttSession::~MqttSession() = default;
 
-void MqttSession::setTls(const AgentConfiguration& configuration) {
-    const TlsFiles& files = *configuration.tls;
+void MqttSession::setCallbacks() {
+    mosquitto* const handle = m_handle.get();
+    mosquitto_connect_v5_callback_set(handle, Callbacks::onConnect);
+    mosquitto_message_callback_set(handle, Callbacks::onMessage);
+    mosquitto_publish_v5_callback_set(handle, Callbacks::onPublish);
+    mosquitto_subscribe_callback_set(handle, Callbacks::onSubscribe);
+    mosquitto_log_callback_set(handle, Callbacks::onLog);
+}
+
+void MqttSession::setCredentials() {
+    const Credentials credentials = loadCredentials(m_settings.credentialsFile);
+    check(mosquitto_username_pw_set(m_handle.get(), credentials.user.c_str(), credentials.password.c_str()));
+}
+
+void MqttSession::setTls(const TlsFiles& files) {
     const auto orNull = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
     if (!files.key.empty()) {
         requireOwnerAlone(files.key);
@@ -148,29 +166,48 @@ void MqttSession::setTls(const AgentConfiguration& configuration) {
     if (mosquitto_tls_set(m_handle.get(), files.authority.c_str(), nullptr, orNull(files.certificate),
                           orNull(files.key), noPassPhrase) != MOSQ_ERR_SUCCESS) {
         throw MqttFailure("a TLS file cannot be read: " + files.authority +
-                          (files.key.empty() ? "" : ", " + files.certificate + " or " + files.key));
+                              (files.key.empty() ? "" : ", " + files.certificate + " or " + files.key),
+                          MqttFailure::Kind::Files);
     }
     check(mosquitto_tls_opts_set(m_handle.get(), verifyPeer, "tlsv1.2", nullptr)); // that version and later ones
 }
 
+void MqttSession::connectAnswered(int code) {
+    if (code != 0) {
+        const char* const why = m_settings.asksWhy ? mosquitto_reason_string(code) : mosquitto_connack_string(code);
+        throw MqttFailure(std::string("the broker refuses this machine: ") + why,
+                          isAccessRefusal(code) ? MqttFailure::Kind::RefusedAccess : MqttFailure::Kind::Refused);
+    }
+    m_connected = true;
+    m_receiver.connected();
+}
+
 void MqttSession::connect() {
-    check(mosquitto_connect_async(m_handle.get(), m_configuration.host.c_str(), m_configuration.port,
-                                  static_cast<int>(m_configuration.keepalive.count())));
+    const int result = mosquitto_connect_async(m_handle.get(), m_settings.host.c_str(), m_settings.port,
+                                               static_cast<int>(m_settings.keepalive.count()));
+    const int error = errno;
+    if (result == MOSQ_ERR_EAI) {
+        throw MqttFailure("the host's name cannot be resolved", MqttFailure::Kind::UnknownHost);
+    }
+    if (result == MOSQ_ERR_ERRNO && m_libraryError.empty()) {
+        throw MqttFailure(errorText(error), MqttFailure::Kind::Unreachable);
+    }
+    check(result);
+}
+
+void MqttSession::throwRefusal() {
+    if (m_refusal) {
+        throw MqttFailure(*m_refusal);
+    }
 }
 
 void MqttSession::fail(int result) {
     const int error = errno;
-    if (!m_refusal.empty()) {
-        throw MqttFailure(m_refusal);
+    throwRefusal();
+    if (!m_libraryError.empty()) {
+        throw MqttFailure(m_libraryError);
     }
-    switch (result) {
-    case MOSQ_ERR_EAI:
-        throw MqttFailure("the host's name cannot be resolved");
-    case MOSQ_ERR_ERRNO:
-        throw MqttFailure(m_libraryError.empty() ? errorText(error) : m_libraryError);
-    default:
-        throw MqttFailure(m_libraryError.empty() ? mosquitto_strerror(result) : m_libraryError);
-    }
+    throw MqttFailure(result == MOSQ_ERR_ERRNO ? errorText(error) : mosquitto_strerror(result));
 }
 
 void MqttSession::check(int result) {
@@ -183,7 +220,7 @@ void MqttSession::failOnSocketError(int socket) {
     int error = 0;
     socklen_t size = sizeof error;
     if (::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error != 0) {
-        throw MqttFailure(errorText(error));
+        throw MqttFailure(errorText(error), m_connected ? MqttFailure::Kind::Ended : MqttFailure::Kind::Unreachable);
     }
 }
 
@@ -194,7 +231,7 @@ void MqttSession::step(int wakeFd, std::chrono::milliseconds atMost) {
         fail(MOSQ_ERR_CONN_LOST);
     }
     // A packet waits all through a handshake, so the socket's being writable would say nothing and wake us for ever.
-    const bool handshake = m_configuration.tls && !m_connected;
+    const bool handshake = m_settings.tls && !m_connected;
     const bool wantsToWrite = !handshake && mosquitto_want_write(handle);
     std::array<pollfd, 2> watched{
         {{socket, static_cast<short>(POLLIN | (wantsToWrite ? POLLOUT : 0)), 0}, {wakeFd, POLLIN, 0}}};
@@ -211,14 +248,14 @@ void MqttSession::step(int wakeFd, std::chrono::milliseconds atMost) {
     if (handshake || (watched[0].revents & POLLOUT) != 0) {
         check(mosquitto_loop_write(handle, 1));
     }
-    if (!m_refusal.empty()) {
-        throw MqttFailure(m_refusal);
-    }
+    throwRefusal();
     check(mosquitto_loop_misc(handle));
 }
 
-void MqttSession::subscribe(const std::string& topic) {
-    check(mosquitto_subscribe(m_handle.get(), nullptr, topic.c_str(), kQos));
+int MqttSession::subscribe(const std::string& topic, int qos) {
+    int number = 0;
+    check(mosquitto_subscribe(m_handle.get(), &number, topic.c_str(), qos));
+    return number;
 }
 
 int MqttSession::publish(const Publication& publication) {

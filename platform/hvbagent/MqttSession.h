@@ -1,28 +1,64 @@
-// One connection to the broker, from its begin to its end.
+// One connection to the broker, from its begin to its end: the agent's, and the command line client's.
 #pragma once
 
 #include "platform/hvbagent/AgentConfiguration.h"
 #include "platform/hvbagent/Outbox.h"
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 struct mosquitto;
-struct mosquitto_message;
 
 namespace HVBEnterprise::agent {
 
 /// Why a connection could not be made, or ended.
 class MqttFailure : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
+    enum class Kind {
+        Ended,         ///< it was lost, or the broker does not keep to the protocol
+        UnknownHost,   ///< the name service knows no such host
+        Unreachable,   ///< nobody takes a connection there
+        Refused,       ///< the broker does not want this client
+        RefusedAccess, ///< for its user or its password
+        Files,         ///< TLS files cannot be used
+    };
+
+    explicit MqttFailure(const std::string& what, Kind kind = Kind::Ended) : std::runtime_error(what), m_kind(kind) {}
+
+    Kind kind() const { return m_kind; }
+
+private:
+    Kind m_kind;
 };
 
-/// Receives what comes over a connection, in the middle of MqttSession::step.
-/// Threads: the network thread. Owner: the connection's user; it must outlive the session.
+/// Whom to talk to, and as whom.
+/// Threads: a plain value. Owner: whoever built it.
+struct MqttSettings {
+    std::string host;
+    std::uint16_t port = 0;
+    std::optional<TlsFiles> tls;
+    std::string credentialsFile; ///< empty: the broker asks for none
+    std::chrono::seconds keepalive{60};
+    std::string clientId;            ///< empty: the broker makes one up
+    std::optional<Publication> will; ///< what the broker shall say when this client is lost
+    bool asksWhy = false;            ///< MQTT 5, which unlike 3.1.1 says why a request is refused
+};
+
+/// Reasons from here on say no.
+inline constexpr int kFirstRefusal = 0x80;
+/// Whether a reason says that this user may not do that.
+bool isAccessRefusal(int reason);
+/// A reason in words.
+std::string reasonText(int reason);
+
+/// Receives what comes over a connection, in the middle of MqttSession::step. What an operation throws ends the
+/// connection with its text.
+/// Threads: the connection's. Owner: the connection's user; it must outlive the session.
 class MqttReceiver {
 public:
     virtual ~MqttReceiver() = default;
@@ -31,20 +67,21 @@ public:
     virtual void connected() = 0;
     /// @param payload gone when this returns.
     virtual void message(std::string_view topic, std::string_view payload, bool retained) = 0;
-    /// The broker has the message of that number.
-    virtual void acknowledged(int number) = 0;
-    /// It does not let this client hear a topic that it asked for.
-    virtual void subscriptionRefused() = 0;
+    /// The broker answered the message of that number: it has it, unless @p reason says no.
+    virtual void acknowledged(int number, int reason) = 0;
+    /// It answered the subscription of that number, likewise.
+    virtual void subscribed(int number, int reason) = 0;
 };
 
-/// An MQTT 3.1.1 session over libmosquitto. A new one is made for every attempt, so nothing of an earlier one lingers
-/// and credentials and certificates are read anew. Threads: plain, single access: the network thread alone, so
-/// libmosquitto needs no locks of ours. Owner: the network thread.
+/// An MQTT session over libmosquitto. A new one is made for every attempt, so nothing of an earlier one lingers and
+/// credentials and certificates are read anew. One rule for files, whoever connects: the credentials and the TLS key
+/// are read only when their owner alone may access them. Threads: plain, single access, so libmosquitto needs no locks
+/// of ours. Owner: the user of the connection.
 class MqttSession {
 public:
-    /// @throws MqttFailure when TLS files cannot be used; std::system_error when others may read the key.
-    MqttSession(const AgentConfiguration& configuration, const Credentials& credentials, const Publication& will,
-                MqttReceiver& receiver);
+    /// @throws MqttFailure when TLS files cannot be used; std::runtime_error, which names the file, when the
+    /// credentials cannot, and when others may access them or the key.
+    MqttSession(MqttSettings settings, MqttReceiver& receiver);
     MqttSession(const MqttSession&) = delete;
     MqttSession& operator=(const MqttSession&) = delete;
     ~MqttSession();
@@ -52,15 +89,16 @@ public:
     /// Begins to connect. Waits for the name service alone. @throws MqttFailure.
     void connect();
 
-    /// Waits for the broker or for @p wakeFd, at most that long, and does what is due.
+    /// Waits for the broker or for @p wakeFd (-1: for the broker alone), at most that long, and does what is due.
     /// @throws MqttFailure when the connection could not be made, or is lost.
     void step(int wakeFd, std::chrono::milliseconds atMost);
 
     bool isConnected() const { return m_connected; }
 
-    /// @throws MqttFailure.
-    void subscribe(const std::string& topic);
-    /// Publishes with QoS 1. @return the number that its acknowledgement bears. @throws MqttFailure.
+    /// Asks for the messages of a topic, with that quality of service at the most. @return the number that the answer
+    /// bears. @throws MqttFailure.
+    int subscribe(const std::string& topic, int qos);
+    /// Publishes with QoS 1, retained. @return the number that its acknowledgement bears. @throws MqttFailure.
     int publish(const Publication& publication);
     /// Takes leave, so that the broker does not speak the last will.
     void disconnect() noexcept;
@@ -71,17 +109,21 @@ private:
     };
     struct Callbacks;
 
-    void setTls(const AgentConfiguration& configuration);
+    void setCallbacks();
+    void setCredentials();
+    void setTls(const TlsFiles& files);
+    void connectAnswered(int code);
     void check(int result);
     [[noreturn]] void fail(int result);
     void failOnSocketError(int socket);
+    void throwRefusal();
 
-    const AgentConfiguration& m_configuration;
+    const MqttSettings m_settings;
     MqttReceiver& m_receiver;
     std::unique_ptr<mosquitto, Destroy> m_handle;
     bool m_connected = false;
-    std::string m_refusal;      ///< what the broker or a receiver said instead of going on
-    std::string m_libraryError; ///< the last error line of libmosquitto, which is where TLS says more
+    std::optional<MqttFailure> m_refusal; ///< what the broker or a receiver said instead of going on
+    std::string m_libraryError;           ///< the last error line of libmosquitto, which is where TLS says more
 };
 
 } // namespace HVBEnterprise::agent

@@ -319,6 +319,20 @@ TEST_F(AGuardedBroker, IsNotTalkedToWhenItsCertificateIsNotGood) {
     EXPECT_EQ(state(credentials("secret"), m_root.file("nothing")).code, 1);
 }
 
+TEST_F(AGuardedBroker, IsShownACertificateOnlyWhenItsKeyIsTheOwnersAlone) {
+    const CertificateFiles files = m_certificates.issueFor("admin");
+    const auto states = [&] {
+        return run({"state", "--host", "127.0.0.1", "--port", std::to_string(m_broker.port()), "--site", "demo",
+                    "--credentials", credentials("secret"), "--ca", m_certificates.authority(), "--cert",
+                    files.certificate, "--key", files.key});
+    };
+    EXPECT_EQ(states().code, 0);
+    std::filesystem::permissions(files.key, std::filesystem::perms::group_read, std::filesystem::perm_options::add);
+    const CtlResult result = states();
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(result.err, HasSubstr(files.key + ": others than its owner may access it; it must have mode 0600"));
+}
+
 TEST_F(AGuardedBroker, IsNotGivenCredentialsThatOthersCanRead) {
     const std::string path = credentials("secret");
     std::filesystem::permissions(path, std::filesystem::perms::others_read, std::filesystem::perm_options::add);

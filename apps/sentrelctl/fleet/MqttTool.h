@@ -2,17 +2,16 @@
 #pragma once
 
 #include "apps/sentrelctl/terminal/Failure.h"
-#include "platform/hvbagent/AgentConfiguration.h"
+#include "platform/hvbagent/MqttSession.h"
 
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
-
-struct mosquitto;
+#include <string_view>
 
 namespace Sentrel::ctl {
 
@@ -35,10 +34,11 @@ struct MqttMessage {
     bool isRetained; ///< it stood there before; otherwise it was published just now
 };
 
-/// A connection by MQTT 5, which unlike its elders says why a message is not taken. Every wait ends at the deadline.
-/// Failures: 8 nobody listens, 3 no answer in time, 4 the broker does not let this user do it, 1 all others.
+/// The agent's own connection in the hands of a verb: every wait ends at the deadline, and what fails is told.
+/// Failures: 8 nobody listens, 3 no answer in time, 4 the broker does not let this user do it, 1 all others, among them
+/// files that cannot be used and a TLS key or credentials that others than their owner may access.
 /// Threads: plain, single access. Owner: a local of the verb; leaves the broker when it ends.
-class MqttTool {
+class MqttTool : private HVBEnterprise::agent::MqttReceiver {
 public:
     using TimePoint = std::chrono::steady_clock::time_point;
 
@@ -46,7 +46,7 @@ public:
     MqttTool(const BrokerAddress& address, TimePoint deadline);
     MqttTool(const MqttTool&) = delete;
     MqttTool& operator=(const MqttTool&) = delete;
-    ~MqttTool();
+    ~MqttTool() override;
 
     /// Returns when the broker has taken the subscription. @throws Failure.
     void subscribe(const std::string& filter);
@@ -62,36 +62,32 @@ public:
     std::deque<MqttMessage> collect(const std::string& filter);
 
 private:
-    struct Destroy {
-        void operator()(mosquitto* handle) const noexcept;
-    };
-    struct Callbacks;
+    void connected() override {}
+    void message(std::string_view topic, std::string_view payload, bool retained) override;
+    void acknowledged(int number, int reason) override { m_answers[number] = reason; }
+    void subscribed(int number, int reason) override { m_answers[number] = reason; }
 
-    void setUp();
-    void awaitSocket();
+    void connect();
     void step(TimePoint until);
     template <class Condition>
     void await(const Condition& condition, const char* what);
-    void check(int result, const char* what);
-    [[noreturn]] void lost(int result, int error);
-    Failure unreachable(int error) const;
+    int awaitAnswer(int number, const char* what);
+    template <class Operation>
+    auto guarded(const Operation& operation) -> decltype(operation());
+    Failure failureOf(const HVBEnterprise::agent::MqttFailure& error) const;
     Failure failure(ExitCode code, std::string why, std::string nextStep) const;
 
     // constant after construction
     BrokerAddress m_address;
     TimePoint m_deadline;
 
-    // set by the callbacks, in the middle of step
-    std::optional<int> m_connectCode;
-    std::set<int> m_subscribed;
-    std::set<int> m_published;
-    int m_refusal = 0; ///< the broker's reason for refusing the request of this moment
-    std::string m_libraryError;
+    // set in the middle of step
+    std::map<int, int> m_answers; ///< the broker's reasons, by the number of the request
     bool m_isOutOfMemory = false;
     std::size_t m_bytes = 0;
     std::deque<MqttMessage> m_messages;
 
-    std::unique_ptr<mosquitto, Destroy> m_handle;
+    std::unique_ptr<HVBEnterprise::agent::MqttSession> m_session;
 };
 
 } // namespace Sentrel::ctl

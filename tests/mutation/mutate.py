@@ -304,13 +304,13 @@ def verdict(copy, mutant, timeout):
 
 # --- choosing and reporting -----------------------------------------------------------------------------------------
 
-def files_of(path):
+def files_of(path, suffixes):
     """The daemon's sources at a path, which may end in a line number: (file, line or None)."""
     path, _, line = path.partition(":")
     relative = os.path.relpath(os.path.join(ROOT, path), ROOT)
     full = os.path.join(ROOT, relative)
     names = sorted(os.path.join(relative, name) for name in os.listdir(full)) if os.path.isdir(full) else [relative]
-    chosen = [(name, int(line) if line else None) for name in names if name.endswith((".cpp", ".h"))]
+    chosen = [(name, int(line) if line else None) for name in names if name.endswith(suffixes)]
     if not chosen or any(name.split("/")[0] not in PROGRAMS for name, _ in chosen):
         raise Failure(f"{path}: not a folder or source of {', '.join(PROGRAMS)}")
     return chosen
@@ -331,7 +331,8 @@ def describe(mutant):
 
 def report(results, population, arguments, explanations):
     print(f"\nSample: {arguments.sample or 'all'} of a folder, seed {arguments.seed}"
-          f"{', without trace lines' if arguments.skip_trace else ''}\n")
+          f"{', without trace lines' if arguments.skip_trace else ''}"
+          f"{', without headers' if arguments.skip_headers else ''}\n")
     row = "{:10} {:>9} {:>7} {:>15} {:>6} {:>8} {:>9}"
     print(row.format("folder", "possible", "tried", "did not compile", "killed", "survived", "explained"))
     for folder in sorted(population):
@@ -355,6 +356,7 @@ def parse_arguments():
     parser.add_argument("--seed", type=int, default=1, help="which N; default: 1")
     parser.add_argument("--minutes", type=int, metavar="M", help="begin no mutant later than this; order by chance")
     parser.add_argument("--skip-trace", action="store_true", help="leave the trace lines as they are")
+    parser.add_argument("--skip-headers", action="store_true", help="leave headers: each of their mutants builds much")
     parser.add_argument("--list", action="store_true", help="print the mutants and check survivors.txt, build nothing")
     parser.add_argument("--jobs", type=int, default=os.cpu_count(), help="compilers and tests at a time")
     parser.add_argument("--scratch", default=os.path.join(ROOT, "build", "mutation"),
@@ -364,7 +366,8 @@ def parse_arguments():
 
 def choose(arguments):
     by_folder = collections.defaultdict(list)
-    for file, line in sorted({found for path in arguments.paths or PROGRAMS for found in files_of(path)}):
+    suffixes = (".cpp",) if arguments.skip_headers else (".cpp", ".h")
+    for file, line in sorted({found for path in arguments.paths or PROGRAMS for found in files_of(path, suffixes)}):
         by_folder[file.split("/")[0]] += [m for m in mutants_of(file, arguments.skip_trace) if line in (None, m.line)]
     population = {folder: len(mutants) for folder, mutants in by_folder.items()}
     chosen = [m for folder in sorted(by_folder)
@@ -397,6 +400,8 @@ def try_all(chosen, arguments, explanations):
 
 def main():
     arguments = parse_arguments()
+    for stop in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(stop, signal.default_int_handler)  # a background shell would have the first ignored
     try:
         entries = read_list()
         check_list(entries)

@@ -121,6 +121,7 @@ int STPreferenceController::setCategoryBlockListChecksum(unsigned char value) {
     return recorded("setCategoryBlockListChecksum", value);
 }
 int STPreferenceController::setPrivateIPRange(std::list<std::string> ranges) {
+    testing_support::PreferenceRecording::instance().handed.ranges = ranges;
     std::string arguments;
     for (const std::string& range : ranges) {
         arguments += " " + range;
@@ -129,6 +130,8 @@ int STPreferenceController::setPrivateIPRange(std::list<std::string> ranges) {
 }
 int STPreferenceController::setCategoryBlockDetails(int enabled, int count, std::vector<wchar_t>& actions,
                                                     std::vector<std::wstring>& names, int nonCategoryBlocked) {
+    testing_support::PreferenceRecording::instance().handed.categories = {enabled, count, actions, names,
+                                                                          nonCategoryBlocked};
     std::string arguments = " " + std::to_string(enabled) + " " + std::to_string(count) + " ";
     arguments.append(actions.begin(), actions.end()).append(" ");
     for (const std::wstring& name : names) {
@@ -138,6 +141,7 @@ int STPreferenceController::setCategoryBlockDetails(int enabled, int count, std:
 }
 int STPreferenceController::setAllowBlockDetails(int precedence, std::vector<std::wstring>& urls,
                                                  std::vector<int>& actions) {
+    testing_support::PreferenceRecording::instance().handed.sites = {precedence, urls, actions};
     std::string arguments = " " + std::to_string(precedence);
     for (const std::wstring& url : urls) {
         arguments.append(" ").append(url.begin(), url.end());

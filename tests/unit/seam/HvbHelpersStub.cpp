@@ -44,6 +44,8 @@ public:
 };
 
 EventData::EventData(const EventData& /*other*/) = default;
+// The forms are what was agreed.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 HVBCommBroker* HVBCommBroker::getInstance(std::string /*socketPath*/) {
     return nullptr;
 }

@@ -45,6 +45,7 @@ TEST(AUrl, ThatIsEmptyGivesAnEmptyDomainAndKeepsThePath) {
 
 TEST(AUrl, WithOneSlashBehindItsSchemeGivesNeither) {
     expectParts("s:/p", "", "");
+    expectParts("http:/shop.example/pay", "", "");
     expectParts("s:/", "", "");
     expectParts(":/", "", "");
 }

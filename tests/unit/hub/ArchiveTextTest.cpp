@@ -71,6 +71,13 @@ TEST(AnArchive, BringsEveryByteOfANarrowTextBack) {
     EXPECT_EQ(readBack<std::string>(written(everyByte())), everyByte());
 }
 
+TEST(AnArchive, BringsBackAListWhoseElementsTakeTwoCharactersEach) { // no element takes less
+    for (const std::size_t size : {1U, 2U, 1000U}) {
+        const std::vector<bool> flags(size, true);
+        EXPECT_EQ(readBack<std::vector<bool>>(written(flags)), flags);
+    }
+}
+
 TEST(AnArchive, BringsACategoryNameWithAnAccentBack) {
     const std::map<int, std::string> names{{1, "Caf\xC3\xA9"}, {2, ""}, {3, "a b"}};
     EXPECT_EQ((readBack<std::map<int, std::string>>(written(names))), names);

@@ -153,6 +153,15 @@ TEST(ProxySettings, ThatClaimManyElementsCostWhatTheirTextHolds) {
     EXPECT_LT(meter.greatest(), claimed * sizeof(proxySettings) / 3);
 }
 
+TEST(AListOfTexts, ThatClaimsMoreElementsThanItsTextHoldsIsRefusedBeforeTheirMemoryIsTaken) {
+    constexpr std::size_t characters = 300000;
+    constexpr std::size_t claimed = 200000; // each takes two characters at the least
+    const std::wstring text = kHeader + L" 0 0 " + std::to_wstring(claimed) + L" 0" + std::wstring(characters, L'x');
+    const AllocationMeter meter;
+    EXPECT_EQ(refusalOf<std::vector<std::string>>(text), archive_exception::input_stream_error);
+    EXPECT_LT(meter.greatest(), claimed * sizeof(std::string) / 3);
+}
+
 TEST(ADebugMap, HasEachEntryInItsPlaceOfTheArchive) {
     EXPECT_EQ(payloadOf(DebugMap{{-3, true}, {7, false}}), kHeader +
                                                                L" 0 0 2 0" // map: tracking, version, count, entry's

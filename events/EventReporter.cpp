@@ -1,3 +1,15 @@
+// From a browser's record to the report at the hub.
+//
+// A record is dropped without a line when its URL is empty or has no path behind its scheme, or when it is a warning
+// that the user has not answered. What remains is classified by its rating into a threat or an informational event;
+// the two differ in their attributes, and one key is missing altogether from the latter.
+//
+// What must stay so:
+// - A field is read up to its size, as it may lack its terminator.
+// - Texts are widened byte by byte with their sign. No character set is assumed; the reader undoes exactly this.
+// - Times are UTC. Names, misspelt ones too, are what the reports' readers know.
+// - It runs on the event server's thread and nothing leaves it: a failure is a trace line and the event is lost.
+//   Nothing is cached and nothing is sent again.
 #include "events/EventReporter.h"
 
 #include "base/Paths.h"

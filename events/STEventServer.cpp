@@ -1,3 +1,15 @@
+// The browser's socket: one thread, one client at a time, one read for each.
+//
+// A client connects, writes a record or a decrypt request, and is served before the next one is accepted. What waits
+// meanwhile stands in the listening queue. One read is all: what a client sends in pieces counts as far as the first
+// piece goes, and the rest of the message is zero, so that no byte of an earlier client shows in a later report.
+//
+// What must stay so:
+// - The socket belongs to everybody (0777), as any user's browser has to reach it: nothing that arrives is trusted.
+// - SIGPIPE is blocked before the thread is made, which inherits it: a client that has gone is a failed write.
+// - The end is told by m_stop, then by shutdown, which wakes select; closing alone does not. The descriptor is closed
+//   after the thread has gone, or another open of the process could get its number while select still waits.
+// - A client that is connected and silent holds up the others, and the stop too.
 #include "events/STEventServer.h"
 
 #include "base/Paths.h"

@@ -1,3 +1,13 @@
+// Wide text archives, within bounds and byte for byte.
+//
+// The archive library allocates what a length declares before it reads, so sixty bytes can cost gigabytes. The readers
+// of strings and counts are therefore our own specialisations of its hook for primitives: they hold each number
+// against what is left of the stream. They find the stream through a helper of the archive, which makeInArchive sets;
+// an archive that was made elsewhere has none and is read as the library does. The library reads its signature before
+// a helper can be set, and so that is compared beforehand. A class that claims to be tracked is refused: its object
+// would be looked up by a number from outside.
+//
+// A narrow string becomes one wide character a byte, 0 to 255, whatever the process's locale is (ByteCtype).
 #include "hub/ArchiveText.h"
 
 #include <algorithm>

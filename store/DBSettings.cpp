@@ -1,3 +1,16 @@
+// One opening of the settings file: a connection and its statements, made for one operation and closed at its end.
+//
+// Each of the four tables has three statements: read one row, write one, empty the table. They are made in the
+// constructor without SQL and prepared in Init. When a reading statement cannot be prepared, its table is missing: with
+// `fix` the table is made (sentrelctl asks for that), and without it Init succeeds all the same with the statements
+// that there are, so that the daemon starts on its defaults with a file that nobody has laid out yet.
+//
+// What must stay so:
+// - No transaction: each statement is committed by itself, since other programs read the file at any time.
+// - A statement that has given its row is reset at once. While it stands on the row it keeps the file locked against
+//   others, and our own next write would meet theirs without a wait.
+// - Statements end before the connection, or SQLite keeps the file open.
+// - An exception counts as done, with a trace line: no caller could do more, and the daemon goes on.
 #include "store/DBSettings.h"
 
 #include "daemon/Trace.h"

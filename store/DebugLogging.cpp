@@ -1,5 +1,13 @@
 // The debug logging switch. The hub's configuration file of the module holds the truth: a worker thread rewrites it and
 // has the hub read it again, one change at a time, while the caller notes the change in the settings file.
+//
+// A change that meets another one under way is dropped, not queued. The lock is taken by who asks and released by the
+// worker, so it has to be a mutex that knows no owner. The worker goes: file, switch in memory, event, reload command.
+// When one of these fails, those behind it are left out and nothing is rolled back; the trace log says which it was.
+//
+// Nobody joins a worker, so it detaches itself with its first step: workers that did not kept their stacks, until no
+// further thread could be made. The end of the process asks isChangingDebugLogging. A count alone misses a worker that
+// has been started and has not begun, and so a worker also bears a name from its birth on.
 #include "base/Paths.h"
 #include "daemon/Trace.h"
 #include "hub/Exceptions.h"

@@ -2,6 +2,9 @@
 // itself. What was read back is the new list, so that memory shows what the file holds, also after a write that failed.
 // Of two replacements at a time the rows mix in the file. Reading back and taking over is one step, so that memory then
 // has the later look at it, which sees them all.
+//
+// No transaction is made of it: readers of the file would wait for as long as the list takes to be written. A kill on
+// the way leaves whole rows. The lock of the lists in memory is never held while the file is used.
 #include "base/TextConversion.h"
 #include "daemon/Trace.h"
 #include "store/PreferenceFile.h"

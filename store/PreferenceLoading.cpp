@@ -1,5 +1,8 @@
 // How the controller comes to life: its values from the settings file, the logging switch from the hub's configuration.
 // A settings file that is missing or damaged leaves the defaults; the hub's configuration must be there.
+//
+// Each value is read by itself, so one that is missing or of another type leaves only its own default. Loading happens
+// in the constructor, once: a scalar that another program writes later counts from the next start on.
 #include "base/Paths.h"
 #include "base/Singleton.h"
 #include "daemon/Trace.h"

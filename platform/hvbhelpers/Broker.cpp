@@ -1,3 +1,16 @@
+// The broker's work: sending on connections of its own, receiving on one link.
+//
+// Calls that wait use a pool of connections, one a caller, so that a command of 45 s blocks nobody else. The link is
+// the connection that has the module's name and subscriptions; events of a module that has begun go out on it.
+//
+// Receiving has two halves. The first runs on the link's thread with its lock held: it only takes the message and
+// hands it to the callback threads, or says why not. The second runs on a callback thread, without any lock, and may
+// send. Each command gets an answer at once: what a handler refuses, does not answer or throws becomes an error of
+// its own, so no sender waits for a time limit that was bound to come. When too much waits already, a command is
+// refused as well, and an event or an answer is dropped with a line.
+//
+// The end goes in this order: nothing new is taken; calls of callbacks are ended, since a callback that waits for
+// another module would keep us as long; the callback threads, whose last answers still need the link; then the link.
 #include "platform/hvbhelpers/Broker.h"
 
 #include "platform/hvbhelpers/ErrorText.h"

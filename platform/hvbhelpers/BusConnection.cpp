@@ -1,3 +1,14 @@
+// One connection to the bus: opening, calling and waiting, each with a deadline on the steady clock.
+//
+// The library's own limits are not used: it would wait 25 s for an answer, and zero means that default, so a call
+// with no time left fails here. Opening goes step by step for the same reason, and because a busy bus without room in
+// its listening queue refuses; that is tried again until the deadline.
+//
+// A handler of a signal that runs during sd_bus_call makes it give up, and then nobody can say whether the call was
+// made. So the signals that have handlers are blocked meanwhile, but for faults.
+//
+// After an error stillUsable decides whether the connection can serve on. When in doubt it says no: a good connection
+// that is given up costs an opening, and a bad one that is kept costs a call.
 #include "platform/hvbhelpers/BusConnection.h"
 
 #include "base/SignalSet.h"

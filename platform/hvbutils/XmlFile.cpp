@@ -1,6 +1,9 @@
 // The text of the file is kept beside the parsed document, and a change is made in the text, which is then parsed
 // again. So what was not changed keeps its bytes (quotes, entities, "<a></a>" against "<a/>", line ends, the
 // declaration), which libxml2's own writer would make alike, and nothing is ever saved that cannot be read.
+//
+// A file is read within the bounds of ConfigurationLimits.h and replaced in one step, so that a reader finds the old
+// text or the new one.
 #include "platform/hvbutils/XmlFile.h"
 
 #include "base/PrintableText.h"

@@ -64,6 +64,39 @@ MAY_SLEEP = {
     "tests/unit/store/Interposed.cpp": "stands in the place of the code's own wait",
     "tests/integration/SignalStormTest.cpp": "an instant that has nothing to do with the daemon's steps",
 }
+# Above so many lines a source begins with a comment of so many: the model, what must stay so, what was tried.
+LONG_SOURCE = 150
+SHORTEST_STORY = 5
+# Sources whose story is still to be told. None is to be added.
+WITHOUT_STORY = {
+    "managed/PolicyCategories.cpp",
+    "managed/PolicyValues.cpp",
+    "managed/VXPolicyEnforcementImpl.cpp",
+    "platform/hvbagent/AgentConfiguration.cpp",
+    "platform/hvbagent/AgentConnection.cpp",
+    "platform/hvbagent/AgentWorker.cpp",
+    "platform/hvbagent/MqttSession.cpp",
+    "platform/hvbagent/PolicyDocument.cpp",
+    "platform/hvbagent/PrivateFile.cpp",
+    "platform/hvbagent/StrictJson.cpp",
+    "apps/sentrelctl/clients/HubClient.cpp",
+    "apps/sentrelctl/doctor/Doctor.cpp",
+    "apps/sentrelctl/doctor/DoctorFiles.cpp",
+    "apps/sentrelctl/doctor/DoctorProcesses.cpp",
+    "apps/sentrelctl/fleet/MachineDocuments.cpp",
+    "apps/sentrelctl/fleet/MqttTool.cpp",
+    "apps/sentrelctl/policy/PolicyCheck.cpp",
+    "apps/sentrelctl/policy/PolicyCheckLists.cpp",
+    "apps/sentrelctl/preferences/PreferenceNames.cpp",
+    "apps/sentrelctl/preferences/SettingsTables.cpp",
+    "apps/sentrelctl/preferences/UrlList.cpp",
+    "apps/sentrelctl/reports/ReportLayout.cpp",
+    "apps/sentrelctl/verbs/VerbCategories.cpp",
+    "apps/sentrelctl/verbs/VerbHubPing.cpp",
+    "apps/sentrelctl/verbs/VerbListFiles.cpp",
+    "apps/sentrelctl/verbs/VerbPolicy.cpp",
+    "apps/sentrelctl/verbs/VerbProxy.cpp",
+}
 
 
 def sources(root, folders, endings):
@@ -149,6 +182,16 @@ def no_sleeping(root, _build):
             yield f"{relative}: sleeps"
 
 
+def head_comments(root, _build):
+    """A source that is longer than a few screens begins with its story."""
+    for path in sources(root, ["base", "policy", *DAEMON_FOLDERS, "platform", "apps"], {".cpp"}):
+        relative = str(path.relative_to(root))
+        lines = path.read_text().splitlines()
+        head = next((number for number, line in enumerate(lines) if not line.startswith("//")), len(lines))
+        if len(lines) > LONG_SOURCE and head < SHORTEST_STORY and relative not in WITHOUT_STORY:
+            yield f"{relative}: {len(lines)} lines, and no {SHORTEST_STORY} lines at its top that tell their story"
+
+
 def readme_commands(root, _build):
     """The commands that the README names exist and can be run."""
     for command in re.findall(r"^    (\./\w+)", (root / "README.md").read_text(), re.M):
@@ -157,7 +200,8 @@ def readme_commands(root, _build):
 
 
 CHECKS = {check.__name__: check for check in
-          (folder_readmes, document_paths, include_rules, sqlite_calls, registration, no_sleeping, readme_commands)}
+          (folder_readmes, document_paths, include_rules, sqlite_calls, registration, no_sleeping, head_comments,
+           readme_commands)}
 
 
 def main(arguments):

@@ -24,9 +24,6 @@ struct Session {
 /// The point in time at which a wait of @p seconds that begins now is over.
 std::chrono::steady_clock::time_point deadlineAfter(double seconds);
 
-/// Reads @p fd to its end. @throws Failure when it cannot be read or holds more than @p limit bytes.
-std::string readAll(int fd, const std::string& name, std::size_t limit);
-
 /// Runs the program: parses, works, reports. Nothing is thrown. @return the exit code.
 /// @param arguments those behind the program's name.
 int run(const std::vector<std::string>& arguments, Output& out, Output& err, int inputFd);

@@ -1,7 +1,7 @@
 #include "platform/hvbagent/AgentConfiguration.h"
 
+#include "base/FileReading.h"
 #include "platform/hvbagent/AgentLimits.h"
-#include "platform/hvbagent/PrivateFile.h"
 #include "platform/hvbagent/StrictJson.h"
 #include "platform/hvbagent/Topics.h"
 
@@ -147,7 +147,7 @@ std::string machineOf(Members& members, const std::string& machineIdFile) {
     if (members.find("machine") != nullptr) {
         return topicPart(members.text("machine", kMaxTopicPart), members.placeOf("machine"));
     }
-    std::string id = readRegularFile(machineIdFile, kMaxConfigurationBytes, FileAccess::Anybody);
+    std::string id = Sentrel::readRegularFile(machineIdFile, kMaxConfigurationBytes, Sentrel::FileAccess::Anybody);
     id.resize(std::min(id.size(), id.find('\n')));
     if (!isTopicPart(id)) {
         throw DocumentError(members.placeOf("machine"), "is missing, and " + machineIdFile + " holds no id");
@@ -222,7 +222,7 @@ AgentConfiguration readAgentConfiguration(std::string_view text, const std::stri
 std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path, const std::string& machineIdFile) {
     std::string text;
     try {
-        text = readRegularFile(path, kMaxConfigurationBytes, FileAccess::OwnerWrites);
+        text = Sentrel::readRegularFile(path, kMaxConfigurationBytes, Sentrel::FileAccess::OwnerWrites);
     } catch (const std::system_error& error) {
         if (error.code().value() == ENOENT) {
             return std::nullopt;
@@ -237,7 +237,7 @@ std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path
 }
 
 Credentials loadCredentials(const std::string& path) {
-    std::string text = readRegularFile(path, kMaxConfigurationBytes, FileAccess::OwnerAlone);
+    std::string text = Sentrel::readRegularFile(path, kMaxConfigurationBytes, Sentrel::FileAccess::OwnerAlone);
     Credentials credentials = naming(path, [&] {
         json document = smallJson(text);
         Members members(document, "");

@@ -1,8 +1,8 @@
 #include "platform/hvbagent/MqttSession.h"
 
+#include "base/FileReading.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
-#include "platform/hvbagent/PrivateFile.h"
 
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
@@ -160,7 +160,7 @@ void MqttSession::setCredentials() {
 void MqttSession::setTls(const TlsFiles& files) {
     const auto orNull = [](const std::string& path) { return path.empty() ? nullptr : path.c_str(); };
     if (!files.key.empty()) {
-        requireOwnerAlone(files.key);
+        Sentrel::requireOwnerAlone(files.key);
     }
     constexpr int verifyPeer = 1;
     if (mosquitto_tls_set(m_handle.get(), files.authority.c_str(), nullptr, orNull(files.certificate),

@@ -1,7 +1,8 @@
 #include "platform/hvbagent/PolicyStore.h"
 
+#include "base/FileReading.h"
+#include "base/FileWriting.h"
 #include "platform/hvbagent/AgentLimits.h"
-#include "platform/hvbagent/PrivateFile.h"
 
 #include <cerrno>
 #include <stdexcept>
@@ -12,7 +13,7 @@ namespace HVBEnterprise::agent {
 
 std::optional<std::string> PolicyStore::load() const {
     try {
-        return readRegularFile(m_path, kMaxPolicyMessageBytes, FileAccess::OwnerWrites);
+        return Sentrel::readRegularFile(m_path, kMaxPolicyMessageBytes, Sentrel::FileAccess::OwnerWrites);
     } catch (const std::system_error& error) {
         if (error.code().value() == ENOENT) {
             return std::nullopt;
@@ -22,7 +23,7 @@ std::optional<std::string> PolicyStore::load() const {
 }
 
 void PolicyStore::save(std::string_view message) const {
-    replaceFile(m_path, message);
+    Sentrel::replaceFile(m_path, message, Sentrel::Replace::AsPrivate);
 }
 
 bool PolicyInForce::restore() {

@@ -1,8 +1,9 @@
 #include "platform/hvbagent/SecretBox.h"
 
+#include "base/FileReading.h"
+#include "base/FileWriting.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
-#include "platform/hvbagent/PrivateFile.h"
 
 #include <sodium.h>
 
@@ -40,7 +41,7 @@ SecretKey SecretKey::generate() {
 
 SecretKey SecretKey::load(const std::string& path) {
     requireSodium();
-    std::string text = readRegularFile(path, kMaxKeyFileBytes, FileAccess::OwnerAlone);
+    std::string text = Sentrel::readRegularFile(path, kMaxKeyFileBytes, Sentrel::FileAccess::OwnerAlone);
     const Wiped wipedText{text};
     std::string_view line = text;
     if (line.ends_with('\n')) {
@@ -61,7 +62,7 @@ void SecretKey::save(const std::string& path) const {
     text.reserve(kMaxKeyFileBytes);
     const Wiped wiped{text};
     text += '\n';
-    makeFile(path, text);
+    Sentrel::makePrivateFile(path, text);
 }
 
 SecretKey::SecretKey(SecretKey&& other) noexcept : m_bytes(other.m_bytes) {

@@ -6,17 +6,14 @@
 // text or the new one.
 #include "platform/hvbutils/XmlFile.h"
 
+#include "base/FileWriting.h"
 #include "base/PrintableText.h"
 #include "platform/hvbutils/ConfigurationLimits.h"
-#include "platform/hvbutils/FileReplacement.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
 #include <libxml/xpath.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -189,68 +186,29 @@ DocumentPtr parse(const std::string& path, const std::string& text, Findings& fi
     return document;
 }
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
-[[noreturn]] void refuseErrno(const std::string& path) {
-    refuse(path, std::system_category().message(errno));
+std::string tooLarge() {
+    return fmt::format("larger than {} bytes", kMaxConfigFileBytes);
 }
 
-void requireSize(const std::string& path, std::size_t size) {
-    if (size > kMaxConfigFileBytes) {
-        refuse(path, fmt::format("larger than {} bytes", kMaxConfigFileBytes));
+std::string whyUnreadable(const std::error_code& code, XmlFile::Links links) {
+    switch (code.value()) {
+    case ELOOP:
+        return links == XmlFile::Links::Refuse ? "a symbolic link, which is not followed here" : code.message();
+    case EINVAL:
+        return "not a regular file";
+    case EFBIG:
+        return tooLarge();
+    default:
+        return code.message();
     }
-}
-
-/// At most one byte more than is allowed, since a file can grow after it was measured.
-std::string contentOf(const std::string& path, int file) {
-    std::string content(kMaxConfigFileBytes + 1, '\0');
-    std::size_t size = 0;
-    while (size < content.size()) {
-        const ssize_t got = ::read(file, content.data() + size, content.size() - size);
-        if (got < 0) {
-            refuseErrno(path);
-        }
-        if (got == 0) {
-            break;
-        }
-        size += static_cast<std::size_t>(got);
-    }
-    requireSize(path, size);
-    content.resize(size);
-    content.shrink_to_fit();
-    return content;
 }
 
 std::string fileText(const std::string& path, XmlFile::Links links) {
-    const int noLink = links == XmlFile::Links::Refuse ? O_NOFOLLOW : 0;
-    // NONBLOCK: a FIFO put in its place must not hold us up.
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | noLink));
-    if (file.get() < 0 && errno == ELOOP && noLink != 0) {
-        refuse(path, "a symbolic link, which is not followed here");
+    try {
+        return Sentrel::readRegularFile(path, kMaxConfigFileBytes, Sentrel::FileAccess::Anybody, links);
+    } catch (const std::system_error& error) {
+        refuse(path, whyUnreadable(error.code(), links));
     }
-    struct stat facts {};
-    if (file.get() < 0 || ::fstat(file.get(), &facts) != 0) {
-        refuseErrno(path);
-    }
-    if (!S_ISREG(facts.st_mode)) {
-        refuse(path, "not a regular file");
-    }
-    requireSize(path, static_cast<std::size_t>(facts.st_size));
-    return contentOf(path, file.get());
 }
 
 /// As it stands in the element's tags.
@@ -374,7 +332,9 @@ void XmlFile::setTextAt(const char* xpath, const char* value) {
         return;
     }
     std::string text = m_document->textWith(element, value);
-    requireSize(m_path, text.size());
+    if (text.size() > kMaxConfigFileBytes) {
+        refuse(m_path, tooLarge());
+    }
     auto changed = std::make_unique<Document>(m_path, std::move(text));
     if (changed->valueOf(changed->element(xpath), xpath) != value) {
         refuse(m_path, fmt::format("{}: XML has no form for this value", xpath));
@@ -383,5 +343,13 @@ void XmlFile::setTextAt(const char* xpath, const char* value) {
 }
 
 bool XmlFile::saveTo(const char* path) const {
-    return path != nullptr && replaceFile(path, m_document->text);
+    if (path == nullptr) {
+        return false;
+    }
+    try {
+        Sentrel::replaceFile(path, m_document->text, Sentrel::Replace::KeepingModeAndOwner);
+        return true;
+    } catch (const std::system_error&) {
+        return false; // all that its interface tells
+    }
 }

@@ -1,6 +1,8 @@
 // A configuration file, read and written by XPath: what stands behind LibXmlWrapper, and what the tools use.
 #pragma once
 
+#include "base/FileReading.h"
+
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -17,10 +19,8 @@ public:
 class XmlFile {
 public:
     /// What to do where the file itself is a symbolic link; one among its directories is always followed.
-    enum class Links {
-        Follow,
-        Refuse, ///< for who reads what another user writes, who could show him any file through a link
-    };
+    /// Refuse is for who reads what another user writes, who could show him any file through a link.
+    using Links = Sentrel::Links;
 
     /// Opens and parses the file at @p path. Nothing outside the file is read, and what is no file never blocks.
     /// @throws LibXmlError when it is no regular file, cannot be read, is larger than kMaxConfigFileBytes, is not

@@ -44,8 +44,7 @@ MAY_INCLUDE = {
                         "platform/hvbutils/XmlFile.h", "platform/hvbagent/AgentConfiguration.h",
                         "platform/hvbagent/AgentDocuments.h", "platform/hvbagent/AgentLimits.h",
                         "platform/hvbagent/Encoding.h", "platform/hvbagent/MqttSession.h",
-                        "platform/hvbagent/MsgBusEnterpriseAgent.h",
-                        "platform/hvbagent/PolicyDocument.h", "platform/hvbagent/PrivateFile.h",
+                        "platform/hvbagent/MsgBusEnterpriseAgent.h", "platform/hvbagent/PolicyDocument.h",
                         "platform/hvbagent/SecretBox.h", "platform/hvbagent/StrictJson.h",
                         "platform/hvbagent/Topics.h"],
 }

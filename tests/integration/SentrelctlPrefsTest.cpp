@@ -305,7 +305,7 @@ TEST_F(APreferenceClient, ImportsNothingFromNothing) {
                   "nothing was imported: standard input: there is no URL in it. 'sentrelctl list remove --all' empties "
                   "the list");
     const std::string missing = m_machine.root().file("missing");
-    expectFailure(use({"list", "import", missing}), 1, "cannot open: " + missing + ": No such file or directory");
+    expectFailure(use({"list", "import", missing}), 1, "cannot read: " + missing + ": No such file or directory");
     EXPECT_EQ(does({"list", "show"}), "block  a\n");
 }
 

@@ -1,10 +1,10 @@
 // The doctor's checks of what lies on the disk.
 #include "apps/sentrelctl/doctor/Doctor.h"
 #include "apps/sentrelctl/preferences/SettingsTables.h"
+#include "base/FileReading.h"
 #include "base/Paths.h"
 #include "platform/hvbagent/AgentConfiguration.h"
 #include "platform/hvbagent/AgentLimits.h"
-#include "platform/hvbagent/PrivateFile.h"
 #include "platform/hvbhelpers/BusConfiguration.h"
 #include "platform/hvbutils/XmlFile.h"
 
@@ -13,9 +13,7 @@
 #include <charconv>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <fstream>
 #include <grp.h>
-#include <iterator>
 #include <pwd.h>
 #include <regex>
 #include <unistd.h>
@@ -24,6 +22,9 @@ namespace Sentrel::ctl {
 namespace {
 
 namespace agent = HVBEnterprise::agent;
+
+/// A bus with this project's policy needs some ten thousand.
+constexpr std::size_t kMaxBusConfigurationBytes = std::size_t{1} << 20;
 
 Diagnosis missingFile(const std::string& path, std::string advice) {
     return {Verdict::Failed, "there is no " + path, std::move(advice)};
@@ -88,11 +89,6 @@ Diagnosis configurationDirectory(double /*timeout*/) {
 
 // Configuration.
 
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
 Diagnosis busConfiguration(double /*timeout*/) {
     const std::string path = paths::hubBusConfiguration();
     const std::optional<struct stat> facts = factsOf(path);
@@ -107,7 +103,8 @@ Diagnosis busConfiguration(double /*timeout*/) {
                       fmt::format("chmod go-w {}, and make it anew with 'hvbd --print-bus-config'", path));
     }
     needReadable(path);
-    return busConfigurationDiagnosis(path, contentOf(path), HVB::bus::groupExists);
+    return busConfigurationDiagnosis(path, readRegularFile(path, kMaxBusConfigurationBytes, FileAccess::Anybody),
+                                     HVB::bus::groupExists);
 }
 
 /// What reading one element comes to: empty, or what is wrong with it.
@@ -323,8 +320,7 @@ Diagnosis managementAgent(double /*timeout*/) {
     }
     needReadable(path);
     try {
-        const std::string text =
-            agent::readRegularFile(path, agent::kMaxConfigurationBytes, agent::FileAccess::Anybody);
+        const std::string text = readRegularFile(path, agent::kMaxConfigurationBytes, FileAccess::Anybody);
         return privateFilesDiagnosis(agent::readAgentConfiguration(text));
     } catch (const CannotSee&) {
         throw;

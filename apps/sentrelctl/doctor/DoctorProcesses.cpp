@@ -4,6 +4,7 @@
 #include "apps/sentrelctl/clients/HubClient.h"
 #include "apps/sentrelctl/doctor/Doctor.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "base/FileReading.h"
 #include "base/Paths.h"
 #include "hub/HubIds.h"
 #include "platform/hvbhelpers/HubProtocol.h"
@@ -14,8 +15,8 @@
 #include <charconv>
 #include <csignal>
 #include <fmt/format.h>
-#include <fstream>
 #include <netdb.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace Sentrel::ctl {
@@ -225,19 +226,27 @@ Diagnosis eventSocket(double timeout) {
     return eventSocketAnswer(path, timeout);
 }
 
+/// The first line of a short file; empty when it cannot be read or is long.
+std::string firstLineOf(const std::string& path) {
+    constexpr std::size_t longest = 4096;
+    try {
+        const std::string text = readRegularFile(path, longest, FileAccess::Anybody);
+        return text.substr(0, text.find('\n'));
+    } catch (const std::system_error&) {
+        return {}; // the caller tells what it means that there is nothing
+    }
+}
+
 /// The number in the PID file; none when there is no such.
 std::optional<pid_t> pidIn(const std::string& path) {
-    std::string text;
-    std::getline(std::ifstream(path), text);
+    const std::string text = firstLineOf(path);
     pid_t pid = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), pid);
     return error == std::errc() && end == text.data() + text.size() && pid > 0 ? std::optional(pid) : std::nullopt;
 }
 
 std::string commandOf(pid_t pid) {
-    std::string name;
-    std::getline(std::ifstream(fmt::format("/proc/{}/comm", pid)), name);
-    return name;
+    return firstLineOf(fmt::format("/proc/{}/comm", pid));
 }
 
 Diagnosis pidFile(double timeout) {

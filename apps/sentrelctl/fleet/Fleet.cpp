@@ -1,16 +1,14 @@
 #include "apps/sentrelctl/fleet/Fleet.h"
 
+#include "base/FileReading.h"
 #include "base/Paths.h"
 #include "platform/hvbagent/AgentLimits.h"
-#include "platform/hvbagent/PrivateFile.h"
 #include "platform/hvbagent/StrictJson.h"
 #include "platform/hvbagent/Topics.h"
 
 #include <cerrno>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <system_error>
-#include <unistd.h>
 
 namespace Sentrel::ctl {
 namespace {
@@ -30,11 +28,10 @@ Failure noEnrolment(const std::string& path, const std::string& why) {
 /// The machine's own credentials are not looked at: an administrator may come with others.
 agent::AgentConfiguration enrolment(const std::string& path) {
     try {
-        return agent::readAgentConfiguration(
-            agent::readRegularFile(path, agent::kMaxConfigurationBytes, agent::FileAccess::Anybody));
+        return agent::readAgentConfiguration(readRegularFile(path, agent::kMaxConfigurationBytes, FileAccess::Anybody));
     } catch (const std::system_error& error) {
         const int number = error.code().value();
-        if (number == EACCES) {
+        if (number == EACCES || number == EPERM) {
             throw Failure(ExitCode::NoAccess, kCannotRead, path, errnoText(number), "Name another with --config");
         }
         throw noEnrolment(path, error.code().message());
@@ -69,12 +66,6 @@ void takeOptions(const FleetOptions& options, Fleet& fleet) {
         fleet.broker.port = fleet.broker.tls ? kTlsPort : kPlainPort;
     }
 }
-
-/// Threads: plain. Owner: a local.
-struct OpenFile {
-    int fd;
-    ~OpenFile() { ::close(fd); }
-};
 
 } // namespace
 
@@ -125,18 +116,6 @@ std::string topicPart(const std::string& option, const std::string& text) {
                       "");
     }
     return text;
-}
-
-std::string contentOf(const std::string& name, int inputFd, std::size_t limit) {
-    if (name == "-") {
-        return readAll(inputFd, "standard input", limit);
-    }
-    const OpenFile file{::open(name.c_str(), O_RDONLY | O_CLOEXEC)};
-    if (file.fd < 0) {
-        throw Failure(errno == EACCES ? ExitCode::NoAccess : ExitCode::Failed, "cannot open", name, errnoText(errno),
-                      "");
-    }
-    return readAll(file.fd, name, limit);
 }
 
 } // namespace Sentrel::ctl

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 namespace Sentrel::ctl {
 
@@ -44,14 +45,13 @@ Fleet fleetOf(const FleetOptions& options);
 /// @p text, when it can be a level of a topic. @throws Failure (bad usage) that says what it should be.
 std::string topicPart(const std::string& option, const std::string& text);
 
-/// What a file or standard input ("-") holds. @throws Failure.
-std::string contentOf(const std::string& name, int inputFd, std::size_t limit);
-
 /// Runs @p body; what the agent's library throws becomes a failure that says @p what could not be done.
 template <class Body>
 auto telling(const char* what, const Body& body) {
     try {
         return body();
+    } catch (const std::system_error& error) {
+        throw Failure(fileFailure(what, "", error.code().value()).code(), what, "", error.what(), "");
     } catch (const std::runtime_error& error) {
         throw Failure(ExitCode::Failed, what, "", error.what(), "");
     }

@@ -1,7 +1,8 @@
 #include "apps/sentrelctl/policy/PolicySigning.h"
 
+#include "base/FileReading.h"
+#include "base/FileWriting.h"
 #include "platform/hvbagent/AgentLimits.h"
-#include "platform/hvbagent/PrivateFile.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -42,8 +43,8 @@ std::string_view textOf(const Bytes& bytes) {
 
 /// The bytes whose base64 is in a file. @throws std::runtime_error when there are not that many.
 template <class Bytes>
-void load(const std::string& path, agent::FileAccess access, Bytes& bytes) {
-    std::string text = agent::readRegularFile(path, agent::kMaxKeyFileBytes, access);
+void load(const std::string& path, FileAccess access, Bytes& bytes) {
+    std::string text = readRegularFile(path, agent::kMaxKeyFileBytes, access);
     const std::string_view line(text.data(), text.ends_with('\n') ? text.size() - 1 : text.size());
     std::string read = agent::bytesOfBase64(line).value_or("");
     const bool fits = read.size() == bytes.size();
@@ -67,10 +68,10 @@ std::string makeSigningPair(const SigningFiles& files) {
     randombytes_buf(pair.seed.data(), pair.seed.size());
     pair.derive();
     std::string secret = agent::base64Of(textOf(pair.seed)) + "\n";
-    agent::makeFile(files.secret, secret);
+    makePrivateFile(files.secret, secret);
     sodium_memzero(secret.data(), secret.size());
     std::string open = agent::base64Of(textOf(pair.open));
-    agent::makeFile(files.open, open + "\n");
+    makePrivateFile(files.open, open + "\n");
     constexpr mode_t forEverybody = 0644;
     if (::chmod(files.open.c_str(), forEverybody) != 0) {
         throw std::system_error(errno, std::generic_category(), files.open);
@@ -80,7 +81,7 @@ std::string makeSigningPair(const SigningFiles& files) {
 
 std::string signedMessage(std::string_view document, const std::string& secretFile) {
     Pair pair;
-    load(secretFile, agent::FileAccess::OwnerAlone, pair.seed);
+    load(secretFile, FileAccess::OwnerAlone, pair.seed);
     pair.derive();
     std::array<unsigned char, crypto_sign_BYTES> signature{};
     crypto_sign_detached(signature.data(), nullptr, reinterpret_cast<const unsigned char*>(document.data()),
@@ -91,7 +92,7 @@ std::string signedMessage(std::string_view document, const std::string& secretFi
 
 agent::PublicKey loadPublicKey(const std::string& path) {
     agent::PublicKey key{};
-    load(path, agent::FileAccess::Anybody, key);
+    load(path, FileAccess::Anybody, key);
     return key;
 }
 

@@ -3,6 +3,7 @@
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "base/UniqueFd.h"
 #include "store/DBSettings.h"
 
 #include <algorithm>
@@ -96,16 +97,14 @@ std::string headerOf(const std::string& path) {
         throw failure(path, S_ISLNK(status.st_mode) ? "it is a symbolic link" : "it is not a regular file",
                       "Find out who put it there, and remove it");
     }
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
+    const UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd.isOpen()) {
         throw systemFailure(path, errno);
     }
     std::string header(headerBytes, '\0');
-    const ssize_t got = ::read(fd, header.data(), header.size());
-    const int error = errno;
-    ::close(fd);
+    const ssize_t got = ::read(fd.get(), header.data(), header.size());
     if (got < 0) {
-        throw systemFailure(path, error);
+        throw systemFailure(path, errno);
     }
     header.resize(static_cast<std::size_t>(got));
     return header;

@@ -76,6 +76,11 @@ ExitCode exitCodeOfErrno(int number) {
     }
 }
 
+Failure fileFailure(std::string what, std::string name, int number) {
+    const bool isRight = number == EACCES || number == EPERM;
+    return {isRight ? ExitCode::NoAccess : ExitCode::Failed, std::move(what), std::move(name), errnoText(number), ""};
+}
+
 std::string errnoText(int number) {
     return std::system_category().message(number);
 }

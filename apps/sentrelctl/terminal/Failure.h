@@ -49,6 +49,9 @@ ExitCode exitCodeOfHub(int code);
 /// The exit code for an errno of the event socket.
 ExitCode exitCodeOfErrno(int number);
 
+/// The failure to use the file @p name, for an errno: NoAccess when this user may not, or else Failed.
+Failure fileFailure(std::string what, std::string name, int number);
+
 /// The system's text for an errno, as a part of a sentence.
 std::string errnoText(int number);
 

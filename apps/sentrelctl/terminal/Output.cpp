@@ -1,8 +1,10 @@
 #include "apps/sentrelctl/terminal/Output.h"
 
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "base/FileWriting.h"
 
 #include <cerrno>
+#include <system_error>
 #include <unistd.h>
 
 namespace Sentrel::ctl {
@@ -12,15 +14,13 @@ bool Output::isTerminal() const {
 }
 
 void Output::write(std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t written = ::write(m_fd, text.data(), text.size());
-        if (written >= 0) {
-            text.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno == EPIPE) {
+    try {
+        writeAll(m_fd, text, "output");
+    } catch (const std::system_error& error) {
+        if (error.code().value() == EPIPE) {
             throw OutputClosed();
-        } else if (errno != EINTR) {
-            throw Failure(ExitCode::Failed, "cannot write the answer", "output", errnoText(errno), "");
         }
+        throw Failure(ExitCode::Failed, "cannot write the answer", "output", errnoText(error.code().value()), "");
     }
 }
 

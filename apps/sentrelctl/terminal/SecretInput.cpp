@@ -1,6 +1,7 @@
 #include "apps/sentrelctl/terminal/SecretInput.h"
 
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "apps/sentrelctl/terminal/Input.h"
 #include "platform/hvbagent/SecretBox.h"
 
 #include <sodium.h>
@@ -73,7 +74,7 @@ std::string secretFromInput(Session& session, std::string_view prompt, std::size
     const NoEcho noEcho(session.inputFd);
     std::string text;
     if (!noEcho.isTerminal()) {
-        text = readAll(session.inputFd, "standard input", limit + 1);
+        text = contentOf("-", session.inputFd, limit + 1);
         if (text.ends_with('\n')) {
             text.pop_back();
         }

@@ -3,6 +3,7 @@
 #include "apps/sentrelctl/clients/DecryptExchange.h"
 #include "apps/sentrelctl/clients/EventSocket.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "apps/sentrelctl/terminal/Input.h"
 #include "base/Paths.h"
 #include "base/PrintableText.h"
 
@@ -32,7 +33,7 @@ std::string encryptedText(Session& session, const std::string& argument) {
     if (::isatty(session.inputFd) == 1) {
         session.err.write("Encrypted text, then Enter and Ctrl-D:\n");
     }
-    std::string text = readAll(session.inputFd, "standard input", kMaxInputBytes);
+    std::string text = contentOf("-", session.inputFd, kMaxInputBytes);
     // The end of the line is the editor's or the shell's, not the text's.
     if (text.ends_with('\n')) {
         text.pop_back();

@@ -3,15 +3,13 @@
 #include "apps/sentrelctl/clients/EventRecord.h"
 #include "apps/sentrelctl/clients/EventSocket.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "apps/sentrelctl/terminal/Input.h"
 #include "base/Paths.h"
 
 #include <array>
-#include <cerrno>
 #include <cstdint>
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
-#include <unistd.h>
 
 namespace Sentrel::ctl {
 namespace {
@@ -34,18 +32,6 @@ struct Options {
     double timeout = kDefaultTimeout;
 };
 
-std::string readFile(const std::string& name, int inputFd) {
-    if (name == "-") {
-        return readAll(inputFd, "standard input", kMaxRawBytes);
-    }
-    const int fd = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        throw Failure(ExitCode::Failed, "cannot read", name, errnoText(errno), "");
-    }
-    const std::unique_ptr<const int, void (*)(const int*)> closing(&fd, [](const int* each) { ::close(*each); });
-    return readAll(fd, name, kMaxRawBytes);
-}
-
 void sendMessage(const std::string& message, const Options& options) {
     EventSocket socket(paths::eventSocket(), deadlineAfter(options.timeout));
     socket.sendOnce(message);
@@ -65,7 +51,8 @@ std::string summary(std::size_t bytes, const Options& options) {
 
 void eventSend(Session& session, Options& options) {
     options.fields.action = actionCode(options.action);
-    const std::string message = options.isRaw ? readFile(options.raw, session.inputFd) : recordBytes(options.fields);
+    const std::string message =
+        options.isRaw ? contentOf(options.raw, session.inputFd, kMaxRawBytes) : recordBytes(options.fields);
     for (std::uint32_t sent = 0; sent < options.repeat; ++sent) {
         sendMessage(message, options);
     }

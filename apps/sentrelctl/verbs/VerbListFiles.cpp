@@ -2,7 +2,9 @@
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/ListChange.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "apps/sentrelctl/terminal/Input.h"
 #include "base/PrintableText.h"
+#include "base/UniqueFd.h"
 
 #include <algorithm>
 #include <array>
@@ -10,7 +12,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <memory>
-#include <unistd.h>
+#include <sys/stat.h>
 
 namespace Sentrel::ctl {
 namespace {
@@ -27,33 +29,6 @@ struct Options {
     double timeout = kListTimeout;
 };
 
-/// A descriptor that is closed with this. Threads: plain. Owner: a local.
-class OpenFile {
-public:
-    OpenFile(const std::string& name, int flags) : m_fd(::open(name.c_str(), flags | O_CLOEXEC, 0666)) {
-        if (m_fd < 0) {
-            throw Failure(errno == EACCES ? ExitCode::NoAccess : ExitCode::Failed, "cannot open", name,
-                          errnoText(errno), "");
-        }
-    }
-    ~OpenFile() { ::close(m_fd); }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-
-    int fd() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
-std::string contentOf(const std::string& name, int inputFd) {
-    if (name == "-") {
-        return readAll(inputFd, "standard input", kMaxFileBytes);
-    }
-    const OpenFile file(name, O_RDONLY);
-    return readAll(file.fd(), name, kMaxFileBytes);
-}
-
 void complain(Output& err, const std::string& name, const std::vector<BadLine>& bad) {
     std::string text;
     for (std::size_t i = 0; i < std::min(bad.size(), kMaxComplaints); ++i) {
@@ -67,7 +42,8 @@ void complain(Output& err, const std::string& name, const std::vector<BadLine>& 
 
 UrlList entriesOf(Session& session, const Options& options) {
     const std::string name = options.file == "-" ? "standard input" : options.file;
-    ParsedList parsed = parseList(contentOf(options.file, session.inputFd), options.allow ? kAllow : kBlock);
+    ParsedList parsed =
+        parseList(contentOf(options.file, session.inputFd, kMaxFileBytes), options.allow ? kAllow : kBlock);
     complain(session.err, name, parsed.bad);
     if (!parsed.bad.empty() && !options.skipBad) {
         throw Failure(ExitCode::Failed, "nothing was imported", name,
@@ -113,8 +89,12 @@ void writeLines(Session& session, const Options& options, const UrlList& list) {
         session.out.write(lines);
         return;
     }
-    const OpenFile file(options.file, O_WRONLY | O_CREAT | O_TRUNC);
-    Output(file.fd()).write(lines);
+    constexpr mode_t asTheUmaskSays = 0666;
+    const UniqueFd file(::open(options.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, asTheUmaskSays));
+    if (!file.isOpen()) {
+        throw fileFailure("cannot open", options.file, errno);
+    }
+    Output(file.get()).write(lines);
     session.out.write(session.json == JsonMode::Off
                           ? fmt::format("Exported {} to {}.\n", countText(list), text::printable(options.file))
                           : jsonText(countJson(list), session.json));

@@ -5,6 +5,7 @@
 #include "apps/sentrelctl/policy/PolicyReport.h"
 #include "apps/sentrelctl/policy/PolicySigning.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "apps/sentrelctl/terminal/Input.h"
 #include "base/PrintableText.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Topics.h"

@@ -8,6 +8,7 @@
 #include "apps/sentrelctl/fleet/Fleet.h"
 #include "apps/sentrelctl/preferences/StoredProxy.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "apps/sentrelctl/terminal/Input.h"
 #include "apps/sentrelctl/terminal/SecretInput.h"
 #include "base/Paths.h"
 #include "hub/HubIds.h"

@@ -1,8 +1,13 @@
 // The whole command line in this process, as far as no other process is needed: help, version and bad usage.
 #include "apps/sentrelctl/Session.h"
+#include "base/FileReading.h"
+#include "tests/support/AsUser.h"
+#include "tests/support/PrivateRoot.h"
 
+#include <fstream>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -21,7 +26,7 @@ public:
 
     std::string text() const {
         ::lseek(m_fd, 0, SEEK_SET);
-        return readAll(m_fd, "captured", SIZE_MAX);
+        return readUpTo(m_fd, SIZE_MAX, "captured");
     }
 
 private:
@@ -217,6 +222,60 @@ TEST_F(ACommandLine, RefusesToWriteLinesAsJson) {
     expectRefused({"list", "export", "--json"},
                   "sentrelctl: bad usage: an export to standard output is lines and no JSON. "
                   "'sentrelctl list show --json' gives the list as JSON.");
+}
+
+/// A file that root has for itself, met by another user.
+class AFileOfRoot : public ACommandLine {
+protected:
+    void SetUp() override {
+        if (!testing_support::canActAsOthers()) {
+            GTEST_SKIP() << "needs root, to act as a second user";
+        }
+        std::ofstream(m_file) << "blocked.example\n";
+        ASSERT_EQ(::chmod(m_file.c_str(), 0600), 0);
+    }
+
+    /// The exit code as nobody gets it, and what was said.
+    static std::string usedByNobody(const std::vector<std::string>& arguments) {
+        return testing_support::asNobody([&] {
+            Captured out;
+            Captured err;
+            const int code = run(arguments, out.output(), err.output(), -1);
+            return std::to_string(code) + " " + out.text() + err.text();
+        });
+    }
+
+    testing_support::PrivateRoot m_root;
+    const std::string m_file = m_root.file("root's");
+};
+
+TEST_F(AFileOfRoot, IsNoAccessToEveryVerbThatReadsIt) {
+    const std::vector<std::vector<std::string>> uses{
+        {"event", "send", "--raw", m_file}, {"list", "import", m_file}, {"policy", "check", m_file}};
+    for (const std::vector<std::string>& arguments : uses) {
+        EXPECT_EQ(usedByNobody(arguments), "4 sentrelctl: cannot read: " + m_file + ": Permission denied.\n")
+            << arguments.front();
+    }
+}
+
+TEST_F(AFileOfRoot, IsNoAccessAsAKeyToo) {
+    const std::string said = usedByNobody({"policy", "check", "--public-key", m_file, "/dev/null"});
+    EXPECT_TRUE(said.starts_with("4 sentrelctl: cannot read the public key: ")) << said;
+}
+
+TEST_F(ACommandLine, ReadsNoMoreThanItsLimitOfAnyInput) {
+    const testing_support::PrivateRoot root;
+    const std::string large = root.file("large");
+    std::ofstream(large) << "x";
+    constexpr off_t moreThanAnyLimit = off_t{65} << 20;
+    ASSERT_EQ(::truncate(large.c_str(), moreThanAnyLimit), 0);
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"event", "send", "--raw", large}, {"list", "import", large}, {"policy", "check", large}}) {
+        Captured out;
+        Captured err;
+        EXPECT_EQ(run(arguments, out.output(), err.output(), -1), 2) << arguments.front();
+        EXPECT_TRUE(err.text().starts_with("sentrelctl: too much input: " + large + ": at most ")) << err.text();
+    }
 }
 
 } // namespace

@@ -1,6 +1,5 @@
 // Saving a configuration file: whole or not at all. Real: files, users, kill -9, a limit on the size of files.
-#include "platform/hvbutils/FileReplacement.h"
-
+#include "base/FileWriting.h"
 #include "platform/hvbutils/XmlFile.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
@@ -59,14 +58,6 @@ TEST_F(AConfigFile, IsReplacedAndLeavesNothingBesideIt) {
     EXPECT_EQ(filesInDirectory(), 1u);
 }
 
-TEST_F(AConfigFile, IsSavedByANameWithoutADirectory) {
-    const std::filesystem::path before = std::filesystem::current_path();
-    std::filesystem::current_path(directory);
-    EXPECT_TRUE(replaceFile("HVConfig.xml", "new"));
-    std::filesystem::current_path(before);
-    EXPECT_EQ(content(), "new");
-}
-
 TEST_F(AConfigFile, IsNotSavedWhereThereIsNone) {
     const XmlFile file(path);
     std::filesystem::remove(path);
@@ -95,18 +86,6 @@ TEST_F(AConfigFile, IsNotSavedOverALinkADirectoryOrAPipe) {
     EXPECT_TRUE(std::filesystem::is_fifo(path));
     EXPECT_EQ(XmlFile(real).textAt(kLevel), before);
     EXPECT_EQ(filesInDirectory(), 2u);
-}
-
-TEST_F(AConfigFile, KeepsItsModeWhateverTheUmask) {
-    for (const mode_t mask : {0000U, 0022U, 0077U}) {
-        const mode_t before = umask(mask);
-        for (const mode_t mode : {0600U, 0644U, 0640U, 0664U, 0400U}) {
-            ASSERT_EQ(chmod(path.c_str(), mode), 0);
-            EXPECT_TRUE(replaceFile(path, "new"));
-            EXPECT_EQ(factsOf(path).st_mode & 07777, mode);
-        }
-        umask(before);
-    }
 }
 
 class AConfigFileOfAnother : public AConfigFile {
@@ -217,7 +196,11 @@ TEST_F(AConfigFile, ThatAnotherProcessSavedMeanwhileBecomesWholeWhatWasReadWithT
     const std::string before = content();
     XmlFile file(path);
     file.setTextAt(kLevel, "debug");
-    ASSERT_EQ(statusOf(inChild([this] { return replaceFile(path, "<HVConfiguration/>") ? 0 : 1; })), 0);
+    ASSERT_EQ(statusOf(inChild([this] {
+                  Sentrel::replaceFile(path, "<HVConfiguration/>", Sentrel::Replace::KeepingModeAndOwner);
+                  return 0;
+              })),
+              0);
     ASSERT_EQ(content(), "<HVConfiguration/>");
     ASSERT_TRUE(file.saveTo(path.c_str()));
     EXPECT_EQ(content(), std::string(before).replace(before.find("information"), 11, "debug"));

@@ -1,24 +1,24 @@
-// Files that hold a secret or a decision. Real files; a second user where the test may act as one.
-#include "platform/hvbagent/PrivateFile.h"
+// Reading files whole, up to a limit. Real files and pipes; a second user where the test may act as one.
+#include "base/FileReading.h"
+#include "base/UniqueFd.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/PrivateRoot.h"
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <barrier>
-#include <filesystem>
+#include <array>
 #include <fstream>
-#include <sstream>
+#include <functional>
 #include <system_error>
 #include <thread>
 
 namespace {
 
-using namespace HVBEnterprise::agent;
+using namespace Sentrel;
 using testing_support::canActAsOthers;
 
 constexpr std::size_t kMax = 100;
@@ -30,11 +30,6 @@ protected:
         std::ofstream(m_path, std::ios::binary) << text;
         ::chmod(m_path.c_str(), mode);
     }
-    std::string text() const {
-        std::ostringstream text;
-        text << std::ifstream(m_path).rdbuf();
-        return text.str();
-    }
     int errorOfReading(FileAccess access = FileAccess::Anybody) const {
         try {
             (void)readRegularFile(m_path, kMax, access);
@@ -43,10 +38,6 @@ protected:
             return error.code().value();
         }
         return 0;
-    }
-    std::size_t filesInTheDirectory() const {
-        const std::filesystem::directory_iterator files(m_root.varDirectory());
-        return static_cast<std::size_t>(std::distance(begin(files), end(files)));
     }
 
     testing_support::PrivateRoot m_root;
@@ -120,78 +111,77 @@ TEST_F(APrivateFile, IsRequiredToBeItsOwnersAloneBehindALinkToo) {
     EXPECT_NO_THROW(requireOwnerAlone(link));
 }
 
-TEST_F(APrivateFile, IsReplacedWithModeSixHundredAndNothingLeftBeside) {
-    write("old", 0644);
-    write("old", 0644);
-    replaceFile(m_path, std::string(100'000, 'n'));
-    EXPECT_EQ(text(), std::string(100'000, 'n'));
-    struct stat facts {};
-    ASSERT_EQ(::stat(m_path.c_str(), &facts), 0);
-    EXPECT_EQ(facts.st_mode & 07777U, 0600U);
-    EXPECT_EQ(filesInTheDirectory(), 1U);
+TEST_F(APrivateFile, IsReadBehindALinkWhereThatIsAllowed) {
+    const std::string link = m_root.file("link");
+    ASSERT_EQ(::symlink(m_path.c_str(), link.c_str()), 0);
+    write("text");
+    EXPECT_EQ(readRegularFile(link, kMax, FileAccess::Anybody, Links::Follow), "text");
+    EXPECT_THROW(readRegularFile(link, kMax, FileAccess::Anybody), std::system_error);
 }
 
-TEST_F(APrivateFile, IsReplacedOverWhatAKilledWriterLeft) {
-    std::ofstream(m_path + ".new") << "half";
-    replaceFile(m_path, "whole");
-    EXPECT_EQ(text(), "whole");
-    EXPECT_EQ(filesInTheDirectory(), 1U);
-}
-
-TEST_F(APrivateFile, IsReplacedWithoutFollowingALink) {
-    const std::string victim = m_root.file("victim");
-    std::ofstream(victim) << "untouched";
-    ASSERT_EQ(::symlink(victim.c_str(), m_path.c_str()), 0);
-    ASSERT_EQ(::symlink(victim.c_str(), (m_path + ".new").c_str()), 0);
-    replaceFile(m_path, "policy");
-    std::ostringstream kept;
-    kept << std::ifstream(victim).rdbuf();
-    EXPECT_EQ(kept.str(), "untouched");
-    EXPECT_FALSE(std::filesystem::is_symlink(m_path));
-    EXPECT_EQ(text(), "policy");
-}
-
-TEST_F(APrivateFile, StaysWhenItCannotBeReplaced) {
-    write("old");
-    std::filesystem::create_directories(m_path + ".new/in-the-way");
-    EXPECT_THROW(replaceFile(m_path, "new"), std::system_error);
-    EXPECT_EQ(text(), "old");
-    EXPECT_THROW(replaceFile(m_root.file("no/such/directory"), "new"), std::system_error);
-}
-
-/// Who came second once removed what the first had made.
-TEST_F(APrivateFile, IsMadeByOneOfTwoWhoComeAtOnceAndStays) {
-    constexpr int rounds = 200;
-    for (int round = 0; round < rounds; ++round) {
-        std::barrier together(2);
-        std::atomic<int> made{0};
-        const auto make = [&](const std::string& text) {
-            together.arrive_and_wait();
-            try {
-                makeFile(m_path, text);
-                ++made;
-            } catch (const std::system_error& error) {
-                EXPECT_EQ(error.code().value(), EEXIST);
-            }
-        };
-        std::thread other([&] { make("other"); });
-        make("first");
-        other.join();
-        ASSERT_EQ(made, 1);
-        ASSERT_TRUE(text() == "first" || text() == "other") << round;
-        ::unlink(m_path.c_str());
+/// A pipe, as standard input often is.
+class APipe : public ::testing::Test {
+protected:
+    APipe() {
+        std::array<int, 2> ends{};
+        EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+        m_reader.reset(ends[0]);
+        m_writer.reset(ends[1]);
     }
+
+    /// Gives the text to the pipe in small pieces, then closes it, while @p read reads.
+    std::string readWhileWriting(const std::string& text, const std::function<std::string()>& read) {
+        std::thread writer([&] {
+            for (std::size_t at = 0; at < text.size(); at += kPiece) {
+                const std::string piece = text.substr(at, kPiece);
+                EXPECT_EQ(::write(m_writer.get(), piece.data(), piece.size()), static_cast<ssize_t>(piece.size()));
+            }
+            m_writer.reset();
+        });
+        std::string got = read();
+        writer.join();
+        return got;
+    }
+
+    static constexpr std::size_t kPiece = 1000;
+    UniqueFd m_reader;
+    UniqueFd m_writer;
+};
+
+TEST_F(APipe, IsReadWholeWhateverPiecesItComesIn) {
+    std::string text;
+    for (int number = 0; text.size() < 300'000; ++number) {
+        text += std::to_string(number) + '\0';
+    }
+    EXPECT_EQ(readWhileWriting(text, [&] { return readUpTo(m_reader.get(), text.size(), "pipe"); }), text);
 }
 
-TEST_F(APrivateFile, IsMadeOnlyWhereNoneIs) {
-    makeFile(m_path, "first");
-    EXPECT_EQ(text(), "first");
-    EXPECT_THROW(makeFile(m_path, "second"), std::system_error);
-    EXPECT_EQ(text(), "first");
-    ::unlink(m_path.c_str());
-    ASSERT_EQ(::symlink("nowhere", m_path.c_str()), 0);
-    EXPECT_THROW(makeFile(m_path, "second"), std::system_error);
-    EXPECT_TRUE(std::filesystem::is_symlink(m_path));
+TEST_F(APipe, IsReadFurtherThanItsLimitByNobody) {
+    std::size_t held = 0;
+    try {
+        (void)::write(m_writer.get(), "12345678", 8);
+        (void)readUpTo(m_reader.get(), 5, "the pipe");
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code().value(), EFBIG);
+        EXPECT_TRUE(std::string(error.what()).starts_with("the pipe: is too large: it has more than 5 bytes")) << error.what();
+        std::array<char, 8> rest{};
+        held = static_cast<std::size_t>(::read(m_reader.get(), rest.data(), rest.size()));
+    }
+    EXPECT_EQ(held, 2U) << "one byte behind the limit is enough to know";
+}
+
+TEST_F(APipe, IsWhatADashStandsFor) {
+    EXPECT_EQ(readWhileWriting("given", [&] { return readFileOrInput("-", m_reader.get(), kMax); }), "given");
+}
+
+TEST_F(APrivateFile, IsReadByNameOnACommandLine) {
+    write("text");
+    EXPECT_EQ(readFileOrInput(m_path, -1, kMax), "text");
+    EXPECT_THROW((void)readFileOrInput(m_path, -1, 3), std::system_error);
+    EXPECT_EQ(readFileOrInput(m_path, -1, 4), "text");
+    EXPECT_THROW((void)readFileOrInput(m_root.varDirectory(), -1, kMax), std::system_error) << "a directory";
+    EXPECT_THROW((void)readFileOrInput(m_root.file("none"), -1, kMax), std::system_error);
 }
 
 } // namespace

@@ -1,0 +1,107 @@
+#include "base/FileReading.h"
+
+#include "base/UniqueFd.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+
+namespace Sentrel {
+namespace {
+
+constexpr mode_t kOthers = 077;
+constexpr mode_t kOthersWrite = 022;
+
+[[noreturn]] void fail(int error, const std::string& name, const char* what) {
+    throw std::system_error(error, std::system_category(), name + ": " + what);
+}
+
+void checkAccess(const struct stat& facts, FileAccess access, const std::string& path) {
+    if (access == FileAccess::Anybody) {
+        return;
+    }
+    if (access == FileAccess::OwnerAlone && (facts.st_mode & kOthers) != 0) {
+        fail(EACCES, path, "others than its owner may access it; it must have mode 0600");
+    }
+    if ((facts.st_mode & kOthersWrite) != 0) {
+        fail(EACCES, path, "others than its owner may write to it; it must have mode 0644 or less");
+    }
+    if (facts.st_uid != ::geteuid() && facts.st_uid != 0) {
+        fail(EACCES, path, "it belongs to another user");
+    }
+}
+
+/// As much as is asked for, unless the file ends before. @return how much.
+std::size_t readInto(int fd, char* buffer, std::size_t size, const std::string& name) {
+    std::size_t length = 0;
+    while (length < size) {
+        const ssize_t got = ::read(fd, buffer + length, size - length);
+        if (got == 0) {
+            break;
+        }
+        if (got < 0 && errno != EINTR) {
+            fail(errno, name, "cannot be read");
+        }
+        length += got > 0 ? static_cast<std::size_t>(got) : 0;
+    }
+    return length;
+}
+
+} // namespace
+
+std::string readUpTo(int fd, std::size_t maxBytes, const std::string& name) {
+    constexpr std::size_t firstBuffer = std::size_t{64} << 10;
+    const std::size_t most = std::min(maxBytes, std::string().max_size() - 1);
+    std::string bytes;
+    std::size_t length = 0;
+    do {
+        // One byte more than the limit shows that there is more.
+        bytes.resize(std::min(most + 1, std::max(bytes.size() * 2, firstBuffer + 1)));
+        length += readInto(fd, bytes.data() + length, bytes.size() - length, name);
+    } while (length == bytes.size() && length <= most);
+    if (length > most) {
+        fail(EFBIG, name, ("is too large: it has more than " + std::to_string(maxBytes) + " bytes").c_str());
+    }
+    bytes.resize(length);
+    return bytes;
+}
+
+std::string readFileOrInput(const std::string& name, int inputFd, std::size_t maxBytes) {
+    if (name == "-") {
+        return readUpTo(inputFd, maxBytes, "standard input");
+    }
+    const UniqueFd file(::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (!file.isOpen()) {
+        fail(errno, name, "cannot be opened");
+    }
+    return readUpTo(file.get(), maxBytes, name);
+}
+
+std::string readRegularFile(const std::string& path, std::size_t maxBytes, FileAccess access, Links links) {
+    // NONBLOCK: a FIFO that was put in its place must not hold us up.
+    const int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | (links == Links::Refuse ? O_NOFOLLOW : 0);
+    const UniqueFd file(::open(path.c_str(), flags));
+    struct stat facts {};
+    if (!file.isOpen() || ::fstat(file.get(), &facts) != 0) {
+        fail(errno, path, "cannot be opened");
+    }
+    if (!S_ISREG(facts.st_mode)) {
+        fail(EINVAL, path, "is not a regular file");
+    }
+    checkAccess(facts, access, path);
+    return readUpTo(file.get(), maxBytes, path);
+}
+
+void requireOwnerAlone(const std::string& path) {
+    struct stat facts {};
+    if (::stat(path.c_str(), &facts) != 0) {
+        fail(errno, path, "cannot be opened");
+    }
+    checkAccess(facts, FileAccess::OwnerAlone, path);
+}
+
+} // namespace Sentrel

@@ -1,0 +1,40 @@
+// Reading files: whole, up to a limit, and only from those who may be trusted with them.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+/// Free functions. Threads: any. Owner: none.
+/// All throw std::system_error when the system refuses: its code is the errno, its text names the file and what failed.
+/// The code is EFBIG when there is more than the limit.
+namespace Sentrel {
+
+/// Who may have access to a file that is read.
+enum class FileAccess {
+    Anybody,
+    OwnerWrites, ///< its group and others may read it at most, and it is this user's or root's
+    OwnerAlone,  ///< its group and others may touch it in no way, and it is this user's or root's
+};
+
+/// Whether the last part of a path may be a symbolic link. Links to directories before it are followed in any case.
+enum class Links { Follow, Refuse };
+
+/// Everything that @p fd still gives, at most @p maxBytes bytes; the rest of a longer one is not read. A text of up to
+/// 64 KiB is copied nowhere else in memory, so that a caller can wipe a secret.
+/// @param name what stands for the descriptor in the text of a failure.
+std::string readUpTo(int fd, std::size_t maxBytes, const std::string& name);
+
+/// As readUpTo, of the file @p name, or of @p inputFd when the name is "-". Follows links and waits on pipes, as a user
+/// expects of a file that was named on a command line.
+std::string readFileOrInput(const std::string& name, int inputFd, std::size_t maxBytes);
+
+/// Everything in a regular file of at most @p maxBytes bytes. A FIFO, a device and a directory are EINVAL; none is
+/// waited for. A link that is refused is ELOOP, a file with more than @p access EACCES.
+std::string readRegularFile(const std::string& path, std::size_t maxBytes, FileAccess access,
+                            Links links = Links::Refuse);
+
+/// Refuses, as readRegularFile does for OwnerAlone, a file that another library is going to read. Follows links, whose
+/// target is what counts.
+void requireOwnerAlone(const std::string& path);
+
+} // namespace Sentrel

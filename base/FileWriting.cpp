@@ -1,0 +1,194 @@
+#include "base/FileWriting.h"
+
+#include "base/UniqueFd.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <system_error>
+#include <utility>
+
+namespace Sentrel {
+namespace {
+
+constexpr mode_t kPrivate = 0600;
+constexpr mode_t kModeBits = 07777;
+
+[[noreturn]] void fail(int error, const std::string& name, const char* what) {
+    throw std::system_error(error, std::system_category(), name + ": " + what);
+}
+
+/// The directory of a file, opened before the file is touched; every step goes through it, so that all happen in the
+/// same one.
+/// Threads: one. Owner: the operation.
+class DirectoryOf {
+public:
+    explicit DirectoryOf(const std::string& path)
+        : m_path(path), m_cut(path.rfind('/') + 1), // npos, one further, is the start
+          m_fd(::open(m_cut == 0 ? "." : path.substr(0, m_cut).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        if (!m_fd.isOpen()) {
+            fail(errno, path, "its directory cannot be opened");
+        }
+    }
+
+    int get() const { return m_fd.get(); }
+    /// The file's name in it, and the whole path for messages.
+    std::string name() const { return m_path.substr(m_cut); }
+    const std::string& path() const { return m_path; }
+
+    void sync(Replace how) const {
+        const bool mayBeUnable = how == Replace::KeepingModeAndOwner;
+        if (::fsync(get()) != 0 && !(mayBeUnable && errno == EINVAL)) {
+            fail(errno, m_path, "its directory cannot be synced");
+        }
+    }
+
+private:
+    const std::string m_path;
+    const std::size_t m_cut;
+    const UniqueFd m_fd;
+};
+
+/// A file that did not exist, and does not when this ends, unless it was kept or took another's place.
+/// Threads: one. Owner: the operation; the directory must outlive it.
+class NewFile {
+public:
+    NewFile(const DirectoryOf& directory, std::string name)
+        : m_directory(directory), m_name(std::move(name)),
+          m_fd(::openat(directory.get(), m_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                        kPrivate)) {
+        if (!m_fd.isOpen()) {
+            fail(errno, directory.path(), "cannot be made"); // what is there is somebody else's, and stays
+        }
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+    ~NewFile() {
+        if (!m_kept) {
+            ::unlinkat(m_directory.get(), m_name.c_str(), 0);
+        }
+    }
+
+    void becomePrivate() const { setMode(kPrivate); }
+
+    /// The owner comes first, since a change of it takes set-id bits away.
+    void resemble(const struct stat& original) const {
+        give(original.st_uid, original.st_gid);
+        setMode(original.st_mode & kModeBits);
+    }
+
+    /// Closes it, as some file systems tell only then that they could not store it.
+    void fill(std::string_view bytes) {
+        writeAll(m_fd.get(), bytes, m_directory.path());
+        if (::fsync(m_fd.get()) != 0 || !m_fd.close()) {
+            fail(errno, m_directory.path(), "cannot be stored");
+        }
+    }
+
+    void keep() { m_kept = true; }
+
+    void takePlaceOf(const std::string& name) {
+        if (::renameat(m_directory.get(), m_name.c_str(), m_directory.get(), name.c_str()) != 0) {
+            fail(errno, m_directory.path(), "cannot be replaced");
+        }
+        keep();
+    }
+
+private:
+    void setMode(mode_t mode) const {
+        if (::fchmod(m_fd.get(), mode) != 0) {
+            fail(errno, m_directory.path(), "cannot get its mode");
+        }
+    }
+
+    /// Who may not give files away may still give them to a group of its own.
+    void give(uid_t owner, gid_t group) const {
+        constexpr auto sameOwner = static_cast<uid_t>(-1);
+        const bool isGiven = ::fchown(m_fd.get(), owner, group) == 0 ||
+                             (errno == EPERM && (::fchown(m_fd.get(), sameOwner, group) == 0 || errno == EPERM));
+        if (!isGiven) {
+            fail(errno, m_directory.path(), "cannot get its owner");
+        }
+    }
+
+    const DirectoryOf& m_directory;
+    const std::string m_name;
+    UniqueFd m_fd;
+    bool m_kept = false;
+};
+
+/// A name that nobody can have planted beforehand.
+std::string unguessableName(const DirectoryOf& directory) {
+    std::array<std::uint64_t, 2> random{};
+    if (::getrandom(random.data(), sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
+        fail(EIO, directory.path(), "the system has no random numbers to give");
+    }
+    return fmt::format(".sentrel-{:016x}{:016x}", random[0], random[1]);
+}
+
+/// The one name of this file's private writer, free of what an earlier one left.
+std::string freedName(const DirectoryOf& directory) {
+    std::string name = directory.name() + ".new";
+    if (::unlinkat(directory.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
+        fail(errno, directory.path() + ".new", "is in the way");
+    }
+    return name;
+}
+
+struct stat factsOfRegularFile(const DirectoryOf& directory) {
+    struct stat facts {};
+    if (::fstatat(directory.get(), directory.name().c_str(), &facts, AT_SYMLINK_NOFOLLOW) != 0) {
+        fail(errno, directory.path(), "cannot be seen");
+    }
+    if (!S_ISREG(facts.st_mode)) {
+        fail(S_ISLNK(facts.st_mode) ? ELOOP : EINVAL, directory.path(), "is not a regular file");
+    }
+    return facts;
+}
+
+} // namespace
+
+void writeAll(int fd, std::string_view bytes, const std::string& name) {
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR) {
+            fail(errno, name, "cannot be written");
+        }
+        bytes.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
+    }
+}
+
+void replaceFile(const std::string& path, std::string_view bytes, Replace how) {
+    const DirectoryOf directory(path);
+    if (how == Replace::KeepingModeAndOwner) {
+        const struct stat original = factsOfRegularFile(directory);
+        NewFile file(directory, unguessableName(directory));
+        file.resemble(original);
+        file.fill(bytes);
+        file.takePlaceOf(directory.name());
+    } else {
+        NewFile file(directory, freedName(directory));
+        file.becomePrivate();
+        file.fill(bytes);
+        file.takePlaceOf(directory.name());
+    }
+    directory.sync(how);
+}
+
+void makePrivateFile(const std::string& path, std::string_view bytes) {
+    const DirectoryOf directory(path);
+    NewFile file(directory, directory.name());
+    file.becomePrivate();
+    file.fill(bytes);
+    file.keep();
+    directory.sync(Replace::AsPrivate);
+}
+
+} // namespace Sentrel

@@ -1,0 +1,260 @@
+// Writing files: all of a text, and a new content in one step. Real: files, users, kill -9, a limit on their size.
+#include "base/FileWriting.h"
+#include "base/UniqueFd.h"
+#include "tests/support/AsUser.h"
+#include "tests/support/PrivateRoot.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <barrier>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <system_error>
+#include <thread>
+
+namespace {
+
+using namespace Sentrel;
+using testing_support::canActAsOthers;
+using testing_support::kNobody;
+using testing_support::kNogroup;
+using testing_support::PrivateRoot;
+
+/// The errno with which @p work fails; 0 when it does not.
+int errorOf(const std::function<void()>& work) {
+    try {
+        work();
+    } catch (const std::system_error& error) {
+        return error.code().value();
+    }
+    return 0;
+}
+
+/// A file "f" in a directory of its own.
+class AFileThatIsWritten : public ::testing::Test {
+protected:
+    void write(const std::string& text, mode_t mode = 0600) const {
+        std::ofstream(m_path, std::ios::binary) << text;
+        ::chmod(m_path.c_str(), mode);
+    }
+    std::string text() const {
+        std::ostringstream text;
+        text << std::ifstream(m_path).rdbuf();
+        return text.str();
+    }
+    struct stat facts() const {
+        struct stat facts {};
+        EXPECT_EQ(::lstat(m_path.c_str(), &facts), 0);
+        return facts;
+    }
+    mode_t mode() const { return facts().st_mode & 07777U; }
+    std::size_t filesInTheDirectory() const {
+        const std::filesystem::directory_iterator files(m_root.varDirectory());
+        return static_cast<std::size_t>(std::distance(begin(files), end(files)));
+    }
+    int errorOfKeepingReplace(const std::string& text) const {
+        return errorOf([&] { replaceFile(m_path, text, Replace::KeepingModeAndOwner); });
+    }
+
+    PrivateRoot m_root;
+    const std::string m_path = m_root.varDirectory() + "/f";
+};
+
+TEST(WriteAll, WritesWholeWhatAPipeTakesInPieces) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    const UniqueFd reader(ends[0]);
+    UniqueFd writer(ends[1]);
+    const std::string text(1'000'000, 'x');
+    std::thread writing([&] {
+        writeAll(writer.get(), text, "pipe");
+        writer.reset();
+    });
+    std::size_t length = 0;
+    std::array<char, 4096> part{};
+    for (ssize_t got = 1; got > 0; length += static_cast<std::size_t>(got)) {
+        got = ::read(reader.get(), part.data(), part.size());
+    }
+    writing.join();
+    EXPECT_EQ(length, text.size());
+}
+
+TEST(WriteAll, TellsWhatCouldNotBeWritten) {
+    const UniqueFd full(::open("/dev/full", O_WRONLY | O_CLOEXEC));
+    EXPECT_EQ(errorOf([&] { writeAll(full.get(), "x", "full"); }), ENOSPC);
+    EXPECT_EQ(errorOf([&] { writeAll(full.get(), "", "full"); }), 0);
+}
+
+TEST_F(AFileThatIsWritten, IsReplacedByAnotherWithTheSameModeWhateverTheUmask) {
+    write("old");
+    for (const mode_t mask : {0000U, 0022U, 0077U}) {
+        const mode_t before = ::umask(mask);
+        for (const mode_t wanted : {0600U, 0644U, 0640U, 0664U, 0400U}) {
+            ASSERT_EQ(::chmod(m_path.c_str(), wanted), 0);
+            const ino_t old = facts().st_ino;
+            replaceFile(m_path, "new", Replace::KeepingModeAndOwner);
+            EXPECT_EQ(mode(), wanted);
+            EXPECT_NE(facts().st_ino, old);
+        }
+        ::umask(before);
+    }
+    EXPECT_EQ(text(), "new");
+    EXPECT_EQ(filesInTheDirectory(), 1U);
+}
+
+TEST_F(AFileThatIsWritten, IsReplacedByANameWithoutADirectory) {
+    write("old");
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(m_root.varDirectory());
+    EXPECT_EQ(errorOf([] { replaceFile("f", "new", Replace::KeepingModeAndOwner); }), 0);
+    EXPECT_EQ(text(), "new");
+    EXPECT_EQ(errorOf([] { replaceFile("f", "newer", Replace::AsPrivate); }), 0);
+    std::filesystem::current_path(before);
+    EXPECT_EQ(text(), "newer");
+}
+
+TEST_F(AFileThatIsWritten, KeepsItsOwnerWhenRootReplacesIt) {
+    if (!canActAsOthers()) {
+        GTEST_SKIP() << "needs root to give a file away";
+    }
+    write("old", 0640);
+    PrivateRoot::giveTo(m_path, kNobody, kNogroup);
+    replaceFile(m_path, "new", Replace::KeepingModeAndOwner);
+    EXPECT_EQ(facts().st_uid, kNobody);
+    EXPECT_EQ(facts().st_gid, kNogroup);
+    EXPECT_EQ(mode(), 0640U);
+}
+
+TEST_F(AFileThatIsWritten, IsNotReplacedKeepingItsModeWhereNoRegularFileIs) {
+    EXPECT_EQ(errorOfKeepingReplace("new"), ENOENT);
+    const std::string victim = m_root.file("victim");
+    std::ofstream(victim) << "untouched";
+    ASSERT_EQ(::symlink(victim.c_str(), m_path.c_str()), 0);
+    EXPECT_EQ(errorOfKeepingReplace("new"), ELOOP);
+    EXPECT_TRUE(std::filesystem::is_symlink(m_path));
+    ::unlink(m_path.c_str());
+    ASSERT_EQ(::mkfifo(m_path.c_str(), 0600), 0);
+    EXPECT_EQ(errorOfKeepingReplace("new"), EINVAL);
+    ::unlink(m_path.c_str());
+    ASSERT_EQ(::mkdir(m_path.c_str(), 0700), 0);
+    EXPECT_EQ(errorOfKeepingReplace("new"), EINVAL);
+    EXPECT_EQ(filesInTheDirectory(), 1U);
+}
+
+TEST_F(AFileThatIsWritten, StaysAsItWasWhenTheDiskTakesNoMore) {
+    write("old");
+    const pid_t child = ::fork();
+    if (child == 0) {
+        constexpr rlimit aFewBytes{100, 100};
+        std::signal(SIGXFSZ, SIG_IGN);
+        const std::string large(1000, 'x');
+        const bool isRefused = ::setrlimit(RLIMIT_FSIZE, &aFewBytes) == 0 && errorOfKeepingReplace(large) == EFBIG &&
+                               errorOf([&] { replaceFile(m_path, large, Replace::AsPrivate); }) == EFBIG &&
+                               errorOf([&] { makePrivateFile(m_path + "2", large); }) == EFBIG;
+        ::_exit(isRefused ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(text(), "old");
+    EXPECT_EQ(filesInTheDirectory(), 1U);
+}
+
+TEST_F(AFileThatIsWritten, IsWholeWhenSeveralReplaceItAtOnce) {
+    write("old");
+    std::atomic<int> failures{0};
+    const auto replace = [&](char letter) {
+        for (int round = 0; round < 100; ++round) {
+            failures += errorOfKeepingReplace(std::string(10'000, letter)) == 0 ? 0 : 1;
+        }
+    };
+    std::thread other([&] { replace('a'); });
+    replace('b');
+    other.join();
+    EXPECT_EQ(failures, 0);
+    EXPECT_TRUE(text() == std::string(10'000, 'a') || text() == std::string(10'000, 'b'));
+    EXPECT_EQ(filesInTheDirectory(), 1U);
+}
+
+TEST_F(AFileThatIsWritten, IsReplacedWithModeSixHundredAndNothingLeftBeside) {
+    write("old", 0644);
+    replaceFile(m_path, std::string(100'000, 'n'), Replace::AsPrivate);
+    EXPECT_EQ(text(), std::string(100'000, 'n'));
+    EXPECT_EQ(mode(), 0600U);
+    EXPECT_EQ(filesInTheDirectory(), 1U);
+}
+
+TEST_F(AFileThatIsWritten, IsReplacedOverWhatAKilledWriterLeft) {
+    std::ofstream(m_path + ".new") << "half";
+    replaceFile(m_path, "whole", Replace::AsPrivate);
+    EXPECT_EQ(text(), "whole");
+    EXPECT_EQ(filesInTheDirectory(), 1U);
+}
+
+TEST_F(AFileThatIsWritten, IsReplacedWithoutFollowingALink) {
+    const std::string victim = m_root.file("victim");
+    std::ofstream(victim) << "untouched";
+    ASSERT_EQ(::symlink(victim.c_str(), m_path.c_str()), 0);
+    ASSERT_EQ(::symlink(victim.c_str(), (m_path + ".new").c_str()), 0);
+    replaceFile(m_path, "policy", Replace::AsPrivate);
+    std::ostringstream kept;
+    kept << std::ifstream(victim).rdbuf();
+    EXPECT_EQ(kept.str(), "untouched");
+    EXPECT_FALSE(std::filesystem::is_symlink(m_path));
+    EXPECT_EQ(text(), "policy");
+}
+
+TEST_F(AFileThatIsWritten, StaysWhenItCannotBeReplaced) {
+    write("old");
+    std::filesystem::create_directories(m_path + ".new/in-the-way");
+    EXPECT_THROW(replaceFile(m_path, "new", Replace::AsPrivate), std::system_error);
+    EXPECT_EQ(text(), "old");
+    EXPECT_THROW(replaceFile(m_root.file("no/such/directory"), "new", Replace::AsPrivate), std::system_error);
+}
+
+/// Who came second once removed what the first had made.
+TEST_F(AFileThatIsWritten, IsMadeByOneOfTwoWhoComeAtOnceAndStays) {
+    constexpr int rounds = 200;
+    for (int round = 0; round < rounds; ++round) {
+        std::barrier together(2);
+        std::atomic<int> made{0};
+        const auto make = [&](const std::string& text) {
+            together.arrive_and_wait();
+            try {
+                makePrivateFile(m_path, text);
+                ++made;
+            } catch (const std::system_error& error) {
+                EXPECT_EQ(error.code().value(), EEXIST);
+            }
+        };
+        std::thread other([&] { make("other"); });
+        make("first");
+        other.join();
+        ASSERT_EQ(made, 1);
+        ASSERT_TRUE(text() == "first" || text() == "other") << round;
+        ::unlink(m_path.c_str());
+    }
+}
+
+TEST_F(AFileThatIsWritten, IsMadeOnlyWhereNoneIs) {
+    makePrivateFile(m_path, "first");
+    EXPECT_EQ(text(), "first");
+    EXPECT_THROW(makePrivateFile(m_path, "second"), std::system_error);
+    EXPECT_EQ(text(), "first");
+    ::unlink(m_path.c_str());
+    ASSERT_EQ(::symlink("nowhere", m_path.c_str()), 0);
+    EXPECT_THROW(makePrivateFile(m_path, "second"), std::system_error);
+    EXPECT_TRUE(std::filesystem::is_symlink(m_path));
+}
+
+} // namespace

@@ -73,7 +73,7 @@ LogStoreError trouble(const std::string& doing, const std::string& why) {
     return {LogStoreError::Kind::Trouble, doing + ": " + why};
 }
 
-StoredRecord rowOf(Statement& statement) {
+StoredRecord rowOf(Sentrel::Statement& statement) {
     const auto number = [&](int column) { return static_cast<std::int32_t>(statement.integer(column)); };
     StoredRecord record;
     record.id = static_cast<std::uint64_t>(statement.integer(0));
@@ -93,9 +93,9 @@ constexpr const char* kOpening = "cannot open the log store";
 /// Looks before anything is written: a file that is not ours stays as it is.
 /// @return whether the file is a new one.
 bool checkLayout(sqlite3& database, const std::string& path) {
-    const std::int64_t objects = queryInteger(database, "SELECT count(*) FROM sqlite_schema");
-    const std::int64_t application = queryInteger(database, "PRAGMA application_id");
-    const std::int64_t version = queryInteger(database, "PRAGMA user_version");
+    const std::int64_t objects = Sentrel::queryInteger(database, "SELECT count(*) FROM sqlite_schema");
+    const std::int64_t application = Sentrel::queryInteger(database, "PRAGMA application_id");
+    const std::int64_t version = Sentrel::queryInteger(database, "PRAGMA user_version");
     if (objects == 0 && application == 0 && version == 0) {
         return true;
     }
@@ -108,16 +108,16 @@ bool checkLayout(sqlite3& database, const std::string& path) {
     return false;
 }
 
-DatabasePtr openStore(const std::string& path) {
-    DatabasePtr database = openDatabase(resolvedDirectory(path));
-    sqlite3_busy_timeout(database.get(), static_cast<int>(kStoreLockWait.count()));
-    execute(*database, "PRAGMA trusted_schema=OFF; PRAGMA cell_size_check=ON");
+Sentrel::DatabasePtr openStore(const std::string& path) {
+    Sentrel::DatabasePtr database = Sentrel::openDatabase(resolvedDirectory(path));
+    Sentrel::setLockWait(*database, kStoreLockWait);
+    Sentrel::execute(*database, "PRAGMA trusted_schema=OFF; PRAGMA cell_size_check=ON");
     const bool isNew = checkLayout(*database, path);
-    execute(*database, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL");
-    execute(*database, fmt::format("PRAGMA journal_size_limit={}", kKeptWalBytes).c_str());
+    Sentrel::execute(*database, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL");
+    Sentrel::execute(*database, fmt::format("PRAGMA journal_size_limit={}", kKeptWalBytes).c_str());
     if (isNew) {
-        WriteTransaction transaction(*database);
-        execute(*database, kSchema);
+        Sentrel::WriteTransaction transaction(*database);
+        Sentrel::execute(*database, kSchema);
         transaction.commit();
     }
     return database;
@@ -128,7 +128,7 @@ DatabasePtr openStore(const std::string& path) {
 /// The open file with its kept statements.
 /// Threads: one at a time. Owner: the store.
 struct LogStore::Connection {
-    Connection(DatabasePtr opened, FileIdentity identity)
+    Connection(Sentrel::DatabasePtr opened, FileIdentity identity)
         : database(std::move(opened)), file(identity), insert(*database, kInsert), oldest(*database, kOldest),
           remove(*database, kDelete), total(*database, kTotal), dataVersion(*database, kDataVersion),
           first(*database, kFirst), last(*database, kLast) {}
@@ -144,29 +144,29 @@ struct LogStore::Connection {
     std::uint64_t removeOldest();
     std::uint64_t insertOne(const LogRecord& record, std::int64_t now);
 
-    DatabasePtr database;
+    Sentrel::DatabasePtr database;
     FileIdentity file;
     std::optional<FileIdentity> wal; ///< known from the first commit on at the latest
     std::optional<std::uint64_t> totalBytes;
     std::int64_t countedVersion = 0; ///< of the file, when totalBytes was counted
-    Statement insert;
-    Statement oldest;
-    Statement remove;
-    Statement total;
-    Statement dataVersion;
-    Statement first;
-    Statement last;
+    Sentrel::Statement insert;
+    Sentrel::Statement oldest;
+    Sentrel::Statement remove;
+    Sentrel::Statement total;
+    Sentrel::Statement dataVersion;
+    Sentrel::Statement first;
+    Sentrel::Statement last;
 };
 
 std::uint64_t LogStore::Connection::countBytes() {
-    Use count(total);
+    Sentrel::StatementUse count(total);
     count->step();
     const auto records = static_cast<std::uint64_t>(count->integer(0));
     return static_cast<std::uint64_t>(count->integer(1)) + records * kRecordOverheadBytes;
 }
 
 std::uint64_t LogStore::Connection::bytesInTransaction() {
-    Use version(dataVersion);
+    Sentrel::StatementUse version(dataVersion);
     version->step();
     const std::int64_t current = version->integer(0);
     if (!totalBytes || current != countedVersion) {
@@ -178,19 +178,19 @@ std::uint64_t LogStore::Connection::bytesInTransaction() {
 
 /// @return what the record had cost; 0 when there is none left.
 std::uint64_t LogStore::Connection::removeOldest() {
-    Use find(oldest);
+    Sentrel::StatementUse find(oldest);
     if (!find->step()) {
         return 0;
     }
     const std::uint64_t freed = cost(static_cast<std::uint64_t>(find->integer(1)));
-    Use erase(remove);
+    Sentrel::StatementUse erase(remove);
     erase->bind(1, find->integer(0));
     erase->step();
     return freed;
 }
 
 std::uint64_t LogStore::Connection::insertOne(const LogRecord& record, std::int64_t now) {
-    Use add(insert);
+    Sentrel::StatementUse add(insert);
     add->bind(1, now);
     add->bind(2, std::int64_t{record.source});
     add->bind(3, std::int64_t{record.type});
@@ -198,7 +198,7 @@ std::uint64_t LogStore::Connection::insertOne(const LogRecord& record, std::int6
     add->bind(5, record.detail);
     add->bind(6, std::int64_t{record.count});
     add->step();
-    return static_cast<std::uint64_t>(sqlite3_last_insert_rowid(database.get()));
+    return static_cast<std::uint64_t>(Sentrel::lastInsertedRow(*database));
 }
 
 LogStore::LogStore(std::string path, std::uint64_t limitBytes) : m_path(std::move(path)), m_limitBytes(limitBytes) {}
@@ -208,7 +208,7 @@ LogStore::~LogStore() = default;
 void LogStore::open() {
     try {
         openFile();
-    } catch (const DatabaseError& error) {
+    } catch (const Sentrel::DatabaseError& error) {
         fail(kOpening, error);
     }
 }
@@ -234,7 +234,7 @@ std::vector<std::uint64_t> LogStore::append(std::span<const LogRecord> records) 
             }
             leaveFile();
         }
-    } catch (const DatabaseError& error) {
+    } catch (const Sentrel::DatabaseError& error) {
         fail(kStoring, error);
     }
     throw trouble(kStoring, explainReplaced(m_path));
@@ -248,7 +248,7 @@ std::vector<StoredRecord> LogStore::read(std::uint64_t after, std::uint32_t limi
     try {
         openFile();
         return select(after, limit, newest);
-    } catch (const DatabaseError& error) {
+    } catch (const Sentrel::DatabaseError& error) {
         fail(kReading, error);
     }
 }
@@ -305,12 +305,13 @@ std::vector<std::uint64_t> LogStore::write(std::span<const LogRecord> records) {
     Connection& store = *m_connection;
     const std::string walPath = walOf(m_path);
     if (const auto wal = regularFileAt(walPath); wal && wal->size > kMaxWalBytes) {
-        sqlite3_wal_checkpoint_v2(store.database.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+        // The size tells whether it did what is needed here.
+        static_cast<void>(Sentrel::emptyWriteAheadLog(*store.database));
         if (const auto kept = regularFileAt(walPath); kept && kept->size > kMaxWalBytes) {
             throw trouble(kStoring, explainPinned(m_path));
         }
     }
-    WriteTransaction transaction(*store.database);
+    Sentrel::WriteTransaction transaction(*store.database);
     std::uint64_t total = store.bytesInTransaction();
     const std::int64_t now = microsecondsNow();
     std::vector<std::uint64_t> ids;
@@ -332,7 +333,7 @@ std::vector<std::uint64_t> LogStore::write(std::span<const LogRecord> records) {
 
 std::vector<StoredRecord> LogStore::select(std::uint64_t after, std::uint32_t limit, bool newest) {
     constexpr auto lastId = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-    Use rows(newest ? m_connection->last : m_connection->first);
+    Sentrel::StatementUse rows(newest ? m_connection->last : m_connection->first);
     rows->bind(1, static_cast<std::int64_t>(std::min(after, lastId)));
     rows->bind(2, std::int64_t{std::min(limit, kMaxReadRecords)});
     rows->bind(3, static_cast<std::int64_t>(bus::kMaxPayloadBytes));
@@ -352,9 +353,9 @@ std::vector<StoredRecord> LogStore::select(std::uint64_t after, std::uint32_t li
     return records;
 }
 
-void LogStore::fail(const std::string& doing, const DatabaseError& error) {
+void LogStore::fail(const std::string& doing, const Sentrel::DatabaseError& error) {
     // A lock passes and leaves the connection as it was. After anything else the file is looked at afresh.
-    if (error.code != SQLITE_BUSY) {
+    if (error.code() != SQLITE_BUSY) {
         close();
     }
     throw trouble(doing, explain(m_path, error));

@@ -1,8 +1,8 @@
 // The hub's store of log records: what was answered is on the disk, and what is on the disk is bounded.
 #pragma once
 
-#include "apps/hvbd/Database.h"
 #include "apps/hvbd/StoreFile.h"
+#include "base/Database.h"
 
 #include <cstdint>
 #include <memory>
@@ -100,7 +100,7 @@ private:
     void close() noexcept;
     std::vector<std::uint64_t> write(std::span<const LogRecord> records);
     std::vector<StoredRecord> select(std::uint64_t after, std::uint32_t limit, bool newest);
-    [[noreturn]] void fail(const std::string& doing, const DatabaseError& error);
+    [[noreturn]] void fail(const std::string& doing, const Sentrel::DatabaseError& error);
 
     // Constant after construction.
     const std::string m_path;

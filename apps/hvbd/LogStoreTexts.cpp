@@ -12,16 +12,16 @@ std::string moveAway(const std::string& path) {
     return fmt::format("Move it away together with {0}-wal and {0}-shm; the next record then makes a new one.", path);
 }
 
-std::string why(const DatabaseError& error) {
-    return error.systemError == 0
-               ? error.message
-               : fmt::format("{}: {}", error.message, std::system_category().message(error.systemError));
+std::string why(const Sentrel::DatabaseError& error) {
+    return error.systemError() == 0
+               ? error.what()
+               : fmt::format("{}: {}", error.what(), std::system_category().message(error.systemError()));
 }
 
 } // namespace
 
-std::string explain(const std::string& path, const DatabaseError& error) {
-    switch (error.code) {
+std::string explain(const std::string& path, const Sentrel::DatabaseError& error) {
+    switch (error.code()) {
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
         return fmt::format("{0} is locked by another program. End that program (fuser {0} names it).", path);
@@ -29,7 +29,7 @@ std::string explain(const std::string& path, const DatabaseError& error) {
         return fmt::format("no space is left for {}. Free some on its file system.", path);
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
-        return fmt::format("{} is damaged ({}). {}", path, error.message, moveAway(path));
+        return fmt::format("{} is damaged ({}). {}", path, error.what(), moveAway(path));
     case SQLITE_READONLY:
     case SQLITE_PERM:
     case SQLITE_AUTH:
@@ -39,7 +39,7 @@ std::string explain(const std::string& path, const DatabaseError& error) {
     case SQLITE_SCHEMA:
     case SQLITE_CONSTRAINT:
     case SQLITE_MISMATCH:
-        return fmt::format("{} is not laid out as hvbd needs it ({}). {}", path, error.message, moveAway(path));
+        return fmt::format("{} is not laid out as hvbd needs it ({}). {}", path, error.what(), moveAway(path));
     default:
         return fmt::format("{} failed ({}). Check its file system and the system log.", path, why(error));
     }

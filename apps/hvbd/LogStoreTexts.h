@@ -1,14 +1,14 @@
 // What people read when the log store cannot do its work.
 #pragma once
 
-#include "apps/hvbd/Database.h"
+#include "base/Database.h"
 
 #include <string>
 
 namespace HVB::hub {
 
 /// A sentence on why @p path cannot be used, and one on what to do about it. Equal for equal troubles.
-std::string explain(const std::string& path, const DatabaseError& error);
+std::string explain(const std::string& path, const Sentrel::DatabaseError& error);
 /// The same for a file that could not be opened or made. @param error an errno value.
 std::string explainFile(const std::string& path, int error);
 std::string explainNewer(const std::string& path, std::int64_t version);

@@ -1,8 +1,8 @@
 // The log store on real files: order, limits, and every trouble a file can have. What a kill -9 of the process and a
 // full disk do is shown in tests/integration/HvbdTest.cpp.
 #include "apps/hvbd/LogStore.h"
-#include "apps/hvbd/Database.h"
 #include "apps/hvbd/HvbdLimits.h"
+#include "base/Database.h"
 #include "tests/unit/hvbd/PrivateDirectory.h"
 
 #include <gtest/gtest.h>
@@ -48,7 +48,7 @@ protected:
     }
 
     /// Runs SQL as another program would, on a connection of its own.
-    void outside(const char* sql) { execute(*openDatabase(path), sql); }
+    void outside(const char* sql) { Sentrel::execute(*Sentrel::openDatabase(path), sql); }
 
     std::string content() const {
         std::ifstream file(path, std::ios::binary);
@@ -231,7 +231,7 @@ TEST_F(ALogStore, MakesANewFileWhenItsFileWasDeleted) {
     EXPECT_EQ(add("two"), 1U);
     ASSERT_TRUE(fs::exists(path));
     EXPECT_EQ(store.read(0, 10, false).front().text, "two");
-    EXPECT_EQ(queryInteger(*openDatabase(path), "SELECT count(*) FROM log"), 1);
+    EXPECT_EQ(Sentrel::queryInteger(*Sentrel::openDatabase(path), "SELECT count(*) FROM log"), 1);
 }
 
 TEST_F(ALogStore, GoesOnInTheFileThatWasPutInItsPlace) {
@@ -272,8 +272,8 @@ TEST_F(ALogStore, LosesNothingWhenItsWriteAheadLogWasDeleted) {
 TEST_F(ALogStore, SaysThatAnotherProgramHoldsTheLockAndWorksAgainAfterwards) {
     add("one");
     {
-        const DatabasePtr other = openDatabase(path);
-        execute(*other, "BEGIN IMMEDIATE");
+        const Sentrel::DatabasePtr other = Sentrel::openDatabase(path);
+        Sentrel::execute(*other, "BEGIN IMMEDIATE");
         EXPECT_EQ(trouble(), "cannot store the record: " + path +
                                  " is locked by another program. End that program (fuser " + path + " names it).");
         EXPECT_EQ(ids(), std::vector<std::uint64_t>{1});
@@ -378,8 +378,8 @@ TEST_F(ALogStore, RefusesRecordsRatherThanLetAReaderWithoutEndFillTheDisk) {
     large.append({&record, 1});
     std::string message;
     {
-        const DatabasePtr reader = openDatabase(path);
-        execute(*reader, "BEGIN; SELECT count(*) FROM log");
+        const Sentrel::DatabasePtr reader = Sentrel::openDatabase(path);
+        Sentrel::execute(*reader, "BEGIN; SELECT count(*) FROM log");
         for (int i = 0; i < 20 && message.empty(); ++i) {
             try {
                 large.append({&record, 1});

@@ -1,21 +1,31 @@
-// SQLite with owners and exceptions: what the log store needs of it and no more.
+// SQLite with owners and exceptions, for the hub and the tools. The daemon's settings store has classes of its own.
 #pragma once
 
 #include <sqlite3.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
-namespace HVB::hub {
+namespace Sentrel {
 
-/// A call to SQLite that failed.
-/// Threads: a plain value. Owner: whoever catches it.
-struct DatabaseError {
-    int code;            ///< SQLite's primary result code
-    int systemError;     ///< the errno behind it, 0 when there is none
-    std::string message; ///< SQLite's own words
+/// A call to SQLite that failed. Its text is SQLite's own words.
+class DatabaseError : public std::runtime_error {
+public:
+    DatabaseError(int code, int systemError, const std::string& words)
+        : std::runtime_error(words), m_code(code), m_systemError(systemError) {}
+
+    /// SQLite's primary result code.
+    int code() const { return m_code; }
+    /// The errno behind it, 0 when there is none.
+    int systemError() const { return m_systemError; }
+
+private:
+    int m_code;
+    int m_systemError;
 };
 
 struct CloseDatabase {
@@ -28,28 +38,41 @@ using DatabasePtr = std::unique_ptr<sqlite3, CloseDatabase>;
 /// @throws DatabaseError
 DatabasePtr openDatabase(const std::string& path);
 
+/// How long a call waits for a lock that another program holds, before it fails with SQLITE_BUSY. Zero until it is set.
+void setLockWait(sqlite3& database, std::chrono::milliseconds wait);
+
 /// Runs @p sql, whose results are not looked at. @throws DatabaseError
 void execute(sqlite3& database, const char* sql);
 
 /// The first column of the first row of @p sql, 0 when there is none. @throws DatabaseError
 std::int64_t queryInteger(sqlite3& database, const char* sql);
 
+/// The number of the row that was inserted last.
+std::int64_t lastInsertedRow(sqlite3& database);
+
+/// Takes what stands in the write-ahead log over into the database and empties the log. @return false when other
+/// connections or the disk do not let it, and something stays there.
+bool emptyWriteAheadLog(sqlite3& database) noexcept;
+
 /// A prepared statement that is kept and used again and again.
-/// Threads: one at a time. Owner: the holder.
+/// Threads: those of its database, one at a time. Owner: the holder; the database outlives it.
 class Statement {
 public:
     /// @throws DatabaseError when @p sql does not fit the database.
     Statement(sqlite3& database, const char* sql);
 
+    /// Gives the parameter at @p position, counted from 1, its value until the statement is reset.
+    /// @throws DatabaseError when there is no such parameter.
     void bind(int position, std::int64_t value);
-    /// The bytes are not copied: they must stay until the statement is reset.
+    /// As a blob. The bytes are not copied: they must stay until the statement is reset.
     void bind(int position, std::string_view bytes);
 
     /// Goes to the next row. @return false at the end. @throws DatabaseError
     bool step();
 
+    /// A column of the row, counted from 0; 0 when it is NULL or no number.
     std::int64_t integer(int column);
-    /// The bytes of a column, valid until the next step or reset.
+    /// The bytes of a column, valid until the next step or reset; empty when it is NULL.
     std::string_view bytes(int column);
 
     /// Makes the statement ready for its next use, and releases what it holds of the database.
@@ -66,12 +89,12 @@ private:
 
 /// One use of a kept statement, which is reset at its end however that comes about.
 /// Threads: one at a time. Owner: a local.
-class Use {
+class StatementUse {
 public:
-    explicit Use(Statement& statement) : m_statement(statement) {}
-    ~Use() { m_statement.reset(); }
-    Use(const Use&) = delete;
-    Use& operator=(const Use&) = delete;
+    explicit StatementUse(Statement& statement) : m_statement(statement) {}
+    ~StatementUse() { m_statement.reset(); }
+    StatementUse(const StatementUse&) = delete;
+    StatementUse& operator=(const StatementUse&) = delete;
 
     Statement* operator->() { return &m_statement; }
 
@@ -96,4 +119,4 @@ private:
     sqlite3& m_database;
 };
 
-} // namespace HVB::hub
+} // namespace Sentrel

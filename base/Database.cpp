@@ -1,13 +1,13 @@
-#include "apps/hvbd/Database.h"
+#include "base/Database.h"
 
-namespace HVB::hub {
+namespace Sentrel {
 namespace {
 
 constexpr int kPrimaryCodeMask = 0xFF;
 
 void check(sqlite3& database, int result) {
     if (result != SQLITE_OK) {
-        throw DatabaseError{result & kPrimaryCodeMask, sqlite3_system_errno(&database), sqlite3_errmsg(&database)};
+        throw DatabaseError(result & kPrimaryCodeMask, sqlite3_system_errno(&database), sqlite3_errmsg(&database));
     }
 }
 
@@ -19,10 +19,14 @@ DatabasePtr openDatabase(const std::string& path) {
     const int result = sqlite3_open_v2(path.c_str(), &opened, flags, nullptr);
     DatabasePtr database(opened);
     if (database == nullptr) {
-        throw DatabaseError{SQLITE_NOMEM, 0, sqlite3_errstr(SQLITE_NOMEM)};
+        throw DatabaseError(SQLITE_NOMEM, 0, sqlite3_errstr(SQLITE_NOMEM));
     }
     check(*database, result);
     return database;
+}
+
+void setLockWait(sqlite3& database, std::chrono::milliseconds wait) {
+    check(database, sqlite3_busy_timeout(&database, static_cast<int>(wait.count())));
 }
 
 void execute(sqlite3& database, const char* sql) {
@@ -32,6 +36,14 @@ void execute(sqlite3& database, const char* sql) {
 std::int64_t queryInteger(sqlite3& database, const char* sql) {
     Statement statement(database, sql);
     return statement.step() ? statement.integer(0) : 0;
+}
+
+std::int64_t lastInsertedRow(sqlite3& database) {
+    return sqlite3_last_insert_rowid(&database);
+}
+
+bool emptyWriteAheadLog(sqlite3& database) noexcept {
+    return sqlite3_wal_checkpoint_v2(&database, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) == SQLITE_OK;
 }
 
 Statement::Statement(sqlite3& database, const char* sql) : m_database(database) {
@@ -90,4 +102,4 @@ void WriteTransaction::commit() {
     execute(m_database, "COMMIT");
 }
 
-} // namespace HVB::hub
+} // namespace Sentrel

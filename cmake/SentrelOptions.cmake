@@ -11,6 +11,7 @@ target_compile_options(sentrel_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor -Woverloaded-virtual
     -Wcast-align -Wundef -Wimplicit-fallthrough -Werror
     -fstack-protector-strong -fno-strict-aliasing
+    $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety> # the annotations of base/Mutex.h
     $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>) # GCC 12 sees an overlap in std::string's own operator+
 target_compile_definitions(sentrel_options INTERFACE
     _FILE_OFFSET_BITS=64

@@ -76,15 +76,15 @@ ModuleConfiguration ModuleConfigurations::reload(int moduleId) {
         throw ConfigurationError(fmt::format("module {} has no configuration that hvbd knows", moduleId));
     }
     // Of two reloads the later one's file content remains. The loop, which asks for each line, waits for neither.
-    const std::lock_guard oneAtATime(m_reloading);
+    const Sentrel::MutexLock oneAtATime(m_reloading);
     const ModuleConfiguration configuration = readModuleConfiguration(file->second);
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     m_inForce[moduleId] = configuration;
     return configuration;
 }
 
 ModuleConfiguration ModuleConfigurations::of(int moduleId) const {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     const auto found = m_inForce.find(moduleId);
     return found != m_inForce.end() ? found->second : ModuleConfiguration{};
 }

@@ -1,10 +1,10 @@
 // How much of a module's log lines is wanted: its configuration file, read at start and on the reload command.
 #pragma once
 
+#include "base/Mutex.h"
 #include "hub/HubIds.h"
 
 #include <map>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -55,10 +55,10 @@ private:
     // Constant after construction.
     const std::map<int, std::string> m_files;
     // Held from reading a file to taking it over, and never by who asks for what is in force.
-    std::mutex m_reloading;
-    // Guarded by m_mutex.
-    mutable std::mutex m_mutex;
-    std::map<int, ModuleConfiguration> m_inForce;
+    Sentrel::Mutex m_reloading;
+
+    mutable Sentrel::Mutex m_mutex;
+    std::map<int, ModuleConfiguration> m_inForce SENTREL_GUARDED_BY(m_mutex);
 };
 
 } // namespace HVB::hub

@@ -24,16 +24,19 @@ AgentConnection::AgentConnection(AgentConfiguration configuration, std::shared_p
       m_random(std::random_device{}()) {}
 
 void AgentConnection::begin(const std::shared_ptr<AgentConnection>& connection) {
-    const std::lock_guard lock(connection->m_mutex);
+    const Sentrel::MutexLock lock(connection->m_mutex);
     connection->m_thread = Sentrel::startThread("agent-network", [connection] { connection->run(); });
 }
 
 void AgentConnection::end() {
-    std::unique_lock lock(m_mutex);
+    const auto deadline = Clock::now() + kEndPatience;
+    Sentrel::MutexLock lock(m_mutex);
     m_ending = true;
-    m_changed.notify_all();
+    m_changed.notifyAll();
     m_outbox->wake();
-    const bool finished = m_changed.wait_for(lock, kEndPatience, [this] { return m_finished; });
+    while (!m_finished && m_changed.waitUntil(m_mutex, deadline)) {
+    }
+    const bool finished = m_finished;
     std::thread thread = std::move(m_thread);
     lock.unlock();
     if (finished) {
@@ -44,7 +47,7 @@ void AgentConnection::end() {
 }
 
 bool AgentConnection::isEnding() {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     return m_ending;
 }
 
@@ -58,9 +61,9 @@ void AgentConnection::run() noexcept {
         m_session.reset();
         pause();
     }
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     m_finished = true;
-    m_changed.notify_all();
+    m_changed.notifyAll();
 }
 
 void AgentConnection::makeSession() {
@@ -154,8 +157,10 @@ void AgentConnection::pause() {
     std::uniform_int_distribution<std::int64_t> drawn(m_pause.count() / 2, m_pause.count());
     const std::chrono::milliseconds wait(drawn(m_random));
     m_pause = std::min(m_pause * 2, kLastRetryPause);
-    std::unique_lock lock(m_mutex);
-    m_changed.wait_for(lock, wait, [this] { return m_ending; });
+    const auto deadline = Clock::now() + wait;
+    const Sentrel::MutexLock lock(m_mutex);
+    while (!m_ending && m_changed.waitUntil(m_mutex, deadline)) {
+    }
 }
 
 void AgentConnection::connected() {

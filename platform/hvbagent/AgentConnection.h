@@ -1,6 +1,7 @@
 // The thread that keeps the machine connected.
 #pragma once
 
+#include "base/Mutex.h"
 #include "platform/hvbagent/AgentConfiguration.h"
 #include "platform/hvbagent/AgentLog.h"
 #include "platform/hvbagent/AgentWorker.h"
@@ -8,10 +9,8 @@
 #include "platform/hvbagent/Outbox.h"
 #include "platform/hvbagent/Topics.h"
 
-#include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -72,13 +71,11 @@ private:
     std::chrono::milliseconds m_pause;
     std::minstd_rand m_random;
 
-    std::mutex m_mutex;
-
-    // guarded by m_mutex
-    std::condition_variable m_changed;
-    bool m_ending = false;
-    bool m_finished = false;
-    std::thread m_thread;
+    Sentrel::Mutex m_mutex;
+    Sentrel::ConditionVariable m_changed;
+    bool m_ending SENTREL_GUARDED_BY(m_mutex) = false;
+    bool m_finished SENTREL_GUARDED_BY(m_mutex) = false;
+    std::thread m_thread SENTREL_GUARDED_BY(m_mutex);
 };
 
 } // namespace HVBEnterprise::agent

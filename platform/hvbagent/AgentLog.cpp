@@ -27,7 +27,7 @@ int priorityOf(AgentLogCategory category) {
 } // namespace
 
 void AgentLog::detach() {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     m_logger = nullptr;
 }
 
@@ -37,7 +37,7 @@ void AgentLog::write(AgentLogCategory category, const std::string& text) noexcep
         if (category != AGENT_LOG_DEBUG) {
             LogMsg(priorityOf(category), "%s", line.c_str());
         }
-        const std::lock_guard lock(m_mutex);
+        const Sentrel::MutexLock lock(m_mutex);
         if (m_logger != nullptr) {
             m_logger(category, wideOf(line).c_str());
         }

@@ -1,9 +1,9 @@
 // Where the library's log lines go.
 #pragma once
 
+#include "base/Mutex.h"
 #include "platform/hvbagent/MsgBusEnterpriseAgent.h"
 
-#include <mutex>
 #include <string>
 
 namespace HVBEnterprise::agent {
@@ -26,10 +26,8 @@ public:
 private:
     void write(AgentLogCategory category, const std::string& text) noexcept;
 
-    std::mutex m_mutex;
-
-    // guarded by m_mutex
-    AgentLogger m_logger;
+    Sentrel::Mutex m_mutex;
+    AgentLogger m_logger SENTREL_GUARDED_BY(m_mutex);
 };
 
 } // namespace HVBEnterprise::agent

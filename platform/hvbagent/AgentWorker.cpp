@@ -40,35 +40,35 @@ AgentWorker::AgentWorker(WorkerSettings settings, PolicyInForce policy, std::sha
       m_nextInterval(Clock::now() + m_settings.interval) {}
 
 void AgentWorker::begin() {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     m_thread = Sentrel::startThread("agent-callback", [this] { work(); });
 }
 
 bool AgentWorker::take(std::unique_ptr<IAgentPropertyCollection>& service) {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     if (m_ended || m_collection != nullptr || service == nullptr) {
         return false;
     }
     m_collection = std::move(service);
-    m_changed.notify_one();
+    m_changed.notifyOne();
     return true;
 }
 
 bool AgentWorker::take(std::unique_ptr<IAgentPolicyEnforcement>& service) {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     if (m_ended || m_enforcement != nullptr || service == nullptr) {
         return false;
     }
     m_enforcement = std::move(service);
     m_savedIsDue = true;
-    m_changed.notify_one();
+    m_changed.notifyOne();
     return true;
 }
 
 void AgentWorker::policyArrived(std::string message) {
     std::size_t dropped = 0;
     {
-        const std::lock_guard lock(m_mutex);
+        const Sentrel::MutexLock lock(m_mutex);
         if (m_ended) {
             return;
         }
@@ -80,7 +80,7 @@ void AgentWorker::policyArrived(std::string message) {
             m_policies.pop_front();
             ++dropped;
         }
-        m_changed.notify_one();
+        m_changed.notifyOne();
     }
     if (dropped > 0) {
         m_log->warning("policies come faster than they are enforced; dropped " + std::to_string(dropped));
@@ -94,18 +94,18 @@ void AgentWorker::policyTooLarge(const std::string& sha256, std::size_t bytes) {
 }
 
 void AgentWorker::collect(bool full) {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     m_collect = m_collect.value_or(false) || full;
-    m_changed.notify_one();
+    m_changed.notifyOne();
 }
 
 void AgentWorker::end() {
     std::thread thread;
     {
-        const std::lock_guard lock(m_mutex);
+        const Sentrel::MutexLock lock(m_mutex);
         m_ended = true;
         thread.swap(m_thread);
-        m_changed.notify_all();
+        m_changed.notifyAll();
     }
     if (thread.joinable()) {
         thread.join();
@@ -114,7 +114,7 @@ void AgentWorker::end() {
     std::unique_ptr<IAgentPropertyCollection> collection;
     std::unique_ptr<IAgentPolicyEnforcement> enforcement;
     {
-        const std::lock_guard lock(m_mutex);
+        const Sentrel::MutexLock lock(m_mutex);
         collection.swap(m_collection);
         enforcement.swap(m_enforcement);
     }
@@ -125,50 +125,59 @@ bool AgentWorker::hasWork() const {
            (m_collection != nullptr && m_collect.has_value());
 }
 
-bool AgentWorker::waitForWork(Lock& lock) {
-    while (!m_ended && !hasWork()) {
-        if (m_changed.wait_until(lock, m_nextInterval) == std::cv_status::timeout && Clock::now() >= m_nextInterval) {
-            m_nextInterval = Clock::now() + m_settings.interval;
-            if (m_outbox->isConnected()) { // otherwise the next connection collects
-                m_collect = true;
-            }
-        }
+/// The time for a collection has come.
+void AgentWorker::noteInterval() {
+    m_nextInterval = Clock::now() + m_settings.interval;
+    if (m_outbox->isConnected()) { // otherwise the next connection collects
+        m_collect = true;
     }
-    return !m_ended;
 }
 
-void AgentWorker::runNext(Lock& lock) {
+AgentWorker::Task AgentWorker::takeTask() {
     if (m_enforcement != nullptr && m_savedIsDue) {
         m_savedIsDue = false;
-        lock.unlock();
-        enforceSaved();
-    } else if (m_enforcement != nullptr && !m_policies.empty()) {
-        const std::string message = std::move(m_policies.front());
-        m_policies.pop_front();
-        m_policyBytes -= message.size();
-        lock.unlock();
-        handlePolicy(message);
-    } else {
-        const bool full = *m_collect;
-        m_collect.reset();
-        lock.unlock();
-        collectNow(full);
+        return SavedPolicy{};
     }
-    lock.lock();
+    if (m_enforcement != nullptr && !m_policies.empty()) {
+        NewPolicy policy{std::move(m_policies.front())};
+        m_policies.pop_front();
+        m_policyBytes -= policy.message.size();
+        return policy;
+    }
+    const Collection wanted{m_collect.value_or(false)};
+    m_collect.reset();
+    return wanted;
+}
+
+/// The next thing to do, which is taken off the list. @return nothing when the worker ends.
+std::optional<AgentWorker::Task> AgentWorker::awaitTask() {
+    const Sentrel::MutexLock lock(m_mutex);
+    while (!m_ended && !hasWork()) {
+        if (!m_changed.waitUntil(m_mutex, m_nextInterval) && Clock::now() >= m_nextInterval) {
+            noteInterval();
+        }
+    }
+    return m_ended ? std::nullopt : std::optional(takeTask());
 }
 
 void AgentWorker::work() {
     t_isWorker = true;
-    Lock lock(m_mutex);
-    while (waitForWork(lock)) {
+    while (const std::optional<Task> task = awaitTask()) {
         calling(*m_log, "the work on a policy or on properties", [&] {
-            runNext(lock);
+            std::visit([this](const auto& each) { run(each); }, *task);
             return true;
         });
-        if (!lock.owns_lock()) { // something of the library itself threw, such as for want of memory
-            lock.lock();
-        }
     }
+}
+
+IAgentPolicyEnforcement& AgentWorker::enforcement() {
+    const Sentrel::MutexLock lock(m_mutex);
+    return *m_enforcement;
+}
+
+IAgentPropertyCollection& AgentWorker::collection() {
+    const Sentrel::MutexLock lock(m_mutex);
+    return *m_collection;
 }
 
 void AgentWorker::enforceSaved() {
@@ -186,7 +195,7 @@ void AgentWorker::enforceSaved() {
 
 bool AgentWorker::enforce() {
     const bool enforced = calling(*m_log, "the enforcement of a policy", [this] {
-        return m_enforcement->enforcePolicy(m_settings.softwareId, m_policy.sections());
+        return enforcement().enforcePolicy(m_settings.softwareId, m_policy.sections());
     });
     m_policy.noteEnforced(enforced);
     collect(true);
@@ -225,7 +234,7 @@ void AgentWorker::publishResult(const PolicyIdentity& identity, std::optional<bo
 void AgentWorker::collectNow(bool full) {
     SectionsHandle properties;
     const bool collected = calling(*m_log, "the collection of properties",
-                                   [&] { return m_collection->collectProperties(full, properties); });
+                                   [&] { return collection().collectProperties(full, properties); });
     if (!collected) {
         m_log->warning("the module gave no properties");
         return;

@@ -1,6 +1,7 @@
 // The one thread on which the library calls into the module.
 #pragma once
 
+#include "base/Mutex.h"
 #include "platform/hvbagent/AgentDocuments.h"
 #include "platform/hvbagent/AgentLog.h"
 #include "platform/hvbagent/Outbox.h"
@@ -8,13 +9,12 @@
 #include "platform/hvbagent/Topics.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
+#include <variant>
 
 namespace HVBEnterprise::agent {
 
@@ -59,12 +59,26 @@ public:
     static bool isWorker();
 
 private:
-    using Lock = std::unique_lock<std::mutex>;
+    struct SavedPolicy {};
+    struct NewPolicy {
+        std::string message;
+    };
+    struct Collection {
+        bool full;
+    };
+    using Task = std::variant<SavedPolicy, NewPolicy, Collection>;
 
     void work();
-    bool waitForWork(Lock& lock);
-    bool hasWork() const;
-    void runNext(Lock& lock);
+    std::optional<Task> awaitTask();
+    bool hasWork() const SENTREL_REQUIRES(m_mutex);
+    void noteInterval() SENTREL_REQUIRES(m_mutex);
+    Task takeTask() SENTREL_REQUIRES(m_mutex);
+    IAgentPolicyEnforcement& enforcement();
+    IAgentPropertyCollection& collection();
+
+    void run(const SavedPolicy&) { enforceSaved(); }
+    void run(const NewPolicy& policy) { handlePolicy(policy.message); }
+    void run(const Collection& wanted) { collectNow(wanted.full); }
     void enforceSaved();
     void handlePolicy(const std::string& message);
     bool enforce();
@@ -79,20 +93,20 @@ private:
     // the callback thread's alone
     PolicyInForce m_policy;
 
-    std::mutex m_mutex;
+    Sentrel::Mutex m_mutex;
+    Sentrel::ConditionVariable m_changed;
 
-    // guarded by m_mutex
-    std::condition_variable m_changed;
-    std::deque<std::string> m_policies;
-    std::size_t m_policyBytes = 0;
-    std::optional<bool> m_collect; ///< whether a collection is wanted, and whether a full one
-    std::chrono::steady_clock::time_point m_nextInterval;
-    bool m_savedIsDue = false;
-    bool m_ended = false;
-    std::thread m_thread;
+    std::deque<std::string> m_policies SENTREL_GUARDED_BY(m_mutex);
+    std::size_t m_policyBytes SENTREL_GUARDED_BY(m_mutex) = 0;
+    /// Whether a collection is wanted, and whether a full one.
+    std::optional<bool> m_collect SENTREL_GUARDED_BY(m_mutex);
+    std::chrono::steady_clock::time_point m_nextInterval SENTREL_GUARDED_BY(m_mutex);
+    bool m_savedIsDue SENTREL_GUARDED_BY(m_mutex) = false;
+    bool m_ended SENTREL_GUARDED_BY(m_mutex) = false;
+    std::thread m_thread SENTREL_GUARDED_BY(m_mutex);
     // The services themselves are the callback thread's from when they are set until it has ended.
-    std::unique_ptr<IAgentPropertyCollection> m_collection;
-    std::unique_ptr<IAgentPolicyEnforcement> m_enforcement;
+    std::unique_ptr<IAgentPropertyCollection> m_collection SENTREL_GUARDED_BY(m_mutex);
+    std::unique_ptr<IAgentPolicyEnforcement> m_enforcement SENTREL_GUARDED_BY(m_mutex);
 };
 
 } // namespace HVBEnterprise::agent

@@ -1,6 +1,7 @@
 #include "platform/hvbagent/MqttSession.h"
 
 #include "base/FileReading.h"
+#include "base/Mutex.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
 
@@ -14,7 +15,6 @@
 #include <csignal>
 #include <cstring>
 #include <exception>
-#include <mutex>
 #include <new>
 #include <system_error>
 
@@ -35,8 +35,8 @@ void requireLibrary() {
 /// the network thread has the signal blocked.
 mosquitto* makeHandle(const std::string& clientId, void* user) {
     requireLibrary();
-    static std::mutex oneAtATime; // a thread that was left to end by itself may be at it too
-    const std::lock_guard lock(oneAtATime);
+    static Sentrel::Mutex oneAtATime; // a thread that was left to end by itself may be at it too
+    const Sentrel::MutexLock lock(oneAtATime);
     struct sigaction before {};
     sigaction(SIGPIPE, nullptr, &before);
     mosquitto* const handle = mosquitto_new(clientId.empty() ? nullptr : clientId.c_str(), true, user);

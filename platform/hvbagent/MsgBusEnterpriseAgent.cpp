@@ -4,6 +4,7 @@
 // client, so a late question finds either nothing or a client that has ended and refuses.
 #include "platform/hvbagent/MsgBusEnterpriseAgent.h"
 
+#include "base/Mutex.h"
 #include "base/Paths.h"
 #include "platform/hvbagent/AgentClient.h"
 #include "platform/hvbagent/AgentConfiguration.h"
@@ -12,7 +13,6 @@
 #include "platform/hvbagent/SecretBox.h"
 
 #include <exception>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -27,13 +27,13 @@ using agent::AgentLog;
 class CurrentClient {
 public:
     std::shared_ptr<AgentClient> get() {
-        const std::lock_guard lock(m_mutex);
+        const Sentrel::MutexLock lock(m_mutex);
         return m_client;
     }
 
     /// Ends the one that is there, then begins @p next if there is one. One caller at a time.
     void replace(std::shared_ptr<AgentClient> next) {
-        const std::lock_guard oneAtATime(m_replacing);
+        const Sentrel::MutexLock oneAtATime(m_replacing);
         if (const std::shared_ptr<AgentClient> last = exchange(nullptr); last != nullptr) {
             last->end();
         }
@@ -45,15 +45,13 @@ public:
 
 private:
     std::shared_ptr<AgentClient> exchange(std::shared_ptr<AgentClient> next) {
-        const std::lock_guard lock(m_mutex);
+        const Sentrel::MutexLock lock(m_mutex);
         return std::exchange(m_client, std::move(next));
     }
 
-    std::mutex m_replacing; // taken before m_mutex
-    std::mutex m_mutex;
-
-    // guarded by m_mutex
-    std::shared_ptr<AgentClient> m_client;
+    Sentrel::Mutex m_replacing; // taken before m_mutex
+    Sentrel::Mutex m_mutex;
+    std::shared_ptr<AgentClient> m_client SENTREL_GUARDED_BY(m_mutex);
 };
 
 CurrentClient& current() {

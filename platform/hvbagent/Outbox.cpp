@@ -19,7 +19,7 @@ bool Outbox::dropOlder(const std::string& topic) {
 
 void Outbox::post(Publication publication) {
     {
-        const std::lock_guard lock(m_mutex);
+        const Sentrel::MutexLock lock(m_mutex);
         if (!m_connected || m_waiting.size() >= kMaxWaitingPublications) {
             dropOlder(publication.topic);
         }
@@ -29,7 +29,7 @@ void Outbox::post(Publication publication) {
 }
 
 std::optional<Publication> Outbox::take() {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     if (m_waiting.empty()) {
         return std::nullopt;
     }
@@ -39,7 +39,7 @@ std::optional<Publication> Outbox::take() {
 }
 
 void Outbox::putBack(Publication publication) {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     const bool newer = std::any_of(m_waiting.begin(), m_waiting.end(),
                                    [&](const Publication& waiting) { return waiting.topic == publication.topic; });
     if (!newer) {

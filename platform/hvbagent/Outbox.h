@@ -1,11 +1,11 @@
 // What waits to be published, between the threads that make it and the one that has the connection.
 #pragma once
 
+#include "base/Mutex.h"
 #include "base/WakeUp.h"
 
 #include <atomic>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -45,16 +45,14 @@ public:
     void takeWake() const noexcept { m_wake.take(); }
 
 private:
-    bool dropOlder(const std::string& topic);
+    bool dropOlder(const std::string& topic) SENTREL_REQUIRES(m_mutex);
 
     // own locking
     Sentrel::WakeUp m_wake;
     std::atomic<bool> m_connected{false};
 
-    std::mutex m_mutex;
-
-    // guarded by m_mutex
-    std::deque<Publication> m_waiting;
+    Sentrel::Mutex m_mutex;
+    std::deque<Publication> m_waiting SENTREL_GUARDED_BY(m_mutex);
 };
 
 } // namespace HVBEnterprise::agent

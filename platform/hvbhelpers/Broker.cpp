@@ -63,7 +63,7 @@ Broker::Broker(const std::string& socketPath) : m_pool(socketPath), m_link(socke
 // Life.
 
 void Broker::start(boost::logic::tribool waitForHub) {
-    const std::lock_guard lock(m_startMutex);
+    const Sentrel::MutexLock lock(m_startMutex);
     const bool wait = static_cast<bool>(waitForHub);
     if (m_ended) {
         throw HVBException(-ECANCELED, "the hub client has ended");
@@ -87,7 +87,7 @@ void Broker::end() {
     // A callback that waits for another module would keep us waiting as long.
     m_pool.endCallsOfCallbacks();
     {
-        const std::lock_guard lock(m_startMutex);
+        const Sentrel::MutexLock lock(m_startMutex);
         m_ended = true;
     }
     // The callback threads first: their last answers still need the link.

@@ -1,6 +1,7 @@
 // What stands behind HVBCommBroker: one life of the broker, from getInstance to releaseInstance.
 #pragma once
 
+#include "base/Mutex.h"
 #include "hub/HVBInterfaces.h"
 #include "hub/HVBMessages.h"
 #include "platform/hvbhelpers/CallbackWorkers.h"
@@ -12,7 +13,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -70,7 +70,7 @@ private:
     ConnectionPool m_pool;
     DeliveryLink m_link;
 
-    std::mutex m_startMutex; ///< one start or end at a time
+    Sentrel::Mutex m_startMutex; ///< one start or end at a time
 };
 
 /// Makes the process's broker for @p socketPath, unless there is one.

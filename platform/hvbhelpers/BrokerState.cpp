@@ -2,6 +2,8 @@
 // never frees what another is in the middle of using.
 #include "platform/hvbhelpers/Broker.h"
 
+#include "base/Mutex.h"
+
 #include <cerrno>
 #include <utility>
 
@@ -9,12 +11,11 @@ namespace HVB::detail {
 namespace {
 
 struct State {
-    std::mutex releaseMutex; ///< a second release returns only when the first is done
+    Sentrel::Mutex releaseMutex; ///< a second release returns only when the first is done
 
-    std::mutex mutex;
-    // guarded by mutex
-    std::string socketPath;
-    std::shared_ptr<Broker> broker;
+    Sentrel::Mutex mutex;
+    std::string socketPath SENTREL_GUARDED_BY(mutex);
+    std::shared_ptr<Broker> broker SENTREL_GUARDED_BY(mutex);
 };
 
 /// Never freed: threads that the process leaves running at its exit may still come here.
@@ -26,38 +27,41 @@ State& state() {
 } // namespace
 
 void makeBroker(std::string socketPath) {
-    const std::lock_guard lock(state().mutex);
-    if (state().broker == nullptr) {
-        state().broker = std::make_shared<Broker>(socketPath);
-        state().socketPath = std::move(socketPath);
+    State& process = state();
+    const Sentrel::MutexLock lock(process.mutex);
+    if (process.broker == nullptr) {
+        process.broker = std::make_shared<Broker>(socketPath);
+        process.socketPath = std::move(socketPath);
     }
 }
 
 std::shared_ptr<Broker> currentBroker() {
-    const std::lock_guard lock(state().mutex);
-    if (state().broker == nullptr) {
-        if (state().socketPath.empty()) {
+    State& process = state();
+    const Sentrel::MutexLock lock(process.mutex);
+    if (process.broker == nullptr) {
+        if (process.socketPath.empty()) {
             throw HVBException(-ENOTCONN, "the hub's socket is not known yet");
         }
-        state().broker = std::make_shared<Broker>(state().socketPath);
+        process.broker = std::make_shared<Broker>(process.socketPath);
     }
-    return state().broker;
+    return process.broker;
 }
 
 void releaseBroker() {
-    const std::lock_guard release(state().releaseMutex);
+    State& process = state();
+    const Sentrel::MutexLock release(process.releaseMutex);
     std::shared_ptr<Broker> broker;
     {
-        const std::lock_guard lock(state().mutex);
-        broker = state().broker;
+        const Sentrel::MutexLock lock(process.mutex);
+        broker = process.broker;
     }
     if (broker == nullptr) {
         return;
     }
     // It stays the process's broker until it has ended: a callback that still runs finds it, and sends its reply.
     broker->end();
-    const std::lock_guard lock(state().mutex);
-    state().broker.reset();
+    const Sentrel::MutexLock lock(process.mutex);
+    process.broker.reset();
 }
 
 } // namespace HVB::detail

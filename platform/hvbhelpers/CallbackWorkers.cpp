@@ -17,14 +17,14 @@ bool CallbackWorkers::isWorker() {
 }
 
 void CallbackWorkers::begin() {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     while (!m_ended && m_threads.size() < kCallbackThreads) {
         m_threads.push_back(Sentrel::startThread("hvb-callback", [this] { work(); }));
     }
 }
 
 bool CallbackWorkers::post(Lane lane, std::size_t bytes, Job job) {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     const bool empty = m_calls.empty() && m_events.empty();
     const bool full = queue(lane).size() >= kMaxWaitingJobs || (!empty && m_bytes + bytes > kMaxWaitingBytes);
     if (m_ended || full) {
@@ -32,36 +32,37 @@ bool CallbackWorkers::post(Lane lane, std::size_t bytes, Job job) {
     }
     queue(lane).push_back({bytes, std::move(job)});
     m_bytes += bytes;
-    m_changed.notify_one();
+    m_changed.notifyOne();
     return true;
 }
 
 void CallbackWorkers::stop() {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     m_stopped = true;
 }
 
 void CallbackWorkers::end() {
     std::vector<std::thread> threads;
     {
-        const std::lock_guard lock(m_mutex);
+        const Sentrel::MutexLock lock(m_mutex);
         m_stopped = true;
         m_ended = true;
         threads.swap(m_threads);
-        m_changed.notify_all();
+        m_changed.notifyAll();
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
 }
 
-bool CallbackWorkers::takeNext(std::unique_lock<std::mutex>& lock, Waiting& next, Lane& lane) {
-    const auto eventReady = [this] { return !m_events.empty() && !m_eventRuns; };
-    m_changed.wait(lock, [&] { return eventReady() || !m_calls.empty() || m_ended; });
-    if (!eventReady() && m_calls.empty()) {
+bool CallbackWorkers::takeNext(Waiting& next, Lane& lane) {
+    while (!hasReadyEvent() && m_calls.empty() && !m_ended) {
+        m_changed.wait(m_mutex);
+    }
+    if (!hasReadyEvent() && m_calls.empty()) {
         return false;
     }
-    lane = eventReady() ? Lane::Event : Lane::Call;
+    lane = hasReadyEvent() ? Lane::Event : Lane::Call;
     next = std::move(queue(lane).front());
     queue(lane).pop_front();
     m_bytes -= next.bytes;
@@ -71,10 +72,10 @@ bool CallbackWorkers::takeNext(std::unique_lock<std::mutex>& lock, Waiting& next
 
 void CallbackWorkers::work() {
     t_isWorker = true;
-    std::unique_lock lock(m_mutex);
+    Sentrel::MutexLock lock(m_mutex);
     Waiting next{};
     Lane lane = Lane::Call;
-    while (takeNext(lock, next, lane)) {
+    while (takeNext(next, lane)) {
         const bool deliver = !m_stopped;
         lock.unlock();
         next.job(deliver);
@@ -82,7 +83,7 @@ void CallbackWorkers::work() {
         lock.lock();
         if (lane == Lane::Event) {
             m_eventRuns = false;
-            m_changed.notify_one();
+            m_changed.notifyOne();
         }
     }
 }

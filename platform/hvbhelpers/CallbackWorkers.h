@@ -1,11 +1,11 @@
 // The threads on which the broker calls into the module.
 #pragma once
 
-#include <condition_variable>
+#include "base/Mutex.h"
+
 #include <cstddef>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -48,20 +48,20 @@ private:
     };
 
     void work();
-    bool takeNext(std::unique_lock<std::mutex>& lock, Waiting& next, Lane& lane);
-    std::deque<Waiting>& queue(Lane lane) { return lane == Lane::Call ? m_calls : m_events; }
+    bool takeNext(Waiting& next, Lane& lane) SENTREL_REQUIRES(m_mutex);
+    bool hasReadyEvent() const SENTREL_REQUIRES(m_mutex) { return !m_events.empty() && !m_eventRuns; }
+    std::deque<Waiting>& queue(Lane lane) SENTREL_REQUIRES(m_mutex) { return lane == Lane::Call ? m_calls : m_events; }
 
-    std::mutex m_mutex;
+    Sentrel::Mutex m_mutex;
+    Sentrel::ConditionVariable m_changed;
 
-    // guarded by m_mutex
-    std::condition_variable m_changed;
-    std::deque<Waiting> m_calls;
-    std::deque<Waiting> m_events;
-    std::size_t m_bytes = 0;
-    bool m_eventRuns = false;
-    bool m_stopped = false;
-    bool m_ended = false;
-    std::vector<std::thread> m_threads;
+    std::deque<Waiting> m_calls SENTREL_GUARDED_BY(m_mutex);
+    std::deque<Waiting> m_events SENTREL_GUARDED_BY(m_mutex);
+    std::size_t m_bytes SENTREL_GUARDED_BY(m_mutex) = 0;
+    bool m_eventRuns SENTREL_GUARDED_BY(m_mutex) = false;
+    bool m_stopped SENTREL_GUARDED_BY(m_mutex) = false;
+    bool m_ended SENTREL_GUARDED_BY(m_mutex) = false;
+    std::vector<std::thread> m_threads SENTREL_GUARDED_BY(m_mutex);
 };
 
 } // namespace HVB::detail

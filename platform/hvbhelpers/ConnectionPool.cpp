@@ -55,7 +55,7 @@ public:
     Lease& operator=(const Lease&) = delete;
     ~Lease() {
         if (m_enlisted) {
-            const std::lock_guard lock(m_pool.m_mutex);
+            const Sentrel::MutexLock lock(m_pool.m_mutex);
             std::erase(m_pool.m_callbackSockets, sd_bus_get_fd(m_bus.get()));
         }
         if (m_reusable) {
@@ -68,7 +68,7 @@ public:
 
 private:
     void enlist() {
-        const std::lock_guard lock(m_pool.m_mutex);
+        const Sentrel::MutexLock lock(m_pool.m_mutex);
         if (m_pool.m_callbacksEnded) {
             throw HVBException(-ECANCELED, "the hub client has ended");
         }
@@ -111,7 +111,7 @@ void ConnectionPool::post(const Make& make, bus::Deadline deadline) {
 }
 
 void ConnectionPool::endCallsOfCallbacks() {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     m_callbacksEnded = true;
     for (const int socket : m_callbackSockets) {
         // Whoever waits on it meets the end of the stream. The owner closes it after taking it off the list.
@@ -123,7 +123,7 @@ bus::BusPtr ConnectionPool::takeIdle() {
     for (;;) {
         bus::BusPtr bus;
         {
-            const std::lock_guard lock(m_mutex);
+            const Sentrel::MutexLock lock(m_mutex);
             if (m_idle.empty()) {
                 return nullptr;
             }
@@ -137,7 +137,7 @@ bus::BusPtr ConnectionPool::takeIdle() {
 }
 
 void ConnectionPool::giveBack(bus::BusPtr bus) {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     if (m_idle.size() < kMaxIdleConnections) {
         m_idle.push_back(std::move(bus));
     }

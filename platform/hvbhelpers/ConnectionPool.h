@@ -1,10 +1,10 @@
 // Connections for sending: one to each call at a time, kept for the next one.
 #pragma once
 
+#include "base/Mutex.h"
 #include "platform/hvbhelpers/BusConnection.h"
 
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -42,12 +42,11 @@ private:
 
     const std::string m_socketPath;
 
-    std::mutex m_mutex;
+    Sentrel::Mutex m_mutex;
 
-    // guarded by m_mutex
-    std::vector<bus::BusPtr> m_idle;
-    std::vector<int> m_callbackSockets; ///< in use by callbacks
-    bool m_callbacksEnded = false;
+    std::vector<bus::BusPtr> m_idle SENTREL_GUARDED_BY(m_mutex);
+    std::vector<int> m_callbackSockets SENTREL_GUARDED_BY(m_mutex); ///< in use by callbacks
+    bool m_callbacksEnded SENTREL_GUARDED_BY(m_mutex) = false;
 };
 
 } // namespace HVB::detail

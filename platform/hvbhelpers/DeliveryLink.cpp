@@ -89,7 +89,7 @@ bus::BusPtr DeliveryLink::subscribeAll(bus::BusPtr bus, Deadline deadline) {
     for (;;) {
         std::set<std::int32_t> wanted;
         {
-            const std::lock_guard lock(m_mutex);
+            const Sentrel::MutexLock lock(m_mutex);
             std::set_difference(m_subscriptions.begin(), m_subscriptions.end(), done.begin(), done.end(),
                                 std::inserter(wanted, wanted.end()));
         }
@@ -105,10 +105,10 @@ bus::BusPtr DeliveryLink::subscribeAll(bus::BusPtr bus, Deadline deadline) {
 }
 
 void DeliveryLink::install(bus::BusPtr bus) {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     m_bus = std::move(bus);
     ++m_generation;
-    m_changed.notify_all();
+    m_changed.notifyAll();
 }
 
 void DeliveryLink::lose(int error) {
@@ -116,7 +116,7 @@ void DeliveryLink::lose(int error) {
     m_pending.clear();
     m_bus.reset();
     ++m_generation;
-    m_changed.notify_all();
+    m_changed.notifyAll();
 }
 
 // The reader.
@@ -134,7 +134,7 @@ void DeliveryLink::end() {
     if (m_reader.joinable()) {
         m_reader.join();
     }
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     if (m_bus != nullptr) {
         lose(-ECANCELED);
     }
@@ -166,7 +166,7 @@ void DeliveryLink::pump() {
     bus::BusWait wait{};
     while (!m_ending) {
         {
-            const std::lock_guard lock(m_mutex);
+            const Sentrel::MutexLock lock(m_mutex);
             if (m_bus == nullptr) {
                 return;
             }
@@ -179,7 +179,7 @@ void DeliveryLink::pump() {
                 continue;
             }
             if (!hasUnsent()) {
-                m_changed.notify_all();
+                m_changed.notifyAll();
             }
             wait = bus::busWait(*m_bus);
         }
@@ -190,9 +190,11 @@ void DeliveryLink::pump() {
 }
 
 void DeliveryLink::awaitConnected(Deadline deadline) {
-    std::unique_lock lock(m_mutex);
-    if (!m_changed.wait_until(lock, deadline, [this] { return m_bus != nullptr; })) {
-        throw HVBException(-ETIMEDOUT, "cannot reach the hub at " + m_socketPath);
+    const Sentrel::MutexLock lock(m_mutex);
+    while (m_bus == nullptr) {
+        if (!m_changed.waitUntil(m_mutex, deadline) && m_bus == nullptr) {
+            throw HVBException(-ETIMEDOUT, "cannot reach the hub at " + m_socketPath);
+        }
     }
 }
 
@@ -217,11 +219,14 @@ void DeliveryLink::sendLocked(sd_bus_message& message) {
     }
 }
 
-void DeliveryLink::flushLocked(std::unique_lock<std::mutex>& lock, Deadline deadline) {
+void DeliveryLink::flushLocked(Deadline deadline) {
     const std::uint64_t generation = m_generation;
-    const auto over = [&] { return m_generation != generation || m_bus == nullptr || !hasUnsent(); };
-    if (!m_changed.wait_until(lock, deadline, over)) {
-        throw HVBException(-ETIMEDOUT, "the hub at " + m_socketPath + " takes nothing");
+    bool isInTime = true;
+    while (m_generation == generation && m_bus != nullptr && hasUnsent()) {
+        if (!isInTime) {
+            throw HVBException(-ETIMEDOUT, "the hub at " + m_socketPath + " takes nothing");
+        }
+        isInTime = m_changed.waitUntil(m_mutex, deadline);
     }
     if (m_generation != generation) {
         throw HVBException(-ECONNRESET, "the connection to the hub at " + m_socketPath + " ended");
@@ -229,17 +234,17 @@ void DeliveryLink::flushLocked(std::unique_lock<std::mutex>& lock, Deadline dead
 }
 
 void DeliveryLink::post(const Make& make, Deadline deadline) {
-    std::unique_lock lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     requireBus();
     // Whoever meets a full socket waits here first, so that no more piles up than there are senders.
-    flushLocked(lock, deadline);
+    flushLocked(deadline);
     const bus::MessagePtr message = make(requireBus());
     sendLocked(*message);
-    flushLocked(lock, deadline);
+    flushLocked(deadline);
 }
 
 void DeliveryLink::reply(std::uint64_t token, const Fill& fill, Deadline deadline) {
-    std::unique_lock lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     const auto call = m_pending.find(token);
     if (call == m_pending.end()) {
         throw HVBException(-ENOENT, "no command with this token waits for a reply");
@@ -252,12 +257,12 @@ void DeliveryLink::reply(std::uint64_t token, const Fill& fill, Deadline deadlin
         sendLocked(*message);
     }
     m_pending.erase(call);
-    flushLocked(lock, deadline);
+    flushLocked(deadline);
 }
 
 void DeliveryLink::refuse(std::uint64_t token, const char* error, const std::string& text) noexcept {
     try {
-        const std::lock_guard lock(m_mutex);
+        const Sentrel::MutexLock lock(m_mutex);
         answerError(token, error, text);
     } catch (...) {
         traceComm(currentExceptionText());
@@ -317,12 +322,12 @@ void DeliveryLink::callLaterLocked(const Make& make, std::chrono::microseconds t
 }
 
 void DeliveryLink::callLater(const Make& make, std::chrono::seconds timeout, Done done) {
-    const std::lock_guard lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     callLaterLocked(make, timeout, std::move(done));
 }
 
 void DeliveryLink::subscribe(std::int32_t eventId, Deadline deadline) {
-    std::unique_lock lock(m_mutex);
+    const Sentrel::MutexLock lock(m_mutex);
     if (!m_subscriptions.insert(eventId).second || m_bus == nullptr) {
         return;
     }
@@ -342,9 +347,11 @@ void DeliveryLink::subscribe(std::int32_t eventId, Deadline deadline) {
                                 outcome->code = -sd_bus_message_get_errno(&reply);
                                 outcome->error = errorTextOf(reply);
                             }
-                            m_changed.notify_all();
+                            m_changed.notifyAll();
                         });
-        m_changed.wait(lock, [&] { return outcome->answered || m_generation != generation; });
+        while (!outcome->answered && m_generation == generation) {
+            m_changed.wait(m_mutex);
+        }
         if (outcome->code != 0) {
             throw HVBException(outcome->code, "the hub takes no subscription: " + outcome->error);
         }

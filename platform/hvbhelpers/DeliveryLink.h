@@ -1,6 +1,7 @@
 // The named connection: what arrives for the module comes in here.
 #pragma once
 
+#include "base/Mutex.h"
 #include "base/WakeUp.h"
 #include "platform/hvbhelpers/BusConnection.h"
 #include "platform/hvbhelpers/Carriers.h"
@@ -8,11 +9,9 @@
 #include <systemd/sd-bus.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -89,30 +88,30 @@ private:
 
     void run();
     void pump();
-    void lose(int error);
+    void lose(int error) SENTREL_REQUIRES(m_mutex);
     bus::BusPtr connect(bus::Deadline deadline, int cancelFd);
     void install(bus::BusPtr bus);
     void takeName(sd_bus& bus, bus::Deadline deadline) const;
     bus::BusPtr subscribeAll(bus::BusPtr bus, bus::Deadline deadline);
     void addObjects(sd_bus& bus);
 
-    sd_bus& requireBus() const;
-    void sendLocked(sd_bus_message& message);
-    void callLaterLocked(const Make& make, std::chrono::microseconds timeout, Done done);
-    void flushLocked(std::unique_lock<std::mutex>& lock, bus::Deadline deadline);
-    bool hasUnsent() const;
+    sd_bus& requireBus() const SENTREL_REQUIRES(m_mutex);
+    void sendLocked(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
+    void callLaterLocked(const Make& make, std::chrono::microseconds timeout, Done done) SENTREL_REQUIRES(m_mutex);
+    void flushLocked(bus::Deadline deadline) SENTREL_REQUIRES(m_mutex);
+    bool hasUnsent() const SENTREL_REQUIRES(m_mutex);
 
     // Called by sd-bus on the link's thread, with the lock held.
     static int onCall(sd_bus_message* message, void* self, sd_bus_error* error);
     static int onMessage(sd_bus_message* message, void* self, sd_bus_error* error);
     static int onReply(sd_bus_message* message, void* wait, sd_bus_error* error);
     static void onReplySlotGone(void* wait);
-    int takeCall(sd_bus_message& message);
-    int takeCommand(sd_bus_message& message, std::int32_t commandId);
-    int takeHealthCheck(sd_bus_message& message);
-    int takeEvent(sd_bus_message& message);
-    std::uint64_t remember(sd_bus_message& message);
-    void answerError(std::uint64_t token, const char* error, const std::string& text);
+    int takeCall(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
+    int takeCommand(sd_bus_message& message, std::int32_t commandId) SENTREL_REQUIRES(m_mutex);
+    int takeHealthCheck(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
+    int takeEvent(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
+    std::uint64_t remember(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
+    void answerError(std::uint64_t token, const char* error, const std::string& text) SENTREL_REQUIRES(m_mutex);
 
     // constant after construction
     const std::string m_socketPath;
@@ -130,14 +129,13 @@ private:
     std::atomic<bool> m_begun{false};
     std::thread m_reader;
 
-    std::mutex m_mutex;
+    Sentrel::Mutex m_mutex;
+    Sentrel::ConditionVariable m_changed; ///< connected, lost, everything sent, or a reply came
 
-    // guarded by m_mutex
-    std::condition_variable m_changed; ///< connected, lost, everything sent, or a reply came
-    bus::BusPtr m_bus;                 ///< null: not connected
-    std::uint64_t m_generation = 0;    ///< counts the connections
-    std::set<std::int32_t> m_subscriptions;
-    std::map<std::uint64_t, PendingCall> m_pending; ///< handed on and not yet answered
+    bus::BusPtr m_bus SENTREL_GUARDED_BY(m_mutex);              ///< null: not connected
+    std::uint64_t m_generation SENTREL_GUARDED_BY(m_mutex) = 0; ///< counts the connections
+    std::set<std::int32_t> m_subscriptions SENTREL_GUARDED_BY(m_mutex);
+    std::map<std::uint64_t, PendingCall> m_pending SENTREL_GUARDED_BY(m_mutex); ///< handed on and not yet answered
 };
 
 } // namespace HVB::detail

@@ -68,7 +68,9 @@ void DeliveryLink::addObjects(sd_bus& bus) {
 
 int DeliveryLink::onCall(sd_bus_message* message, void* self, sd_bus_error*) {
     try {
-        return static_cast<DeliveryLink*>(self)->takeCall(*message);
+        DeliveryLink& link = *static_cast<DeliveryLink*>(self);
+        link.m_mutex.assertHeld();
+        return link.takeCall(*message);
     } catch (...) {
         traceComm(currentExceptionText());
         return -EIO;
@@ -77,7 +79,9 @@ int DeliveryLink::onCall(sd_bus_message* message, void* self, sd_bus_error*) {
 
 int DeliveryLink::onMessage(sd_bus_message* message, void* self, sd_bus_error*) {
     try {
-        return static_cast<DeliveryLink*>(self)->takeEvent(*message);
+        DeliveryLink& link = *static_cast<DeliveryLink*>(self);
+        link.m_mutex.assertHeld();
+        return link.takeEvent(*message);
     } catch (...) {
         traceComm("an event was dropped: " + currentExceptionText());
         return 1;

@@ -31,7 +31,7 @@ WakeUp newWakeUp() {
 ChangeBell::ChangeBell() : m_rung(newWakeUp()) {}
 
 bool ChangeBell::handleEventNotification(HVB::EventData& event) {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     if (m_events.size() >= kMaxKept) {
         return false;
     }
@@ -59,7 +59,7 @@ bool ChangeBell::waitUntil(std::chrono::steady_clock::time_point deadline) const
 }
 
 std::vector<std::int32_t> ChangeBell::take() {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_rung.take();
     return std::exchange(m_events, {});
 }

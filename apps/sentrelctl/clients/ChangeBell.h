@@ -1,13 +1,13 @@
 // The hub's word of changed preferences, as something to wait for.
 #pragma once
 
+#include "base/Mutex.h"
 #include "base/WakeUp.h"
 #include "hub/HVBInterfaces.h"
 
 #include <chrono>
 #include <cstdint>
 #include <initializer_list>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -40,8 +40,8 @@ public:
 private:
     WakeUp m_rung; // own locking
 
-    std::mutex m_mutex;
-    std::vector<std::int32_t> m_events; // guarded by m_mutex
+    Mutex m_mutex;
+    std::vector<std::int32_t> m_events SENTREL_GUARDED_BY(m_mutex);
 };
 
 } // namespace Sentrel::ctl

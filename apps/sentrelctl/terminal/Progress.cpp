@@ -14,10 +14,10 @@ Progress::Progress(Output& err, std::string what) : m_err(err), m_what(std::move
 
 Progress::~Progress() {
     {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         m_isDone = true;
     }
-    m_changed.notify_all();
+    m_changed.notifyAll();
     if (m_thread.joinable()) {
         m_thread.join();
     }
@@ -26,11 +26,15 @@ Progress::~Progress() {
 void Progress::run() {
     std::string shown;
     try {
-        std::unique_lock lock(m_mutex);
-        for (int seconds = 1; !m_changed.wait_for(lock, std::chrono::seconds(1), [this] { return m_isDone; });
-             ++seconds) {
+        const MutexLock lock(m_mutex);
+        const auto begin = std::chrono::steady_clock::now();
+        for (int seconds = 1; !m_isDone;) {
+            if (m_changed.waitUntil(m_mutex, begin + std::chrono::seconds(seconds)) || m_isDone) {
+                continue;
+            }
             shown = fmt::format("\r{} … {} s", m_what, seconds);
             m_err.write(shown);
+            ++seconds;
         }
         if (!shown.empty()) {
             m_err.write("\r" + std::string(shown.size(), ' ') + "\r");

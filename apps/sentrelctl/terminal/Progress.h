@@ -2,9 +2,8 @@
 #pragma once
 
 #include "apps/sentrelctl/terminal/Output.h"
+#include "base/Mutex.h"
 
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -27,9 +26,9 @@ private:
     Output& m_err;
     std::string m_what;
 
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    bool m_isDone = false; // guarded by m_mutex
+    Mutex m_mutex;
+    ConditionVariable m_changed;
+    bool m_isDone SENTREL_GUARDED_BY(m_mutex) = false;
 
     std::thread m_thread;
 };

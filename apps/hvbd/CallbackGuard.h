@@ -10,20 +10,18 @@
 
 #include <cerrno>
 #include <exception>
+#include <stdexcept>
 #include <string>
 
 namespace HVB::hub {
 
 /// What a sender did wrong. Answered with HVB::bus::kErrorBadMessage.
 /// Threads: a plain value. Owner: whoever catches it.
-class BadMessage {
+class BadMessage : public std::runtime_error {
 public:
-    explicit BadMessage(std::string message) : m_message(std::move(message)) {}
+    using std::runtime_error::runtime_error;
 
-    const std::string& message() const { return m_message; }
-
-private:
-    std::string m_message;
+    std::string message() const { return what(); }
 };
 
 /// Runs the body of a method call's handler. What it throws becomes the error reply.

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,21 +38,20 @@ struct StoredRecord {
 
 /// Records could not be stored or read. The message says what, where, why and what to do.
 /// Threads: a plain value. Owner: whoever catches it.
-class LogStoreError {
+class LogStoreError : public std::runtime_error {
 public:
     enum class Kind {
         Trouble, ///< the store's: the same call may succeed once somebody has mended it
         Refused, ///< the record's: it will never be stored
     };
 
-    LogStoreError(Kind kind, std::string message) : m_kind(kind), m_message(std::move(message)) {}
+    LogStoreError(Kind kind, const std::string& message) : std::runtime_error(message), m_kind(kind) {}
 
     Kind kind() const { return m_kind; }
-    const std::string& message() const { return m_message; }
+    std::string message() const { return what(); }
 
 private:
     Kind m_kind;
-    std::string m_message;
 };
 
 /// Log records in one SQLite file.

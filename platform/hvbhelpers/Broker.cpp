@@ -241,7 +241,7 @@ void Broker::runCommand(CommandMessage& command, bool deliver) noexcept {
         m_link.refuse(token, known ? bus::kErrorNoReply : bus::kErrorUnknownCommand,
                       known ? "the module did not answer" : "the module does not know this command");
     } catch (...) {
-        m_link.refuse(token, bus::kErrorFailed, currentExceptionText());
+        m_link.refuse(token, bus::kErrorFailed, currentExceptionText(), currentExceptionCode());
     }
 }
 

@@ -91,9 +91,18 @@ BusPtr startConnection(const std::string& socketPath, Deadline deadline, int can
     }
 }
 
-[[noreturn]] void throwCallError(int result, const sd_bus_error& error) {
+[[noreturn]] void throwCallError(int result, const sd_bus_error& error, std::int32_t handlerCode = 0) {
     throw CallError(result, error.name != nullptr ? error.name : "",
-                    error.message != nullptr ? error.message : errnoText(-result));
+                    error.message != nullptr ? error.message : errnoText(-result), handlerCode);
+}
+
+/// The number that an error reply has behind its text; 0 when there is none.
+std::int32_t handlerCodeOf(sd_bus_message& reply) {
+    const char* text = nullptr;
+    std::int32_t code = 0;
+    const bool hasBoth = sd_bus_message_has_signature(&reply, "si") > 0 && sd_bus_message_rewind(&reply, 1) >= 0 &&
+                         sd_bus_message_read(&reply, "si", &text, &code) > 0;
+    return hasBoth ? code : 0;
 }
 
 bool isFault(int signal) {
@@ -232,7 +241,7 @@ MessagePtr callAlone(sd_bus& bus, sd_bus_message& request, Deadline deadline) {
         (void)sleepUntilReady(busWait(bus), deadline, -1);
     }
     if (const sd_bus_error* error = sd_bus_message_get_error(reply.get())) {
-        throwCallError(-sd_bus_message_get_errno(reply.get()), *error);
+        throwCallError(-sd_bus_message_get_errno(reply.get()), *error, handlerCodeOf(*reply));
     }
     return reply;
 }

@@ -30,17 +30,20 @@ using BusPtr = std::unique_ptr<sd_bus, CloseBus>;
 using MessagePtr = std::unique_ptr<sd_bus_message, UnrefMessage>;
 
 /// A call that brought no ordinary reply. The name is that of the error reply, or the one that sd-bus gives to a local
-/// failure; the code is as call says.
+/// failure; the code is as call says. Whoever decides by what went wrong asks these, never the text.
 /// Threads: a plain value. Owner: whoever catches it.
 class CallError : public HVBException {
 public:
-    CallError(std::int32_t code, std::string name, const std::string& text)
-        : HVBException(code, text), m_name(std::move(name)) {}
+    CallError(std::int32_t code, std::string name, const std::string& text, std::int32_t handlerCode = 0)
+        : HVBException(code, text), m_name(std::move(name)), m_handlerCode(handlerCode) {}
 
     const std::string& name() const { return m_name; }
+    /// The code of the exception that left the other side's handler, when callAlone was told of one; otherwise 0.
+    std::int32_t handlerCode() const { return m_handlerCode; }
 
 private:
     std::string m_name;
+    std::int32_t m_handlerCode;
 };
 
 /// Connects to the bus at @p socketPath and waits until it has answered our hello.

@@ -260,16 +260,18 @@ void DeliveryLink::reply(std::uint64_t token, const Fill& fill, Deadline deadlin
     flushLocked(deadline);
 }
 
-void DeliveryLink::refuse(std::uint64_t token, const char* error, const std::string& text) noexcept {
+void DeliveryLink::refuse(std::uint64_t token, const char* error, const std::string& text,
+                          std::int32_t handlerCode) noexcept {
     try {
         const Sentrel::MutexLock lock(m_mutex);
-        answerError(token, error, text);
+        answerError(token, error, text, handlerCode);
     } catch (...) {
         traceComm(currentExceptionText());
     }
 }
 
-void DeliveryLink::answerError(std::uint64_t token, const char* error, const std::string& text) {
+void DeliveryLink::answerError(std::uint64_t token, const char* error, const std::string& text,
+                               std::int32_t handlerCode) {
     const auto call = m_pending.find(token);
     if (call == m_pending.end()) {
         return;
@@ -281,6 +283,9 @@ void DeliveryLink::answerError(std::uint64_t token, const char* error, const std
         sd_bus_message* raw = nullptr;
         bus::check(sd_bus_message_new_method_error(pending.message.get(), &raw, &answer), "cannot make a reply");
         const bus::MessagePtr message(raw);
+        if (handlerCode != 0) {
+            bus::check(sd_bus_message_append(message.get(), "i", handlerCode), "cannot fill a message");
+        }
         sendLocked(*message);
     }
 }

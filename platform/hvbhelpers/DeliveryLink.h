@@ -70,7 +70,8 @@ public:
     void reply(std::uint64_t token, const Fill& fill, bus::Deadline deadline);
 
     /// Answers with an error, unless the call was answered already. A link that is gone needs no answer.
-    void refuse(std::uint64_t token, const char* error, const std::string& text) noexcept;
+    /// @param handlerCode what the other side's CallError shall have as its own; 0 for none.
+    void refuse(std::uint64_t token, const char* error, const std::string& text, std::int32_t handlerCode = 0) noexcept;
 
     /// Sends a one-way message, in order with the replies, and returns when it has left this process.
     /// @throws HVBException with -ENOTCONN at once when there is no connection, -ETIMEDOUT at the deadline.
@@ -111,7 +112,8 @@ private:
     int takeHealthCheck(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
     int takeEvent(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
     std::uint64_t remember(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
-    void answerError(std::uint64_t token, const char* error, const std::string& text) SENTREL_REQUIRES(m_mutex);
+    void answerError(std::uint64_t token, const char* error, const std::string& text, std::int32_t handlerCode = 0)
+        SENTREL_REQUIRES(m_mutex);
 
     // constant after construction
     const std::string m_socketPath;

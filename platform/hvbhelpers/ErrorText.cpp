@@ -42,6 +42,18 @@ std::string currentExceptionText() noexcept {
     }
 }
 
+std::int32_t currentExceptionCode() noexcept {
+    try {
+        throw;
+    } catch (const HVBException& exception) {
+        return exception.code();
+    } catch (const Sentrel::VXException& exception) {
+        return exception.code();
+    } catch (...) {
+        return 0;
+    }
+}
+
 void traceComm(const std::string& line) noexcept {
     if (hvCommFlowvalue >= 1) {
         syslog(LOG_WARNING, "hub client: %s", line.c_str());

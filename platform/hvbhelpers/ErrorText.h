@@ -1,6 +1,7 @@
 // What an exception says, in a form that an error reply can carry.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace HVB::detail {
@@ -8,6 +9,10 @@ namespace HVB::detail {
 /// The text of the exception being handled: its message where its type has one that is known here. Bounded, and
 /// ASCII only, since the bus takes no message that is not UTF-8. Requires that an exception is being handled.
 std::string currentExceptionText() noexcept;
+
+/// The code of the exception being handled: an HVBException's or a VXException's own, 0 for any other type. Requires
+/// that an exception is being handled.
+std::int32_t currentExceptionCode() noexcept;
 
 /// Writes a line to the system log when the flow of hub messages is traced.
 void traceComm(const std::string& line) noexcept;

@@ -2,6 +2,8 @@
 
 #include "base/Paths.h"
 #include "hub/HVBCommBroker.h"
+#include "platform/hvbhelpers/BusConnection.h"
+#include "platform/hvbhelpers/HubProtocol.h"
 
 #include <cerrno>
 #include <cmath>
@@ -17,17 +19,20 @@ std::string stepAfterFailure(const CommandPurpose& purpose) {
     return fmt::format("The daemon's trace log {} says more, if tracing is on", paths::traceLog());
 }
 
-Failure commandFailure(const HVB::HVBException& error, const CommandPurpose& purpose, const std::string& socketPath) {
+/// Whether the daemon's handler said that it cannot read the hub's configuration of the module.
+bool lacksConfiguration(const HVB::bus::CallError& error) {
+    constexpr std::int32_t cannotRead = 3; // the daemon's own number for that
+    return error.name() == HVB::bus::kErrorFailed && error.handlerCode() == cannotRead;
+}
+
+Failure commandFailure(const HVB::HVBException& error, const CommandPurpose& purpose, const std::string& socketPath,
+                       const std::string& nextStep) {
     if (error.code() == -ETIMEDOUT && purpose.afterTimeout != nullptr) {
         return {ExitCode::TimedOut, purpose.what, "", error.message(), purpose.afterTimeout};
     }
     // What comes from the daemon itself: its exception left the handler, or it does not know the command.
     if (exitCodeOfHub(error.code()) == ExitCode::Failed) {
-        const bool isConfiguration = error.message().find("HVConfig.xml") != std::string::npos;
-        return {ExitCode::Failed, purpose.what, "the daemon", error.message(),
-                isConfiguration ? fmt::format("See that the daemon's user can read {}, then try again",
-                                              paths::moduleConfiguration())
-                                : stepAfterFailure(purpose)};
+        return {ExitCode::Failed, purpose.what, "the daemon", error.message(), nextStep};
     }
     return hubFailure(error, purpose.what, socketPath);
 }
@@ -49,8 +54,14 @@ CommandChannel::~CommandChannel() {
 void CommandChannel::send(HVB::CommandData& command, HVB::CommandResult& result, const CommandPurpose& purpose) const {
     try {
         HVB::HVBCommBroker::getInstance(m_socketPath)->sendCommand(command, &result, true, m_timeout);
+    } catch (const HVB::bus::CallError& error) {
+        throw commandFailure(
+            error, purpose, m_socketPath,
+            lacksConfiguration(error)
+                ? fmt::format("See that the daemon's user can read {}, then try again", paths::moduleConfiguration())
+                : stepAfterFailure(purpose));
     } catch (const HVB::HVBException& error) {
-        throw commandFailure(error, purpose, m_socketPath);
+        throw commandFailure(error, purpose, m_socketPath, stepAfterFailure(purpose));
     }
 }
 

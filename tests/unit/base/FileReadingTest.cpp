@@ -164,7 +164,8 @@ TEST_F(APipe, IsReadFurtherThanItsLimitByNobody) {
         ADD_FAILURE() << "nothing was thrown";
     } catch (const std::system_error& error) {
         EXPECT_EQ(error.code().value(), EFBIG);
-        EXPECT_TRUE(std::string(error.what()).starts_with("the pipe: is too large: it has more than 5 bytes")) << error.what();
+        EXPECT_TRUE(std::string(error.what()).starts_with("the pipe: is too large: it has more than 5 bytes"))
+            << error.what();
         std::array<char, 8> rest{};
         held = static_cast<std::size_t>(::read(m_reader.get(), rest.data(), rest.size()));
     }

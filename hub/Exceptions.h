@@ -8,7 +8,6 @@
 namespace Sentrel {
 
 /// A failure inside the daemon: a result code and a message for the trace log.
-/// Threads: a plain value. Owner: whoever catches it.
 class VXException {
 public:
     VXException(std::int32_t code, std::string message) : m_code(code), m_message(std::move(message)) {}
@@ -27,7 +26,6 @@ namespace HVB {
 
 /// A failure of the hub client: no hub at the socket, no answer in time, or a refusal by the hub.
 /// The code is a negative errno value where the system gave one, otherwise -1.
-/// Threads: a plain value. Owner: whoever catches it.
 class HVBException {
 public:
     HVBException(std::int32_t code, std::string message) : m_code(code), m_message(std::move(message)) {}

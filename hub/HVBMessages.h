@@ -10,7 +10,6 @@
 namespace HVB {
 
 /// Routing header of a command. A module reads only m_commandId and copies the rest into its reply unchanged.
-/// Threads: a plain value. Owner: the message that it is part of.
 class BasicCommandData {
 public:
     BasicCommandData() = default;
@@ -38,7 +37,6 @@ public:
 };
 
 /// Header of a command's result. A sender takes the command as failed unless both flags are true.
-/// Threads: a plain value. Owner: the message that it is part of.
 class BasicCommandResult {
 public:
     BasicCommandData m_commandData;
@@ -54,7 +52,6 @@ public:
 };
 
 /// Header of an event.
-/// Threads: a plain value. Owner: the message that it is part of.
 class BasicEventData {
 public:
     explicit BasicEventData(std::int32_t eventId) : m_eventId(eventId) {}

@@ -16,7 +16,6 @@ enum class PolicyKind {
 };
 
 /// A key as it is looked up. Its names are plain ASCII.
-/// Threads: a constant. Owner: the program.
 struct PolicyKey {
     std::string_view feature; ///< where it belongs; empty: among the sections that are no feature's
     std::string_view section;

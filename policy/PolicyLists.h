@@ -12,20 +12,19 @@
 namespace Sentrel::policy {
 
 /// A text of a list.
-/// Threads: a plain value. Owner: whoever read it.
 struct TextEntry {
     int index; ///< in the policy
     std::wstring text;
     std::optional<std::string> narrow; ///< none for one that is too long: it keeps its place, and is left out
 };
 
-/// The texts of an indexed key. Threads: a plain value. Owner: whoever read them.
+/// The texts of an indexed key.
 struct TextEntries {
     std::vector<TextEntry> found;
     std::vector<int> missing; ///< indices without a value
 };
 
-/// The numbers of an indexed key. Threads: a plain value. Owner: whoever read them.
+/// The numbers of an indexed key.
 struct NumberEntries {
     std::vector<int> found;
     std::vector<int> indices; ///< of those that were found
@@ -40,7 +39,6 @@ TextEntries readTexts(const PolicySource& source, const PolicyKey& key, int decl
 NumberEntries readNumbers(const PolicySource& source, const PolicyKey& key, int declared);
 
 /// The actions of the categories, a digit for each.
-/// Threads: a plain value. Owner: whoever read them.
 struct CategoryActions {
     bool isThere = false;
     std::wstring characters;
@@ -52,7 +50,6 @@ struct CategoryActions {
 CategoryActions readCategoryActions(const PolicySource& source);
 
 /// The codes of the categories.
-/// Threads: a plain value. Owner: whoever read them.
 struct CategoryCodes {
     bool isThere = false;
     bool isCut = false;           ///< the text was cut within a code, which is not among these

@@ -11,7 +11,6 @@
 namespace Sentrel::policy {
 
 /// A number as it is read from a text.
-/// Threads: a plain value. Owner: whoever read it.
 struct PolicyNumber {
     int value;    ///< 0 when the text does not begin with one
     bool isWhole; ///< the whole text is a number of 32 bits; otherwise its beginning was taken, or 0
@@ -20,7 +19,6 @@ struct PolicyNumber {
 PolicyNumber readNumber(std::wstring_view text);
 
 /// A text as far as it is taken.
-/// Threads: a plain value. Owner: whoever read it.
 struct PolicyText {
     std::wstring text;
     wchar_t cutOff = L'\0'; ///< the first character that was not taken
@@ -91,7 +89,6 @@ enum class Rating {
 };
 
 /// One rating's three bits in the value of kRatings, of which each stands for an action.
-/// Threads: a constant. Owner: the program.
 struct RatingField {
     Rating rating;
     unsigned shift;

@@ -9,7 +9,6 @@ namespace Sentrel {
 
 /// A failure of the store that has a result code of its own. Nothing here throws it yet; whoever does gets 180006
 /// from the setter that it passes.
-/// Threads: a plain value. Owner: whoever catches it.
 class PreferencesException : public std::exception {
 public:
     explicit PreferencesException(std::string message) : m_message(std::move(message)) {}

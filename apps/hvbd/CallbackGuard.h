@@ -16,7 +16,6 @@
 namespace HVB::hub {
 
 /// What a sender did wrong. Answered with HVB::bus::kErrorBadMessage.
-/// Threads: a plain value. Owner: whoever catches it.
 class BadMessage : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -18,7 +18,6 @@ enum ExitCode : int {
     EXIT_NOT_RUNNING = 8, ///< there is no bus
 };
 
-/// Threads: a plain value. Owner: main.
 struct CommandLine {
     std::chrono::seconds healthInterval{60};
     std::uint64_t logLimitBytes = 0;

@@ -21,7 +21,6 @@ enum class Health {
 const char* healthWord(Health health);
 
 /// A change of a module's state, as a line for the system log.
-/// Threads: a plain value. Owner: anybody.
 struct HealthNews {
     int priority; ///< of syslog(3)
     std::string line;

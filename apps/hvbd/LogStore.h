@@ -25,7 +25,6 @@ struct LogRecord {
 };
 
 /// A record as the store gives it back.
-/// Threads: a plain value. Owner: the reader.
 struct StoredRecord {
     std::uint64_t id = 0;
     std::int64_t storedAt = 0; ///< microseconds since the epoch
@@ -37,7 +36,6 @@ struct StoredRecord {
 };
 
 /// Records could not be stored or read. The message says what, where, why and what to do.
-/// Threads: a plain value. Owner: whoever catches it.
 class LogStoreError : public std::runtime_error {
 public:
     enum class Kind {

@@ -15,7 +15,6 @@ namespace HVB::hub {
 std::string_view levelWord(hv_logLevel_enum level);
 
 /// What a module's configuration says about its log lines. The defaults hold when there is no file.
-/// Threads: a plain value. Owner: anybody.
 struct ModuleConfiguration {
     bool syslogEnabled = true;
     hv_logLevel_enum level = LOG_LEVEL_INFORMATION;
@@ -25,7 +24,6 @@ struct ModuleConfiguration {
 };
 
 /// A configuration file that cannot be used; the text says which and why.
-/// Threads: a plain value. Owner: whoever catches it.
 class ConfigurationError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

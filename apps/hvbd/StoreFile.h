@@ -10,7 +10,6 @@
 namespace HVB::hub {
 
 /// Which file stands at a path. Two that are equal are the same file.
-/// Threads: a plain value. Owner: anybody.
 struct FileIdentity {
     dev_t device = 0;
     ino_t inode = 0;

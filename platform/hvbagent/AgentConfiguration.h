@@ -20,7 +20,6 @@ struct TlsFiles {
 };
 
 /// Who this machine is to the broker. Wiped from memory when it ends.
-/// Threads: a plain value. Owner: whoever loaded it.
 struct Credentials {
     std::string user;
     std::string password;
@@ -32,7 +31,6 @@ struct Credentials {
 };
 
 /// The enrolment. Every text has been checked: topic parts are topic parts and paths are absolute.
-/// Threads: a plain value. Owner: the client.
 struct AgentConfiguration {
     std::string host;
     std::uint16_t port = 0;

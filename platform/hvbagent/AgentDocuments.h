@@ -8,7 +8,7 @@
 namespace HVBEnterprise {
 
 /// Selects a policy by the product and the feature that it belongs to. A module fills the first three texts; the rest
-/// is the library's and stays empty here. Threads: a plain value. Owner: whoever built it.
+/// is the library's and stays empty here.
 struct PolicySetting {
     std::wstring m_productId;
     std::wstring m_featureId; ///< the feature that is looked in

@@ -19,7 +19,6 @@
 namespace HVBEnterprise::agent {
 
 /// What the callback thread works with.
-/// Threads: a plain value. Owner: whoever built it.
 struct WorkerSettings {
     std::wstring softwareId;
     Topics topics;

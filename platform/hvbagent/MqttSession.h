@@ -37,7 +37,6 @@ private:
 };
 
 /// Whom to talk to, and as whom.
-/// Threads: a plain value. Owner: whoever built it.
 struct MqttSettings {
     std::string host;
     std::uint16_t port = 0;

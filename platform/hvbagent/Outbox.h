@@ -12,7 +12,6 @@
 namespace HVBEnterprise::agent {
 
 /// A retained message.
-/// Threads: a plain value. Owner: whoever built it.
 struct Publication {
     std::string topic;
     std::string payload;

@@ -12,7 +12,6 @@
 namespace HVBEnterprise::agent {
 
 /// What a policy says it is.
-/// Threads: a plain value. Owner: whoever built it.
 struct PolicyIdentity {
     std::optional<std::int64_t> version; ///< nothing when it could not be read
     std::string id;
@@ -20,7 +19,6 @@ struct PolicyIdentity {
 };
 
 /// A policy that was read, or why it is refused.
-/// Threads: a plain value. Owner: whoever built it.
 struct PolicyReading {
     PolicyIdentity identity;
     SectionsHandle sections; ///< empty when it is refused

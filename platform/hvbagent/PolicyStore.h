@@ -10,7 +10,6 @@
 namespace HVBEnterprise::agent {
 
 /// The file with the policy message in force, as it came: a signature is checked again whenever it is read.
-/// Threads: plain, single access. Owner: PolicyInForce.
 class PolicyStore {
 public:
     explicit PolicyStore(std::string path) : m_path(std::move(path)) {}
@@ -34,7 +33,6 @@ enum class PolicyVerdict {
     AlreadyThere, ///< it is in force, and was enforced
 };
 
-/// Threads: a plain value. Owner: whoever built it.
 struct PolicyDecision {
     PolicyVerdict verdict = PolicyVerdict::Refused;
     PolicyIdentity identity;

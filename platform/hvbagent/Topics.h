@@ -24,7 +24,6 @@ inline bool isTopicPart(std::string_view text) {
 }
 
 /// The topics of one machine.
-/// Threads: a plain value. Owner: whoever built it.
 class Topics {
 public:
     /// Requires that each of them is a topic part.

@@ -31,7 +31,6 @@ using MessagePtr = std::unique_ptr<sd_bus_message, UnrefMessage>;
 
 /// A call that brought no ordinary reply. The name is that of the error reply, or the one that sd-bus gives to a local
 /// failure; the code is as call says. Whoever decides by what went wrong asks these, never the text.
-/// Threads: a plain value. Owner: whoever catches it.
 class CallError : public HVBException {
 public:
     CallError(std::int32_t code, std::string name, const std::string& text, std::int32_t handlerCode = 0)

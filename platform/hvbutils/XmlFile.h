@@ -8,7 +8,6 @@
 #include <string>
 
 /// A configuration file that cannot be used; the text says which, where and why, on one printable line.
-/// Threads: a plain value. Owner: whoever catches it.
 class LibXmlError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

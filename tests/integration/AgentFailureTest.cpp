@@ -30,7 +30,6 @@ std::size_t openFiles() {
 }
 
 /// Listens like a broker, hears the client's first words and hangs up.
-/// Threads: plain, single access. Owner: the test.
 class HangsUp {
 public:
     HangsUp() {

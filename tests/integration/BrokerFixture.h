@@ -35,7 +35,6 @@ public:
 };
 
 /// A client that uses the bus directly, as one in another language would.
-/// Threads: plain, single access. Owner: the test.
 class RawClient {
 public:
     explicit RawClient(const std::string& socketPath)
@@ -128,7 +127,6 @@ inline bool echo(HVB::CommandData& command) {
 }
 
 /// Releases the broker. Made after what the callbacks use, it ends them before that goes.
-/// Threads: plain, single access. Owner: the test.
 class Life {
 public:
     Life() = default;

@@ -151,7 +151,6 @@ Refusal refusalOf(Action&& action) {
 }
 
 /// A root with a bus, and hvbd when it was started.
-/// Threads: plain, single access. Owner: GoogleTest.
 class AHub : public testing::Test {
 protected:
     /// Starts hvbd and waits until it serves. @throws std::runtime_error when it does not.

@@ -23,7 +23,6 @@ namespace testing_support {
 class SystemLog;
 
 /// How many of each thing a chapter was held against.
-/// Threads: a plain value. Owner: the day.
 struct Compared {
     std::string chapter;
     std::size_t steps = 0;   ///< of the trace log's transcript
@@ -35,7 +34,6 @@ struct Compared {
 };
 
 /// Everything on it is real: bus, hvbd, sentreld, sentrelctl, the broker of its server, its files.
-/// Threads: plain, single access. Owner: GoogleTest.
 class MachineDay : public testing::Test {
 protected:
     MachineDay();

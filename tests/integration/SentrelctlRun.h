@@ -18,7 +18,6 @@ struct CtlResult {
 };
 
 /// A run of sentrelctl that may still go on. Its standard output and error are kept apart.
-/// Threads: plain, single access. Owner: the test.
 class CtlRun {
 public:
     /// @param input what it finds on its standard input.

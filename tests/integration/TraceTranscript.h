@@ -9,7 +9,6 @@
 namespace testing_support {
 
 /// What one thread writes in a step: these lines in this order, the whole of them as often as told.
-/// Threads: a plain value. Owner: the transcript.
 struct Voice {
     std::string name;
     std::vector<std::string> lines;
@@ -18,7 +17,6 @@ struct Voice {
 };
 
 /// A stretch of the log: some interleaving of its voices, with nothing missing and nothing besides.
-/// Threads: a plain value. Owner: the transcript.
 struct Step {
     std::string name;
     std::vector<Voice> voices;

@@ -22,7 +22,6 @@ struct ChildOptions {
 using ExitStatus = int;
 
 /// A child process. It is killed and reaped, by its pid, when this object or the thread that made it ends.
-/// Threads: plain, single access. Owner: the test.
 class ChildProcess {
 public:
     /// @throws std::system_error when the program cannot be run.

@@ -13,7 +13,6 @@ namespace testing_support {
 
 /// A bus in a private root, that can be killed, started again and held up. By default the user who runs the test is
 /// the daemon's and the hub's user, and there is no administrators' group.
-/// Threads: plain, single access. Owner: the test.
 class HubBus {
 public:
     explicit HubBus(const PrivateRoot& root);

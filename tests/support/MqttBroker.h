@@ -11,14 +11,12 @@
 namespace testing_support {
 
 /// A certificate and its key, in PEM. The key is its owner's alone.
-/// Threads: a plain value. Owner: the test.
 struct CertificateFiles {
     std::string certificate;
     std::string key;
 };
 
 /// Certificates of a test's own authority, made with openssl. The broker's is for 127.0.0.1 and localhost.
-/// Threads: plain, single access. Owner: the test.
 class MqttCertificates {
 public:
     explicit MqttCertificates(const PrivateRoot& root);
@@ -46,7 +44,6 @@ private:
 };
 
 /// A broker in a private root. It keeps nothing on disk: what was retained is gone when it is killed.
-/// Threads: plain, single access. Owner: the test.
 class MqttBroker {
 public:
     struct Options {

@@ -9,7 +9,6 @@
 namespace testing_support {
 
 /// A child process that has set something up and keeps it until this object ends.
-/// Threads: plain, single access. Owner: the test.
 class OtherProcess {
 public:
     /// Returns when @p setUp has called its argument, after which it may go on or return; the process stays in either

@@ -113,7 +113,6 @@ private:
 };
 
 /// A client with a connection of its own that says what it likes.
-/// Threads: plain, single access. Owner: the test.
 class WireClient {
 public:
     /// What came back.

@@ -11,7 +11,6 @@
 namespace Sentrel::ctl {
 
 /// What could not be done, and what to do when no answer came in time, and when the daemon failed.
-/// Threads: a constant. Owner: the program.
 struct CommandPurpose {
     const char* what;
     const char* afterTimeout = nullptr; ///< for a change, which may yet be made; null for a question

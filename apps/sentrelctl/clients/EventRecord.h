@@ -12,7 +12,6 @@
 namespace Sentrel::ctl {
 
 /// The fields of a record. The defaults make a sample that the daemon reports: a red site that was blocked.
-/// Threads: a plain value. Owner: the verb.
 struct RecordFields {
     std::string eventId = "sentrelctl";
     std::string url = "https://blocked.example/";

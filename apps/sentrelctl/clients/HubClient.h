@@ -14,7 +14,6 @@
 namespace Sentrel::ctl {
 
 /// What hvbd knows of a module.
-/// Threads: a plain value. Owner: whoever asked.
 struct ModuleHealth {
     int moduleId;
     std::string state; ///< "well", "unwell", "silent" or "gone"

@@ -25,7 +25,6 @@ enum class Verdict {
 };
 
 /// What a check found.
-/// Threads: a plain value. Owner: whoever ran it.
 struct Diagnosis {
     Verdict verdict;
     std::string what;
@@ -37,14 +36,12 @@ inline Diagnosis healthy(std::string what) {
 }
 
 /// Thrown by a check that cannot see what it is about.
-/// Threads: a plain value. Owner: whoever catches it.
 class CannotSee : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
 /// One check. The names are an interface, as exit codes are: they are added to, never changed.
-/// Threads: a constant. Owner: the program.
 struct Check {
     const char* name;
     /// @param timeout seconds that each question to another process may take.

@@ -14,7 +14,7 @@
 
 namespace Sentrel::ctl {
 
-/// What a verb was told about the broker. Threads: a plain value. Owner: the verb.
+/// What a verb was told about the broker.
 struct FleetOptions {
     std::string config;
     std::string host;
@@ -31,7 +31,6 @@ struct FleetOptions {
 /// Adds --config, --host, --port, --ca, --cert, --key, --credentials, --site, --machine and --timeout.
 void addFleetOptions(OptionSet& set, FleetOptions& options);
 
-/// Threads: a plain value. Owner: the verb.
 struct Fleet {
     BrokerAddress broker;
     std::string site;

@@ -14,7 +14,6 @@
 namespace Sentrel::ctl {
 
 /// A retained document of one machine.
-/// Threads: a plain value. Owner: the verb.
 struct MachineDocument {
     std::string machine;
     std::shared_ptr<const nlohmann::json> content; ///< an object, never null; empty with an error

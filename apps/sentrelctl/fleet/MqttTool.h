@@ -16,7 +16,6 @@
 namespace Sentrel::ctl {
 
 /// Where the broker is and who comes.
-/// Threads: a plain value. Owner: the verb.
 struct BrokerAddress {
     std::string host;
     std::uint16_t port = 0;
@@ -27,7 +26,6 @@ struct BrokerAddress {
 };
 
 /// A message that came.
-/// Threads: a plain value. Owner: whoever took it.
 struct MqttMessage {
     std::string topic;
     std::string payload;

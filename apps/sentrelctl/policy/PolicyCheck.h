@@ -9,14 +9,12 @@
 namespace Sentrel::ctl {
 
 /// Something in a policy that is not as it was meant, or cannot be.
-/// Threads: a plain value. Owner: whoever made the check.
 struct PolicyProblem {
     bool isFatal;      ///< a part of the policy would not be put into force
     std::string place; ///< a JSON pointer
     std::string what;
 };
 
-/// Threads: a plain value. Owner: whoever made the check.
 struct PolicyCheck {
     bool isEnforced = true;           ///< the policy does not switch its own enforcement off
     std::vector<std::string> effects; ///< in words, in the order in which they come about

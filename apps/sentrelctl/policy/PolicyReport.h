@@ -12,7 +12,6 @@
 namespace Sentrel::ctl {
 
 /// What became of a policy that was read and checked.
-/// Threads: a plain value. Owner: the verb.
 struct CheckedPolicy {
     std::string message; ///< the bytes that a machine would get
     HVBEnterprise::agent::PolicyReading reading;

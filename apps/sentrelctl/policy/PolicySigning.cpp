@@ -19,7 +19,6 @@ namespace {
 namespace agent = HVBEnterprise::agent;
 
 /// A pair as libsodium has it; the secret half begins with the seed. Wiped when it goes.
-/// Threads: plain, single access. Owner: a local.
 struct Pair {
     std::array<unsigned char, crypto_sign_PUBLICKEYBYTES> open{};
     std::array<unsigned char, crypto_sign_SECRETKEYBYTES> secret{};

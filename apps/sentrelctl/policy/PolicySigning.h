@@ -9,7 +9,6 @@
 namespace Sentrel::ctl {
 
 /// The two files of a key pair.
-/// Threads: a plain value. Owner: whoever built it.
 struct SigningFiles {
     explicit SigningFiles(const std::string& prefix) : secret(prefix + ".key"), open(prefix + ".pub") {}
 

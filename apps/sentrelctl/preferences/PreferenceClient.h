@@ -9,7 +9,6 @@
 namespace Sentrel::ctl {
 
 /// The preferences at one moment, with the list's keys as they are typed.
-/// Threads: a plain value. Owner: whoever read it.
 struct Snapshot {
     STPreferences values; ///< its own list is empty
     UrlList list;

@@ -27,7 +27,6 @@ std::vector<std::string> categoryNames(const STPreferences& values);
 Json namesJson(const std::vector<std::string>& names);
 
 /// One preference, or one list, that is not what it was.
-/// Threads: a plain value. Owner: whoever asked for it.
 struct Change {
     std::string text; ///< lines, each indented and with its newline
     Json json;

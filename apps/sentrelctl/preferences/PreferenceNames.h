@@ -14,7 +14,6 @@
 namespace Sentrel::ctl {
 
 /// A preference that is not a list. Either its switch or its action is set.
-/// Threads: a constant. Owner: the program.
 struct Preference {
     std::string_view name;                   ///< as it is typed and shown
     std::string_view jsonName;               ///< its field in JSON

@@ -8,7 +8,6 @@
 namespace Sentrel::ctl {
 
 /// Which tables were there, and which were made, or would have to be.
-/// Threads: a plain value. Owner: the verb.
 struct SettingsTables {
     std::vector<std::string> present;
     std::vector<std::string> created;

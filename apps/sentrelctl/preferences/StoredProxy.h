@@ -16,7 +16,6 @@ namespace Sentrel::ctl {
 inline constexpr const char* kNoProxyText = "0";
 
 /// The fields that are stored; a text that stands for none is none.
-/// Threads: a plain value. Owner: whoever read it.
 struct StoredProxy {
     std::optional<std::string> host;
     std::optional<std::string> user;

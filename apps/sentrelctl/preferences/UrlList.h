@@ -14,7 +14,6 @@
 namespace Sentrel::ctl {
 
 /// An entry of the allow/block list. The number is kept as it is: 0 allows, any other blocks.
-/// Threads: a plain value. Owner: the list that it is in.
 struct ListEntry {
     std::string url;
     int action;
@@ -50,7 +49,6 @@ struct BadLine {
 };
 
 /// What the lines of a text came to.
-/// Threads: a plain value. Owner: whoever parsed it.
 struct ParsedList {
     UrlList entries;
     std::vector<BadLine> bad;

@@ -10,7 +10,6 @@
 namespace Sentrel::ctl {
 
 /// A log record as the hub keeps it.
-/// Threads: a plain value. Owner: whoever read it.
 struct StoredRecord {
     std::uint64_t id = 0;
     std::int64_t storedAt = 0; ///< microseconds since the epoch
@@ -22,7 +21,6 @@ struct StoredRecord {
 };
 
 /// What was found in a record. With an error, what could be read before it stands beside it.
-/// Threads: a plain value. Owner: whoever decoded it.
 struct DecodedReport {
     std::optional<ReportData> report;
     std::optional<DetailReportData> detail;

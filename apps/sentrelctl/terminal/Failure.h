@@ -20,7 +20,6 @@ enum class ExitCode : int {
 };
 
 /// An error as the user reads it: "<what>: <where>: <why>. <next step>". A part that is empty is left out.
-/// Threads: a plain value. Owner: whoever catches it.
 class Failure {
 public:
     Failure(ExitCode code, std::string what, std::string where, std::string why, std::string nextStep);

@@ -15,7 +15,6 @@ namespace {
 namespace agent = HVBEnterprise::agent;
 
 /// While it lives, a terminal does not show what is typed.
-/// Threads: plain. Owner: a local.
 class NoEcho {
 public:
     explicit NoEcho(int fd) : m_fd(fd), m_isTerminal(::tcgetattr(fd, &m_before) == 0) {

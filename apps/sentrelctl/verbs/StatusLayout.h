@@ -11,7 +11,6 @@
 namespace Sentrel::ctl {
 
 /// The health of the daemon as hvbd found it, or why that is not known.
-/// Threads: a plain value. Owner: the verb.
 struct KnownHealth {
     std::string state; ///< "well", "unwell", "silent", "gone"; "unknown" with an error
     std::string since; ///< as hvbd tells it; empty when it is unknown

@@ -12,7 +12,6 @@
 namespace testing_support {
 
 /// Makes policies, the same ones for the same seed everywhere.
-/// Threads: plain, single access. Owner: the test.
 class PolicyGenerator {
 public:
     explicit PolicyGenerator(std::uint32_t seed) : m_random(seed) {}

@@ -1,3 +1,13 @@
+// A file's new content in one step, also against a power cut and against who else may write the directory.
+//
+// The steps: open the directory, make a new file in it, write, sync, close, rename, sync the directory. All of them go
+// through the one descriptor of the directory, so that they happen in the same one even when its path is changed
+// meanwhile. A close that fails is a failure, as some file systems tell only then that they could not store it.
+//
+// The new file is made with O_EXCL and O_NOFOLLOW and mode 0600; what is there by its name is never opened. A file of
+// several writers gets a name that nobody can guess, so nobody can plant it. A private file has one writer and one
+// name beside it, and what an earlier writer left there goes first. The owner is set before the mode, since a change
+// of the owner takes set-id bits away.
 #include "base/FileWriting.h"
 
 #include "base/UniqueFd.h"

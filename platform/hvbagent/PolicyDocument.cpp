@@ -1,3 +1,11 @@
+// A policy's document, from JSON to its sections.
+//
+// Reading is strict: an unknown member, a value of another type or one beyond its bound refuses the whole document, so
+// that a policy is never in force by halves because of its form. A boolean becomes "1" or "0" and an integer its
+// digits, since the module looks every value up as a text. The keys are bounded for all groups together.
+//
+// Where a value stands (Place) is a chain of references and becomes words only for a complaint: a policy has a great
+// many values, and the long names above them would be copied for each.
 #include "platform/hvbagent/PolicyDocument.h"
 
 #include "platform/hvbagent/AgentLimits.h"

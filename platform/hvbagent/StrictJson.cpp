@@ -1,3 +1,11 @@
+// JSON from outside, built while the parser reads.
+//
+// The library's parser calls the builder for each value, and the builder refuses at the first thing that is wrong: too
+// many values, too deep, a name twice, U+0000 in a text. What is refused is never allocated, so the cost of a bad
+// document ends where it gets bad. The parser keeps no stack of its own, so depth costs nothing before it is counted.
+//
+// A complaint says where: a line and a column for what is no JSON, a JSON pointer for what is none of ours. The
+// parser's message is cut before the text that it quotes, as that text is from outside.
 #include "platform/hvbagent/StrictJson.h"
 
 #include "platform/hvbagent/Encoding.h"

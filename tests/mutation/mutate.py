@@ -26,7 +26,7 @@ PROGRAMS = {
     "store": ["unit-store-file", "unit-store-preferences", "unit-store-debug-logging"],
     "hub": ["unit-hub", "unit-commands", "unit-payloads"],
     "managed": ["unit-managed", "unit-policy"],
-    "policy": ["unit-policy-rules", "unit-policy"],
+    "policy": ["unit-policy-rules", "unit-policy-contract", "unit-policy"],
     "events": ["unit-events", "unit-records", "unit-event-server"],
 }
 PROGRAMS_OF_A_FILE = {"daemon/VXControllerEvents.cpp": ["unit-commands"]}

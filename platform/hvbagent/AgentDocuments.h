@@ -86,4 +86,12 @@ public:
     virtual bool isPartialEnforcementSupported() = 0;
 };
 
+/// Small helpers of the agent library.
+/// Threads: any. Owner: none, it is only a scope.
+class HvbAgentUtils {
+public:
+    /// The narrow form of a wide text: UTF-8, with U+FFFD for what is no character.
+    static std::string wstringToString(const std::wstring& text);
+};
+
 } // namespace HVBEnterprise

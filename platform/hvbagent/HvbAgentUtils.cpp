@@ -1,4 +1,4 @@
-#include "platform/hvbagent/MsgBusEnterpriseAgent.h"
+#include "platform/hvbagent/AgentDocuments.h"
 
 #include <boost/locale/utf.hpp>
 

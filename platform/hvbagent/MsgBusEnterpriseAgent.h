@@ -62,12 +62,4 @@ private:
     ~MsgBusEnterpriseAgent() = default;
 };
 
-/// Small helpers of the agent library.
-/// Threads: any. Owner: none, it is only a scope.
-class HvbAgentUtils {
-public:
-    /// The narrow form of a wide text: UTF-8, with U+FFFD for what is no character.
-    static std::string wstringToString(const std::wstring& text);
-};
-
 } // namespace HVBEnterprise

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/hvbagent/AgentDocuments.h"
+#include "platform/hvbagent/DocumentError.h"
 #include "platform/hvbagent/Encoding.h"
 
 #include <cstdint>

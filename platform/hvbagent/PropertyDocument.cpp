@@ -1,7 +1,6 @@
 #include "platform/hvbagent/PropertyDocument.h"
 
 #include "platform/hvbagent/AgentLimits.h"
-#include "platform/hvbagent/MsgBusEnterpriseAgent.h"
 #include "platform/hvbagent/StrictJson.h"
 
 #include <nlohmann/json.hpp>

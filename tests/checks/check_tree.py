@@ -41,12 +41,8 @@ MAY_INCLUDE = {
                         "hub/HVBMessages.h", "hub/HubIds.h", "hub/Payloads.h", "hub/STPreferences.h", "events/ReportRecords.h",
                         "events/STEventData.h", "platform/hvbhelpers/BusConfiguration.h",
                         "platform/hvbhelpers/BusConnection.h", "platform/hvbhelpers/HubProtocol.h",
-                        "platform/hvbutils/XmlFile.h", "platform/hvbagent/AgentConfiguration.h",
-                        "platform/hvbagent/AgentDocuments.h", "platform/hvbagent/AgentLimits.h",
-                        "platform/hvbagent/Encoding.h", "platform/hvbagent/MqttSession.h",
-                        "platform/hvbagent/MsgBusEnterpriseAgent.h", "platform/hvbagent/PolicyDocument.h",
-                        "platform/hvbagent/SecretBox.h", "platform/hvbagent/StrictJson.h",
-                        "platform/hvbagent/Topics.h"],
+                        "platform/hvbutils/XmlFile.h", "platform/hvbagent/Fleet.h",
+                        "platform/hvbagent/PolicyDocument.h", "platform/hvbagent/SiteKeys.h"],
 }
 # What single files may include besides.
 FILE_MAY_INCLUDE = {

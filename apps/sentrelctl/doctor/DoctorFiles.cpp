@@ -3,8 +3,7 @@
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "base/FileReading.h"
 #include "base/Paths.h"
-#include "platform/hvbagent/AgentConfiguration.h"
-#include "platform/hvbagent/AgentLimits.h"
+#include "platform/hvbagent/Fleet.h"
 #include "platform/hvbhelpers/BusConfiguration.h"
 #include "platform/hvbutils/XmlFile.h"
 
@@ -320,8 +319,7 @@ Diagnosis managementAgent(double /*timeout*/) {
     }
     needReadable(path);
     try {
-        const std::string text = readRegularFile(path, agent::kMaxConfigurationBytes, FileAccess::Anybody);
-        return privateFilesDiagnosis(agent::readAgentConfiguration(text));
+        return privateFilesDiagnosis(agent::readEnrolment(path));
     } catch (const CannotSee&) {
         throw;
     } catch (const std::runtime_error& error) {

@@ -1,10 +1,6 @@
 #include "apps/sentrelctl/fleet/Fleet.h"
 
-#include "base/FileReading.h"
 #include "base/Paths.h"
-#include "platform/hvbagent/AgentLimits.h"
-#include "platform/hvbagent/StrictJson.h"
-#include "platform/hvbagent/Topics.h"
 
 #include <cerrno>
 #include <fmt/format.h>
@@ -16,8 +12,8 @@ namespace {
 namespace agent = HVBEnterprise::agent;
 
 constexpr const char* kCannotRead = "cannot read the enrolment";
-constexpr int kPlainPort = 1883;
-constexpr int kTlsPort = 8883;
+constexpr std::uint16_t kPlainPort = 1883;
+constexpr std::uint16_t kTlsPort = 8883;
 constexpr int kLastPort = 65535;
 
 Failure noEnrolment(const std::string& path, const std::string& why) {
@@ -25,10 +21,9 @@ Failure noEnrolment(const std::string& path, const std::string& why) {
             "Name another file with --config, or the broker with --host and --site"};
 }
 
-/// The machine's own credentials are not looked at: an administrator may come with others.
 agent::AgentConfiguration enrolment(const std::string& path) {
     try {
-        return agent::readAgentConfiguration(readRegularFile(path, agent::kMaxConfigurationBytes, FileAccess::Anybody));
+        return agent::readEnrolment(path);
     } catch (const std::system_error& error) {
         const int number = error.code().value();
         if (number == EACCES || number == EPERM) {

@@ -4,7 +4,6 @@
 #include "apps/sentrelctl/OptionSet.h"
 #include "apps/sentrelctl/Session.h"
 #include "apps/sentrelctl/fleet/MqttTool.h"
-#include "platform/hvbagent/Encoding.h"
 
 #include <memory>
 #include <optional>

@@ -2,8 +2,6 @@
 
 #include "apps/sentrelctl/fleet/Fleet.h"
 #include "base/PrintableText.h"
-#include "platform/hvbagent/AgentLimits.h"
-#include "platform/hvbagent/StrictJson.h"
 
 #include <algorithm>
 #include <array>
@@ -20,8 +18,6 @@ namespace {
 namespace agent = HVBEnterprise::agent;
 
 constexpr std::size_t kMaxCell = 200; // bytes
-constexpr std::size_t kMaxDepth = 4;
-constexpr std::size_t kMaxValues = 100'000;
 
 using Row = std::vector<std::string>;
 
@@ -106,13 +102,7 @@ nlohmann::json sectionsOf(const nlohmann::json& content) {
 MachineDocument machineDocument(std::string machine, std::string_view payload) {
     MachineDocument document{std::move(machine), std::make_shared<const nlohmann::json>(nlohmann::json::object()), {}};
     try {
-        nlohmann::json read = agent::readStrictJson(
-            payload, {.bytes = agent::kMaxPropertyBytes, .depth = kMaxDepth, .values = kMaxValues});
-        if (read.is_object()) {
-            document.content = std::make_shared<const nlohmann::json>(std::move(read));
-        } else {
-            document.error = "the document: is not an object";
-        }
+        document.content = std::make_shared<const nlohmann::json>(agent::readMachineDocument(payload));
     } catch (const agent::DocumentError& error) {
         document.error = error.what();
     }

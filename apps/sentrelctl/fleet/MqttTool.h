@@ -2,7 +2,7 @@
 #pragma once
 
 #include "apps/sentrelctl/terminal/Failure.h"
-#include "platform/hvbagent/MqttSession.h"
+#include "platform/hvbagent/Fleet.h"
 
 #include <chrono>
 #include <cstdint>

@@ -5,7 +5,6 @@
 #include "apps/sentrelctl/policy/PolicyFindings.h"
 #include "apps/sentrelctl/policy/PolicyPlaces.h"
 #include "base/PrintableText.h"
-#include "platform/hvbagent/MsgBusEnterpriseAgent.h"
 #include "policy/PolicyLimits.h"
 
 #include <algorithm>

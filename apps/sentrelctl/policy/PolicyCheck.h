@@ -1,7 +1,7 @@
 // What a policy would do to a machine, told without one.
 #pragma once
 
-#include "platform/hvbagent/AgentDocuments.h"
+#include "platform/hvbagent/PolicyDocument.h"
 
 #include <string>
 #include <vector>

@@ -2,8 +2,6 @@
 #include "apps/sentrelctl/policy/PolicyFindings.h"
 #include "apps/sentrelctl/policy/PolicyPlaces.h"
 #include "apps/sentrelctl/preferences/PreferenceNames.h"
-#include "platform/hvbagent/MsgBusEnterpriseAgent.h"
-#include "platform/hvbagent/StrictJson.h"
 #include "policy/PolicyLimits.h"
 
 #include <algorithm>

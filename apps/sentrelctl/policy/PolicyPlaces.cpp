@@ -1,8 +1,5 @@
 #include "apps/sentrelctl/policy/PolicyPlaces.h"
 
-#include "platform/hvbagent/MsgBusEnterpriseAgent.h"
-#include "platform/hvbagent/StrictJson.h"
-
 namespace Sentrel::ctl {
 namespace {
 

@@ -1,7 +1,7 @@
 // Where a policy's values stand in its document.
 #pragma once
 
-#include "platform/hvbagent/AgentDocuments.h"
+#include "platform/hvbagent/PolicyDocument.h"
 #include "policy/PolicyKeys.h"
 
 #include <optional>

@@ -2,7 +2,7 @@
 
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "apps/sentrelctl/terminal/Input.h"
-#include "platform/hvbagent/SecretBox.h"
+#include "platform/hvbagent/SiteKeys.h"
 
 #include <sodium.h>
 #include <sys/stat.h>

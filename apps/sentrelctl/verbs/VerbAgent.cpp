@@ -2,13 +2,11 @@
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/DecryptExchange.h"
 #include "apps/sentrelctl/fleet/Fleet.h"
-#include "apps/sentrelctl/policy/PolicySigning.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "apps/sentrelctl/terminal/SecretInput.h"
 #include "base/Paths.h"
 #include "base/PrintableText.h"
-#include "platform/hvbagent/AgentLimits.h"
-#include "platform/hvbagent/SecretBox.h"
+#include "platform/hvbagent/SiteKeys.h"
 
 #include <array>
 #include <cerrno>
@@ -53,8 +51,8 @@ auto makingKey(const Body& body) {
 }
 
 void signingKeygen(Session& session, const std::string& prefix) {
-    const SigningFiles files(prefix);
-    const std::string open = makingKey([&] { return makeSigningPair(files); });
+    const agent::SigningFiles files(prefix);
+    const std::string open = makingKey([&] { return agent::makeSigningPair(files); });
     if (session.json != JsonMode::Off) {
         session.out.write(jsonText(Json{{"secret_key_file", validUtf8(files.secret)},
                                         {"public_key_file", validUtf8(files.open)},

@@ -3,12 +3,11 @@
 #include "apps/sentrelctl/fleet/Fleet.h"
 #include "apps/sentrelctl/fleet/MachineDocuments.h"
 #include "apps/sentrelctl/policy/PolicyReport.h"
-#include "apps/sentrelctl/policy/PolicySigning.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "apps/sentrelctl/terminal/Input.h"
 #include "base/PrintableText.h"
-#include "platform/hvbagent/AgentLimits.h"
-#include "platform/hvbagent/Topics.h"
+#include "platform/hvbagent/Fleet.h"
+#include "platform/hvbagent/SiteKeys.h"
 
 #include <array>
 #include <fmt/format.h>
@@ -44,7 +43,7 @@ std::string shownName(const std::string& file) {
 void policyCheck(Session& session, const CheckOptions& options) {
     std::optional<agent::PublicKey> key;
     if (!options.publicKey.empty()) {
-        key = telling("cannot read the public key", [&] { return loadPublicKey(options.publicKey); });
+        key = telling("cannot read the public key", [&] { return agent::loadPublicKey(options.publicKey); });
     }
     const CheckedPolicy policy = checkedPolicy(contentOf(options.file, session.inputFd, kMaxRead), key);
     session.out.write(session.json == JsonMode::Off ? policyText(policy, session.palette)
@@ -60,7 +59,7 @@ void policyCheck(Session& session, const CheckOptions& options) {
 CheckedPolicy policyToPush(Session& session, const PushOptions& options, const Fleet& fleet) {
     std::string message = contentOf(options.file, session.inputFd, kMaxRead);
     if (!options.signingKey.empty()) {
-        message = telling("cannot sign", [&] { return signedMessage(message, options.signingKey); });
+        message = telling("cannot sign", [&] { return agent::signedMessage(message, options.signingKey); });
     }
     CheckedPolicy policy = checkedPolicy(std::move(message), fleet.policyKey);
     session.err.write(problemsText(policy, Palette::of(false)));

@@ -12,7 +12,7 @@
 #include "apps/sentrelctl/terminal/SecretInput.h"
 #include "base/Paths.h"
 #include "hub/HubIds.h"
-#include "platform/hvbagent/AgentLimits.h"
+#include "platform/hvbagent/SiteKeys.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 
 #include <algorithm>

@@ -1,12 +1,14 @@
-// Signing policies: the key pair, and the message around a signed document.
+// The keys of a site, for tools: the one that texts are encrypted with, and the pair that signs policies.
 #pragma once
 
+#include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
+#include "platform/hvbagent/SecretBox.h"
 
 #include <string>
 #include <string_view>
 
-namespace Sentrel::ctl {
+namespace HVBEnterprise::agent {
 
 /// The two files of a key pair.
 struct SigningFiles {
@@ -25,6 +27,6 @@ std::string makeSigningPair(const SigningFiles& files);
 std::string signedMessage(std::string_view document, const std::string& secretFile);
 
 /// The public key in a file. @throws std::runtime_error.
-HVBEnterprise::agent::PublicKey loadPublicKey(const std::string& path);
+PublicKey loadPublicKey(const std::string& path);
 
-} // namespace Sentrel::ctl
+} // namespace HVBEnterprise::agent

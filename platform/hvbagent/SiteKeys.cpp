@@ -1,22 +1,19 @@
-#include "apps/sentrelctl/policy/PolicySigning.h"
+#include "platform/hvbagent/SiteKeys.h"
 
 #include "base/FileReading.h"
 #include "base/FileWriting.h"
-#include "platform/hvbagent/AgentLimits.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <nlohmann/json.hpp>
+#include <fmt/format.h>
 #include <sodium.h>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
-namespace Sentrel::ctl {
+namespace HVBEnterprise::agent {
 namespace {
-
-namespace agent = HVBEnterprise::agent;
 
 /// A pair as libsodium has it; the secret half begins with the seed. Wiped when it goes.
 struct Pair {
@@ -24,7 +21,7 @@ struct Pair {
     std::array<unsigned char, crypto_sign_SECRETKEYBYTES> secret{};
     std::array<unsigned char, crypto_sign_SEEDBYTES> seed{};
 
-    Pair() { agent::requireSodium(); }
+    Pair() { requireSodium(); }
     Pair(const Pair&) = delete;
     Pair& operator=(const Pair&) = delete;
     ~Pair() {
@@ -42,10 +39,10 @@ std::string_view textOf(const Bytes& bytes) {
 
 /// The bytes whose base64 is in a file. @throws std::runtime_error when there are not that many.
 template <class Bytes>
-void load(const std::string& path, FileAccess access, Bytes& bytes) {
-    std::string text = readRegularFile(path, agent::kMaxKeyFileBytes, access);
+void load(const std::string& path, Sentrel::FileAccess access, Bytes& bytes) {
+    std::string text = Sentrel::readRegularFile(path, kMaxKeyFileBytes, access);
     const std::string_view line(text.data(), text.ends_with('\n') ? text.size() - 1 : text.size());
-    std::string read = agent::bytesOfBase64(line).value_or("");
+    std::string read = bytesOfBase64(line).value_or("");
     const bool fits = read.size() == bytes.size();
     if (fits) {
         std::transform(read.begin(), read.end(), bytes.begin(), [](char c) { return static_cast<unsigned char>(c); });
@@ -66,11 +63,11 @@ std::string makeSigningPair(const SigningFiles& files) {
     Pair pair;
     randombytes_buf(pair.seed.data(), pair.seed.size());
     pair.derive();
-    std::string secret = agent::base64Of(textOf(pair.seed)) + "\n";
-    makePrivateFile(files.secret, secret);
+    std::string secret = base64Of(textOf(pair.seed)) + "\n";
+    Sentrel::makePrivateFile(files.secret, secret);
     sodium_memzero(secret.data(), secret.size());
-    std::string open = agent::base64Of(textOf(pair.open));
-    makePrivateFile(files.open, open + "\n");
+    std::string open = base64Of(textOf(pair.open));
+    Sentrel::makePrivateFile(files.open, open + "\n");
     constexpr mode_t forEverybody = 0644;
     if (::chmod(files.open.c_str(), forEverybody) != 0) {
         throw std::system_error(errno, std::generic_category(), files.open);
@@ -80,19 +77,18 @@ std::string makeSigningPair(const SigningFiles& files) {
 
 std::string signedMessage(std::string_view document, const std::string& secretFile) {
     Pair pair;
-    load(secretFile, FileAccess::OwnerAlone, pair.seed);
+    load(secretFile, Sentrel::FileAccess::OwnerAlone, pair.seed);
     pair.derive();
     std::array<unsigned char, crypto_sign_BYTES> signature{};
     crypto_sign_detached(signature.data(), nullptr, reinterpret_cast<const unsigned char*>(document.data()),
                          document.size(), pair.secret.data());
-    return nlohmann::json{{"payload", agent::base64Of(document)}, {"signature", agent::base64Of(textOf(signature))}}
-        .dump();
+    return fmt::format(R"({{"payload":"{}","signature":"{}"}})", base64Of(document), base64Of(textOf(signature)));
 }
 
-agent::PublicKey loadPublicKey(const std::string& path) {
-    agent::PublicKey key{};
-    load(path, FileAccess::Anybody, key);
+PublicKey loadPublicKey(const std::string& path) {
+    PublicKey key{};
+    load(path, Sentrel::FileAccess::Anybody, key);
     return key;
 }
 
-} // namespace Sentrel::ctl
+} // namespace HVBEnterprise::agent

@@ -4,8 +4,8 @@
 #include "base/Mutex.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
+#include "platform/hvbagent/Mosquitto.h"
 
-#include <mosquitto.h>
 #include <mqtt_protocol.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -23,23 +23,19 @@ namespace {
 
 constexpr int kQos = 1;
 
-/// libmosquitto is set up once and stays: other users of it may be in the process.
-void requireLibrary() {
-    static const int ready = mosquitto_lib_init();
-    if (ready != MOSQ_ERR_SUCCESS) {
-        throw MqttFailure("libmosquitto cannot be used");
-    }
+const Mosquitto& lib() {
+    return mosquittoLibrary();
 }
 
 /// Makes a handle. libmosquitto has the whole process ignore SIGPIPE when it does; that is the module's to decide, and
 /// the network thread has the signal blocked.
 mosquitto* makeHandle(const std::string& clientId, void* user) {
-    requireLibrary();
+    const Mosquitto& library = lib(); // its loading is not part of what SIGPIPE is kept from
     static Sentrel::Mutex oneAtATime; // a thread that was left to end by itself may be at it too
     const Sentrel::MutexLock lock(oneAtATime);
     struct sigaction before {};
     sigaction(SIGPIPE, nullptr, &before);
-    mosquitto* const handle = mosquitto_new(clientId.empty() ? nullptr : clientId.c_str(), true, user);
+    mosquitto* const handle = library.mosquitto_new(clientId.empty() ? nullptr : clientId.c_str(), true, user);
     sigaction(SIGPIPE, &before, nullptr);
     if (handle == nullptr) {
         throw std::bad_alloc();
@@ -113,25 +109,26 @@ bool isAccessRefusal(int reason) {
 }
 
 std::string reasonText(int reason) {
-    return mosquitto_reason_string(reason);
+    return lib().mosquitto_reason_string(reason);
 }
 
 void MqttSession::Destroy::operator()(mosquitto* handle) const noexcept {
-    mosquitto_destroy(handle);
+    lib().mosquitto_destroy(handle);
 }
 
 MqttSession::MqttSession(MqttSettings settings, MqttReceiver& receiver)
     : m_settings(std::move(settings)), m_receiver(receiver), m_handle(makeHandle(m_settings.clientId, this)) {
     mosquitto* const handle = m_handle.get();
     if (m_settings.asksWhy) {
-        check(mosquitto_int_option(handle, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5));
+        check(lib().mosquitto_int_option(handle, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5));
     }
-    check(mosquitto_int_option(handle, MOSQ_OPT_TCP_NODELAY, 1)); // a result is one small segment, often behind another
+    // A result is one small segment, often behind another.
+    check(lib().mosquitto_int_option(handle, MOSQ_OPT_TCP_NODELAY, 1));
     setCallbacks();
     if (m_settings.will) {
         const Publication& will = *m_settings.will;
-        check(mosquitto_will_set(handle, will.topic.c_str(), static_cast<int>(will.payload.size()), will.payload.data(),
-                                 kQos, true));
+        check(lib().mosquitto_will_set(handle, will.topic.c_str(), static_cast<int>(will.payload.size()),
+                                       will.payload.data(), kQos, true));
     }
     if (!m_settings.credentialsFile.empty()) {
         setCredentials();
@@ -145,16 +142,16 @@ MqttSession::~MqttSession() = default;
 
 void MqttSession::setCallbacks() {
     mosquitto* const handle = m_handle.get();
-    mosquitto_connect_v5_callback_set(handle, Callbacks::onConnect);
-    mosquitto_message_callback_set(handle, Callbacks::onMessage);
-    mosquitto_publish_v5_callback_set(handle, Callbacks::onPublish);
-    mosquitto_subscribe_callback_set(handle, Callbacks::onSubscribe);
-    mosquitto_log_callback_set(handle, Callbacks::onLog);
+    lib().mosquitto_connect_v5_callback_set(handle, Callbacks::onConnect);
+    lib().mosquitto_message_callback_set(handle, Callbacks::onMessage);
+    lib().mosquitto_publish_v5_callback_set(handle, Callbacks::onPublish);
+    lib().mosquitto_subscribe_callback_set(handle, Callbacks::onSubscribe);
+    lib().mosquitto_log_callback_set(handle, Callbacks::onLog);
 }
 
 void MqttSession::setCredentials() {
     const Credentials credentials = loadCredentials(m_settings.credentialsFile);
-    check(mosquitto_username_pw_set(m_handle.get(), credentials.user.c_str(), credentials.password.c_str()));
+    check(lib().mosquitto_username_pw_set(m_handle.get(), credentials.user.c_str(), credentials.password.c_str()));
 }
 
 void MqttSession::setTls(const TlsFiles& files) {
@@ -163,18 +160,19 @@ void MqttSession::setTls(const TlsFiles& files) {
         Sentrel::requireOwnerAlone(files.key);
     }
     constexpr int verifyPeer = 1;
-    if (mosquitto_tls_set(m_handle.get(), files.authority.c_str(), nullptr, orNull(files.certificate),
-                          orNull(files.key), noPassPhrase) != MOSQ_ERR_SUCCESS) {
+    if (lib().mosquitto_tls_set(m_handle.get(), files.authority.c_str(), nullptr, orNull(files.certificate),
+                                orNull(files.key), noPassPhrase) != MOSQ_ERR_SUCCESS) {
         throw MqttFailure("a TLS file cannot be read: " + files.authority +
                               (files.key.empty() ? "" : ", " + files.certificate + " or " + files.key),
                           MqttFailure::Kind::Files);
     }
-    check(mosquitto_tls_opts_set(m_handle.get(), verifyPeer, "tlsv1.2", nullptr)); // that version and later ones
+    check(lib().mosquitto_tls_opts_set(m_handle.get(), verifyPeer, "tlsv1.2", nullptr)); // that version and later ones
 }
 
 void MqttSession::connectAnswered(int code) {
     if (code != 0) {
-        const char* const why = m_settings.asksWhy ? mosquitto_reason_string(code) : mosquitto_connack_string(code);
+        const char* const why =
+            m_settings.asksWhy ? lib().mosquitto_reason_string(code) : lib().mosquitto_connack_string(code);
         throw MqttFailure(std::string("the broker refuses this machine: ") + why,
                           isAccessRefusal(code) ? MqttFailure::Kind::RefusedAccess : MqttFailure::Kind::Refused);
     }
@@ -183,8 +181,8 @@ void MqttSession::connectAnswered(int code) {
 }
 
 void MqttSession::connect() {
-    const int result = mosquitto_connect_async(m_handle.get(), m_settings.host.c_str(), m_settings.port,
-                                               static_cast<int>(m_settings.keepalive.count()));
+    const int result = lib().mosquitto_connect_async(m_handle.get(), m_settings.host.c_str(), m_settings.port,
+                                                     static_cast<int>(m_settings.keepalive.count()));
     const int error = errno;
     if (result == MOSQ_ERR_EAI) {
         throw MqttFailure("the host's name cannot be resolved", MqttFailure::Kind::UnknownHost);
@@ -207,7 +205,7 @@ void MqttSession::fail(int result) {
     if (!m_libraryError.empty()) {
         throw MqttFailure(m_libraryError);
     }
-    throw MqttFailure(result == MOSQ_ERR_ERRNO ? errorText(error) : mosquitto_strerror(result));
+    throw MqttFailure(result == MOSQ_ERR_ERRNO ? errorText(error) : lib().mosquitto_strerror(result));
 }
 
 void MqttSession::check(int result) {
@@ -226,13 +224,13 @@ void MqttSession::failOnSocketError(int socket) {
 
 void MqttSession::step(int wakeFd, std::chrono::milliseconds atMost) {
     mosquitto* const handle = m_handle.get();
-    const int socket = mosquitto_socket(handle);
+    const int socket = lib().mosquitto_socket(handle);
     if (socket < 0) {
         fail(MOSQ_ERR_CONN_LOST);
     }
     // A packet waits all through a handshake, so the socket's being writable would say nothing and wake us for ever.
     const bool handshake = m_settings.tls && !m_connected;
-    const bool wantsToWrite = !handshake && mosquitto_want_write(handle);
+    const bool wantsToWrite = !handshake && lib().mosquitto_want_write(handle);
     std::array<pollfd, 2> watched{
         {{socket, static_cast<short>(POLLIN | (wantsToWrite ? POLLOUT : 0)), 0}, {wakeFd, POLLIN, 0}}};
     const auto wait = handshake ? std::min(atMost, kHandshakeTick) : atMost;
@@ -243,30 +241,31 @@ void MqttSession::step(int wakeFd, std::chrono::milliseconds atMost) {
         failOnSocketError(socket);
     }
     if ((watched[0].revents & ~POLLOUT) != 0) {
-        check(mosquitto_loop_read(handle, 1));
+        check(lib().mosquitto_loop_read(handle, 1));
     }
     if (handshake || (watched[0].revents & POLLOUT) != 0) {
-        check(mosquitto_loop_write(handle, 1));
+        check(lib().mosquitto_loop_write(handle, 1));
     }
     throwRefusal();
-    check(mosquitto_loop_misc(handle));
+    check(lib().mosquitto_loop_misc(handle));
 }
 
 int MqttSession::subscribe(const std::string& topic, int qos) {
     int number = 0;
-    check(mosquitto_subscribe(m_handle.get(), &number, topic.c_str(), qos));
+    check(lib().mosquitto_subscribe(m_handle.get(), &number, topic.c_str(), qos));
     return number;
 }
 
 int MqttSession::publish(const Publication& publication) {
     int number = 0;
-    check(mosquitto_publish(m_handle.get(), &number, publication.topic.c_str(),
-                            static_cast<int>(publication.payload.size()), publication.payload.data(), kQos, true));
+    check(lib().mosquitto_publish(m_handle.get(), &number, publication.topic.c_str(),
+                                  static_cast<int>(publication.payload.size()), publication.payload.data(), kQos,
+                                  true));
     return number;
 }
 
 void MqttSession::disconnect() noexcept {
-    (void)mosquitto_disconnect(m_handle.get()); // the socket is closed anyway
+    (void)lib().mosquitto_disconnect(m_handle.get()); // the socket is closed anyway
 }
 
 } // namespace HVBEnterprise::agent

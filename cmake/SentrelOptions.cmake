@@ -12,6 +12,8 @@ target_compile_options(sentrel_options INTERFACE
     -Wcast-align -Wundef -Wimplicit-fallthrough -Werror
     -fstack-protector-strong -fno-strict-aliasing
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety> # the annotations of base/Mutex.h
+    # In a unity build GCC takes a source's own namespace for a header's.
+    $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:${CMAKE_UNITY_BUILD}>>:-Wno-subobject-linkage>
     $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>) # GCC 12 sees an overlap in std::string's own operator+
 target_compile_definitions(sentrel_options INTERFACE
     _FILE_OFFSET_BITS=64
@@ -20,8 +22,12 @@ target_compile_definitions(sentrel_options INTERFACE
 target_link_options(sentrel_options INTERFACE -Wl,-z,relro,-z,now -Wl,--as-needed)
 
 if(SENTREL_SANITIZE)
+    # The checks of undefined behaviour look at the code under test; in the tests' own sources they only cost time to compile.
+    string(REGEX REPLACE "," "$<COMMA>" sanitize_code "${SENTREL_SANITIZE}")
+    string(REGEX REPLACE ",undefined" "" sanitize_tests "${SENTREL_SANITIZE}")
     target_compile_options(sentrel_options INTERFACE
-        -fsanitize=${SENTREL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
+        -fsanitize=$<IF:$<BOOL:$<TARGET_PROPERTY:SENTREL_TEST_PROGRAM>>,${sanitize_tests},${sanitize_code}>
+        -fno-sanitize-recover=all -fno-omit-frame-pointer
         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>) # GCC 12 sees ghosts in sanitized library code
     target_link_options(sentrel_options INTERFACE -fsanitize=${SENTREL_SANITIZE})
 endif()
@@ -32,6 +38,11 @@ endif()
 if(SENTREL_LIBFUZZER)
     target_compile_options(sentrel_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
+
+# sentrel_alone(<source>…): sources that a unity build compiles on their own, as their helpers' names are their neighbours' too.
+function(sentrel_alone)
+    set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+endfunction()
 
 # sentrel_library(<name> SOURCES … LINK …): a folder's target, with its dependencies written down where it is made.
 function(sentrel_library name)

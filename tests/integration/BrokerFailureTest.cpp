@@ -90,6 +90,28 @@ TEST_F(ABrokerWithAFailingHandler, GivesTheSenderTheTextOfTheError) {
     }
 }
 
+TEST_F(ABrokerWithAFailingHandler, GivesTheSenderTheCodeOfAnExceptionThatHasOne) {
+    m_module.onCommand = [](HVB::CommandData& command) -> bool {
+        if (command.m_commandId == 1003) {
+            throw HVB::HVBException(3, "the file cannot be read");
+        }
+        throw std::runtime_error("without a code");
+    };
+    const Life life = startModule7();
+    const auto handlerCodeOf = [&](int commandId) {
+        try {
+            roundTrip(commandId, L"text");
+        } catch (const CallError& error) {
+            EXPECT_EQ(error.name(), kErrorFailed);
+            return error.handlerCode();
+        }
+        ADD_FAILURE() << "no exception";
+        return -1;
+    };
+    EXPECT_EQ(handlerCodeOf(1003), 3);
+    EXPECT_EQ(handlerCodeOf(1004), 0);
+}
+
 TEST_F(ABrokerWithAFailingHandler, KeepsTheReplyThatWasSentBeforeTheFailure) {
     m_module.onCommand = [](HVB::CommandData& command) -> bool {
         echo(command);

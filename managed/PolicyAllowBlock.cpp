@@ -1,7 +1,7 @@
 // The third pass: the sites that the administrator allows or blocks.
 #include "daemon/Trace.h"
+#include "managed/DocumentSource.h"
 #include "managed/PolicyChecksum.h"
-#include "managed/PolicyValues.h"
 #include "managed/VXPolicyEnforcementImpl.h"
 #include "policy/PolicyLists.h"
 #include "store/STPreferenceController.h"

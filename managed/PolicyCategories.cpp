@@ -1,7 +1,7 @@
 // The second pass: blocked categories and the actions of the site ratings. Its failure keeps the third from running.
 #include "daemon/Trace.h"
+#include "managed/DocumentSource.h"
 #include "managed/PolicyChecksum.h"
-#include "managed/PolicyValues.h"
 #include "managed/VXPolicyEnforcementImpl.h"
 #include "platform/stlogger/STLogger.h"
 #include "policy/PolicyLists.h"

@@ -1,7 +1,7 @@
 // The hub process: its parts put together, from the first line in the log to the last.
 #pragma once
 
-#include "apps/hvbd/CommandLine.h"
+#include "apps/hvbd/HubCommandLine.h"
 
 namespace HVB::hub {
 

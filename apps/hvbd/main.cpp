@@ -1,5 +1,5 @@
 // hvbd, the hub process of Sentrel.
-#include "apps/hvbd/CommandLine.h"
+#include "apps/hvbd/HubCommandLine.h"
 #include "apps/hvbd/HubProcess.h"
 #include "hub/Exceptions.h"
 

@@ -1,5 +1,5 @@
 // Every look-up of a policy ends here: what comes from the network is bounded before anything else looks at it.
-#include "managed/PolicyValues.h"
+#include "managed/DocumentSource.h"
 
 #include "daemon/Trace.h"
 #include "policy/PolicyLimits.h"

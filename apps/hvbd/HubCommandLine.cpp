@@ -1,4 +1,4 @@
-#include "apps/hvbd/CommandLine.h"
+#include "apps/hvbd/HubCommandLine.h"
 
 #include "base/Paths.h"
 

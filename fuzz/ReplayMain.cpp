@@ -17,10 +17,18 @@ int main(int argc, char** argv) {
     std::size_t inputs = 0;
     for (const auto& entry : std::filesystem::directory_iterator(argv[1])) {
         std::ifstream file(entry.path(), std::ios::binary);
+        if (!entry.is_regular_file() || !file) {
+            std::fprintf(stderr, "%s: cannot be replayed\n", entry.path().c_str());
+            return 1;
+        }
         const std::vector<char> bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
         LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
         ++inputs;
     }
-    std::printf("replayed %zu inputs\n", inputs);
-    return inputs > 0 ? 0 : 1; // an empty corpus would prove nothing
+    std::printf("replayed %zu inputs of %s\n", inputs, argv[1]);
+    if (inputs == 0) {
+        std::fputs("an empty corpus proves nothing\n", stderr);
+        return 1;
+    }
+    return 0;
 }

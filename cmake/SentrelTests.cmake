@@ -1,7 +1,9 @@
 # sentrel_test(<name> SOURCES … LINK … [NEEDS program-targets …] [TIMEOUT seconds])
-# Each TEST runs in a process of its own. Its label is its folder's: unit or integration; the target integration-tests
-# builds all that bear the latter. The programs under NEEDS reach the test as environment variables named after
-# their target in upper case with underscores (SENTRELD_ROOTED=…); a test has no default for them.
+# A unit program is one test of ctest: it runs whole and shuffled, prints its seed, and writes what became of each case to
+# unit-results/<name>.xml in the build directory, which tests/checks/sum_up.py counts. Of an integration program each case is
+# one, in a process of its own, so that they run side by side. The label is the folder's: unit or integration; the target
+# integration-tests builds all that bear the latter. The programs under NEEDS reach the test as environment variables named
+# after their target in upper case with underscores (SENTRELD_ROOTED=…); a test has no default for them.
 include(GoogleTest)
 find_package(GTest REQUIRED)
 add_custom_target(integration-tests)
@@ -25,21 +27,25 @@ function(sentrel_test name)
         list(APPEND environment "${variable}=$<TARGET_FILE:${program}>")
         add_dependencies(${name} ${program})
     endforeach()
+    if(NOT CMAKE_CURRENT_SOURCE_DIR MATCHES "/tests/integration$")
+        if(NOT arg_TIMEOUT)
+            set(arg_TIMEOUT 1200)
+        endif()
+        target_link_libraries(${name} PRIVATE sentrel_unit_program)
+        add_test(NAME ${name} COMMAND ${name} --gtest_shuffle --gtest_output=xml:${CMAKE_BINARY_DIR}/unit-results/${name}.xml)
+        set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS unit ENVIRONMENT "${environment}")
+        return()
+    endif()
     if(NOT arg_TIMEOUT)
         set(arg_TIMEOUT 120)
     endif()
-    if(CMAKE_CURRENT_SOURCE_DIR MATCHES "/tests/integration$")
-        set(label integration)
-        add_dependencies(integration-tests ${name})
-    else()
-        set(label unit)
-    endif()
+    add_dependencies(integration-tests ${name})
     gtest_discover_tests(${name}
         DISCOVERY_MODE PRE_TEST
         NO_PRETTY_VALUES
         TEST_PREFIX "${name}:"
         TEST_LIST ${name}-tests
-        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS ${label})
+        PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS integration)
     # A property that is a list does not get through gtest_discover_tests: it is set when the tests are known.
     file(GENERATE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/${name}-environment.cmake
         CONTENT "set_tests_properties(\${${name}-tests} PROPERTIES ENVIRONMENT \"${environment}\")\n")

@@ -1,3 +1,12 @@
+// Who is well: every module on the bus is asked at each interval.
+//
+// A timer starts a round: the bus's list of names gives the modules that are there, and each gets one asynchronous
+// call with a deadline. A module whose last call is still under way is not asked again. An error that says that the
+// name has no owner means gone; any other error, a malformed answer and the deadline mean silent. The board keeps what
+// is known of each and says what is news, and only news gets a line in the system log.
+//
+// All of this runs on the one loop. When the bus is lost, all that is under way is dropped with the connection. The
+// timer counts time asleep too, so that a machine that wakes up is looked at soon.
 #include "apps/hvbd/HealthMonitor.h"
 
 #include "apps/hvbd/CallbackGuard.h"

@@ -1,3 +1,12 @@
+// The hub's methods on the bus: storing records, reading them, log lines, the state of the modules.
+//
+// Records are gathered into a batch and stored in one commit, since each commit waits for the disk. A batch ends when
+// the loop has nothing else to do, when it is full, or when it is old enough; a lone record so waits for nobody. No
+// call is answered before the commit that holds its record. A store that fails answers the whole batch with its
+// error, and the next record tries again.
+//
+// Reading stores what is gathered first, so that a reader sees every record that came before it. Who may call what is
+// the bus's policy; sizes and numbers of a message are checked here, and its texts are made printable before a line.
 #include "apps/hvbd/HubService.h"
 
 #include "apps/hvbd/CallbackGuard.h"

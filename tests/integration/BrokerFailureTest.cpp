@@ -15,6 +15,7 @@ namespace broker_tests {
 namespace {
 
 using namespace HVB::bus;
+using testing_support::await;
 using testing_support::eventually;
 using testing_support::FakeHub;
 using testing_support::HubBus;
@@ -132,7 +133,7 @@ TEST_F(ABrokerWithAFailingHandler, TakesOneReplyForEachCommand) {
     };
     const Life life = startModule7();
     roundTrip(1003, L"text");
-    EXPECT_EQ(second.get_future().get(), -ENOENT);
+    EXPECT_EQ(await(second.get_future(), "the second reply"), -ENOENT);
 }
 
 TEST_F(ABrokerWithAFailingHandler, LetsTheHandlerAnswerAgainWhenItsReplyWasTooLarge) {
@@ -146,7 +147,7 @@ TEST_F(ABrokerWithAFailingHandler, LetsTheHandlerAnswerAgainWhenItsReplyWasTooLa
     };
     const Life life = startModule7();
     EXPECT_EQ(roundTrip(1003, L"small"), L"small");
-    EXPECT_EQ(first.get_future().get(), -EMSGSIZE);
+    EXPECT_EQ(await(first.get_future(), "the first reply"), -EMSGSIZE);
 }
 
 TEST_F(ABrokerWithAFailingHandler, RefusesAMessageThatIsNotLikeACommand) {
@@ -200,7 +201,7 @@ TEST_F(ABrokerWithAFailingHandler, SaysThatItIsBusyWhenTooManyCommandsWait) {
         if (!occupied.try_wait()) {
             occupied.count_down();
         }
-        released.wait();
+        await(released, "the test to let the handler go on");
         return false;
     };
     const Life life = startModule7();
@@ -213,7 +214,7 @@ TEST_F(ABrokerWithAFailingHandler, SaysThatItIsBusyWhenTooManyCommandsWait) {
         }
     };
     sendWithoutReply(4);
-    occupied.wait();
+    await(occupied, "every worker to be at a command");
     sendWithoutReply(256);
     EXPECT_EQ(client.errorOf(*client.command(1003)), kErrorBusy);
     released.count_down();
@@ -235,7 +236,7 @@ TEST_F(ABrokerWithAFailingHandler, GoesOnDeliveringEventsAfterOneFailed) {
     check(sd_bus_emit_signal(&client.bus(), kEventsPath, kEventsInterface, "Event1005", "s", "malformed"), "emit");
     client.emit(1005, 1);
     client.emit(1005, 2);
-    second.get_future().wait();
+    await(second.get_future(), "the second event");
 }
 
 using ABrokerWithoutAHub = ABroker;
@@ -282,7 +283,7 @@ TEST_F(ABrokerWithoutAHub, TakesSubscriptionsAndDeliversThemWhenTheHubComes) {
         }
     }));
     RawClient(bus.socketPath()).emit(1005, 1);
-    delivered.get_future().wait();
+    await(delivered.get_future(), "the event of the hub that came");
 }
 
 TEST_F(ABrokerWithoutAHub, StartsWhenItIsAskedAgain) {
@@ -376,7 +377,7 @@ TEST_F(ABrokerOnAFailingBus, GivesUpReplyingWhenTheBusDiedMeanwhile) {
     std::latch handling(1);
     m_module.onCommand = [&](HVB::CommandData& command) {
         handling.count_down();
-        killed.wait();
+        await(killed, "the end of the bus");
         EXPECT_TRUE(eventually([&] {
             HVB::EventData event(1002);
             return codeOf([&] { broker().sendEventNotification(event); }) != 0;
@@ -386,11 +387,11 @@ TEST_F(ABrokerOnAFailingBus, GivesUpReplyingWhenTheBusDiedMeanwhile) {
     };
     const Life life = startModule7();
     auto sender = std::async(std::launch::async, [&] { return codeOf([&] { roundTrip(1003, L"text"); }); });
-    handling.wait();
+    await(handling, "the command at its handler");
     m_bus.kill9();
-    EXPECT_EQ(sender.get(), -ECONNRESET);
+    EXPECT_EQ(await(sender, "the sender's answer"), -ECONNRESET);
     killed.count_down();
-    EXPECT_EQ(code.get_future().get(), -ENOENT);
+    EXPECT_EQ(await(code.get_future(), "the handler's reply"), -ENOENT);
 }
 
 TEST_F(ABrokerOnAFailingBus, AnswersThatItIsStoppedOnceItIs) {
@@ -400,17 +401,17 @@ TEST_F(ABrokerOnAFailingBus, AnswersThatItIsStoppedOnceItIs) {
     m_module.onCommand = [&](HVB::CommandData& command) {
         ++delivered;
         handling.count_down();
-        released.wait();
+        await(released, "the test to let the handler go on");
         return echo(command);
     };
     const Life life = startModule7();
     auto running = std::async(std::launch::async, [&] { return roundTrip(1003, L"running"); });
-    handling.wait();
+    await(handling, "the command at its handler");
     broker().stop(); // does not wait for the one that runs
     RawClient client(m_bus.socketPath());
     EXPECT_EQ(client.errorOf(*client.command(1003)), kErrorStopped);
     released.count_down();
-    EXPECT_EQ(running.get(), L"running");
+    EXPECT_EQ(await(running, "the sender's answer"), L"running");
     EXPECT_EQ(delivered, 1);
 }
 
@@ -505,18 +506,18 @@ TEST_F(ABrokerOnAFailingBus, LetsACallbackThatRunsReplyWhileItIsReleased) {
             return false;
         }
         handling.count_down();
-        released.wait();
+        await(released, "the test to let the handler go on");
         return echo(command);
     };
     const Life life = startModule7();
     auto sender = std::async(std::launch::async, [&] { return roundTrip(1003, L"text"); });
-    handling.wait();
+    await(handling, "the command at its handler");
     auto release = std::async(std::launch::async, [] { HVB::HVBCommBroker::releaseInstance(); });
     RawClient client(m_bus.socketPath());
-    while (client.errorOf(*client.command(1004)) != kErrorStopped) {
-    }
+    testing_support::awaitUntil("the refusal of a broker that is stopped",
+                                [&] { return client.errorOf(*client.command(1004)) == kErrorStopped; });
     released.count_down();
-    EXPECT_EQ(sender.get(), L"text");
+    EXPECT_EQ(await(sender, "the sender's answer"), L"text");
 }
 
 TEST_F(ABrokerOnAFailingBus, EndsTheCallOfACallbackWhenItIsReleased) {
@@ -533,12 +534,12 @@ TEST_F(ABrokerOnAFailingBus, EndsTheCallOfACallbackWhenItIsReleased) {
     };
     const Life life = startModule7();
     auto sender = std::async(std::launch::async, [&] { return codeOf([&] { roundTrip(1003, L"text"); }); });
-    handling.wait();
+    await(handling, "the command at its handler");
     // Returns long before the 600 s are over, and before the test's own limit.
     HVB::HVBCommBroker::releaseInstance();
-    const int result = code.get_future().get();
+    const int result = await(code.get_future(), "the end of the callback's own call");
     EXPECT_TRUE(result == -ECONNRESET || result == -ECANCELED) << result;
-    EXPECT_NE(sender.get(), 0);
+    EXPECT_NE(await(sender, "the sender's answer"), 0);
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 namespace broker_tests {
 namespace {
 
+using testing_support::await;
 using testing_support::eventually;
 using testing_support::FakeHub;
 using testing_support::HubBus;
@@ -53,7 +54,7 @@ TEST_F(ABrokerOnABus, CarriesTheCharacterThatEqualsTheEndOfAStream) {
     const std::wstring archive = command.m_pOutStream->str() + text;
     command.m_pOutStream->str(archive);
     broker().sendCommand(command, nullptr, true, 30);
-    EXPECT_EQ(arrived.get_future().get(), archive);
+    EXPECT_EQ(await(arrived.get_future(), "the archive at the module"), archive);
 }
 
 TEST_F(ABrokerOnABus, CarriesALargePayload) {
@@ -73,7 +74,7 @@ TEST_F(ABrokerOnABus, DeliversACommandWithoutPayloadWithoutAnArchive) {
     HVB::CommandData command(1004, 7, true);
     HVB::CommandResult result;
     broker().sendCommand(command, &result, true, 30);
-    EXPECT_FALSE(hadInput.get_future().get());
+    EXPECT_FALSE(await(hadInput.get_future(), "the command at the module"));
     EXPECT_EQ(result.m_pInArchive, nullptr);
 }
 
@@ -117,7 +118,7 @@ TEST_F(ABrokerOnABus, DeliversACommandWhoseNumberNobodyKnows) {
     };
     const Life life = startModule7();
     EXPECT_EQ(roundTrip(424242, L"text"), L"text");
-    EXPECT_EQ(id.get_future().get(), 424242);
+    EXPECT_EQ(await(id.get_future(), "the command at the module"), 424242);
 }
 
 TEST_F(ABrokerOnABus, GivesEachCommandATokenOfItsOwnWhateverItsSenderClaims) {
@@ -131,7 +132,8 @@ TEST_F(ABrokerOnABus, GivesEachCommandATokenOfItsOwnWhateverItsSenderClaims) {
             const std::lock_guard lock(mutex);
             texts[command.m_token] = text;
         }
-        both.arrive_and_wait(); // two calls with one claimed token are being handled now
+        both.count_down();
+        await(both, "the other command at its handler"); // two calls with one claimed token are being handled now
         HVB::CommandResult result;
         result.m_commandData = command;
         const std::lock_guard lock(mutex);
@@ -150,8 +152,8 @@ TEST_F(ABrokerOnABus, GivesEachCommandATokenOfItsOwnWhateverItsSenderClaims) {
     };
     auto first = std::async(std::launch::async, send, L"first");
     auto second = std::async(std::launch::async, send, L"second");
-    EXPECT_NE(first.get().find(L"first"), std::wstring::npos);
-    EXPECT_NE(second.get().find(L"second"), std::wstring::npos);
+    EXPECT_NE(await(first, "the first reply").find(L"first"), std::wstring::npos);
+    EXPECT_NE(await(second, "the second reply").find(L"second"), std::wstring::npos);
     EXPECT_EQ(texts.size(), 2U);
     EXPECT_FALSE(texts.contains(4711));
 }
@@ -180,7 +182,7 @@ TEST_F(ABrokerOnABus, HoldsUpNobodyWhileOneSenderWaits) {
     std::latch othersDone(1);
     m_module.onCommand = [&](HVB::CommandData& command) {
         if (command.m_commandId == 1) {
-            othersDone.wait();
+            await(othersDone, "the other senders");
         }
         return echo(command);
     };
@@ -192,7 +194,7 @@ TEST_F(ABrokerOnABus, HoldsUpNobodyWhileOneSenderWaits) {
     HVB::EventData event(1002);
     broker().sendEventNotification(event);
     othersDone.count_down();
-    EXPECT_EQ(waiting.get(), L"waited");
+    EXPECT_EQ(await(waiting, "the reply to who waited"), L"waited");
 }
 
 TEST_F(ABrokerOnABus, GivesTheReplyOfACommandThatIsNotWaitedForToTheModule) {
@@ -207,7 +209,7 @@ TEST_F(ABrokerOnABus, GivesTheReplyOfACommandThatIsNotWaitedForToTheModule) {
     HVB::CommandData command(1003, 7, true);
     command.writePayload(std::wstring(L"later"));
     broker().sendCommand(command, nullptr, false, 30);
-    EXPECT_EQ(answered.get_future().get(), std::pair(1003, std::wstring(L"later")));
+    EXPECT_EQ(await(answered.get_future(), "the reply at the module"), std::pair(1003, std::wstring(L"later")));
 }
 
 TEST_F(ABrokerOnABus, GivesAFailedResultToTheModuleWhenTheCommandWasRefused) {
@@ -218,7 +220,7 @@ TEST_F(ABrokerOnABus, GivesAFailedResultToTheModuleWhenTheCommandWasRefused) {
     const Life life = startModule7();
     HVB::CommandData command(1003, 7, true);
     broker().sendCommand(command, nullptr, false, 30);
-    EXPECT_TRUE(failed.get_future().get());
+    EXPECT_TRUE(await(failed.get_future(), "the failed result at the module"));
 }
 
 TEST_F(ABrokerOnABus, AnswersAHealthCheckWithWhatTheModuleSays) {
@@ -286,7 +288,7 @@ TEST_F(ABrokerOnABus, PublishesToEverySubscriberAndToNobodyElse) {
     broker().sendEventNotification(event);
     EXPECT_TRUE(first.waitForEvents(1));
     EXPECT_TRUE(second.waitForEvents(1));
-    ours.get_future().wait();
+    await(ours.get_future(), "the event at the module");
     EXPECT_EQ(strangers, 0);
 }
 
@@ -365,7 +367,7 @@ TEST_F(ABrokerOnABus, ReceivesNoCommandBeforeItSaysWhichModuleItIs) {
     subscribe(1002);
     RawClient client(m_bus.socketPath());
     client.emit(1002, 1);
-    event.get_future().wait();
+    await(event.get_future(), "the event at the module");
     EXPECT_EQ(client.errorOf(*client.command(1003)), SD_BUS_ERROR_SERVICE_UNKNOWN);
 }
 

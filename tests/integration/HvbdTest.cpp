@@ -151,7 +151,9 @@ class Pulse : public HVB::HealthCheckInterface {
 public:
     bool handleHealthCheck() override {
         std::unique_lock lock(m_mutex);
-        m_changed.wait(lock, [this] { return !m_hangs; });
+        if (!m_changed.wait_until(lock, patience(), [this] { return !m_hangs; })) {
+            ADD_FAILURE() << "waited in vain for the test to end the hang";
+        }
         return m_well;
     }
 

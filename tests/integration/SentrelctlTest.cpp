@@ -311,9 +311,10 @@ TEST_F(AnEventClient, SaysThatItHasNoAccess) {
 
 TEST_F(AnEventClient, SaysThatThePathIsTooLongForASocket) {
     PrivateRoot deep;
-    const CtlResult result = shell(deep, "SENTREL_INSTALL_ROOT=/tmp/" + std::string(100, 'd') + " \"$CTL\" event send");
+    const CtlResult result =
+        shell(deep, "SENTREL_INSTALL_ROOT=/nowhere/" + std::string(100, 'd') + " \"$CTL\" event send");
     EXPECT_EQ(result.code, 1);
-    EXPECT_EQ(result.out, "sentrelctl: cannot connect to the event socket: /tmp/" + std::string(100, 'd') +
+    EXPECT_EQ(result.out, "sentrelctl: cannot connect to the event socket: /nowhere/" + std::string(100, 'd') +
                               "/Users/Shared/.orvanta/STIPC: a socket's path has at most 107 bytes.\n");
 }
 

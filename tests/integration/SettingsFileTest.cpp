@@ -480,9 +480,7 @@ protected:
         const auto ofOne = std::chrono::duration_cast<std::chrono::microseconds>(now - begin).count() / answers;
         std::uniform_int_distribution<std::int64_t> anInstant(0, 2 * ofOne);
         const auto instant = now + std::chrono::microseconds(anInstant(random));
-        while (std::chrono::steady_clock::now() < instant) {
-            std::this_thread::yield();
-        }
+        std::this_thread::sleep_until(instant);
         machine.kill9Daemon();
     }
 

@@ -2,7 +2,12 @@
 #pragma once
 
 #include <chrono>
+#include <future>
+#include <latch>
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
 
 namespace testing_support {
 
@@ -24,6 +29,33 @@ bool eventually(Condition&& condition, std::chrono::steady_clock::time_point dea
         std::this_thread::sleep_for(betweenLooks);
     }
     return true;
+}
+
+/// Looks at @p condition until it holds. @throws std::runtime_error naming @p what when it does not before the
+/// deadline.
+template <class Condition>
+void awaitUntil(const std::string& what, Condition&& condition) {
+    if (!eventually(std::forward<Condition>(condition))) {
+        throw std::runtime_error("waited " + std::to_string(kPatience.count()) + " s in vain for " + what);
+    }
+}
+
+/// What @p future gives; an exception in it passes on. @throws std::runtime_error naming @p what when nothing comes
+/// before the deadline.
+template <class Value>
+Value await(std::future<Value>& future, const std::string& what) {
+    awaitUntil(what, [&future] { return future.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
+    return future.get();
+}
+
+template <class Value>
+Value await(std::future<Value>&& future, const std::string& what) {
+    return await(future, what);
+}
+
+/// Returns when @p latch is down. @throws std::runtime_error naming @p what when it is not before the deadline.
+inline void await(const std::latch& latch, const std::string& what) {
+    awaitUntil(what, [&latch] { return latch.try_wait(); });
 }
 
 } // namespace testing_support

@@ -24,21 +24,11 @@ void makeDirectories(const std::filesystem::path& root, const std::filesystem::p
 } // namespace
 
 PrivateRoot::PrivateRoot() {
-    std::string name = "/tmp/snt-XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), "mkdtemp");
-    }
-    m_path = name;
-    std::filesystem::permissions(m_path, kMode);
+    std::filesystem::permissions(path(), kMode);
     for (const char* directory : {"Users/Shared/.orvanta", "usr/local/Orvanta/Sentrel/var", "usr/local/Orvanta/hvb/var",
                                   "usr/local/Orvanta/hvb/config/Sentrel"}) {
-        makeDirectories(m_path, directory);
+        makeDirectories(path(), directory);
     }
-}
-
-PrivateRoot::~PrivateRoot() {
-    std::error_code ignored; // what cannot be removed stays behind; no test depends on it
-    std::filesystem::remove_all(m_path, ignored);
 }
 
 void PrivateRoot::giveTo(const std::string& path, uid_t uid, gid_t gid) {

@@ -1,6 +1,8 @@
 // An install root of a test's own.
 #pragma once
 
+#include "tests/support/TemporaryDirectory.h"
+
 #include <sys/types.h>
 
 #include <filesystem>
@@ -8,21 +10,18 @@
 
 namespace testing_support {
 
-/// A directory under /tmp with a short name, since socket paths are short, and the fixed directories below it. It is
-/// removed with all that is in it when the test ends. Everybody may look in, as on a real machine.
+/// A temporary directory with the fixed directories below it. It is removed with all that is in it when the test ends.
+/// Everybody may look in, as on a real machine.
 /// Threads: plain, single access. Owner: the test; it must outlive the processes that use it.
 class PrivateRoot {
 public:
     PrivateRoot();
-    PrivateRoot(const PrivateRoot&) = delete;
-    PrivateRoot& operator=(const PrivateRoot&) = delete;
-    ~PrivateRoot();
 
-    const std::filesystem::path& path() const { return m_path; }
-    std::string file(const std::string& name) const { return (m_path / name).string(); }
+    const std::filesystem::path& path() const { return m_directory.path(); }
+    std::string file(const std::string& name) const { return m_directory.file(name); }
 
     /// Where a fixed path, such as "/usr/local/Orvanta/hvb/var", is in this root.
-    std::string under(const std::string& fixedPath) const { return m_path.string() + fixedPath; }
+    std::string under(const std::string& fixedPath) const { return path().string() + fixedPath; }
 
     std::string sharedDirectory() const { return under("/Users/Shared/.orvanta"); }
     std::string varDirectory() const { return under("/usr/local/Orvanta/Sentrel/var"); }
@@ -34,7 +33,7 @@ public:
     static void giveTo(const std::string& path, uid_t uid, gid_t gid);
 
 private:
-    std::filesystem::path m_path;
+    TemporaryDirectory m_directory;
 };
 
 } // namespace testing_support

@@ -1,6 +1,7 @@
 #include "tests/support/RecordingBroker.h"
 
 #include "platform/hvbhelpers/HVBHelpers.h"
+#include "tests/support/FreshStart.h"
 
 #include <cstdarg>
 #include <cwchar>
@@ -13,8 +14,7 @@ std::int32_t hvCommFlowvalue = 0;
 namespace testing_support {
 
 Recording& Recording::instance() {
-    static Recording recording;
-    return recording;
+    return freshForEachTest<Recording>();
 }
 
 std::vector<std::string> Recording::calls() {

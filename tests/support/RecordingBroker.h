@@ -55,7 +55,7 @@ struct SentEvent {
 };
 
 /// The recording behind HVB::HVBCommBroker and HVB_LOG_MSG.
-/// Threads: any. Owner: one a process; each test runs in a process of its own.
+/// Threads: any. Owner: one a process, fresh for each test.
 struct Recording {
     static Recording& instance();
 

@@ -1,12 +1,12 @@
 #include "tests/support/RecordingController.h"
 
 #include "store/STPreferenceController.h"
+#include "tests/support/FreshStart.h"
 
 namespace testing_support {
 
 PreferenceRecording& PreferenceRecording::instance() {
-    static PreferenceRecording recording;
-    return recording;
+    return freshForEachTest<PreferenceRecording>();
 }
 
 namespace {
@@ -58,11 +58,19 @@ STPreferenceController::STPreferenceController() = default;
 STPreferenceController::~STPreferenceController() = default;
 
 STPreferenceController* STPreferenceController::getInstance() {
-    static STPreferenceController controller;
     if (testing_support::PreferenceRecording::instance().before) {
         testing_support::PreferenceRecording::instance().before("getInstance");
     }
-    return &controller;
+    if (m_pSelf == nullptr) {
+        m_pSelf = new STPreferenceController;
+        [[maybe_unused]] static const bool registered = (testing_support::startEachTestWith(releaseInstance), true);
+    }
+    return m_pSelf;
+}
+
+void STPreferenceController::releaseInstance() {
+    delete m_pSelf;
+    m_pSelf = nullptr;
 }
 
 int STPreferenceController::setEnableSentrel(bool value) {

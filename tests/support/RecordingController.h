@@ -34,7 +34,7 @@ struct HandedLists {
 };
 
 /// The recording behind Sentrel::STPreferenceController.
-/// Threads: one. Owner: one a process; each test runs in a process of its own.
+/// Threads: one. Owner: one a process, fresh for each test.
 struct PreferenceRecording {
     static PreferenceRecording& instance();
 

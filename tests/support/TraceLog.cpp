@@ -1,6 +1,8 @@
 #include "tests/support/TraceLog.h"
 
 #include "daemon/Trace.h"
+#include "platform/hvbhelpers/HVBHelpers.h"
+#include "tests/support/FreshStart.h"
 
 #include <algorithm>
 #include <clocale>
@@ -11,6 +13,23 @@
 #include <stdexcept>
 
 namespace testing_support {
+namespace {
+
+void makeTraceFresh() {
+    Sentrel::trace::closeTraceLog();
+    logFilePtr = nullptr;
+    setAllFlows(0);
+    for (std::int32_t* flow : {&cmdHelperFlowvalue, &regHelperFlowvalue, &hvInitFlowvalue, &hvCommFlowvalue}) {
+        *flow = 0;
+    }
+}
+
+[[maybe_unused]] const bool registered = [] {
+    startEachTestWith(makeTraceFresh);
+    return true;
+}();
+
+} // namespace
 
 void setAllFlows(int level) {
     for (std::int32_t* flow : {&stDaemonFlowvalue, &configFlowvalue, &loggerFlowvalue, &stCmdFlowvalue, &hcFlowvalue,
@@ -19,14 +38,8 @@ void setAllFlows(int level) {
     }
 }
 
-TraceLog::TraceLog() {
+TraceLog::TraceLog() : m_path(m_directory.file("STTrace.log")) {
     std::setlocale(LC_CTYPE, "C.UTF-8");
-    char name[] = "/tmp/stt.XXXXXX";
-    if (mkdtemp(name) == nullptr) {
-        throw std::runtime_error("no directory for the trace log");
-    }
-    m_directory = name;
-    m_path = m_directory + "/STTrace.log";
     constexpr int highest = 5;
     setAllFlows(highest);
     Sentrel::trace::openTraceLog(m_path);
@@ -34,7 +47,6 @@ TraceLog::TraceLog() {
 
 TraceLog::~TraceLog() {
     Sentrel::trace::closeTraceLog();
-    std::filesystem::remove_all(m_directory);
 }
 
 std::vector<std::string> TraceLog::lines() const {

@@ -1,6 +1,8 @@
 // A trace log of a test's own: set levels, run code, read the lines without their stamps.
 #pragma once
 
+#include "tests/support/TemporaryDirectory.h"
+
 #include <string>
 #include <vector>
 
@@ -22,7 +24,7 @@ public:
     const std::string& path() const { return m_path; }
 
 private:
-    std::string m_directory;
+    TemporaryDirectory m_directory;
     std::string m_path;
 };
 

@@ -1,6 +1,6 @@
 #include "apps/sentrelctl/fleet/MachineDocuments.h"
 
-#include "apps/sentrelctl/fleet/Fleet.h"
+#include "apps/sentrelctl/fleet/FleetOptions.h"
 #include "base/PrintableText.h"
 
 #include <algorithm>

@@ -1,7 +1,7 @@
 // sentrelctl agent keygen and encrypt: the keys of a site, and texts that only its machines can read.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/DecryptExchange.h"
-#include "apps/sentrelctl/fleet/Fleet.h"
+#include "apps/sentrelctl/fleet/FleetOptions.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "apps/sentrelctl/terminal/SecretInput.h"
 #include "base/Paths.h"

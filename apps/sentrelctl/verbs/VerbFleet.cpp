@@ -1,6 +1,6 @@
 // sentrelctl policy results, properties show and state: what the machines say of themselves.
 #include "apps/sentrelctl/Verbs.h"
-#include "apps/sentrelctl/fleet/Fleet.h"
+#include "apps/sentrelctl/fleet/FleetOptions.h"
 #include "apps/sentrelctl/fleet/MachineDocuments.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 

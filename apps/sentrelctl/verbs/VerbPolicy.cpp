@@ -1,6 +1,6 @@
 // sentrelctl policy check and policy push: what a policy would do, and sending it on its way.
 #include "apps/sentrelctl/Verbs.h"
-#include "apps/sentrelctl/fleet/Fleet.h"
+#include "apps/sentrelctl/fleet/FleetOptions.h"
 #include "apps/sentrelctl/fleet/MachineDocuments.h"
 #include "apps/sentrelctl/policy/PolicyReport.h"
 #include "apps/sentrelctl/terminal/Failure.h"

@@ -1,6 +1,7 @@
 // Which signals a thread takes. Real: masks, signals, threads.
 #include "base/SignalSet.h"
 #include "base/StartThread.h"
+#include "tests/support/Eventually.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -61,9 +62,9 @@ TEST(AStartedThread, HasEverySignalBlockedAndItsName) {
     std::promise<void> mayEnd;
     std::thread thread = startThread("a-quiet-thread", [&] {
         mask.set_value(SignalSet::blockedNow());
-        mayEnd.get_future().wait();
+        testing_support::await(mayEnd.get_future(), "the test to let the thread end");
     });
-    const SignalSet blocked = mask.get_future().get();
+    const SignalSet blocked = testing_support::await(mask.get_future(), "the thread's mask");
     std::array<char, 16> shown{};
     EXPECT_EQ(::pthread_getname_np(thread.native_handle(), shown.data(), shown.size()), 0);
     mayEnd.set_value();

@@ -49,25 +49,15 @@ void put(char (&field)[Size], const std::string& text) {
 
 } // namespace
 
-PrivateMachine::Directory::Directory() {
-    char name[] = "/tmp/stm.XXXXXX";
-    require(mkdtemp(name) != nullptr, "a directory");
-    path = name;
-}
-
-PrivateMachine::Directory::~Directory() {
-    std::filesystem::remove_all(path);
-}
-
 PrivateMachine::PrivateMachine() {
     enterPrivateMounts();
     require(mount("none", "/run", "tmpfs", 0, nullptr) == 0, "an empty /run");
     std::filesystem::create_directories("/run/systemd/seats");
     std::filesystem::create_directories("/run/systemd/sessions");
-    const std::string accounts = m_directory.path + "/passwd";
+    const std::string accounts = m_directory.file("passwd");
     write(accounts, "root:x:0:0::/root:/bin/sh\n");
     require(mount(accounts.c_str(), "/etc/passwd", nullptr, MS_BIND, nullptr) == 0, "own accounts");
-    const std::string logins = m_directory.path + "/utmp";
+    const std::string logins = m_directory.file("utmp");
     write(logins, "");
     require(utmpxname(logins.c_str()) == 0, "a utmp file");
 }
@@ -101,7 +91,7 @@ void PrivateMachine::login(const std::string& name, const std::string& line, int
     entry.ut_tv.tv_sec = seconds;
     put(entry.ut_user, name);
     put(entry.ut_line, line);
-    std::ofstream(m_directory.path + "/utmp", std::ios::binary | std::ios::app)
+    std::ofstream(m_directory.file("utmp"), std::ios::binary | std::ios::app)
         .write(reinterpret_cast<const char*>(&entry), sizeof entry);
 }
 

@@ -2,6 +2,8 @@
 // /run, an account file of its own and a utmp file of its own. The rest of the machine sees nothing of it.
 #pragma once
 
+#include "tests/support/TemporaryDirectory.h"
+
 #include <string>
 
 namespace testing_support {
@@ -30,14 +32,7 @@ public:
     void login(const std::string& name, const std::string& line, int seconds, short type);
 
 private:
-    /// A directory that goes with the machine, also when its making fails.
-    struct Directory {
-        Directory();
-        ~Directory();
-        std::string path;
-    };
-
-    const Directory m_directory;
+    const TemporaryDirectory m_directory; // goes with the machine, also when its making fails
 };
 
 } // namespace testing_support

@@ -1,43 +1,36 @@
 // An install root of a test's own, set before anything asks for it, and what a test of the daemon reads there.
 #pragma once
 
-#include <cstdlib>
+#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TestInstallRoot.h"
+
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <regex>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace testing_support {
 
 /// A short private directory that is the install root for its own lifetime, with the daemon's two directories in it.
-/// Threads: the test's. Owner: a test's fixture, before anything asks for a path; one a process.
+/// Threads: the test's. Owner: a test's fixture, before anything asks for a path; one at a time.
 class DaemonRoot {
 public:
     DaemonRoot() {
-        char name[] = "/tmp/st.XXXXXX";
-        if (mkdtemp(name) == nullptr) {
-            throw std::runtime_error("no directory for the install root");
-        }
-        m_path = name;
-        setenv("SENTREL_INSTALL_ROOT", m_path.c_str(), 1);
+        setInstallRoot(path());
         std::filesystem::create_directories(shared());
         std::filesystem::create_directories(var());
     }
-    ~DaemonRoot() { std::filesystem::remove_all(m_path); }
-    DaemonRoot(const DaemonRoot&) = delete;
-    DaemonRoot& operator=(const DaemonRoot&) = delete;
 
-    std::string path() const { return m_path; }
-    std::string shared() const { return m_path + "/Users/Shared/.orvanta"; }
-    std::string var() const { return m_path + "/usr/local/Orvanta/Sentrel/var"; }
+    std::string path() const { return m_directory.path(); }
+    std::string shared() const { return path() + "/Users/Shared/.orvanta"; }
+    std::string var() const { return path() + "/usr/local/Orvanta/Sentrel/var"; }
     std::string eventSocket() const { return shared() + "/STIPC"; }
     std::string pidFile() const { return var() + "/.STPid"; }
     std::string traceLog() const { return var() + "/STTrace.log"; }
     std::string traceLevels() const { return var() + "/traceValues.xml"; }
-    std::string hubSocket() const { return m_path + "/usr/local/Orvanta/hvb/var/hvbdsocket64"; }
+    std::string hubSocket() const { return path() + "/usr/local/Orvanta/hvb/var/hvbdsocket64"; }
 
     /// The lines of the daemon's own trace log, each without stamp and newline.
     std::vector<std::string> traceLines() const {
@@ -51,7 +44,7 @@ public:
     }
 
 private:
-    std::string m_path;
+    TemporaryDirectory m_directory;
 };
 
 inline void writeFile(const std::string& path, const std::string& content) {

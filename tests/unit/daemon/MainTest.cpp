@@ -5,9 +5,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 
+#include <cerrno>
 #include <chrono>
 #include <random>
 #include <stdexcept>
@@ -55,22 +58,37 @@ struct TheProgram : testing::Test {
         }
     }
 
+    bool endsWithin(std::chrono::nanoseconds time) const {
+        const int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+        if (fd < 0) {
+            throw std::system_error(errno, std::generic_category(), "pidfd_open");
+        }
+        pollfd ended{fd, POLLIN, 0};
+        const timespec limit{0, static_cast<long>(time.count())};
+        const int ready = ppoll(&ended, 1, &limit, nullptr);
+        close(fd);
+        return ready == 1;
+    }
+
     /// Its exit status; -1 when a signal ended it, -2 when nothing did. @p meanwhile is called until it has ended.
     template <class Meanwhile>
     int exitStatusWhile(Meanwhile meanwhile) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        int status = 0;
-        while (waitpid(pid, &status, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                signal(SIGKILL);
-                waitpid(pid, &status, 0);
-                pid = 0;
-                return -2;
-            }
+        bool inTime = true;
+        while (inTime && !endsWithin(std::chrono::microseconds(50))) {
             meanwhile();
-            std::this_thread::yield();
+            inTime = std::chrono::steady_clock::now() < deadline;
         }
+        if (!inTime) {
+            signal(SIGKILL);
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
         pid = 0; // the number may be somebody else's by now
+        if (!inTime) {
+            ADD_FAILURE() << "waited 60 s in vain for the end of the program";
+            return -2;
+        }
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     int exitStatus() {
@@ -137,9 +155,7 @@ TEST_F(TheProgram, EndsWithZeroAtWhateverInstantSignalsLand) {
     std::mt19937 random(4711);
     for (int round = 0; round < 60; ++round) {
         start();
-        for (auto pause = random() % 2000; pause > 0; --pause) {
-            std::this_thread::yield();
-        }
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
         ASSERT_EQ(exitStatusWhile([this, &random] { signal(kSignals[random() % 3]); }), 0) << "round " << round;
     }
 }

@@ -1,12 +1,12 @@
 #include "tests/unit/daemon/RecordingAgent.h"
 
 #include "platform/hvbagent/MsgBusEnterpriseAgent.h"
+#include "tests/support/FreshStart.h"
 
 namespace testing_support {
 
 RecordingAgent& RecordingAgent::instance() {
-    static RecordingAgent agent;
-    return agent;
+    return freshForEachTest<RecordingAgent>();
 }
 
 std::vector<std::string> RecordingAgent::calls() {

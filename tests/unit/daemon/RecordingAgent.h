@@ -10,7 +10,7 @@
 namespace testing_support {
 
 /// What stands behind HVBEnterprise::MsgBusEnterpriseAgent in this program.
-/// Threads: any. Owner: one a process; each test runs in a process of its own.
+/// Threads: any. Owner: one a process, fresh for each test.
 class RecordingAgent {
 public:
     static RecordingAgent& instance();

@@ -1,6 +1,7 @@
 // The trace facility. Real: files, threads, the clock.
 #include "daemon/Trace.h"
 
+#include "tests/support/Eventually.h"
 #include "tests/support/TraceLog.h"
 #include "tests/unit/daemon/DaemonRoot.h"
 
@@ -20,18 +21,29 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
+// What holds before main, when no test has run.
+const std::vector<std::int32_t> kLevelsAtStart{stDaemonFlowvalue,     configFlowvalue, loggerFlowvalue,
+                                               stCmdFlowvalue,        hcFlowvalue,     mgsFlowvalue,
+                                               safariPluginFlowvalue, ipcFlowvalue};
+const std::int32_t kFlagAtStart = traceInited;
+const std::FILE* const kStreamAtStart = logFilePtr;
+
 TEST(AFreshProcess, HasEveryLevelTheFlagAndTheStreamAtZero) {
-    for (const std::int32_t value : {stDaemonFlowvalue, configFlowvalue, loggerFlowvalue, stCmdFlowvalue, hcFlowvalue,
-                                     mgsFlowvalue, safariPluginFlowvalue, ipcFlowvalue, traceInited}) {
-        EXPECT_EQ(value, 0);
-    }
-    EXPECT_EQ(logFilePtr, nullptr);
+    EXPECT_EQ(kLevelsAtStart, std::vector<std::int32_t>(8, 0));
+    EXPECT_EQ(kFlagAtStart, 0);
+    EXPECT_EQ(kStreamAtStart, nullptr);
 }
 
+/// In a process that runs nothing but this: another test may have opened the log of this one.
 TEST(AFreshProcess, SurvivesClosingALogThatWasNeverOpened) {
-    Sentrel::trace::closeTraceLog();
-    Sentrel::trace::closeTraceLog();
-    EXPECT_EQ(traceInited, 0);
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            Sentrel::trace::closeTraceLog();
+            Sentrel::trace::closeTraceLog();
+            _exit(traceInited);
+        },
+        testing::ExitedWithCode(0), "");
 }
 
 struct ATraceLog : testing::Test {
@@ -168,9 +180,9 @@ TEST_F(ATraceLog, IsClosedUnderWritersWithoutBreakingALine) {
             }
         });
     }
-    while (started != 4 || std::filesystem::file_size(log.path()) < 10000) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(testing_support::eventually([&] {
+        return started == 4 && std::filesystem::file_size(log.path()) >= 10000;
+    })) << "the four writers wrote too little";
     Sentrel::trace::closeTraceLog();
     const std::string atClose = readFile(log.path());
     stop = true;

@@ -1,7 +1,7 @@
 // The per-user data file. Real: directories and files under a private root. Not real: the current user's home.
 #include "events/CFileFinder.h"
 
-#include "tests/unit/events/PrivateRoot.h"
+#include "tests/unit/events/EventsRoot.h"
 #include "tests/unit/events/SystemDouble.h"
 
 #include <fcntl.h>

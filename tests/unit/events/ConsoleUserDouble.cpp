@@ -1,6 +1,7 @@
 #include "tests/unit/events/ConsoleUserDouble.h"
 
 #include "platform/consoleuser/ConsoleUser.h"
+#include "tests/support/FreshStart.h"
 
 #include <cstring>
 
@@ -11,8 +12,7 @@ struct ConsoleUserName {
 namespace testing_support {
 
 ConsoleUserDouble& ConsoleUserDouble::instance() {
-    static ConsoleUserDouble console;
-    return console;
+    return freshForEachTest<ConsoleUserDouble>();
 }
 
 } // namespace testing_support

@@ -8,7 +8,7 @@
 #include "tests/support/FlowLines.h"
 #include "tests/support/RecordingBroker.h"
 #include "tests/unit/events/ConsoleUserDouble.h"
-#include "tests/unit/events/PrivateRoot.h"
+#include "tests/unit/events/EventsRoot.h"
 #include "tests/unit/events/SystemDouble.h"
 
 #include <gmock/gmock.h>

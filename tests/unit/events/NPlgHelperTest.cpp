@@ -2,7 +2,7 @@
 #include "events/NPlgHelper.h"
 #include "base/UserDBPath.h"
 #include "tests/unit/events/ConsoleUserDouble.h"
-#include "tests/unit/events/PrivateRoot.h"
+#include "tests/unit/events/EventsRoot.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

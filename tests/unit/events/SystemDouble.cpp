@@ -1,5 +1,7 @@
 #include "tests/unit/events/SystemDouble.h"
 
+#include "tests/support/FreshStart.h"
+
 #include <arpa/inet.h>
 #include <unistd.h>
 
@@ -10,8 +12,7 @@
 namespace testing_support {
 
 SystemDouble& SystemDouble::instance() {
-    static SystemDouble system;
-    return system;
+    return freshForEachTest<SystemDouble>();
 }
 
 std::function<int(char*, std::size_t)> machineNamed(std::string name) {

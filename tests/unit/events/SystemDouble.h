@@ -12,7 +12,7 @@
 
 namespace testing_support {
 
-/// Threads: the test's. Owner: one a process.
+/// Threads: the test's. Owner: one a process, fresh for each test.
 struct SystemDouble {
     static SystemDouble& instance();
 

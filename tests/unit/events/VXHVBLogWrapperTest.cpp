@@ -5,7 +5,7 @@
 #include "hub/Exceptions.h"
 #include "tests/support/FlowLines.h"
 #include "tests/support/RecordingBroker.h"
-#include "tests/unit/events/PrivateRoot.h"
+#include "tests/unit/events/EventsRoot.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

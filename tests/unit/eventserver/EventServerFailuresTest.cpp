@@ -84,7 +84,7 @@ public:
         const std::string root = m_short.path() + "/" + std::string(missing, 'd');
         m_directory = root + "/Users/Shared/.orvanta";
         std::filesystem::create_directories(m_directory);
-        setenv("SENTREL_INSTALL_ROOT", root.c_str(), 1);
+        setInstallRoot(root);
     }
 
     bool hasASocket() const { return !std::filesystem::is_empty(m_directory); }

@@ -332,7 +332,7 @@ TEST_F(AnUnusableEventServer, RefusesADescriptorThatItCouldNotWaitFor) {
 struct ADeepRoot : testing::Test {
     DaemonRoot shallow;
     std::string deep = shallow.path() + "/" + std::string(100, 'd');
-    ADeepRoot() { setenv("SENTREL_INSTALL_ROOT", deep.c_str(), 1); }
+    ADeepRoot() { setInstallRoot(deep); }
     ~ADeepRoot() override { STEventServer::releaseInstance(); }
 };
 

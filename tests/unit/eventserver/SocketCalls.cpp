@@ -1,5 +1,7 @@
 #include "tests/unit/eventserver/SocketCalls.h"
 
+#include "tests/support/FreshStart.h"
+
 #include <pthread.h>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -10,8 +12,7 @@
 namespace testing_support {
 
 SocketCalls& SocketCalls::instance() {
-    static SocketCalls calls;
-    return calls;
+    return freshForEachTest<SocketCalls>();
 }
 
 } // namespace testing_support

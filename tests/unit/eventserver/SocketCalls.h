@@ -7,7 +7,8 @@
 
 namespace testing_support {
 
-/// Threads: set before the server's thread starts, which then takes the answers. Owner: one a process.
+/// Threads: set before the server's thread starts, which then takes the answers. Owner: one a process, fresh for each
+/// test.
 struct SocketCalls {
     static SocketCalls& instance();
 

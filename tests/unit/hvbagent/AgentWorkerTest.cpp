@@ -207,7 +207,7 @@ TEST_F(ACallbackThread, KnowsItself) {
         return true;
     });
     m_worker->policyArrived(policy(1));
-    EXPECT_TRUE(inside.get_future().get());
+    EXPECT_TRUE(testing_support::await(inside.get_future(), "the enforcement"));
     EXPECT_FALSE(AgentWorker::isWorker());
 }
 

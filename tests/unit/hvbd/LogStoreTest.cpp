@@ -3,7 +3,7 @@
 #include "apps/hvbd/LogStore.h"
 #include "apps/hvbd/HvbdLimits.h"
 #include "base/Database.h"
-#include "tests/unit/hvbd/PrivateDirectory.h"
+#include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -60,7 +60,7 @@ protected:
                "-shm; the next record then makes a new one.";
     }
 
-    PrivateDirectory directory;
+    testing_support::TemporaryDirectory directory;
     const std::string path = directory.file("hvblog.db");
     LogStore store{path, kMebibyte};
 };

@@ -1,7 +1,7 @@
 // A module's configuration file: what it may say, and what stays in force when it says something else. The files are
 // real.
 #include "apps/hvbd/ModuleConfiguration.h"
-#include "tests/unit/hvbd/PrivateDirectory.h"
+#include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -43,7 +43,7 @@ protected:
         return "accepted";
     }
 
-    PrivateDirectory directory;
+    testing_support::TemporaryDirectory directory;
     const std::string path = directory.file("HVConfig.xml");
 };
 
@@ -133,7 +133,7 @@ protected:
         return "accepted";
     }
 
-    PrivateDirectory directory;
+    testing_support::TemporaryDirectory directory;
     const std::string path = directory.file("HVConfig.xml");
     ModuleConfigurations configurations{{{MODULE_SENTREL, path}}};
 };

@@ -66,10 +66,10 @@ TEST(ABusConfiguration, GivesEachNameToOneUserOnly) {
 
 TEST(ABusConfiguration, EscapesWhatItIsGiven) {
     BusConfigurationOptions odd = options();
-    odd.socketPath = "/tmp/a<b>&\"c";
+    odd.socketPath = "/run/a<b>&\"c";
     odd.adminGroup = "r&d\"<";
     const std::string text = busConfiguration(odd);
-    EXPECT_NE(text.find("<listen>unix:path=/tmp/a%3cb%3e%26%22c</listen>"), std::string::npos);
+    EXPECT_NE(text.find("<listen>unix:path=/run/a%3cb%3e%26%22c</listen>"), std::string::npos);
     EXPECT_NE(text.find("<policy group=\"r&amp;d&quot;&lt;\">"), std::string::npos);
 }
 

@@ -1,6 +1,7 @@
 // The callback threads alone. All real; no bus.
 #include "platform/hvbhelpers/CallbackWorkers.h"
 #include "platform/hvbhelpers/HubLimits.h"
+#include "tests/support/Eventually.h"
 
 #include <gtest/gtest.h>
 
@@ -29,7 +30,10 @@ TEST_F(Workers, RunCallsSideBySide) {
     m_workers.begin();
     std::latch together(static_cast<std::ptrdiff_t>(kCallbackThreads));
     for (std::size_t i = 0; i < kCallbackThreads; ++i) {
-        ASSERT_TRUE(m_workers.post(Lane::Call, 0, [&](bool) { together.arrive_and_wait(); }));
+        ASSERT_TRUE(m_workers.post(Lane::Call, 0, [&](bool) {
+            together.count_down();
+            testing_support::await(together, "the other calls");
+        }));
     }
     m_workers.end(); // each of them waits for all the others
 }
@@ -51,7 +55,7 @@ TEST_F(Workers, RunEventsOneAtATimeInTheOrderOfTheirArrival) {
 TEST_F(Workers, RunCallsWhileAnEventIsHeldUp) {
     m_workers.begin();
     std::latch callDone(1);
-    ASSERT_TRUE(m_workers.post(Lane::Event, 0, [&](bool) { callDone.wait(); }));
+    ASSERT_TRUE(m_workers.post(Lane::Event, 0, [&](bool) { testing_support::await(callDone, "the call's job"); }));
     ASSERT_TRUE(m_workers.post(Lane::Event, 0, [](bool) {}));
     ASSERT_TRUE(m_workers.post(Lane::Call, 0, [&](bool) { callDone.count_down(); }));
     m_workers.end();
@@ -76,7 +80,7 @@ TEST_F(Workers, TellJobsNotToDeliverOnceTheyAreStopped) {
     m_workers.stop();
     m_workers.begin();
     ASSERT_TRUE(m_workers.post(Lane::Call, 0, [&](bool deliver) { delivered.set_value(deliver); }));
-    EXPECT_FALSE(delivered.get_future().get());
+    EXPECT_FALSE(testing_support::await(delivered.get_future(), "the job"));
     m_workers.end();
 }
 
@@ -108,7 +112,7 @@ TEST_F(Workers, RunWithEverySignalBlocked) {
         pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
         mask.set_value(blocked);
     }));
-    const sigset_t blocked = mask.get_future().get();
+    const sigset_t blocked = testing_support::await(mask.get_future(), "the worker's mask");
     m_workers.end();
     for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1, SIGUSR2, SIGPIPE}) {
         EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;

@@ -1,10 +1,11 @@
 #include "tests/unit/managed/AgentDouble.h"
 
+#include "tests/support/FreshStart.h"
+
 namespace testing_support {
 
 AgentDouble& AgentDouble::instance() {
-    static AgentDouble agent;
-    return agent;
+    return freshForEachTest<AgentDouble>();
 }
 
 std::vector<std::string> AgentDouble::calls() {

@@ -13,7 +13,7 @@
 
 namespace testing_support {
 
-/// Threads: createInstance on any; the rest the test's. Owner: one a process.
+/// Threads: createInstance on any; the rest the test's. Owner: one a process, fresh for each test.
 struct AgentDouble {
     static AgentDouble& instance();
 

@@ -1,3 +1,4 @@
+#include "tests/support/FreshStart.h"
 #include "tests/unit/managed/PolicyFixture.h"
 
 #include <cstdarg>
@@ -6,8 +7,7 @@
 namespace testing_support {
 
 Lines& systemLog() {
-    static Lines lines;
-    return lines;
+    return freshForEachTest<Lines>();
 }
 
 } // namespace testing_support

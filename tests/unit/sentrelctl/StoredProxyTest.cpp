@@ -5,6 +5,7 @@
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "store/DBSettings.h"
+#include "tests/support/TemporaryDirectory.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -17,13 +18,9 @@ namespace {
 /// A settings file of the test's own, with its tables and no row.
 class ASettingsFile : public testing::Test {
 protected:
-    ASettingsFile() {
-        EXPECT_NE(::mkdtemp(m_directory.data()), nullptr);
-        makeSettingsTables(path());
-    }
-    ~ASettingsFile() override { std::filesystem::remove_all(m_directory); }
+    ASettingsFile() { makeSettingsTables(path()); }
 
-    std::string path() const { return m_directory + "/product.db"; }
+    std::string path() const { return m_directory.file("product.db"); }
 
     /// Stores as the daemon does: the key with its terminator, the text without.
     void store(const char* key, const void* value, unsigned long length) {
@@ -46,7 +43,7 @@ protected:
     std::string shown() { return proxyText(readStoredProxy(path()), Palette()); }
     std::string json() { return jsonText(proxyJson(readStoredProxy(path())), JsonMode::Short); }
 
-    std::string m_directory = "/tmp/snt-XXXXXX";
+    testing_support::TemporaryDirectory m_directory;
 };
 
 TEST_F(ASettingsFile, TellsTheProxyButNotItsPassword) {
@@ -113,7 +110,7 @@ TEST_F(ASettingsFile, SaysWhatIsMissing) {
             return failure.line();
         }
     };
-    const std::string absent = m_directory + "/none.db";
+    const std::string absent = m_directory.file("none.db");
     EXPECT_EQ(lineOfFailure(absent), "sentrelctl: cannot read the proxy settings: " + absent +
                                          ": there is no such file. Make it with 'sentrelctl settings init'.");
     EXPECT_FALSE(std::filesystem::exists(absent));

@@ -220,7 +220,7 @@ TEST_F(ADebugLoggingChange, LeavesTheNameOfWhoAsksAsItWas) {
 TEST_F(ADebugLoggingChange, WhoseThreadCannotBeStartedIsNotUnderWayAndDropsEachLaterOne) {
     const auto fail = [] {
         std::promise<void> end;
-        std::thread another([&end] { end.get_future().wait(); });
+        std::thread another([&end] { await(end.get_future(), "the end of the test"); });
         WorkerGate gate;
         gate.refuses = true;
         EXPECT_TRUE(it().setDebugLoggingStatus(true)) << "the note is made";

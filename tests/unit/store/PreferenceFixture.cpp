@@ -3,6 +3,8 @@
 #include "base/UserDBPath.h"
 #include "daemon/Trace.h"
 #include "tests/support/FlowLines.h"
+#include "tests/support/FreshStart.h"
+#include "tests/support/TestInstallRoot.h"
 
 #include <array>
 #include <cstdio>
@@ -15,17 +17,11 @@
 namespace testing_support {
 
 std::function<bool(std::string& path)>& settingsPath() {
-    static std::function<bool(std::string & path)> answer;
-    return answer;
+    return freshForEachTest<std::function<bool(std::string & path)>>();
 }
 
 PreferenceFixture::PreferenceFixture() {
-    char name[] = "/tmp/stp.XXXXXX";
-    if (mkdtemp(name) == nullptr) {
-        throw std::runtime_error("no directory for the settings file");
-    }
-    m_directory = name;
-    setenv("SENTREL_INSTALL_ROOT", name, 1);
+    setInstallRoot(m_directory.path());
     std::filesystem::create_directories(std::filesystem::path(file()).parent_path());
     std::filesystem::create_directories(std::filesystem::path(configurationFile()).parent_path());
     writeConfiguration("true", "information");
@@ -37,7 +33,6 @@ PreferenceFixture::PreferenceFixture() {
 
 PreferenceFixture::~PreferenceFixture() {
     Sentrel::STPreferenceController::releaseInstance();
-    std::filesystem::remove_all(m_directory);
 }
 
 void PreferenceFixture::writeConfiguration(const std::string& syslogEnable, const std::string& logLevel) const {

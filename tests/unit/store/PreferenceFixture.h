@@ -1,9 +1,10 @@
 // The real controller over a real settings file in a private directory. Not real: the hub, which is a recording broker,
-// and the question where the file is, which can be made to fail. Each test runs in a process of its own.
+// and the question where the file is, which can be made to fail.
 #pragma once
 
 #include "store/STPreferenceController.h"
 #include "tests/support/RecordingBroker.h"
+#include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TraceLog.h"
 
 #include <gmock/gmock.h>
@@ -27,8 +28,10 @@ protected:
     PreferenceFixture();
     ~PreferenceFixture() override;
 
-    std::string file() const { return m_directory + "/Users/Shared/.orvanta/product.db"; }
-    std::string configurationFile() const { return m_directory + "/usr/local/Orvanta/hvb/config/Sentrel/HVConfig.xml"; }
+    std::string file() const { return m_directory.file("Users/Shared/.orvanta/product.db"); }
+    std::string configurationFile() const {
+        return m_directory.file("usr/local/Orvanta/hvb/config/Sentrel/HVConfig.xml");
+    }
     void writeConfiguration(const std::string& syslogEnable, const std::string& logLevel) const;
 
     /// Lays the four tables into a new file.
@@ -51,7 +54,7 @@ protected:
     static std::string printed(const std::function<void()>& act);
 
 private:
-    std::string m_directory;
+    TemporaryDirectory m_directory;
 };
 
 } // namespace testing_support

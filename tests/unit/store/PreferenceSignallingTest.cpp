@@ -1,4 +1,5 @@
 // Which event follows the change of which preference: the table of types, a row each.
+#include "base/Paths.h"
 #include "daemon/Trace.h"
 #include "hub/Exceptions.h"
 #include "tests/unit/store/PreferenceFixture.h"
@@ -35,8 +36,7 @@ TEST_P(AChangedPreference, IsToldByTheEventsOfItsTypeInTheirOrderWithoutAPayload
     std::vector<std::string> calls;
     for (const int id : GetParam().events) {
         expected.push_back({id, false});
-        calls.push_back("getInstance " + std::string(std::getenv("SENTREL_INSTALL_ROOT")) +
-                        "/usr/local/Orvanta/hvb/var/hvbdsocket64");
+        calls.push_back("getInstance " + Sentrel::paths::hubSocket());
         calls.push_back("sendEventNotification " + std::to_string(id));
     }
     EXPECT_EQ(Recording::instance().events, expected);

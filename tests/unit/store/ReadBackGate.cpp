@@ -1,5 +1,8 @@
 #include "tests/unit/store/ReadBackGate.h"
 
+#include "tests/support/Eventually.h"
+
+#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sqlite3.h>
 
@@ -57,7 +60,9 @@ void ReadBackGate::pass(const std::string& sql) {
         return;
     }
     m_isHolding = true;
-    m_changed.wait(lock, [this] { return m_isOpen; });
+    if (!m_changed.wait_until(lock, testing_support::patience(), [this] { return m_isOpen; })) {
+        ADD_FAILURE() << "waited in vain for the test to let the reader go";
+    }
 }
 
 void ReadBackGate::waitsForALock() {

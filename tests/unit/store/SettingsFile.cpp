@@ -37,17 +37,7 @@ std::string contents(const std::string& path) {
 } // namespace
 
 SettingsFile::SettingsFile() {
-    std::string name = "/tmp/setXXXXXX";
-    if (mkdtemp(name.data()) == nullptr) {
-        throw std::system_error(errno, std::system_category(), "mkdtemp");
-    }
-    m_directory = name;
     m_path = beside("product.db");
-}
-
-SettingsFile::~SettingsFile() {
-    std::error_code ignored; // nothing is left to do about it at the end
-    std::filesystem::remove_all(m_directory, ignored);
 }
 
 std::string SettingsFile::sqlite(const std::string& sql) const {

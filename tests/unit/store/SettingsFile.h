@@ -2,6 +2,7 @@
 #pragma once
 
 #include "tests/support/ChildProcess.h"
+#include "tests/support/TemporaryDirectory.h"
 
 #include <filesystem>
 #include <optional>
@@ -14,11 +15,10 @@ public:
     SettingsFile();
     SettingsFile(const SettingsFile&) = delete;
     SettingsFile& operator=(const SettingsFile&) = delete;
-    ~SettingsFile();
 
-    const std::string& directory() const { return m_directory; }
+    std::string directory() const { return m_directory.path(); }
     const std::string& path() const { return m_path; }
-    std::string beside(const std::string& name) const { return m_directory + "/" + name; }
+    std::string beside(const std::string& name) const { return m_directory.file(name); }
 
     /// What the program answers, a row a line with its columns separated by '|'; what it says when it fails, too.
     std::string sqlite(const std::string& sql) const;
@@ -30,7 +30,7 @@ public:
     std::string bytes() const;
 
 private:
-    std::string m_directory;
+    testing_support::TemporaryDirectory m_directory;
     std::string m_path;
 };
 

@@ -95,7 +95,9 @@ int WorkerGate::start(pthread_t* thread, const pthread_attr_t* attributes, void*
 void WorkerGate::pass() {
     std::unique_lock lock(m_mutex);
     m_threads.push_back(gettid());
-    m_changed.wait(lock, [this] { return m_isOpen; });
+    if (!m_changed.wait_until(lock, testing_support::patience(), [this] { return m_isOpen; })) {
+        ADD_FAILURE() << "waited in vain for the gate to open";
+    }
 }
 
 void WorkerGate::leave() {

@@ -1,10 +1,11 @@
-#include "tests/unit/events/PrivateRoot.h"
+#include "tests/unit/events/EventsRoot.h"
+
+#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/TestInstallRoot.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <stdexcept>
+#include <memory>
 
 namespace testing_support {
 namespace {
@@ -13,16 +14,16 @@ namespace {
 class RootEnvironment : public testing::Environment {
 public:
     void SetUp() override {
-        char name[] = "/tmp/str.XXXXXX";
-        if (mkdtemp(name) == nullptr) {
-            throw std::runtime_error("no directory for the install root");
-        }
-        path = name;
-        setenv("SENTREL_INSTALL_ROOT", name, 1);
+        m_directory = std::make_unique<TemporaryDirectory>();
+        path = m_directory->path();
+        setInstallRoot(path);
     }
-    void TearDown() override { std::filesystem::remove_all(path); }
+    void TearDown() override { m_directory.reset(); }
 
     std::string path;
+
+private:
+    std::unique_ptr<TemporaryDirectory> m_directory;
 };
 
 RootEnvironment* const environment = [] {

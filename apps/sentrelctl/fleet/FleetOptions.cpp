@@ -1,4 +1,4 @@
-#include "apps/sentrelctl/fleet/Fleet.h"
+#include "apps/sentrelctl/fleet/FleetOptions.h"
 
 #include "base/Paths.h"
 

@@ -1,0 +1,32 @@
+// What every unit program has linked in. Its tests share one process in any order, so each starts as if it were the
+// first: the process is put back and the doubles are made fresh when a test's fixture is gone.
+#include "tests/support/FreshStart.h"
+#include "tests/support/ProcessState.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+
+namespace testing_support {
+namespace {
+
+class FreshStartForEachTest : public testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo& /*test*/) override {
+        makeEverythingFresh();
+        m_before.emplace();
+    }
+    void OnTestEnd(const testing::TestInfo& /*test*/) override {
+        m_before->restore();
+        makeEverythingFresh();
+    }
+
+    std::optional<ProcessState> m_before;
+};
+
+[[maybe_unused]] const bool listens = [] {
+    testing::UnitTest::GetInstance()->listeners().Append(new FreshStartForEachTest); // gtest deletes it
+    return true;
+}();
+
+} // namespace
+} // namespace testing_support

@@ -46,7 +46,7 @@ int answering(sd_bus_error* error, Body&& body) noexcept {
 
 /// Runs the body of any other callback. What it throws is a line in the system log, and the source stays alive.
 template <class Body>
-int surviving(const SystemLog& log, const char* doing, Body&& body) noexcept {
+int logAndIgnore(const SystemLog& log, const char* doing, Body&& body) noexcept {
     const auto tell = [&](const std::string& why) { log.write(LOG_ERR, std::string(doing) + " failed: " + why); };
     try {
         try {

@@ -79,7 +79,7 @@ void HealthMonitor::startTimer(microseconds pause) {
 
 int HealthMonitor::onTimer(sd_event_source* /*source*/, std::uint64_t /*usec*/, void* self) {
     auto& monitor = *static_cast<HealthMonitor*>(self);
-    return surviving(monitor.m_log, kDoing, [&] {
+    return logAndIgnore(monitor.m_log, kDoing, [&] {
         monitor.startTimer(monitor.m_interval);
         monitor.listModules();
     });
@@ -95,7 +95,7 @@ void HealthMonitor::listModules() {
 
 int HealthMonitor::onNames(sd_bus_message* reply, void* self, sd_bus_error* /*error*/) {
     auto& monitor = *static_cast<HealthMonitor*>(self);
-    return surviving(monitor.m_log, kDoing, [&] {
+    return logAndIgnore(monitor.m_log, kDoing, [&] {
         if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
             throw HVBException(-sd_bus_error_get_errno(error), "cannot list the modules: " + describe(*error));
         }
@@ -137,7 +137,7 @@ int HealthMonitor::onAnswer(sd_bus_message* reply, void* userdata, sd_bus_error*
     const auto& check = *static_cast<Check*>(userdata);
     HealthMonitor& monitor = *check.monitor;
     const int moduleId = check.moduleId;
-    return surviving(monitor.m_log, kDoing, [&] {
+    return logAndIgnore(monitor.m_log, kDoing, [&] {
         monitor.m_checks.erase(moduleId);
         monitor.judge(moduleId, *reply);
     });

@@ -58,7 +58,7 @@ void HubLink::serve(sd_bus& bus) {
 
 int HubLink::onDisconnected(sd_bus_message* /*message*/, void* self, sd_bus_error* /*error*/) {
     auto& link = *static_cast<HubLink*>(self);
-    return surviving(link.m_log, kReconnecting, [&] {
+    return logAndIgnore(link.m_log, kReconnecting, [&] {
         link.m_log.write(LOG_WARNING, "the bus at " + link.m_socketPath + " went away; hvbd tries to reach it again");
         link.m_pause = kFirstReconnectPause;
         // The connection is given up by the timer: here it is in the middle of a dispatch.
@@ -77,7 +77,7 @@ void HubLink::retryAfter(std::chrono::milliseconds pause) {
 
 int HubLink::onRetry(sd_event_source* /*source*/, std::uint64_t /*usec*/, void* self) {
     auto& link = *static_cast<HubLink*>(self);
-    return surviving(link.m_log, kReconnecting, [&] { link.retry(); });
+    return logAndIgnore(link.m_log, kReconnecting, [&] { link.retry(); });
 }
 
 void HubLink::retry() {

@@ -112,7 +112,7 @@ HubService::HubService(sd_event& event, LogStore& store, const ModuleConfigurati
 HubService::~HubService() = default;
 
 void HubService::openStore() noexcept {
-    surviving(m_log, "opening the log store", [this] {
+    logAndIgnore(m_log, "opening the log store", [this] {
         try {
             m_store.open();
         } catch (const LogStoreError& error) {
@@ -130,7 +130,7 @@ void HubService::connected(sd_bus& bus) {
 }
 
 void HubService::lost() noexcept {
-    surviving(m_log, "storing the last records", [this] { storeGathered(); });
+    logAndIgnore(m_log, "storing the last records", [this] { storeGathered(); });
     m_object.reset();
     m_bus = nullptr;
 }
@@ -175,7 +175,7 @@ void HubService::startBatch() {
 
 int HubService::onIdle(sd_event_source* /*source*/, void* self) {
     auto& service = *static_cast<HubService*>(self);
-    return surviving(service.m_log, "storing records", [&] { service.storeGathered(); });
+    return logAndIgnore(service.m_log, "storing records", [&] { service.storeGathered(); });
 }
 
 int HubService::onBatchAge(sd_event_source* source, std::uint64_t /*usec*/, void* self) {

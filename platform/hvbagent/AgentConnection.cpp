@@ -131,7 +131,7 @@ void AgentConnection::sayFarewell() {
     }
     if (m_inFlight.empty()) {
         m_session->disconnect();
-    } // otherwise the broker shall speak the last will
+    } // otherwise the broker publishes the last will
 }
 
 void AgentConnection::ended(const std::string& reason) {

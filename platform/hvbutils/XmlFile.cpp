@@ -57,8 +57,8 @@ public:
     Messages(const Messages&) = delete;
     Messages& operator=(const Messages&) = delete;
 
-    /// The first of the gravest, since the others most often follow from it.
-    std::string gravest() const { return m_message.empty() ? "unknown error" : m_message; }
+    /// Returns the first message of the highest severity, since the others most often follow from it.
+    std::string worst() const { return m_message.empty() ? "unknown error" : m_message; }
     int line() const { return m_line; }
 
 private:
@@ -181,7 +181,7 @@ DocumentPtr parse(const std::string& path, const std::string& text, Findings& fi
         refuse(path, fmt::format("line {}: nests deeper than {} elements", findings.tooDeepAtLine, kMaxConfigDepth));
     }
     if (document == nullptr) {
-        refuse(path, fmt::format("line {}: {}", messages.line(), messages.gravest()));
+        refuse(path, fmt::format("line {}: {}", messages.line(), messages.worst()));
     }
     return document;
 }
@@ -258,7 +258,7 @@ XPathObjectPtr XmlFile::Document::find(const char* xpath) const {
     }
     XPathObjectPtr found(xmlXPathEvalExpression(reinterpret_cast<const xmlChar*>(xpath), context.get()));
     if (found == nullptr) {
-        refuse(path, fmt::format("{}: {}", xpath, messages.gravest()));
+        refuse(path, fmt::format("{}: {}", xpath, messages.worst()));
     }
     return found;
 }

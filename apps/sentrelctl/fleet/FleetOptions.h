@@ -45,7 +45,7 @@ std::string topicPart(const std::string& option, const std::string& text);
 
 /// Runs @p body; what the agent's library throws becomes a failure that says @p what could not be done.
 template <class Body>
-auto telling(const char* what, const Body& body) {
+auto failAs(const char* what, const Body& body) {
     try {
         return body();
     } catch (const std::system_error& error) {

@@ -92,7 +92,7 @@ std::string clearText(Session& session) {
 
 void encrypt(Session& session, const EncryptOptions& options) {
     const std::string file = options.keyFile.empty() ? paths::agentKey() : options.keyFile;
-    const std::string encrypted = telling("nothing was encrypted", [&] {
+    const std::string encrypted = failAs("nothing was encrypted", [&] {
         std::string clear = clearText(session);
         return encryptedWith(file, clear);
     });

@@ -108,7 +108,7 @@ Json answerJson(const Answer& answer) {
         {"state", answer.state},         {"error", answer.time ? Json(nullptr) : Json(validUtf8(answer.error))}};
 }
 
-/// The gravest of the answers: what is not running comes before what does not answer.
+/// Returns the worst of the answers: "not running" counts as worse than "does not answer".
 void failUnlessAllAnswered(const std::vector<Answer>& answers) {
     for (const ExitCode code : {ExitCode::NotRunning, ExitCode::TimedOut, ExitCode::NoAccess, ExitCode::Failed}) {
         for (const Answer& answer : answers) {

@@ -43,7 +43,7 @@ std::string shownName(const std::string& file) {
 void policyCheck(Session& session, const CheckOptions& options) {
     std::optional<agent::PublicKey> key;
     if (!options.publicKey.empty()) {
-        key = telling("cannot read the public key", [&] { return agent::loadPublicKey(options.publicKey); });
+        key = failAs("cannot read the public key", [&] { return agent::loadPublicKey(options.publicKey); });
     }
     const CheckedPolicy policy = checkedPolicy(contentOf(options.file, session.inputFd, kMaxRead), key);
     session.out.write(session.json == JsonMode::Off ? policyText(policy, session.palette)
@@ -59,7 +59,7 @@ void policyCheck(Session& session, const CheckOptions& options) {
 CheckedPolicy policyToPush(Session& session, const PushOptions& options, const Fleet& fleet) {
     std::string message = contentOf(options.file, session.inputFd, kMaxRead);
     if (!options.signingKey.empty()) {
-        message = telling("cannot sign", [&] { return agent::signedMessage(message, options.signingKey); });
+        message = failAs("cannot sign", [&] { return agent::signedMessage(message, options.signingKey); });
     }
     CheckedPolicy policy = checkedPolicy(std::move(message), fleet.policyKey);
     session.err.write(problemsText(policy, Palette::of(false)));

@@ -11,7 +11,7 @@ namespace {
 
 using namespace Sentrel;
 
-TEST(TheSharedNumbers, OfCommandsAre) {
+TEST(HubIds, NumberTheCommands) {
     EXPECT_EQ(CMD_DASH_BOARD_REQUEST, 1003);
     EXPECT_EQ(CMD_ABOUT_BOX_REQUEST, 1004);
     EXPECT_EQ(CMD_SET_DEBUG_LOGGING_STATUS, 1021);
@@ -24,14 +24,14 @@ TEST(TheSharedNumbers, OfCommandsAre) {
     EXPECT_EQ(ST_RESET_PREFS, 100004);
 }
 
-TEST(TheSharedNumbers, OfEventsAre) {
+TEST(HubIds, NumberTheEvents) {
     EXPECT_EQ(EVT_DASHBOARD_STATUS_CHANGE, 1002);
     EXPECT_EQ(EVT_PREFERENCES_CHANGE, 1003);
     EXPECT_EQ(EVT_DEBUG_LOG_CHANGE, 1005);
     EXPECT_EQ(EVT_PROXY_SETTINGS_CHANGE, 1007);
 }
 
-TEST(TheSharedNumbers, OfResultsAre) {
+TEST(HubIds, NumberTheResults) {
     EXPECT_EQ(ST_ERROR_NONE, 180000);
     EXPECT_EQ(ST_ERROR_GENERIC, 180001);
     EXPECT_EQ(ST_ERROR_DATABASE, 180003);
@@ -39,7 +39,7 @@ TEST(TheSharedNumbers, OfResultsAre) {
     EXPECT_EQ(ST_ERROR_PREFERENCES_EXCEPTION, 180006);
 }
 
-TEST(TheSharedNumbers, OfPreferencesAre) {
+TEST(HubIds, NumberThePreferences) {
     EXPECT_EQ(ST_ENABLE, 0);
     EXPECT_EQ(ST_SAFE_SEARCH, 1);
     EXPECT_EQ(ST_RED_SITE_ACTION, 2);
@@ -53,7 +53,7 @@ TEST(TheSharedNumbers, OfPreferencesAre) {
     EXPECT_EQ(ST_ALL_PREFERENCES, 10);
 }
 
-TEST(TheSharedNumbers, OfModulesAndLogRecordsAre) {
+TEST(HubIds, NumberModulesAndLogRecords) {
     EXPECT_EQ(HVB::MODULE_HUB, 1);
     EXPECT_EQ(HVB::MODULE_SENTREL, 7);
     EXPECT_EQ(HVB::LOG_TYPE_HISTORY_EVENT, 3);

@@ -71,7 +71,7 @@ Lines operator+(Lines left, const Lines& right) {
     return left;
 }
 
-TEST_F(AProxy, IsStoredUnderSixKeysInTheirOrderTextsWithoutTheirTerminatorsKeysWithTheirs) {
+TEST_F(AProxy, WritesSixKeysInOrder) {
     EXPECT_EQ(set({}), kNone);
     EXPECT_EQ(sql("select hex(name), typeof(value), hex(value) from vxsetting order by rowid"),
               "52505850726F7879486F737400|blob|70726F78792E6578616D706C65\n" // RPXProxyHost
@@ -83,7 +83,7 @@ TEST_F(AProxy, IsStoredUnderSixKeysInTheirOrderTextsWithoutTheirTerminatorsKeysW
               "456E61626C65487474704175746800|blob|01000000"); // EnableHttpAuth
 }
 
-TEST_F(AProxy, SaysEachStep) {
+TEST_F(AProxy, TracesEachStep) {
     EXPECT_EQ(linesOf([] { set({}); }),
               entry({}) + updated({"host", "uname", "pass", "port", "type", "httpAuthEnable"}));
 }

@@ -16,6 +16,10 @@ namespace {
 constexpr mode_t kOthers = 077;
 constexpr mode_t kOthersWrite = 022;
 
+[[noreturn]] void refuse(const std::string& name, const char* what) {
+    throw UnsafeFile(name + ": " + what);
+}
+
 [[noreturn]] void fail(int error, const std::string& name, const char* what) {
     throw std::system_error(error, std::system_category(), name + ": " + what);
 }
@@ -25,13 +29,13 @@ void checkAccess(const struct stat& facts, FileAccess access, const std::string&
         return;
     }
     if (access == FileAccess::OwnerAlone && (facts.st_mode & kOthers) != 0) {
-        fail(EACCES, path, "others than its owner may access it; it must have mode 0600");
+        refuse(path, "others than its owner may access it; it must have mode 0600");
     }
     if ((facts.st_mode & kOthersWrite) != 0) {
-        fail(EACCES, path, "others than its owner may write to it; it must have mode 0644 or less");
+        refuse(path, "others than its owner may write to it; it must have mode 0644 or less");
     }
     if (facts.st_uid != ::geteuid() && facts.st_uid != 0) {
-        fail(EACCES, path, "it belongs to another user");
+        refuse(path, "it belongs to another user");
     }
 }
 

@@ -1,13 +1,22 @@
 // Reading files: whole, up to a limit, and only from those who may be trusted with them.
 #pragma once
 
+#include <cerrno>
 #include <cstddef>
 #include <string>
+#include <system_error>
 
 /// Free functions. Threads: any. Owner: none.
 /// All throw std::system_error when the system refuses: its code is the errno, its text names the file and what failed.
 /// The code is EFBIG when there is more than the limit.
 namespace Sentrel {
+
+/// A file that others than its owner can get at, or that is another user's. Its code is EACCES, though the system
+/// refused nothing.
+class UnsafeFile : public std::system_error {
+public:
+    explicit UnsafeFile(const std::string& what) : std::system_error(EACCES, std::system_category(), what) {}
+};
 
 /// Who may have access to a file that is read.
 enum class FileAccess {
@@ -29,7 +38,7 @@ std::string readUpTo(int fd, std::size_t maxBytes, const std::string& name);
 std::string readFileOrInput(const std::string& name, int inputFd, std::size_t maxBytes);
 
 /// Everything in a regular file of at most @p maxBytes bytes. A FIFO, a device and a directory are EINVAL; none is
-/// waited for. A link that is refused is ELOOP, a file with more than @p access EACCES.
+/// waited for. A link that is refused is ELOOP, a file with more than @p access an UnsafeFile.
 std::string readRegularFile(const std::string& path, std::size_t maxBytes, FileAccess access,
                             Links links = Links::Refuse);
 

@@ -16,6 +16,7 @@ function(sentrel_test name)
     # Optimising the tests themselves, sanitized, is half of a cold build; what they test is optimised as ever.
     target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
     set(environment "TSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/tsan-suppressions.txt halt_on_error=1"
+        "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/lsan-suppressions.txt:print_suppressions=0"
         "UBSAN_OPTIONS=print_stacktrace=1")
     # The unit tests hold in every time zone, which CI tries; their zone is the caller's.
     if(CMAKE_CURRENT_SOURCE_DIR MATCHES "/tests/integration$")

@@ -19,10 +19,10 @@ std::string stepAfterFailure(const CommandPurpose& purpose) {
     return fmt::format("The daemon's trace log {} says more, if tracing is on", paths::traceLog());
 }
 
-/// Whether the daemon's handler said that it cannot read the hub's configuration of the module.
-bool lacksConfiguration(const HVB::bus::CallError& error) {
+/// Whether the daemon's handler failed because it cannot read the hub's configuration of the module.
+bool lacksConfiguration(const HVB::bus::CallError& error, const CommandPurpose& purpose) {
     constexpr std::int32_t cannotRead = 3; // the daemon's own number for that
-    return error.name() == HVB::bus::kErrorFailed && error.handlerCode() == cannotRead;
+    return error.name() == HVB::bus::kErrorFailed && (purpose.readsConfiguration || error.handlerCode() == cannotRead);
 }
 
 Failure commandFailure(const HVB::HVBException& error, const CommandPurpose& purpose, const std::string& socketPath,
@@ -57,7 +57,7 @@ void CommandChannel::send(HVB::CommandData& command, HVB::CommandResult& result,
     } catch (const HVB::bus::CallError& error) {
         throw commandFailure(
             error, purpose, m_socketPath,
-            lacksConfiguration(error)
+            lacksConfiguration(error, purpose)
                 ? fmt::format("See that the daemon's user can read {}, then try again", paths::moduleConfiguration())
                 : stepAfterFailure(purpose));
     } catch (const HVB::HVBException& error) {

@@ -15,6 +15,7 @@ struct CommandPurpose {
     const char* what;
     const char* afterTimeout = nullptr; ///< for a change, which may yet be made; null for a question
     const char* afterFailure = nullptr; ///< null: its trace log says more
+    bool readsConfiguration = false;    ///< its handler fails when it cannot read the hub's configuration of the module
 };
 
 /// An answer that is none that this program knows.

@@ -4,6 +4,7 @@
 #include "apps/sentrelctl/OptionSet.h"
 #include "apps/sentrelctl/Session.h"
 #include "apps/sentrelctl/fleet/MqttTool.h"
+#include "base/FileReading.h"
 
 #include <memory>
 #include <optional>
@@ -48,6 +49,8 @@ template <class Body>
 auto failAs(const char* what, const Body& body) {
     try {
         return body();
+    } catch (const UnsafeFile& error) { // this user may read it; it is we who do not want to
+        throw Failure(ExitCode::Failed, what, "", error.what(), "");
     } catch (const std::system_error& error) {
         throw Failure(fileFailure(what, "", error.code().value()).code(), what, "", error.what(), "");
     } catch (const std::runtime_error& error) {

@@ -14,7 +14,7 @@ namespace Sentrel::ctl {
 namespace {
 
 constexpr CommandPurpose kAskingStatus{"cannot read the status"};
-constexpr CommandPurpose kAskingVersions{"cannot read the versions"};
+constexpr CommandPurpose kAskingVersions{.what = "cannot read the versions", .readsConfiguration = true};
 
 struct Options {
     double timeout = kDefaultTimeout;

@@ -65,8 +65,11 @@ char* __wrap_inet_ntoa(in_addr address);
 int __wrap_getpwuid_r(uid_t uid, passwd* entry, char* buffer, std::size_t size, passwd** found);
 
 long __wrap_sysconf(int name) {
+    if (name != _SC_HOST_NAME_MAX) {
+        return __real_sysconf(name); // a sanitizer linked into the program asks before anything else is ready
+    }
     const std::optional<long>& limit = SystemDouble::instance().hostNameLimit;
-    return name == _SC_HOST_NAME_MAX && limit ? *limit : __real_sysconf(name);
+    return limit ? *limit : __real_sysconf(name);
 }
 
 int __wrap_gethostname(char* buffer, std::size_t size) {

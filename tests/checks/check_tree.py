@@ -91,35 +91,6 @@ WITHOUT_STORY = {
     "apps/sentrelctl/verbs/VerbPolicy.cpp",
     "apps/sentrelctl/verbs/VerbProxy.cpp",
 }
-# Above so many lines a source begins with a comment of so many: the model, what must stay so, what was tried.
-LONG_SOURCE = 150
-SHORTEST_STORY = 5
-# Sources whose story is still to be told. None is to be added.
-WITHOUT_STORY = {
-    "managed/PolicyCategories.cpp",
-    "managed/DocumentSource.cpp",
-    "managed/VXPolicyEnforcementImpl.cpp",
-    "platform/hvbagent/AgentConfiguration.cpp",
-    "platform/hvbagent/AgentConnection.cpp",
-    "platform/hvbagent/MqttSession.cpp",
-    "apps/sentrelctl/clients/HubClient.cpp",
-    "apps/sentrelctl/doctor/Doctor.cpp",
-    "apps/sentrelctl/doctor/DoctorFiles.cpp",
-    "apps/sentrelctl/doctor/DoctorProcesses.cpp",
-    "apps/sentrelctl/fleet/MachineDocuments.cpp",
-    "apps/sentrelctl/fleet/MqttTool.cpp",
-    "apps/sentrelctl/policy/PolicyCheck.cpp",
-    "apps/sentrelctl/policy/PolicyCheckLists.cpp",
-    "apps/sentrelctl/preferences/PreferenceNames.cpp",
-    "apps/sentrelctl/preferences/SettingsTables.cpp",
-    "apps/sentrelctl/preferences/UrlList.cpp",
-    "apps/sentrelctl/reports/ReportLayout.cpp",
-    "apps/sentrelctl/verbs/VerbCategories.cpp",
-    "apps/sentrelctl/verbs/VerbHubPing.cpp",
-    "apps/sentrelctl/verbs/VerbListFiles.cpp",
-    "apps/sentrelctl/verbs/VerbPolicy.cpp",
-    "apps/sentrelctl/verbs/VerbProxy.cpp",
-}
 
 
 def sources(root, folders, endings):

@@ -391,7 +391,8 @@ TEST_F(ABrokerOnAFailingBus, GivesUpReplyingWhenTheBusDiedMeanwhile) {
     m_bus.kill9();
     EXPECT_EQ(await(sender, "the sender's answer"), -ECONNRESET);
     killed.count_down();
-    EXPECT_EQ(await(code.get_future(), "the handler's reply"), -ENOENT);
+    // Whether the reader has noticed by now decides between "not connected" and "no such command".
+    EXPECT_THAT(await(code.get_future(), "the handler's reply"), testing::AnyOf(-ENOTCONN, -ENOENT));
 }
 
 TEST_F(ABrokerOnAFailingBus, AnswersThatItIsStoppedOnceItIs) {

@@ -25,8 +25,7 @@ bool lacksConfiguration(const HVB::bus::CallError& error, const CommandPurpose& 
     return error.name() == HVB::bus::kErrorFailed && (purpose.readsConfiguration || error.handlerCode() == cannotRead);
 }
 
-Failure commandFailure(const HVB::HVBException& error, const CommandPurpose& purpose, const std::string& socketPath,
-                       const std::string& nextStep) {
+Failure commandFailure(const HVB::HVBException& error, const CommandPurpose& purpose, const std::string& nextStep) {
     if (error.code() == -ETIMEDOUT && purpose.afterTimeout != nullptr) {
         return {ExitCode::TimedOut, purpose.what, "", error.message(), purpose.afterTimeout};
     }
@@ -34,7 +33,7 @@ Failure commandFailure(const HVB::HVBException& error, const CommandPurpose& pur
     if (exitCodeOfHub(error.code()) == ExitCode::Failed) {
         return {ExitCode::Failed, purpose.what, "the daemon", error.message(), nextStep};
     }
-    return hubFailure(error, purpose.what, socketPath);
+    return hubFailure(error, purpose.what);
 }
 
 } // namespace
@@ -56,12 +55,12 @@ void CommandChannel::send(HVB::CommandData& command, HVB::CommandResult& result,
         HVB::HVBCommBroker::getInstance(m_socketPath)->sendCommand(command, &result, true, m_timeout);
     } catch (const HVB::bus::CallError& error) {
         throw commandFailure(
-            error, purpose, m_socketPath,
+            error, purpose,
             lacksConfiguration(error, purpose)
                 ? fmt::format("See that the daemon's user can read {}, then try again", paths::moduleConfiguration())
                 : stepAfterFailure(purpose));
     } catch (const HVB::HVBException& error) {
-        throw commandFailure(error, purpose, m_socketPath, stepAfterFailure(purpose));
+        throw commandFailure(error, purpose, stepAfterFailure(purpose));
     }
 }
 

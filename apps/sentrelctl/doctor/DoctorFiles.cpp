@@ -307,6 +307,9 @@ Diagnosis privateFilesDiagnosis(const agent::AgentConfiguration& configuration) 
                                configuration.host, configuration.port));
 }
 
+constexpr const char* kMendEnrolment =
+    "Mend the enrolment, or remove it, which leaves the machine unmanaged; then restart the daemon";
+
 Diagnosis managementAgent(double /*timeout*/) {
     const std::string path = paths::agentConfiguration();
     const std::optional<struct stat> facts = factsOf(path);
@@ -320,12 +323,10 @@ Diagnosis managementAgent(double /*timeout*/) {
     needReadable(path);
     try {
         return privateFilesDiagnosis(agent::readEnrolment(path));
-    } catch (const CannotSee&) {
-        throw;
-    } catch (const std::runtime_error& error) {
-        const std::string why = error.what();
-        return failed(why.find(path) == std::string::npos ? path + ": " + why : why,
-                      "Mend the enrolment, or remove it, which leaves the machine unmanaged; then restart the daemon");
+    } catch (const agent::DocumentError& error) { // names the place in the document, not the file
+        return failed(path + ": " + error.what(), kMendEnrolment);
+    } catch (const std::system_error& error) {
+        return failed(error.what(), kMendEnrolment);
     }
 }
 

@@ -85,12 +85,9 @@ std::string errnoText(int number) {
     return std::system_category().message(number);
 }
 
-Failure hubFailure(const HVB::HVBException& error, std::string what, std::string where) {
+Failure hubFailure(const HVB::HVBException& error, std::string what) {
     const ExitCode code = exitCodeOfHub(error.code());
-    if (error.message().find(where) != std::string::npos) {
-        where.clear(); // said once is enough
-    }
-    return {code, std::move(what), std::move(where), error.message(), nextStepOfHub(code)};
+    return {code, std::move(what), "", error.message(), nextStepOfHub(code)};
 }
 
 } // namespace Sentrel::ctl

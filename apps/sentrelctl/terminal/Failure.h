@@ -3,6 +3,7 @@
 
 #include "hub/Exceptions.h"
 
+#include <exception>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -20,7 +21,7 @@ enum class ExitCode : int {
 };
 
 /// An error as the user reads it: "<what>: <where>: <why>. <next step>". A part that is empty is left out.
-class Failure {
+class Failure : public std::exception {
 public:
     Failure(ExitCode code, std::string what, std::string where, std::string why, std::string nextStep);
 
@@ -33,6 +34,9 @@ public:
 
     /// The whole line without its newline, fit for a terminal whatever the parts held.
     std::string line() const;
+
+    /// The reason alone; line() is what the user reads.
+    const char* what() const noexcept override { return m_why.c_str(); }
 
 private:
     ExitCode m_code;
@@ -54,7 +58,7 @@ Failure fileFailure(std::string what, std::string name, int number);
 /// The system's text for an errno, as a part of a sentence.
 std::string errnoText(int number);
 
-/// A hub failure with the next step that fits its kind.
-Failure hubFailure(const HVB::HVBException& error, std::string what, std::string where);
+/// A hub failure with the next step that fits its kind. The library's own text names the socket where that matters.
+Failure hubFailure(const HVB::HVBException& error, std::string what);
 
 } // namespace Sentrel::ctl

@@ -1,13 +1,17 @@
 // Where sentrelctl writes: a file descriptor without a buffer, so that what was written is seen at once.
 #pragma once
 
+#include <exception>
 #include <string_view>
 
 namespace Sentrel::ctl {
 
 /// Thrown when the reader of the output is gone, as after "sentrelctl log | head". Nobody is left to tell: the
 /// program ends quietly.
-class OutputClosed {};
+class OutputClosed : public std::exception {
+public:
+    const char* what() const noexcept override { return "nobody reads the output"; }
+};
 
 /// One of the two outputs.
 /// Threads: one at a time. Owner: main; the descriptor is not owned.

@@ -92,7 +92,7 @@ void debugSwitch(Session& session, const Options& options, bool isOn) {
     try {
         bell.subscribe(paths::hubSocket(), {EVT_PREFERENCES_CHANGE});
     } catch (const HVB::HVBException& error) {
-        throw hubFailure(error, kSwitching.what, paths::hubSocket());
+        throw hubFailure(error, kSwitching.what);
     }
     const bool isDone = switches(isOn, channel, bell, options.timeout);
     show(session, isDone == isOn);

@@ -88,7 +88,7 @@ void log(Session& session, const Options& options) {
         hub.subscribeToLog();
         follow(session, hub, list(session, hub, options.limit), stop);
     } catch (const HVB::HVBException& error) {
-        throw hubFailure(error, "cannot read the log", path);
+        throw hubFailure(error, "cannot read the log");
     }
 }
 

@@ -166,7 +166,7 @@ void sendToDaemon(Session& session, const SetOptions& options, proxySettings& se
         settings = settingsOf(session, options);
         publish(hub, settings);
     } catch (const HVB::HVBException& error) {
-        throw hubFailure(error, kCannotSet, paths::hubSocket());
+        throw hubFailure(error, kCannotSet);
     }
 }
 

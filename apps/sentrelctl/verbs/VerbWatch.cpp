@@ -89,7 +89,7 @@ void watch(Session& session, const Options& options) {
     try {
         watchUntilStopped(session, options);
     } catch (const HVB::HVBException& error) {
-        throw hubFailure(error, "cannot watch the preferences", paths::hubSocket());
+        throw hubFailure(error, "cannot watch the preferences");
     }
 }
 

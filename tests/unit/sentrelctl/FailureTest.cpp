@@ -30,11 +30,11 @@ TEST(AHubFailure, HasTheExitCodeOfItsKind) {
     EXPECT_EQ(exitCodeOfHub(-1), ExitCode::Failed) << "-1 stands for a failure without an errno";
 }
 
-TEST(AHubFailure, NamesThePlaceOnce) {
-    EXPECT_EQ(hubFailure(HVB::HVBException(-ENOENT, "no hub at /a/b"), "cannot read", "/a/b").line(),
+TEST(AHubFailure, SaysTheLibrarysTextAndTheNextStepOfItsKind) {
+    EXPECT_EQ(hubFailure(HVB::HVBException(-ENOENT, "no hub at /a/b"), "cannot read").line(),
               "sentrelctl: cannot read: no hub at /a/b. Start the hub (its dbus-daemon and hvbd), then try again.");
-    EXPECT_EQ(hubFailure(HVB::HVBException(-EACCES, "refused"), "cannot read", "/a/b").line(),
-              "sentrelctl: cannot read: /a/b: refused. Run it as root or as a member of the group sentrel-admin.");
+    EXPECT_EQ(hubFailure(HVB::HVBException(-EACCES, "refused"), "cannot read").line(),
+              "sentrelctl: cannot read: refused. Run it as root or as a member of the group sentrel-admin.");
 }
 
 TEST(ASocketFailure, HasTheExitCodeOfItsKind) {

@@ -1,4 +1,16 @@
-// Every look-up of a policy ends here: what comes from the network is bounded before anything else looks at it.
+// Every look-up of a policy ends here. A policy comes from the network, so its values are bounded at this one place:
+// numbers by how many characters are read, texts by the buffer that they are delivered into.
+//
+// There are two sources with one face, policy::PolicySource, so that the rules in policy/ do not know which they read.
+// DocumentSource asks the document for each key. SectionSource searches a section that was fetched once: the list of
+// sites can have thousands of keys, and all of them are in one section.
+//
+// What must stay so:
+// - A missing key is an empty result and never a default value. What a missing key means is the pass's decision.
+// - A text that is cut leaves a trace line. The list readers also need the first character that was cut, which tells
+//   whether the cut went through a code. The buffer does not hold it, so deliveredText looks a full text up again.
+// - A text whose narrow form is too long is left out and not cut: half a URL is another URL.
+// - A source has one large buffer for all its look-ups, so it serves one pass and one thread.
 #include "managed/DocumentSource.h"
 
 #include "daemon/Trace.h"

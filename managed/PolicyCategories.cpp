@@ -1,4 +1,17 @@
-// The second pass: blocked categories and the actions of the site ratings. Its failure keeps the third from running.
+// The second pass of a policy: which categories are blocked, then what happens to yellow, red and unrated sites.
+//
+// Categories and ratings differ in how they are stored. The categories are one list: switch, count, actions and codes
+// are all read first, and only when they serve together is the list replaced. The ratings are three preferences: each
+// is set only when it differs from what is in force.
+//
+// What must stay so:
+// - A missing key fails the pass, and then the third pass does not run. Only the action for uncategorized sites has a
+//   default. Nothing is rolled back: categories that were stored before the ratings failed stay.
+// - The category list is stored and signalled with every policy that gets so far. The checksum comes after that. It
+//   records what the list was and never decides whether to store.
+// - The ratings are signalled once, and only when one of the three changed.
+// - The third rating feeds the action for unrated sites. The action for unverified sites is another preference, which
+//   the general pass sets.
 #include "daemon/Trace.h"
 #include "managed/DocumentSource.h"
 #include "managed/PolicyChecksum.h"

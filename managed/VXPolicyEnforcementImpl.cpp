@@ -1,4 +1,18 @@
-// The frame of a policy's enforcement and its first pass, the general policy.
+// The frame around a policy's three passes, and the first pass, the general policy.
+//
+// The frame runs general, categories and ratings, allow and block list. The general pass cannot fail. When the second
+// one fails, the third does not run. A policy that switches its own enforcement off counts as enforced: no pass runs.
+//
+// In the general pass each key is read and applied by itself. A missing key leaves its preference as it is.
+//
+// What must stay so:
+// - The first enable key marks the enable state as the policy's, also when it changes nothing: dashboard and properties
+//   then take it from the policy. So noteEnableState comes before the comparison.
+// - Only a change of the enable state is signalled. Clients see the other values of this pass at their next read.
+// - The private ranges are replaced with every policy that has a count. The checksum only records what they were, and
+//   its text begins with a blank.
+// - Nothing is caught here. What the controller or the hub throws goes to the agent's library, which reports the policy
+//   as failed.
 #include "managed/VXPolicyEnforcementImpl.h"
 
 #include "base/UserDBPath.h"

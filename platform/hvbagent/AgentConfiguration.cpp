@@ -1,3 +1,17 @@
+// How the enrolment and the credentials are read: strictly, and whole before anything is used.
+//
+// Members asks for each member by its name, with its type and its bounds, and remembers what it was asked for. At the
+// end whatever nobody asked for is refused. Otherwise a misspelt "policy_public_key" would be passed over, and the
+// machine would take policies without a signature.
+//
+// What must stay so:
+// - Every text is checked here, so that nobody behind has to: a part of a topic contains no "/" and no wildcard, a path
+//   is absolute, a number is within its limits.
+// - A message names the file and the place in it as a JSON pointer. It never quotes a value, which may be a password.
+// - The configuration decides whom this machine obeys: only its owner may write it. The credentials are secret: only
+//   their owner may access them.
+// - Loading the configuration reads the credentials once to see that they can be read, and drops them. Each connection
+//   reads them again, so a changed password needs no restart.
 #include "platform/hvbagent/AgentConfiguration.h"
 
 #include "base/FileReading.h"

@@ -1,3 +1,25 @@
+// How the machine stays connected to its broker.
+//
+// One thread repeats the same three steps until it is told to end: attempt, which returns only at the end and throws
+// when the connection is lost; ended, which takes back what was on its way; pause. Each attempt has a session of its
+// own, so nothing of an earlier connection can confuse a later one. All callbacks run inside MqttSession::step, on this
+// thread.
+//
+// A publication leaves the outbox when it is sent, and stays in m_inFlight until the broker acknowledges it. When the
+// connection is lost it goes back into the outbox. It may thus be sent twice, which does no harm: every message is
+// retained, and only the last one on a topic counts.
+//
+// What must stay so:
+// - The pause doubles, is drawn at random, and starts again from its first length only after a connection that lasted.
+//   A broker that accepts and drops its clients is otherwise asked several times a second by a whole fleet.
+// - A reason is logged when it changes, not at each attempt.
+// - The machine's own policy topic is subscribed to last, so that its retained policy arrives after those of its
+//   groups.
+// - An empty policy message clears the topic and not the policy in force.
+// - A retained request to collect is ignored, since it would come again at each connection.
+// - Without an acknowledged "offline" the session takes no leave, and the broker publishes the last will instead.
+// - The name service can hold the thread up for longer than anybody waits. The thread is then detached, and shares the
+//   ownership of everything it uses.
 #include "platform/hvbagent/AgentConnection.h"
 
 #include "base/StartThread.h"

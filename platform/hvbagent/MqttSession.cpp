@@ -1,3 +1,18 @@
+// One connection over libmosquitto, driven by the thread that owns it.
+//
+// The library's own thread and loop are not used. step() polls the socket beside a descriptor that wakes it, and then
+// calls the library's read, write and housekeeping functions. So one thread does everything and no lock is needed.
+//
+// What must stay so:
+// - libmosquitto is C: no exception may pass through it. A callback's exception is kept in m_refusal and thrown when
+//   the library has returned. It goes before the library's own code, which would only say that the connection ended.
+// - When TLS fails, the library's code says little, but its log line names the cause. So the last error line is kept
+//   and preferred as the reason.
+// - During a TLS handshake the library does not tell whether it wants to write. A packet waits all the time, so asking
+//   poll for "writable" would return at once for ever. The handshake is moved on by a short tick instead.
+// - Making a handle sets SIGPIPE to ignored for the whole process. makeHandle puts back what was there.
+// - A TLS key that others may access is refused. One with a pass phrase fails, since nobody is there to type it.
+// - Machines speak MQTT 3.1.1, which every broker serves. Tools ask for MQTT 5, which says why a request is refused.
 #include "platform/hvbagent/MqttSession.h"
 
 #include "base/FileReading.h"

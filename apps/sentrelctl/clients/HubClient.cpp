@@ -1,3 +1,17 @@
+// The hub as a person asks it: the log, the health of the modules, who is on the bus.
+//
+// This talks sd-bus directly and not through the broker class, which serves modules: what is asked here is the bus
+// itself and hvbd's own members. Each call waits for its answer until a deadline. Only the two waits have none: a log
+// that is followed, and `watch`, last until the user ends them. They also wake when a stop signal comes or when nobody
+// reads the output any more.
+//
+// What must stay so:
+// - Before each wait all messages are taken that sd-bus has already read: they are not in the socket any more, so poll
+//   would not wake for them. All records that were stored meanwhile count as one wake-up.
+// - The matches for records and farewells name their sender. Without it they take what anybody on the bus sends.
+// - The bus drops without an answer what its policy refuses to publish. So publish() subscribes to the event, sends it,
+//   and asks the bus a question. Only an event from this very connection counts. The bus works in order: when the
+//   answer is there, the event came before it or never will.
 #include "apps/sentrelctl/clients/HubClient.h"
 
 #include "apps/sentrelctl/Session.h"

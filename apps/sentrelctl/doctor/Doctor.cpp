@@ -1,3 +1,17 @@
+// What all checks of the doctor share: how one is run, how its diagnosis is shown, how it looks at files and asks
+// others.
+//
+// A check that finds a fault says how to mend it. A check that cannot see its subject says so and blames nobody: it
+// throws CannotSee, and examined() also turns a refused access into that verdict.
+//
+// What must stay so:
+// - A check changes nothing and ends in time, also on a machine where nothing works. Whatever may block without a
+//   deadline of its own (the look-up of the host's name), or needs another user's rights, runs in a child: inChild()
+//   kills it at the deadline, and its exit status is the answer.
+// - The child leaves by _exit: what the parent has buffered must not be written twice.
+// - The child gives up its groups first, then the group id, then the user id. Without root's rights the first two would
+//   fail.
+// - Files are looked at with lstat. A link is itself the finding, not what it points to.
 #include "apps/sentrelctl/doctor/Doctor.h"
 
 #include "apps/sentrelctl/terminal/Failure.h"

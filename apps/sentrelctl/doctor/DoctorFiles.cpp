@@ -1,4 +1,17 @@
-// The doctor's checks of what lies on the disk.
+// The doctor's checks of what is on the disk. fileChecks() lists them in the order in which a person mends them: the
+// directories, then the configuration, then the settings file.
+//
+// Each check looks at owner and mode first, then at the content. The daemon's user is taken to be the owner of the
+// shared directory, and what else belongs to the daemon is compared with that.
+//
+// What must stay so:
+// - The bus configuration is not parsed. Its users and its group are picked out, this version's configuration is made
+//   for them, and the two texts are compared. So the check cannot fall behind what hvbd writes.
+// - The settings file is not opened while others can write into its directory: they may have put a journal beside it,
+//   and opening the file would apply it.
+// - What this user may not read is "unseen" and no fault, so needReadable() comes before each reading.
+// - The module configuration is checked for what the daemon or hvbd cannot do without, then for what only the about box
+//   misses. The first is a failure, the second a warning.
 #include "apps/sentrelctl/doctor/Doctor.h"
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "base/FileReading.h"

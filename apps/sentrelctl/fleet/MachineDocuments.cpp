@@ -1,3 +1,15 @@
+// What machines publish about themselves, laid out for people and for programs.
+//
+// A document is whatever some machine, or anybody the broker lets publish, has put on a topic. Only its size, its
+// nesting and that it is an object are known. So every member is looked up as if it were missing or of another type; a
+// dash stands for what is not there.
+//
+// What must stay so:
+// - A document that cannot be read keeps its row, with the reason. One broken machine must not hide the others.
+// - Every text is made printable and cut before it gets into a table, and made valid UTF-8 before it gets into JSON.
+// - The machine's name comes from the topic, which the broker's access rules guard. A "machine" inside the document
+//   does not replace it.
+// - The header knows the JSON library by a forward declaration alone, so that the verbs do not compile the library.
 #include "apps/sentrelctl/fleet/MachineDocuments.h"
 
 #include "apps/sentrelctl/fleet/FleetOptions.h"

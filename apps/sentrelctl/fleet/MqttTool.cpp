@@ -1,3 +1,16 @@
+// A visit to the broker that must end: connect, ask or say something, leave, all before one deadline.
+//
+// It is the agent's own MqttSession. This adds the waiting, and turns what fails into a Failure with an exit code and
+// the next step. The broker chooses the client id, so that two administrators at a time do not disconnect each other.
+//
+// What must stay so:
+// - MQTT does not say when the last retained message was sent. collect() therefore sends a second subscription behind
+//   the first: its answer comes when the first has been served. A cluster may answer out of order, so collect() also
+//   waits until nothing has come for a moment.
+// - What the broker sends is bounded in bytes. Beyond that, message() throws, which ends the session; m_isOutOfMemory
+//   remembers the cause, so that the user is told to ask for less and not that the connection was lost.
+// - A request is known by its number, and m_answers keeps every answer. An answer may come before anybody waits for it.
+// - The name service alone has no deadline.
 #include "apps/sentrelctl/fleet/MqttTool.h"
 
 #include <algorithm>

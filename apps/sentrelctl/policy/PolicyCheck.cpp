@@ -1,5 +1,17 @@
-// The check of a policy: the frame, and the general settings. It follows the daemon's own passes step by step: what
-// they read, in which order, and what keeps the later ones from running.
+// What a policy would do to a machine, told without one: the frame of the check, and the general settings.
+//
+// The check reads through the same functions in policy/ as the enforcement. PolicyFindings is a policy::PolicySource
+// that also takes notes: it returns what the daemon would read, and adds a problem when that differs from how the value
+// looks. So a pass here is the daemon's pass with words in place of setters.
+//
+// What must stay so:
+// - What a value does is decided in policy/ and not here. The check once had rules of its own, and they drifted: a
+//   category code that was cut in two counted as whole, and a name with blanks around it counted twice. A unit test now
+//   holds check and enforcement against each other, with generated policies.
+// - "Fatal" is what makes the daemon report a failure. All else is a warning, however odd it looks.
+// - The third pass is checked also when the second fails and the daemon would not reach it, so that one look shows its
+//   problems too. Its effect is then that the sites stay. With enforcement switched off no pass runs: nothing is fatal,
+//   and there are no effects.
 #include "apps/sentrelctl/policy/PolicyCheck.h"
 
 #include "apps/sentrelctl/policy/PolicyFindings.h"

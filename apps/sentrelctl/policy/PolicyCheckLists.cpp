@@ -1,4 +1,16 @@
-// The check of a policy: categories, ratings and sites, and names that nothing reads.
+// The check of a policy's categories, ratings and sites, and of names that nothing reads.
+//
+// The daemon reads a list in parts that belong together by position: actions and codes of categories, sites and actions
+// of the list. So most problems here are about counts that do not fit each other. Too few actions or codes fail the
+// pass, and too many are cut off. A gap in the list of sites fails nothing, but moves the actions behind it to other
+// sites, which is worse; so it is told with both numbers.
+//
+// What must stay so:
+// - A missing switch of the categories ends the second pass, as in the daemon; so does a missing rating value.
+// - The list of sites is checked also when the second pass fails, but its effect is then that the sites stay.
+// - The daemon ignores names that it does not know. Only this check tells a misspelt key, so checkNames() goes through
+//   the whole document and compares it with the table of keys. A key in the wrong feature gets its right one named.
+// - How many sites and categories are told is counted after trimming and removing repeated names, as they are stored.
 #include "apps/sentrelctl/policy/PolicyFindings.h"
 #include "apps/sentrelctl/policy/PolicyPlaces.h"
 #include "apps/sentrelctl/preferences/PreferenceNames.h"

@@ -1,3 +1,12 @@
+// One table says what the preferences are called, in what order they are shown, which command sets each and where its
+// value is in a snapshot. Verbs and JSON take it from there, so a new preference is one more row here.
+//
+// What must stay so:
+// - Names, JSON names and words for values are an interface that scripts use. They are added to, never changed.
+// - A row has either a switch or an action. A row without a command is shown and cannot be set: only a policy sets it.
+// - An action that has no word is shown as its number. Other clients and policies may have stored it.
+// - A misspelt word gets the nearest candidate as advice. The word comes from the command line and may be very long, so
+//   one that cannot be near is not compared, and an error repeats only its beginning.
 #include "apps/sentrelctl/preferences/PreferenceNames.h"
 
 #include "base/Paths.h"

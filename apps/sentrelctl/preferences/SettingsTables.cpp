@@ -1,5 +1,18 @@
-// The order of the steps is what keeps a foreign file whole: everything that can be wrong is looked for before the
-// first write, and the looking only prepares statements.
+// Making and reading the settings file's tables, beside the daemon.
+//
+// The order of the steps keeps a foreign file whole. Everything that can be wrong is looked for before the first write:
+// first the header's bytes, without SQLite; then the tables' names; then whether statements that need the right columns
+// can be prepared, which runs none of them. A file with other tables, or with a mark of another program or a later
+// version, is left as it is.
+//
+// What must stay so:
+// - Root becomes the owner of the directory before it looks at the file, and stays so. That user could have planted a
+//   link under the file's name; it then leads to nothing that the user could not reach. The new file also belongs to
+//   the daemon.
+// - The file must be readable by every user, whose browser components read it, and writable by its owner alone.
+// - An Init that fails inside may still report success, so the tables are looked for again after they were made.
+// - This is the one source of the command line client that includes store/: the statements that make the tables are the
+//   daemon's own.
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 
 #include "apps/sentrelctl/terminal/Failure.h"

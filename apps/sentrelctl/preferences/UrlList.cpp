@@ -1,3 +1,14 @@
+// The allow/block list as lines of text, and changes to it, without the daemon.
+//
+// A list is a sequence whose order is kept: a changed entry stays in its place, and a new one goes to the end. Lists
+// have thousands of entries, so entries are found by hashing and not by searching.
+//
+// What must stay so:
+// - What an export writes, an import reads as the same entries. faultOfUrl() decides for both what can be a line.
+// - An action is any number: 0 allows, all others block. The number is kept as it came; two actions are equal when both
+//   allow or both block.
+// - "allow" alone on a line is an action whose URL is missing, and not a URL.
+// - Nothing is corrected. A line that is no entry is reported with its number, and the caller decides.
 #include "apps/sentrelctl/preferences/UrlList.h"
 
 #include "base/PrintableText.h"

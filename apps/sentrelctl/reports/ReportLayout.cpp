@@ -1,4 +1,13 @@
-// Words for codes are given only where the meaning of a code is known; other codes are shown as they are.
+// A stored report as a block of lines for people, and as JSON for programs. Both start from the same decoded record.
+//
+// A report of a browser event is known by its URL and its action, and is told in words with the codes behind them. For
+// any other report every pair is shown as it is: nobody here knows what it means.
+//
+// What must stay so:
+// - Words are given only where the meaning of a code is known. Another code is shown as it is.
+// - A record that cannot be decoded gets its block too, with the reason. It never ends a listing.
+// - Values come from browsers: they are made printable for people, and valid UTF-8 for JSON.
+// - JSON has every field under a fixed name, null when it is missing, and times in UTC. People see their local time.
 #include "apps/sentrelctl/reports/ReportLayout.h"
 
 #include "apps/sentrelctl/terminal/Times.h"

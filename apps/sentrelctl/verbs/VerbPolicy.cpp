@@ -1,4 +1,16 @@
-// sentrelctl policy check and policy push: what a policy would do, and sending it on its way.
+// sentrelctl policy check and policy push: what a policy would do, and how it gets to the broker.
+//
+// A push begins with the same check: the message is signed first, then read and checked as the machines will, so that
+// what is checked is byte for byte what is sent. What they would refuse, or could not put into force as a whole, is not
+// sent without --force.
+//
+// What must stay so:
+// - --wait subscribes to the result before it publishes, so that a fast answer is not missed. A retained result is what
+//   was there before. Only one that is published now, and that is about this very message, counts.
+// - --wait is for one machine. A group has no known number of members, so there is no last answer.
+// - A file may be larger than a machine takes, up to twice the size. The check then gives the machine's own reason, and
+//   not an error about reading.
+// - A result "not in force" is a failure of the verb, although the push itself went well.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/fleet/FleetOptions.h"
 #include "apps/sentrelctl/fleet/MachineDocuments.h"

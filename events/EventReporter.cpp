@@ -56,7 +56,7 @@ std::string textOf(const char (&field)[Size]) {
 }
 
 /// One wide character a byte, sign-extended; the report's reader undoes exactly this.
-std::wstring widened(std::string_view bytes) {
+std::wstring widenBytes(std::string_view bytes) {
     std::wstring wide;
     wide.reserve(bytes.size());
     for (const char byte : bytes) {
@@ -71,7 +71,7 @@ std::wstring utcNow() {
     gmtime_r(&now, &utc);
     char text[256] = "";
     static_cast<void>(std::strftime(text, sizeof text, "%Y-%m-%dT%TZ", &utc));
-    return widened(text);
+    return widenBytes(text);
 }
 
 std::string consoleUserOrRoot() {
@@ -98,11 +98,11 @@ void addClassification(Attributes& attributes, const Event& event, const std::ws
 void addMachine(Attributes& attributes) {
     const std::string host = getSystemHostName();
     const std::string address = getHostIp(host);
-    attributes[L"TargetHostName"] = widened(host);
+    attributes[L"TargetHostName"] = widenBytes(host);
     if (!address.empty()) {
-        attributes[L"SourceIPV4"] = widened(address);
+        attributes[L"SourceIPV4"] = widenBytes(address);
     }
-    attributes[L"TargetUserName"] = widened(host + "\\" + consoleUserOrRoot());
+    attributes[L"TargetUserName"] = widenBytes(host + "\\" + consoleUserOrRoot());
 }
 
 Attributes attributesOf(const Event& event, const std::wstring& action) {
@@ -112,8 +112,8 @@ Attributes attributesOf(const Event& event, const std::wstring& action) {
     attributes[L"AnalyzerVersion"] = L"10.7.8";
     attributes[L"DetectedUTC"] = utcNow();
     addClassification(attributes, event, action);
-    attributes[L"SourceURL"] = widened(event.url);
-    attributes[L"SourceProcessName"] = widened(event.process);
+    attributes[L"SourceURL"] = widenBytes(event.url);
+    attributes[L"SourceProcessName"] = widenBytes(event.process);
     attributes[L"AnalyzerDetectionMethod"] = L"URL navigation";
     addMachine(attributes);
     return attributes;
@@ -124,8 +124,8 @@ Information informationOf(const Event& event, EventReporter& reporter) {
     Information info;
     info.emplace(L"target", L"ST_EventInfoMT");
     info.emplace(L"EventTypeId", kEventType);
-    info.emplace(L"DomainName", widened(event.domain));
-    info.emplace(L"URL", widened(event.url));
+    info.emplace(L"DomainName", widenBytes(event.domain));
+    info.emplace(L"URL", widenBytes(event.url));
     info.emplace(L"Count", std::to_wstring(record.count));
     info.emplace(L"ListID", std::to_wstring(reporter.GetListID(record)));
     if (record.blockedInCategory != 0) {
@@ -186,7 +186,7 @@ void EventReporter::sendBlockEventToHVB(STEventData& record) {
         report.m_reportName = L"STBlockEvent";
         report.m_subType = L"AV_ScheduledScan";
         detail.m_name = L"STStaus";
-        detail.attributes = attributesOf(event, widened(GetActionString(record.action)));
+        detail.attributes = attributesOf(event, widenBytes(GetActionString(record.action)));
         detail.info = informationOf(event, *this);
         detail.m_reportType = kReportType;
         sendToHub(report, detail);

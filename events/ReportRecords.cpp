@@ -32,7 +32,7 @@ std::size_t expectedLength(const DetailReportData& record) {
 }
 
 template <class Record>
-std::wstring archived(const Record& record) {
+std::wstring archiveTextOf(const Record& record) {
     const auto stream = HVB::makeOutStream(std::ios_base::in | std::ios_base::out, expectedLength(record));
     boost::archive::text_woarchive archive(*stream, 0);
     archive << record;
@@ -44,11 +44,11 @@ std::wstring archived(const Record& record) {
 ReportData::ReportData() : m_rowId(~std::uint64_t{0}), m_time(std::time(nullptr)), m_reportType(0) {}
 
 std::wstring ReportData::toWstring() const {
-    return archived(*this);
+    return archiveTextOf(*this);
 }
 
 DetailReportData::DetailReportData() : m_flag(false), m_time(std::time(nullptr)), m_reportType(0) {}
 
 std::wstring DetailReportData::toWstring() const {
-    return archived(*this);
+    return archiveTextOf(*this);
 }

@@ -34,9 +34,9 @@ std::unique_ptr<char, decltype(&std::free)> formatted(const char* format, std::v
     return {text, &std::free};
 }
 
-/// A line as the hub's formatter can take it: as it is, or made printable when it is no text of the locale, which
-/// would have the whole line refused.
-std::string acceptable(const char* text) {
+/// The line in a form that the hub's formatter takes. A text that is not valid in the locale is made printable:
+/// otherwise the formatter refuses the whole line.
+std::string formattableLine(const char* text) {
     constexpr auto invalid = static_cast<std::size_t>(-1);
     return std::mbstowcs(nullptr, text, 0) == invalid ? trace::printable(text) : std::string(text);
 }
@@ -49,7 +49,7 @@ void VXHVBLogWrapper::sendLogMessage(HVB::typeOfLog_enum type, HVB::hv_logLevel_
     std::unique_ptr<char, decltype(&std::free)> text(nullptr, &std::free);
     try {
         text = formatted(format, args);
-        HVB_LOG_MSG(HVB::MODULE_SENTREL, L"Sentrel", type, level, L"%s", acceptable(text.get()).c_str());
+        HVB_LOG_MSG(HVB::MODULE_SENTREL, L"Sentrel", type, level, L"%s", formattableLine(text.get()).c_str());
     } catch (const HVB::HVBException&) {
         ST_TRACE(loggerFlow, 1, L"Recieved HVB exception while logging message - %s\n",
                  trace::printable(text.get()).c_str());

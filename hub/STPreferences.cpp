@@ -17,7 +17,7 @@ constexpr int kBitsOfDigit = 6;
 constexpr std::size_t kBytesOfGroup = 3;
 constexpr std::size_t kDigitsOfGroup = 4;
 
-std::string wrapped(const std::string& key) {
+std::string encodeKey(const std::string& key) {
     using Digits = iterators::base64_from_binary<
         iterators::transform_width<std::string::const_iterator, kBitsOfDigit, kBitsOfByte>>;
     std::string text;
@@ -30,7 +30,7 @@ std::string wrapped(const std::string& key) {
 }
 
 /// Padding counts as zero bits, and what it adds goes with the NULs at the end.
-std::string unwrapped(const std::string& text) {
+std::string decodeKey(const std::string& text) {
     using Digits = iterators::binary_from_base64<std::string::const_iterator>;
     using Bytes = iterators::transform_width<Digits, kBitsOfByte, kBitsOfDigit>;
     for (Digits digit(text.begin()); digit != Digits(text.end()); ++digit) {
@@ -51,14 +51,14 @@ std::string unwrapped(const std::string& text) {
 
 void STPreferences::setAllowBlockDetails(const AllowBlockDetails& details) {
     for (const auto& [key, action] : details) {
-        m_allowBlockDetails.emplace(wrapped(key), action);
+        m_allowBlockDetails.emplace(encodeKey(key), action);
     }
 }
 
 AllowBlockDetails STPreferences::getAllowBlockDetails() const {
     AllowBlockDetails details;
     for (const auto& [key, action] : m_allowBlockDetails) {
-        details.emplace(unwrapped(key), action);
+        details.emplace(decodeKey(key), action);
     }
     return details;
 }

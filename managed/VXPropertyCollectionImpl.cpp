@@ -14,8 +14,8 @@ namespace {
 
 constexpr const wchar_t* kGeneral = L"General";
 
-/// The text of @p fetched, which is deleted; empty for null.
-std::wstring taken(wchar_t* fetched) {
+/// The text of @p fetched, and deletes the array. Empty for null.
+std::wstring takeText(wchar_t* fetched) {
     const std::unique_ptr<wchar_t[]> text(fetched);
     return text != nullptr ? text.get() : L"";
 }
@@ -55,14 +55,14 @@ void VXPropertyCollectionImpl::addProperties(HVBEnterprise::SectionsHandle& prop
     addPropertyToSectionData(properties, kGeneral, L"LoadableSafari", L"2");
     addPropertyToSectionData(properties, kGeneral, L"szInstallDir", L"/usr/local/Orvanta/Sentrel");
     addPropertyToSectionData(properties, kGeneral, L"Language", MacUtils::CFHelper::GetLanguage());
-    addPropertyToSectionData(properties, kGeneral, L"szProductVer", taken(getVersionString()));
+    addPropertyToSectionData(properties, kGeneral, L"szProductVer", takeText(getVersionString()));
     const bool isOn = isEnabled();
     ST_TRACE(mgsFlow, 3, L"VXPropertyCollectionImpl::collectProperties - Enable Status = %d\n", isOn ? 1 : 0);
     addPropertyToSectionData(properties, L"Options", L"bSTEnabled", isOn ? L"1" : L"0");
     ST_TRACE(mgsFlow, 3, L"VXPropertyCollectionImpl::collectProperties - Getting Patch version\n");
-    addPropertyToSectionData(properties, kGeneral, L"Patch", taken(getPatchVersion()));
+    addPropertyToSectionData(properties, kGeneral, L"Patch", takeText(getPatchVersion()));
     ST_TRACE(mgsFlow, 3, L"VXPropertyCollectionImpl::collectProperties - Getting Hotfix version\n");
-    addPropertyToSectionData(properties, kGeneral, L"Hotfixes", taken(getHFVersion()));
+    addPropertyToSectionData(properties, kGeneral, L"Hotfixes", takeText(getHFVersion()));
 }
 
 bool VXPropertyCollectionImpl::isSoftwareExists(const std::wstring /*softwareId*/) {

@@ -39,9 +39,9 @@ constexpr mode_t kDirectoryMode = 0777; // the umask decides
 
 using dbSettingsLog::traceException;
 
-/// Runs @p work; an exception is traced and counts as done.
+/// Runs @p work and returns its result. An exception is traced, and counts as success.
 template <class Work>
-bool doneUnlessFalse(const char* operation, Work work) {
+bool runAndTrace(const char* operation, Work work) {
     try {
         return work();
     } catch (...) {
@@ -123,7 +123,7 @@ bool CVXDBSettings::Init(const char* path, bool fix) {
     if (path == nullptr || !openOrMakeDirectory(path)) {
         return false;
     }
-    return doneUnlessFalse("Init", [&] { return prepareAll(fix); });
+    return runAndTrace("Init", [&] { return prepareAll(fix); });
 }
 
 void CVXDBSettings::Close() {
@@ -145,7 +145,7 @@ bool CVXDBSettings::Create() {
     if (!hasHandle()) {
         return false;
     }
-    const bool created = doneUnlessFalse(
+    const bool created = runAndTrace(
         "Create", [&] { return prepareOrFixGets() && prepareEach(m_setRowSets, &IQueryInterface::GenerateSetQuery); });
     m_bCreating = !created;
     return created;
@@ -155,7 +155,7 @@ bool CVXDBSettings::FixDatabase(int tableType) {
     if (GetLastError() != SQLITE_ERROR) {
         return false;
     }
-    return doneUnlessFalse("FixDatabase", [&] {
+    return runAndTrace("FixDatabase", [&] {
         return ExecuteSQL(queryText(tableType, &IQueryInterface::GenerateCreateQuery).c_str()) &&
                prepare(m_getRowSets, tableType, &IQueryInterface::GenerateGetQuery);
     });

@@ -26,7 +26,7 @@ public:
 /// Runs the body of a method call's handler. What it throws becomes the error reply.
 /// @return what a handler returns to sd-bus.
 template <class Body>
-int answering(sd_bus_error* error, Body&& body) noexcept {
+int replyWithErrors(sd_bus_error* error, Body&& body) noexcept {
     try {
         body();
         return 1;

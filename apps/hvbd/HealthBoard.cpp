@@ -26,7 +26,7 @@ const HealthTexts& textsOf(Health health) {
     return texts.at(static_cast<std::size_t>(health));
 }
 
-std::string sentence(int moduleId, const std::optional<Health>& before, Health now, const std::string& detail) {
+std::string changeLine(int moduleId, const std::optional<Health>& before, Health now, const std::string& detail) {
     std::string line = fmt::format("module {} {}", moduleId, textsOf(now).sentence);
     if (before == Health::Gone) {
         line = fmt::format("module {} is back and {}", moduleId, textsOf(now).sentence);
@@ -49,7 +49,7 @@ std::optional<HealthNews> HealthBoard::note(int moduleId, Health health, const s
     }
     const auto before = known != m_entries.end() ? std::optional(known->second.health) : std::nullopt;
     m_entries[moduleId] = {health, now};
-    return HealthNews{textsOf(health).priority, sentence(moduleId, before, health, detail)};
+    return HealthNews{textsOf(health).priority, changeLine(moduleId, before, health, detail)};
 }
 
 std::vector<HealthNews> HealthBoard::notePresent(const std::set<int>& moduleIds, Time now) {

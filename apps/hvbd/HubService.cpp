@@ -136,7 +136,7 @@ void HubService::lost() noexcept {
 }
 
 int HubService::onLog(sd_bus_message* call, void* self, sd_bus_error* error) {
-    return answering(error, [&] { static_cast<HubService*>(self)->gather(*call); });
+    return replyWithErrors(error, [&] { static_cast<HubService*>(self)->gather(*call); });
 }
 
 void HubService::gather(sd_bus_message& call) {
@@ -227,7 +227,7 @@ void HubService::answerStored(const std::vector<PendingRecord>& batch, const std
 }
 
 int HubService::onLogMessage(sd_bus_message* call, void* self, sd_bus_error* error) {
-    return answering(error, [&] {
+    return replyWithErrors(error, [&] {
         static_cast<HubService*>(self)->writeLine(*call);
         send(*newReply(*call));
     });
@@ -250,7 +250,7 @@ void HubService::writeLine(sd_bus_message& call) const {
 }
 
 int HubService::onReadLog(sd_bus_message* call, void* self, sd_bus_error* error) {
-    return answering(error, [&] { static_cast<HubService*>(self)->replyRecords(*call); });
+    return replyWithErrors(error, [&] { static_cast<HubService*>(self)->replyRecords(*call); });
 }
 
 void HubService::replyRecords(sd_bus_message& call) {
@@ -268,7 +268,7 @@ void HubService::replyRecords(sd_bus_message& call) {
 }
 
 int HubService::onStatus(sd_bus_message* call, void* self, sd_bus_error* error) {
-    return answering(error, [&] { static_cast<HubService*>(self)->replyStatus(*call); });
+    return replyWithErrors(error, [&] { static_cast<HubService*>(self)->replyStatus(*call); });
 }
 
 void HubService::replyStatus(sd_bus_message& call) const {

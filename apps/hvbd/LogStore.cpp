@@ -69,7 +69,7 @@ std::int64_t microsecondsNow() {
     return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
 }
 
-LogStoreError trouble(const std::string& doing, const std::string& why) {
+LogStoreError storeTrouble(const std::string& doing, const std::string& why) {
     return {LogStoreError::Kind::Trouble, doing + ": " + why};
 }
 
@@ -100,10 +100,10 @@ bool checkLayout(sqlite3& database, const std::string& path) {
         return true;
     }
     if (application != kApplicationId) {
-        throw trouble(kOpening, explainForeign(path));
+        throw storeTrouble(kOpening, explainForeign(path));
     }
     if (version != kSchemaVersion) {
-        throw trouble(kOpening, explainNewer(path, version));
+        throw storeTrouble(kOpening, explainNewer(path, version));
     }
     return false;
 }
@@ -237,7 +237,7 @@ std::vector<std::uint64_t> LogStore::append(std::span<const LogRecord> records) 
     } catch (const Sentrel::DatabaseError& error) {
         fail(kStoring, error);
     }
-    throw trouble(kStoring, explainReplaced(m_path));
+    throw storeTrouble(kStoring, explainReplaced(m_path));
 }
 
 std::vector<StoredRecord> LogStore::read(std::uint64_t after, std::uint32_t limit, bool newest) {
@@ -277,7 +277,7 @@ void LogStore::openFile() {
         m_connection = std::make_unique<Connection>(openStore(m_path), file);
         m_connection->noteWal(m_path);
     } catch (const std::system_error& error) {
-        throw trouble(kOpening, explainFile(m_path, error.code().value()));
+        throw storeTrouble(kOpening, explainFile(m_path, error.code().value()));
     }
 }
 
@@ -292,7 +292,7 @@ void LogStore::leaveFile() {
     if (moved && left && wal == left->identity) {
         const std::string aside = walOf(m_path) + ".orphan";
         if (rename(walOf(m_path).c_str(), aside.c_str()) != 0) {
-            throw trouble(kOpening, explainFile(aside, errno));
+            throw storeTrouble(kOpening, explainFile(aside, errno));
         }
     }
 }
@@ -308,7 +308,7 @@ std::vector<std::uint64_t> LogStore::write(std::span<const LogRecord> records) {
         // The size tells whether it did what is needed here.
         static_cast<void>(Sentrel::emptyWriteAheadLog(*store.database));
         if (const auto kept = regularFileAt(walPath); kept && kept->size > kMaxWalBytes) {
-            throw trouble(kStoring, explainPinned(m_path));
+            throw storeTrouble(kStoring, explainPinned(m_path));
         }
     }
     Sentrel::WriteTransaction transaction(*store.database);
@@ -358,7 +358,7 @@ void LogStore::fail(const std::string& doing, const Sentrel::DatabaseError& erro
     if (error.code() != SQLITE_BUSY) {
         close();
     }
-    throw trouble(doing, explain(m_path, error));
+    throw storeTrouble(doing, explain(m_path, error));
 }
 
 } // namespace HVB::hub

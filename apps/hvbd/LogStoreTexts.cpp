@@ -12,7 +12,7 @@ std::string moveAway(const std::string& path) {
     return fmt::format("Move it away together with {0}-wal and {0}-shm; the next record then makes a new one.", path);
 }
 
-std::string why(const Sentrel::DatabaseError& error) {
+std::string reasonOf(const Sentrel::DatabaseError& error) {
     return error.systemError() == 0
                ? error.what()
                : fmt::format("{}: {}", error.what(), std::system_category().message(error.systemError()));
@@ -34,14 +34,14 @@ std::string explain(const std::string& path, const Sentrel::DatabaseError& error
     case SQLITE_PERM:
     case SQLITE_AUTH:
         return fmt::format("{0} cannot be written ({1}). Let hvbd's user write it and its directory.", path,
-                           why(error));
+                           reasonOf(error));
     case SQLITE_ERROR:
     case SQLITE_SCHEMA:
     case SQLITE_CONSTRAINT:
     case SQLITE_MISMATCH:
         return fmt::format("{} is not laid out as hvbd needs it ({}). {}", path, error.what(), moveAway(path));
     default:
-        return fmt::format("{} failed ({}). Check its file system and the system log.", path, why(error));
+        return fmt::format("{} failed ({}). Check its file system and the system log.", path, reasonOf(error));
     }
 }
 

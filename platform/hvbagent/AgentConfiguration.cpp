@@ -84,7 +84,7 @@ public:
         return path;
     }
 
-    void done() const {
+    void refuseUnknown() const {
         for (const auto& [name, member] : m_value.get_ref<const json::object_t&>()) {
             if (m_asked.count(name) == 0) {
                 throw DocumentError(memberPlace(m_place, name), "is not known here");
@@ -141,7 +141,7 @@ std::optional<TlsFiles> tlsOf(Members& broker) {
         files.certificate = tls.path("certificate");
         files.key = tls.path("key");
     }
-    tls.done();
+    tls.refuseUnknown();
     return files;
 }
 
@@ -154,7 +154,7 @@ void readBroker(Members& members, AgentConfiguration& configuration) {
     if (broker.find("credentials") != nullptr) {
         configuration.credentialsFile = broker.path("credentials");
     }
-    broker.done();
+    broker.refuseUnknown();
 }
 
 std::string machineOf(Members& members, const std::string& machineIdFile) {
@@ -199,9 +199,9 @@ std::optional<PublicKey> policyKeyOf(Members& members) {
     return key;
 }
 
-/// Runs @p body; what it throws gets the file's name in front, unless it has it already.
+/// Runs @p body. An error that names only the place in the document gets the file's name in front.
 template <class Body>
-auto naming(const std::string& path, const Body& body) {
+auto nameFileInErrors(const std::string& path, const Body& body) {
     try {
         return body();
     } catch (const DocumentError& error) {
@@ -229,7 +229,7 @@ AgentConfiguration readAgentConfiguration(std::string_view text, const std::stri
     configuration.keepalive =
         std::chrono::seconds(members.integerOr("keepalive", kMinKeepalive, kMaxKeepalive, kDefaultKeepalive));
     configuration.policyKey = policyKeyOf(members);
-    members.done();
+    members.refuseUnknown();
     return configuration;
 }
 
@@ -243,7 +243,8 @@ std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path
         }
         throw;
     }
-    AgentConfiguration configuration = naming(path, [&] { return readAgentConfiguration(text, machineIdFile); });
+    AgentConfiguration configuration =
+        nameFileInErrors(path, [&] { return readAgentConfiguration(text, machineIdFile); });
     if (!configuration.credentialsFile.empty()) {
         (void)loadCredentials(configuration.credentialsFile);
     }
@@ -252,13 +253,13 @@ std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path
 
 Credentials loadCredentials(const std::string& path) {
     std::string text = Sentrel::readRegularFile(path, kMaxConfigurationBytes, Sentrel::FileAccess::OwnerAlone);
-    Credentials credentials = naming(path, [&] {
+    Credentials credentials = nameFileInErrors(path, [&] {
         json document = smallJson(text);
         Members members(document, "");
         Credentials read;
         read.user = members.text("user", kMaxCredentialBytes);
         read.password = members.text("password", kMaxCredentialBytes);
-        members.done();
+        members.refuseUnknown();
         return read;
     });
     sodium_memzero(text.data(), text.size());

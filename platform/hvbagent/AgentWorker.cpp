@@ -23,9 +23,9 @@ thread_local bool t_isWorker = false;
 
 using Clock = std::chrono::steady_clock;
 
-/// Runs a call into the module. @return what it gave; false when it threw, which is logged.
+/// Runs a call into the module. @return its result. When it throws, that is logged, and the result is false.
 template <class Call>
-bool calling(AgentLog& log, const char* what, const Call& call) {
+bool callModule(AgentLog& log, const char* what, const Call& call) {
     try {
         return call();
     } catch (const std::exception& error) {
@@ -171,7 +171,7 @@ std::optional<AgentWorker::Task> AgentWorker::awaitTask() {
 void AgentWorker::work() {
     t_isWorker = true;
     while (const std::optional<Task> task = awaitTask()) {
-        calling(*m_log, "the work on a policy or on properties", [&] {
+        callModule(*m_log, "the work on a policy or on properties", [&] {
             std::visit([this](const auto& each) { run(each); }, *task);
             return true;
         });
@@ -202,7 +202,7 @@ void AgentWorker::enforceSaved() {
 }
 
 bool AgentWorker::enforce() {
-    const bool enforced = calling(*m_log, "the enforcement of a policy", [this] {
+    const bool enforced = callModule(*m_log, "the enforcement of a policy", [this] {
         return enforcement().enforcePolicy(m_settings.softwareId, m_policy.sections());
     });
     m_policy.noteEnforced(enforced);
@@ -241,8 +241,8 @@ void AgentWorker::publishResult(const PolicyIdentity& identity, std::optional<bo
 
 void AgentWorker::collectNow(bool full) {
     SectionsHandle properties;
-    const bool collected = calling(*m_log, "the collection of properties",
-                                   [&] { return collection().collectProperties(full, properties); });
+    const bool collected = callModule(*m_log, "the collection of properties",
+                                      [&] { return collection().collectProperties(full, properties); });
     if (!collected) {
         m_log->warning("the module gave no properties");
         return;

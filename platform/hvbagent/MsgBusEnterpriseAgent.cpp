@@ -54,14 +54,14 @@ private:
     std::shared_ptr<AgentClient> m_client SENTREL_GUARDED_BY(m_mutex);
 };
 
-CurrentClient& current() {
+CurrentClient& currentClient() {
     static auto* const client = new CurrentClient; // never freed, as the handle
     return *client;
 }
 
 template <class Service>
 bool registerWith(std::unique_ptr<Service>& service) {
-    const std::shared_ptr<AgentClient> client = current().get();
+    const std::shared_ptr<AgentClient> client = currentClient().get();
     return client != nullptr && client->take(service);
 }
 
@@ -83,11 +83,11 @@ MsgBusEnterpriseAgent* MsgBusEnterpriseAgent::createInstance(const std::string& 
     const auto log = std::make_shared<AgentLog>(logger);
     try {
         const std::shared_ptr<AgentClient> client = makeClient(moduleId, log);
-        current().replace(client);
+        currentClient().replace(client);
         return client != nullptr ? handle : nullptr;
     } catch (const std::exception& error) {
         log->error(std::string("this machine is not managed: ") + error.what());
-        current().replace(nullptr);
+        currentClient().replace(nullptr);
         return nullptr;
     }
 }
@@ -104,7 +104,7 @@ bool MsgBusEnterpriseAgent::getAgentInformation(const int& informationId, std::w
     if (informationId != 0) {
         return false;
     }
-    const std::shared_ptr<AgentClient> client = current().get();
+    const std::shared_ptr<AgentClient> client = currentClient().get();
     if (client == nullptr) {
         answer = L"0";
     } else {
@@ -118,7 +118,7 @@ void MsgBusEnterpriseAgent::decryptMessage(std::string& message, int kind, std::
     if (kind != passwords) {
         throw std::runtime_error("there is no key of kind " + std::to_string(kind));
     }
-    if (current().get() == nullptr) {
+    if (currentClient().get() == nullptr) {
         throw std::runtime_error("the agent's client has been released");
     }
     clearText = agent::decrypted(agent::SecretKey::load(Sentrel::paths::agentKey()), message);
@@ -128,7 +128,7 @@ void MsgBusEnterpriseAgent::releaseInstance() {
     if (agent::AgentWorker::isWorker()) {
         throw std::logic_error("a service must not release the client that calls it");
     }
-    current().replace(nullptr);
+    currentClient().replace(nullptr);
 }
 
 } // namespace HVBEnterprise

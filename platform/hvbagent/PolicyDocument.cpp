@@ -89,10 +89,10 @@ public:
     explicit SectionsFiller(SectionsHandle& sections) : m_sections(sections) {}
 
     void fillSections(const json& value) {
-        each(value, Place(m_document, "sections"),
-             [this](const std::wstring& section, const std::wstring& key, const std::wstring& text) {
-                 m_sections.insert(section, key, text);
-             });
+        insertEach(value, Place(m_document, "sections"),
+                   [this](const std::wstring& section, const std::wstring& key, const std::wstring& text) {
+                       m_sections.insert(section, key, text);
+                   });
     }
 
     void fillFeatures(const json& value) {
@@ -101,15 +101,16 @@ public:
             const Place place(features, name);
             checkName(name, place);
             const std::wstring feature = wideOf(name);
-            each(sections, place, [&](const std::wstring& section, const std::wstring& key, const std::wstring& text) {
-                m_sections.insertForFeature(feature, section, key, text);
-            });
+            insertEach(sections, place,
+                       [&](const std::wstring& section, const std::wstring& key, const std::wstring& text) {
+                           m_sections.insertForFeature(feature, section, key, text);
+                       });
         }
     }
 
 private:
     template <class Insert>
-    void each(const json& value, const Place& place, const Insert& insert) {
+    void insertEach(const json& value, const Place& place, const Insert& insert) {
         for (const auto& [name, keys] : groupsAt(value, place)) {
             const Place sectionPlace(place, name);
             checkName(name, sectionPlace);
@@ -174,9 +175,9 @@ void fill(const json& value, PolicyReading& reading) {
     }
 }
 
-/// Runs @p body, and makes what it throws the reason why the policy is refused.
+/// Runs @p body. When it throws, the policy is refused, with the error's text as the reason.
 template <class Body>
-void reading(PolicyReading& result, const Body& body) {
+void refuseOnError(PolicyReading& result, const Body& body) {
     try {
         body();
     } catch (const DocumentError& error) {
@@ -245,14 +246,14 @@ void readEnvelope(const json& envelope, const std::optional<PublicKey>& key, Pol
 PolicyReading readPolicyDocument(std::string_view bytes) {
     PolicyReading result;
     result.identity.sha256 = sha256Of(bytes);
-    reading(result, [&] { fill(jsonOf(bytes, kMaxPolicyBytes), result); });
+    refuseOnError(result, [&] { fill(jsonOf(bytes, kMaxPolicyBytes), result); });
     return result;
 }
 
 PolicyReading readPolicyMessage(std::string_view message, const std::optional<PublicKey>& key) {
     PolicyReading result;
     result.identity.sha256 = sha256Of(message);
-    reading(result, [&] {
+    refuseOnError(result, [&] {
         const json value = jsonOf(message, kMaxPolicyMessageBytes);
         if (isEnvelope(value)) {
             readEnvelope(value, key, result);

@@ -7,8 +7,8 @@
 // A handler of a signal that runs during sd_bus_call makes it give up, and then nobody can say whether the call was
 // made. So the signals that have handlers are blocked meanwhile, but for faults.
 //
-// After an error stillUsable decides whether the connection can serve on. When in doubt it says no: a good connection
-// that is given up costs an opening, and a bad one that is kept costs a call.
+// After an error isStillUsable() decides whether the connection can serve on. When in doubt it says no: a good
+// connection that is given up costs an opening, and a bad one that is kept costs a call.
 #include "platform/hvbhelpers/BusConnection.h"
 
 #include "base/SignalSet.h"
@@ -246,7 +246,7 @@ MessagePtr callAlone(sd_bus& bus, sd_bus_message& request, Deadline deadline) {
     return reply;
 }
 
-bool stillUsable(sd_bus& bus, const CallError& error) {
+bool isStillUsable(sd_bus& bus, const CallError& error) {
     // The codes that a local failure can have. An error reply may share one; then a good connection is given up.
     constexpr std::array local{ETIMEDOUT, ECONNRESET, ENOTCONN, EPIPE,  ESHUTDOWN, EINTR,
                                ENOMEM,    EBADMSG,    ECHILD,   EPROTO, EIO};

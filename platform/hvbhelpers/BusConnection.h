@@ -70,7 +70,7 @@ MessagePtr newCall(sd_bus& bus, const std::string& destination, const std::strin
 
 /// Sends @p request and waits for its reply. Other messages that arrive meanwhile stay queued on the connection.
 /// Signals that the process handles are held back from this thread meanwhile. May be used in a handler of sd-bus.
-/// After an exception for which stillUsable is false the connection is of no more use (a late reply may be on it).
+/// After an exception for which isStillUsable is false the connection is of no more use (a late reply may be on it).
 /// @throws CallError with a negative errno: -ETIMEDOUT at the deadline, -EACCES when the bus's policy refuses,
 ///         -EHOSTUNREACH when the destination is not on the bus, -ECONNRESET when the bus went away, and
 ///         what sd_bus_error_get_errno(3) says of any other error; its message is the error's own.
@@ -81,7 +81,7 @@ MessagePtr call(sd_bus& bus, sd_bus_message& request, Deadline deadline);
 MessagePtr callAlone(sd_bus& bus, sd_bus_message& request, Deadline deadline);
 
 /// Whether a connection on which call threw @p error can take the next call.
-bool stillUsable(sd_bus& bus, const CallError& error);
+bool isStillUsable(sd_bus& bus, const CallError& error);
 
 /// Appends a wide text as an array of bytes. @throws HVBException with -EMSGSIZE beyond kMaxPayloadBytes.
 void appendText(sd_bus_message& message, std::wstring_view text);

@@ -89,7 +89,7 @@ void ConnectionPool::call(const Make& make, const Read& read, bus::Deadline dead
         const bus::MessagePtr request = make(lease.bus());
         reply = bus::callAlone(lease.bus(), *request, deadline);
     } catch (const bus::CallError& error) {
-        if (bus::stillUsable(lease.bus(), error)) {
+        if (bus::isStillUsable(lease.bus(), error)) {
             lease.release();
         }
         throw;

@@ -20,7 +20,7 @@ constexpr const char* kConnecting = "cannot connect to the event socket";
 constexpr const char* kSending = "cannot send";
 constexpr const char* kReceiving = "no answer";
 
-std::chrono::microseconds left(EventSocket::Deadline deadline) {
+std::chrono::microseconds timeLeft(EventSocket::Deadline deadline) {
     const auto rest =
         std::chrono::duration_cast<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now());
     // Zero would mean "for ever" to the system.
@@ -70,7 +70,7 @@ void EventSocket::connectTo() {
 }
 
 void EventSocket::limitSending() const {
-    const std::chrono::microseconds rest = left(m_deadline);
+    const std::chrono::microseconds rest = timeLeft(m_deadline);
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(rest);
     const timeval limit{seconds.count(), (rest - seconds).count()};
     if (::setsockopt(m_fd.get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) != 0) {

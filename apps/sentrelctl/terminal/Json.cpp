@@ -8,18 +8,18 @@ namespace {
 
 using LibraryJson = nlohmann::ordered_json;
 
-LibraryJson libraryForm(const Json& json);
+LibraryJson toLibrary(const Json& json);
 
 LibraryJson formOf(const Json::Array& array) {
     LibraryJson form = LibraryJson::array();
-    std::transform(array.begin(), array.end(), std::back_inserter(form), libraryForm);
+    std::transform(array.begin(), array.end(), std::back_inserter(form), toLibrary);
     return form;
 }
 
 LibraryJson formOf(const Json::Object& object) {
     LibraryJson form = LibraryJson::object();
     for (const auto& [name, value] : object) {
-        form[name] = libraryForm(value);
+        form[name] = toLibrary(value);
     }
     return form;
 }
@@ -29,21 +29,21 @@ LibraryJson formOf(const Scalar& scalar) {
     return scalar;
 }
 
-LibraryJson libraryForm(const Json& json) {
+LibraryJson toLibrary(const Json& json) {
     return std::visit([](const auto& value) -> LibraryJson { return formOf(value); }, json.value());
 }
 
-Json ownForm(const LibraryJson& value) {
+Json fromLibrary(const LibraryJson& value) {
     Json json;
     if (value.is_object()) {
         json = Json::object();
         for (const auto& [name, field] : value.items()) {
-            json[name] = ownForm(field);
+            json[name] = fromLibrary(field);
         }
     } else if (value.is_array()) {
         json = Json::array();
         for (const LibraryJson& element : value) {
-            json.push_back(ownForm(element));
+            json.push_back(fromLibrary(element));
         }
     } else if (value.is_string()) {
         json = value.get<std::string>();
@@ -62,7 +62,7 @@ Json ownForm(const LibraryJson& value) {
 } // namespace
 
 Json parsedJson(std::string_view document) {
-    return ownForm(LibraryJson::parse(document));
+    return fromLibrary(LibraryJson::parse(document));
 }
 
 Json& Json::operator[](std::string_view name) {
@@ -75,7 +75,7 @@ Json& Json::operator[](std::string_view name) {
 std::string jsonText(const Json& value, JsonMode mode) {
     constexpr int oneLine = -1;
     constexpr int indentation = 4;
-    return libraryForm(value).dump(mode == JsonMode::Pretty ? indentation : oneLine, ' ', true) + "\n";
+    return toLibrary(value).dump(mode == JsonMode::Pretty ? indentation : oneLine, ' ', true) + "\n";
 }
 
 } // namespace Sentrel::ctl

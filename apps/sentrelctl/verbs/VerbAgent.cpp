@@ -31,9 +31,9 @@ struct EncryptOptions {
     std::string keyFile;
 };
 
-/// Runs @p body, which writes a key to a file.
+/// Runs @p body, which writes a key to a file. Turns what it throws into a Failure.
 template <class Body>
-auto makingKey(const Body& body) {
+auto writeKey(const Body& body) {
     constexpr const char* what = "no key was made";
     try {
         return body();
@@ -52,7 +52,7 @@ auto makingKey(const Body& body) {
 
 void signingKeygen(Session& session, const std::string& prefix) {
     const agent::SigningFiles files(prefix);
-    const std::string open = makingKey([&] { return agent::makeSigningPair(files); });
+    const std::string open = writeKey([&] { return agent::makeSigningPair(files); });
     if (session.json != JsonMode::Off) {
         session.out.write(jsonText(Json{{"secret_key_file", validUtf8(files.secret)},
                                         {"public_key_file", validUtf8(files.open)},
@@ -71,7 +71,7 @@ void keygen(Session& session, const KeygenOptions& options) {
         return;
     }
     const std::string file = options.file.empty() ? paths::agentKey() : options.file;
-    makingKey([&] {
+    writeKey([&] {
         agent::SecretKey::generate().save(file);
         return 0;
     });

@@ -41,7 +41,7 @@ DatabasePtr openDatabase(const std::string& path);
 /// How long a call waits for a lock that another program holds, before it fails with SQLITE_BUSY. Zero until it is set.
 void setLockWait(sqlite3& database, std::chrono::milliseconds wait);
 
-/// Runs @p sql, whose results are not looked at. @throws DatabaseError
+/// Runs @p sql and ignores its rows. @throws DatabaseError
 void execute(sqlite3& database, const char* sql);
 
 /// The first column of the first row of @p sql, 0 when there is none. @throws DatabaseError
@@ -50,8 +50,8 @@ std::int64_t queryInteger(sqlite3& database, const char* sql);
 /// The number of the row that was inserted last.
 std::int64_t lastInsertedRow(sqlite3& database);
 
-/// Takes what stands in the write-ahead log over into the database and empties the log. @return false when other
-/// connections or the disk do not let it, and something stays there.
+/// Moves the content of the write-ahead log into the database and empties the log. @return false when other connections
+/// or the disk prevent that, and something stays in the log.
 bool emptyWriteAheadLog(sqlite3& database) noexcept;
 
 /// A prepared statement that is kept and used again and again.
@@ -87,7 +87,7 @@ private:
     std::unique_ptr<sqlite3_stmt, Finalize> m_statement;
 };
 
-/// One use of a kept statement, which is reset at its end however that comes about.
+/// One use of a kept statement. The statement is reset when the use ends, also when an exception ends it.
 /// Threads: one at a time. Owner: a local.
 class StatementUse {
 public:

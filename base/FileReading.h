@@ -11,8 +11,8 @@
 /// The code is EFBIG when there is more than the limit.
 namespace Sentrel {
 
-/// A file that others than its owner can get at, or that is another user's. Its code is EACCES, though the system
-/// refused nothing.
+/// A file that users besides its owner can access, or that belongs to another user. Its code is EACCES, although the
+/// system refused nothing.
 class UnsafeFile : public std::system_error {
 public:
     explicit UnsafeFile(const std::string& what) : std::system_error(EACCES, std::system_category(), what) {}
@@ -21,8 +21,8 @@ public:
 /// Who may have access to a file that is read.
 enum class FileAccess {
     Anybody,
-    OwnerWrites, ///< its group and others may read it at most, and it is this user's or root's
-    OwnerAlone,  ///< its group and others may touch it in no way, and it is this user's or root's
+    OwnerWrites, ///< it is this user's or root's; group and others may at most read it
+    OwnerAlone,  ///< it is this user's or root's; group and others have no access
 };
 
 /// Whether the last part of a path may be a symbolic link. Links to directories before it are followed in any case.
@@ -30,20 +30,20 @@ enum class Links { Follow, Refuse };
 
 /// Everything that @p fd still gives, at most @p maxBytes bytes; the rest of a longer one is not read. A text of up to
 /// 64 KiB is copied nowhere else in memory, so that a caller can wipe a secret.
-/// @param name what stands for the descriptor in the text of a failure.
+/// @param name what the text of a failure calls the descriptor.
 std::string readUpTo(int fd, std::size_t maxBytes, const std::string& name);
 
 /// As readUpTo, of the file @p name, or of @p inputFd when the name is "-". Follows links and waits on pipes, as a user
 /// expects of a file that was named on a command line.
 std::string readFileOrInput(const std::string& name, int inputFd, std::size_t maxBytes);
 
-/// Everything in a regular file of at most @p maxBytes bytes. A FIFO, a device and a directory are EINVAL; none is
-/// waited for. A link that is refused is ELOOP, a file with more than @p access an UnsafeFile.
+/// Everything in a regular file of at most @p maxBytes bytes. A FIFO, a device or a directory is EINVAL, without a
+/// wait. A link that is refused is ELOOP. A file that more users can access than @p access allows is an UnsafeFile.
 std::string readRegularFile(const std::string& path, std::size_t maxBytes, FileAccess access,
                             Links links = Links::Refuse);
 
-/// Refuses, as readRegularFile does for OwnerAlone, a file that another library is going to read. Follows links, whose
-/// target is what counts.
+/// Checks a file that another library is going to read, as readRegularFile does for OwnerAlone. Follows links: the
+/// target counts.
 void requireOwnerAlone(const std::string& path);
 
 } // namespace Sentrel

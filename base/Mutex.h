@@ -18,7 +18,7 @@
 #define SENTREL_REQUIRES(mutex) SENTREL_THREAD_ANNOTATION(requires_capability(mutex))
 /// Of a function: its caller does not hold this mutex, since the function takes it.
 #define SENTREL_EXCLUDES(mutex) SENTREL_THREAD_ANNOTATION(locks_excluded(mutex))
-/// Of a function that is entered with a mutex held that the compiler cannot know of, as a callback of a C library is.
+/// Of a function whose caller holds this mutex although the compiler cannot see it, such as a callback of a C library.
 #define SENTREL_ASSERTS(mutex) SENTREL_THREAD_ANNOTATION(assert_capability(mutex))
 
 namespace Sentrel {
@@ -43,7 +43,7 @@ private:
     std::mutex m_mutex;
 };
 
-/// Holds a mutex for its own lifetime, but for the time between unlock and lock.
+/// Holds a mutex for its own lifetime, except between unlock and lock.
 /// Threads: the one that made it. Owner: a local; the mutex outlives it.
 class SENTREL_THREAD_ANNOTATION(scoped_lockable) MutexLock {
 public:
@@ -58,7 +58,7 @@ public:
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
 
-    /// Lets go of the mutex, to do what must not be done with it held. Requires that it is held.
+    /// Releases the mutex, for work that must not be done under it. Requires that it is held.
     void unlock() SENTREL_THREAD_ANNOTATION(release_capability()) {
         m_isHeld = false;
         m_mutex.unlock();
@@ -74,8 +74,8 @@ private:
     bool m_isHeld = true;
 };
 
-/// Where threads wait for a change of what a mutex guards. A wait may end without one, so the caller looks in a loop;
-/// a loop that stands where the lock is held is also what the compiler can follow.
+/// Where threads wait for a change of what a mutex guards. A wait may end without a change, so the caller waits in a
+/// loop of its own. The compiler can check that loop, since the lock is held around it.
 /// Threads: thread-safe. Owner: the owner of the mutex; all waits on one condition are with the same mutex.
 class ConditionVariable {
 public:
@@ -86,7 +86,7 @@ public:
     void notifyOne() noexcept { m_changed.notify_one(); }
     void notifyAll() noexcept { m_changed.notify_all(); }
 
-    /// Lets go of @p mutex, sleeps until it is notified, and takes the mutex again.
+    /// Releases @p mutex, sleeps until it is notified, and takes the mutex again.
     void wait(Mutex& mutex) SENTREL_REQUIRES(mutex) {
         std::unique_lock lock(mutex.m_mutex, std::adopt_lock);
         m_changed.wait(lock);

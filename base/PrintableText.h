@@ -1,5 +1,5 @@
 // Text from outside, made fit to be logged and shown: no forged lines, no terminal control, nothing that a stream's
-// conversion stumbles over.
+// conversion refuses.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +9,8 @@
 /// Free functions without state. Threads: any. Owner: none.
 namespace Sentrel::text {
 
-/// @p text as valid UTF-8: bytes that are none become \xNN. Everything else stays, control characters included, so
-/// this is for writers that escape those themselves (JSON).
+/// @p text as valid UTF-8: a byte that does not belong to it becomes \xNN. Everything else stays, control characters
+/// included, so this is for writers that escape those themselves (JSON).
 std::string validUtf8(std::string_view text);
 
 /// @p text as valid UTF-8 on one line: as validUtf8, and control characters become \xNN, other characters that steer
@@ -19,8 +19,8 @@ std::string validUtf8(std::string_view text);
 std::string printable(std::string_view text);
 
 /// The bytes of a wide text. Reports widen bytes by their sign, so 0xFFFFFF80 to 0xFFFFFFFF stand for the bytes 0x80 to
-/// 0xFF and are turned back into them. Other values are characters and become UTF-8; those that no encoding has become
-/// \u{NNNNNNNN}. The result is most often UTF-8, to be passed through one of the functions above.
+/// 0xFF and are turned back into them. Other values are characters and become UTF-8; those that UTF-8 cannot encode
+/// become \u{NNNNNNNN}. The result need not be valid UTF-8: pass it through one of the functions above.
 std::string narrowed(std::wstring_view text);
 
 /// @p text, or as much of it as fits into @p maxBytes with "…" behind it. A character is never cut in two.

@@ -8,8 +8,8 @@
 
 namespace Sentrel {
 
-/// Owns a descriptor and closes it. Made from what open(2) and its like return: below 0 it owns nothing.
-/// Closing keeps errno, so that a failure can be told after its descriptors are gone.
+/// Owns a descriptor and closes it. Made from what open(2) and its like return: below 0 it owns nothing. Closing keeps
+/// errno, so that a failure can be reported after its descriptors are closed.
 /// Threads: one at a time; get alone may be called by several while nobody changes it. Owner: whoever holds it.
 class UniqueFd {
 public:
@@ -41,8 +41,8 @@ public:
         }
     }
 
-    /// Closes what it owns, for a writer to whom it matters: some file systems tell of a lost write only here.
-    /// @return whether that went well; errno tells otherwise. The number is given up in any case.
+    /// Closes what it owns and reports the result. Writers need that: some file systems report a lost write only here.
+    /// @return whether the close succeeded; otherwise errno says why it did not. Either way nothing is owned any more.
     [[nodiscard]] bool close() noexcept { return ::close(release()) == 0; }
 
 private:

@@ -7,8 +7,8 @@
 
 namespace Sentrel {
 
-/// A wake-up that stays until it is taken. Several before one is taken are one.
-/// Threads: thread-safe. Owner: the object whose thread it wakes; it outlives whoever wakes.
+/// A wake-up that stays until it is taken. Several before it is taken count as one.
+/// Threads: thread-safe. Owner: the object whose thread it wakes; it must outlive everyone who wakes.
 class WakeUp {
 public:
     /// @throws std::system_error when the system has no descriptor to give.

@@ -34,8 +34,8 @@ bool lockAndWritePid(std::FILE* file, int fd) {
     return true;
 }
 
-/// Keeps the number of a descriptor that was just closed from going to somebody else, because removePidFile closes
-/// that number once more. Requires that no other thread opens descriptors now.
+/// Reserves the number of a descriptor that was just closed: removePidFile closes that number once more, and nobody
+/// else may have got it by then. Requires that no other thread opens descriptors now.
 void reserveDescriptor(int fd) {
     const int placeholder = open("/dev/null", O_RDONLY | O_CLOEXEC);
     if (placeholder >= 0 && placeholder != fd) {

@@ -36,8 +36,8 @@ extern std::int32_t safariPluginFlowvalue;
 
 namespace Sentrel::trace {
 
-/// Opens the log at @p path for appending, gives it mode 0744 and lets lines through. Failures are not looked at:
-/// without a stream every line stays silent. Requires that the log is not open.
+/// Opens the log at @p path for appending, gives it mode 0744 and lets lines through. Failures are ignored: without a
+/// stream every line stays silent. Requires that the log is not open.
 void openTraceLog(const std::string& path);
 
 /// Stops tracing and closes the stream, once: a second call does nothing, and so does one before the log was opened.
@@ -98,7 +98,7 @@ struct Format {
     const wchar_t* text;
 };
 
-/// Writes stamp and message in two calls and flushes. @p inited and @p stream are looked at once more, in a way that
+/// Writes stamp and message in two calls and flushes. Tests @p inited and @p stream once more, in a way that
 /// closeTraceLog on another thread can rely on.
 void writeLine(const std::int32_t& inited, std::FILE* const& stream, const wchar_t* format, ...);
 

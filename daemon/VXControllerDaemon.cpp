@@ -26,8 +26,8 @@ boost::mutex VXController::m_instanceMutex;
 
 namespace {
 
-/// What every handler runs in: the other two signals wait until it is done, the interrupted code finds its errno, and
-/// no exception reaches it.
+/// Runs a handler's work. The other two signals wait until it is done, the interrupted code gets its errno back, and no
+/// exception leaves the handler.
 template <class Work>
 void inHandler(Work work) {
     const int savedErrno = errno;
@@ -46,7 +46,7 @@ void stopDelivery() {
     try {
         HVB::HVBCommBroker::getInstance(paths::hubSocket())->stop();
     } catch (...) {
-        // A hub that cannot be told must not keep the daemon from going down.
+        // The daemon must stop also when the hub cannot be told.
     }
 }
 

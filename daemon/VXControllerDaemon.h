@@ -58,7 +58,8 @@ public:
     static void pluginChangeHandler(int signal); ///< SIGUSR2: reloads the agent plug-ins
 
     // What the subscribed hub events carry. Neither throws: what goes wrong becomes a trace line.
-    /// Switches debug logging when this module's entry differs from what is. Entries of other modules are passed over.
+    /// Switches debug logging when this module's entry differs from the current state. Entries of other modules are
+    /// passed over.
     void handleDebugLogEventData(std::map<int, bool>& statusByModule);
     /// Stores each proxy in turn, so that the last one stays.
     void handleProxySettingsEventData(std::vector<proxySettings> proxies);

@@ -53,7 +53,7 @@ void VXController::handleProxySettingsEventData(std::vector<proxySettings> proxi
     guarded("handleProxySettingsEventData", [&proxies] {
         ST_TRACE(stDaemonFlow, 2, L"VXController::handleProxySettingsEventData entered - Event Notification Handler\n");
         for (const proxySettings& proxy : proxies) {
-            // A proxy that cannot be stored is told of in the trace log; those behind it are tried all the same.
+            // A proxy that cannot be stored gets a line in the trace log, and the next ones are still tried.
             STPreferenceController::getInstance()->setRpxProxySettings(
                 proxy.host.c_str(), proxy.uname.c_str(), proxy.pass.c_str(), proxy.port, proxy.type, proxy.httpAuth);
         }

@@ -1,5 +1,5 @@
-// The order of start and stop. Each step runs only after the one before it has finished; signals are held back but
-// for the points between steps, where no lock is held.
+// The order of start and stop. Each step runs only after the one before it has finished; signals are held back except
+// at the points between steps, where no lock is held.
 #include "base/Paths.h"
 #include "base/SignalSet.h"
 #include "daemon/SignalGate.h"
@@ -21,8 +21,8 @@
 namespace Sentrel {
 namespace {
 
-/// When the start fails with the hub connected, its receiver of commands is unwound while the broker lives on. No
-/// command may reach it then.
+/// When the start fails after the hub was connected, the receiver of commands is destroyed while the broker lives on.
+/// No command may reach it then.
 class StopDeliveryOnUnwind {
 public:
     StopDeliveryOnUnwind() = default;
@@ -31,7 +31,7 @@ public:
             try {
                 HVB::HVBCommBroker::getInstance(paths::hubSocket())->stop();
             } catch (...) {
-                // The failure that is on its way is the one to report.
+                // The exception that ends the start is the one to report.
             }
         }
     }
@@ -39,8 +39,8 @@ public:
     StopDeliveryOnUnwind& operator=(const StopDeliveryOnUnwind&) = delete;
 };
 
-/// The receiver of the hub's events. A start that fails leaves it to the broker, which knows it by then; a function of
-/// its own, so that the leak check tells it from everything else that a start makes.
+/// Makes the receiver of the hub's events. A start that fails does not delete it, since the broker still knows it. This
+/// is a function of its own so that the leak check can tell the receiver from everything else that a start makes.
 HVBEventNotificationImpl* makeEventReceiver() {
     return new HVBEventNotificationImpl;
 }

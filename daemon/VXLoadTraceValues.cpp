@@ -129,7 +129,7 @@ std::string VXLoadTraceValues::getXPathElement(const char* xpath) {
         static_cast<void>(std::fprintf(stderr, "Error: unable to evaluate xpath expression \"%s\"\n", xpath));
         return {};
     }
-    // An element that stands twice counts as missing, and so does an empty one.
+    // An element that occurs twice counts as missing, and so does an empty one.
     if (nodes->nodeNr != 1 || nodes->nodeTab[0]->children == nullptr) {
         return {};
     }

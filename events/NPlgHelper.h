@@ -9,7 +9,7 @@
 #include <map>
 #include <string>
 
-/// Free functions; none reports an error but by the results told here.
+/// Free functions; none reports an error except by its result.
 /// Threads: any, unless a function says otherwise. Owner: none.
 namespace NPlgHelper {
 

@@ -7,8 +7,8 @@
 // What must stay so:
 // - The socket belongs to everybody (0777), as any user's browser has to reach it: nothing that arrives is trusted.
 // - SIGPIPE is blocked before the thread is made, which inherits it: a client that has gone is a failed write.
-// - The end is told by m_stop, then by shutdown, which wakes select; closing alone does not. The descriptor is closed
-//   after the thread has gone, or another open of the process could get its number while select still waits.
+// - The thread is stopped by m_stop and then by shutdown, which wakes select; closing alone does not. The descriptor is
+//   closed after the thread has gone, or another open of the process could get its number while select still waits.
 // - A client that is connected and silent holds up the others, and the stop too.
 #include "events/STEventServer.h"
 
@@ -116,7 +116,7 @@ void STEventServer::releaseInstance() {
 
 STEventServer::STEventServer() {
     ST_TRACE(ipcFlow, 2, L"STEventServer::STEventServer - Entered\n");
-    // A client that has gone must give a failed write, not a dead daemon. The thread inherits this.
+    // A write to a client that has gone must fail and not end the daemon. The thread inherits this.
     SignalSet{SIGPIPE}.block();
     m_bReady = removeStaleNode() && openSocket();
 }

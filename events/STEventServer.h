@@ -40,7 +40,7 @@ public:
     void processSocketEvent();
 
     /// Serves one message as it came from a client: an event goes to the reporter, a decrypt request is answered on
-    /// @p client. Longer than 1024 bytes no message can be; what a short one leaves open is zero.
+    /// @p client. No message is longer than 1024 bytes; a short one is filled up with zeros.
     static void processMessage(int client, std::span<const char> message);
 
 private:

@@ -1,4 +1,4 @@
-// The module's one door to the hub. The class is declared here as the daemon needs it; a library of the platform
+// The module's one way to the hub. The class is declared here as the daemon needs it; a library of the platform
 // supplies it (platform/hvbhelpers), and unit tests link a recording double in its place.
 #pragma once
 
@@ -47,9 +47,9 @@ public:
     void start(boost::logic::tribool waitForHub);
 
     /// Stops delivery: no further callback begins. Callbacks that run are not waited for. Commands are answered with an
-    /// error from then on. It is for the life of this broker: one that was stopped before start connects and
-    /// subscribes without an error, and delivers nothing. Sending goes on.
-    /// May be called in a signal handler on a thread that is not inside a broker operation.
+    /// error from then on. This holds for the life of this broker: one that was stopped before start connects and
+    /// subscribes without an error, and delivers nothing. Sending goes on. May be called in a signal handler on a
+    /// thread that is not inside a broker operation.
     void stop();
 
     /// Subscribes to the id in @p event, which is only the carrier of the id. A second subscription to an id is the

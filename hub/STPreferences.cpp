@@ -29,12 +29,12 @@ std::string encodeKey(const std::string& key) {
     return text;
 }
 
-/// Padding counts as zero bits, and what it adds goes with the NULs at the end.
+/// Padding counts as zero bits. The bytes that it adds are removed with the NULs at the end.
 std::string decodeKey(const std::string& text) {
     using Digits = iterators::binary_from_base64<std::string::const_iterator>;
     using Bytes = iterators::transform_width<Digits, kBitsOfByte, kBitsOfDigit>;
     for (Digits digit(text.begin()); digit != Digits(text.end()); ++digit) {
-        static_cast<void>(*digit); // also one whose bits make no whole byte has to be in the table
+        static_cast<void>(*digit); // must be in the table, even when its bits make no whole byte
     }
     std::string key;
     const std::size_t whole = text.size() * kBitsOfDigit / kBitsOfByte;

@@ -16,7 +16,7 @@ namespace Sentrel {
 
 /// URLs in the order in which they are to be looked at: 0 allows, any other value blocks.
 using AllowBlockDetails = std::multimap<std::string, int, NPlgHelper::classcomp>;
-/// Blocked content categories. That a name is there is what counts.
+/// Blocked content categories. Only the presence of a name counts.
 using CategoryBlockDetails = std::map<std::string, int>;
 
 /// A snapshot of the preferences, or, with the individual flag, of the one that its type names; the other members
@@ -27,7 +27,7 @@ public:
     /// Adds @p details, their keys in base64, behind the entries that are there.
     void setAllowBlockDetails(const AllowBlockDetails& details);
 
-    /// The entries with their keys as plain bytes. NULs at the end of a key are taken for padding and are gone.
+    /// The entries with their keys as plain bytes. NULs at the end of a key are taken for padding and removed.
     /// @throws boost::archive::iterators::dataflow_exception for a key that is no base64.
     AllowBlockDetails getAllowBlockDetails() const;
 

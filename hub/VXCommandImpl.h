@@ -9,12 +9,13 @@ namespace Sentrel {
 
 /// Receives the hub commands for this module and answers them.
 ///
-/// A reply carries the header of its command. A preference that could not be set is told by the STError in the payload
-/// while both flags stay true; only a request for a preference that there is not is answered with m_bSucceeded false.
-/// Whole commands signal the change whatever became of it, individual ones only on success.
+/// A reply carries the header of its command. When a preference could not be set, the STError in the payload says so
+/// and both flags stay true. Only a request for an unknown preference is answered with m_bSucceeded false. The commands
+/// for all preferences signal the change whatever the result, those for one preference only on success.
 ///
 /// What is thrown while a payload is read, or by the controller or the broker outside a set, leaves handleCommand: the
-/// broker tells the sender. The two commands for debug logging catch it and send no reply, which it tells as well.
+/// broker tells the sender. The two commands for debug logging catch it and send no reply, of which the broker tells
+/// the sender too.
 /// Threads: broker threads, several at a time; it holds no state. A set is not atomic: a get that runs at the same time
 /// may see a part of it. Owner: VXController::main.
 class VXCommandImpl : public HVB::CommandInterface {

@@ -19,7 +19,8 @@ std::optional<std::string> narrowPolicyText(const std::wstring& text);
 /// The same line for a text that was found to be too long.
 void traceTooLong();
 
-/// A declared number of entries as far as it is looked through. What is beyond is traced: ask once a list.
+/// How many entries are looked for when a list declares that many. A number that is cut is traced, so ask once for each
+/// list.
 int boundedCount(int declared);
 
 /// Where a look-up delivers a text.

@@ -1,4 +1,4 @@
-// How the lists of a policy are read, and what of them comes to stand in the settings file.
+// How the lists of a policy are read, and which of their entries get into the settings file.
 #pragma once
 
 #include "policy/PolicyValues.h"
@@ -31,7 +31,7 @@ struct NumberEntries {
     std::vector<int> missing;
 };
 
-/// A declared number of entries as far as it is looked through: 0 to kMaxPolicyEntries.
+/// How many entries are looked for when a list declares that many: 0 to kMaxPolicyEntries.
 int boundedCount(int declared);
 
 /// The entries of @p key below @p declared, which is bounded here.
@@ -60,8 +60,8 @@ struct CategoryCodes {
 };
 CategoryCodes readCategoryCodes(const PolicySource& source);
 
-/// What lists come to in the settings file: names lose the blanks around them, one that comes again takes the place of
-/// its elder, and what has no name is not kept.
+/// A list's entries as the settings file holds them: blanks around a name are removed, a repeated name replaces the
+/// earlier one, and an entry without a name is left out.
 std::set<std::string> blockedCategories(const CategoryActions& actions, const CategoryCodes& codes, int count);
 std::map<std::string, int> storedSites(const TextEntries& sites, const NumberEntries& actions);
 std::set<std::string> storedRanges(const TextEntries& ranges);

@@ -15,7 +15,7 @@ struct PolicyNumber {
     int value;    ///< 0 when the text does not begin with one
     bool isWhole; ///< the whole text is a number of 32 bits; otherwise its beginning was taken, or 0
 };
-/// Of @p text no more than kMaxNumberCharacters are looked at, and none behind one that is not ASCII.
+/// Reads at most kMaxNumberCharacters of @p text, and none behind a character that is not ASCII.
 PolicyNumber readNumber(std::wstring_view text);
 
 /// A text as far as it is taken.
@@ -28,7 +28,7 @@ struct PolicyText {
 /// Cuts @p whole at kMaxTextCharacters. Requires that there is no NUL in it.
 PolicyText readText(std::wstring_view whole);
 
-/// The narrow form of a text. None when it takes more than kMaxNarrowBytes: half a text would be another one.
+/// The narrow form of a text. None when it takes more than kMaxNarrowBytes: half a text would mean something else.
 std::optional<std::string> narrowText(const std::wstring& text);
 
 /// A policy document, in which keys are looked up.

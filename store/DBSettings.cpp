@@ -75,7 +75,7 @@ std::string nameOf(const CSQLiteRowSet& rowSet) {
     return name.substr(0, name.find('\0'));
 }
 
-/// Hands every row that @p sql gives to @p take. False when it cannot be prepared.
+/// Calls @p take with every row of @p sql. False when it cannot be prepared.
 template <class Take>
 bool forEachRow(const CSQLiteDBConnection& connection, const std::string& sql, Take take) {
     CSQLiteRowSet rowSet;
@@ -230,7 +230,7 @@ bool CVXDBSettings::Get(const char* name, unsigned long nameLength, void* buffer
             std::memcpy(buffer, value, valueSize);
         }
         // A statement that stands on a row keeps the file locked against others, and our own writes would then meet
-        // theirs without a wait. What Reset says is of the step, which gave a row.
+        // theirs without a wait. The result of Reset is about the step, which gave a row.
         static_cast<void>(rowSet->Reset());
         return true;
     }

@@ -20,9 +20,9 @@ public:
 
     /// Opens the file, making it and the last directory of its path when they are absent, and prepares the statements.
     /// Requires that it was not called on this object before.
-    /// @param fix create tables that are missing; whoever wants to use them builds another object. Without it a missing
-    /// table, a locked file or one that is none of SQLite's ends the preparing and is no error; what needs it fails
-    /// softly.
+    /// @param fix create tables that are missing; to use them, build another object. Without it a missing table, a
+    /// locked file or a file that is no database ends the preparation and is no error; operations that need the table
+    /// then fail softly.
     /// @return false when there is no database to use: the file cannot be opened, a table cannot be made, or one is not
     /// what the statements expect.
     bool Init(const char* path, bool fix);
@@ -34,8 +34,8 @@ public:
     /// open file, and for every further call after one that failed, until Close.
     bool Create();
 
-    /// Makes the table when that is all that is wrong: never touches a file that is damaged or something else.
-    /// Requires that preparing its statement has just failed.
+    /// Makes the table when nothing else is wrong. Never touches a file that is damaged or is no database. Requires
+    /// that preparing its statement has just failed.
     /// @return whether the table can be read now.
     bool FixDatabase(int tableType);
 

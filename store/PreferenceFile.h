@@ -23,7 +23,7 @@ inline void printLine(const std::string& text) {
 }
 
 /// Opens the settings file for one operation. Its tables are taken as they are.
-/// @param noPath, noHandle called when its path cannot be had, and when it cannot be opened.
+/// @param noPath, noHandle called when there is no path, and when the file cannot be opened.
 /// @return null after one of them was called.
 template <class NoPath, class NoHandle>
 std::unique_ptr<CVXDBSettings> openSettings(NoPath noPath, NoHandle noHandle) {

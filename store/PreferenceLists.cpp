@@ -1,10 +1,10 @@
 // The lists are replaced whole: the table is emptied, written row by row and read back, each statement committed by
 // itself. What was read back is the new list, so that memory shows what the file holds, also after a write that failed.
-// Of two replacements at a time the rows mix in the file. Reading back and taking over is one step, so that memory then
-// has the later look at it, which sees them all.
+// When two replacements run at the same time, their rows mix in the file. Reading back and taking over is one step, so
+// memory ends with the later reading, which saw all rows.
 //
-// No transaction is made of it: readers of the file would wait for as long as the list takes to be written. A kill on
-// the way leaves whole rows. The lock of the lists in memory is never held while the file is used.
+// No transaction is made of it: readers of the file would wait for as long as the list takes to be written. A daemon
+// that is killed meanwhile leaves whole rows. The lock of the lists in memory is never held while the file is used.
 #include "base/TextConversion.h"
 #include "daemon/Trace.h"
 #include "store/PreferenceFile.h"
@@ -21,7 +21,7 @@ namespace {
 
 constexpr const char* kBlanks = " \t";
 
-/// The lines of a setter whose settings file cannot be had; they are what operators search for.
+/// The trace lines of a setter that cannot open the settings file. Operators search for them.
 struct OpeningLines {
     const char* noPath;
     const char* noHandle;
@@ -67,7 +67,7 @@ std::optional<std::string> narrowed(const char* setter, const std::wstring& wide
     return std::nullopt;
 }
 
-/// Of the parallel arrays of a policy, how many entries are whole.
+/// How many entries of a policy's parallel arrays are complete.
 std::size_t wholeEntries(const char* setter, std::size_t declared, std::size_t names, std::size_t actions) {
     const std::size_t whole = std::min({declared, names, actions});
     if (whole != declared) {
@@ -81,7 +81,7 @@ int digitOf(wchar_t character) {
     return character >= L'0' && character <= L'9' ? static_cast<int>(character - L'0') : 0;
 }
 
-/// Clients see their lists pass on standard output, also the entries that are not stored.
+/// Every entry of a client's list goes to standard output, also one that is not stored.
 void printEntry(const std::string& name, int action) {
     detail::printLine(trace::printable(name) + (action == 0 ? " Allow" : " Block"));
 }
@@ -108,7 +108,7 @@ void STPreferenceController::replaceCategoryBlockDetails(CategoryBlockDetails de
     m_categoryBlockDetails.swap(details);
 }
 
-/// The stored action does not read back as a number; that a name is there is what counts.
+/// The stored action does not read back as a number; only the presence of the name counts.
 void STPreferenceController::takeCategoryRows(const CVXDBSettings::Rows& rows) {
     constexpr int blocked = 1;
     CategoryBlockDetails details;

@@ -1,9 +1,10 @@
 // The fifteen scalar setters are one mechanism: each names its member, its key, its name in the trace lines and its
-// shape. How they differ in words, levels and the weight of a refused write stands in the shapes; the words are what
-// operators search for.
+// shape. They differ in words, in levels and in what a refused write means. The shapes hold these differences.
+// Operators search for the words.
 //
-// The order must stay: the same value again ends at once, without the file; then the file, and memory only when the
-// file has taken the value. The site actions are the exception: memory takes them whatever the file did (kShapeD).
+// The order must stay: a setter that gets the current value returns at once and does not open the file. Otherwise it
+// writes the file, and then memory, if the file has taken the value. The site actions are the exception: memory takes
+// them whatever the file did (kShapeD).
 #include "daemon/Trace.h"
 #include "store/PreferenceFile.h"
 #include "store/STPreferenceController.h"

@@ -1,4 +1,4 @@
-// Which change of a preference is told to the hub, and how.
+// Which changes of a preference are announced to the hub, and how.
 #include "base/Paths.h"
 #include "daemon/Trace.h"
 #include "hub/HVBCommBroker.h"
@@ -12,8 +12,8 @@ void publish(EventId id) {
     HVB::HVBCommBroker::getInstance(paths::hubSocket())->sendEventNotification(event);
 }
 
-/// The types whose change is told by the preferences event alone. Types 5 and 6 are told to nobody, and the enabling
-/// switch only to the dashboard: clients rely on that.
+/// The types whose change is announced by the preferences event alone. A change of types 5 and 6 is not announced, and
+/// one of the enabling switch only to the dashboard: clients rely on that.
 bool isPreferencesAlone(STPrefType type) {
     constexpr unsigned preferencesAlone = 0x39E;
     return type >= ST_ENABLE && type < ST_ALL_PREFERENCES &&

@@ -9,8 +9,8 @@ struct sqlite3;
 struct sqlite3_stmt;
 
 /// Owns one database handle.
-/// Threads: one at a time, but for Close, which is serialised across all connections. Owner: whoever built it; it must
-/// outlive the row sets that were opened on it.
+/// Threads: one at a time. Close is serialised across all connections. Owner: whoever built it; it must outlive the row
+/// sets that were opened on it.
 class CSQLiteDBConnection {
 public:
     CSQLiteDBConnection() = default;
@@ -65,7 +65,7 @@ public:
     bool BindBlob(int parameter, const void* bytes, unsigned long length);
     bool BindInt(int parameter, int value);
 
-    /// Makes the statement ready for its next use; the bindings stay. False tells also that the last Execute failed.
+    /// Makes the statement ready for its next use; the bindings stay. False also means that the last Execute failed.
     /// True without a statement.
     bool Reset();
 

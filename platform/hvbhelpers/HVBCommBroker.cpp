@@ -1,4 +1,4 @@
-// The door itself: every operation goes to the process's broker of that moment.
+// Passes every operation on to the broker that the process has at that moment.
 #include "hub/HVBCommBroker.h"
 
 #include "platform/hvbhelpers/Broker.h"
@@ -9,9 +9,9 @@ namespace HVB {
 
 HVBCommBroker* HVBCommBroker::getInstance(std::string socketPath) {
     // It has no state and is never freed, so that the pointer outlives every release.
-    static HVBCommBroker* const door = new HVBCommBroker;
+    static HVBCommBroker* const instance = new HVBCommBroker;
     detail::makeBroker(std::move(socketPath));
-    return door;
+    return instance;
 }
 
 void HVBCommBroker::releaseInstance() {

@@ -1,4 +1,4 @@
-// The wall between C++ and the C callbacks of sd-bus and sd-event: no exception gets through.
+// Keeps exceptions out of the C callbacks of sd-bus and sd-event.
 #pragma once
 
 #include "apps/hvbd/LogStore.h"
@@ -59,7 +59,7 @@ int logAndIgnore(const SystemLog& log, const char* doing, Body&& body) noexcept 
             tell(failed.what());
         }
     } catch (...) {
-        // Not even the line could be made. Going on is all that is left.
+        // Not even the line could be made. Nothing is left to do.
         syslog(LOG_ERR, "%s failed", doing);
     }
     return 0;

@@ -6,7 +6,7 @@
 // is known of each and says what is news, and only news gets a line in the system log.
 //
 // All of this runs on the one loop. When the bus is lost, all that is under way is dropped with the connection. The
-// timer counts time asleep too, so that a machine that wakes up is looked at soon.
+// timer counts time asleep too, so that a machine that wakes up is checked soon.
 #include "apps/hvbd/HealthMonitor.h"
 
 #include "apps/hvbd/CallbackGuard.h"

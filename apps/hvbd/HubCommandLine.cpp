@@ -120,7 +120,7 @@ CommandLine parseCommandLine(int argc, const char* const* argv) {
 }
 
 int printBusConfiguration(const bus::BusConfigurationOptions& options) {
-    // All three are looked at, so that one run tells everything that is missing.
+    // All three are checked, so that one run reports everything that is missing.
     const bool daemonUser = userExists(options.daemonUser);
     const bool hubUser = userExists(options.hubUser);
     const bool adminGroup = groupExists(options.adminGroup);

@@ -1,4 +1,4 @@
-// What hvbd can be told when it is started.
+// The command line of hvbd.
 #pragma once
 
 #include "platform/hvbhelpers/BusConfiguration.h"
@@ -31,8 +31,8 @@ struct CommandLine {
 /// Never throws for bad usage: that is an exit code.
 CommandLine parseCommandLine(int argc, const char* const* argv);
 
-/// Prints the bus's configuration to standard output, after making sure that every user and group in it exists: the
-/// bus would pass over a rule for one that does not. @return the exit code.
+/// Prints the bus's configuration to standard output, after making sure that every user and group in it exists: the bus
+/// ignores a rule for one that does not. @return the exit code.
 int printBusConfiguration(const bus::BusConfigurationOptions& options);
 
 } // namespace HVB::hub

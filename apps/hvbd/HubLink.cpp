@@ -61,7 +61,7 @@ int HubLink::onDisconnected(sd_bus_message* /*message*/, void* self, sd_bus_erro
     return logAndIgnore(link.m_log, kReconnecting, [&] {
         link.m_log.write(LOG_WARNING, "the bus at " + link.m_socketPath + " went away; hvbd tries to reach it again");
         link.m_pause = kFirstReconnectPause;
-        // The connection is given up by the timer: here it is in the middle of a dispatch.
+        // The timer gives the connection up: here it is still dispatching.
         link.retryAfter(std::chrono::milliseconds(0));
     });
 }
@@ -82,7 +82,7 @@ int HubLink::onRetry(sd_event_source* /*source*/, std::uint64_t /*usec*/, void* 
 
 void HubLink::retry() {
     dropConnection();
-    // Set before the try, so that no failure of it is the last one.
+    // The timer is set before the attempt, so that another one follows however this one fails.
     retryAfter(m_pause);
     m_pause = std::min(m_pause * 2, kLastReconnectPause);
     try {

@@ -10,8 +10,8 @@
 
 namespace HVB::hub {
 
-/// Keeps one connection that owns the hub's name. When the bus goes away it is tried again and again, with a pause
-/// that doubles up to kLastReconnectPause; while a try waits for the bus the loop stands still for at most
+/// Keeps one connection that owns the hub's name. When the bus goes away, it tries to connect again, with a pause that
+/// doubles up to kLastReconnectPause. While one attempt waits for the bus, the loop stands still for at most
 /// kConnectTimeout.
 /// Threads: the loop's. Owner: the program; what it was given outlives it.
 class HubLink {
@@ -32,7 +32,7 @@ public:
     /// -EEXIST when another process has it.
     void connect();
 
-    /// Sends what waits to be sent and gives the connection up, for good.
+    /// Sends what waits to be sent, and closes the connection for good.
     void end() noexcept;
 
 private:

@@ -24,7 +24,7 @@ namespace {
 
 EventPtr newLoop() {
     bus::check(Sentrel::SignalSet{SIGTERM, SIGINT}.block() ? 0 : -EINVAL, "cannot block the signals that end hvbd");
-    // A peer that hangs up is an error code and no end.
+    // A peer that hangs up must be an error code and not end the process.
     signal(SIGPIPE, SIG_IGN);
     sd_event* event = nullptr;
     bus::check(sd_event_new(&event), "cannot make the event loop");

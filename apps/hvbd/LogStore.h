@@ -72,7 +72,7 @@ public:
     LogStore(const LogStore&) = delete;
     LogStore& operator=(const LogStore&) = delete;
 
-    /// Opens the file, making it when there is none. Not needed before the other calls; tells of trouble early.
+    /// Opens the file, making it when there is none. Not needed before the other calls, but reports trouble early.
     /// @throws LogStoreError
     void open();
 
@@ -85,7 +85,7 @@ public:
     std::vector<std::uint64_t> append(std::span<const LogRecord> records);
 
     /// The stored records with an id above @p after in ascending order: the first ones, or with @p newest the last
-    /// ones, at most @p limit and no more than fit into one reply (Limits.h). No file yet: none, and none is made.
+    /// ones, at most @p limit and no more than fit into one reply (HvbdLimits.h). No file yet: none, and none is made.
     /// @throws LogStoreError
     std::vector<StoredRecord> read(std::uint64_t after, std::uint32_t limit, bool newest);
 

@@ -7,7 +7,7 @@
 
 namespace HVB::hub {
 
-/// A sentence on why @p path cannot be used, and one on what to do about it. Equal for equal troubles.
+/// A sentence on why @p path cannot be used, and one on what to do about it. The same text for the same trouble.
 std::string explain(const std::string& path, const Sentrel::DatabaseError& error);
 /// The same for a file that could not be opened or made. @param error an errno value.
 std::string explainFile(const std::string& path, int error);

@@ -29,7 +29,8 @@ constexpr std::array<std::pair<std::string_view, hv_logLevel_enum>, 7> kLevels{{
     throw ConfigurationError(fmt::format("{}: {}", path, why));
 }
 
-/// The word must stand alone, without blanks: the module compares it so, and both shall read the same from the file.
+/// The word must stand alone, without blanks: the module compares it that way, and both must read the same from the
+/// file.
 hv_logLevel_enum levelOf(const std::string& word, const std::string& path) {
     for (const auto& [known, level] : kLevels) {
         if (word == known) {
@@ -53,7 +54,7 @@ std::string_view levelWord(hv_logLevel_enum wanted) {
 ModuleConfiguration readModuleConfiguration(const std::string& path) {
     ModuleConfiguration configuration;
     try {
-        // The module's user writes this file and must not have hvbd read him another one.
+        // The module's user writes this file, and must not make hvbd read another one.
         const XmlFile file(path, XmlFile::Links::Refuse);
         if (!file.finds(kOutermost)) {
             refuse(path, "the outermost element is not HVConfiguration");
@@ -75,7 +76,8 @@ ModuleConfiguration ModuleConfigurations::reload(int moduleId) {
     if (file == m_files.end()) {
         throw ConfigurationError(fmt::format("module {} has no configuration that hvbd knows", moduleId));
     }
-    // Of two reloads the later one's file content remains. The loop, which asks for each line, waits for neither.
+    // When two reloads run at once, the content that was read later stays. The loop, which asks for each line, waits
+    // for neither.
     const Sentrel::MutexLock oneAtATime(m_reloading);
     const ModuleConfiguration configuration = readModuleConfiguration(file->second);
     const Sentrel::MutexLock lock(m_mutex);

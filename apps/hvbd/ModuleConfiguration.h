@@ -1,4 +1,4 @@
-// How much of a module's log lines is wanted: its configuration file, read at start and on the reload command.
+// Which of a module's log lines are wanted: its configuration file, read at start and on the reload command.
 #pragma once
 
 #include "base/Mutex.h"
@@ -11,7 +11,7 @@
 
 namespace HVB::hub {
 
-/// The word by which a level is told.
+/// The word for a level.
 std::string_view levelWord(hv_logLevel_enum level);
 
 /// What a module's configuration says about its log lines. The defaults hold when there is no file.

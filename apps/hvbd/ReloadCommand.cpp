@@ -30,7 +30,7 @@ std::optional<std::string> ReloadCommand::reload(CommandData& data) const {
                                           configuration.syslogEnabled ? "on" : "off", levelWord(configuration.level)));
         return std::nullopt;
     } catch (const ConfigurationError& error) {
-        // The file's texts can stand in it.
+        // It can contain texts of the file.
         const std::string reason = Sentrel::text::shortened(Sentrel::text::printable(error.what()), kMaxLogLineBytes);
         m_log.write(LOG_WARNING, fmt::format("reload refused, the configuration in force stays: {}", reason));
         return reason;

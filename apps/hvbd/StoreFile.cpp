@@ -20,7 +20,7 @@ constexpr mode_t kStoreMode = 0640;
     throw std::system_error(error, std::system_category());
 }
 
-/// Opens what stands at the path, or makes it. A FIFO in its place does not hold us up.
+/// Opens what stands at the path, or makes it. Does not wait when a FIFO is in its place.
 Sentrel::UniqueFd openOrMake(const std::string& path) {
     const int flags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
     Sentrel::UniqueFd existing(open(path.c_str(), flags));

@@ -20,12 +20,12 @@ public:
     SystemLog(const SystemLog&) = delete;
     SystemLog& operator=(const SystemLog&) = delete;
 
-    /// Writes one line, made printable and cut. @param priority LOG_ERR to LOG_DEBUG. Failures are dropped: there is
-    /// no better place to tell of them.
+    /// Writes one line, made printable and cut. @param priority LOG_ERR to LOG_DEBUG. Failures are ignored: there is no
+    /// better place to report them.
     void write(int priority, std::string_view line) const;
 };
 
-/// Tells of a trouble once when it starts, once when its text changes and once when it ends, however often it is met.
+/// Reports a trouble when it starts, when its text changes and when it ends, each time once, however often it occurs.
 /// Threads: one at a time. Owner: whoever meets the trouble; the log must outlive it.
 class TroubleReport {
 public:

@@ -1,4 +1,4 @@
-// The system's question who sits at the console. Like the rest of the system's interface it is plain C.
+// Asks the system who sits at the console. Like the rest of the system's interface it is plain C.
 #pragma once
 
 #include <sys/types.h>
@@ -22,7 +22,7 @@ CFStringRef SCDynamicStoreCopyConsoleUser(SCDynamicStoreRef store, uid_t* uid, g
 /// Copies a name with its terminator. @return false when it does not fit or another encoding than UTF-8 is asked for.
 bool CFStringGetCString(CFStringRef string, char* buffer, long bufferSize, unsigned encoding);
 
-/// Ends what SCDynamicStoreCopyConsoleUser gave.
+/// Frees what SCDynamicStoreCopyConsoleUser gave.
 void CFRelease(CFTypeRef object);
 
 } // extern "C"

@@ -51,7 +51,7 @@ inline constexpr const char* kMachineIdFile = "/etc/machine-id";
 /// @throws DocumentError, std::system_error.
 AgentConfiguration readAgentConfiguration(std::string_view text, const std::string& machineIdFile = kMachineIdFile);
 
-/// Reads the configuration file and looks whether the credentials can be read too.
+/// Reads the configuration file, and checks that the credentials can be read too.
 /// @return nothing when there is no such file.
 /// @throws std::runtime_error that names the file, the place and what is wrong there.
 std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path,

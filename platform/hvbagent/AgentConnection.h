@@ -18,8 +18,8 @@
 namespace HVBEnterprise::agent {
 
 /// Connects, connects again whenever the connection ends, publishes what is in the outbox, and hands on what comes.
-/// Threads: one of its own, which does everything but begin and end. Owner: the client and that thread, together: one
-/// that the name service holds up is not waited for, and ends when it comes back.
+/// Threads: one of its own, which does everything but begin and end. Owner: the client and that thread, together: a
+/// thread that the name service holds up is not waited for, and ends when the name service returns.
 class AgentConnection : private MqttReceiver {
 public:
     AgentConnection(AgentConfiguration configuration, std::shared_ptr<Outbox> outbox,

@@ -21,10 +21,10 @@ using Sentrel::policy::kMaxValueBytes;
 inline constexpr std::size_t kMaxPolicyMessageBytes = kMaxPolicyBytes / 3 * 4 + 4096;
 /// Objects around a value: document, "features", feature, section.
 inline constexpr std::size_t kMaxPolicyDepth = 4;
-/// Values of all kinds in a document: its keys and what they hang on.
+/// Values of all kinds in a document: its keys and the objects around them.
 inline constexpr std::size_t kMaxPolicyValues = kMaxPolicyKeys + kMaxPolicyGroups * (kMaxPolicyGroups + 2) + 16;
 
-/// Policies that wait for their turn. Each is the whole policy, so the oldest is let go first.
+/// Policies that wait for their turn. Each is a whole policy, so the oldest is dropped first.
 inline constexpr std::size_t kMaxWaitingPolicies = 32;
 inline constexpr std::size_t kMaxWaitingPolicyBytes = std::size_t{32} << 20U;
 
@@ -70,20 +70,20 @@ inline constexpr std::int64_t kMaxKeepalive = 3600;
 
 // The connection.
 
-/// Pause before the next attempt to connect. The first is short, since a broker that restarts is back in no time; they
-/// double up to the last. Each is drawn between its half and its whole, so that a fleet does not come back at once.
+/// Pause before the next attempt to connect. The first is short, since a broker that restarts is soon back; they double
+/// up to the last. Each is drawn between its half and its whole, so that a fleet does not come back at once.
 inline constexpr std::chrono::milliseconds kFirstRetryPause{200};
 inline constexpr std::chrono::milliseconds kLastRetryPause{60'000};
 /// A connection that stood this long was good: the next pause is the first again.
 inline constexpr std::chrono::milliseconds kSettledAfter{10'000};
-/// From the begin of an attempt to the broker's answer.
+/// From the start of an attempt to the broker's answer.
 inline constexpr std::chrono::milliseconds kConnectPatience{20'000};
 /// How often a TLS handshake is moved on. libmosquitto does not tell whether it wants to write then.
 inline constexpr std::chrono::milliseconds kHandshakeTick{10};
 /// The longest sleep of a standing connection, which libmosquitto wants to be looked at about once a second.
 inline constexpr std::chrono::milliseconds kLoopTick{1000};
-/// What the broker gets to take the last words, and what a thread gets to end. Beyond the latter the name service
-/// holds it up, and it is left to end by itself.
+/// How long the broker has to take the last message, and how long a thread has to end. A thread that takes longer is
+/// held up by the name service, and is left to end by itself.
 inline constexpr std::chrono::milliseconds kFarewellPatience{500};
 inline constexpr std::chrono::milliseconds kEndPatience{2000};
 

@@ -20,7 +20,7 @@ public:
     void information(const std::string& text) noexcept { write(AGENT_LOG_INFORMATION, text); }
     void debug(const std::string& text) noexcept { write(AGENT_LOG_DEBUG, text); }
 
-    /// From when this returns the module's logger is not called any more.
+    /// When this returns, the module's logger is not called any more.
     void detach();
 
 private:

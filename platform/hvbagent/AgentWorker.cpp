@@ -1,8 +1,9 @@
 // The callback thread: all calls into the module, one at a time.
 //
 // The network thread only leaves work here. The saved policy comes first, then those that arrived in their order, then
-// one collection of properties, for all that asked meanwhile. What comes before its service is there waits for it. When
-// policies come faster than they are enforced the oldest of them go, with a line: the newest is the one that counts.
+// one collection of properties, for all that asked meanwhile. Work that comes before its service is registered waits
+// for it. When policies come faster than they are enforced, the oldest are dropped with a log line: only the newest
+// counts.
 //
 // The lock is held to take work and to give it, never during a call, and not while a service is destroyed either:
 // both are the module's code and may call back. An exception of the module ends its call, and not the thread.

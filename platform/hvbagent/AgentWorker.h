@@ -26,7 +26,7 @@ struct WorkerSettings {
 };
 
 /// Enforces policies and collects properties, one call at a time: first the saved policy, then those that came in the
-/// order in which they came, then a collection. What comes before its service is there waits for it.
+/// order in which they came, then a collection. Work that comes before its service is registered waits for it.
 /// Threads: thread-safe. Owner: the client and its network thread, together; begin and end are the client's.
 class AgentWorker {
 public:
@@ -43,14 +43,14 @@ public:
     bool take(std::unique_ptr<IAgentPropertyCollection>& service);
     bool take(std::unique_ptr<IAgentPolicyEnforcement>& service);
 
-    /// A policy message came. @param tooLarge with the hash alone: it was not worth keeping.
+    /// A policy message came. @param tooLarge the message was too large to keep; only its hash is known.
     void policyArrived(std::string message);
     void policyTooLarge(const std::string& sha256, std::size_t bytes);
 
     /// Properties are wanted. Requests that wait become one, which is full when one of them is.
     void collect(bool full);
 
-    /// Waits for the running call, ends the thread and destroys the services. What waits is forgotten.
+    /// Waits for the running call, ends the thread and destroys the services. Work that still waits is dropped.
     /// Requires that no service is the caller.
     void end();
 

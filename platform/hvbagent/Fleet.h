@@ -16,8 +16,8 @@
 /// Free functions without state. Threads: any. Owner: none.
 namespace HVBEnterprise::agent {
 
-/// The enrolment in a file, whoever may write to it. The machine's credentials are not looked at: an administrator may
-/// come with others. @throws std::system_error, DocumentError.
+/// The enrolment in a file, whoever may write to it. The machine's credentials are not read: an administrator may use
+/// others. @throws std::system_error, DocumentError.
 AgentConfiguration readEnrolment(const std::string& path);
 
 /// What a machine published about itself: an object. @throws DocumentError.

@@ -1,7 +1,7 @@
 // libmosquitto, loaded when the first connection is made.
 //
 // It brings the TLS libraries along, which are half of what the loader does at a start and a quarter of an idle
-// process. A machine that is not managed, and a verb that asks no broker, need none of them.
+// process. A machine that is not managed does not need them, nor does a verb that asks no broker.
 #pragma once
 
 #include <mosquitto.h>

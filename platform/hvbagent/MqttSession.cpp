@@ -10,7 +10,7 @@
 //   and preferred as the reason.
 // - During a TLS handshake the library does not tell whether it wants to write. A packet waits all the time, so asking
 //   poll for "writable" would return at once for ever. The handshake is moved on by a short tick instead.
-// - Making a handle sets SIGPIPE to ignored for the whole process. makeHandle puts back what was there.
+// - Making a handle makes the whole process ignore SIGPIPE. makeHandle restores the earlier action.
 // - A TLS key that others may access is refused. One with a pass phrase fails, since nobody is there to type it.
 // - Machines speak MQTT 3.1.1, which every broker serves. Tools ask for MQTT 5, which says why a request is refused.
 #include "platform/hvbagent/MqttSession.h"
@@ -46,7 +46,7 @@ const Mosquitto& lib() {
 /// the network thread has the signal blocked.
 mosquitto* makeHandle(const std::string& clientId, void* user) {
     const Mosquitto& library = lib(); // its loading is not part of what SIGPIPE is kept from
-    static Sentrel::Mutex oneAtATime; // a thread that was left to end by itself may be at it too
+    static Sentrel::Mutex oneAtATime; // a detached thread may be making one at the same time
     const Sentrel::MutexLock lock(oneAtATime);
     struct sigaction before {};
     sigaction(SIGPIPE, nullptr, &before);
@@ -243,7 +243,7 @@ void MqttSession::step(int wakeFd, std::chrono::milliseconds atMost) {
     if (socket < 0) {
         fail(MOSQ_ERR_CONN_LOST);
     }
-    // A packet waits all through a handshake, so the socket's being writable would say nothing and wake us for ever.
+    // A packet waits during the whole handshake, so polling for a writable socket would wake us again and again.
     const bool handshake = m_settings.tls && !m_connected;
     const bool wantsToWrite = !handshake && lib().mosquitto_want_write(handle);
     std::array<pollfd, 2> watched{

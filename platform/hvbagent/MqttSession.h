@@ -1,4 +1,4 @@
-// One connection to the broker, from its begin to its end: the agent's, and the command line client's.
+// One connection to the broker, from its start to its end, for the agent and for the command line client.
 #pragma once
 
 #include "platform/hvbagent/AgentConfiguration.h"
@@ -36,7 +36,7 @@ private:
     Kind m_kind;
 };
 
-/// Whom to talk to, and as whom.
+/// Which broker to talk to, and as which client.
 struct MqttSettings {
     std::string host;
     std::uint16_t port = 0;
@@ -44,11 +44,11 @@ struct MqttSettings {
     std::string credentialsFile; ///< empty: the broker asks for none
     std::chrono::seconds keepalive{60};
     std::string clientId;            ///< empty: the broker makes one up
-    std::optional<Publication> will; ///< what the broker shall say when this client is lost
+    std::optional<Publication> will; ///< what the broker publishes when this client is lost
     bool asksWhy = false;            ///< MQTT 5, which unlike 3.1.1 says why a request is refused
 };
 
-/// Reasons from here on say no.
+/// Reasons from this number on are refusals.
 inline constexpr int kFirstRefusal = 0x80;
 /// Whether a reason says that this user may not do that.
 bool isAccessRefusal(int reason);
@@ -64,11 +64,11 @@ public:
 
     /// The broker took this client in.
     virtual void connected() = 0;
-    /// @param payload gone when this returns.
+    /// @param payload valid until this returns.
     virtual void message(std::string_view topic, std::string_view payload, bool retained) = 0;
-    /// The broker answered the message of that number: it has it, unless @p reason says no.
+    /// The broker answered the message of that number. It has the message unless @p reason is a refusal.
     virtual void acknowledged(int number, int reason) = 0;
-    /// It answered the subscription of that number, likewise.
+    /// The broker answered the subscription of that number, likewise.
     virtual void subscribed(int number, int reason) = 0;
 };
 
@@ -94,12 +94,12 @@ public:
 
     bool isConnected() const { return m_connected; }
 
-    /// Asks for the messages of a topic, with that quality of service at the most. @return the number that the answer
-    /// bears. @throws MqttFailure.
+    /// Asks for the messages of a topic, with that quality of service at most. @return the number that the answer will
+    /// have. @throws MqttFailure.
     int subscribe(const std::string& topic, int qos);
-    /// Publishes with QoS 1, retained. @return the number that its acknowledgement bears. @throws MqttFailure.
+    /// Publishes with QoS 1, retained. @return the number that its acknowledgement will have. @throws MqttFailure.
     int publish(const Publication& publication);
-    /// Takes leave, so that the broker does not speak the last will.
+    /// Disconnects properly, so that the broker does not publish the last will.
     void disconnect() noexcept;
 
 private:

@@ -1,7 +1,7 @@
 // The handle that modules hold is one object for the life of the process, and never freed: a module's threads go on
-// using the pointer while another one releases the client. Behind it is a shared pointer to the client. Whoever asks
-// something copies it under a lock and works with the copy without one; releasing takes it away and then ends the
-// client, so a late question finds either nothing or a client that has ended and refuses.
+// using the pointer while another one releases the client. Behind it is a shared pointer to the client. An operation
+// copies that pointer under a lock and then works with the copy without the lock. A release takes the pointer away and
+// then ends the client, so a late operation finds either nothing or a client that has ended and refuses.
 #include "platform/hvbagent/MsgBusEnterpriseAgent.h"
 
 #include "base/Mutex.h"
@@ -31,7 +31,7 @@ public:
         return m_client;
     }
 
-    /// Ends the one that is there, then begins @p next if there is one. One caller at a time.
+    /// Ends the present client, then begins @p next if there is one. One caller at a time.
     void replace(std::shared_ptr<AgentClient> next) {
         const Sentrel::MutexLock oneAtATime(m_replacing);
         if (const std::shared_ptr<AgentClient> last = exchange(nullptr); last != nullptr) {

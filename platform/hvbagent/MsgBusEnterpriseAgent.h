@@ -29,8 +29,8 @@ using AgentLogger = void (*)(AgentLogCategory category, const wchar_t* text);
 ///
 /// Registered services are called on a thread of the library, one call at a time. An exception of theirs is caught,
 /// logged and counts as false.
-/// Threads: any, also while another thread releases the client; what comes too late fails. releaseInstance must not be
-/// called by a service.
+/// Threads: any, also while another thread releases the client; a call that comes too late fails. releaseInstance must
+/// not be called by a service.
 /// Owner: the library. The pointer from createInstance stays usable for the life of the process; it stands for
 /// whichever client was created last.
 class MsgBusEnterpriseAgent {
@@ -43,7 +43,7 @@ public:
 
     /// Hands over a service. @return whether it was taken; otherwise @p service still owns it.
     bool registerPropertyCollectionService(std::unique_ptr<IAgentPropertyCollection>&& service);
-    /// As above. With it the policy that is in store is enforced, and those that come from then on.
+    /// As above. From then on the saved policy is enforced, and those that arrive.
     bool registerPolicyEnforcementService(std::unique_ptr<IAgentPolicyEnforcement>&& service);
 
     /// Asks the agent about itself. Id 0: "1" enrolled and connected, "2" enrolled and not connected, "0" otherwise.

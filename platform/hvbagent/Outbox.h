@@ -17,18 +17,18 @@ struct Publication {
     std::string payload;
 };
 
-/// Messages that wait for the connection, which is woken when one comes. While there is none, and when many wait, an
-/// older message for the same topic gives way: each is retained, so only the last counts.
+/// Messages that wait for the connection, which is woken when one comes. While there is none, and when many wait, a new
+/// message replaces an older one for the same topic: each is retained, so only the last counts.
 /// Threads: thread-safe. Owner: the callback thread and the network thread, together.
 class Outbox {
 public:
-    /// @throws std::system_error when no descriptor is to be had.
+    /// @throws std::system_error when the system has no descriptor to give.
     Outbox() = default;
     Outbox(const Outbox&) = delete;
     Outbox& operator=(const Outbox&) = delete;
 
     void post(Publication publication);
-    /// The next one, which leaves the box.
+    /// Takes the next message out.
     std::optional<Publication> take();
     /// Puts back one that may not have arrived, unless a newer one for its topic waits.
     void putBack(Publication publication);

@@ -1,10 +1,10 @@
 // A policy's document, from JSON to its sections.
 //
 // Reading is strict: an unknown member, a value of another type or one beyond its bound refuses the whole document, so
-// that a policy is never in force by halves because of its form. A boolean becomes "1" or "0" and an integer its
-// digits, since the module looks every value up as a text. The keys are bounded for all groups together.
+// that a policy is never half in force because of its form. A boolean becomes "1" or "0" and an integer its digits,
+// since the module looks every value up as a text. The keys are bounded for all groups together.
 //
-// Where a value stands (Place) is a chain of references and becomes words only for a complaint: a policy has a great
+// The place of a value (Place) is a chain of references. It becomes text only for an error message: a policy has very
 // many values, and the long names above them would be copied for each.
 #include "platform/hvbagent/PolicyDocument.h"
 
@@ -23,7 +23,7 @@ namespace {
 
 using nlohmann::json;
 
-/// Where a value stands. Put into words only for a complaint: a policy has a great many values.
+/// The place of a value. It becomes text only for an error message: a policy has very many values.
 /// Threads: a plain value. Owner: the reading operation; what is above it and the name must outlive it.
 class Place {
 public:

@@ -39,8 +39,8 @@ struct PolicyDecision {
     std::string refused; ///< why
 };
 
-/// The rules by which one policy takes another's place. The policy in force is the one in store: a new one is in force
-/// when it is saved, whatever its enforcement then comes to.
+/// The rules by which one policy replaces another. The policy in force is the one in store: a new one is in force when
+/// it is saved, whatever the result of its enforcement is.
 /// Threads: plain, single access. Owner: the callback thread.
 class PolicyInForce {
 public:
@@ -54,7 +54,7 @@ public:
     /// content. The same again is enforced only when its last enforcement failed.
     PolicyDecision take(std::string_view message);
 
-    /// What enforcing the policy in force came to.
+    /// Notes the result of enforcing the policy in force.
     void noteEnforced(bool enforced) { m_enforced = enforced; }
 
     /// Requires that restore or take said that there is one.

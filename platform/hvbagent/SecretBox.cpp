@@ -20,7 +20,7 @@ constexpr std::size_t kLongestText = kForm.size() + (kOverhead + kMaxClearText +
 
 static_assert(SecretKey::kBytes == crypto_secretbox_KEYBYTES);
 
-/// Wipes a text when it goes.
+/// Wipes a text at the end of its own life.
 struct Wiped {
     std::string& text;
     ~Wiped() { sodium_memzero(text.data(), text.size()); }

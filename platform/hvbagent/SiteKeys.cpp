@@ -15,7 +15,7 @@
 namespace HVBEnterprise::agent {
 namespace {
 
-/// A pair as libsodium has it; the secret half begins with the seed. Wiped when it goes.
+/// A pair as libsodium has it; the secret half begins with the seed. Wiped at the end of its life.
 struct Pair {
     std::array<unsigned char, crypto_sign_PUBLICKEYBYTES> open{};
     std::array<unsigned char, crypto_sign_SECRETKEYBYTES> secret{};

@@ -15,7 +15,7 @@ struct SigningFiles {
     explicit SigningFiles(const std::string& prefix) : secret(prefix + ".key"), open(prefix + ".pub") {}
 
     std::string secret; ///< base64 of the seed, for its owner alone
-    std::string open;   ///< base64 of the public key, which the enrolments bear
+    std::string open;   ///< base64 of the public key, which the enrolments contain
 };
 
 /// Makes a new pair in files that are not there yet. @return the public key as its file has it.

@@ -4,8 +4,8 @@
 // many values, too deep, a name twice, U+0000 in a text. What is refused is never allocated, so the cost of a bad
 // document ends where it gets bad. The parser keeps no stack of its own, so depth costs nothing before it is counted.
 //
-// A complaint says where: a line and a column for what is no JSON, a JSON pointer for what is none of ours. The
-// parser's message is cut before the text that it quotes, as that text is from outside.
+// An error message says where: a line and a column for what is not JSON, a JSON pointer for what is not allowed here.
+// The parser's message is cut before the text that it quotes, as that text is from outside.
 #include "platform/hvbagent/StrictJson.h"
 
 #include "platform/hvbagent/Encoding.h"
@@ -120,7 +120,7 @@ private:
         throw DocumentError(where, "holds a NUL character");
     }
 
-    /// The place of the @p depth-th open value. Only for a complaint: as long as all the names above it.
+    /// The place of the @p depth-th open value. Only for an error message: it is as long as all the names above it.
     std::string place(std::size_t depth) const {
         std::string result;
         for (std::size_t i = 0; i < depth; ++i) {
@@ -170,7 +170,7 @@ json readStrictJson(std::string_view text, const JsonBounds& bounds) {
     if (text.size() > bounds.bytes) {
         throw DocumentError("", "is larger than " + std::to_string(bounds.bytes) + " bytes");
     }
-    // The parser takes a NUL byte between values for the end of the text, and what is behind it for nothing.
+    // The parser takes a NUL byte between values as the end of the text and ignores what is behind it.
     if (const std::size_t null = text.find('\0'); null != std::string_view::npos) {
         throw DocumentError(lineAndColumn(text, null + 1) + ": a NUL byte");
     }

@@ -10,7 +10,8 @@
 // refused as well, and an event or an answer is dropped with a line.
 //
 // The end goes in this order: nothing new is taken; calls of callbacks are ended, since a callback that waits for
-// another module would keep us as long; the callback threads, whose last answers still need the link; then the link.
+// another module would delay the end by as long; the callback threads, whose last answers still need the link; then the
+// link.
 #include "platform/hvbhelpers/Broker.h"
 
 #include "platform/hvbhelpers/ErrorText.h"
@@ -84,7 +85,7 @@ void Broker::start(boost::logic::tribool waitForHub) {
 
 void Broker::end() {
     stop();
-    // A callback that waits for another module would keep us waiting as long.
+    // A callback that waits for another module would delay the end by as long.
     m_pool.endCallsOfCallbacks();
     {
         const Sentrel::MutexLock lock(m_startMutex);

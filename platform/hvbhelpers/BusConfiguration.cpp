@@ -1,6 +1,6 @@
 // Model of the policy: the bus starts from "nobody may do anything", and each section below adds what one kind of
 // caller may do. The bus lets the last rule that matches decide, and it skips a section whose user or group it cannot
-// find. With allow rules alone neither can open a door: a lost section only takes rights away.
+// find. With allow rules alone neither can grant anything by mistake: a lost section only takes rights away.
 //
 // A message without an interface matches no rule that names one, so it needs the broad right of root or hvbd.
 #include "platform/hvbhelpers/BusConfiguration.h"
@@ -31,7 +31,7 @@ struct Limit {
 constexpr std::size_t kMiB = std::size_t{1} << 20U;
 
 constexpr std::array kLimits{
-    // A stranger who connects and says nothing must be gone before a thousand of him have come.
+    // A client that connects and says nothing must be dropped before a thousand of them have come.
     Limit{"auth_timeout", 500}, // milliseconds
     Limit{"max_incomplete_connections", 1000},
     // One user cannot use up what all share.

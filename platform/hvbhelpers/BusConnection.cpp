@@ -5,9 +5,9 @@
 // its listening queue refuses; that is tried again until the deadline.
 //
 // A handler of a signal that runs during sd_bus_call makes it give up, and then nobody can say whether the call was
-// made. So the signals that have handlers are blocked meanwhile, but for faults.
+// made. So the signals that have handlers are blocked meanwhile, except faults.
 //
-// After an error isStillUsable() decides whether the connection can serve on. When in doubt it says no: a good
+// After an error isStillUsable() decides whether the connection can still be used. When in doubt it says no: a good
 // connection that is given up costs an opening, and a bad one that is kept costs a call.
 #include "platform/hvbhelpers/BusConnection.h"
 
@@ -30,7 +30,7 @@ using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 
-/// How long to wait before knocking again when the bus has not yet accepted those who knocked before us.
+/// How long to wait before trying again when the bus has not yet accepted the clients before us.
 constexpr milliseconds kListenQueueFullPause{5};
 
 /// The clock of sd-bus's own timeouts is the steady clock of this library.
@@ -96,7 +96,7 @@ BusPtr startConnection(const std::string& socketPath, Deadline deadline, int can
                     error.message != nullptr ? error.message : errnoText(-result), handlerCode);
 }
 
-/// The number that an error reply has behind its text; 0 when there is none.
+/// The number behind the text of an error reply; 0 when there is none.
 std::int32_t handlerCodeOf(sd_bus_message& reply) {
     const char* text = nullptr;
     std::int32_t code = 0;
@@ -110,7 +110,7 @@ bool isFault(int signal) {
 }
 
 /// The signals that the process has handlers for. sd_bus_call gives up with EINTR when one runs, and then nobody can
-/// say whether the call was made. Signals without a handler end the process or do nothing, as ever.
+/// say whether the call was made. Signals without a handler end the process or do nothing, as usual.
 Sentrel::SignalSet handledSignals() {
     Sentrel::SignalSet handled{};
     for (int signal = 1; signal < NSIG; ++signal) {

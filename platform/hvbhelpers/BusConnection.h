@@ -69,15 +69,15 @@ MessagePtr newCall(sd_bus& bus, const std::string& destination, const std::strin
                    const std::string& member);
 
 /// Sends @p request and waits for its reply. Other messages that arrive meanwhile stay queued on the connection.
-/// Signals that the process handles are held back from this thread meanwhile. May be used in a handler of sd-bus.
-/// After an exception for which isStillUsable is false the connection is of no more use (a late reply may be on it).
+/// Signals that the process handles are held back from this thread meanwhile. May be used in a handler of sd-bus. After
+/// an exception for which isStillUsable is false, give the connection up: a late reply may still arrive on it.
 /// @throws CallError with a negative errno: -ETIMEDOUT at the deadline, -EACCES when the bus's policy refuses,
 ///         -EHOSTUNREACH when the destination is not on the bus, -ECONNRESET when the bus went away, and
 ///         what sd_bus_error_get_errno(3) says of any other error; its message is the error's own.
 MessagePtr call(sd_bus& bus, sd_bus_message& request, Deadline deadline);
 
-/// As call, for a connection that is used for calls alone: whatever else arrives is dropped, and signals are taken as
-/// ever. Not to be used in a handler of sd-bus.
+/// As call, for a connection that is used for calls alone: whatever else arrives is dropped, and signals are handled as
+/// usual. Not to be used in a handler of sd-bus.
 MessagePtr callAlone(sd_bus& bus, sd_bus_message& request, Deadline deadline);
 
 /// Whether a connection on which call threw @p error can take the next call.

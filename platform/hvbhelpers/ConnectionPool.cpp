@@ -95,7 +95,7 @@ void ConnectionPool::call(const Make& make, const Read& read, bus::Deadline dead
         throw;
     }
     read(*reply);
-    // A message belongs to its connection: it goes before the next caller gets that.
+    // A message belongs to its connection: it is freed before the next caller gets the connection.
     reply.reset();
     lease.release();
 }

@@ -1,4 +1,4 @@
-// Connections for sending: one to each call at a time, kept for the next one.
+// Connections for sending. Each call has one to itself; afterwards it is kept for the next call.
 #pragma once
 
 #include "base/Mutex.h"
@@ -31,7 +31,8 @@ public:
     /// @throws HVBException as call does.
     void post(const Make& make, bus::Deadline deadline);
 
-    /// Ends the calls of callbacks, which throw, and refuses them new ones. Other callers are not disturbed.
+    /// Ends the calls that callbacks are waiting in, which then throw, and refuses new ones from callbacks. Other
+    /// callers are not affected.
     void endCallsOfCallbacks();
 
 private:

@@ -7,8 +7,8 @@
 // it is answered. The number under which it waits, the token, is made here and is unique in the process: senders are
 // not trusted to number their calls.
 //
-// When a connection ends, for whatever reason, the reader drops it with all that belonged to it and begins to knock,
-// with longer and longer pauses. Whoever waits for something of that connection sees m_generation change.
+// When a connection ends, for whatever reason, the reader drops it with all that belonged to it and tries to connect
+// again, with longer and longer pauses. Whoever waits for something of that connection sees m_generation change.
 #include "platform/hvbhelpers/DeliveryLink.h"
 
 #include "base/StartThread.h"
@@ -236,7 +236,7 @@ void DeliveryLink::flushLocked(Deadline deadline) {
 void DeliveryLink::post(const Make& make, Deadline deadline) {
     const Sentrel::MutexLock lock(m_mutex);
     requireBus();
-    // Whoever meets a full socket waits here first, so that no more piles up than there are senders.
+    // A sender that meets a full socket waits here first, so that no more messages pile up than there are senders.
     flushLocked(deadline);
     const bus::MessagePtr message = make(requireBus());
     sendLocked(*message);

@@ -35,7 +35,7 @@ class DeliveryLink {
 public:
     using Fill = std::function<void(sd_bus_message&)>;
     using Make = std::function<bus::MessagePtr(sd_bus&)>;
-    /// Gets the reply, which may be an error, with the link's lock held. Never called when the link goes first.
+    /// Gets the reply, which may be an error, with the link's lock held. Not called when the link ends first.
     using Done = std::function<void(sd_bus_message&)>;
 
     /// @throws HVBException when the system has no descriptor to give.
@@ -70,7 +70,7 @@ public:
     void reply(std::uint64_t token, const Fill& fill, bus::Deadline deadline);
 
     /// Answers with an error, unless the call was answered already. A link that is gone needs no answer.
-    /// @param handlerCode what the other side's CallError shall have as its own; 0 for none.
+    /// @param handlerCode becomes the handlerCode of the other side's CallError; 0 for none.
     void refuse(std::uint64_t token, const char* error, const std::string& text, std::int32_t handlerCode = 0) noexcept;
 
     /// Sends a one-way message, in order with the replies, and returns when it has left this process.

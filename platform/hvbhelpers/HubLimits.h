@@ -9,7 +9,7 @@ namespace HVB::detail {
 /// Callbacks at the same time. One that waits for another module must not hold up the rest.
 inline constexpr std::size_t kCallbackThreads = 4;
 
-/// Calls, and events, that wait for a callback thread. A sender beyond that is told so at once.
+/// Calls, and events, that wait for a callback thread. A sender beyond that gets an error at once.
 inline constexpr std::size_t kMaxWaitingJobs = 256;
 
 /// Bytes of messages that wait, so that those who may only read cannot make a module hold much. One message is

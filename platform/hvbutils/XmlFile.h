@@ -17,8 +17,8 @@ public:
 /// Threads: one at a time; different documents at the same time. Owner: whoever built it.
 class XmlFile {
 public:
-    /// What to do where the file itself is a symbolic link; one among its directories is always followed.
-    /// Refuse is for who reads what another user writes, who could show him any file through a link.
+    /// What to do where the file itself is a symbolic link; one among its directories is always followed. Refuse is for
+    /// reading what another user writes: through a link that user could point the reader at any file.
     using Links = Sentrel::Links;
 
     /// Opens and parses the file at @p path. Nothing outside the file is read, and what is no file never blocks.
@@ -29,7 +29,7 @@ public:
     XmlFile(const XmlFile&) = delete;
     XmlFile& operator=(const XmlFile&) = delete;
 
-    /// Whether @p xpath finds anything, be it one or several.
+    /// Whether @p xpath finds one element or more.
     /// @throws LibXmlError when it is no XPath.
     bool finds(const char* xpath) const;
 
@@ -41,9 +41,9 @@ public:
     /// @throws LibXmlError as textAt does, and when the text is neither of these, "false" nor "0".
     bool truthAt(const char* xpath) const;
 
-    /// Gives the one element that @p xpath finds the text @p value, and takes comments in it out. An element that is
-    /// not there is not made. Nothing changes when the element has that text already, or when this throws. The file
-    /// stays as it is until it is saved.
+    /// Gives the one element that @p xpath finds the text @p value, and removes comments in it. An element that is not
+    /// there is not made. Nothing changes when the element has that text already, or when this throws. The file stays
+    /// as it is until it is saved.
     /// @throws LibXmlError as textAt does, when XML has no form for @p value (most control characters,
     /// bytes that are no UTF-8), when the document would become too large, and when its encoding is not UTF-8.
     void setTextAt(const char* xpath, const char* value);
@@ -53,7 +53,7 @@ public:
     /// attributes do not. What was not set is written byte for byte as it was read; what another process wrote
     /// meanwhile is lost.
     /// @return false when that cannot be done, also where a symbolic link or no file is; the file is then as it was.
-    /// Only when the disk fails after the exchange is it the new one.
+    /// Only when the disk fails after the rename is it the new one.
     bool saveTo(const char* path) const;
 
 private:

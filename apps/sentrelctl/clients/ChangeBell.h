@@ -1,4 +1,4 @@
-// The hub's word of changed preferences, as something to wait for.
+// Lets a verb wait for the hub's events about changed preferences.
 #pragma once
 
 #include "base/Mutex.h"

@@ -18,7 +18,7 @@ struct CommandPurpose {
     bool readsConfiguration = false;    ///< its handler fails when it cannot read the hub's configuration of the module
 };
 
-/// An answer that is none that this program knows.
+/// The failure for an answer that this program does not understand.
 Failure unreadableAnswer(const char* what, const char* why);
 
 /// Takes the one value out of @p result. @throws Failure when there is none, or it cannot be read.
@@ -42,7 +42,7 @@ Value payloadOf(HVB::CommandResult& result, const char* what) {
 /// Threads: one at a time. Owner: the verb; there is one in a process, since the broker ends with it.
 class CommandChannel {
 public:
-    /// Connects to nothing yet. @param timeout seconds that each command may take; a part of one counts as a whole.
+    /// Does not connect yet. @param timeout seconds that each command may take; a part of one counts as a whole.
     explicit CommandChannel(double timeout);
     ~CommandChannel();
     CommandChannel(const CommandChannel&) = delete;

@@ -95,7 +95,7 @@ void EventSocket::sendOnce(std::string_view message) {
 
 void EventSocket::endSending() {
     ::shutdown(m_fd.get(), SHUT_WR);
-} // a peer that is already gone needs no telling
+} // a peer that has gone need not be told
 
 bool EventSocket::waitReadable() const {
     for (;;) {

@@ -20,7 +20,7 @@ struct ModuleHealth {
     std::string since; ///< as 2026-01-31T08:30:00Z
 };
 
-/// One connection to the hub's bus. After any exception it is of no more use.
+/// One connection to the hub's bus. After any exception give it up.
 /// Threads: one at a time. Owner: the verb.
 class HubClient {
 public:
@@ -28,7 +28,7 @@ public:
     /// @throws HVB::HVBException as HVB::bus::openBus does.
     HubClient(const std::string& socketPath, double timeout);
 
-    /// Asks the bus itself, which names and modules need not be there for. @return how long the answer took.
+    /// Asks the bus itself, which answers also when no module is there. @return how long the answer took.
     /// @throws HVB::HVBException as HVB::bus::call does; so do the operations below.
     std::chrono::microseconds pingBus();
 
@@ -38,18 +38,18 @@ public:
     /// What hvbd knows of the modules' health: only root and hvbd's own user may ask.
     std::vector<ModuleHealth> moduleHealth();
 
-    /// Publishes @p event. The bus drops without a word what its policy refuses, so
-    /// this listens for its own event. @return false when the policy refuses this user.
+    /// Publishes @p event. The bus silently drops what its policy refuses, so this listens for its own event. @return
+    /// false when the policy refuses this user.
     bool publish(const HVB::EventData& event);
 
     /// At most @p limit records behind @p after in ascending order: the oldest of them, or the @p newest.
     /// There may be fewer than the limit although there are more records.
     std::vector<StoredRecord> readLog(std::uint64_t after, std::uint32_t limit, bool newest);
 
-    /// From now on the hub's word of new records is kept until it is asked for.
+    /// From now on the hub's signals about new records are kept until waitForRecord takes them.
     void subscribeToLog();
 
-    /// From now on it is noticed when the hub or sentreld leaves the bus.
+    /// From now on a wait notices when the hub or sentreld leaves the bus.
     void subscribeToFarewell();
 
     enum class Wake {

@@ -8,7 +8,7 @@
 
 namespace Sentrel::ctl {
 
-/// Something in a policy that is not as it was meant, or cannot be.
+/// Something in a policy that is wrong, or probably not meant.
 struct PolicyProblem {
     bool isFatal;      ///< a part of the policy would not be put into force
     std::string place; ///< a JSON pointer
@@ -17,7 +17,7 @@ struct PolicyProblem {
 
 struct PolicyCheck {
     bool isEnforced = true;           ///< the policy does not switch its own enforcement off
-    std::vector<std::string> effects; ///< in words, in the order in which they come about
+    std::vector<std::string> effects; ///< in words, in the order in which they happen
     std::vector<PolicyProblem> problems;
 
     /// Whether enforcement would report success.

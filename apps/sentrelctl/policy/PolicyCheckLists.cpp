@@ -190,7 +190,7 @@ std::string siteWords(const std::map<std::string, int>& list, int precedence) {
                        policy::doesAllowWin(precedence) ? "allow" : "block");
 }
 
-/// Names among which one that nothing reads may have been meant.
+/// A hint at the one of @p names that a misspelt @p word may have been meant for; empty when none is near.
 std::string guess(const std::string& word, const std::set<std::string_view>& names) {
     const auto near = nearest(word, {names.begin(), names.end()});
     return near ? fmt::format("; perhaps '{}' is meant", *near) : "";

@@ -18,7 +18,7 @@ struct Snapshot {
 /// Threads: one at a time. Owner: the verb; there is one in a process, since the broker ends with it.
 class PreferenceClient {
 public:
-    /// Connects to nothing yet. @param timeout seconds that each command may take; a part of one counts as a whole.
+    /// Does not connect yet. @param timeout seconds that each command may take; a part of one counts as a whole.
     explicit PreferenceClient(double timeout);
 
     /// All preferences. @throws Failure when there is no answer or none that can be read; so do those below.

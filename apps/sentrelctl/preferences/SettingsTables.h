@@ -1,4 +1,4 @@
-// Laying the tables into the settings file, which the daemon itself never does.
+// Makes the tables of the settings file, which the daemon itself never does.
 #pragma once
 
 #include <optional>

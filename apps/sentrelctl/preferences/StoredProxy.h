@@ -11,8 +11,8 @@
 
 namespace Sentrel::ctl {
 
-/// What stands in the place of a host, a user or a password that there is none of: the daemon stores no empty text, and
-/// would leave the fields behind it as they were.
+/// Stands for "no host", "no user" or "no password": the daemon stores no empty text, and would leave the fields behind
+/// it as they were.
 inline constexpr const char* kNoProxyText = "0";
 
 /// The fields that are stored; a text that stands for none is none.

@@ -20,7 +20,7 @@ struct StoredRecord {
     std::int32_t count = 0;
 };
 
-/// What was found in a record. With an error, what could be read before it stands beside it.
+/// What was found in a record. With an error, it also holds what could be read before the error.
 struct DecodedReport {
     std::optional<ReportData> report;
     std::optional<DetailReportData> detail;

@@ -40,8 +40,8 @@ private:
     bool m_isTerminal;
 };
 
-/// While it lives, a process of root's is to the files what the owner of @p path is: the key belongs to the daemon's
-/// user, and is refused to everybody else.
+/// While it lives, a process of root's has the file access of @p path's owner: the key belongs to the daemon's user,
+/// and everybody else is refused.
 /// Threads: while there is one. Owner: a local.
 class AsOwner {
 public:

@@ -12,7 +12,7 @@ class StopSignals {
 public:
     /// @throws Failure when the system has no such descriptor to give.
     StopSignals();
-    /// Gives the signals their effect back; those that came meanwhile are spent.
+    /// Restores the effect of the signals. Those that came meanwhile are dropped.
     ~StopSignals();
     StopSignals(const StopSignals&) = delete;
     StopSignals& operator=(const StopSignals&) = delete;

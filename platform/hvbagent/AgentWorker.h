@@ -43,7 +43,7 @@ public:
     bool take(std::unique_ptr<IAgentPropertyCollection>& service);
     bool take(std::unique_ptr<IAgentPolicyEnforcement>& service);
 
-    /// A policy message came. @param tooLarge the message was too large to keep; only its hash is known.
+    /// A policy message came. When it is too large to keep, only its hash and size are handed over.
     void policyArrived(std::string message);
     void policyTooLarge(const std::string& sha256, std::size_t bytes);
 

@@ -68,7 +68,7 @@ public:
     /// store is enforced, on a thread of the library, before its construction has ended.
     VXHVBAgentWrapper* agentWrapper() const { return m_pAgentWrapper; }
     void setAgentWrapper(VXHVBAgentWrapper* wrapper) { m_pAgentWrapper = wrapper; }
-    /// The module's enable state as a central policy last told it.
+    /// The module's enable state as the central policy last set it.
     bool policyEnabled() const { return m_bPolicyEnabled; }
     void setPolicyEnabled(bool enabled) { m_bPolicyEnabled = enabled; }
 

@@ -52,7 +52,7 @@ void reportUnreadable(const std::string& path) {
 
 void ignoreError(void* /*context*/, xmlErrorPtr /*error*/) {}
 
-/// Parses without the parser's own messages: what went wrong is told in our one line.
+/// Parses without the parser's own messages: our one line reports what went wrong.
 xmlDocPtr parseQuietly(const std::string& path) {
     xmlSetStructuredErrorFunc(nullptr, ignoreError);
     xmlDocPtr document = xmlParseFile(path.c_str());

@@ -6,7 +6,7 @@
 
 /// One browser decision as it arrives, in host byte order. The layout is the wire format: browser components that
 /// were built long ago write it.
-/// Threads: a plain value. Owner: whoever read it. Nothing in it is to be trusted: texts may lack their NUL and numbers
+/// Threads: one at a time. Owner: whoever read it. Nothing in it is to be trusted: texts may lack their NUL and numbers
 /// may be anything.
 struct STEventData {
     char eventId[16];                     ///< NUL-terminated text; only traced

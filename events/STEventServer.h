@@ -1,4 +1,4 @@
-// The socket on which browser components tell what they blocked, warned of or allowed.
+// The socket on which browser components report what they blocked, warned of or allowed.
 #pragma once
 
 #include <pthread.h>

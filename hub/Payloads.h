@@ -99,12 +99,12 @@ public:
 
 namespace boost::serialization {
 
-/// In place of the library's own, which makes room for as many elements as are declared before it has read one: a short
-/// text could claim fifty times its size.
+/// Replaces the library's own, which allocates all declared elements before it has read one: a short text could claim
+/// fifty times its own size.
 template <class Archive, class Allocator>
 void load(Archive& archive, std::vector<proxySettings, Allocator>& list, unsigned int /*version*/) {
     collection_size_type count;
-    item_version_type itemVersion; // has its place in the archive; each element tells its own
+    item_version_type itemVersion; // takes its place in the archive; each element has its own
     archive >> count;
     archive >> itemVersion;
     list.clear();

@@ -10,8 +10,8 @@ std::uint8_t calculate_checksum(const char* bytes, std::uint8_t length);
 
 namespace Sentrel::detail {
 
-/// The checksum of a list's text. Of a text of more than 255 bytes only as many bytes count as its length leaves in
-/// eight bits: stored checksums have to keep matching.
+/// The checksum of a list's text. The length is cut to eight bits, so only the first bytes of a text of more than 255
+/// count. That must stay so: stored checksums have to keep matching.
 inline std::uint8_t checksumOf(const std::string& text) {
     return calculate_checksum(text.data(), static_cast<std::uint8_t>(text.size()));
 }

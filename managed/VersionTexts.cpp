@@ -12,7 +12,7 @@
 namespace Sentrel {
 namespace {
 
-/// A new text of fixed room. Bytes become characters one to one, but for UTF-8, which is read as such.
+/// A new text of fixed room, decoded in the process's locale, which is UTF-8. What cannot be decoded ends the text.
 wchar_t* newText(const std::string& narrow) {
     auto text = std::make_unique<wchar_t[]>(kVersionTextCharacters);
     std::mbstate_t state{};

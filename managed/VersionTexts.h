@@ -1,4 +1,4 @@
-// The version of this installation, as the hub's configuration of the module tells it.
+// The version of this installation, as the hub's configuration of the module gives it.
 #pragma once
 
 namespace Sentrel {

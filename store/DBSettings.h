@@ -60,7 +60,7 @@ public:
     /// False without the table, and for the private ranges, which do not fit; @p out is empty then.
     bool GetAllRows(TableType type, Rows& out, bool ascending);
 
-    /// Appends the private ranges. Always false; the list tells.
+    /// Appends the private ranges. Always false; what was found is in the list.
     bool GetPrivateRangeList(std::list<std::string>& out);
 
     /// Host, user name and password of the proxy, as far as they are stored.

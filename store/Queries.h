@@ -1,4 +1,4 @@
-// What the four tables of the settings file are called and how they are asked: the one place that knows their SQL.
+// The four tables of the settings file: their names and all of their SQL.
 #pragma once
 
 #include <boost/thread/mutex.hpp>

@@ -210,14 +210,14 @@ void HubService::storeGathered() {
 void HubService::answerTrouble(const std::vector<PendingRecord>& batch, const std::string& text) {
     m_trouble.met(text);
     for (const PendingRecord& pending : batch) {
-        // A sender that cannot be told has gone.
+        // A sender that cannot be answered has gone.
         static_cast<void>(sd_bus_reply_method_errorf(pending.call.get(), bus::kErrorLogStore, "%s", text.c_str()));
     }
 }
 
 void HubService::answerStored(const std::vector<PendingRecord>& batch, const std::vector<std::uint64_t>& ids) {
     for (std::size_t i = 0; i < batch.size(); ++i) {
-        // A sender that cannot be told has gone; its record stays.
+        // A sender that cannot be answered has gone; its record stays.
         static_cast<void>(sd_bus_reply_method_return(batch[i].call.get(), bus::kLogReplySignature, ids[i]));
     }
     for (const std::uint64_t id : ids) {

@@ -27,7 +27,7 @@ public:
     HubService(const HubService&) = delete;
     HubService& operator=(const HubService&) = delete;
 
-    /// Opens the store ahead of the first record, so that trouble is told at start.
+    /// Opens the store ahead of the first record, so that trouble is reported at start.
     void openStore() noexcept;
 
     /// Serves @p bus from now on. @throws HVBException

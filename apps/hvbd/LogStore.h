@@ -15,7 +15,7 @@
 namespace HVB::hub {
 
 /// A record as its sender gave it. The texts are the bytes that arrived, UCS-4LE, and are not owned.
-/// Threads: a plain value. Owner: the sender's message owns the bytes.
+/// Threads: one at a time. Owner: the sender's message owns the bytes.
 struct LogRecord {
     std::int32_t source = 0;
     std::int32_t type = 0;

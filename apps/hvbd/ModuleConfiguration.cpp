@@ -14,7 +14,7 @@ constexpr const char* kOutermost = "/HVConfiguration";
 constexpr const char* kSwitch = "/HVConfiguration/SyslogEnable";
 constexpr const char* kLevel = "/HVConfiguration/LogLevel";
 
-// Several words for the last level; the first of a level's words is the one it is told by.
+// Several words mean the last level. The first of a level's words is the one that is shown.
 constexpr std::array<std::pair<std::string_view, hv_logLevel_enum>, 7> kLevels{{
     {"error", LOG_LEVEL_ERROR},
     {"warning", LOG_LEVEL_WARNING},

@@ -20,7 +20,7 @@ struct PolicySetting {
 };
 
 /// Named sections of keys and values: a policy to read, or properties to fill.
-/// Threads: a plain value. Owner: whoever built it; a module sees the library's for the length of a callback.
+/// Threads: one at a time. Owner: whoever built it; a module sees the library's for the length of a callback.
 class SectionsHandle {
 public:
     using Section = std::map<std::wstring, std::wstring>;

@@ -24,7 +24,7 @@ namespace {
 using nlohmann::json;
 
 /// The place of a value. It becomes text only for an error message: a policy has very many values.
-/// Threads: a plain value. Owner: the reading operation; what is above it and the name must outlive it.
+/// Threads: one at a time. Owner: the reading operation; what is above it and the name must outlive it.
 class Place {
 public:
     Place() = default; ///< the document's

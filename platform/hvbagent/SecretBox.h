@@ -9,7 +9,7 @@
 namespace HVBEnterprise::agent {
 
 /// The key that a site's machines share. It is wiped from memory when it ends.
-/// Threads: a plain value, single access. Owner: whoever made it, for as short as possible.
+/// Threads: one at a time. Owner: whoever made it, for as short as possible.
 class SecretKey {
 public:
     static constexpr std::size_t kBytes = 32;

@@ -32,7 +32,7 @@ public:
     /// Takes a job whose message takes @p bytes. @return false when too much waits already, or after end.
     bool post(Lane lane, std::size_t bytes, Job job);
 
-    /// From now on no job is told to deliver. For good; waits for nothing but this object's lock.
+    /// From now on every job is told not to deliver. This is for good, and waits only for this object's lock.
     void stop();
 
     /// Stops, lets the running and the waiting jobs finish, and joins the threads. Requires that no job is the caller.

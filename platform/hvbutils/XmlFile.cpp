@@ -350,6 +350,6 @@ bool XmlFile::saveTo(const char* path) const {
         Sentrel::replaceFile(path, m_document->text, Sentrel::Replace::KeepingModeAndOwner);
         return true;
     } catch (const std::system_error&) {
-        return false; // all that its interface tells
+        return false; // its interface says no more
     }
 }

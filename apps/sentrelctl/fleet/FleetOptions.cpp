@@ -77,7 +77,7 @@ void addFleetOptions(OptionSet& set, FleetOptions& options) {
     certificate.needs(key);
     key.needs(certificate);
     set.add("--credentials", options.credentials,
-            "A file with user and password, as docs/fleet.md tells; it is for its owner's eyes alone")
+            "A file with user and password, see docs/fleet.md; only its owner may access it")
         .shownAs("FILE");
     set.add("--site", options.site, "The site").shownAs("SITE");
     set.add("--machine", options.machine, "One machine").shownAs("ID");

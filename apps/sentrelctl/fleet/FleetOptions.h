@@ -1,4 +1,4 @@
-// The fleet from an administrator's chair: which broker, which site, which machines.
+// The options that say which broker, which site and which machines a verb works with.
 #pragma once
 
 #include "apps/sentrelctl/OptionSet.h"
@@ -49,7 +49,7 @@ template <class Body>
 auto failAs(const char* what, const Body& body) {
     try {
         return body();
-    } catch (const UnsafeFile& error) { // this user may read it; it is we who do not want to
+    } catch (const UnsafeFile& error) { // this user may read it, but it is not safe to use
         throw Failure(ExitCode::Failed, what, "", error.what(), "");
     } catch (const std::system_error& error) {
         throw Failure(fileFailure(what, "", error.code().value()).code(), what, "", error.what(), "");

@@ -32,7 +32,7 @@ bool isInForce(const MachineDocument& document);
 std::string resultsText(const std::vector<MachineDocument>& documents);
 /// Why a policy is not in force as a whole. Requires that it is not.
 std::string resultReason(const MachineDocument& document);
-/// A table of the properties that tell most.
+/// A table of the most important properties.
 std::string propertiesTable(const std::vector<MachineDocument>& documents);
 /// Every property of one machine.
 std::string propertiesText(const MachineDocument& document, const Palette& palette);

@@ -74,7 +74,7 @@ Failure MqttTool::failureOf(const agent::MqttFailure& error) const {
     }
     switch (error.kind()) {
     case Kind::UnknownHost:
-        return failure(ExitCode::NotRunning, error.what(), "See its spelling");
+        return failure(ExitCode::NotRunning, error.what(), "Check its spelling");
     case Kind::Unreachable:
         return failure(ExitCode::NotRunning, error.what(), "Start it, or name another with --host and --port");
     case Kind::Refused:

@@ -15,7 +15,7 @@
 
 namespace Sentrel::ctl {
 
-/// Where the broker is and who comes.
+/// Where the broker is, and as whom to connect.
 struct BrokerAddress {
     std::string host;
     std::uint16_t port = 0;
@@ -29,12 +29,12 @@ struct BrokerAddress {
 struct MqttMessage {
     std::string topic;
     std::string payload;
-    bool isRetained; ///< it stood there before; otherwise it was published just now
+    bool isRetained; ///< the broker had it before; otherwise it was published just now
 };
 
-/// The agent's own connection in the hands of a verb: every wait ends at the deadline, and what fails is told.
-/// Failures: 8 nobody listens, 3 no answer in time, 4 the broker does not let this user do it, 1 all others, among them
-/// files that cannot be used and a TLS key or credentials that others than their owner may access.
+/// The agent's own connection for a verb: every wait ends at the deadline, and every failure is a Failure with its next
+/// step. Failures: 8 nobody listens, 3 no answer in time, 4 the broker does not let this user do it, 1 all others,
+/// among them files that cannot be used and a TLS key or credentials that others than their owner may access.
 /// Threads: plain, single access. Owner: a local of the verb; leaves the broker when it ends.
 class MqttTool : private HVBEnterprise::agent::MqttReceiver {
 public:

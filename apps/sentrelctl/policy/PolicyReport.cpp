@@ -20,7 +20,7 @@ std::string verdictText(const CheckedPolicy& policy) {
         return "It would be put into force as a whole.\n";
     }
     if (verdict == "not enforced") {
-        return "It would be taken, and nothing of it put into force.\n";
+        return "It would be taken, but nothing of it would be put into force.\n";
     }
     return verdict == "fails" ? "It would not be put into force as a whole.\n" : "It would be refused.\n";
 }

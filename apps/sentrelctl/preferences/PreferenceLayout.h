@@ -32,7 +32,7 @@ struct Change {
     Json json;
 };
 
-/// What tells @p after from @p before. Lists count as sets: their order is not looked at.
+/// The differences between @p before and @p after. Lists count as sets: their order is ignored.
 std::vector<Change> changesBetween(const Snapshot& before, const Snapshot& after);
 
 } // namespace Sentrel::ctl

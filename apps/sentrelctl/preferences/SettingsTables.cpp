@@ -61,7 +61,7 @@ Failure systemFailure(const std::string& where, int error) {
                    isRight ? ExitCode::NoAccess : ExitCode::Failed);
 }
 
-/// The directory of the file. What it belongs to is what the daemon runs as.
+/// The facts of the file's directory, whose owner is the user whom the daemon runs as.
 struct stat statOfDirectory(const std::string& directory) {
     struct stat status {};
     if (::lstat(directory.c_str(), &status) != 0) {
@@ -85,7 +85,7 @@ void becomeOwnerOf(const std::string& directory) {
     if (status.st_uid == 0) {
         if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
             throw failure(directory, "it is root's and others can write into it",
-                          "Give it to the daemon's user, or take the others' right with chmod go-w");
+                          "Give it to the daemon's user, or take the write access from others with chmod go-w");
         }
         return;
     }
@@ -161,7 +161,7 @@ Failure databaseFailure(const std::string& path, const CVXDBSettings& settings) 
                                  : "Mend that; or move the file away, which gives the preferences their first values");
 }
 
-/// The number that @p sql gives. None when the file does not tell.
+/// The number that @p sql gives. None when the query fails or gives no row.
 std::optional<int> numberOf(const CVXDBSettings& settings, std::string_view sql) {
     CSQLiteRowSet row;
     if (!row.Open(settings, sql.data(), sql.size()) || !row.Execute() || !row.m_bHasRow) {
@@ -232,7 +232,7 @@ std::optional<std::string> valueOf(const std::string& path, const CVXDBSettings&
         const auto [bytes, size] = row.GetColBlob(0);
         return std::string(static_cast<const char*>(bytes), static_cast<std::size_t>(size));
     }
-    if (!isAsked || !row.Reset()) { // only that tells that the step failed
+    if (!isAsked || !row.Reset()) { // only Reset tells that the step failed
         throw databaseFailure(path, settings);
     }
     return std::nullopt;
@@ -253,7 +253,7 @@ void create(const std::string& path) {
     CVXDBSettings settings;
     const bool isDone = settings.Init(path.c_str(), true);
     ::umask(before);
-    // An exception inside counts as done there, so only the second look tells.
+    // Init reports success also after an exception inside it, so only a second look tells.
     if (!isDone || !look(path, settings).created.empty()) {
         throw databaseFailure(path, settings);
     }

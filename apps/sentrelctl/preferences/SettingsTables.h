@@ -25,8 +25,8 @@ std::vector<std::optional<std::string>> readSettings(const std::string& path, co
                                                      const char* what);
 
 /// Makes the tables that the settings file at @p path lacks, and the file when there is none. Nothing that is there is
-/// touched. A process of root's becomes the owner of the directory for this, and for good: the file then belongs to
-/// whom the daemon runs as, and a link planted by that user leads root nowhere.
+/// changed. A process of root's becomes the owner of the directory for this, and for good: the file then belongs to the
+/// user whom the daemon runs as, and a link that this user planted leads nowhere else.
 /// @throws Failure when the file is no settings file, or cannot be read or written; nothing was changed then, unless
 /// the disk failed in between.
 SettingsTables makeSettingsTables(const std::string& path);

@@ -81,7 +81,7 @@ std::string_view takeLine(std::string_view& text) {
 } // namespace
 
 std::optional<std::string> faultOfUrl(std::string_view url) {
-    // Told before control characters, some of which it is: it is what people get wrong.
+    // White space comes before control characters, although some of it is that too: it is the usual mistake.
     if (url.find_first_of(kWhiteSpace) != std::string_view::npos) {
         return "it has white space in it";
     }

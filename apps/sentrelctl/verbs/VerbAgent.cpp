@@ -60,7 +60,7 @@ void signingKeygen(Session& session, const std::string& prefix) {
                                    session.json));
         return;
     }
-    session.out.write(fmt::format("Made {}, which signs policies and is to be kept from everybody else,\n"
+    session.out.write(fmt::format("Made {}, which signs policies and must be kept secret,\n"
                                   "and {}. The machines' agent.json says:\n    \"policy_public_key\": \"{}\"\n",
                                   printable(files.secret), printable(files.open), open));
 }

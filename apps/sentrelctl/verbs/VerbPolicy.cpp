@@ -30,7 +30,7 @@ namespace {
 
 namespace agent = HVBEnterprise::agent;
 
-// More than a machine takes, so that its own reason is told.
+// More than a machine takes, so that the check gives the machine's own reason.
 constexpr std::size_t kMaxRead = 2 * agent::kMaxPolicyMessageBytes;
 constexpr double kPushTimeout = 30;
 
@@ -67,7 +67,7 @@ void policyCheck(Session& session, const CheckOptions& options) {
     }
 }
 
-/// The message to push, checked as the machines do. @throws Failure when it is not fine and need not go.
+/// The message to push, checked as the machines do. @throws Failure when it is not fine and --force is not given.
 CheckedPolicy policyToPush(Session& session, const PushOptions& options, const Fleet& fleet) {
     std::string message = contentOf(options.file, session.inputFd, kMaxRead);
     if (!options.signingKey.empty()) {
@@ -82,7 +82,7 @@ CheckedPolicy policyToPush(Session& session, const PushOptions& options, const F
     return policy;
 }
 
-/// The machine's word on the policy of that hash, from after it was pushed.
+/// The machine's result for the policy with that hash, published after the push.
 MachineDocument awaitResult(MqttTool& broker, const std::string& machine, const std::string& sha256,
                             MqttTool::TimePoint deadline) {
     while (const auto message = broker.next(deadline)) {
@@ -176,7 +176,7 @@ Work describePush(OptionSet& set, Session& session) {
     set.add("--sign", options->signingKey, "Sign it with this key, as 'agent keygen --signing' makes it")
         .shownAs("FILE");
     set.addFlag("--force", options->force, "Push it although the machines will refuse it or a part of it");
-    set.addFlag("--wait", options->wait, "Wait for what the machine makes of it");
+    set.addFlag("--wait", options->wait, "Wait for the machine's result");
     return [options, &session] { policyPush(session, *options); };
 }
 

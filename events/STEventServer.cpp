@@ -1,7 +1,7 @@
 // The browser's socket: one thread, one client at a time, one read for each.
 //
-// A client connects, writes a record or a decrypt request, and is served before the next one is accepted. What waits
-// meanwhile stands in the listening queue. One read is all: what a client sends in pieces counts as far as the first
+// A client connects, writes a record or a decrypt request, and is served before the next one is accepted. Clients that
+// come meanwhile wait in the listening queue. One read is all: what a client sends in pieces counts as far as the first
 // piece goes, and the rest of the message is zero, so that no byte of an earlier client shows in a later report.
 //
 // What must stay so:

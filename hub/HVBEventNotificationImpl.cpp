@@ -13,7 +13,7 @@ HVBEventNotificationImpl::HVBEventNotificationImpl() {
 }
 
 bool HVBEventNotificationImpl::handleEventNotification(HVB::EventData& event) {
-    // The payload is read from a copy, whose archive stands at its first value whoever read the event before.
+    // The payload is read from a copy: its archive is at the first value, also when somebody has read the event before.
     if (event.m_eventId == Sentrel::EVT_DEBUG_LOG_CHANGE) {
         HVB::EventData copy(event);
         std::map<int, bool> statusByModule;

@@ -54,7 +54,7 @@ protected:
         m_pOutArchive = new (std::nothrow) boost::archive::text_woarchive(*m_pOutStream, 0);
     }
 
-    /// The archives go before the streams that they stand on: an archive's destructor still writes.
+    /// The archives are destroyed before their streams: an archive's destructor still writes.
     void releaseArchives() {
         delete m_pOutArchive;
         m_pOutArchive = nullptr;

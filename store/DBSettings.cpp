@@ -7,7 +7,7 @@
 //
 // What must stay so:
 // - No transaction: each statement is committed by itself, since other programs read the file at any time.
-// - A statement that has given its row is reset at once. While it stands on the row it keeps the file locked against
+// - A statement that has given its row is reset at once. While it is on the row, it keeps the file locked against
 //   others, and our own next write would meet theirs without a wait.
 // - Statements end before the connection, or SQLite keeps the file open.
 // - An exception counts as done, with a trace line: no caller could do more, and the daemon goes on.

@@ -119,7 +119,7 @@ void STPreferenceController::takeCategoryRows(const CVXDBSettings::Rows& rows) {
     replaceCategoryBlockDetails(std::move(details));
 }
 
-/// @param form which of the two setters reads: it stands in the lines.
+/// @param form which of the two setters reads; its number is in the trace lines.
 void STPreferenceController::readBackCategories(CVXDBSettings& settings, int form) {
     const boost::lock_guard<boost::mutex> readBack(m_readBackMutex);
     CVXDBSettings::Rows rows;

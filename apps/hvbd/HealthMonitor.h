@@ -20,7 +20,7 @@ public:
     HealthMonitor(const HealthMonitor&) = delete;
     HealthMonitor& operator=(const HealthMonitor&) = delete;
 
-    /// Begins checking over @p bus, after a pause in which the modules can come to the bus as well.
+    /// Begins checking over @p bus, after a pause that gives the modules time to come to the bus as well.
     void connected(sd_bus& bus);
     /// Forgets the connection and the checks under way on it. The states stay.
     void lost() noexcept;

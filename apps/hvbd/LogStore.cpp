@@ -282,8 +282,8 @@ void LogStore::openFile() {
 }
 
 /// Closes a file that is not the one at the path any more. SQLite then leaves the old file's write-ahead log behind,
-/// and would replay it into whatever stands at the path now. It goes aside, and is not deleted: what was not yet
-/// copied into the old file is in it alone.
+/// and would replay it into whatever stands at the path now. It is moved aside and not deleted: what was not yet copied
+/// into the old file is in it alone.
 void LogStore::leaveFile() {
     const bool moved = !regularFileAt(m_path) || regularFileAt(m_path)->identity != m_connection->file;
     const std::optional<FileIdentity> wal = m_connection->wal;

@@ -54,7 +54,7 @@ private:
     std::map<std::wstring, Sections> m_features;
 };
 
-/// What a user's session has come to.
+/// The state of a user's session.
 enum tag_AgentLogonState : std::int32_t {
     AGENT_LOGON = 0,
     AGENT_LOGOFF = 1,

@@ -1,4 +1,4 @@
-// What stands behind HVBCommBroker: one life of the broker, from getInstance to releaseInstance.
+// The broker behind HVBCommBroker: one life of it, from getInstance to releaseInstance.
 #pragma once
 
 #include "base/Mutex.h"

@@ -52,7 +52,7 @@ void DeliveryLink::configure(int moduleId) {
     m_moduleTable.push_back(SD_BUS_VTABLE_END);
 }
 
-/// The table is there to be introspected. The calls themselves come to onCall, which takes any command's number.
+/// The table is only for introspection. The calls themselves go to onCall, which takes any command's number.
 void DeliveryLink::addObjects(sd_bus& bus) {
     bus::check(sd_bus_add_filter(&bus, nullptr, &DeliveryLink::onMessage, this), "cannot receive events");
     if (m_moduleId < 0) {

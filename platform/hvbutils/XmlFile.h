@@ -1,4 +1,4 @@
-// A configuration file, read and written by XPath: what stands behind LibXmlWrapper, and what the tools use.
+// A configuration file, read and written by XPath: LibXmlWrapper is made of it, and the tools use it.
 #pragma once
 
 #include "base/FileReading.h"

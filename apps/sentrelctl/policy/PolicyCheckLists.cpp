@@ -8,7 +8,7 @@
 // What must stay so:
 // - A missing switch of the categories ends the second pass, as in the daemon; so does a missing rating value.
 // - The list of sites is checked also when the second pass fails, but its effect is then that the sites stay.
-// - The daemon ignores names that it does not know. Only this check tells a misspelt key, so checkNames() goes through
+// - The daemon ignores names that it does not know. Only this check finds a misspelt key, so checkNames() goes through
 //   the whole document and compares it with the table of keys. A key in the wrong feature gets its right one named.
 // - How many sites and categories are told is counted after trimming and removing repeated names, as they are stored.
 #include "apps/sentrelctl/policy/PolicyFindings.h"

@@ -1,4 +1,4 @@
-// Where a policy's values stand in its document.
+// The places of a policy's values in its document.
 #pragma once
 
 #include "platform/hvbagent/PolicyDocument.h"

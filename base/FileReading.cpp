@@ -1,5 +1,6 @@
 #include "base/FileReading.h"
 
+#include "base/FileFailure.h"
 #include "base/UniqueFd.h"
 
 #include <fcntl.h>
@@ -18,10 +19,6 @@ constexpr mode_t kOthersWrite = 022;
 
 [[noreturn]] void refuse(const std::string& name, const char* what) {
     throw UnsafeFile(name + ": " + what);
-}
-
-[[noreturn]] void fail(int error, const std::string& name, const char* what) {
-    throw std::system_error(error, std::system_category(), name + ": " + what);
 }
 
 void checkAccess(const struct stat& facts, FileAccess access, const std::string& path) {
@@ -48,7 +45,7 @@ std::size_t readInto(int fd, char* buffer, std::size_t size, const std::string& 
             break;
         }
         if (got < 0 && errno != EINTR) {
-            fail(errno, name, "cannot be read");
+            failFile(errno, name, "cannot be read");
         }
         length += got > 0 ? static_cast<std::size_t>(got) : 0;
     }
@@ -68,7 +65,7 @@ std::string readUpTo(int fd, std::size_t maxBytes, const std::string& name) {
         length += readInto(fd, bytes.data() + length, bytes.size() - length, name);
     } while (length == bytes.size() && length <= most);
     if (length > most) {
-        fail(EFBIG, name, ("is too large: it has more than " + std::to_string(maxBytes) + " bytes").c_str());
+        failFile(EFBIG, name, ("is too large: it has more than " + std::to_string(maxBytes) + " bytes").c_str());
     }
     bytes.resize(length);
     return bytes;
@@ -80,7 +77,7 @@ std::string readFileOrInput(const std::string& name, int inputFd, std::size_t ma
     }
     const UniqueFd file(::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (!file.isOpen()) {
-        fail(errno, name, "cannot be opened");
+        failFile(errno, name, "cannot be opened");
     }
     return readUpTo(file.get(), maxBytes, name);
 }
@@ -91,10 +88,10 @@ std::string readRegularFile(const std::string& path, std::size_t maxBytes, FileA
     const UniqueFd file(::open(path.c_str(), flags));
     struct stat facts {};
     if (!file.isOpen() || ::fstat(file.get(), &facts) != 0) {
-        fail(errno, path, "cannot be opened");
+        failFile(errno, path, "cannot be opened");
     }
     if (!S_ISREG(facts.st_mode)) {
-        fail(EINVAL, path, "is not a regular file");
+        failFile(EINVAL, path, "is not a regular file");
     }
     checkAccess(facts, access, path);
     return readUpTo(file.get(), maxBytes, path);
@@ -103,7 +100,7 @@ std::string readRegularFile(const std::string& path, std::size_t maxBytes, FileA
 void requireOwnerAlone(const std::string& path) {
     struct stat facts {};
     if (::stat(path.c_str(), &facts) != 0) {
-        fail(errno, path, "cannot be opened");
+        failFile(errno, path, "cannot be opened");
     }
     checkAccess(facts, FileAccess::OwnerAlone, path);
 }

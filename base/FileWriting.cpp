@@ -10,6 +10,7 @@
 // of the owner takes set-id bits away.
 #include "base/FileWriting.h"
 
+#include "base/FileFailure.h"
 #include "base/UniqueFd.h"
 
 #include <fcntl.h>
@@ -31,10 +32,6 @@ namespace {
 constexpr mode_t kPrivate = 0600;
 constexpr mode_t kModeBits = 07777;
 
-[[noreturn]] void fail(int error, const std::string& name, const char* what) {
-    throw std::system_error(error, std::system_category(), name + ": " + what);
-}
-
 /// The directory of a file, opened before the file is touched; every step goes through it, so that all happen in the
 /// same one.
 /// Threads: one. Owner: the operation.
@@ -44,7 +41,7 @@ public:
         : m_path(path), m_cut(path.rfind('/') + 1), // npos, one further, is the start
           m_fd(::open(m_cut == 0 ? "." : path.substr(0, m_cut).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
         if (!m_fd.isOpen()) {
-            fail(errno, path, "its directory cannot be opened");
+            failFile(errno, path, "its directory cannot be opened");
         }
     }
 
@@ -56,7 +53,7 @@ public:
     void sync(Replace how) const {
         const bool mayBeUnable = how == Replace::KeepingModeAndOwner;
         if (::fsync(get()) != 0 && !(mayBeUnable && errno == EINVAL)) {
-            fail(errno, m_path, "its directory cannot be synced");
+            failFile(errno, m_path, "its directory cannot be synced");
         }
     }
 
@@ -75,7 +72,7 @@ public:
           m_fd(::openat(directory.get(), m_name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                         kPrivate)) {
         if (!m_fd.isOpen()) {
-            fail(errno, directory.path(), "cannot be made"); // what is there is somebody else's, and stays
+            failFile(errno, directory.path(), "cannot be made"); // what is there is somebody else's, and stays
         }
     }
     NewFile(const NewFile&) = delete;
@@ -98,7 +95,7 @@ public:
     void fill(std::string_view bytes) {
         writeAll(m_fd.get(), bytes, m_directory.path());
         if (::fsync(m_fd.get()) != 0 || !m_fd.close()) {
-            fail(errno, m_directory.path(), "cannot be stored");
+            failFile(errno, m_directory.path(), "cannot be stored");
         }
     }
 
@@ -106,7 +103,7 @@ public:
 
     void takePlaceOf(const std::string& name) {
         if (::renameat(m_directory.get(), m_name.c_str(), m_directory.get(), name.c_str()) != 0) {
-            fail(errno, m_directory.path(), "cannot be replaced");
+            failFile(errno, m_directory.path(), "cannot be replaced");
         }
         keep();
     }
@@ -114,7 +111,7 @@ public:
 private:
     void setMode(mode_t mode) const {
         if (::fchmod(m_fd.get(), mode) != 0) {
-            fail(errno, m_directory.path(), "cannot get its mode");
+            failFile(errno, m_directory.path(), "cannot get its mode");
         }
     }
 
@@ -124,7 +121,7 @@ private:
         const bool isGiven = ::fchown(m_fd.get(), owner, group) == 0 ||
                              (errno == EPERM && (::fchown(m_fd.get(), sameOwner, group) == 0 || errno == EPERM));
         if (!isGiven) {
-            fail(errno, m_directory.path(), "cannot get its owner");
+            failFile(errno, m_directory.path(), "cannot get its owner");
         }
     }
 
@@ -138,7 +135,7 @@ private:
 std::string unguessableName(const DirectoryOf& directory) {
     std::array<std::uint64_t, 2> random{};
     if (::getrandom(random.data(), sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
-        fail(EIO, directory.path(), "the system has no random numbers to give");
+        failFile(EIO, directory.path(), "the system has no random numbers to give");
     }
     return fmt::format(".sentrel-{:016x}{:016x}", random[0], random[1]);
 }
@@ -147,7 +144,7 @@ std::string unguessableName(const DirectoryOf& directory) {
 std::string freedName(const DirectoryOf& directory) {
     std::string name = directory.name() + ".new";
     if (::unlinkat(directory.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
-        fail(errno, directory.path() + ".new", "is in the way");
+        failFile(errno, directory.path() + ".new", "is in the way");
     }
     return name;
 }
@@ -155,10 +152,10 @@ std::string freedName(const DirectoryOf& directory) {
 struct stat factsOfRegularFile(const DirectoryOf& directory) {
     struct stat facts {};
     if (::fstatat(directory.get(), directory.name().c_str(), &facts, AT_SYMLINK_NOFOLLOW) != 0) {
-        fail(errno, directory.path(), "cannot be seen");
+        failFile(errno, directory.path(), "cannot be seen");
     }
     if (!S_ISREG(facts.st_mode)) {
-        fail(S_ISLNK(facts.st_mode) ? ELOOP : EINVAL, directory.path(), "is not a regular file");
+        failFile(S_ISLNK(facts.st_mode) ? ELOOP : EINVAL, directory.path(), "is not a regular file");
     }
     return facts;
 }
@@ -169,7 +166,7 @@ void writeAll(int fd, std::string_view bytes, const std::string& name) {
     while (!bytes.empty()) {
         const ssize_t written = ::write(fd, bytes.data(), bytes.size());
         if (written < 0 && errno != EINTR) {
-            fail(errno, name, "cannot be written");
+            failFile(errno, name, "cannot be written");
         }
         bytes.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
     }

@@ -39,9 +39,19 @@ if(SENTREL_LIBFUZZER)
     target_compile_options(sentrel_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-# sentrel_alone(<source>…): sources that a unity build compiles on their own, as their helpers' names are their neighbours' too.
+# sentrel_alone(<source>…): sources that a unity build compiles on their own, so that a test can link its double in the place
+# of one object, or do without it. Names that clash are no reason for it: within a folder a helper has a name of its own.
 function(sentrel_alone)
     set_source_files_properties(${ARGN} PROPERTIES SKIP_UNITY_BUILD_INCLUSION ON)
+endfunction()
+
+# sentrel_optimised(<target>…): in a sanitized build the tests spend more time in these than their optimisation costs.
+function(sentrel_optimised)
+    if(SENTREL_SANITIZE)
+        foreach(target IN LISTS ARGN)
+            target_compile_options(${target} PRIVATE -O1)
+        endforeach()
+    endif()
 endfunction()
 
 # sentrel_library(<name> SOURCES … LINK …): a folder's target, with its dependencies written down where it is made.

@@ -1,11 +1,12 @@
 # sentrel_test(<name> SOURCES … LINK … [NEEDS program-targets …] [TIMEOUT seconds])
 # A unit program is one test of ctest: it runs whole and shuffled, prints its seed, and writes what became of each case to
 # unit-results/<name>.xml in the build directory, which tests/checks/sum_up.py counts. Of an integration program each case is
-# one, in a process of its own, so that they run side by side. The label is the folder's: unit or integration; the target
-# integration-tests builds all that bear the latter. The programs under NEEDS reach the test as environment variables named
+# one, in a process of its own, so that they run side by side. The label is the folder's: unit or integration; the targets
+# unit-tests and integration-tests build all that bear it. The programs under NEEDS reach the test as environment variables named
 # after their target in upper case with underscores (SENTRELD_ROOTED=…); a test has no default for them.
 include(GoogleTest)
 find_package(GTest REQUIRED)
+add_custom_target(unit-tests)
 add_custom_target(integration-tests)
 
 function(sentrel_test name)
@@ -33,6 +34,7 @@ function(sentrel_test name)
             set(arg_TIMEOUT 1200)
         endif()
         target_link_libraries(${name} PRIVATE sentrel_unit_program)
+        add_dependencies(unit-tests ${name})
         add_test(NAME ${name} COMMAND ${name} --gtest_shuffle --gtest_output=xml:${CMAKE_BINARY_DIR}/unit-results/${name}.xml)
         set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS unit ENVIRONMENT "${environment}")
         return()

@@ -8,11 +8,6 @@
 
 namespace Sentrel::detail {
 
-/// Asked for anew with each access, since its first load may fail and be tried again.
-inline STPreferenceController& preferences() {
-    return *STPreferenceController::getInstance();
-}
-
 /// Sends @p result as the answer to @p command. Without the command's header it could not be matched to it.
 inline void reply(HVB::CommandResult& result, const HVB::CommandData& command, bool succeeded) {
     result.m_commandData = command;

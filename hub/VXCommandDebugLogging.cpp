@@ -8,8 +8,6 @@
 namespace Sentrel {
 namespace {
 
-using detail::preferences;
-
 const char* onOrOff(bool status) {
     return status ? "ON" : "OFF";
 }

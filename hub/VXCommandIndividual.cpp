@@ -9,7 +9,6 @@
 namespace Sentrel {
 namespace {
 
-using detail::preferences;
 using Controller = STPreferenceController;
 
 /// How one preference gets into a snapshot and out of it.

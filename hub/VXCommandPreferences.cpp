@@ -11,8 +11,6 @@
 namespace Sentrel {
 namespace {
 
-using detail::preferences;
-
 /// The results of a run of setters, in their order.
 using Codes = std::vector<int>;
 

@@ -14,7 +14,6 @@
 namespace Sentrel {
 namespace {
 
-using detail::preferences;
 using VersionItems = std::map<std::wstring, std::wstring>;
 
 /// A version text as the about box takes it: at most 99 characters; what is longer is cut.

@@ -9,10 +9,6 @@
 namespace Sentrel {
 namespace {
 
-STPreferenceController& preferences() {
-    return *STPreferenceController::getInstance();
-}
-
 int precedenceOf(const policy::PolicySource& source) {
     const auto precedence = source.number(policy::keys::kPrecedence, 0);
     if (precedence) {

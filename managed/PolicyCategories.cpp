@@ -20,14 +20,10 @@
 #include "policy/PolicyLists.h"
 #include "store/STPreferenceController.h"
 
+#include <syslog.h>
+
 namespace Sentrel {
 namespace {
-
-constexpr int kDebugSeverity = 7;
-
-STPreferenceController& preferences() {
-    return *STPreferenceController::getInstance();
-}
 
 /// What the policy says of the categories.
 struct Categories {
@@ -96,7 +92,7 @@ bool enforceCategories(const policy::PolicySource& source) {
     const auto count = source.number(policy::keys::kCategoryCount, 0);
     if (!count) {
         ST_TRACE(mgsFlow, 2, L"VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy - No Category Present \n");
-        LogMsg(kDebugSeverity, "VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy - No Category Present ");
+        LogMsg(LOG_DEBUG, "VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy - No Category Present ");
         return false;
     }
     Categories categories;
@@ -164,7 +160,7 @@ bool enforceRatings(const policy::PolicySource& source) {
 } // namespace
 
 bool VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy(const SectionsHandle& policy) {
-    LogMsg(kDebugSeverity, "VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy() - Entered");
+    LogMsg(LOG_DEBUG, "VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy() - Entered");
     ST_TRACE(mgsFlow, 2, L"VXPolicyEnforcementImpl::enforceCategoryAndSiteRatingPolicy - Entered\n");
     const detail::DocumentSource source(policy);
     const bool result = enforceCategories(source) && enforceRatings(source);

@@ -26,16 +26,12 @@
 #include "store/DBSettings.h"
 #include "store/STPreferenceController.h"
 
+#include <syslog.h>
+
 #include <list>
 
 namespace Sentrel {
 namespace {
-
-constexpr int kDebugSeverity = 7;
-
-STPreferenceController& preferences() {
-    return *STPreferenceController::getInstance();
-}
 
 /// Looks up a switch. A missing key changes nothing.
 template <class Apply>
@@ -61,7 +57,7 @@ void enforceEnableState(bool isOn) {
              isOn ? "ON" : "OFF");
     preferences().setEnableSentrel(isOn);
     ST_TRACE(mgsFlow, 3, L"Signalling a Dashboard Status Change\n");
-    LogMsg(kDebugSeverity, "Signalling Dashboard for Preference Status Change");
+    LogMsg(LOG_DEBUG, "Signalling Dashboard for Preference Status Change");
     preferences().signalPrefChange(ST_ENABLE);
 }
 
@@ -136,7 +132,7 @@ VXPolicyEnforcementImpl::~VXPolicyEnforcementImpl() {
 }
 
 bool VXPolicyEnforcementImpl::enforcePolicy(const std::wstring /*softwareId*/, const SectionsHandle& policy) {
-    LogMsg(kDebugSeverity, "VXPolicyEnforcementImpl::enforcePolicy() - Entered");
+    LogMsg(LOG_DEBUG, "VXPolicyEnforcementImpl::enforcePolicy() - Entered");
     ST_TRACE(mgsFlow, 5, L"VXPolicyEnforcementImpl::enforcePolicy() - Entered\n");
     bool result = true;
     const auto status = detail::DocumentSource(policy).number(policy::keys::kEnforce, 0);
@@ -153,7 +149,7 @@ bool VXPolicyEnforcementImpl::enforcePolicy(const std::wstring /*softwareId*/, c
             ST_TRACE(mgsFlow, 2, L"enforcePolicy::Error Sentrel Allow-Block Options Policy enforcement failed \n");
         }
     }
-    LogMsg(kDebugSeverity, "VXPolicyEnforcementImpl::enforcePolicy - exiting");
+    LogMsg(LOG_DEBUG, "VXPolicyEnforcementImpl::enforcePolicy - exiting");
     ST_TRACE(mgsFlow, 5, L"VXPolicyEnforcementImpl::enforcePolicy - exiting\n");
     return result;
 }
@@ -170,7 +166,7 @@ bool VXPolicyEnforcementImpl::isPartialEnforcementSupported() {
 }
 
 bool VXPolicyEnforcementImpl::enforceGeneralPolicy(const SectionsHandle& policy) {
-    LogMsg(kDebugSeverity, "VXPolicyEnforcementImpl::enforceGeneralPolicy() - Entered");
+    LogMsg(LOG_DEBUG, "VXPolicyEnforcementImpl::enforceGeneralPolicy() - Entered");
     ST_TRACE(mgsFlow, 2, L"VXPolicyEnforcementImpl::enforceGeneralPolicy - Entered\n");
     const detail::DocumentSource source(policy);
     forSwitch(source, policy::keys::kEnable, enforceEnableState);

@@ -78,12 +78,12 @@ bool hasThreadOfWorker() {
     pthread_mutex_unlock(&mutex);
 }
 
-void reportNoPath() {
+void reportNoPathOfSwitch() {
     ST_TRACE(configFlow, 1, L"Error while getting DB Path\n");
     detail::printLine("Error while getting DB Path");
 }
 
-void reportNoHandle() {
+void reportNoHandleOfSwitch() {
     ST_TRACE(configFlow, 1, L"STPreferenceController::setEnableDebugLogging - Error while getting DB handle\n");
     detail::printLine("Preference error while getting DB handle");
 }
@@ -92,7 +92,7 @@ void reportNoHandle() {
 bool noteInSettings(bool status) {
     ST_TRACE(configFlow, 2, L"STPreferenceController::setDebugLoggingStatus - entered with value %s\n",
              status ? "true" : "false");
-    const auto settings = detail::openSettings(reportNoPath, reportNoHandle);
+    const auto settings = detail::openSettings(reportNoPathOfSwitch, reportNoHandleOfSwitch);
     if (settings == nullptr) {
         return false;
     }

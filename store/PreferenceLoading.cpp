@@ -49,12 +49,12 @@ private:
     CVXDBSettings& m_settings;
 };
 
-void reportNoPath() {
+void reportNoPathOfLoading() {
     ST_TRACE(configFlow, 1, L"STPreferenceController::loadPrefenceDataFromDB - Error while getting DB handle\n");
     detail::printLine("Preferences error while getting DB path ");
 }
 
-void reportNoHandle() {
+void reportNoHandleOfLoading() {
     ST_TRACE(configFlow, 1, L"STPreferenceController::setEnableSentrel - Error while getting DB handle\n");
     detail::printLine("Preferences error while getting DB handle ");
 }
@@ -84,7 +84,7 @@ void STPreferenceController::loadPreferenceData() {
 void STPreferenceController::loadPrefenceDataFromDB() {
     ST_TRACE(configFlow, 2, L"STPreferenceController::loadPrefenceDataFromDB - entered\n");
     try {
-        const auto settings = detail::openSettings(reportNoPath, reportNoHandle);
+        const auto settings = detail::openSettings(reportNoPathOfLoading, reportNoHandleOfLoading);
         if (settings != nullptr) {
             loadScalars(*settings);
             loadLists(*settings);

@@ -19,11 +19,11 @@ void traceEntry(const char* host, const char* user, const char* password, int po
     ST_TRACE(configFlow, 3, L"%s:: httpAuth: %d\n", kSetter, httpAuth);
 }
 
-void reportNoPath() {
+void reportNoPathOfProxy() {
     ST_TRACE(configFlow, 1, L"Error while getting DB Path\n");
 }
 
-void reportNoHandle() {
+void reportNoHandleOfProxy() {
     ST_TRACE(configFlow, 1, L"STPreferenceController::%s - Error while getting DB handle\n", kSetter);
 }
 
@@ -60,7 +60,7 @@ int STPreferenceController::setRpxProxySettings(const char* host, const char* us
             ST_TRACE(configFlow, 3, L"STPreferenceController::%s - duplicate proxy settings\n", kSetter);
             return ST_ERROR_NONE;
         }
-        const auto settings = detail::openSettings(reportNoPath, reportNoHandle);
+        const auto settings = detail::openSettings(reportNoPathOfProxy, reportNoHandleOfProxy);
         const bool isStored = settings != nullptr && update(*settings, "RPXProxyHost", m_proxyHost, host, "host") &&
                               update(*settings, "HttpAuthUname", m_proxyUser, user, "uname") &&
                               update(*settings, "HttpAuthPass", m_proxyPassword, password, "pass") &&

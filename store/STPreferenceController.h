@@ -174,6 +174,11 @@ private:
     static boost::mutex m_instanceMutex;
 };
 
+/// The one controller. Asked for anew with each access, since its first load may fail and be tried again.
+inline STPreferenceController& preferences() {
+    return *STPreferenceController::getInstance();
+}
+
 /// A copy of @p text without the characters of @p characters at its ends.
 std::string trim(const std::string& text, const std::string& characters);
 

@@ -163,6 +163,8 @@ def registration(root, build):
     """Every source file is compiled by some target of this build."""
     compiled = {pathlib.Path(entry["file"]).resolve()
                 for entry in json.loads((build / "compile_commands.json").read_text())}
+    for merged in [path for path in compiled if path.parent.name == "Unity"]:
+        compiled |= {pathlib.Path(name).resolve() for name in re.findall(r'^#include "(.*)"$', merged.read_text(), re.M)}
     for path in sources(root, CODE_FOLDERS, {".cpp"}):
         if path.resolve() not in compiled:
             yield f"{path.relative_to(root)}: in no target"

@@ -13,6 +13,9 @@
 
 namespace testing_support {
 
+/// The level at which a flow writes all its lines.
+inline constexpr int kAllLevels = 5;
+
 /// The lines that @p run writes while only @p flow speaks, at @p level.
 template <class Run>
 std::vector<std::string> linesOf(std::int32_t& flow, int level, Run run) {

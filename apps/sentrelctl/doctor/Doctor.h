@@ -13,6 +13,7 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <utility>
 #include <vector>
 
 namespace Sentrel::ctl {
@@ -33,6 +34,14 @@ struct Diagnosis {
 
 inline Diagnosis healthy(std::string what) {
     return {Verdict::Ok, std::move(what), ""};
+}
+
+inline Diagnosis warning(std::string what, std::string advice) {
+    return {Verdict::Warning, std::move(what), std::move(advice)};
+}
+
+inline Diagnosis failed(std::string what, std::string advice) {
+    return {Verdict::Failed, std::move(what), std::move(advice)};
 }
 
 /// Thrown by a check that cannot see what it is about.

@@ -42,14 +42,6 @@ Diagnosis missingFile(const std::string& path, std::string advice) {
     return {Verdict::Failed, "there is no " + path, std::move(advice)};
 }
 
-Diagnosis failed(std::string what, std::string advice) {
-    return {Verdict::Failed, std::move(what), std::move(advice)};
-}
-
-Diagnosis warning(std::string what, std::string advice) {
-    return {Verdict::Warning, std::move(what), std::move(advice)};
-}
-
 // Directories.
 
 /// What every directory must be. @param isForAll whether other users reach something in it.

@@ -25,10 +25,6 @@ namespace {
 constexpr uid_t kNobody = 65534;
 constexpr int kEventOfNobody = 0; // no module sends it and none subscribes to it
 
-Diagnosis failed(std::string what, std::string advice) {
-    return {Verdict::Failed, std::move(what), std::move(advice)};
-}
-
 Diagnosis hostName(double timeout) {
     std::array<char, 256> name{};
     if (::gethostname(name.data(), name.size() - 1) != 0) {
@@ -146,7 +142,7 @@ bool isOk(Diagnosis (*check)(double), double timeout) {
     }
 }
 
-Diagnosis health(double timeout) {
+Diagnosis moduleHealth(double timeout) {
     needTheBus(timeout);
     std::vector<ModuleHealth> modules;
     try {
@@ -310,9 +306,9 @@ Diagnosis busPolicyDiagnosis(std::optional<int> answer) {
 
 const std::vector<Check>& processChecks() {
     static const std::vector<Check> all{
-        {"host-name", hostName}, {"hub-socket", hubSocket},     {"bus-policy", busPolicy},
-        {"hvbd", hvbd},          {"log-store", logStore},       {"sentreld", sentreld},
-        {"health", health},      {"event-socket", eventSocket}, {"pid-file", pidFile},
+        {"host-name", hostName},  {"hub-socket", hubSocket},     {"bus-policy", busPolicy},
+        {"hvbd", hvbd},           {"log-store", logStore},       {"sentreld", sentreld},
+        {"health", moduleHealth}, {"event-socket", eventSocket}, {"pid-file", pidFile},
     };
     return all;
 }

@@ -36,7 +36,7 @@ constexpr std::array<Word, 5> kRatings{
 constexpr std::array<Word, 4> kReasons{
     {{"1", "rating"}, {"2", "allow/block list"}, {"3", "phishing"}, {"5", "content category"}}};
 // Other codes are what the user answered to a warning.
-constexpr std::array<Word, 3> kActions{{{"1", "allowed"}, {"2", "warned"}, {"4", "blocked"}}};
+constexpr std::array<Word, 3> kActionWords{{{"1", "allowed"}, {"2", "warned"}, {"4", "blocked"}}};
 constexpr std::array<Word, 3> kLists{
     {{"1", "not on the allow/block list"}, {"2", "on the list, not blocked by it"}, {"3", "blocked by the list"}}};
 constexpr std::array<Word, 2> kKinds{{{"st.detect.url", "threat"}, {"ops.informational.event", "information"}}};
@@ -106,14 +106,14 @@ void layBrowserEvent(Block& block, const StoredRecord& record, const DetailRepor
     const std::string severity = valueOf(detail.attributes, L"ThreatSeverity");
     const char* kindWord = wordFor(kKinds, kind, kind.c_str());
     block.headline(record, std::string_view(kindWord) == "threat" ? palette.alarm : "",
-                   fmt::format("{}, {}{}", wordFor(kActions, action, "answered by the user"), kindWord,
+                   fmt::format("{}, {}{}", wordFor(kActionWords, action, "answered by the user"), kindWord,
                                severity.empty() ? "" : fmt::format(" (severity {})", severity)));
     block.line("URL", valueOf(detail.info, L"URL"));
     block.line("Browser", valueOf(detail.attributes, L"SourceProcessName"));
     block.line("User", who(detail.attributes));
     block.line("Rating", inWords(kRatings, valueOf(detail.info, L"RatingID")));
     block.line("Reason", inWords(kReasons, valueOf(detail.info, L"ReasonID")));
-    block.line("Action", inWords(kActions, action, "answer to a warning"));
+    block.line("Action", inWords(kActionWords, action, "answer to a warning"));
     block.line("List", inWords(kLists, valueOf(detail.info, L"ListID")));
     block.line("Category", valueOf(detail.info, L"ContentID"));
     block.line("Count", valueOf(detail.info, L"Count"));

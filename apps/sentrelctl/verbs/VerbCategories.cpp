@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kBlocked = 1; // that a name is there is what counts; 0 would be left out
 
-struct Options {
+struct CategoriesOptions {
     std::vector<std::string> names;
     bool none = false;
     double timeout = kDefaultTimeout;
@@ -42,7 +42,7 @@ STPreferences read(PreferenceClient& client) {
     return client.read(ST_CATEGORY_BLOCK_LIST).values;
 }
 
-void refuseFaulty(const std::vector<std::string>& names) {
+void refuseFaultyNames(const std::vector<std::string>& names) {
     for (const std::string& name : names) {
         if (const std::optional<std::string> fault = faultOfCategory(name)) {
             throw Failure(ExitCode::BadUsage, "not the name of a category",
@@ -75,17 +75,17 @@ void replace(Session& session, PreferenceClient& client, const CategoryBlockDeta
     answer(session, now);
 }
 
-void categoriesShow(Session& session, const Options& options) {
+void categoriesShow(Session& session, const CategoriesOptions& options) {
     PreferenceClient client(options.timeout);
     answer(session, read(client));
 }
 
-void categoriesSet(Session& session, const Options& options) {
+void categoriesSet(Session& session, const CategoriesOptions& options) {
     if (options.names.empty() == !options.none) {
         throw Failure(ExitCode::BadUsage, "bad usage", "", "name the categories to block, or --none alone",
                       "See 'sentrelctl categories set --help'");
     }
-    refuseFaulty(options.names);
+    refuseFaultyNames(options.names);
     CategoryBlockDetails wanted;
     for (const std::string& name : options.names) {
         wanted.emplace(name, kBlocked);
@@ -94,8 +94,8 @@ void categoriesSet(Session& session, const Options& options) {
     replace(session, client, wanted);
 }
 
-void categoriesAdd(Session& session, const Options& options) {
-    refuseFaulty(options.names);
+void categoriesAdd(Session& session, const CategoriesOptions& options) {
+    refuseFaultyNames(options.names);
     PreferenceClient client(options.timeout);
     CategoryBlockDetails wanted = read(client).m_categoryBlockDetails;
     for (const std::string& name : options.names) {
@@ -104,7 +104,7 @@ void categoriesAdd(Session& session, const Options& options) {
     replace(session, client, wanted);
 }
 
-void categoriesRemove(Session& session, const Options& options) {
+void categoriesRemove(Session& session, const CategoriesOptions& options) {
     PreferenceClient client(options.timeout);
     CategoryBlockDetails wanted = read(client).m_categoryBlockDetails;
     const CategoryBlockDetails before = wanted;
@@ -119,27 +119,27 @@ void categoriesRemove(Session& session, const Options& options) {
 }
 
 /// A verb that is given names, or none when @p takesNames is false.
-Work describeShow(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+Work describeCategoriesShow(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<CategoriesOptions>();
     set.addTimeout(options->timeout);
     return [options, &session] { categoriesShow(session, *options); };
 }
 
-Option addNames(OptionSet& set, Options& options) {
+Option addNames(OptionSet& set, CategoriesOptions& options) {
     return set.add("name", options.names, "The categories, by their names").shownAs("NAME...");
 }
 
-Work describeSet(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+Work describeCategoriesSet(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<CategoriesOptions>();
     set.addTimeout(options->timeout);
     addNames(set, *options);
     set.addFlag("--none", options->none, "Blocks no category");
     return [options, &session] { categoriesSet(session, *options); };
 }
 
-template <void (*change)(Session&, const Options&)>
+template <void (*change)(Session&, const CategoriesOptions&)>
 Work describeChange(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<CategoriesOptions>();
     set.addTimeout(options->timeout);
     addNames(set, *options).required();
     return [options, &session] { change(session, *options); };
@@ -149,9 +149,9 @@ Work describeChange(OptionSet& set, Session& session) {
 
 Verbs categoryVerbs() {
     static constexpr std::array<Verb, 4> verbs{{
-        {"categories", "show", "Shows the blocked categories.", "  sentrelctl categories show", describeShow},
+        {"categories", "show", "Shows the blocked categories.", "  sentrelctl categories show", describeCategoriesShow},
         {"categories", "set", "Blocks these categories and no others.", "  sentrelctl categories set Gambling",
-         describeSet},
+         describeCategoriesSet},
         {"categories", "add", "Blocks these categories besides the others.", "  sentrelctl categories add Gambling",
          describeChange<categoriesAdd>},
         {"categories", "remove", "Blocks these categories no more: all, or none.",

@@ -29,7 +29,7 @@ constexpr CommandPurpose kSwitching{"cannot switch the debug logging",
 
 using Time = std::chrono::steady_clock::time_point;
 
-struct Options {
+struct DebugOptions {
     double timeout = kDefaultTimeout;
 };
 
@@ -49,7 +49,7 @@ void show(Session& session, bool isOn) {
                                                     : jsonText(Json{{"debug_logging", isOn}}, session.json));
 }
 
-void debugShow(Session& session, const Options& options) {
+void debugShow(Session& session, const DebugOptions& options) {
     show(session, isDebugLogging(CommandChannel(options.timeout)));
 }
 
@@ -86,7 +86,7 @@ bool switches(bool isOn, const CommandChannel& channel, ChangeBell& bell, double
     return false;
 }
 
-void debugSwitch(Session& session, const Options& options, bool isOn) {
+void debugSwitch(Session& session, const DebugOptions& options, bool isOn) {
     ChangeBell bell;
     const CommandChannel channel(options.timeout); // ends the broker before the bell goes
     try {
@@ -107,13 +107,13 @@ void debugSwitch(Session& session, const Options& options, bool isOn) {
 
 template <bool isOn>
 Work describeSwitch(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<DebugOptions>();
     set.addTimeout(options->timeout);
     return [options, &session] { debugSwitch(session, *options, isOn); };
 }
 
-Work describeShow(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+Work describeDebugShow(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<DebugOptions>();
     set.addTimeout(options->timeout);
     return [options, &session] { debugShow(session, *options); };
 }
@@ -126,7 +126,7 @@ Verbs debugVerbs() {
          describeSwitch<true>},
         {"debug", "off", "Has the daemon's log lines go to the system log from the level information up.",
          "  sentrelctl debug off", describeSwitch<false>},
-        {"debug", "show", "Shows whether debug logging is on.", "  sentrelctl debug show", describeShow},
+        {"debug", "show", "Shows whether debug logging is on.", "  sentrelctl debug show", describeDebugShow},
     }};
     return verbs;
 }

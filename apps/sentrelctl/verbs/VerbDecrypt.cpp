@@ -19,9 +19,9 @@ namespace {
 
 constexpr std::size_t kMaxInputBytes = 65536; // far more than any text that is taken
 
-constexpr const char* kExample = "  sentrelctl decrypt < encrypted.txt";
+constexpr const char* kDecryptExample = "  sentrelctl decrypt < encrypted.txt";
 
-struct Options {
+struct DecryptOptions {
     std::string text = "-";
     double timeout = kDefaultTimeout;
 };
@@ -41,7 +41,7 @@ std::string encryptedText(Session& session, const std::string& argument) {
     return text;
 }
 
-void decrypt(Session& session, const Options& options) {
+void decrypt(Session& session, const DecryptOptions& options) {
     const std::string request = decryptRequest(encryptedText(session, options.text));
     EventSocket socket(paths::eventSocket(), deadlineAfter(options.timeout));
     socket.sendOnce(request);
@@ -55,7 +55,7 @@ void decrypt(Session& session, const Options& options) {
 }
 
 Work describeDecrypt(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<DecryptOptions>();
     set.add("text", options->text,
             "The encrypted text. Better leave it out (or -) and give it on standard input: a command line "
             "can be seen by every user of this machine")
@@ -68,7 +68,7 @@ Work describeDecrypt(OptionSet& set, Session& session) {
 
 Verbs decryptVerbs() {
     static constexpr std::array<Verb, 1> verbs{{
-        {"", "decrypt", "Has the daemon decrypt a stored password.", kExample, describeDecrypt},
+        {"", "decrypt", "Has the daemon decrypt a stored password.", kDecryptExample, describeDecrypt},
     }};
     return verbs;
 }

@@ -10,11 +10,11 @@
 namespace Sentrel::ctl {
 namespace {
 
-struct Options {
+struct DoctorOptions {
     double timeout = 2;
 };
 
-void doctor(Session& session, const Options& options) {
+void doctor(Session& session, const DoctorOptions& options) {
     std::vector<Diagnosis> diagnoses;
     Json list = Json::array();
     for (const auto* const checks : {&fileChecks(), &processChecks()}) {
@@ -38,7 +38,7 @@ void doctor(Session& session, const Options& options) {
 }
 
 Work describeDoctor(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<DoctorOptions>();
     set.addTimeout(options->timeout);
     return [options, &session] { doctor(session, *options); };
 }

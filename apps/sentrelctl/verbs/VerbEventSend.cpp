@@ -18,11 +18,11 @@ constexpr std::size_t kMaxRawBytes = std::size_t{64} << 20; // more would only f
 
 constexpr std::uint32_t kMaxRepeat = 1000000;
 
-constexpr const char* kExample =
+constexpr const char* kEventSendExample =
     "  sentrelctl event send --url https://red.example/page --browser firefox --rating 60 --action block\n"
     "  head -c 100 /dev/urandom | sentrelctl event send --raw -";
 
-struct Options {
+struct EventSendOptions {
     RecordFields fields;
     std::string action = "block";
     std::string raw;
@@ -32,7 +32,7 @@ struct Options {
     double timeout = kDefaultTimeout;
 };
 
-void sendMessage(const std::string& message, const Options& options) {
+void sendMessage(const std::string& message, const EventSendOptions& options) {
     EventSocket socket(paths::eventSocket(), deadlineAfter(options.timeout));
     socket.sendOnce(message);
     if (message.empty()) {
@@ -43,13 +43,13 @@ void sendMessage(const std::string& message, const Options& options) {
     }
 }
 
-std::string summary(std::size_t bytes, const Options& options) {
+std::string summary(std::size_t bytes, const EventSendOptions& options) {
     return fmt::format("Sent {} {} of {} bytes to {}{}.\n", options.repeat,
                        options.repeat == 1 ? "message" : "messages", bytes, paths::eventSocket(),
                        options.noWait ? "" : "; the daemon has taken it");
 }
 
-void eventSend(Session& session, Options& options) {
+void eventSend(Session& session, EventSendOptions& options) {
     options.fields.action = actionCode(options.action);
     const std::string message =
         options.isRaw ? contentOf(options.raw, session.inputFd, kMaxRawBytes) : recordBytes(options.fields);
@@ -100,7 +100,7 @@ std::vector<Option> addFields(OptionSet& set, RecordFields& fields, std::string&
 }
 
 Work describeSend(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<EventSendOptions>();
     const std::vector<Option> fields = addFields(set, options->fields, options->action);
     Option raw =
         set.add("--raw", options->raw, "Send the bytes of FILE (-: standard input) as they are").shownAs("FILE");
@@ -125,7 +125,7 @@ Verbs eventVerbs() {
         {"event", "send",
          "Sends a browser event to the daemon, as a browser component does. Without options it is "
          "a sample: a red site that was blocked.",
-         kExample, describeSend},
+         kEventSendExample, describeSend},
     }};
     return verbs;
 }

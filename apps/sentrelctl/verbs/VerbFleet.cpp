@@ -77,7 +77,7 @@ constexpr Kind kStates{"state", states};
 constexpr Kind kProperties{"properties", properties};
 
 template <const Kind& kind>
-Work describeShow(OptionSet& set, Session& session) {
+Work describeFleetShow(OptionSet& set, Session& session) {
     const auto options = std::make_shared<FleetOptions>();
     addFleetOptions(set, *options);
     return [options, &session] { show(session, *options, kind); };
@@ -88,11 +88,11 @@ Work describeShow(OptionSet& set, Session& session) {
 Verbs fleetVerbs() {
     static constexpr std::array<Verb, 3> verbs{{
         {"policy", "results", "Shows what became of the last policy on each machine of the site.",
-         "  sentrelctl policy results --machine desk-1", describeShow<kResults>},
+         "  sentrelctl policy results --machine desk-1", describeFleetShow<kResults>},
         {"properties", "show", "Shows the main properties of each machine of the site, or all of one machine.",
-         "  sentrelctl properties show --machine desk-1", describeShow<kProperties>},
+         "  sentrelctl properties show --machine desk-1", describeFleetShow<kProperties>},
         {"", "state", "Shows which machines of the site are connected to the broker.", "  sentrelctl state",
-         describeShow<kStates>},
+         describeFleetShow<kStates>},
     }};
     return verbs;
 }

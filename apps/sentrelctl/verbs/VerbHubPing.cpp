@@ -19,9 +19,9 @@ using Sentrel::text::printable;
 using Sentrel::text::validUtf8;
 namespace {
 
-constexpr const char* kExample = "  sentrelctl hub ping";
+constexpr const char* kHubPingExample = "  sentrelctl hub ping";
 
-struct Options {
+struct HubPingOptions {
     double timeout = kDefaultTimeout;
 };
 
@@ -121,7 +121,7 @@ void failUnlessAllAnswered(const std::vector<Answer>& answers) {
     }
 }
 
-void hubPing(Session& session, const Options& options) {
+void hubPing(Session& session, const HubPingOptions& options) {
     const std::vector<Answer> answers = askAll(options.timeout);
     if (session.json == JsonMode::Off) {
         for (const Answer& answer : answers) {
@@ -138,7 +138,7 @@ void hubPing(Session& session, const Options& options) {
 }
 
 Work describePing(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<HubPingOptions>();
     set.addTimeout(options->timeout);
     return [options, &session] { hubPing(session, *options); };
 }
@@ -147,7 +147,7 @@ Work describePing(OptionSet& set, Session& session) {
 
 Verbs hubVerbs() {
     static constexpr std::array<Verb, 1> verbs{{
-        {"hub", "ping", "Asks the bus, hvbd and sentreld for an answer and shows how long each took.", kExample,
+        {"hub", "ping", "Asks the bus, hvbd and sentreld for an answer and shows how long each took.", kHubPingExample,
          describePing},
     }};
     return verbs;

@@ -15,7 +15,7 @@ using Sentrel::text::printable;
 using Sentrel::text::validUtf8;
 namespace {
 
-struct Options {
+struct ListOptions {
     std::vector<std::string> urls;
     bool all = false;
     double timeout = kDefaultTimeout;
@@ -27,7 +27,7 @@ std::string entryText(const ListEntry& entry, const Palette& palette) {
     return fmt::format("{}{}{}  {}\n", color, actionWord(entry.action), palette.plain, printable(entry.url));
 }
 
-void listShow(Session& session, const Options& options) {
+void listShow(Session& session, const ListOptions& options) {
     const UrlList list = PreferenceClient(options.timeout).read(ST_ALLOW_BLOCK_LIST).list;
     if (session.json == JsonMode::Off) {
         std::string text;
@@ -44,7 +44,7 @@ void listShow(Session& session, const Options& options) {
     session.out.write(jsonText(json, session.json));
 }
 
-void refuseFaulty(const std::vector<std::string>& urls) {
+void refuseFaultyUrls(const std::vector<std::string>& urls) {
     for (const std::string& url : urls) {
         if (const std::optional<std::string> fault = faultOfUrl(url)) {
             throw Failure(ExitCode::BadUsage, "not a URL", text::shortened(validUtf8(url), kMaxNameBytes), *fault,
@@ -71,8 +71,8 @@ void answer(Session& session, const UrlList& named, const UrlList& list) {
     session.out.write(jsonText(json, session.json));
 }
 
-void listPut(Session& session, const Options& options, int action) {
-    refuseFaulty(options.urls);
+void listPut(Session& session, const ListOptions& options, int action) {
+    refuseFaultyUrls(options.urls);
     UrlList changes;
     for (const std::string& url : options.urls) {
         changes.push_back({url, action});
@@ -83,7 +83,7 @@ void listPut(Session& session, const Options& options, int action) {
     answer(session, changes, replaceList(session, client, list));
 }
 
-void listRemove(Session& session, const Options& options) {
+void listRemove(Session& session, const ListOptions& options) {
     if (options.urls.empty() == !options.all) {
         throw Failure(ExitCode::BadUsage, "bad usage", "", "name the URLs to remove, or --all alone",
                       "See 'sentrelctl list remove --help'");
@@ -104,21 +104,21 @@ void listRemove(Session& session, const Options& options) {
 
 template <int action>
 Work describePut(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ListOptions>();
     options->timeout = kListTimeout;
     set.add("url", options->urls, "The URLs").required().shownAs("URL...");
     set.addTimeout(options->timeout);
     return [options, &session] { listPut(session, *options, action); };
 }
 
-Work describeShow(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+Work describeListShow(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<ListOptions>();
     set.addTimeout(options->timeout);
     return [options, &session] { listShow(session, *options); };
 }
 
 Work describeRemove(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ListOptions>();
     options->timeout = kListTimeout;
     set.add("url", options->urls, "The URLs").shownAs("URL...");
     set.addFlag("--all", options->all, "Every entry");
@@ -131,7 +131,7 @@ Work describeRemove(OptionSet& set, Session& session) {
 Verbs listVerbs() {
     static constexpr std::array<Verb, 4> verbs{{
         {"list", "show", "Shows the list in the order in which the daemon looks at it.", "  sentrelctl list show",
-         describeShow},
+         describeListShow},
         {"list", "allow", "Enters URLs to allow, or changes their entries.",
          "  sentrelctl list allow http://site.example/", describePut<kAllow>},
         {"list", "block", "Enters URLs to block, or changes their entries.",

@@ -20,7 +20,7 @@ namespace {
 constexpr std::size_t kMaxFileBytes = std::size_t{64} << 20; // more would only fill this process's memory
 constexpr std::size_t kMaxComplaints = 20;                   // a file of another kind is all bad lines
 
-struct Options {
+struct ListFilesOptions {
     std::string file = "-";
     bool allow = false;
     bool block = false;
@@ -40,7 +40,7 @@ void complain(Output& err, const std::string& name, const std::vector<BadLine>& 
     err.write(text);
 }
 
-UrlList entriesOf(Session& session, const Options& options) {
+UrlList entriesOf(Session& session, const ListFilesOptions& options) {
     const std::string name = options.file == "-" ? "standard input" : options.file;
     ParsedList parsed =
         parseList(contentOf(options.file, session.inputFd, kMaxFileBytes), options.allow ? kAllow : kBlock);
@@ -61,7 +61,7 @@ UrlList entriesOf(Session& session, const Options& options) {
     return entries;
 }
 
-void listImport(Session& session, const Options& options) {
+void listImport(Session& session, const ListFilesOptions& options) {
     const UrlList entries = entriesOf(session, options);
     PreferenceClient client(options.timeout);
     UrlList list;
@@ -80,7 +80,7 @@ void listImport(Session& session, const Options& options) {
 }
 
 /// Writes the lines where they are to go, and says so when that is a file.
-void writeLines(Session& session, const Options& options, const UrlList& list) {
+void writeLines(Session& session, const ListFilesOptions& options, const UrlList& list) {
     std::string lines;
     for (const ListEntry& entry : list) {
         lines += listLine(entry) + "\n";
@@ -100,7 +100,7 @@ void writeLines(Session& session, const Options& options, const UrlList& list) {
                           : jsonText(countJson(list), session.json));
 }
 
-void listExport(Session& session, const Options& options) {
+void listExport(Session& session, const ListFilesOptions& options) {
     if (options.file == "-" && session.json != JsonMode::Off) {
         throw Failure(ExitCode::BadUsage, "bad usage", "", "an export to standard output is lines and no JSON",
                       "'sentrelctl list show --json' gives the list as JSON");
@@ -118,7 +118,7 @@ void listExport(Session& session, const Options& options) {
 }
 
 Work describeImport(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ListFilesOptions>();
     set.add("file", options->file, "The file; -: standard input").required().shownAs("FILE|-");
     const Option allow = set.addFlag("--allow", options->allow, "Allow the URLs that have no word in front");
     set.addFlag("--block", options->block, "Block them (the default)").excludes(allow);
@@ -129,7 +129,7 @@ Work describeImport(OptionSet& set, Session& session) {
 }
 
 Work describeExport(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<ListFilesOptions>();
     options->timeout = kDefaultTimeout;
     set.add("file", options->file, "The file; without it, or -: standard output").shownAs("[FILE]");
     set.addTimeout(options->timeout);

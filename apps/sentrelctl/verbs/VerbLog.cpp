@@ -19,10 +19,10 @@ namespace {
 
 constexpr std::uint32_t kPageRecords = 200; // a page is held in memory whole
 
-constexpr const char* kExample = "  sentrelctl log --limit 5\n"
-                                 "  sentrelctl log --follow --json=short";
+constexpr const char* kLogExample = "  sentrelctl log --limit 5\n"
+                                    "  sentrelctl log --follow --json=short";
 
-struct Options {
+struct LogOptions {
     std::uint32_t limit = 20;
     bool follow = false;
     double timeout = kDefaultTimeout;
@@ -76,7 +76,7 @@ void follow(Session& session, HubClient& hub, std::uint64_t shown, const StopSig
     }
 }
 
-void log(Session& session, const Options& options) {
+void log(Session& session, const LogOptions& options) {
     const std::string path = paths::hubSocket();
     try {
         HubClient hub(path, options.timeout);
@@ -93,7 +93,7 @@ void log(Session& session, const Options& options) {
 }
 
 Work describeLog(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<LogOptions>();
     set.add("-n,--limit", options->limit, "Only the newest N (default 20); 0: all").shownAs("N");
     set.addFlag("-f,--follow", options->follow, "Go on with each new report until Ctrl-C");
     set.addTimeout(options->timeout);
@@ -104,7 +104,7 @@ Work describeLog(OptionSet& set, Session& session) {
 
 Verbs logVerbs() {
     static constexpr std::array<Verb, 1> verbs{{
-        {"", "log", "Shows the stored reports, the newest last.", kExample, describeLog},
+        {"", "log", "Shows the stored reports, the newest last.", kLogExample, describeLog},
     }};
     return verbs;
 }

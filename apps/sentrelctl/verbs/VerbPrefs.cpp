@@ -13,7 +13,7 @@
 namespace Sentrel::ctl {
 namespace {
 
-struct Options {
+struct PrefsOptions {
     std::string name;
     std::string value;
     bool isSure = false;
@@ -25,11 +25,11 @@ void show(Session& session, const Snapshot& snapshot) {
                                                     : jsonText(snapshotJson(snapshot), session.json));
 }
 
-void prefsShow(Session& session, const Options& options) {
+void prefsShow(Session& session, const PrefsOptions& options) {
     show(session, PreferenceClient(options.timeout).readAll());
 }
 
-void prefsSet(Session& session, const Options& options) {
+void prefsSet(Session& session, const PrefsOptions& options) {
     const Preference& preference = settablePreference(options.name);
     STPreferences wanted;
     setValue(wanted, preference, options.value);
@@ -46,7 +46,7 @@ void prefsSet(Session& session, const Options& options) {
     }
 }
 
-void prefsReset(Session& session, const Options& options) {
+void prefsReset(Session& session, const PrefsOptions& options) {
     // A script says what it means. A person may have meant something smaller.
     if (!options.isSure && ::isatty(session.inputFd) == 1) {
         throw Failure(ExitCode::BadUsage, "nothing was reset", "",
@@ -58,14 +58,14 @@ void prefsReset(Session& session, const Options& options) {
     show(session, client.readAll());
 }
 
-Work describeShow(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+Work describePrefsShow(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<PrefsOptions>();
     set.addTimeout(options->timeout);
     return [options, &session] { prefsShow(session, *options); };
 }
 
-Work describeSet(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+Work describePrefsSet(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<PrefsOptions>();
     set.add("name", options->name, "Which one").required().shownAs("NAME");
     set.add("value", options->value, "What it is to be").required().shownAs("VALUE");
     set.addTimeout(options->timeout);
@@ -73,7 +73,7 @@ Work describeSet(OptionSet& set, Session& session) {
 }
 
 Work describeReset(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<PrefsOptions>();
     set.addFlag("-y,--yes", options->isSure, "It is meant; needed when standard input is a terminal");
     set.addTimeout(options->timeout);
     return [options, &session] { prefsReset(session, *options); };
@@ -84,12 +84,12 @@ Work describeReset(OptionSet& set, Session& session) {
 Verbs preferenceVerbs() {
     static constexpr std::array<Verb, 3> verbs{{
         {"prefs", "show", "Shows all preferences that are in force.",
-         "  sentrelctl prefs show\n  sentrelctl prefs show --json=short | jq .red_sites", describeShow},
+         "  sentrelctl prefs show\n  sentrelctl prefs show --json=short | jq .red_sites", describePrefsShow},
         {"prefs", "set",
          "Sets one preference and shows its new value.\n"
          "  protection, safe-search, category-blocking                    on, off\n"
          "  red-sites, yellow-sites, unrated-sites, unverified-sites      allow, warn, block",
-         "  sentrelctl prefs set red-sites warn", describeSet},
+         "  sentrelctl prefs set red-sites warn", describePrefsSet},
         {"prefs", "reset",
          "Gives the preferences their first values and empties the allow/block list. The categories "
          "and the action for unverified sites stay.",

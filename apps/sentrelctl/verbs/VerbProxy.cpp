@@ -185,7 +185,7 @@ void proxySet(Session& session, const SetOptions& options) {
     }
 }
 
-Work describeSet(OptionSet& set, Session& session) {
+Work describeProxySet(OptionSet& set, Session& session) {
     const auto options = std::make_shared<SetOptions>();
     constexpr int lastPort = 65535;
     constexpr int lastType = 255;
@@ -204,7 +204,7 @@ Work describeSet(OptionSet& set, Session& session) {
     return [options, &session] { proxySet(session, *options); };
 }
 
-Work describeShow(OptionSet& /*set*/, Session& session) {
+Work describeProxyShow(OptionSet& /*set*/, Session& session) {
     return [&session] { proxyShow(session); };
 }
 
@@ -218,11 +218,11 @@ Verbs proxyVerbs() {
          "encrypted with this machine's key.",
          "  sentrelctl proxy set proxy.example --port 3128\n"
          "  sentrelctl proxy set proxy.example --user anna --auth --password-file secret.txt",
-         describeSet},
+         describeProxySet},
         {"proxy", "show",
          "Shows the proxy that is stored in the settings file, but not its password. Needs neither "
          "hub nor daemon.",
-         "  sentrelctl proxy show", describeShow},
+         "  sentrelctl proxy show", describeProxyShow},
     }};
     return verbs;
 }

@@ -16,7 +16,7 @@ namespace {
 constexpr CommandPurpose kAskingStatus{"cannot read the status"};
 constexpr CommandPurpose kAskingVersions{.what = "cannot read the versions", .readsConfiguration = true};
 
-struct Options {
+struct StatusOptions {
     double timeout = kDefaultTimeout;
 };
 
@@ -60,7 +60,7 @@ Data ask(CommandId id, const CommandPurpose& purpose, double timeout) {
     return payloadOf<Data>(result, purpose.what);
 }
 
-void status(Session& session, const Options& options) {
+void status(Session& session, const StatusOptions& options) {
     const auto line = statusLine(ask<DashBoardData>(CMD_DASH_BOARD_REQUEST, kAskingStatus, options.timeout));
     if (!line) {
         throw unreadableAnswer(kAskingStatus.what, "it has no status line");
@@ -70,20 +70,20 @@ void status(Session& session, const Options& options) {
                                                     : jsonText(statusJson(*line, known), session.json));
 }
 
-void about(Session& session, const Options& options) {
+void about(Session& session, const StatusOptions& options) {
     const auto data = ask<AboutBoxData>(CMD_ABOUT_BOX_REQUEST, kAskingVersions, options.timeout);
     session.out.write(session.json == JsonMode::Off ? aboutText(data, session.palette)
                                                     : jsonText(aboutJson(data), session.json));
 }
 
 Work describeStatus(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<StatusOptions>();
     set.addTimeout(options->timeout);
     return [options, &session] { status(session, *options); };
 }
 
 Work describeAbout(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<StatusOptions>();
     set.addTimeout(options->timeout);
     return [options, &session] { about(session, *options); };
 }

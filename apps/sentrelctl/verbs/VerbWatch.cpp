@@ -21,10 +21,10 @@
 namespace Sentrel::ctl {
 namespace {
 
-constexpr const char* kExample = "  sentrelctl watch\n"
-                                 "  sentrelctl watch --json=short | jq -c '.changes[]'";
+constexpr const char* kWatchExample = "  sentrelctl watch\n"
+                                      "  sentrelctl watch --json=short | jq -c '.changes[]'";
 
-struct Options {
+struct WatchOptions {
     double timeout = kDefaultTimeout;
 };
 
@@ -66,7 +66,7 @@ void showEvent(Session& session, std::int32_t event, const std::vector<Change>& 
     session.out.write(jsonText(Json{{"time", utcTime(time)}, {"event", event}, {"changes", list}}, session.json));
 }
 
-void watchUntilStopped(Session& session, const Options& options) {
+void watchUntilStopped(Session& session, const WatchOptions& options) {
     const std::string path = paths::hubSocket();
     const StopSignals stop; // before any thread
     HubClient hub(path, options.timeout);
@@ -85,7 +85,7 @@ void watchUntilStopped(Session& session, const Options& options) {
     }
 }
 
-void watch(Session& session, const Options& options) {
+void watch(Session& session, const WatchOptions& options) {
     try {
         watchUntilStopped(session, options);
     } catch (const HVB::HVBException& error) {
@@ -94,7 +94,7 @@ void watch(Session& session, const Options& options) {
 }
 
 Work describeWatch(OptionSet& set, Session& session) {
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<WatchOptions>();
     set.addTimeout(options->timeout);
     return [options, &session] { watch(session, *options); };
 }
@@ -103,7 +103,8 @@ Work describeWatch(OptionSet& set, Session& session) {
 
 Verbs watchVerbs() {
     static constexpr std::array<Verb, 1> verbs{{
-        {"", "watch", "Shows the preferences and then each change to them, until Ctrl-C.", kExample, describeWatch},
+        {"", "watch", "Shows the preferences and then each change to them, until Ctrl-C.", kWatchExample,
+         describeWatch},
     }};
     return verbs;
 }

@@ -31,12 +31,12 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing_support::ConsoleUserDouble;
 using testing_support::expectLineAt;
+using testing_support::kAllLevels;
 using testing_support::linesOf;
 using testing_support::Recording;
 using testing_support::SentLog;
 using testing_support::SystemDouble;
 
-constexpr int kAllLevels = 5;
 constexpr const char* kInvoked = "EventReporter::sendBlockEventToHVB - Invoked ";
 constexpr const char* kException = "EventReporter::sendBlockEventToHVB - Exception ";
 

@@ -19,12 +19,11 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing_support::expectLineAt;
+using testing_support::kAllLevels;
 using testing_support::linesOf;
 using testing_support::machineNamed;
 using testing_support::resolverWith;
 using testing_support::SystemDouble;
-
-constexpr int kAllLevels = 5;
 
 class TheHostName : public testing::Test {
 protected:

@@ -21,10 +21,9 @@ using Sentrel::VXHVBLogWrapper;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing_support::expectLineAt;
+using testing_support::kAllLevels;
 using testing_support::linesOf;
 using testing_support::Recording;
-
-constexpr int kAllLevels = 5;
 
 class ALogWrapper : public testing::Test {
 protected:

@@ -25,9 +25,9 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing_support::AgentDouble;
 using testing_support::expectLineAt;
+using testing_support::kAllLevels;
 using testing_support::linesOf;
 
-constexpr int kAllLevels = 5;
 constexpr const char* kCreated = "createInstance NODE_ST_1070UNIX MGSAGENT3700UNIX 8191";
 constexpr const char* kProperties = "registerPropertyCollectionService";
 constexpr const char* kPolicy = "registerPolicyEnforcementService";

@@ -23,7 +23,7 @@ std::string padded(std::string text, std::size_t size) {
     return text;
 }
 
-std::string refusal(const RecordFields& fields) {
+std::string refusalOf(const RecordFields& fields) {
     try {
         recordBytes(fields);
     } catch (const Failure& failure) {
@@ -79,15 +79,15 @@ TEST(AnEventRecord, TakesTheLongestTextThatLeavesRoomForTheNul) {
 TEST(AnEventRecord, IsRefusedWithTheLimitWhenATextDoesNotFit) {
     RecordFields fields;
     fields.url = std::string(272, 'u');
-    EXPECT_EQ(refusal(fields), "sentrelctl: bad usage: --url: the text has 272 bytes, the field takes 271. "
+    EXPECT_EQ(refusalOf(fields), "sentrelctl: bad usage: --url: the text has 272 bytes, the field takes 271. "
                                "Shorten it, or send the bytes with --raw.");
     fields = RecordFields();
     fields.eventId = std::string(16, 'i');
-    EXPECT_EQ(refusal(fields), "sentrelctl: bad usage: --event-id: the text has 16 bytes, the field takes 15. "
+    EXPECT_EQ(refusalOf(fields), "sentrelctl: bad usage: --event-id: the text has 16 bytes, the field takes 15. "
                                "Shorten it, or send the bytes with --raw.");
     fields = RecordFields();
     fields.browser = std::string(64, 'b');
-    EXPECT_EQ(refusal(fields), "sentrelctl: bad usage: --browser: the text has 64 bytes, the field takes 63. "
+    EXPECT_EQ(refusalOf(fields), "sentrelctl: bad usage: --browser: the text has 64 bytes, the field takes 63. "
                                "Shorten it, or send the bytes with --raw.");
 }
 

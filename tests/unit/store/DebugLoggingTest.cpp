@@ -22,25 +22,22 @@
 namespace testing_support {
 namespace {
 
+using Sentrel::preferences;
 using Sentrel::STPreferenceController;
 using testing::Contains;
 using testing::IsEmpty;
-
-STPreferenceController& it() {
-    return *STPreferenceController::getInstance();
-}
 
 class ADebugLoggingChange : public PreferenceFixture {
 protected:
     ADebugLoggingChange() {
         makeTables();
-        it();
+        preferences();
     }
 
     /// Asks for a change and waits until its worker is done. The caller's part comes before the worker's.
     static bool change(bool status) {
         WorkerGate gate;
-        return it().setDebugLoggingStatus(status);
+        return preferences().setDebugLoggingStatus(status);
     }
 
     /// The lines of @p act with their levels and without the numbers of threads, from a controller loaded anew over
@@ -54,7 +51,7 @@ protected:
                 STPreferenceController::releaseInstance();
                 std::filesystem::remove_all(configurationFile());
                 writeConfiguration("true", "information");
-                it();
+                preferences();
                 arrange();
                 configFlowvalue = level;
                 testing::internal::CaptureStdout();
@@ -115,7 +112,7 @@ TEST_F(ADebugLoggingChange, ToOnRewritesTheConfigurationNotesTheSwitchSignalsAnd
     EXPECT_EQ(configuration(), configurationText("true", "debug"));
     EXPECT_EQ(stored("Enabled_Debug_Log"), "blob 01000000");
     EXPECT_EQ(sql("select count(*) from vxsetting"), "1");
-    EXPECT_TRUE(it().getDebugLoggingStatus());
+    EXPECT_TRUE(preferences().getDebugLoggingStatus());
     EXPECT_EQ(hub.events, (std::vector<SentEvent>{{1003, false}}));
     EXPECT_THAT(hub.calls(), Contains("sendCommand 1023 wait 45"));
 }
@@ -126,7 +123,7 @@ TEST_F(ADebugLoggingChange, ToOffLeavesSystemLoggingEnabledAndReadsAsOffAtTheNex
     EXPECT_TRUE(change(false));
     EXPECT_EQ(configuration(), configurationText("true", "information"));
     EXPECT_EQ(stored("Enabled_Debug_Log"), "blob 00000000");
-    EXPECT_FALSE(it().getDebugLoggingStatus());
+    EXPECT_FALSE(preferences().getDebugLoggingStatus());
     EXPECT_FALSE(restarted().getDebugLoggingStatus());
 }
 
@@ -161,7 +158,7 @@ TEST_F(ADebugLoggingChange, IsTraced) {
 TEST_F(ADebugLoggingChange, StartsOneThreadWithDefaultAttributesAndTheStatusAsItsArgument) {
     for (const bool status : {true, false}) {
         WorkerGate gate;
-        it().setDebugLoggingStatus(status);
+        preferences().setDebugLoggingStatus(status);
         EXPECT_EQ(gate.starts, 1);
         EXPECT_TRUE(gate.hadDefaultAttributes);
         EXPECT_EQ(reinterpret_cast<std::intptr_t>(gate.argument), status ? 1 : 0);
@@ -178,7 +175,7 @@ TEST_F(ADebugLoggingChange, StartsItsThreadBeforeItTurnsToTheSettings) {
         path = file();
         return true;
     };
-    EXPECT_TRUE(it().setDebugLoggingStatus(true));
+    EXPECT_TRUE(preferences().setDebugLoggingStatus(true));
     EXPECT_EQ(startsAtEachTurn, (std::vector<int>{1}));
 }
 
@@ -191,7 +188,7 @@ TEST_F(ADebugLoggingChange, IsUnderWayFromItsStartUntilTheHubHasReloadedHoweverO
     };
     {
         WorkerGate gate;
-        EXPECT_TRUE(it().setDebugLoggingStatus(true)) << "having asked holds nothing";
+        EXPECT_TRUE(preferences().setDebugLoggingStatus(true)) << "having asked holds nothing";
         EXPECT_TRUE(STPreferenceController::isChangingDebugLogging());
     }
     EXPECT_EQ(hub.commands.size(), 1U);
@@ -200,7 +197,7 @@ TEST_F(ADebugLoggingChange, IsUnderWayFromItsStartUntilTheHubHasReloadedHoweverO
 
 TEST_F(ADebugLoggingChange, IsUnderWayBeforeItsThreadHasBegun) {
     WorkerGate gate;
-    it().setDebugLoggingStatus(true);
+    preferences().setDebugLoggingStatus(true);
     EXPECT_TRUE(eventually([&] { return gate.waiting() == 1; }));
     EXPECT_TRUE(STPreferenceController::isChangingDebugLogging());
 }
@@ -223,11 +220,11 @@ TEST_F(ADebugLoggingChange, WhoseThreadCannotBeStartedIsNotUnderWayAndDropsEachL
         std::thread another([&end] { await(end.get_future(), "the end of the test"); });
         WorkerGate gate;
         gate.refuses = true;
-        EXPECT_TRUE(it().setDebugLoggingStatus(true)) << "the note is made";
+        EXPECT_TRUE(preferences().setDebugLoggingStatus(true)) << "the note is made";
         EXPECT_EQ(gate.refusals, 1);
         EXPECT_FALSE(STPreferenceController::isChangingDebugLogging());
         gate.refuses = false;
-        EXPECT_FALSE(it().setDebugLoggingStatus(false)) << "the lock is kept";
+        EXPECT_FALSE(preferences().setDebugLoggingStatus(false)) << "the lock is kept";
         EXPECT_EQ(gate.starts, 0);
         end.set_value();
         another.join();
@@ -240,7 +237,7 @@ TEST_F(ADebugLoggingChange, ChangesTheMemoryAfterTheFileAndSignalsBeforeTheHubRe
     hub.before = [this](const std::string& operation) {
         if (operation == "sendEventNotification") {
             EXPECT_EQ(configuration(), configurationText("true", "debug"));
-            EXPECT_TRUE(it().getDebugLoggingStatus());
+            EXPECT_TRUE(preferences().getDebugLoggingStatus());
             EXPECT_TRUE(hub.commands.empty());
         }
     };
@@ -252,13 +249,13 @@ TEST_F(ADebugLoggingChange, ChangesTheMemoryAfterTheFileAndSignalsBeforeTheHubRe
 TEST_F(ADebugLoggingChange, DropsASecondOneThatComesMeanwhileAndCompletesItself) {
     {
         WorkerGate gate;
-        EXPECT_TRUE(it().setDebugLoggingStatus(true));
-        EXPECT_FALSE(it().setDebugLoggingStatus(false));
+        EXPECT_TRUE(preferences().setDebugLoggingStatus(true));
+        EXPECT_FALSE(preferences().setDebugLoggingStatus(false));
         EXPECT_EQ(gate.starts, 1);
         EXPECT_EQ(stored("Enabled_Debug_Log"), "blob 01000000");
     }
     EXPECT_EQ(configuration(), configurationText("true", "debug"));
-    EXPECT_TRUE(it().getDebugLoggingStatus());
+    EXPECT_TRUE(preferences().getDebugLoggingStatus());
     EXPECT_EQ(hub.events.size(), 1U);
     EXPECT_EQ(hub.commands.size(), 1U);
     EXPECT_TRUE(change(false)) << "the next one runs";
@@ -268,8 +265,8 @@ TEST_F(ADebugLoggingChange, DropsASecondOneThatComesMeanwhileAndCompletesItself)
 TEST_F(ADebugLoggingChange, SaysSoWhenItIsDropped) {
     const Lines lines = linesOf([] {
         WorkerGate gate;
-        it().setDebugLoggingStatus(true);
-        it().setDebugLoggingStatus(false);
+        preferences().setDebugLoggingStatus(true);
+        preferences().setDebugLoggingStatus(false);
     });
     EXPECT_EQ(lines, (callerLines(true) +
                       Lines{"2 STPreferenceController::setDebugLoggingStatus entered with status OFF",
@@ -283,7 +280,7 @@ TEST_F(ADebugLoggingChange, SaysSoWhenItIsDropped) {
 TEST_F(ADebugLoggingChange, GoesOnWithoutTheNoteWhenTheSettingsHaveNoPath) {
     settingsPath() = [](std::string&) { return false; };
     EXPECT_EQ(printed([] { EXPECT_FALSE(change(true)); }), "Error while getting DB Path\n");
-    EXPECT_TRUE(it().getDebugLoggingStatus());
+    EXPECT_TRUE(preferences().getDebugLoggingStatus());
     EXPECT_EQ(linesOf([] { change(true); }),
               (Lines{callerLines(true)[0], callerLines(true)[1], "1 Error while getting DB Path"} +
                workerLines(true, kReloaded)));
@@ -293,7 +290,7 @@ TEST_F(ADebugLoggingChange, GoesOnWithoutTheNoteWhenTheSettingsCannotBeOpened) {
     std::filesystem::remove(file());
     std::filesystem::create_directory(file());
     EXPECT_EQ(printed([] { EXPECT_FALSE(change(true)); }), "Preference error while getting DB handle\n");
-    EXPECT_TRUE(it().getDebugLoggingStatus());
+    EXPECT_TRUE(preferences().getDebugLoggingStatus());
     EXPECT_EQ(linesOf([] { change(true); }),
               (Lines{callerLines(true)[0], callerLines(true)[1],
                      "1 STPreferenceController::setEnableDebugLogging - Error while getting DB handle"} +
@@ -303,7 +300,7 @@ TEST_F(ADebugLoggingChange, GoesOnWithoutTheNoteWhenTheSettingsCannotBeOpened) {
 TEST_F(ADebugLoggingChange, GoesOnWithoutTheNoteWhenTheSettingsRefuseIt) {
     sql("drop table vxsetting");
     EXPECT_EQ(printed([] { EXPECT_FALSE(change(true)); }), "");
-    EXPECT_TRUE(it().getDebugLoggingStatus());
+    EXPECT_TRUE(preferences().getDebugLoggingStatus());
     EXPECT_EQ(linesOf([] { change(true); }),
               (Lines{callerLines(true)[0], callerLines(true)[1],
                      "1 STPreferenceController::setEnableDebugLogging - Error while updating value in DB"} +
@@ -330,7 +327,7 @@ class ADebugLoggingChangeWithoutItsFile : public ADebugLoggingChange {
 protected:
     void expectNothingElseHappened() {
         EXPECT_EQ(stored("Enabled_Debug_Log"), "blob 01000000");
-        EXPECT_FALSE(it().getDebugLoggingStatus());
+        EXPECT_FALSE(preferences().getDebugLoggingStatus());
         EXPECT_THAT(hub.events, IsEmpty());
         EXPECT_THAT(hub.commands, IsEmpty());
     }
@@ -338,7 +335,7 @@ protected:
         writeConfiguration("true", "information");
         EXPECT_TRUE(change(true));
         EXPECT_EQ(configuration(), configurationText("true", "debug"));
-        EXPECT_TRUE(it().getDebugLoggingStatus());
+        EXPECT_TRUE(preferences().getDebugLoggingStatus());
     }
     Lines refusedLines(const Lines& rest) {
         return callerLines(true) +
@@ -436,7 +433,7 @@ TEST_F(ADebugLoggingChangeWhoseFileChanges, EndsWhenItCannotBeSaved) {
 TEST_F(ADebugLoggingChangeWhoseFileChanges, WinsOverAnotherProcessAndLeavesTheFileWhole) {
     EXPECT_TRUE(changeAndMeanwhile([this] { writeConfiguration("false", "alert"); }));
     EXPECT_EQ(configuration(), configurationText("true", "debug"));
-    EXPECT_TRUE(it().getDebugLoggingStatus());
+    EXPECT_TRUE(preferences().getDebugLoggingStatus());
 }
 
 // The hub.
@@ -449,7 +446,7 @@ TEST_F(ADebugLoggingChange, LeavesFileAndMemoryAsTheyAreWhenTheReloadFails) {
         };
         EXPECT_TRUE(change(true));
         EXPECT_EQ(configuration(), configurationText("true", "debug"));
-        EXPECT_TRUE(it().getDebugLoggingStatus());
+        EXPECT_TRUE(preferences().getDebugLoggingStatus());
         const Lines failed{kReloaded[0], kReloaded[1],
                            "1 STPreferenceController::updateHVConfigAndReloadHVB - CMD_RELOAD_HVB failed"};
         EXPECT_EQ(linesOf([] { change(true); }), callerLines(true) + workerLines(true, failed));
@@ -463,12 +460,12 @@ TEST_F(ADebugLoggingChange, EndsWhenTheBrokerThrowsAtTheReloadAndTheNextOneRuns)
         }
     };
     EXPECT_TRUE(change(true));
-    EXPECT_TRUE(it().getDebugLoggingStatus());
+    EXPECT_TRUE(preferences().getDebugLoggingStatus());
     EXPECT_EQ(linesOf([] { change(true); }),
               callerLines(true) + workerLines(true, {kReloaded[0], kReloaded[1], kUnknown}));
     hub.before = nullptr;
     EXPECT_TRUE(change(false));
-    EXPECT_FALSE(it().getDebugLoggingStatus());
+    EXPECT_FALSE(preferences().getDebugLoggingStatus());
 }
 
 TEST_F(ADebugLoggingChange, SendsNoReloadWhenTheSignalThrows) {
@@ -478,7 +475,7 @@ TEST_F(ADebugLoggingChange, SendsNoReloadWhenTheSignalThrows) {
         }
     };
     EXPECT_TRUE(change(true));
-    EXPECT_TRUE(it().getDebugLoggingStatus());
+    EXPECT_TRUE(preferences().getDebugLoggingStatus());
     EXPECT_THAT(hub.commands, IsEmpty());
     EXPECT_EQ(linesOf([] { change(true); }), callerLines(true) + workerLines(true, {kUnknown}));
 }
@@ -508,12 +505,12 @@ TEST_F(ADebugLoggingChange, LeavesNothingBehindAlsoAfterAThousandOfThem) {
     WorkerGate gate;
     gate.open();
     for (int number = 0; number < 1000; ++number) {
-        ASSERT_TRUE(eventually([&] { return it().setDebugLoggingStatus(number % 2 == 0); }));
+        ASSERT_TRUE(eventually([&] { return preferences().setDebugLoggingStatus(number % 2 == 0); }));
         gate.waitUntilAllEnded();
     }
     EXPECT_EQ(gate.starts, 1000);
     EXPECT_LT(mappedStacks(), before + 100) << "a thread that nobody lets go of keeps its stack";
-    EXPECT_FALSE(it().getDebugLoggingStatus());
+    EXPECT_FALSE(preferences().getDebugLoggingStatus());
     EXPECT_EQ(hub.commands.size(), 1001U);
 }
 

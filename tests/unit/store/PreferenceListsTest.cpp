@@ -15,23 +15,20 @@ namespace {
 
 using Sentrel::AllowBlockDetails;
 using Sentrel::CategoryBlockDetails;
+using Sentrel::preferences;
 using Sentrel::STPreferenceController;
-
-STPreferenceController& it() {
-    return *STPreferenceController::getInstance();
-}
 
 using Urls = std::vector<std::pair<std::string, int>>;
 
 Urls served() {
     AllowBlockDetails details;
-    EXPECT_EQ(it().getAllowBlockDetails(details), Sentrel::ST_ERROR_NONE);
+    EXPECT_EQ(preferences().getAllowBlockDetails(details), Sentrel::ST_ERROR_NONE);
     return {details.begin(), details.end()};
 }
 
 CategoryBlockDetails servedCategories() {
     CategoryBlockDetails details;
-    EXPECT_EQ(it().getCategoryBlockDetails(details), Sentrel::ST_ERROR_NONE);
+    EXPECT_EQ(preferences().getCategoryBlockDetails(details), Sentrel::ST_ERROR_NONE);
     return details;
 }
 
@@ -40,22 +37,22 @@ int setUrls(const Urls& urls) {
     for (const auto& [url, action] : urls) {
         details.emplace(url, action);
     }
-    return it().setAllowBlockDetails(details);
+    return preferences().setAllowBlockDetails(details);
 }
 
 int setUrlsByPolicy(int precedence, std::vector<std::wstring> urls, std::vector<int> actions) {
-    return it().setAllowBlockDetails(precedence, urls, actions);
+    return preferences().setAllowBlockDetails(precedence, urls, actions);
 }
 
 int setCategories(CategoryBlockDetails categories) {
-    return it().setCategoryBlockDetails(categories);
+    return preferences().setCategoryBlockDetails(categories);
 }
 
 int setCategoriesByPolicy(int enabled, std::vector<std::wstring> names, std::wstring actions, int uncategorised = 0,
                           std::optional<int> count = {}) {
     std::vector<wchar_t> codes(actions.begin(), actions.end());
-    return it().setCategoryBlockDetails(enabled, count.value_or(static_cast<int>(names.size())), codes, names,
-                                        uncategorised);
+    return preferences().setCategoryBlockDetails(enabled, count.value_or(static_cast<int>(names.size())), codes, names,
+                                                 uncategorised);
 }
 
 class APreferenceList : public PreferenceFixture {
@@ -72,7 +69,7 @@ protected:
             [this] {
                 std::filesystem::remove(file());
                 makeTables();
-                it();
+                preferences();
             },
             act);
     }
@@ -80,7 +77,7 @@ protected:
 
 /// Runs @p later when @p earlier has read the rows of @p table back and has not taken them over yet.
 void replaceBetween(const char* table, const std::function<void()>& earlier, const std::function<void()>& later) {
-    it();
+    preferences();
     ReadBackGate gate(table);
     std::thread first(earlier);
     EXPECT_TRUE(eventually([&gate] { return gate.holdsAReader(); }));
@@ -121,7 +118,7 @@ TEST_F(ACategoryList, StaysWithItsSwitchOfUncategorisedSitesWhenPolicyTurnsTheFe
     EXPECT_EQ(stored("UNCAT_Block"), "blob 01000000");
     EXPECT_EQ(setCategoriesByPolicy(0, {L"News"}, L"1", 0), Sentrel::ST_ERROR_NONE);
     EXPECT_EQ(stored("CAT_Enabled"), "blob 00000000");
-    EXPECT_FALSE(it().getEnableCategoryBlocking());
+    EXPECT_FALSE(preferences().getEnableCategoryBlocking());
     EXPECT_EQ(stored("UNCAT_Block"), "blob 01000000");
     EXPECT_EQ(categoryRows(), "Games|blob|01000000");
     EXPECT_EQ(servedCategories(), (CategoryBlockDetails{{"Games", 1}}));
@@ -132,7 +129,7 @@ TEST_F(ACategoryList, WritesItsSwitchOnlyWhenItDiffersAndThenAsItCame) {
     EXPECT_EQ(stored("CAT_Enabled"), "") << "on by default";
     setCategoriesByPolicy(2, {}, L"");
     EXPECT_EQ(stored("CAT_Enabled"), "blob 02000000");
-    EXPECT_TRUE(it().getEnableCategoryBlocking());
+    EXPECT_TRUE(preferences().getEnableCategoryBlocking());
 }
 
 TEST_F(ACategoryList, IsEmptiedByPolicyWithACountOfZero) {
@@ -144,7 +141,7 @@ TEST_F(ACategoryList, IsEmptiedByPolicyWithACountOfZero) {
 
 TEST_F(ACategoryList, IsNotChangedByAClientWhileTheFeatureIsOff) {
     setCategoriesByPolicy(1, {L"Games"}, L"1");
-    it().setEnableCategoryBlocking(false);
+    preferences().setEnableCategoryBlocking(false);
     EXPECT_EQ(printed([] { EXPECT_EQ(setCategories({{"News", 1}}), Sentrel::ST_ERROR_NONE); }), "");
     EXPECT_EQ(categoryRows(), "Games|blob|01000000");
     EXPECT_EQ(servedCategories(), (CategoryBlockDetails{{"Games", 1}}));
@@ -188,7 +185,7 @@ TEST_F(ACategoryList, IsStoredWholeWhileAnotherProgramWritesToo) {
     for (int index = 0; index < categories; ++index) {
         names.push_back(L"category" + std::to_wstring(index));
     }
-    it();
+    preferences();
     std::atomic<bool> isOver{false};
     std::thread other([&] {
         std::string seen;
@@ -246,7 +243,7 @@ TEST_F(ACategoryList, SaysThatNothingCouldBeReadBack) {
             [this] {
                 std::filesystem::remove(file());
                 makeTables();
-                it();
+                preferences();
                 setCategories({{"Games", 1}});
                 sql("drop table catblockinginfo");
             },
@@ -275,11 +272,11 @@ TEST_F(ACategoryList, TracesThatItWasAskedFor) {
 TEST_F(AnAllowBlockList, ServesTheAllowedUrlFirstWhenAllowingHasPrecedenceAndTheBlockedOneOtherwise) {
     EXPECT_EQ(setUrlsByPolicy(1, {L"http://b.example", L"http://a.example"}, {1, 0}), Sentrel::ST_ERROR_NONE);
     EXPECT_EQ(served(), (Urls{{"http://a.example", 0}, {"http://b.example", 1}}));
-    EXPECT_TRUE(it().getAllowOverBlockPrecedenceStatus());
+    EXPECT_TRUE(preferences().getAllowOverBlockPrecedenceStatus());
     EXPECT_EQ(stored("ALLOW_OVER_Block"), "blob 01000000");
     setUrlsByPolicy(0, {L"http://a.example", L"http://b.example"}, {0, 1});
     EXPECT_EQ(served(), (Urls{{"http://b.example", 1}, {"http://a.example", 0}}));
-    EXPECT_FALSE(it().getAllowOverBlockPrecedenceStatus());
+    EXPECT_FALSE(preferences().getAllowOverBlockPrecedenceStatus());
     EXPECT_EQ(stored("ALLOW_OVER_Block"), "blob 00000000");
     restarted();
     EXPECT_EQ(served(), (Urls{{"http://b.example", 1}, {"http://a.example", 0}}));
@@ -289,7 +286,7 @@ TEST_F(AnAllowBlockList, TakesEveryPrecedenceButZeroForAllowing) {
     for (const int precedence : {2, -1}) {
         setUrlsByPolicy(0, {}, {});
         setUrlsByPolicy(precedence, {L"http://b.example", L"http://a.example"}, {1, 0});
-        EXPECT_TRUE(it().getAllowOverBlockPrecedenceStatus()) << precedence;
+        EXPECT_TRUE(preferences().getAllowOverBlockPrecedenceStatus()) << precedence;
         EXPECT_EQ(served(), (Urls{{"http://a.example", 0}, {"http://b.example", 1}})) << precedence;
         EXPECT_EQ(stored("ALLOW_OVER_Block"), precedence == 2 ? "blob 02000000" : "blob FFFFFFFF");
     }
@@ -333,7 +330,7 @@ TEST_F(AnAllowBlockList, IsEmptiedByAnEmptyOne) {
 TEST_F(AnAllowBlockList, DoesNotTouchThePrecedenceForAClient) {
     setUrlsByPolicy(1, {}, {});
     setUrls({{"http://b.example", 1}, {"http://a.example", 0}});
-    EXPECT_TRUE(it().getAllowOverBlockPrecedenceStatus());
+    EXPECT_TRUE(preferences().getAllowOverBlockPrecedenceStatus());
     EXPECT_EQ(served(), (Urls{{"http://a.example", 0}, {"http://b.example", 1}}));
 }
 
@@ -422,15 +419,15 @@ TEST_F(AnAllowBlockList, TracesNothingWhenItIsAskedFor) {
 // Private ranges.
 
 TEST_F(APrivateRangeList, IsEmptiedByAnEmptyOne) {
-    EXPECT_EQ(it().setPrivateIPRange({"10.0.0.0-10.255.255.255"}), Sentrel::ST_ERROR_NONE);
+    EXPECT_EQ(preferences().setPrivateIPRange({"10.0.0.0-10.255.255.255"}), Sentrel::ST_ERROR_NONE);
     EXPECT_EQ(ranges(), "10.0.0.0-10.255.255.255");
-    EXPECT_EQ(it().setPrivateIPRange({}), Sentrel::ST_ERROR_NONE);
+    EXPECT_EQ(preferences().setPrivateIPRange({}), Sentrel::ST_ERROR_NONE);
     EXPECT_EQ(ranges(), "");
 }
 
 TEST_F(APrivateRangeList, SkipsARangeWithAColonAndStoresTheDottedOneBesideIt) {
     EXPECT_EQ(linesOf([] {
-                  it().setPrivateIPRange({"fc00::/7", " 10.0.0.0/8 ", ""});
+                  preferences().setPrivateIPRange({"fc00::/7", " 10.0.0.0/8 ", ""});
               }),
               (Lines{"5 STPreferenceController::setPrivateIPRange - entered",
                      "1 STPreferenceController::setPrivateIPRange ignoring IPV6 private range."}));
@@ -455,7 +452,7 @@ protected:
         return leveled(
             [&] {
                 settingsPath() = path;
-                it();
+                preferences();
                 settingsPath() = answer;
             },
             [&] { EXPECT_EQ(GetParam().set(), expected); });
@@ -479,7 +476,7 @@ INSTANTIATE_TEST_SUITE_P(
                     ListSetter{"UrlsOfAClient", [] { return setUrls({}); },
                                "2 STPreferenceController::setAllowBlockDetails 2 - entered", "setAllowBlockDetails 2",
                                "setAllowBlockDetails"},
-                    ListSetter{"Ranges", [] { return it().setPrivateIPRange({}); },
+                    ListSetter{"Ranges", [] { return preferences().setPrivateIPRange({}); },
                                "5 STPreferenceController::setPrivateIPRange - entered", "setPrivateIPRange",
                                "setPrivateIPRange"}),
     [](const auto& setter) { return std::string(setter.param.name); });
@@ -508,7 +505,7 @@ TEST_P(AListSetter, TurnsExceptionsIntoTheirCodesAndLines) {
 
 TEST_P(AListSetter, SucceedsWithoutTablesAndSignalsNothing) {
     std::filesystem::remove(file());
-    it();
+    preferences();
     EXPECT_EQ(GetParam().set(), Sentrel::ST_ERROR_NONE);
     EXPECT_THAT(Recording::instance().calls(), testing::IsEmpty());
 }

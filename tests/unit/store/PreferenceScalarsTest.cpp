@@ -9,6 +9,7 @@
 namespace testing_support {
 namespace {
 
+using Sentrel::preferences;
 using Sentrel::PreferencesException;
 using Sentrel::STPreferenceController;
 
@@ -27,14 +28,10 @@ struct Setter {
     int (*get)();            ///< null: nothing reads it
 };
 
-STPreferenceController& it() {
-    return *STPreferenceController::getInstance();
-}
-
-#define BOOL_SETTER(call) [](int value) { return it().call(value != 0); }
-#define INT_SETTER(call) [](int value) { return it().call(value); }
-#define BYTE_SETTER(call) [](int value) { return it().call(static_cast<unsigned char>(value)); }
-#define GETTER(call) [] { return static_cast<int>(it().call()); }
+#define BOOL_SETTER(call) [](int value) { return preferences().call(value != 0); }
+#define INT_SETTER(call) [](int value) { return preferences().call(value); }
+#define BYTE_SETTER(call) [](int value) { return preferences().call(static_cast<unsigned char>(value)); }
+#define GETTER(call) [] { return static_cast<int>(preferences().call()); }
 
 constexpr const char* kOn = "blob 01000000";
 constexpr const char* kOff = "blob 00000000";
@@ -89,7 +86,7 @@ protected:
         return std::to_string(GetParam().byDefault);
     }
     Lines setOtherLines() const {
-        return leveled([] { it(); }, [this] { setOther(); });
+        return leveled([] { preferences(); }, [this] { setOther(); });
     }
     /// The lines of a set of another value up to the point where the file is opened.
     Lines beforeTheFile() const {
@@ -130,7 +127,7 @@ TEST_P(AScalarSetter, SaysWhatItDidWhenItSucceeds) {
         [this] {
             std::filesystem::remove(file());
             makeTables();
-            it();
+            preferences();
         },
         [this] { setOther(); });
     Lines expected = beforeTheFile();
@@ -145,7 +142,7 @@ TEST_P(AScalarSetter, SaysWhatItDidWhenItSucceeds) {
 }
 
 TEST_P(AScalarSetter, SaysThatAValueIsTheCurrentOne) {
-    const Lines lines = leveled([] { it(); }, [] { GetParam().set(GetParam().byDefault); });
+    const Lines lines = leveled([] { preferences(); }, [] { GetParam().set(GetParam().byDefault); });
     Lines expected{entry(defaultText())};
     switch (shape()) {
     case Shape::A:
@@ -168,7 +165,7 @@ TEST_P(AScalarSetter, SaysThatAValueIsTheCurrentOne) {
 }
 
 TEST_P(AScalarSetter, LeavesTheFileAloneWhenTheValueIsTheCurrentOne) {
-    it();
+    preferences();
     EXPECT_EQ(GetParam().set(GetParam().byDefault), Sentrel::ST_ERROR_NONE);
     std::filesystem::remove(file()); // the load made an empty one
     EXPECT_EQ(GetParam().set(GetParam().byDefault), Sentrel::ST_ERROR_NONE);
@@ -177,7 +174,7 @@ TEST_P(AScalarSetter, LeavesTheFileAloneWhenTheValueIsTheCurrentOne) {
 
 TEST_P(AScalarSetter, PrintsNothingOnSuccess) {
     makeTables();
-    it();
+    preferences();
     EXPECT_EQ(printed([this] { setOther(); }), "");
     EXPECT_EQ(printed([this] { setOther(); }), ""); // now a duplicate
 }
@@ -188,7 +185,7 @@ TEST_P(AScalarSetter, FailsWithoutAPathInItsOwnWords) {
     const Lines lines = leveled(
         [&] {
             settingsPath() = path;
-            it();
+            preferences();
             settingsPath() = noPath;
         },
         [this] { EXPECT_EQ(setOther(), Sentrel::ST_ERROR_DATABASE); });
@@ -208,7 +205,7 @@ TEST_P(AScalarSetter, FailsInItsOwnWordsWhenTheFileCannotBeOpened) {
     const Lines lines = leveled(
         [&] {
             settingsPath() = path;
-            it();
+            preferences();
             settingsPath() = [this](std::string& elsewhere) {
                 elsewhere = file() + ".d/no/such"; // one level of directories would be made
                 return true;
@@ -225,7 +222,7 @@ TEST_P(AScalarSetter, FailsInItsOwnWordsWhenTheFileCannotBeOpened) {
 }
 
 TEST_P(AScalarSetter, KeepsTheOldValueWhenTheWriteFailsUnlessItIsASiteAction) {
-    it(); // a file without tables
+    preferences(); // a file without tables
     if (shape() == Shape::D) {
         EXPECT_EQ(setOther(), Sentrel::ST_ERROR_NONE);
         EXPECT_EQ(current(), GetParam().other);
@@ -253,7 +250,7 @@ TEST_P(AScalarSetter, TurnsAPreferencesExceptionIntoItsCodeAndALine) {
     const Lines lines = leveled(
         [&] {
             settingsPath() = path;
-            it();
+            preferences();
             settingsPath() = [](std::string&) -> bool { throw PreferencesException("the store is\non fire"); };
         },
         [this] { EXPECT_EQ(setOther(), Sentrel::ST_ERROR_PREFERENCES_EXCEPTION); });
@@ -267,7 +264,7 @@ TEST_P(AScalarSetter, TurnsAnyOtherExceptionIntoTheGenericCodeAndALine) {
     const Lines lines = leveled(
         [&] {
             settingsPath() = path;
-            it();
+            preferences();
             settingsPath() = [](std::string&) -> bool { throw std::runtime_error("unknown"); };
         },
         [this] { EXPECT_EQ(setOther(), Sentrel::ST_ERROR_GENERIC); });
@@ -278,7 +275,7 @@ TEST_P(AScalarSetter, TurnsAnyOtherExceptionIntoTheGenericCodeAndALine) {
 
 TEST_P(AScalarSetter, SignalsNothing) {
     makeTables();
-    it();
+    preferences();
     setOther();
     EXPECT_THAT(Recording::instance().calls(), testing::IsEmpty());
 }
@@ -287,34 +284,34 @@ class APreferenceController : public PreferenceFixture {};
 
 TEST_F(APreferenceController, ReportsSuccessForAWriteThatALockedFileRefusedAtItsLastStep) {
     makeTables();
-    it();
+    preferences();
     // A writer that has not written yet lets the statements be prepared and refuses our write.
     std::FILE* writer = popen(("sqlite3 '" + file() + "'").c_str(), "w");
     ASSERT_NE(writer, nullptr);
     std::fputs("begin immediate;\n", writer);
     std::fflush(writer);
     ASSERT_TRUE(eventually([&] { return !sql("begin immediate; rollback; select 'free'").starts_with("free"); }));
-    EXPECT_EQ(it().setEnableSentrel(false), Sentrel::ST_ERROR_NONE);
-    EXPECT_FALSE(it().getEnableSentrel());
+    EXPECT_EQ(preferences().setEnableSentrel(false), Sentrel::ST_ERROR_NONE);
+    EXPECT_FALSE(preferences().getEnableSentrel());
     pclose(writer);
     EXPECT_EQ(stored("Enabled"), "");
 }
 
 TEST_F(APreferenceController, TracesItsGettersWithTheirValues) {
-    const Lines lines = leveled([] { it(); },
+    const Lines lines = leveled([] { preferences(); },
                                 [] {
-                                    it().getEnableSentrel();
-                                    it().getBlockPhishingStatus();
-                                    it().getRPXUnReachableAction();
-                                    it().getEnableSafeSearch();
-                                    it().getSTUnVerifiedAction();
-                                    it().getRedSiteAction();
-                                    it().getYellowSiteAction();
-                                    it().getUnratedSiteAction();
-                                    it().getEnableCategoryBlocking();
-                                    it().getAllowOverBlockPrecedenceStatus();
-                                    it().getDebugLoggingStatus();
-                                    it().getPrivateIpChecksum();
+                                    preferences().getEnableSentrel();
+                                    preferences().getBlockPhishingStatus();
+                                    preferences().getRPXUnReachableAction();
+                                    preferences().getEnableSafeSearch();
+                                    preferences().getSTUnVerifiedAction();
+                                    preferences().getRedSiteAction();
+                                    preferences().getYellowSiteAction();
+                                    preferences().getUnratedSiteAction();
+                                    preferences().getEnableCategoryBlocking();
+                                    preferences().getAllowOverBlockPrecedenceStatus();
+                                    preferences().getDebugLoggingStatus();
+                                    preferences().getPrivateIpChecksum();
                                 });
     const std::string name = "STPreferenceController::";
     EXPECT_EQ(

@@ -21,7 +21,7 @@ using testing_support::patience;
 namespace {
 
 // Written down here once more: these are what the code under test is held against.
-constexpr std::array<const char*, 4> kTables{
+constexpr std::array<const char*, 4> kCreateTables{
     "create table vxsetting(name text NOT NULL, value blob, PRIMARY KEY(name));",
     "create table catblockinginfo(name text NOT NULL, value blob, PRIMARY KEY(name));",
     "create table allowblocksettings(name text NOT NULL, value INTEGER, PRIMARY KEY(name));",
@@ -53,8 +53,8 @@ std::string SettingsFile::sqlite(const std::string& sql) const {
 
 void SettingsFile::layOut(std::optional<int> missing) const {
     std::string sql;
-    for (int type = 0; type < int(kTables.size()); ++type) {
-        sql += type == missing ? "" : kTables[std::size_t(type)];
+    for (int type = 0; type < int(kCreateTables.size()); ++type) {
+        sql += type == missing ? "" : kCreateTables[std::size_t(type)];
     }
     if (const std::string answer = sqlite(sql); !answer.empty()) {
         throw std::runtime_error("cannot lay out the file: " + answer);

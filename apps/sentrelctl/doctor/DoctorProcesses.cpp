@@ -1,4 +1,18 @@
-// The doctor's checks of the bus and of the processes on it.
+// The doctor's checks of the bus, of the processes on it, and of what they leave behind.
+//
+// The checks depend on each other: without the bus nothing on it can be asked. The cause is reported once, by the check
+// whose subject it is. The others say that they cannot see (needTheBus), so that one fault does not look like five.
+//
+// What must stay so:
+// - Whether the bus enforces its policy is found out by trying, as an ordinary user, what only root may do: a file that
+//   looks right proves nothing about the bus that runs. Root tries it as nobody, in a child. A user with rights of its
+//   own cannot try it.
+// - What is tried does no harm where it is allowed: a question about health, and an event that no module sends or
+//   hears. The event is needed when hvbd is away, since the question then reaches nobody.
+// - The event socket is opened and closed without a message. The daemon reports nothing for that.
+// - The host's own name is looked up because the reporter does so for every event. A slow name service holds up all
+//   events.
+// - Each question gets the whole timeout for itself, so a check with several questions multiplies it.
 #include "apps/sentrelctl/Session.h"
 #include "apps/sentrelctl/clients/EventSocket.h"
 #include "apps/sentrelctl/clients/HubClient.h"

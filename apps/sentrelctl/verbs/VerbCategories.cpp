@@ -1,4 +1,14 @@
 // sentrelctl categories: the content categories that are blocked.
+//
+// The daemon knows one command for them, which replaces the whole list. So `add` and `remove` read the list, change it,
+// and write it whole. Nobody holds other clients back meanwhile: what they change in between is lost.
+//
+// What must stay so:
+// - The daemon reports success also when it drops the list, which it does while category blocking is off. So each
+//   change reads back what is in force, compares it, and says why when it differs.
+// - Nothing is sent unless every name is good. `remove` removes all of its names, or none.
+// - `set` without names is refused, and blocking no category takes --none: a script whose variable is empty must not
+//   unblock everything.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/PreferenceClient.h"
 #include "apps/sentrelctl/preferences/PreferenceLayout.h"

@@ -1,4 +1,13 @@
 // sentrelctl hub ping: who on the way to the daemon answers, and how fast.
+//
+// It asks in the order of the way: the bus, hvbd, sentreld. When the bus cannot be reached, the other two are "unknown"
+// and not "not running", since nobody could have asked them.
+//
+// What must stay so:
+// - Each peer is asked on a connection of its own: after a peer that did not answer, a connection is of no more use.
+// - All rows are shown before the verb fails, and the exit code is the worst of the answers.
+// - A ping tells that the process reads its connection. The bus library answers it, so it does not tell that a command
+//   would succeed.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/HubClient.h"
 #include "apps/sentrelctl/terminal/Failure.h"

@@ -1,4 +1,17 @@
-// sentrelctl list import and export: the allow/block list as a file.
+// sentrelctl list import and list export: the allow/block list as a file.
+//
+// The two are made for each other: what an export writes, an import takes.
+//
+// What must stay so:
+// - An import reads and checks the whole file before it asks the daemon for anything. One bad line is enough to import
+//   nothing, unless --skip-bad is given.
+// - A file without a URL is refused. In a pipe it means that the program in front has failed, which must not empty the
+//   list.
+// - Each URL is sent once, with its last action. The list is compared with what the daemon serves afterwards, and the
+//   settings file keeps each URL once.
+// - An export reads the list before it opens the file: when the daemon does not answer, the old file is still whole.
+// - Entries that an import would refuse are left out of an export, which then fails and says how many they are. They
+//   come from policies and other clients.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/ListChange.h"
 #include "apps/sentrelctl/terminal/Failure.h"

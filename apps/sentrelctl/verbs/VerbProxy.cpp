@@ -1,7 +1,16 @@
-// sentrelctl proxy: the proxy that the browser components reach the reputation service through.
+// sentrelctl proxy: the proxy through which the browser components reach the reputation service.
 //
-// The hub tells of a proxy with an event, which nobody answers. So what counts is the settings file, into which the
-// daemon writes what it hears, field by field: it is read until all of them stand there, or the time is over.
+// The hub announces a proxy with an event, and nobody answers an event. So what counts is the settings file, into which
+// the daemon writes the fields one by one: it is read until all of them are there, or the time is over.
+//
+// What must stay so:
+// - The daemon is asked whether it is there before anybody types a password: without it nobody would hear the event.
+// - The daemon stores no empty text, and one that is empty would keep the fields behind it from being stored. A text
+//   that stands for "none" takes its place, and the same text is refused as a value.
+// - Every user of the machine may read the settings file. So the password is encrypted with the machine's key, unless
+//   --as-is is given. Without management nobody could decrypt it, and the verb says so.
+// - The daemon passes over settings that it has in memory, also when the file has lost them. So the advice after a
+//   failure is to restart the daemon before the same settings are sent again.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/DecryptExchange.h"
 #include "apps/sentrelctl/clients/HubClient.h"

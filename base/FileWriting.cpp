@@ -2,12 +2,12 @@
 //
 // The steps: open the directory, make a new file in it, write, sync, close, rename, sync the directory. All of them go
 // through the one descriptor of the directory, so that they happen in the same one even when its path is changed
-// meanwhile. A close that fails is a failure, as some file systems tell only then that they could not store it.
+// meanwhile. A close that fails is a failure: some file systems report a failed write only then.
 //
 // The new file is made with O_EXCL and O_NOFOLLOW and mode 0600; what is there by its name is never opened. A file of
 // several writers gets a name that nobody can guess, so nobody can plant it. A private file has one writer and one
-// name beside it, and what an earlier writer left there goes first. The owner is set before the mode, since a change
-// of the owner takes set-id bits away.
+// name beside it, and what an earlier writer left there is removed first. The owner is set before the mode, since
+// changing the owner clears the set-id bits.
 #include "base/FileWriting.h"
 
 #include "base/FileFailure.h"
@@ -63,7 +63,7 @@ private:
     const UniqueFd m_fd;
 };
 
-/// A file that did not exist, and does not when this ends, unless it was kept or took another's place.
+/// A new file, which is removed when this ends unless it was kept or took another's place.
 /// Threads: one. Owner: the operation; the directory must outlive it.
 class NewFile {
 public:
@@ -85,13 +85,13 @@ public:
 
     void becomePrivate() const { setMode(kPrivate); }
 
-    /// The owner comes first, since a change of it takes set-id bits away.
-    void resemble(const struct stat& original) const {
-        give(original.st_uid, original.st_gid);
+    /// The owner comes first: changing it clears the set-id bits.
+    void copyOwnerAndMode(const struct stat& original) const {
+        setOwner(original.st_uid, original.st_gid);
         setMode(original.st_mode & kModeBits);
     }
 
-    /// Closes it, as some file systems tell only then that they could not store it.
+    /// Closes it too: some file systems report a failed write only then.
     void fill(std::string_view bytes) {
         writeAll(m_fd.get(), bytes, m_directory.path());
         if (::fsync(m_fd.get()) != 0 || !m_fd.close()) {
@@ -115,8 +115,8 @@ private:
         }
     }
 
-    /// Who may not give files away may still give them to a group of its own.
-    void give(uid_t owner, gid_t group) const {
+    /// A process that may not give files away may still set a group that it belongs to.
+    void setOwner(uid_t owner, gid_t group) const {
         constexpr auto sameOwner = static_cast<uid_t>(-1);
         const bool isGiven = ::fchown(m_fd.get(), owner, group) == 0 ||
                              (errno == EPERM && (::fchown(m_fd.get(), sameOwner, group) == 0 || errno == EPERM));
@@ -131,7 +131,7 @@ private:
     bool m_kept = false;
 };
 
-/// A name that nobody can have planted beforehand.
+/// A name that nobody can guess, and so nobody can have planted a file under it.
 std::string unguessableName(const DirectoryOf& directory) {
     std::array<std::uint64_t, 2> random{};
     if (::getrandom(random.data(), sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
@@ -140,8 +140,8 @@ std::string unguessableName(const DirectoryOf& directory) {
     return fmt::format(".sentrel-{:016x}{:016x}", random[0], random[1]);
 }
 
-/// The one name of this file's private writer, free of what an earlier one left.
-std::string freedName(const DirectoryOf& directory) {
+/// The one name that this file's private writer uses. Removes what an earlier writer left there.
+std::string freePrivateName(const DirectoryOf& directory) {
     std::string name = directory.name() + ".new";
     if (::unlinkat(directory.get(), name.c_str(), 0) != 0 && errno != ENOENT) {
         failFile(errno, directory.path() + ".new", "is in the way");
@@ -177,11 +177,11 @@ void replaceFile(const std::string& path, std::string_view bytes, Replace how) {
     if (how == Replace::KeepingModeAndOwner) {
         const struct stat original = factsOfRegularFile(directory);
         NewFile file(directory, unguessableName(directory));
-        file.resemble(original);
+        file.copyOwnerAndMode(original);
         file.fill(bytes);
         file.takePlaceOf(directory.name());
     } else {
-        NewFile file(directory, freedName(directory));
+        NewFile file(directory, freePrivateName(directory));
         file.becomePrivate();
         file.fill(bytes);
         file.takePlaceOf(directory.name());

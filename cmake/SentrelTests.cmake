@@ -14,7 +14,7 @@ function(sentrel_test name)
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE sentrel::options ${arg_LINK} GTest::gtest GTest::gmock GTest::gtest_main)
     set_target_properties(${name} PROPERTIES SENTREL_TEST_PROGRAM ON)
-    # Optimising the tests themselves, sanitized, is half of a cold build; what they test is optimised as ever.
+    # Optimising the tests themselves, sanitized, is half of a cold build; what they test is optimised as usual.
     target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
     set(environment "TSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/tsan-suppressions.txt halt_on_error=1"
         "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/lsan-suppressions.txt:print_suppressions=0"

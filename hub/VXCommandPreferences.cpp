@@ -33,7 +33,7 @@ Codes runSetters(const char* handler, std::initializer_list<std::function<int()>
 }
 
 /// One code for all: the last failure, but the unknown exception wins over whatever comes after it.
-int reduced(const Codes& codes) {
+int overallCode(const Codes& codes) {
     int result = ST_ERROR_NONE;
     for (const int code : codes) {
         if (code != ST_ERROR_NONE) {
@@ -82,7 +82,7 @@ void VXCommandImpl::handleSetPrefs(HVB::CommandData& data) {
                               [&] { return preferences().setEnableCategoryBlocking(wanted.m_bCategoryBlocking); },
                               [&] { return preferences().setSTUnVerifiedAction(wanted.m_unverifiedAction); },
                           });
-    detail::replyWith(data, reduced(codes));
+    detail::replyWith(data, overallCode(codes));
     ST_TRACE(stCmdFlow, 3, L"VXCommandImpl::handleSetPrefs - Sent response through HVBCommBroker\n");
     ST_TRACE(stCmdFlow, 5, L"signalPrefChange called from VXCommandImpl::handleSetPrefs()\n");
     preferences().signalPrefChange(ST_ALL_PREFERENCES);
@@ -104,7 +104,7 @@ void VXCommandImpl::handleResetPrefs(HVB::CommandData& data) {
                        [&] { return preferences().setAllowBlockDetails(none); },
                        [&] { return preferences().setAllowOverBlockPrecedenceStatus(defaults.m_bAllowOverBlock); },
                    });
-    detail::replyWith(data, reduced(codes));
+    detail::replyWith(data, overallCode(codes));
     ST_TRACE(stCmdFlow, 2, L"VXCommandImpl::handleResetPrefs - Sent response through HVBCommBroker\n");
     ST_TRACE(stCmdFlow, 2, L"signalPrefChange called from VXCommandImpl::handleResetPrefs()\n");
     preferences().signalPrefChange(ST_ALL_PREFERENCES);

@@ -22,7 +22,7 @@ int precedenceOf(const policy::PolicySource& source) {
     return precedence.value_or(policy::kPrecedenceByDefault);
 }
 
-/// The allow/block list as a policy tells it.
+/// The allow/block list as the policy gives it.
 struct SiteList {
     std::vector<std::wstring> sites;
     std::vector<int> actions;

@@ -39,8 +39,8 @@ std::atomic<int> workers{0}; // each counts itself in with its first step and ou
 
 constexpr const char* kWorkerName = "debug-logging"; // at most 15 characters
 
-/// Gives the calling thread the name of a worker while it lives. A thread is born with the name of the one that starts
-/// it, so that the kernel tells a worker also before its first step.
+/// Gives the calling thread the name of a worker while it lives. A new thread inherits the name of the thread that
+/// starts it, so a worker can be recognised before its first step.
 /// Threads: the one that makes it. Owner: a local.
 class NameForWorkers {
 public:
@@ -56,7 +56,7 @@ private:
     std::array<char, 16> m_before{};
 };
 
-/// Whether this process has a thread with the name of a worker; also when that cannot be found out.
+/// Whether this process has a thread with the name of a worker. True also when that cannot be found out.
 bool hasThreadOfWorker() {
     try {
         for (const auto& thread : boost::filesystem::directory_iterator("/proc/self/task")) {
@@ -72,8 +72,8 @@ bool hasThreadOfWorker() {
     }
 }
 
-/// The worker's release of a lock that another thread took. Has a frame of its own, by which
-/// tests/tsan-suppressions.txt knows it.
+/// Releases, on the worker, the lock that another thread took. It is a function of its own because
+/// tests/tsan-suppressions.txt names it.
 [[gnu::noinline]] void releaseForWhoAsked(pthread_mutex_t& mutex) {
     pthread_mutex_unlock(&mutex);
 }
@@ -191,7 +191,7 @@ void STPreferenceController::changeDebugLogging(bool status) {
 
 void* STPreferenceController::updateHVConfigAndReloadHVB(void* status) {
     ++workers;
-    // Nobody joins a worker. Unless it lets go of itself, each leaves its stack behind for good.
+    // Nobody joins a worker. One that does not detach itself leaves its stack behind for good.
     const pthread_t self = pthread_self();
     pthread_detach(self);
     const bool isOn = status != nullptr;

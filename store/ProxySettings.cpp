@@ -50,7 +50,7 @@ bool update(CVXDBSettings& settings, const char* key, Member& member, Value valu
 
 } // namespace
 
-// The names are settled on both sides of the file; the order of the writes is what a failure leaves half done.
+// Both sides of the file know these names. The order of the writes decides what is stored when one of them fails.
 int STPreferenceController::setRpxProxySettings(const char* host, const char* user, const char* password, int port,
                                                 int type, int httpAuth) {
     return detail::guarded(kSetter, [&]() -> int {

@@ -16,8 +16,8 @@ namespace Sentrel {
 
 /// The one place where the current preferences live in memory. Filled from the settings file and the hub's
 /// configuration file when it is first asked for. A change goes to the file first, and to memory when that succeeded,
-/// unless the operation says otherwise. Nothing is signalled but by signalPrefChange: whoever makes a whole change
-/// calls it once, at the end.
+/// unless the operation says otherwise. Only signalPrefChange signals: whoever makes a whole change calls it once, at
+/// the end.
 ///
 /// Setters return an STError as an int and never throw: 180000 also when the value is the current one (the file is then
 /// not touched), 180003 when the file cannot be opened or refuses the write, 180006 and 180001 when an exception was
@@ -98,8 +98,8 @@ public:
     /// thread can be started, the change never ends, and each later one is dropped until the process starts anew.
     /// @return whether the settings file has a note of it; false also for a change that was dropped. Never throws.
     bool setDebugLoggingStatus(bool status);
-    /// Whether a worker of such a change is under way, also one that has been started and has not begun. Nobody waits
-    /// for it, so that the process may end before it does. Requires that no change is being asked for meanwhile.
+    /// Whether there is a worker of such a change, also one that was started and has not begun yet. Nobody waits for
+    /// it, so that the process may end before it does. Requires that no change is being asked for meanwhile.
     static bool isChangingDebugLogging();
 
     /// Stores the proxy that the hub published, field by field; a failure leaves the fields before it stored. An empty

@@ -121,8 +121,8 @@ std::string problemOf(const Read& read) {
     }
 }
 
-/// What the daemon, or hvbd, stumbles over.
-std::vector<std::string> gravePartsOf(const XmlFile& document) {
+/// What keeps the daemon or hvbd from using the file.
+std::vector<std::string> fatalProblemsOf(const XmlFile& document) {
     constexpr std::array<const char*, 7> levels{"error",   "warning", "information", "debug",
                                                 "verbose", "audit",   "alert"};
     std::vector<std::string> problems;
@@ -171,7 +171,7 @@ Diagnosis moduleConfiguration(double /*timeout*/) {
     needReadable(path);
     try {
         const XmlFile document(path);
-        const std::vector<std::string> grave = gravePartsOf(document);
+        const std::vector<std::string> grave = fatalProblemsOf(document);
         if (!grave.empty()) {
             return failed(fmt::format("{}: {}", path, fmt::join(grave, "; ")), advice);
         }

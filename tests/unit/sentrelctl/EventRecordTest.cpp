@@ -80,15 +80,15 @@ TEST(AnEventRecord, IsRefusedWithTheLimitWhenATextDoesNotFit) {
     RecordFields fields;
     fields.url = std::string(272, 'u');
     EXPECT_EQ(refusalOf(fields), "sentrelctl: bad usage: --url: the text has 272 bytes, the field takes 271. "
-                               "Shorten it, or send the bytes with --raw.");
+                                 "Shorten it, or send the bytes with --raw.");
     fields = RecordFields();
     fields.eventId = std::string(16, 'i');
     EXPECT_EQ(refusalOf(fields), "sentrelctl: bad usage: --event-id: the text has 16 bytes, the field takes 15. "
-                               "Shorten it, or send the bytes with --raw.");
+                                 "Shorten it, or send the bytes with --raw.");
     fields = RecordFields();
     fields.browser = std::string(64, 'b');
     EXPECT_EQ(refusalOf(fields), "sentrelctl: bad usage: --browser: the text has 64 bytes, the field takes 63. "
-                               "Shorten it, or send the bytes with --raw.");
+                                 "Shorten it, or send the bytes with --raw.");
 }
 
 TEST(AnEventRecord, HasStableFieldNamesInJson) {

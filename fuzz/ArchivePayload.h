@@ -2,20 +2,14 @@
 // written reads back as the same.
 #pragma once
 
+#include "fuzz/Require.h"
 #include "hub/HVBMessages.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <optional>
 #include <string>
 
 namespace fuzz {
-
-inline void require(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
 
 /// One byte a character: this reaches every character that a narrow text has in an archive.
 inline std::wstring textOf(const std::uint8_t* data, std::size_t size) {

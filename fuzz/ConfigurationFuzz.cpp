@@ -1,5 +1,6 @@
 // Feeds a configuration file to its reader, and changes what reads as one: a change gives exactly the new text, and
 // leaves every other byte as it was, since changing it back gives the old file.
+#include "fuzz/Require.h"
 #include "platform/hvbutils/ConfigurationLimits.h"
 #include "platform/hvbutils/XmlFile.h"
 
@@ -14,14 +15,10 @@
 
 namespace {
 
+using fuzz::require;
+
 constexpr const char* kLevel = "/HVConfiguration/LogLevel";
 constexpr const char* kNewLevel = "debug & \"<verbose>\"";
-
-void require(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
 
 /// A directory in memory for this process.
 const std::string& file() {

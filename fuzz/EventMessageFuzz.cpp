@@ -4,21 +4,17 @@
 #include "events/ReportRecords.h"
 #include "events/STEventData.h"
 #include "events/STEventServer.h"
+#include "fuzz/Require.h"
 #include "tests/support/RecordingBroker.h"
 
 #include <algorithm>
 #include <clocale>
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
+using fuzz::require;
 
 /// Every line is formatted, as at the highest trace level.
 bool traceEverything() {

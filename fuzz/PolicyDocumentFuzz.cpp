@@ -1,21 +1,16 @@
 // Feeds a policy message as it comes from the broker. It gives a policy or a reason, never both; the same bytes give
 // the same again; what is read keeps to its bounds, and every value is found under its name.
+#include "fuzz/Require.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/PolicyDocument.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <string_view>
 
 namespace {
 
+using fuzz::require;
 using namespace HVBEnterprise;
-
-void require(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
 
 void checkSections(const SectionsHandle& policy) {
     require(policy.features().size() <= agent::kMaxPolicyGroups);

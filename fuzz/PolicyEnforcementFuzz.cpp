@@ -2,6 +2,7 @@
 // controller is asked a bounded number of times, and is never handed more than the message brought.
 #include "daemon/Trace.h"
 #include "daemon/VXControllerDaemon.h"
+#include "fuzz/Require.h"
 #include "managed/VXHVBAgentWrapper.h"
 #include "managed/VXPolicyEnforcementImpl.h"
 #include "platform/hvbagent/PolicyDocument.h"
@@ -16,13 +17,8 @@
 
 namespace {
 
+using fuzz::require;
 using Sentrel::VXPolicyEnforcementImpl;
-
-void require(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
 
 /// There is no settings file.
 bool prepare() {

@@ -1,9 +1,9 @@
 // Feeds an archive text to the reading side of both report records. It gives a record or an archive exception; what was
 // read can be written and read again.
 #include "events/ReportRecords.h"
+#include "fuzz/Require.h"
 
 #include <cstdint>
-#include <cstdlib>
 
 namespace {
 
@@ -20,9 +20,7 @@ void readAndRewrite(const std::wstring& text) {
     Record again;
     const auto stream = HVB::makeInStream(written);
     *HVB::makeInArchive(*stream) >> again;
-    if (again.toWstring() != written) {
-        std::abort();
-    }
+    fuzz::require(again.toWstring() == written);
 }
 
 } // namespace

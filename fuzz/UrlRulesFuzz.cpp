@@ -1,19 +1,15 @@
 // Feeds a URL to the rules that look at one: its parts, the whitelist request, and whether it is reported.
 #include "events/EventReporter.h"
 #include "events/NPlgHelper.h"
+#include "fuzz/Require.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 namespace {
 
-void require(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
+using fuzz::require;
 
 void checkParts(const std::string& url) {
     std::string domain = "before";

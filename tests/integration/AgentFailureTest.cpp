@@ -262,7 +262,7 @@ TEST_F(AMachine, IsReleasedWhileTheBrokerAnswersNothing) {
 
 TEST_F(AMachine, IsReleasedOnlyWhenTheRunningCallHasEnded) {
     enrol(freeLoopbackPort());
-    writeFile(policyFile(), policy(1));
+    writeFile(policyFile(), policy(1), 0644);
     std::promise<void> enforcing;
     std::promise<void> goOn;
     std::atomic<bool> ended{false};
@@ -317,7 +317,7 @@ TEST_F(AMachine, ComesAndGoesFiveHundredTimesWhilePoliciesAreEnforced) {
 
 TEST_F(AMachine, ComesAndGoesFiveHundredTimesWhileTheBrokerIsAway) {
     enrol(freeLoopbackPort());
-    writeFile(policyFile(), policy(1));
+    writeFile(policyFile(), policy(1), 0644);
     start();
     const std::size_t threads = threadsOfThisProcess();
     const std::size_t files = openFiles();

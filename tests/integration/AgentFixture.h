@@ -3,6 +3,7 @@
 
 #include "platform/hvbagent/MsgBusEnterpriseAgent.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 #include "tests/support/MqttBroker.h"
 #include "tests/support/MqttObserver.h"
 #include "tests/support/PrivateRoot.h"
@@ -18,13 +19,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -158,15 +157,9 @@ inline const PrivateRoot& processRoot() {
     return root;
 }
 
-inline void writeFile(const std::string& path, const std::string& text, mode_t mode = 0644) {
-    std::ofstream(path, std::ios::binary) << text;
+inline void writeFile(const std::string& path, const std::string& text, mode_t mode) {
+    writeFile(path, text);
     ::chmod(path.c_str(), mode);
-}
-
-inline std::string fileText(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
 }
 
 /// Machine "m1" of site "here". Real are the library, the broker, the files and the network; the module's two services
@@ -191,7 +184,7 @@ protected:
     static void enrol(std::uint16_t port, const json& more = json::object()) {
         json configuration = {{"broker", {{"host", "127.0.0.1"}, {"port", port}}}, {"site", "here"}, {"machine", "m1"}};
         configuration.merge_patch(more);
-        writeFile(configurationFile(), configuration.dump());
+        writeFile(configurationFile(), configuration.dump(), 0644);
     }
 
     /// Makes the client and registers both services.

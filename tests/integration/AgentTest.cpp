@@ -106,7 +106,7 @@ TEST_F(AnEnrolledMachine, CountsAnExceptionOfAServiceAsAFailureAndGoesOn) {
 TEST_F(AnEnrolledMachine, RefusesWhatIsNoNewPolicyAndKeepsTheOneInForce) {
     begin();
     ASSERT_EQ(resultOf(policy(5))["enforced"], true);
-    const std::string saved = fileText(policyFile());
+    const std::string saved = readFile(policyFile());
     for (const std::string& bad :
          {policy(4), policy(5, "0"), std::string("{\"version\": 6,"), std::string(R"({"version": 6, "more": 1})"),
           std::string("\xFF\xFE"), std::string(4 << 20U, ' ') + "{}", std::string(6 << 20U, ' ')}) {
@@ -115,7 +115,7 @@ TEST_F(AnEnrolledMachine, RefusesWhatIsNoNewPolicyAndKeepsTheOneInForce) {
         EXPECT_TRUE(result["refused"].is_string()) << result;
         EXPECT_EQ(result["sha256"], sha256Of(bad));
     }
-    EXPECT_EQ(fileText(policyFile()), saved);
+    EXPECT_EQ(readFile(policyFile()), saved);
     EXPECT_EQ(m_calls.policies, 1);
 }
 
@@ -158,7 +158,7 @@ TEST_F(AnEnrolledMachine, HasSavedAPolicyWhenItEnforcesIt) {
     std::string seen;
     struct stat facts {};
     m_calls.onPolicy = [&](const SectionsHandle&) {
-        seen = fileText(policyFile());
+        seen = readFile(policyFile());
         return ::stat(policyFile().c_str(), &facts) == 0;
     };
     begin();
@@ -181,7 +181,7 @@ TEST_F(AnEnrolledMachine, RefusesAPolicyThatItCannotSave) {
 
 TEST_F(AMachine, EnforcesTheSavedPolicyAtStartWithoutABroker) {
     enrol(freeLoopbackPort());
-    writeFile(policyFile(), policy(7, "saved"));
+    writeFile(policyFile(), policy(7, "saved"), 0644);
     std::promise<std::wstring> seen;
     m_calls.onPolicy = [&](const SectionsHandle& policy) {
         seen.set_value(valueOf(policy));
@@ -193,12 +193,12 @@ TEST_F(AMachine, EnforcesTheSavedPolicyAtStartWithoutABroker) {
 }
 
 TEST_F(AnEnrolledMachine, LeavesASavedPolicyThatItCannotReadUntilAnotherComes) {
-    writeFile(policyFile(), "{ half a poli");
+    writeFile(policyFile(), "{ half a poli", 0644);
     begin();
     ASSERT_TRUE(eventually([] { return AgentLines::instance().count("saved policy cannot be used") == 1; }));
-    EXPECT_EQ(fileText(policyFile()), "{ half a poli");
+    EXPECT_EQ(readFile(policyFile()), "{ half a poli");
     EXPECT_EQ(resultOf(policy(1))["enforced"], true);
-    EXPECT_EQ(fileText(policyFile()), policy(1));
+    EXPECT_EQ(readFile(policyFile()), policy(1));
     EXPECT_EQ(m_calls.policies, 1);
 }
 
@@ -217,7 +217,7 @@ TEST_F(AnEnrolledMachine, KeepsThePolicyInForceWhenTheTopicIsCleared) {
     ASSERT_EQ(resultOf(policy(1))["enforced"], true);
     m_observer.publish(topic("policy"), "");
     EXPECT_TRUE(eventually([] { return AgentLines::instance().count("was cleared") == 1; }));
-    EXPECT_EQ(fileText(policyFile()), policy(1));
+    EXPECT_EQ(readFile(policyFile()), policy(1));
     EXPECT_EQ(resultOf(policy(2))["version"], 2); // the next result is the next policy's
 }
 

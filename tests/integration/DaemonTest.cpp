@@ -1,6 +1,7 @@
 // The whole daemon on a real bus with a real hvbd, looked at from outside.
 #include "events/ReportRecords.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 #include "tests/support/Machine.h"
 
 #include <gtest/gtest.h>
@@ -15,7 +16,6 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <thread>
 
 namespace testing_support {
@@ -26,13 +26,6 @@ DetailReportData detailOf(const Machine::Stored& record) {
     DetailReportData detail;
     *HVB::makeInArchive(*stream) >> detail;
     return detail;
-}
-
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path);
-    std::stringstream content;
-    content << file.rdbuf();
-    return content.str();
 }
 
 mode_t modeOf(const std::string& path) {
@@ -166,7 +159,7 @@ TEST_F(ADaemon, LetsASilentClientKeepTheOthersWaitingUntilItGoes) {
 }
 
 TEST_F(ADaemon, WritesItsPidFileWithItsModeAndRemovesItAtTheEnd) {
-    EXPECT_EQ(contentOf(pidFile()), std::to_string(machine.daemon().pid()));
+    EXPECT_EQ(readFile(pidFile()), std::to_string(machine.daemon().pid()));
     EXPECT_EQ(modeOf(pidFile()), 0744U);
     EXPECT_EQ(modeOf(machine.root().varDirectory() + "/STTrace.log"), 0744U);
     EXPECT_EQ(modeOf(machine.eventSocket()), 0777U);
@@ -181,7 +174,7 @@ TEST_F(ADaemon, StartsASecondTimeAndOverwritesThePid) {
     options.environment = {"SENTREL_INSTALL_ROOT=" + first.root().path().string()};
     options.outputFile = first.root().file("second.out");
     ChildProcess second(programUnderTest("SENTRELD_ROOTED"), options);
-    EXPECT_TRUE(eventually([&] { return contentOf(pidFile()) == std::to_string(second.pid()); })) << second.output();
+    EXPECT_TRUE(eventually([&] { return readFile(pidFile()) == std::to_string(second.pid()); })) << second.output();
     EXPECT_EQ(second.terminate(), 0);
 }
 
@@ -190,14 +183,14 @@ TEST_F(ADaemon, StartsAgainOverTheSocketAndThePidFileOfACrash) {
     EXPECT_EQ(machine.daemon().waitUntil(patience()), -SIGKILL);
     EXPECT_TRUE(std::filesystem::exists(pidFile()));
     ASSERT_TRUE(machine.startDaemon());
-    EXPECT_EQ(contentOf(pidFile()), std::to_string(machine.daemon().pid()));
+    EXPECT_EQ(readFile(pidFile()), std::to_string(machine.daemon().pid()));
     machine.deliver(sampleEvent());
     EXPECT_EQ(machine.stored().size(), 1U);
 }
 
 TEST_F(ADaemon, TracesItsStartAndStopInOrder) {
     EXPECT_EQ(machine.stopDaemon(), 0);
-    std::string all = contentOf(machine.root().varDirectory() + "/STTrace.log");
+    std::string all = readFile(machine.root().varDirectory() + "/STTrace.log");
     std::size_t from = 0;
     for (const char* expected :
          {"VXHealthCheckImpl::VXHealthCheckImpl - Object created\n", "VXCommandImpl::VXCommandImpl\n",
@@ -326,7 +319,7 @@ TEST(ADaemonsStart, SaysInOneLineThatTheLevelFileIsMissingAndKeepsAnEmptyLog) {
     EXPECT_EQ(machine.stopDaemon(), 0);
     EXPECT_EQ(machine.daemon().output(),
               "Error: unable to parse file \"" + machine.root().varDirectory() + "/traceValues.xml\"\n");
-    EXPECT_EQ(contentOf(machine.root().varDirectory() + "/STTrace.log"), "");
+    EXPECT_EQ(readFile(machine.root().varDirectory() + "/STTrace.log"), "");
 }
 
 TEST(ADaemonsStart, ServesTheHubWhenTheEventSocketCannotBeSetUp) {
@@ -356,7 +349,7 @@ TEST(ADaemonsStart, IsRefusedWithStatusZeroWhileAnotherHoldsThePidFile) {
     machine.launchDaemon();
     EXPECT_EQ(machine.daemon().waitUntil(patience()), 0);
     EXPECT_EQ(machine.traced("VXController::main -  Create PID file returned false. Aborting start"), 1U);
-    EXPECT_EQ(contentOf(path), "stale");
+    EXPECT_EQ(readFile(path), "stale");
     EXPECT_FALSE(std::filesystem::exists(machine.eventSocket()));
     close(fd);
 }

@@ -5,6 +5,7 @@
 #include "platform/hvbagent/PropertyDocument.h"
 #include "platform/hvbagent/StrictJson.h"
 #include "tests/integration/SentrelctlRun.h"
+#include "tests/support/Files.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -65,7 +66,7 @@ protected:
         const std::map<std::string, bool> bySchema = verdicts(schemaOf(kind), paths);
         for (const std::string& path : paths) {
             EXPECT_EQ(bySchema.at(path), isCalledValid(path)) << "the schema, of " << path;
-            EXPECT_EQ(parses(contentOf(path)), isCalledValid(path)) << "the parser, of " << path;
+            EXPECT_EQ(parses(readFile(path)), isCalledValid(path)) << "the parser, of " << path;
         }
     }
 

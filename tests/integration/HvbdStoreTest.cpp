@@ -1,6 +1,7 @@
 // hvbd's log store under kill -9, on a full disk and with every other trouble of its file, seen by the senders and
 // from outside with the sqlite3 program. Bus, processes, files and locks are real.
 #include "tests/integration/HvbdFixture.h"
+#include "tests/support/Files.h"
 
 #include <fcntl.h>
 #include <sched.h>
@@ -225,11 +226,6 @@ protected:
         EXPECT_EQ(sender.log(L"two"), 1U);
         EXPECT_EQ(lines("log records are stored again"), 1U);
     }
-
-    std::string content(const std::string& path) const {
-        std::ifstream file(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
 };
 
 TEST_F(AHubWithAFileThatIsNoStore, LeavesADamagedOneAsItIsAndRecovers) {
@@ -237,7 +233,7 @@ TEST_F(AHubWithAFileThatIsNoStore, LeavesADamagedOneAsItIsAndRecovers) {
     std::ofstream(store) << damaged;
     expectTroubleThenRecovery("cannot store the record: " + store + " is damaged (file is not a database). " +
                               moveAway());
-    EXPECT_EQ(content(store + ".aside"), damaged);
+    EXPECT_EQ(readFile(store + ".aside"), damaged);
 }
 
 TEST_F(AHubWithAFileThatIsNoStore, LeavesANewerOneAsItIsAndRecovers) {
@@ -246,10 +242,10 @@ TEST_F(AHubWithAFileThatIsNoStore, LeavesANewerOneAsItIsAndRecovers) {
     ASSERT_EQ(hvbd->terminate(), 0);
     ASSERT_FALSE(fs::exists(store + "-wal")) << "a clean end leaves one whole file";
     sqlite("PRAGMA user_version=2");
-    const std::string before = content(store);
+    const std::string before = readFile(store);
     expectTroubleThenRecovery("cannot open the log store: " + store +
                               " was written by a newer hvbd (layout 2). Install that one again. Or: " + moveAway());
-    EXPECT_EQ(content(store + ".aside"), before);
+    EXPECT_EQ(readFile(store + ".aside"), before);
 }
 
 TEST_F(AHubWithAFileThatIsNoStore, SaysThatADirectoryStandsInItsPlaceAndRecovers) {
@@ -263,7 +259,7 @@ TEST_F(AHubWithAFileThatIsNoStore, DoesNotWriteThroughASymbolicLinkAndRecovers) 
     fs::create_symlink(target, store);
     expectTroubleThenRecovery("cannot open the log store: " + store +
                               " is a symbolic link, which hvbd does not follow. Move it away.");
-    EXPECT_EQ(content(target), "precious");
+    EXPECT_EQ(readFile(target), "precious");
 }
 
 TEST_F(AHubsStore, GoesOnInANewFileWhenItsFileWasDeleted) {

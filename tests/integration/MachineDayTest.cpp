@@ -8,6 +8,7 @@
 #include "tests/integration/HvbdFixture.h"
 #include "tests/integration/SentrelctlRun.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 #include "tests/support/WholePolicy.h"
 
 #include <csignal>
@@ -155,13 +156,13 @@ public:
     }
 
     void logsForDebugging() {
-        m_quietConfiguration = contentOf(machine.configurationFile());
+        m_quietConfiguration = readFile(machine.configurationFile());
         setDebug(true, "logs for debugging");
         EXPECT_TRUE(answerOf<bool>(CMD_GET_DEBUG_LOGGING_STATUS));
         step("says that it logs for debugging");
         std::string loud = m_quietConfiguration;
         loud.replace(loud.find("information"), std::string("information").size(), "debug");
-        EXPECT_EQ(contentOf(machine.configurationFile()), loud);
+        EXPECT_EQ(readFile(machine.configurationFile()), loud);
         mustHold("Enabled_Debug_Log", 1);
         logAtTwoLevels("at noon");
         expectSystemLog({"30 configuration of module 7 read again: syslog on, level debug",
@@ -228,7 +229,7 @@ public:
         listen();
         client().emit(EVT_DEBUG_LOG_CHANGE, payloadOf(std::map<int, bool>{{3, true}, {7, false}, {9, true}}));
         step("is told to log no more for debugging");
-        EXPECT_EQ(contentOf(machine.configurationFile()), m_quietConfiguration);
+        EXPECT_EQ(readFile(machine.configurationFile()), m_quietConfiguration);
         mustHold("Enabled_Debug_Log", 0);
         logAtTwoLevels("in the afternoon");
         expectSystemLog({"30 configuration of module 7 read again: syslog on, level information",
@@ -240,7 +241,7 @@ public:
 
     void crashesAndStartsAgain() {
         const std::string savedPolicy = machine.root().varDirectory() + "/policy.json";
-        EXPECT_EQ(contentOf(savedPolicy), policy(4, true, "worse.example").dump());
+        EXPECT_EQ(readFile(savedPolicy), policy(4, true, "worse.example").dump());
         machine.kill9Daemon();
         expectState("offline"); // its last will
         expectSettings();

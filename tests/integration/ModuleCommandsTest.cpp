@@ -3,6 +3,7 @@
 #include "hub/Payloads.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 #include "tests/support/Machine.h"
 #include "tests/support/Preferences.h"
 
@@ -30,11 +31,6 @@ namespace fs = std::filesystem;
 // Accounts that every Debian has and that nothing here runs as.
 constexpr const char* kDaemonUser = "games";
 constexpr const char* kAdminGroup = "staff";
-
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 class AModule : public ::testing::Test {
 protected:
@@ -118,7 +114,7 @@ TEST_F(AModule, SwitchesDebugLoggingInTheFileAndInTheHubAndTellsTheOthers) {
     PreferenceClient other(machine.bus().socketPath());
     other.listen();
     EXPECT_FALSE(debugIsOn());
-    const std::string before = contentOf(machine.configurationFile());
+    const std::string before = readFile(machine.configurationFile());
     setDebug(true);
     EXPECT_EQ(other.waitForEvents(1), (std::vector<ReceivedEvent>{{EVT_PREFERENCES_CHANGE, false}}));
     EXPECT_TRUE(debugIsOn());
@@ -126,12 +122,12 @@ TEST_F(AModule, SwitchesDebugLoggingInTheFileAndInTheHubAndTellsTheOthers) {
     EXPECT_EQ(machine.traced("STPreferenceController::updateHVConfigAndReloadHVB - CMD_RELOAD_HVB Successful"), 1U);
     std::string expected = before;
     expected.replace(expected.find("information"), std::string("information").size(), "debug");
-    EXPECT_EQ(contentOf(machine.configurationFile()), expected) << "nothing else changes";
+    EXPECT_EQ(readFile(machine.configurationFile()), expected) << "nothing else changes";
     EXPECT_EQ(machine.sql("select hex(value) from vxsetting where hex(name) = hex('Enabled_Debug_Log') || '00'"),
               "01000000\n");
     setDebug(false);
     ASSERT_TRUE(workersEnded(2));
-    EXPECT_EQ(contentOf(machine.configurationFile()), before);
+    EXPECT_EQ(readFile(machine.configurationFile()), before);
     EXPECT_FALSE(debugIsOn());
     EXPECT_EQ(other.eventsUntilNow().size(), 2U);
 }
@@ -404,12 +400,12 @@ TEST_F(TheAccessToAModule, KeepsTheModeAndTheOwnerOfTheConfigurationFile) {
 TEST_F(TheAccessToAModule, StaysAsItIsWhenTheConfigurationMayNotBeWritten) {
     const std::string directory = fs::path(machine->configurationFile()).parent_path();
     PrivateRoot::giveTo(directory, 0, 0);
-    const std::string before = contentOf(machine->configurationFile());
+    const std::string before = readFile(machine->configurationFile());
     EXPECT_EQ(errorOf(CMD_SET_DEBUG_LOGGING_STATUS, payloadOf(true)), "");
     ASSERT_TRUE(eventually([this] {
         return machine->traced("STPreferenceController::updateHVConfigAndReloadHVB unable to save HVConfig.xml") == 1;
     }));
-    EXPECT_EQ(contentOf(machine->configurationFile()), before);
+    EXPECT_EQ(readFile(machine->configurationFile()), before);
     EXPECT_FALSE(valueOf<bool>(WireClient(machine->bus().socketPath()).command(CMD_GET_DEBUG_LOGGING_STATUS).payload));
 }
 

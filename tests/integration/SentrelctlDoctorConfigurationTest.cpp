@@ -1,5 +1,6 @@
 // What sentrelctl doctor finds in the configuration: of the bus, of the module, of the trace, of the management agent.
 #include "tests/integration/DoctorFixture.h"
+#include "tests/support/Files.h"
 
 #include <filesystem>
 #include <fstream>
@@ -38,7 +39,7 @@ TEST_F(AnInstallation, WarnsOfABusConfigurationThatWasChanged) {
 class AModuleConfiguration : public AnInstallation {
 protected:
     void replace(const std::string& part, const std::string& by) {
-        std::string text = contentOf(m_machine.configurationFile());
+        std::string text = readFile(m_machine.configurationFile());
         ASSERT_NE(text.find(part), std::string::npos);
         write(m_path, text.replace(text.find(part), part.size(), by));
     }

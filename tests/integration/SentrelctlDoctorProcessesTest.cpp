@@ -2,6 +2,7 @@
 #include "tests/integration/DoctorFixture.h"
 #include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 
 #include <csignal>
 #include <filesystem>
@@ -39,7 +40,7 @@ class AChangedBus : public AnInstallation {
 protected:
     void letEverybody(const std::string& what) {
         const std::string path = std::string(kConfig) + "/hub-bus.conf";
-        std::string text = contentOf(at(path));
+        std::string text = readFile(at(path));
         text.insert(text.find("</policy>"), "<allow " + what + "/>");
         write(path, text);
         m_machine.bus().kill9();

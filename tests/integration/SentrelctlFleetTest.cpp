@@ -4,6 +4,7 @@
 #include "platform/hvbagent/SecretBox.h"
 #include "tests/integration/SentrelctlRun.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 #include "tests/support/MqttBroker.h"
 #include "tests/support/MqttObserver.h"
 
@@ -78,11 +79,11 @@ TEST_F(AnAdministrator, IsToldOnStandardErrorWhyAPolicyIsNoGood) {
 TEST_F(AnAdministrator, MakesAKeyOnce) {
     ASSERT_EQ(run({"agent", "keygen"}).code, 0);
     EXPECT_EQ(modeOf(agentKey()), 0600U);
-    const std::string before = contentOf(agentKey());
+    const std::string before = readFile(agentKey());
     const CtlResult second = run({"agent", "keygen"});
     EXPECT_EQ(second.code, 1);
     EXPECT_THAT(second.err, HasSubstr(agentKey()));
-    EXPECT_EQ(contentOf(agentKey()), before);
+    EXPECT_EQ(readFile(agentKey()), before);
     EXPECT_EQ(run({"agent", "keygen", "--signing", m_root.file("site"), "elsewhere"}).code, 2);
 }
 
@@ -116,12 +117,12 @@ TEST_F(AnAdministrator, MakesASigningPairOnce) {
     ASSERT_EQ(result.code, 0) << result.err;
     EXPECT_EQ(modeOf(prefix + ".key"), 0600U);
     EXPECT_EQ(modeOf(prefix + ".pub"), 0644U);
-    EXPECT_EQ(json::parse(result.out)["policy_public_key"].get<std::string>() + "\n", contentOf(prefix + ".pub"));
-    const std::string before = contentOf(prefix + ".key");
+    EXPECT_EQ(json::parse(result.out)["policy_public_key"].get<std::string>() + "\n", readFile(prefix + ".pub"));
+    const std::string before = readFile(prefix + ".key");
     EXPECT_EQ(run({"agent", "keygen", "--signing", prefix}).code, 1);
     std::filesystem::remove(prefix + ".pub");
     EXPECT_EQ(run({"agent", "keygen", "--signing", prefix}).code, 1);
-    EXPECT_EQ(contentOf(prefix + ".key"), before);
+    EXPECT_EQ(readFile(prefix + ".key"), before);
     EXPECT_FALSE(std::filesystem::exists(prefix + ".pub")) << "half a pair is worse than none";
 }
 
@@ -166,7 +167,7 @@ TEST_F(AFleetAdministrator, PushesAPolicyToAMachineWhereItStays) {
     EXPECT_EQ(result.out, "The broker has policy 1 (example) for machine desk-1 of demo.\n");
     const auto heard = m_machines.next(kPolicyTopic);
     ASSERT_TRUE(heard);
-    EXPECT_EQ(heard->payload, contentOf(kExample));
+    EXPECT_EQ(heard->payload, readFile(kExample));
     MqttObserver later(m_broker.port());
     const auto kept = later.next(kPolicyTopic);
     ASSERT_TRUE(kept);

@@ -3,6 +3,7 @@
 #include "tests/integration/ClientAlone.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 
 #include <algorithm>
 #include <array>
@@ -315,7 +316,7 @@ TEST_F(APreferenceClient, ImportsWhatItExported) {
     const std::string shown = does({"list", "show"});
     const std::string file = m_machine.root().file("saved.txt");
     EXPECT_EQ(does({"list", "export", file}), "Exported 4 entries: 1 allow, 3 block to " + file + ".\n");
-    EXPECT_EQ(contentOf(file), does({"list", "export"}));
+    EXPECT_EQ(readFile(file), does({"list", "export"}));
     does({"list", "remove", "--all"});
     does({"list", "import", file});
     EXPECT_EQ(does({"list", "show"}), shown);

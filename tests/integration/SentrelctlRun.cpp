@@ -1,13 +1,13 @@
 #include "tests/integration/SentrelctlRun.h"
 
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <regex>
 #include <stdexcept>
 #include <sys/stat.h>
@@ -85,11 +85,11 @@ CtlRun::CtlRun(const PrivateRoot& root, const std::vector<std::string>& argument
     : m_prefix(freshPrefix(root, input)), m_process(start(root, m_prefix, arguments, uid)) {}
 
 std::string CtlRun::out() const {
-    return contentOf(m_prefix + ".out");
+    return readFile(m_prefix + ".out");
 }
 
 std::string CtlRun::err() const {
-    return contentOf(m_prefix + ".err");
+    return readFile(m_prefix + ".err");
 }
 
 CtlResult CtlRun::finish() {
@@ -118,11 +118,6 @@ CtlResult shell(const PrivateRoot& root, const std::string& command) {
         {.arguments = {"-c", command}, .environment = environmentOf(root), .outputFile = output, .uid = {}, .gid = {}});
     const int code = endOf(process);
     return {code, process.output(), ""};
-}
-
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
 }
 
 std::string withoutTimes(const std::string& text) {

@@ -47,9 +47,6 @@ CtlResult shell(const PrivateRoot& root, const std::string& command);
 /// Whether this machine has pseudo-terminals; a bare chroot has none. A test that needs one skips itself then.
 bool hasTerminals();
 
-/// What a file holds.
-std::string contentOf(const std::string& path);
-
 /// @p text with every time of day and every duration in it made the same.
 std::string withoutTimes(const std::string& text);
 

@@ -3,6 +3,7 @@
 #include "tests/integration/SentrelctlRun.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -42,14 +43,14 @@ protected:
 
     /// Expects that it is refused with this, and that the file stays as it is.
     void expectRefused(const std::string& where, const std::string& why, int code = 1) {
-        const std::string before = contentOf(path());
+        const std::string before = readFile(path());
         const CtlResult result = init();
         EXPECT_EQ(result.code, code);
         EXPECT_EQ(result.out, "");
         const std::string begin = "sentrelctl: cannot set up the settings file: " + where + ": " + why + ". ";
         EXPECT_TRUE(result.err.starts_with(begin)) << result.err;
         EXPECT_GT(result.err.size(), begin.size() + 10) << "there is a next step";
-        EXPECT_EQ(contentOf(path()), before);
+        EXPECT_EQ(readFile(path()), before);
     }
 
     PrivateRoot m_root;
@@ -68,11 +69,11 @@ TEST_F(ASettingsFile, IsMadeWithItsFourTables) {
 TEST_F(ASettingsFile, IsLeftAloneTheSecondTime) {
     init();
     sql("insert into vxsetting values ('x', x'01')");
-    const std::string before = contentOf(path());
+    const std::string before = readFile(path());
     const CtlResult result = init();
     EXPECT_EQ(result.code, 0);
     EXPECT_EQ(result.out, path() + " is ready; nothing was missing.\n");
-    EXPECT_EQ(contentOf(path()), before);
+    EXPECT_EQ(readFile(path()), before);
 }
 
 TEST_F(ASettingsFile, TellsInJsonWhatWasMade) {
@@ -107,7 +108,7 @@ TEST_F(ASettingsFile, IsRefusedWhenItIsNoDatabase) {
 
 TEST_F(ASettingsFile, IsRefusedWhenItIsDamaged) {
     init();
-    std::string content = contentOf(path());
+    std::string content = readFile(path());
     content.replace(100, 200, std::string(200, '\xff'));
     put(content);
     expectRefused(path(), "it is damaged");

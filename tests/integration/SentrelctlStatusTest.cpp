@@ -5,6 +5,7 @@
 #include "tests/integration/SentrelctlRun.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 #include "tests/support/Machine.h"
 
 #include <atomic>
@@ -51,7 +52,7 @@ protected:
     /// The status without the health, which hvbd finds out when it comes to that.
     std::string statusWithoutHealth() { return std::regex_replace(does({"status"}), std::regex("health .*\n"), ""); }
 
-    std::string configuration() { return contentOf(m_machine.configurationFile()); }
+    std::string configuration() { return readFile(m_machine.configurationFile()); }
 };
 
 // Status.

@@ -2,6 +2,7 @@
 // else, when its disk is full or read-only, and when the daemon dies in the middle: daemon, files, locks, mounts and
 // kills are real, and the other programs are the sqlite3 program.
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 #include "tests/support/Machine.h"
 #include "tests/support/Preferences.h"
 
@@ -20,7 +21,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <random>
 #include <sstream>
@@ -32,11 +32,6 @@ namespace {
 using namespace Sentrel;
 using testing::IsEmpty;
 namespace fs = std::filesystem;
-
-std::string contentOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 /// Gives @p directory a file system in memory that only this process and its children see, so that it goes away with
 /// them whatever happens to the test. @return why that cannot be done; empty when it is.
@@ -285,7 +280,7 @@ TEST_F(ASettingsFile, IsLeftAsItIsWhenItIsNoDatabase) {
     }
     std::ofstream(machine.settingsFile(), std::ios::binary) << noise;
     expectNothingIsStored();
-    EXPECT_EQ(contentOf(machine.settingsFile()), noise);
+    EXPECT_EQ(readFile(machine.settingsFile()), noise);
     fs::rename(machine.settingsFile(), machine.settingsFile() + ".aside");
     machine.initSettings();
     expectUsable();

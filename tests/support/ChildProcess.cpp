@@ -1,6 +1,7 @@
 #include "tests/support/ChildProcess.h"
 
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 
 #include <fcntl.h>
 #include <grp.h>
@@ -12,8 +13,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <fstream>
-#include <sstream>
 #include <system_error>
 #include <utility>
 
@@ -150,9 +149,7 @@ ExitStatus ChildProcess::reap() {
 }
 
 std::string ChildProcess::output() const {
-    std::ostringstream text;
-    text << std::ifstream(m_outputFile).rdbuf();
-    return text.str();
+    return readFile(m_outputFile);
 }
 
 } // namespace testing_support

@@ -2,6 +2,7 @@
 #include "base/FileWriting.h"
 #include "base/UniqueFd.h"
 #include "tests/support/AsUser.h"
+#include "tests/support/Files.h"
 #include "tests/support/PrivateRoot.h"
 
 #include <fcntl.h>
@@ -18,7 +19,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <sstream>
 #include <system_error>
 #include <thread>
 
@@ -29,6 +29,8 @@ using testing_support::canActAsOthers;
 using testing_support::kNobody;
 using testing_support::kNogroup;
 using testing_support::PrivateRoot;
+using testing_support::readFile;
+using testing_support::writeFile;
 
 /// The errno with which @p work fails; 0 when it does not.
 int errorOf(const std::function<void()>& work) {
@@ -44,14 +46,10 @@ int errorOf(const std::function<void()>& work) {
 class AFileThatIsWritten : public ::testing::Test {
 protected:
     void write(const std::string& text, mode_t mode = 0600) const {
-        std::ofstream(m_path, std::ios::binary) << text;
+        writeFile(m_path, text);
         ::chmod(m_path.c_str(), mode);
     }
-    std::string text() const {
-        std::ostringstream text;
-        text << std::ifstream(m_path).rdbuf();
-        return text.str();
-    }
+    std::string text() const { return readFile(m_path); }
     struct stat facts() const {
         struct stat facts {};
         EXPECT_EQ(::lstat(m_path.c_str(), &facts), 0);
@@ -207,9 +205,7 @@ TEST_F(AFileThatIsWritten, IsReplacedWithoutFollowingALink) {
     ASSERT_EQ(::symlink(victim.c_str(), m_path.c_str()), 0);
     ASSERT_EQ(::symlink(victim.c_str(), (m_path + ".new").c_str()), 0);
     replaceFile(m_path, "policy", Replace::AsPrivate);
-    std::ostringstream kept;
-    kept << std::ifstream(victim).rdbuf();
-    EXPECT_EQ(kept.str(), "untouched");
+    EXPECT_EQ(readFile(victim), "untouched");
     EXPECT_FALSE(std::filesystem::is_symlink(m_path));
     EXPECT_EQ(text(), "policy");
 }

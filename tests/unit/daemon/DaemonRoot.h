@@ -1,12 +1,12 @@
 // An install root of a test's own, set before anything asks for it, and what a test of the daemon reads there.
 #pragma once
 
+#include "tests/support/Files.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TestInstallRoot.h"
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <regex>
 #include <string>
 #include <vector>
@@ -46,14 +46,5 @@ public:
 private:
     TemporaryDirectory m_directory;
 };
-
-inline void writeFile(const std::string& path, const std::string& content) {
-    std::ofstream(path) << content;
-}
-
-inline std::string readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 } // namespace testing_support

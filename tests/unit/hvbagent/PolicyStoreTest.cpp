@@ -1,12 +1,12 @@
 // Which policy is in force. Real files; the policies are short.
 #include "platform/hvbagent/PolicyStore.h"
+#include "tests/support/Files.h"
 #include "tests/support/PrivateRoot.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 namespace {
 
@@ -21,11 +21,7 @@ class ThePolicyInForce : public ::testing::Test {
 protected:
     PolicyInForce fresh(const std::optional<PublicKey>& key = {}) const { return {PolicyStore(m_path), key}; }
     PolicyVerdict verdictOn(const std::string& message) { return m_policy.take(message).verdict; }
-    std::string saved() const {
-        std::ostringstream text;
-        text << std::ifstream(m_path).rdbuf();
-        return text.str();
-    }
+    std::string saved() const { return testing_support::readFile(m_path); }
 
     testing_support::PrivateRoot m_root;
     const std::string m_path = m_root.varDirectory() + "/policy.json";

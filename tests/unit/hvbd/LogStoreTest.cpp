@@ -3,6 +3,7 @@
 #include "apps/hvbd/LogStore.h"
 #include "apps/hvbd/HvbdLimits.h"
 #include "base/Database.h"
+#include "tests/support/Files.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +12,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -50,10 +50,7 @@ protected:
     /// Runs SQL as another program would, on a connection of its own.
     void outside(const char* sql) { Sentrel::execute(*Sentrel::openDatabase(path), sql); }
 
-    std::string content() const {
-        std::ifstream file(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string content() const { return testing_support::readFile(path); }
 
     std::string moveAway() const {
         return "Move it away together with " + path + "-wal and " + path +

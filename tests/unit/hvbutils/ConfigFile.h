@@ -2,13 +2,12 @@
 #pragma once
 
 #include "platform/hvbutils/XmlFile.h"
+#include "tests/support/Files.h"
 #include "tests/support/PrivateRoot.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 inline constexpr const char* kLevel = "/HVConfiguration/LogLevel";
@@ -23,16 +22,12 @@ protected:
               "    <PatchVersion></PatchVersion>\n    <Hotfixes> </Hotfixes>\n</HVConfiguration>\n");
     }
 
-    void write(const std::string& content) const { std::ofstream(path, std::ios::binary) << content; }
+    void write(const std::string& content) const { testing_support::writeFile(path, content); }
     void writeInside(const std::string& elements) const {
         write("<HVConfiguration>" + elements + "</HVConfiguration>\n");
     }
 
-    std::string content() const {
-        std::ostringstream text;
-        text << std::ifstream(path, std::ios::binary).rdbuf();
-        return text.str();
-    }
+    std::string content() const { return testing_support::readFile(path); }
 
     /// What an element of the file says, as a reader that comes now finds it.
     std::string value(const char* xpath = kLevel) const { return XmlFile(path).textAt(xpath); }

@@ -2,6 +2,7 @@
 // the second user and the second process that locks. Not real: the time that a wait takes, and the memory.
 #include "daemon/Trace.h"
 #include "tests/support/AsUser.h"
+#include "tests/support/Files.h"
 #include "tests/support/TraceLog.h"
 #include "tests/unit/store/Interposed.h"
 #include "tests/unit/store/SettingsTestSupport.h"
@@ -15,7 +16,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <list>
 #include <optional>
@@ -397,10 +397,7 @@ public:
         dbSettingsLog::logFilePtr = nullptr;
         static_cast<void>(std::fclose(m_stream));
     }
-    std::string text() const {
-        std::ifstream log(m_path);
-        return {std::istreambuf_iterator<char>(log), {}};
-    }
+    std::string text() const { return testing_support::readFile(m_path); }
 
 private:
     std::string m_path;

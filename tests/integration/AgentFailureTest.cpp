@@ -1,6 +1,7 @@
 // A machine whose broker is away, refuses, or comes back, and clients that come and go meanwhile.
 #include "platform/hvbagent/SecretBox.h"
 #include "tests/integration/AgentFixture.h"
+#include "tests/support/Files.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -20,13 +21,11 @@ using namespace testing_support;
 constexpr int kCycles = 500;
 
 std::size_t threadsOfThisProcess() {
-    const std::filesystem::directory_iterator tasks("/proc/self/task");
-    return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+    return countEntries("/proc/self/task");
 }
 
 std::size_t openFiles() {
-    const std::filesystem::directory_iterator files("/proc/self/fd");
-    return static_cast<std::size_t>(std::distance(begin(files), end(files)));
+    return countEntries("/proc/self/fd");
 }
 
 /// Listens like a broker, hears the client's first words and hangs up.

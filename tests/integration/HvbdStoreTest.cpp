@@ -2,10 +2,9 @@
 // from outside with the sqlite3 program. Bus, processes, files and locks are real.
 #include "tests/integration/HvbdFixture.h"
 #include "tests/support/Files.h"
+#include "tests/support/OwnDisk.h"
 
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -275,46 +274,28 @@ TEST_F(AHubsStore, GoesOnInANewFileWhenItsFileWasDeleted) {
 class AHubOnASmallDisk : public AHub {
 protected:
     void SetUp() override {
-        if (geteuid() != 0) {
-            GTEST_SKIP() << "only root can mount a small file system; a full disk was not tested";
-        }
-        // The mount is this process's alone, so whatever happens to the test it goes away with it.
-        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            GTEST_SKIP() << "no mounts of our own here (" << std::strerror(errno) << "); a full disk was not tested";
-        }
         bus.reset();
-        if (mount("tmpfs", root.hubVarDirectory().c_str(), "tmpfs", 0, "size=1m") != 0) {
-            GTEST_SKIP() << "cannot mount a tmpfs (" << std::strerror(errno) << "); a full disk was not tested";
+        const std::string trouble = disk.mount(root.hubVarDirectory(), "size=1m");
+        if (!trouble.empty()) {
+            GTEST_SKIP() << trouble << "; a full disk was not tested";
         }
-        m_mounted = true;
         bus.emplace(root);
     }
 
     void TearDown() override {
         hvbd.reset();
         bus.reset();
-        if (m_mounted) {
-            umount(root.hubVarDirectory().c_str());
-        }
+        disk.unmount();
     }
 
-    void fillDisk() {
-        std::ofstream filler(m_filler, std::ios::binary);
-        while (filler << std::string(4096, 'f') << std::flush) {
-        }
-    }
-    void freeDisk() { fs::remove(m_filler); }
-
-private:
-    const std::string m_filler = root.hubVarDirectory() + "/filler";
-    bool m_mounted = false;
+    OwnDisk disk;
 };
 
 TEST_F(AHubOnASmallDisk, TellsTheSenderWhenItIsFullAndStoresAgainWhenThereIsRoom) {
     start();
     HubClient sender = client();
     sender.log(L"one");
-    fillDisk();
+    disk.fill();
     const std::wstring large(20'000, L'x');
     Refusal refused;
     for (int i = 0; i < 100 && refused == Refusal(); ++i) {
@@ -326,19 +307,19 @@ TEST_F(AHubOnASmallDisk, TellsTheSenderWhenItIsFullAndStoresAgainWhenThereIsRoom
     EXPECT_EQ(refusalOf([&] { sender.log(large); }).name, bus::kErrorLogStore);
     expectAlive();
     EXPECT_FALSE(sender.ids().empty()) << "what is stored can still be read";
-    freeDisk();
+    disk.free();
     EXPECT_GT(sender.log(large), 1U);
     EXPECT_EQ(lines("log records are stored again"), 1U);
     EXPECT_EQ(sqlite("PRAGMA integrity_check"), "ok\n");
 }
 
 TEST_F(AHubOnASmallDisk, StartsOnAFullOneAndStoresOnceThereIsRoom) {
-    fillDisk();
+    disk.fill();
     start();
     HubClient sender = client();
     EXPECT_EQ(refusalOf([&] { sender.log(L"one"); }).name, bus::kErrorLogStore);
     expectAlive();
-    freeDisk();
+    disk.free();
     EXPECT_EQ(sender.log(L"two"), 1U);
 }
 

@@ -4,13 +4,13 @@
 #include "tests/support/Eventually.h"
 #include "tests/support/Files.h"
 #include "tests/support/Machine.h"
+#include "tests/support/OwnDisk.h"
 #include "tests/support/Preferences.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,20 +33,6 @@ using namespace Sentrel;
 using testing::IsEmpty;
 namespace fs = std::filesystem;
 
-/// Gives @p directory a file system in memory that only this process and its children see, so that it goes away with
-/// them whatever happens to the test. @return why that cannot be done; empty when it is.
-std::string mountOwnDisk(const std::string& directory, const char* options) {
-    if (geteuid() != 0) {
-        return "only root can mount a file system";
-    }
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-        return std::string("no mounts of our own here: ") + std::strerror(errno);
-    }
-    return mount("tmpfs", directory.c_str(), "tmpfs", 0, options) == 0
-               ? ""
-               : std::string("cannot mount a tmpfs: ") + std::strerror(errno);
-}
-
 class ASettingsFile : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -58,10 +44,10 @@ protected:
         if (client) {
             EXPECT_TRUE(machine.daemon().isRunning()) << machine.daemon().output();
         }
-        if (mounted) {
+        if (disk.isMounted()) {
             client.reset();
             machine.kill9Daemon();
-            umount(machine.root().sharedDirectory().c_str());
+            disk.unmount();
         }
     }
 
@@ -132,7 +118,7 @@ protected:
 
     Machine machine;
     std::optional<WireClient> client;
-    bool mounted = false; ///< whether the file's directory has a file system of its own
+    OwnDisk disk; ///< of the file's directory, where a test gives it one
 };
 
 TEST_F(ASettingsFile, IsNeverSeenBrokenByAnotherProgramWhileListsAreReplaced) {
@@ -332,23 +318,16 @@ TEST_F(ASettingsFile, LoadsValuesOfAnotherSizeAsTheirDefaults) {
 class ASettingsFileOnItsOwnDisk : public ASettingsFile {
 protected:
     void SetUp() override {
-        const std::string trouble = mountOwnDisk(machine.root().sharedDirectory(), "size=256k,mode=755");
+        const std::string trouble = disk.mount(machine.root().sharedDirectory(), "size=256k,mode=755");
         if (!trouble.empty()) {
             GTEST_SKIP() << trouble << "; disks that are full or read-only were not tested";
         }
-        mounted = true;
         ASettingsFile::SetUp();
     }
 
     void remount(unsigned long flags, const char* size = "size=256k") {
         ASSERT_EQ(mount(nullptr, machine.root().sharedDirectory().c_str(), nullptr, MS_REMOUNT | flags, size), 0)
             << std::strerror(errno);
-    }
-    std::string filler() { return machine.root().sharedDirectory() + "/filler"; }
-    void fillDisk() {
-        std::ofstream file(filler(), std::ios::binary);
-        while (file << std::string(4096, 'f') << std::flush) {
-        }
     }
 };
 
@@ -369,7 +348,7 @@ TEST_F(ASettingsFileOnItsOwnDisk, StaysAsItIsOnAReadOnlyOneAndIsUsableWhenItCanB
 
 TEST_F(ASettingsFileOnItsOwnDisk, KeepsWholeRowsWhenTheDiskFillsUpAndIsUsableWhenThereIsRoom) {
     ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
-    fillDisk();
+    disk.fill();
     Urls urls;
     for (int row = 0; row < 200; ++row) {
         urls.emplace_back(std::string(500, 'u') + std::to_string(row), 1);
@@ -380,7 +359,7 @@ TEST_F(ASettingsFileOnItsOwnDisk, KeepsWholeRowsWhenTheDiskFillsUpAndIsUsableWhe
         EXPECT_TRUE(url.first == "stored.example" || std::count(urls.begin(), urls.end(), url) == 1) << url.first;
     }
     EXPECT_EQ(machine.sql("pragma integrity_check"), "ok\n");
-    fs::remove(filler());
+    disk.free();
     restart();
     EXPECT_TRUE(urlsOf(getAll()) == storedUrls());
     expectUsable();
@@ -462,7 +441,7 @@ protected:
     void SetUp() override {
         // In memory, where that can be had, since syncing to a disk is most of the time: a process that is killed takes
         // nothing along that it has written, on either.
-        mounted = mountOwnDisk(machine.root().sharedDirectory(), "size=16m,mode=755").empty();
+        static_cast<void>(disk.mount(machine.root().sharedDirectory(), "size=16m,mode=755"));
         ASettingsFile::SetUp();
     }
 

@@ -56,10 +56,7 @@ protected:
         return facts;
     }
     mode_t mode() const { return facts().st_mode & 07777U; }
-    std::size_t filesInTheDirectory() const {
-        const std::filesystem::directory_iterator files(m_root.varDirectory());
-        return static_cast<std::size_t>(std::distance(begin(files), end(files)));
-    }
+    std::size_t filesInTheDirectory() const { return testing_support::countEntries(m_root.varDirectory()); }
     int errorOfKeepingReplace(const std::string& text) const {
         return errorOf([&] { replaceFile(m_path, text, Replace::KeepingModeAndOwner); });
     }

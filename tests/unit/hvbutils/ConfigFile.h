@@ -48,10 +48,7 @@ protected:
         return "accepted";
     }
 
-    std::size_t filesInDirectory() const {
-        const std::filesystem::directory_iterator files(directory);
-        return static_cast<std::size_t>(std::distance(begin(files), end(files)));
-    }
+    std::size_t filesInDirectory() const { return testing_support::countEntries(directory); }
 
     testing_support::PrivateRoot root;
     const std::string directory = root.file("c");

@@ -3,11 +3,10 @@
 #include "platform/hvbutils/XmlFile.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/OwnDisk.h"
 #include "tests/unit/hvbutils/ConfigFile.h"
 
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -18,6 +17,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <thread>
 
 using testing_support::asUser;
@@ -148,46 +148,24 @@ TEST_F(AConfigFile, StaysAsItWasWhenTheDiskTakesNoMore) {
 class AConfigFileOnASmallDisk : public AConfigFile {
 protected:
     void SetUp() override {
-        if (geteuid() != 0) {
-            GTEST_SKIP() << "only root can mount a small file system; a full disk was not tested";
-        }
-        // The mount is this process's alone, so whatever happens to the test it goes away with it.
-        if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            GTEST_SKIP() << "no mounts of our own here (" << std::strerror(errno) << "); a full disk was not tested";
-        }
         const std::string before = content();
-        if (mount("tmpfs", directory.c_str(), "tmpfs", 0, "size=64k") != 0) {
-            GTEST_SKIP() << "cannot mount a tmpfs (" << std::strerror(errno) << "); a full disk was not tested";
+        const std::string trouble = disk.mount(directory, "size=64k");
+        if (!trouble.empty()) {
+            GTEST_SKIP() << trouble << "; a full disk was not tested";
         }
-        m_mounted = true;
         write(before);
     }
 
-    void TearDown() override {
-        if (m_mounted) {
-            umount(directory.c_str());
-        }
-    }
-
-    void fillDisk() const {
-        std::ofstream filler(m_filler, std::ios::binary);
-        while (filler << std::string(1024, 'f') << std::flush) {
-        }
-    }
-    void freeDisk() const { std::filesystem::remove(m_filler); }
-
-private:
-    const std::string m_filler = directory + "/filler";
-    bool m_mounted = false;
+    testing_support::OwnDisk disk;
 };
 
 TEST_F(AConfigFileOnASmallDisk, StaysAsItWasWhenItIsFullAndIsSavedOnceThereIsRoom) {
     const std::string before = content();
-    fillDisk();
+    disk.fill();
     EXPECT_FALSE(save("debug"));
     EXPECT_EQ(content(), before);
     EXPECT_EQ(filesInDirectory(), 2u) << "the file and the filler";
-    freeDisk();
+    disk.free();
     EXPECT_TRUE(save("debug"));
     EXPECT_EQ(value(), "debug");
 }

@@ -9,11 +9,11 @@
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Machine.h"
+#include "tests/support/UnixSocket.h"
 
 #include <fmt/format.h>
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -62,12 +62,8 @@ std::string_view bytesOf(const STEventData& event) {
 class BareListener {
 public:
     explicit BareListener(std::string path) : m_path(std::move(path)), m_fd(socket(AF_UNIX, SOCK_STREAM, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, m_path.c_str(), sizeof address.sun_path - 1);
         constexpr int backlog = 5; // the daemon's own
-        if (bind(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-            listen(m_fd, backlog) != 0) {
+        if (!bindSocket(m_fd, m_path) || listen(m_fd, backlog) != 0) {
             throw std::runtime_error("cannot listen at " + m_path);
         }
     }

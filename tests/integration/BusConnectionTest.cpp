@@ -6,6 +6,7 @@
 #include "tests/support/FakeHub.h"
 #include "tests/support/HubBus.h"
 #include "tests/support/PrivateRoot.h"
+#include "tests/support/UnixSocket.h"
 
 #include <gtest/gtest.h>
 
@@ -13,7 +14,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,6 +23,8 @@
 namespace {
 
 using namespace HVB::bus;
+using testing_support::bindSocket;
+using testing_support::connectSocket;
 using testing_support::FakeHub;
 using testing_support::HubBus;
 using testing_support::patience;
@@ -60,10 +62,7 @@ TEST(AConnection, IsRefusedAtOnceWhenThereIsNoSocket) {
 TEST(AConnection, IsRefusedAtOnceWhenNobodyListensAtTheSocket) {
     const PrivateRoot root;
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    root.hubSocket().copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_TRUE(bindSocket(fd, root.hubSocket()));
     ::close(fd);
     EXPECT_EQ(codeOf([&] { openBus(root.hubSocket(), patience()); }), -ECONNREFUSED);
 }
@@ -101,9 +100,6 @@ TEST_F(AConnectionToABus, IsGivenUpAtTheDeadlineWhenTheBusIsHeldUp) {
 TEST_F(AConnectionToABus, IsGivenUpAtTheDeadlineWhenTheListenQueueOfAHeldUpBusIsFull) {
     m_bus.stop();
     std::vector<int> knocking;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    m_bus.socketPath().copy(address.sun_path, sizeof address.sun_path - 1);
     int error = 0;
     rlimit files{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &files), 0);
@@ -112,8 +108,7 @@ TEST_F(AConnectionToABus, IsGivenUpAtTheDeadlineWhenTheListenQueueOfAHeldUpBusIs
     constexpr std::size_t longest = 10'000;
     while (error == 0 && knocking.size() < longest) {
         knocking.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        const int result = ::connect(knocking.back(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-        error = result == 0 ? 0 : errno;
+        error = connectSocket(knocking.back(), m_bus.socketPath()) ? 0 : errno;
     }
     ASSERT_EQ(error, EAGAIN) << "after " << knocking.size() << " connections";
     EXPECT_EQ(codeOf([&] { openBus(m_bus.socketPath(), soon()); }), -ETIMEDOUT);

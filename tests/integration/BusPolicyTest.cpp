@@ -10,13 +10,13 @@
 #include "tests/support/PrivateRoot.h"
 
 #include "hub/HubIds.h"
+#include "tests/support/UnixSocket.h"
 
 #include <gtest/gtest.h>
 
 #include <grp.h>
 #include <pwd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <optional>
@@ -27,6 +27,7 @@ namespace {
 using namespace HVB::bus;
 using testing_support::asNobody;
 using testing_support::asUser;
+using testing_support::connectSocket;
 using testing_support::HubBus;
 using testing_support::kNobody;
 using testing_support::kNogroup;
@@ -325,12 +326,9 @@ Deadline moduleDeadline() {
 
 TEST_F(TheBusPolicy, KeepsNobodyOutWhileAUserHoldsSilentConnections) {
     const OtherProcess crowd(kNobody, kNogroup, {}, [&](const auto& ready) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        m_socket.copy(address.sun_path, sizeof address.sun_path - 1);
         for (int i = 0; i < kCrowd; ++i) {
             const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-            if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            if (!connectSocket(fd, m_socket)) {
                 throw std::runtime_error("cannot connect");
             }
         }

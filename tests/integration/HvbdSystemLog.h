@@ -1,9 +1,10 @@
 // The system log's socket in a test's own hands. What a program writes to it is real; only its reader is the test.
 #pragma once
 
+#include "tests/support/UnixSocket.h"
+
 #include <sys/mount.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
 #include <sched.h>
 #include <unistd.h>
@@ -16,7 +17,6 @@
 #include <regex>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace testing_support {
@@ -42,11 +42,7 @@ public:
         require(mount(directory.c_str(), "/dev", nullptr, MS_MOVE, nullptr) == 0, "move it to /dev");
         m_mounted = true;
         require(m_socket >= 0, "socket");
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        constexpr std::string_view path = "/dev/log";
-        path.copy(address.sun_path, path.size());
-        require(bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0, "bind /dev/log");
+        require(bindSocket(m_socket, "/dev/log"), "bind /dev/log");
     }
     ~SystemLogSocket() {
         close(m_socket);

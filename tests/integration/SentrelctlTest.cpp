@@ -4,6 +4,7 @@
 #include "tests/integration/SentrelctlRun.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/UnixSocket.h"
 
 #include <algorithm>
 #include <array>
@@ -13,7 +14,6 @@
 #include <mutex>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -34,11 +34,7 @@ std::string padded(std::string text, std::size_t size = kReplyBytes) {
 class ListeningSocket {
 public:
     ListeningSocket(const std::string& path, int backlog) : m_fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        if (::bind(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-            ::listen(m_fd, backlog) != 0) {
+        if (!bindSocket(m_fd, path) || ::listen(m_fd, backlog) != 0) {
             throw std::system_error(errno, std::generic_category(), path);
         }
     }

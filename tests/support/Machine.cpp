@@ -2,10 +2,10 @@
 
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/UnixSocket.h"
 
 #include <pwd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -80,10 +80,7 @@ STEventData sampleEvent(const std::string& url) {
 }
 
 EventClient::EventClient(const std::string& socketPath) : m_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
-    if (m_fd < 0 || connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (m_fd < 0 || !connectSocket(m_fd, socketPath)) {
         const int error = errno;
         close();
         throw std::system_error(error, std::generic_category(), socketPath);

@@ -1,12 +1,12 @@
 // SIGHUP and SIGUSR2 at the start, all three signals while the daemon waits, and the handlers by themselves.
 #include "hub/Exceptions.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/UnixSocket.h"
 #include "tests/unit/daemon/DaemonFixture.h"
 #include "tests/unit/daemon/DaemonTraceLines.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -124,15 +124,11 @@ TEST_F(ADaemon, SurvivesAnAgentThatFailsAtAReload) {
 
 /// Runs a story against the running daemon on a thread that takes no signals.
 struct ARunningDaemon : ADaemon {
-    int connectToEventSocket() const {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        const std::string path = root.eventSocket();
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
+    bool connectToEventSocket() const {
         const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const int result = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        const bool isConnected = connectSocket(fd, root.eventSocket());
         close(fd);
-        return result;
+        return isConnected;
     }
 
     template <class Story>
@@ -142,7 +138,7 @@ struct ARunningDaemon : ADaemon {
         sigfillset(&all);
         pthread_sigmask(SIG_BLOCK, &all, &before);
         std::thread teller([this, &story] {
-            EXPECT_TRUE(eventually([this] { return connectToEventSocket() == 0; }));
+            EXPECT_TRUE(eventually([this] { return connectToEventSocket(); }));
             story();
             kill(getpid(), SIGTERM);
         });
@@ -186,7 +182,7 @@ TEST_F(ARunningDaemon, StopsUnderAStormOfSignals) {
     EXPECT_EQ(runDaemonDuring([this] {
                   for (int round = 0; round < 500; ++round) {
                       kill(getpid(), round % 2 == 0 ? SIGHUP : SIGUSR2);
-                      EXPECT_EQ(connectToEventSocket(), 0);
+                      EXPECT_TRUE(connectToEventSocket());
                   }
               }),
               0);

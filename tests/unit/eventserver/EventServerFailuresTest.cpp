@@ -4,6 +4,7 @@
 
 #include "daemon/Trace.h"
 #include "tests/support/FlowLines.h"
+#include "tests/support/UnixSocket.h"
 #include "tests/unit/daemon/DaemonRoot.h"
 #include "tests/unit/eventserver/SocketCalls.h"
 
@@ -106,15 +107,12 @@ TEST(AnEventServersPath, MayBeAsLongAsASocketAddressHoldsWithItsTerminator) {
 TEST(AnEventServersQueue, HoldsFiveAndTheOneInFront) {
     const DaemonRoot root;
     STEventServer::getInstance(); // nobody accepts
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    root.eventSocket().copy(address.sun_path, sizeof address.sun_path - 1);
     constexpr int queueLength = 5;
     std::vector<int> clients;
-    int result = 0;
-    while (result == 0 && clients.size() < 100) {
+    bool isConnected = true;
+    while (isConnected && clients.size() < 100) {
         clients.push_back(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-        result = connect(clients.back(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        isConnected = connectSocket(clients.back(), root.eventSocket());
     }
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(clients.size() - 1, queueLength + 1u); // Linux lets one more in than was asked for

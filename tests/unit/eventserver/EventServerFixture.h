@@ -9,12 +9,12 @@
 #include "tests/support/Eventually.h"
 #include "tests/support/RecordingBroker.h"
 #include "tests/support/TraceLog.h"
+#include "tests/support/UnixSocket.h"
 #include "tests/unit/daemon/DaemonRoot.h"
 #include "tests/unit/daemon/RecordingAgent.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,10 +31,7 @@ using Lines = std::vector<std::string>;
 class Client {
 public:
     explicit Client(const std::string& path) : m_fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        m_connected = connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        m_connected = connectSocket(m_fd, path);
     }
     ~Client() { hangUp(); }
     Client(const Client&) = delete;

@@ -1,4 +1,5 @@
 // The event server's socket: how it is set up, and what keeps it from that.
+#include "tests/support/UnixSocket.h"
 #include "tests/unit/eventserver/EventServerFixture.h"
 
 #include <fcntl.h>
@@ -56,11 +57,8 @@ TEST_F(AnEventServer, HoldsSigpipeBackOnTheThreadThatMadeIt) {
 
 TEST_F(AnEventServer, RemovesAStaleSocketNodeOfACrash) {
     {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        root.eventSocket().copy(address.sun_path, sizeof address.sun_path - 1);
         const int stale = socket(AF_UNIX, SOCK_STREAM, 0);
-        ASSERT_EQ(bind(stale, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        ASSERT_TRUE(bindSocket(stale, root.eventSocket()));
         close(stale);
     }
     start();

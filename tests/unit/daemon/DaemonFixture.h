@@ -4,6 +4,7 @@
 
 #include "daemon/Trace.h"
 #include "daemon/VXControllerDaemon.h"
+#include "tests/support/Lines.h"
 #include "tests/support/RecordingBroker.h"
 #include "tests/unit/daemon/DaemonRoot.h"
 #include "tests/unit/daemon/RecordingAgent.h"
@@ -21,13 +22,6 @@
 #include <vector>
 
 namespace testing_support {
-
-using Lines = std::vector<std::string>;
-
-inline Lines operator+(Lines left, const Lines& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 inline bool traceIsOff() {
     return std::atomic_ref(traceInited).load() == 0;

@@ -3,6 +3,7 @@
 #include "daemon/VXControllerDaemon.h"
 
 #include "daemon/Trace.h"
+#include "tests/support/Lines.h"
 #include "tests/support/TraceLog.h"
 #include "tests/unit/daemon/DaemonRoot.h"
 #include "tests/unit/daemon/LockHolder.h"
@@ -40,8 +41,6 @@ int __wrap_lockf64(int fd, int command, off_t size) {
 } // extern "C"
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 struct APidFile : testing::Test {
     DaemonRoot root;

@@ -2,6 +2,7 @@
 #include "daemon/Trace.h"
 
 #include "tests/support/Eventually.h"
+#include "tests/support/Lines.h"
 #include "tests/support/TraceLog.h"
 #include "tests/unit/daemon/DaemonRoot.h"
 
@@ -13,13 +14,12 @@
 #include <thread>
 
 using testing_support::DaemonRoot;
+using testing_support::Lines;
 using testing_support::readFile;
 using testing_support::TraceLog;
 using testing_support::writeFile;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 // What holds before main, when no test has run.
 const std::vector<std::int32_t> kLevelsAtStart{stDaemonFlowvalue,     configFlowvalue, loggerFlowvalue,

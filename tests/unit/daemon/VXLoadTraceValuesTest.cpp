@@ -3,6 +3,7 @@
 
 #include "daemon/Trace.h"
 #include "platform/hvbhelpers/HVBHelpers.h"
+#include "tests/support/Lines.h"
 #include "tests/support/TraceLog.h"
 #include "tests/unit/daemon/DaemonRoot.h"
 
@@ -12,8 +13,6 @@ using namespace testing_support;
 using Sentrel::VXLoadTraceValues;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 struct NamedFlow {
     const char* name;

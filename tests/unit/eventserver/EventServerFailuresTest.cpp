@@ -4,6 +4,7 @@
 
 #include "daemon/Trace.h"
 #include "tests/support/FlowLines.h"
+#include "tests/support/Lines.h"
 #include "tests/support/UnixSocket.h"
 #include "tests/unit/daemon/DaemonRoot.h"
 #include "tests/unit/eventserver/SocketCalls.h"
@@ -24,8 +25,6 @@ using namespace testing_support;
 using Sentrel::STEventServer;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 struct AnEventServerThatIsRefused : testing::Test {
     DaemonRoot root;
@@ -152,11 +151,6 @@ const Lines kOutOfMemory{"4 STEventServer::monitorFd - Inside while blocking on 
                          "3 STEventServer::monitorFd - select returned -1",
                          "1 STEventServer::monitorFds - errno = 12 and error = Cannot allocate memory",
                          "2 STEventServer::monitorFds - blocking on select() failed so bail out"};
-
-Lines operator+(Lines left, const Lines& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 int endTheLoop() {
     return failWith(ENOMEM);

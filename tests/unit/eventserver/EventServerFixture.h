@@ -7,6 +7,7 @@
 #include "events/STEventData.h"
 #include "events/STEventServer.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/Lines.h"
 #include "tests/support/RecordingBroker.h"
 #include "tests/support/TraceLog.h"
 #include "tests/support/UnixSocket.h"
@@ -24,8 +25,6 @@
 #include <vector>
 
 namespace testing_support {
-
-using Lines = std::vector<std::string>;
 
 /// A browser component's connection.
 class Client {

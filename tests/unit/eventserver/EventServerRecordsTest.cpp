@@ -46,11 +46,9 @@ TEST_F(AnEventServer, TracesAConnectionLineByLine) {
                    "STEventServer::processSocketEvent - Going to accept a connection from client",
                    "STEventServer::processSocketEvent - Going to read data from socket with clientFD " + client,
                    "STEventServer::processSocketEvent - Server Received: 42 at " + client};
-    const Lines fields = recordLines(event);
-    expected.insert(expected.end(), fields.begin(), fields.end());
-    expected.push_back("EventReporter::sendSTEvent - Invoked ");
-    expected.push_back("EventReporter::sendBlockEventToHVB - Invoked ");
-    expected.push_back(lines.back());
+    expected =
+        expected + recordLines(event) +
+        Lines{"EventReporter::sendSTEvent - Invoked ", "EventReporter::sendBlockEventToHVB - Invoked ", lines.back()};
     EXPECT_EQ(lines, expected);
     EXPECT_EQ(lines.back().rfind("STEventServer::monitorFd - Inside while blocking on Select for fd ", 0), 0u);
 }
@@ -80,10 +78,7 @@ TEST_F(AnEventServer, ServesOneClientAfterTheOtherSoASilentOneHoldsUpTheRest) {
     const STEventData first = record("first", kDropped, "p");
     EXPECT_TRUE(silent.send(bytesOf(first)));
     EXPECT_EQ(next.readToTheEnd(), "");
-    Lines expected = recordLines(first);
-    const Lines rest = recordLines(second);
-    expected.insert(expected.end(), rest.begin(), rest.end());
-    EXPECT_EQ(tracedRecords(), expected);
+    EXPECT_EQ(tracedRecords(), recordLines(first) + recordLines(second));
 }
 
 TEST_F(AnEventServer, HandsAnEventToTheReporter) {
@@ -107,8 +102,7 @@ TEST_F(AnEventServer, TakesAShortMessageAsARecordThatIsZeroBehindItWhateverCameB
         exchange(bytesOf(secret));
         exchange(whole.substr(0, length));
         for (const STEventData& event : {secret, recordOf(whole.substr(0, length))}) {
-            const Lines lines = recordLines(event);
-            expected.insert(expected.end(), lines.begin(), lines.end());
+            expected = expected + recordLines(event);
         }
     }
     EXPECT_EQ(tracedRecords(), expected);
@@ -129,8 +123,7 @@ TEST_F(AnEventServer, CountsOnlyTheFirst392BytesOfALongerMessage) {
     }
     Lines expected;
     for (int round = 0; round < 3; ++round) {
-        const Lines lines = recordLines(event);
-        expected.insert(expected.end(), lines.begin(), lines.end());
+        expected = expected + recordLines(event);
     }
     EXPECT_EQ(tracedRecords(), expected);
 }

@@ -4,6 +4,7 @@
 #include "daemon/Trace.h"
 #include "hub/VXCommandImpl.h"
 #include "tests/support/FlowLines.h"
+#include "tests/support/Lines.h"
 #include "tests/support/RecordingBroker.h"
 #include "tests/support/RecordingController.h"
 
@@ -13,8 +14,6 @@
 #include <vector>
 
 namespace testing_support {
-
-using Lines = std::vector<std::string>;
 
 class ACommandHandler : public testing::Test {
 protected:

@@ -7,6 +7,7 @@
 #include "hub/HVBMessages.h"
 #include "hub/Payloads.h"
 #include "tests/support/FlowLines.h"
+#include "tests/support/Lines.h"
 #include "tests/support/RecordingBroker.h"
 #include "tests/support/RecordingController.h"
 
@@ -23,7 +24,6 @@ using namespace testing_support;
 
 namespace {
 
-using Lines = std::vector<std::string>;
 using testing::IsEmpty;
 
 class AHubEvent : public testing::Test {

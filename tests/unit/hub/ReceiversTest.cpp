@@ -4,6 +4,7 @@
 #include "hub/HVBMessages.h"
 #include "hub/VXCommandImpl.h"
 #include "hub/VXHealthCheckImpl.h"
+#include "tests/support/Lines.h"
 #include "tests/support/RecordingBroker.h"
 #include "tests/support/TraceLog.h"
 #include "tests/unit/daemon/DaemonRoot.h"
@@ -15,8 +16,6 @@
 using namespace testing_support;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 struct AReceiver : testing::Test {
     DaemonRoot root;

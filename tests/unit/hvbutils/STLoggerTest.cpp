@@ -1,6 +1,7 @@
 // Lines for the machine's system log. The socket is real and this test's own.
 #include "platform/stlogger/STLogger.h"
 #include "tests/integration/HvbdSystemLog.h"
+#include "tests/support/Lines.h"
 #include "tests/support/PrivateRoot.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +9,7 @@
 
 #include <optional>
 
-using Lines = std::vector<std::string>;
+using testing_support::Lines;
 
 namespace {
 

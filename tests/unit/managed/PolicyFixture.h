@@ -7,6 +7,7 @@
 #include "managed/VXHVBAgentWrapper.h"
 #include "managed/VXPolicyEnforcementImpl.h"
 #include "tests/support/FlowLines.h"
+#include "tests/support/Lines.h"
 #include "tests/support/RecordingController.h"
 #include "tests/unit/daemon/DaemonRoot.h"
 #include "tests/unit/managed/AgentDouble.h"
@@ -18,8 +19,6 @@
 #include <vector>
 
 namespace testing_support {
-
-using Lines = std::vector<std::string>;
 
 /// What LogMsg was given, as "7 text". One a process.
 Lines& systemLog();

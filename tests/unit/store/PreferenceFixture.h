@@ -3,6 +3,7 @@
 #pragma once
 
 #include "store/STPreferenceController.h"
+#include "tests/support/Lines.h"
 #include "tests/support/RecordingBroker.h"
 #include "tests/support/TemporaryDirectory.h"
 #include "tests/support/TraceLog.h"
@@ -19,8 +20,6 @@ namespace testing_support {
 
 /// Stands behind NPlgHelper::GetUserDBPath in these tests: what it returns, what it throws.
 std::function<bool(std::string& path)>& settingsPath();
-
-using Lines = std::vector<std::string>;
 
 /// Threads: the test's. Owner: the test.
 class PreferenceFixture : public testing::Test {

@@ -66,11 +66,6 @@ protected:
     }
 };
 
-Lines operator+(Lines left, const Lines& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 TEST_F(AProxy, WritesSixKeysInOrder) {
     EXPECT_EQ(set({}), kNone);
     EXPECT_EQ(sql("select hex(name), typeof(value), hex(value) from vxsetting order by rowid"),

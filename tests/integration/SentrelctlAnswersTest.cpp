@@ -1,11 +1,8 @@
 // sentrelctl and answers that a healthy daemon does not give. Real: the program, the bus with the shipped policy, the
 // broker. Not real: the module, which answers each command as the test says.
-#include "hub/HVBCommBroker.h"
 #include "hub/STPreferences.h"
-#include "tests/integration/SentrelctlRun.h"
-#include "tests/support/HubBus.h"
+#include "tests/integration/AnsweringModule.h"
 
-#include <functional>
 #include <gtest/gtest.h>
 #include <utility>
 
@@ -13,48 +10,6 @@ namespace testing_support {
 namespace {
 
 using Sentrel::STPreferences;
-
-/// A module in the daemon's place.
-class AModuleThatAnswers : public testing::Test, protected HVB::CommandInterface {
-protected:
-    using Answer = std::function<void(HVB::CommandResult&)>;
-
-    AModuleThatAnswers() : m_bus(m_root) {
-        broker().setHVId(HVB::MODULE_SENTREL);
-        broker().setCommandInterface(this);
-        broker().start(true);
-    }
-    ~AModuleThatAnswers() override { HVB::HVBCommBroker::releaseInstance(); }
-
-    bool handleCommand(HVB::CommandData& data) override {
-        HVB::CommandResult result;
-        result.m_commandData = data;
-        m_answer(result);
-        broker().sendCommandResponse(result);
-        return true;
-    }
-    void handleCommandResponse(HVB::CommandResult& /*result*/) override {}
-
-    HVB::HVBCommBroker& broker() { return *HVB::HVBCommBroker::getInstance(m_bus.socketPath()); }
-
-    /// Uses sentrelctl while every command is answered so, and expects that it fails and says this.
-    void expectFailure(Answer answer, const std::vector<std::string>& arguments, const std::string& error) {
-        m_answer = std::move(answer);
-        const CtlResult result = ctl(m_root, arguments);
-        EXPECT_EQ(result.code, 1) << error;
-        EXPECT_EQ(result.out, "");
-        EXPECT_TRUE(result.err.starts_with("sentrelctl: " + error)) << result.err;
-    }
-
-    template <class Value>
-    static Answer with(Value value) {
-        return [value](HVB::CommandResult& result) { result.writePayload(value); };
-    }
-
-    PrivateRoot m_root;
-    HubBus m_bus;
-    Answer m_answer; ///< set while no command is on its way
-};
 
 TEST_F(AModuleThatAnswers, IsQuotedWithTheErrorThatItGives) {
     const std::vector<std::pair<int, std::string>> errors{
@@ -64,8 +19,8 @@ TEST_F(AModuleThatAnswers, IsQuotedWithTheErrorThatItGives) {
         {180006, "a setter of the daemon failed: ST_ERROR_PREFERENCES_EXCEPTION (180006). The daemon's trace log "},
         {7, "the daemon refused: 7. The daemon's trace log "}};
     for (const auto& [code, text] : errors) {
-        expectFailure(with(code), {"prefs", "set", "protection", "on"}, "cannot change the preferences: " + text);
-        expectFailure(with(code), {"prefs", "reset"}, "cannot reset the preferences: " + text);
+        expectFailure(answerWith(code), {"prefs", "set", "protection", "on"}, "cannot change the preferences: " + text);
+        expectFailure(answerWith(code), {"prefs", "reset"}, "cannot reset the preferences: " + text);
     }
 }
 
@@ -90,10 +45,10 @@ TEST_F(AModuleThatAnswers, IsNotBelievedWithoutAPayloadThatCanBeRead) {
     expectFailure(nothing, {"prefs", "show"}, unreadable + "it has no payload. ");
     expectFailure(nothing, {"prefs", "reset"},
                   "cannot reset the preferences: the daemon's answer cannot be read: it has no payload. ");
-    expectFailure(with(std::string("\x1b[2J")), {"prefs", "show"}, unreadable);
+    expectFailure(answerWith(std::string("\x1b[2J")), {"prefs", "show"}, unreadable);
     STPreferences preferences;
     preferences.m_allowBlockDetails.emplace("!", 1);
-    expectFailure(with(preferences), {"list", "show"}, unreadable);
+    expectFailure(answerWith(preferences), {"list", "show"}, unreadable);
 }
 
 TEST_F(AModuleThatAnswers, IsNotBelievedWhenAnotherValueIsInForce) {
@@ -104,8 +59,7 @@ TEST_F(AModuleThatAnswers, IsNotBelievedWhenAnotherValueIsInForce) {
             result.writePayload(STPreferences());
         }
     };
-    m_answer = answer;
-    const CtlResult result = ctl(m_root, {"prefs", "set", "red-sites", "warn"});
+    const CtlResult result = useWith(answer, {"prefs", "set", "red-sites", "warn"});
     EXPECT_EQ(result.code, 1);
     EXPECT_EQ(result.out, "red-sites          block\n") << "it shows what is in force";
     EXPECT_EQ(result.err,
@@ -143,9 +97,8 @@ TEST_F(AModuleThatAnswers, CannotDriveTheTerminal) {
     Sentrel::AllowBlockDetails list;
     list.emplace("\x1b]0;x\x07", 1);
     preferences.setAllowBlockDetails(list);
-    m_answer = with(preferences);
-    EXPECT_EQ(ctl(m_root, {"categories", "show"}).out, "\\x1b[2J\\x0a\n");
-    EXPECT_EQ(ctl(m_root, {"list", "show"}).out, "block  \\x1b]0;x\\x07\n");
+    EXPECT_EQ(useWith(answerWith(preferences), {"categories", "show"}).out, "\\x1b[2J\\x0a\n");
+    EXPECT_EQ(useWith(answerWith(preferences), {"list", "show"}).out, "block  \\x1b]0;x\\x07\n");
 }
 
 /// One that knows no command.

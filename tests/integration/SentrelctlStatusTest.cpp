@@ -1,7 +1,7 @@
 // sentrelctl status, about and debug. Real: the program, the bus with the shipped policy, hvbd, sentreld and the hub's
 // configuration file. Where an answer is needed that a healthy daemon does not give, the test stands in for sentreld.
-#include "hub/HVBCommBroker.h"
 #include "hub/Payloads.h"
+#include "tests/integration/AnsweringModule.h"
 #include "tests/integration/SentrelctlRun.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
@@ -12,7 +12,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -223,59 +222,25 @@ TEST_F(AClientOfADaemon, GivesUpOnADaemonThatHangs) {
 
 // Answers that a healthy daemon does not give.
 
-/// A module in the daemon's place.
-class AnotherModule : public testing::Test, protected HVB::CommandInterface {
-protected:
-    using Answer = std::function<void(HVB::CommandData&, HVB::CommandResult&)>;
+void answerWithStatus(int status, HVB::CommandResult& result) {
+    DashBoardData data;
+    data.m_statusItems[L"ST_DASHBOARD_STATUS_KEY"].m_status = static_cast<DashBoardStatus>(status);
+    result.writePayload(data);
+}
 
-    AnotherModule() : m_bus(m_root) {
-        broker().setHVId(HVB::MODULE_SENTREL);
-        broker().setCommandInterface(this);
-        broker().start(true);
-    }
-    ~AnotherModule() override { HVB::HVBCommBroker::releaseInstance(); }
-
-    bool handleCommand(HVB::CommandData& data) override {
-        HVB::CommandResult result;
-        result.m_commandData = data;
-        m_answer(data, result);
-        broker().sendCommandResponse(result);
-        return true;
-    }
-    void handleCommandResponse(HVB::CommandResult& /*result*/) override {}
-
-    HVB::HVBCommBroker& broker() { return *HVB::HVBCommBroker::getInstance(m_bus.socketPath()); }
-
-    CtlResult answered(const std::vector<std::string>& arguments, Answer answer) {
-        m_answer = std::move(answer);
-        return ctl(m_root, arguments);
-    }
-
-    static Answer withStatus(int status) {
-        return [status](HVB::CommandData& /*data*/, HVB::CommandResult& result) {
-            DashBoardData data;
-            data.m_statusItems[L"ST_DASHBOARD_STATUS_KEY"].m_status = static_cast<DashBoardStatus>(status);
-            result.writePayload(data);
-        };
-    }
-
-    PrivateRoot m_root;
-    HubBus m_bus;
-    Answer m_answer; ///< set while no command is on its way
-};
-
-TEST_F(AnotherModule, IsToldOfWithEveryStatus) {
+TEST_F(AModuleThatAnswers, HasEachStatusShownInWords) {
     const std::vector<std::pair<int, std::string>> words{
         {0, "enabled"}, {2, "disabled"}, {3, "enabled"}, {4, "disabled"}, {5, "at risk"}};
-    for (const auto& [status, word] : words) {
-        const CtlResult result = answered({"status", "--json=short"}, withStatus(status));
+    for (const auto& [code, word] : words) {
+        const Answer answer = [status = code](HVB::CommandResult& result) { answerWithStatus(status, result); };
+        const CtlResult result = useWith(answer, {"status", "--json=short"});
         EXPECT_EQ(result.code, 0) << result.err;
         const nlohmann::json json = nlohmann::json::parse(result.out);
         EXPECT_EQ(json.at("status"), word);
-        EXPECT_EQ(json.at("code"), status);
-        EXPECT_EQ(json.at("managed"), status >= 3);
+        EXPECT_EQ(json.at("code"), code);
+        EXPECT_EQ(json.at("managed"), code >= 3);
     }
-    EXPECT_EQ(answered({"status"}, withStatus(5)).out,
+    EXPECT_EQ(useWith([](HVB::CommandResult& result) { answerWithStatus(5, result); }, {"status"}).out,
               "status             at risk\n"
               "managed            yes\n"
               "protection         off\n"
@@ -283,32 +248,31 @@ TEST_F(AnotherModule, IsToldOfWithEveryStatus) {
               "health             unknown: hvbd is not running\n");
 }
 
-TEST_F(AnotherModule, IsQuotedWithAnAnswerThatCannotBeRead) {
-    const Answer nothing = [](HVB::CommandData& /*data*/, HVB::CommandResult& /*result*/) {};
-    const Answer number = [](HVB::CommandData& /*data*/, HVB::CommandResult& result) { result.writePayload(7); };
-    const Answer noLine = [](HVB::CommandData& /*data*/, HVB::CommandResult& result) {
-        result.writePayload(DashBoardData());
-    };
+TEST_F(AModuleThatAnswers, IsQuotedWhenItsAnswerCannotBeRead) {
+    const Answer nothing = [](HVB::CommandResult& /*result*/) {};
+    const Answer number = answerWith(7);
+    const Answer noLine = [](HVB::CommandResult& result) { result.writePayload(DashBoardData()); };
     const auto expectError = [](const CtlResult& result, const std::string& error) {
         EXPECT_EQ(result.code, 1);
         EXPECT_TRUE(result.err.starts_with("sentrelctl: " + error)) << result.err;
         EXPECT_TRUE(result.err.ends_with(". Use a sentrelctl of the daemon's version.\n")) << result.err;
     };
-    expectError(answered({"status"}, nothing),
+    expectError(useWith(nothing, {"status"}),
                 "cannot read the status: the daemon's answer cannot be read: it has no payload");
-    expectError(answered({"status"}, noLine),
+    expectError(useWith(noLine, {"status"}),
                 "cannot read the status: the daemon's answer cannot be read: it has no status line");
-    expectError(answered({"about"}, number), "cannot read the versions: the daemon's answer cannot be read: ");
-    expectError(answered({"debug", "show"}, nothing),
+    expectError(useWith(number, {"about"}), "cannot read the versions: the daemon's answer cannot be read: ");
+    expectError(useWith(nothing, {"debug", "show"}),
                 "cannot read the debug logging: the daemon's answer cannot be read: it has no payload");
 }
 
-TEST_F(AnotherModule, IsQuotedWhenItSaysThatTheCommandFailed) {
+TEST_F(AModuleThatAnswers, IsQuotedWhenItSaysThatTheCommandFailed) {
     for (bool HVB::CommandResult::*flag : {&HVB::CommandResult::m_bSucceeded, &HVB::CommandResult::m_bValid}) {
-        const CtlResult result = answered({"status"}, [flag](HVB::CommandData& data, HVB::CommandResult& answer) {
-            withStatus(0)(data, answer);
+        const Answer failure = [flag](HVB::CommandResult& answer) {
+            answerWithStatus(0, answer);
             answer.*flag = false;
-        });
+        };
+        const CtlResult result = useWith(failure, {"status"});
         EXPECT_EQ(result.code, 1);
         EXPECT_TRUE(result.err.starts_with("sentrelctl: cannot read the status: the daemon: it says that the command "
                                            "failed. "))
@@ -316,11 +280,11 @@ TEST_F(AnotherModule, IsQuotedWhenItSaysThatTheCommandFailed) {
     }
 }
 
-TEST_F(AnotherModule, IsAskedAgainAfterASwitchUntilItHasMadeIt) {
+TEST_F(AModuleThatAnswers, IsAskedAgainAfterASwitchUntilItHasMadeIt) {
     std::atomic<bool> isOn = false;
     std::atomic<int> questions = 0;
-    const CtlResult result = answered({"debug", "on"}, [&](HVB::CommandData& data, HVB::CommandResult& answer) {
-        if (data.m_commandId == Sentrel::CMD_GET_DEBUG_LOGGING_STATUS) {
+    const Answer switchLate = [&](HVB::CommandResult& answer) {
+        if (answer.m_commandData.m_commandId == Sentrel::CMD_GET_DEBUG_LOGGING_STATUS) {
             answer.writePayload(isOn.load());
             if (++questions == 1) { // the switch comes about behind the first look, and is signalled
                 isOn = true;
@@ -328,21 +292,23 @@ TEST_F(AnotherModule, IsAskedAgainAfterASwitchUntilItHasMadeIt) {
                 broker().sendEventNotification(event);
             }
         }
-    });
+    };
+    const CtlResult result = useWith(switchLate, {"debug", "on"});
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_EQ(result.out, "debug-logging      on\n");
     EXPECT_EQ(questions, 2);
 }
 
-TEST_F(AnotherModule, IsToldAgainWhenItDroppedASwitch) {
+TEST_F(AModuleThatAnswers, IsToldAgainWhenItDroppedASwitch) {
     std::atomic<int> switches = 0;
-    const CtlResult result = answered({"debug", "on"}, [&](HVB::CommandData& data, HVB::CommandResult& answer) {
-        if (data.m_commandId == Sentrel::CMD_GET_DEBUG_LOGGING_STATUS) {
+    const Answer dropFirstSwitch = [&](HVB::CommandResult& answer) {
+        if (answer.m_commandData.m_commandId == Sentrel::CMD_GET_DEBUG_LOGGING_STATUS) {
             answer.writePayload(switches == 2);
         } else {
             ++switches;
         }
-    });
+    };
+    const CtlResult result = useWith(dropFirstSwitch, {"debug", "on"});
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_EQ(result.out, "debug-logging      on\n");
     EXPECT_EQ(switches, 2);

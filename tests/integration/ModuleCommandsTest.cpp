@@ -1,6 +1,7 @@
 // About box, dashboard, debug logging and the hub's events, over a real bus with a real hvbd: what a client is
 // answered, what lies on disk afterwards, and what other users may do.
 #include "hub/Payloads.h"
+#include "tests/integration/AccessFixture.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Files.h"
@@ -10,7 +11,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <grp.h>
 #include <sys/stat.h>
 
 #include <csignal>
@@ -26,10 +26,6 @@ using namespace Sentrel;
 using testing::EndsWith;
 using testing::HasSubstr;
 namespace fs = std::filesystem;
-
-// Accounts that every Debian has and that nothing here runs as.
-constexpr const char* kDaemonUser = "games";
-constexpr const char* kAdminGroup = "staff";
 
 class AModule : public ::testing::Test {
 protected:
@@ -320,32 +316,23 @@ TEST_F(AModule, LivesOnAfterEventsThatCannotBeReadOrCarryNothing) {
 
 // Other users.
 
-class TheAccessToAModule : public ::testing::Test {
+class TheAccessToAModule : public AccessFixture {
 protected:
     void SetUp() override {
-        if (!canActAsOthers()) {
-            GTEST_SKIP() << "needs root, to act as other users";
+        AccessFixture::SetUp();
+        if (IsSkipped()) {
+            return;
         }
-        machine.emplace(kDaemonUser, kAdminGroup);
-        machine->initSettings();
         machine->setTraceLevels(5);
         machine->startHub();
         ASSERT_TRUE(machine->startDaemon()) << machine->daemon().output();
     }
 
-    /// The name of the error that a command meets; empty when it is answered.
-    std::string errorOf(int id, const std::optional<std::wstring>& payload = {}) {
-        return WireClient(machine->bus().socketPath()).command(id, payload).error;
-    }
-    std::string asAdministrator(const std::function<std::string()>& work) {
-        return asUser(kNobody, kNogroup, {::getgrnam(kAdminGroup)->gr_gid}, work);
-    }
-    std::string emitted(int id, const std::wstring& payload) {
+    /// @return nothing, as work for another user needs a text.
+    std::string emit(int id, const std::wstring& payload) {
         WireClient(machine->bus().socketPath()).emit(id, payload);
         return "";
     }
-
-    std::optional<Machine> machine;
 };
 
 TEST_F(TheAccessToAModule, LetsAnyUserSeeItsScreensAndItsDebugLogging) {
@@ -368,11 +355,11 @@ TEST_F(TheAccessToAModule, LetsNoOtherUserPublishAnEvent) {
     const std::wstring debug = payloadOf(std::map<int, bool>{{7, true}});
     const std::wstring proxies = payloadOf(twoProxies());
     for (const auto& [id, payload] : {std::pair{EVT_DEBUG_LOG_CHANGE, debug}, {EVT_PROXY_SETTINGS_CHANGE, proxies}}) {
-        asNobody([&, id = id, &payload = payload] { return emitted(id, payload); });
-        asAdministrator([&, id = id, &payload = payload] { return emitted(id, payload); });
+        asNobody([&, id = id, &payload = payload] { return emit(id, payload); });
+        asAdministrator([&, id = id, &payload = payload] { return emit(id, payload); });
     }
     // Root's comes last and arrives, so that those before it have had their time.
-    emitted(EVT_PROXY_SETTINGS_CHANGE, payloadOf(std::vector<proxySettings>{}));
+    emit(EVT_PROXY_SETTINGS_CHANGE, payloadOf(std::vector<proxySettings>{}));
     ASSERT_TRUE(eventually([this] {
         return machine->traced("VXController::handleProxySettingsEventData entered - Event Notification Handler") > 0;
     }));

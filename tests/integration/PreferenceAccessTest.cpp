@@ -1,15 +1,10 @@
 // Who may read and who may change the preferences of a real daemon that runs as a user of its own: the bus decides,
 // before the daemon hears of it.
-#include "tests/support/AsUser.h"
-#include "tests/support/Machine.h"
-#include "tests/support/Preferences.h"
+#include "tests/integration/AccessFixture.h"
 
 #include <gtest/gtest.h>
 
-#include <grp.h>
-
 #include <csignal>
-#include <functional>
 #include <optional>
 
 namespace testing_support {
@@ -17,18 +12,13 @@ namespace {
 
 using namespace Sentrel;
 
-// Accounts that every Debian has and that nothing here runs as.
-constexpr const char* kDaemonUser = "games";
-constexpr const char* kAdminGroup = "staff";
-
-class TheAccessToPreferences : public ::testing::Test {
+class TheAccessToPreferences : public AccessFixture {
 protected:
     void SetUp() override {
-        if (!canActAsOthers()) {
-            GTEST_SKIP() << "needs root, to act as other users";
+        AccessFixture::SetUp();
+        if (IsSkipped()) {
+            return;
         }
-        machine.emplace(kDaemonUser, kAdminGroup);
-        machine->initSettings();
         ASSERT_TRUE(machine->startDaemon()) << machine->daemon().output();
         WireClient root(machine->bus().socketPath());
         STPreferences first;
@@ -41,13 +31,6 @@ protected:
 
     std::string rows() { return machine->sql("select hex(name), hex(value) from vxsetting order by 1"); }
 
-    std::string asAdministrator(const std::function<std::string()>& work) {
-        return asUser(kNobody, kNogroup, {::getgrnam(kAdminGroup)->gr_gid}, work);
-    }
-    /// The name of the error that a command meets; empty when it is answered.
-    std::string errorOf(int id, const std::optional<std::wstring>& payload = {}) {
-        return WireClient(machine->bus().socketPath()).command(id, payload).error;
-    }
     std::string codeOf(int id, const std::optional<std::wstring>& payload = {}) {
         return std::to_string(WireClient(machine->bus().socketPath()).code(id, payload));
     }
@@ -56,7 +39,6 @@ protected:
     const std::string refused = SD_BUS_ERROR_ACCESS_DENIED;
     const std::string done = std::to_string(ST_ERROR_NONE);
 
-    std::optional<Machine> machine;
     std::string before;
 };
 

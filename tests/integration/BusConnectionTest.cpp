@@ -97,7 +97,7 @@ TEST_F(AConnectionToABus, IsGivenUpAtTheDeadlineWhenTheBusIsHeldUp) {
     m_bus.cont();
 }
 
-TEST_F(AConnectionToABus, IsGivenUpAtTheDeadlineWhenTheListenQueueOfAHeldUpBusIsFull) {
+TEST_F(AConnectionToABus, IsGivenUpAtTheDeadlineWhenTheListenQueueIsFull) {
     m_bus.stop();
     std::vector<int> knocking;
     int error = 0;

@@ -144,7 +144,7 @@ TEST_F(ADaemon, LosesNoEventOfTwentyClientsThatConnectAtOnce) {
     EXPECT_EQ(machine.stored().size(), static_cast<std::size_t>(clients));
 }
 
-TEST_F(ADaemon, LetsASilentClientKeepTheOthersWaitingUntilItGoes) {
+TEST_F(ADaemon, KeepsTheOthersWaitingBehindASilentClient) {
     const auto served = [this] { return machine.traced("STEventServer::processSocketEvent - Entered"); };
     machine.deliver("x");
     const std::size_t before = served();
@@ -272,7 +272,7 @@ TEST_F(ADaemon, LosesAnEventThatMeetsAStoppedBusWithItsTraceLine) {
     machine.bus().cont();
 }
 
-TEST_F(ADaemon, FindsEveryAnsweredEventInTheStoreAfterHvbdWasKilledWhileEventsStreamIn) {
+TEST_F(ADaemon, LosesNoAnsweredEventWhenHvbdIsKilled) {
     constexpr int rounds = 5;
     constexpr int eventsOfARound = 40;
     std::mt19937 random(7);
@@ -312,7 +312,7 @@ TEST(ADaemonsStart, EndsWithStatusZeroAndALineWhenThereIsNoHub) {
     EXPECT_FALSE(std::filesystem::exists(machine.root().varDirectory() + "/.STPid"));
 }
 
-TEST(ADaemonsStart, SaysInOneLineThatTheLevelFileIsMissingAndKeepsAnEmptyLog) {
+TEST(ADaemonsStart, SaysThatTheLevelFileIsMissing) {
     Machine machine;
     machine.startHub();
     ASSERT_TRUE(machine.startDaemon());

@@ -73,7 +73,7 @@ TEST_F(AHubWhoseReloadFails, SaysThatThePayloadIsMissingOrNoModuleId) {
     EXPECT_THROW(answerTo(broken), HVB::HVBException);
 }
 
-TEST_F(AHubWhoseReloadFails, SaysThatTheFileIsMissingOrStandsBehindALinkOrIsNoFile) {
+TEST_F(AHubWhoseReloadFails, SaysThatTheFileIsMissingOrALinkOrNoFile) {
     fs::remove(configuration);
     expectFileRefused("No such file or directory");
     fs::create_directory(configuration);
@@ -184,7 +184,7 @@ private:
     std::optional<SystemLogSocket> m_systemLog;
 };
 
-TEST_F(AHubWithASystemLog, LetsTheModulesDebugLinesReachItAtDebugAndNotAtInformation) {
+TEST_F(AHubWithASystemLog, WritesDebugLinesOnlyAtDebug) {
     configure("<SyslogEnable>true</SyslogEnable><LogLevel>debug</LogLevel>");
     ASSERT_EQ(reload(), "done");
     EXPECT_EQ(systemLog(), std::vector<std::string>{"30 configuration of module 7 read again: syslog on, level debug"});
@@ -220,7 +220,7 @@ TEST_F(AHubWithASystemLog, GetsTheLinesOfEachConfigurationByTheTable) {
     }
 }
 
-TEST_F(AHubWithASystemLog, IsToldThatAReloadWasRefusedAndKeepsGettingWhatItGot) {
+TEST_F(AHubWithASystemLog, KeepsItsLevelWhenAReloadIsRefused) {
     configure("<LogLevel>debug</LogLevel>");
     ASSERT_EQ(reload(), "done");
     fs::remove(configuration);
@@ -231,7 +231,7 @@ TEST_F(AHubWithASystemLog, IsToldThatAReloadWasRefusedAndKeepsGettingWhatItGot) 
     EXPECT_EQ(reaching(), upTo(HVB::LOG_LEVEL_DEBUG));
 }
 
-TEST_F(AHubWithASystemLog, GetsALineOfAnotherModuleByTheDefaultWhateverThisOnesConfigurationSays) {
+TEST_F(AHubWithASystemLog, WritesAnotherModulesLinesByTheDefault) {
     configure("<SyslogEnable>false</SyslogEnable>");
     ASSERT_EQ(reload(), "done");
     systemLog();

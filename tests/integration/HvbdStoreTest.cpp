@@ -118,7 +118,7 @@ TEST_F(AHubsStore, HoldsEveryAnsweredRecordAfterKill9) {
     EXPECT_GE(answered.size(), rounds * answersBeforeTheKill);
 }
 
-TEST_F(AHubsStore, TakesRecordsThatArriveTogetherIntoOneTransactionAndAnswersEachWithItsId) {
+TEST_F(AHubsStore, StoresRecordsThatArriveTogetherInOneTransaction) {
     start();
     HubClient sender = client();
     constexpr int sent = 40; // the bus allows a client this many calls at once

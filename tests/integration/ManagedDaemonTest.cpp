@@ -64,7 +64,7 @@ protected:
     MqttObserver observer{broker.port()};
 };
 
-TEST_F(AManagedMachine, PutsAPolicyIntoForceStoresItTellsTheHubAndReportsTheResult) {
+TEST_F(AManagedMachine, EnforcesStoresAndReportsAPolicy) {
     start();
     PreferenceClient client(machine.bus().socketPath());
     client.listen();
@@ -113,7 +113,7 @@ TEST_F(AManagedMachine, TakesThePolicyOfItsGroup) {
     EXPECT_EQ(blocked(), std::vector<std::string>{"bad.example"});
 }
 
-TEST_F(AManagedMachine, ReportsAPolicyThatLacksAPassAndKeepsWhatTheEarlierOnesWrote) {
+TEST_F(AManagedMachine, ReportsAPolicyThatLacksAPass) {
     start();
     json incomplete = policy(1, "bad.example");
     incomplete["features"]["KPF_BlockAndAllowList"]["BlockAndAllowList"].erase("uiSiteCount");
@@ -136,7 +136,7 @@ TEST_F(AManagedMachine, EnforcesItsStoredPolicyAtAStartWithoutTheBroker) {
     EXPECT_TRUE(eventually([&] { return blocked() == std::vector<std::string>{"bad.example"}; }));
 }
 
-TEST_F(AManagedMachine, WorksOnWhileTheBrokerIsAwayAndTakesTheNextPolicyByItself) {
+TEST_F(AManagedMachine, WorksOnWhileTheBrokerIsAway) {
     start();
     observer.publish(std::string(kTopic) + "policy", policy(1, "bad.example").dump());
     ASSERT_EQ(next(observer, "policy/result")["enforced"], true);

@@ -206,7 +206,7 @@ class AModuleWithADamagedConfiguration : public AModule, public ::testing::WithP
 INSTANTIATE_TEST_SUITE_P(Each, AModuleWithADamagedConfiguration, ::testing::ValuesIn(kDamages),
                          [](const auto& damage) { return std::string(damage.param.name); });
 
-TEST_P(AModuleWithADamagedConfiguration, KeepsItsDebugLoggingAndSwitchesWhenTheFileIsMended) {
+TEST_P(AModuleWithADamagedConfiguration, SwitchesOnceTheFileIsMended) {
     EXPECT_FALSE(debugIsOn()) << "the preferences are loaded while the file is whole";
     GetParam().make(machine.configurationFile());
     setDebug(true);
@@ -223,7 +223,7 @@ TEST_P(AModuleWithADamagedConfiguration, KeepsItsDebugLoggingAndSwitchesWhenTheF
     EXPECT_EQ(levelOnDisk(), "debug");
 }
 
-TEST_F(AModule, LeavesAWholeConfigurationWhenItIsKilledInTheMiddleOfChanges) {
+TEST_F(AModule, LeavesAWholeConfigurationWhenItIsKilled) {
     for (int round = 0; round < 20; ++round) {
         setDebug(round % 2 == 0);
         machine.kill9Daemon();

@@ -76,7 +76,7 @@ TEST_F(APreferenceStore, GivesEachOfEightClientsAtOnceItsOwnReplies) {
     EXPECT_EQ(replies, 3 * 2 * writes + 5 * reads);
 }
 
-TEST_F(APreferenceStore, LivesThroughReplacementsOfTheListsByManyClientsAtOnce) {
+TEST_F(APreferenceStore, SurvivesListsReplacedByManyClientsAtOnce) {
     constexpr int replacements = 5;
     constexpr int rows = 8;
     std::vector<std::function<void(WireClient&)>> clients;

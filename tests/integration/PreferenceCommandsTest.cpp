@@ -28,7 +28,7 @@ TEST_F(APreferenceStore, AnswersTheDefaultsWithoutAFile) {
     EXPECT_TRUE(machine.daemon().isRunning());
 }
 
-TEST_F(APreferenceStore, StoresAWholeSnapshotUnderTheKeysWithTheirTerminatorAsFourByteNumbers) {
+TEST_F(APreferenceStore, StoresAWholeSnapshotAsFourByteNumbers) {
     EXPECT_EQ(client.setAll(allDifferent()), ST_ERROR_NONE);
     EXPECT_EQ(scalarsOf(client.getAll()), kDifferentScalars);
     // Names: CAT_Enabled, Enabled, GenPolicyUnverifiedAction, RedSiteAction, SSOn, UnverifiedSiteAction,
@@ -111,7 +111,7 @@ TEST_F(APreferenceStore, StoresEachActionByItselfWhateverItsNumber) {
     EXPECT_EQ(machine.sql("select count(*) from vxsetting"), "4\n");
 }
 
-TEST_F(APreferenceStore, LeavesTheOtherMembersOfASingleOneAtTheirDefaults) {
+TEST_F(APreferenceStore, LeavesTheOtherMembersOfASingleSnapshotAtTheirDefaults) {
     client.setAll(allDifferent());
     EXPECT_EQ(scalarsOf(client.getOne(ST_ENABLE)), "enable 0 safe 0 red 3 yellow 2 unrated 1 unverified 1 "
                                                    "categories 0 allow-over-block 0 type 0 individual 1 unused 0");

@@ -15,7 +15,7 @@ using namespace Sentrel;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST_F(APreferenceStore, TellsOfEachKindOfChangeWithItsOwnEventsInTheirOrder) {
+TEST_F(APreferenceStore, PublishesEachKindOfChangeWithItsOwnEvents) {
     client.listen();
     std::vector<ReceivedEvent> expected;
     const auto expectMore = [&](const std::string& change, const std::vector<ReceivedEvent>& events) {
@@ -45,7 +45,7 @@ TEST_F(APreferenceStore, TellsOfEachKindOfChangeWithItsOwnEventsInTheirOrder) {
     EXPECT_EQ(eventsToTheEnd(), expected);
 }
 
-TEST_F(APreferenceStore, TellsNobodyOfTheActionForUnverifiedSitesNorOfTheCategorySwitch) {
+TEST_F(APreferenceStore, PublishesNothingForTheUnverifiedActionAndTheCategorySwitch) {
     client.listen();
     EXPECT_EQ(client.setOne(withAction(ST_UNVERIFIED_ACTION, 2)), ST_ERROR_NONE);
     EXPECT_EQ(client.setOne(withSwitch(ST_CATEGORY_BLOCKING, false)), ST_ERROR_NONE);
@@ -54,7 +54,7 @@ TEST_F(APreferenceStore, TellsNobodyOfTheActionForUnverifiedSitesNorOfTheCategor
     EXPECT_THAT(eventsToTheEnd(), IsEmpty());
 }
 
-TEST_F(APreferenceStore, TellsOfAWholeChangeAlsoWhenItFailed) {
+TEST_F(APreferenceStore, PublishesAWholeChangeEvenWhenItFailed) {
     client.getAll();
     std::filesystem::remove(machine.settingsFile());
     client.listen();

@@ -20,7 +20,7 @@ using namespace Sentrel;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST_F(APreferenceStore, AnswersATypeThatIsNoneAsFailedWithoutAPayload) {
+TEST_F(APreferenceStore, AnswersAnUnknownTypeAsFailedWithoutAPayload) {
     for (const int type : {9, 10, -1, 2'000'000'000}) {
         HVB::CommandData command(ST_GET_PREFS_INDIVIDUAL, HVB::MODULE_SENTREL, true);
         command.writePayload(type);
@@ -37,7 +37,7 @@ TEST_F(APreferenceStore, AnswersATypeThatIsNoneAsFailedWithoutAPayload) {
     EXPECT_FALSE(answer.hasPayload);
 }
 
-TEST_F(APreferenceStore, RefusesASingleOneThatNamesNoPreferenceAndTellsNobody) {
+TEST_F(APreferenceStore, RefusesASingleSnapshotThatNamesNoPreference) {
     client.listen();
     for (const int type : {9, 10, -1}) {
         EXPECT_EQ(client.setOne(individual(static_cast<STPrefType>(type))), ST_ERROR_INVALID_PREFERENCE) << type;
@@ -165,7 +165,7 @@ TEST_F(ALyingClient, IsRefusedAWholeSnapshotBeforeAnySetterRuns) {
     }
 }
 
-TEST_F(ALyingClient, IsAnsweredTheGenericErrorOfASingleSnapshot) {
+TEST_F(ALyingClient, GetsTheGenericErrorForASingleSnapshot) {
     for (const Lie& lie : lies()) {
         const WireClient::Answer answer = wire.command(ST_SET_PREFS_INDIVIDUAL, lie.payload);
         if (lie.beginsLikeAnArchive) {
@@ -224,17 +224,17 @@ protected:
     }
 };
 
-TEST_F(ADaemonWithoutTheHubsConfiguration, FailsEachCommandAtOnceAndServesWhenTheFileIsThere) {
+TEST_F(ADaemonWithoutTheHubsConfiguration, ServesOnceTheFileIsThere) {
     std::filesystem::remove(machine.configurationFile());
     expectFailureThenRecovery();
 }
 
-TEST_F(ADaemonWithoutTheHubsConfiguration, FailsEachCommandAtOnceAndServesWhenTheFileIsWellFormedAgain) {
+TEST_F(ADaemonWithoutTheHubsConfiguration, ServesOnceTheFileIsWellFormed) {
     std::ofstream(machine.configurationFile()) << "<HVConfiguration><SyslogEnable>true</SyslogEnable>";
     expectFailureThenRecovery();
 }
 
-TEST_F(ADaemonWithoutTheHubsConfiguration, FailsEachCommandAtOnceAndServesWhenTheElementIsThere) {
+TEST_F(ADaemonWithoutTheHubsConfiguration, ServesOnceTheElementIsThere) {
     std::ofstream(machine.configurationFile()) << "<HVConfiguration><LogLevel>debug</LogLevel></HVConfiguration>";
     expectFailureThenRecovery();
 }

@@ -139,7 +139,7 @@ protected:
     std::string m_credentials = std::string(kConfig) + "/credentials.json";
 };
 
-TEST_F(AnEnrolment, IsTold) {
+TEST_F(AnEnrolment, IsShownWithItsMachineSiteAndBroker) {
     EXPECT_EQ(finding("management-agent"), (Finding{"ok", "enrolled as desk-1 of demo at broker.example:1883", ""}));
 }
 

@@ -79,7 +79,7 @@ TEST_F(AnInstallation, HidesWhatAnotherUserMayNotSee) {
     expectUnseen("settings-tables", std::string(kShared) + "/product.db cannot be read as this user", kNobody);
 }
 
-TEST_F(AnInstallation, ThatIsDownFailsWithTheStepsThatBringItUp) {
+TEST_F(AnInstallation, NamesTheStepsThatBringItUpWhenItIsDown) {
     m_machine.bus().kill9();
     const CtlResult result = ask({});
     EXPECT_EQ(result.code, 1);
@@ -102,7 +102,7 @@ TEST_F(AnInstallation, ThatIsDownFailsWithTheStepsThatBringItUp) {
     }
 }
 
-TEST_F(AnInstallation, WithNothingInItIsToldOfAllThatIsMissing) {
+TEST_F(AnInstallation, NamesAllThatIsMissingWhenItIsEmpty) {
     m_machine.bus().kill9();
     fs::remove_all(at("/usr"));
     fs::remove_all(at("/Users"));

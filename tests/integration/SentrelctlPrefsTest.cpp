@@ -193,7 +193,7 @@ TEST_F(APreferenceClient, LetsEverybodyReadAndAdministratorsWrite) {
     EXPECT_EQ(does({"prefs", "show"}), kFirstValues);
 }
 
-TEST_F(APreferenceClient, SaysWhatADaemonLacksThatCannotReadItsConfiguration) {
+TEST_F(APreferenceClient, SaysThatTheDaemonCannotReadItsConfiguration) {
     m_machine.stopDaemon();
     std::filesystem::remove(m_machine.configurationFile());
     m_machine.launchDaemon();

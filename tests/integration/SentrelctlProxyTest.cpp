@@ -204,7 +204,7 @@ TEST_F(AProxyClient, RefusesWhatCannotBeStored) {
     EXPECT_EQ(does({"proxy", "show"}), kNoProxy);
 }
 
-TEST_F(AProxyFile, ThatIsMissingIsTold) {
+TEST_F(AProxyFile, IsReportedWhenItIsMissing) {
     std::filesystem::remove(m_machine.settingsFile());
     expectFailure(use({"proxy", "show"}), 1,
                   "cannot read the proxy settings: " + m_machine.settingsFile() +

@@ -172,7 +172,7 @@ protected:
     std::optional<ChildProcess> holder;
 };
 
-TEST_F(ALockedSettingsFile, GivesADatabaseErrorButForTheSiteActionsAndIsUsableAfterwards) {
+TEST_F(ALockedSettingsFile, GivesADatabaseErrorButForTheSiteActions) {
     ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
     ASSERT_EQ(set(withSwitch(ST_ENABLE, true)), ST_ERROR_NONE);
     lock("BEGIN EXCLUSIVE");
@@ -210,7 +210,7 @@ TEST_F(ALockedSettingsFile, HidesThatAWriteIsRefusedAtItsLastStep) {
     expectUsable();
 }
 
-TEST_F(ASettingsFile, StoresNothingWithoutItsTablesAndIsUsableWhenTheyAreLaid) {
+TEST_F(ASettingsFile, StoresNothingUntilItHasItsTables) {
     fs::remove(machine.settingsFile());
     expectNothingIsStored();
     EXPECT_TRUE(fs::exists(machine.settingsFile())) << "SQLite has made an empty one";
@@ -219,7 +219,7 @@ TEST_F(ASettingsFile, StoresNothingWithoutItsTablesAndIsUsableWhenTheyAreLaid) {
     expectUsable();
 }
 
-TEST_F(ASettingsFile, MayVanishWhileTheDaemonRunsAndIsUsableWhenItIsLaidAgain) {
+TEST_F(ASettingsFile, MayVanishAndComeBackWhileTheDaemonRuns) {
     expectUsable();
     const STPreferences before = getAll();
     fs::remove(machine.settingsFile());
@@ -238,7 +238,7 @@ TEST_F(ASettingsFile, GetsItsDirectoryMadeAgainOneLevelDeep) {
     expectUsable();
 }
 
-TEST_F(ASettingsFile, RefusesEverythingWhenTwoLevelsAreMissingAndIsUsableWhenTheyAreBack) {
+TEST_F(ASettingsFile, RefusesEverythingWhileTwoLevelsAreMissing) {
     const fs::path parent = fs::path(machine.root().sharedDirectory()).parent_path();
     fs::remove_all(parent);
     expectEverythingIsRefused();
@@ -248,7 +248,7 @@ TEST_F(ASettingsFile, RefusesEverythingWhenTwoLevelsAreMissingAndIsUsableWhenThe
     expectUsable();
 }
 
-TEST_F(ASettingsFile, RefusesEverythingWhenADirectoryStandsInItsPlaceAndIsUsableWhenItIsGone) {
+TEST_F(ASettingsFile, RefusesEverythingWhileADirectoryIsInItsPlace) {
     fs::remove(machine.settingsFile());
     fs::create_directory(machine.settingsFile());
     expectEverythingIsRefused();
@@ -331,7 +331,7 @@ protected:
     }
 };
 
-TEST_F(ASettingsFileOnItsOwnDisk, StaysAsItIsOnAReadOnlyOneAndIsUsableWhenItCanBeWritten) {
+TEST_F(ASettingsFileOnItsOwnDisk, StaysAsItIsWhileTheDiskIsReadOnly) {
     ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
     remount(MS_RDONLY);
     // A write that is refused at its last step is not seen.
@@ -346,7 +346,7 @@ TEST_F(ASettingsFileOnItsOwnDisk, StaysAsItIsOnAReadOnlyOneAndIsUsableWhenItCanB
     expectUsable();
 }
 
-TEST_F(ASettingsFileOnItsOwnDisk, KeepsWholeRowsWhenTheDiskFillsUpAndIsUsableWhenThereIsRoom) {
+TEST_F(ASettingsFileOnItsOwnDisk, KeepsWholeRowsWhenItFillsUp) {
     ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
     disk.fill();
     Urls urls;
@@ -365,7 +365,7 @@ TEST_F(ASettingsFileOnItsOwnDisk, KeepsWholeRowsWhenTheDiskFillsUpAndIsUsableWhe
     expectUsable();
 }
 
-TEST_F(ASettingsFileOnItsOwnDisk, KeepsTheRowsThatFitWhenAListIsLargerThanItAndIsUsableWhenItGrows) {
+TEST_F(ASettingsFileOnItsOwnDisk, KeepsTheRowsThatFitAndIsUsableWhenItGrows) {
     Urls urls;
     for (int row = 0; row < 600; ++row) {
         urls.emplace_back(std::string(500, 'u') + std::to_string(row), row % 2);
@@ -475,7 +475,7 @@ protected:
     std::mt19937 random{20261121}; // a fixed seed; the instants still differ from run to run
 };
 
-TEST_F(ASettingsFileOfADyingDaemon, HoldsWholeRowsAndEveryAnsweredListAfterEachOfManyKills) {
+TEST_F(ASettingsFileOfADyingDaemon, HoldsWholeRowsAndEveryAnsweredList) {
     constexpr int replacements = 500;
     constexpr int answersOfARound = 16;
     int answered = 0;

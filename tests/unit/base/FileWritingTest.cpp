@@ -90,7 +90,7 @@ TEST(WriteAll, TellsWhatCouldNotBeWritten) {
     EXPECT_EQ(errorOf([&] { writeAll(full.get(), "", "full"); }), 0);
 }
 
-TEST_F(AFileThatIsWritten, IsReplacedByAnotherWithTheSameModeWhateverTheUmask) {
+TEST_F(AFileThatIsWritten, KeepsItsModeWhateverTheUmask) {
     write("old");
     for (const mode_t mask : {0000U, 0022U, 0077U}) {
         const mode_t before = ::umask(mask);
@@ -181,7 +181,7 @@ TEST_F(AFileThatIsWritten, IsWholeWhenSeveralReplaceItAtOnce) {
     EXPECT_EQ(filesInTheDirectory(), 1U);
 }
 
-TEST_F(AFileThatIsWritten, IsReplacedWithModeSixHundredAndNothingLeftBeside) {
+TEST_F(AFileThatIsWritten, IsReplacedWithModeSixHundred) {
     write("old", 0644);
     replaceFile(m_path, std::string(100'000, 'n'), Replace::AsPrivate);
     EXPECT_EQ(text(), std::string(100'000, 'n'));
@@ -216,7 +216,7 @@ TEST_F(AFileThatIsWritten, StaysWhenItCannotBeReplaced) {
 }
 
 /// Who came second once removed what the first had made.
-TEST_F(AFileThatIsWritten, IsMadeByOneOfTwoWhoComeAtOnceAndStays) {
+TEST_F(AFileThatIsWritten, IsMadeByOnlyOneOfTwoWhoComeAtOnce) {
     constexpr int rounds = 200;
     for (int round = 0; round < rounds; ++round) {
         std::barrier together(2);

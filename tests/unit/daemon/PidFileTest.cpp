@@ -150,7 +150,7 @@ TEST_F(APidFile, WhoseModeCannotBeChangedIsTracedAtLevelThreeAndIsNoObstacle) {
     EXPECT_EQ(log.lines().size(), 2u);
 }
 
-TEST_F(APidFile, KeepsTheNumberOfItsClosedDescriptorFromEverybodyElseUntilItIsRemoved) {
+TEST_F(APidFile, ReservesTheNumberOfItsDescriptorUntilItIsRemoved) {
     const int number = firstFreeDescriptor();
     EXPECT_TRUE(controller.createPidFile());
     EXPECT_NE(firstFreeDescriptor(), number);
@@ -158,7 +158,7 @@ TEST_F(APidFile, KeepsTheNumberOfItsClosedDescriptorFromEverybodyElseUntilItIsRe
     EXPECT_EQ(firstFreeDescriptor(), number);
 }
 
-TEST_F(APidFile, KeepsTheNumberOfItsClosedDescriptorAlsoWhenALowerOneIsFree) {
+TEST_F(APidFile, ReservesTheNumberOfItsDescriptorWhenALowerOneIsFree) {
     closedWhileLocking = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int lower = closedWhileLocking;
     const int number = firstFreeDescriptor();

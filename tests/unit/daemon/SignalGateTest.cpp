@@ -107,7 +107,7 @@ TEST_F(ASignalHold, LetsInAlsoBelowAnOuterHold) {
     EXPECT_TRUE(isHeld(SIGTERM));
 }
 
-TEST_F(ASignalHold, LetsNoSignalInWhileItsThreadIsAtSomethingThatMustNotBeInterrupted) {
+TEST_F(ASignalHold, LetsNoSignalInDuringWorkThatMustNotBeInterrupted) {
     const SignalHold hold;
     std::atomic<bool> stop{false};
     const pthread_t target = pthread_self();

@@ -162,7 +162,7 @@ TEST_F(ATraceLog, MayBeClosedTwice) {
     EXPECT_EQ(traceInited, 0);
 }
 
-TEST_F(ATraceLog, WritesNothingForALineThatPassedTheMacrosTestsJustBeforeItWasClosed) {
+TEST_F(ATraceLog, WritesNoLineThatCameAsItWasClosed) {
     Sentrel::trace::closeTraceLog();
     Sentrel::trace::detail::line(traceInited, logFilePtr, L"late\n");
     EXPECT_TRUE(log.lines().empty());
@@ -216,7 +216,7 @@ TEST_F(APathForTheLog, IsAppendedToWhenItIsThereAlready) {
     EXPECT_EQ(root.traceLines(), (Lines{"from an earlier run", "from this run"}));
 }
 
-TEST_F(APathForTheLog, LeavesTheStreamNullAndTheFlagAtOneWhenItCannotBeOpened) {
+TEST_F(APathForTheLog, LeavesTheStreamNullWhenItCannotBeOpened) {
     Sentrel::trace::openTraceLog(root.path() + "/nowhere/STTrace.log");
     EXPECT_EQ(traceInited, 1);
     EXPECT_EQ(logFilePtr, nullptr);

@@ -97,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(At, ADaemonWhoseHubFailsAtTheConnect,
 
 using ADaemonWhoseHubFailsBeforeThePidStep = AFailingDaemon;
 
-TEST_P(ADaemonWhoseHubFailsBeforeThePidStep, UnlinksThePidFileEvenIfItBelongsToARunningDaemon) {
+TEST_P(ADaemonWhoseHubFailsBeforeThePidStep, UnlinksThePidFileEvenOfARunningDaemon) {
     writeFile(root.pidFile(), "4711");
     EXPECT_EQ(runDaemon(), 0);
     EXPECT_FALSE(std::filesystem::exists(root.pidFile()));
@@ -150,7 +150,7 @@ TEST_F(ADaemon, IsSilentAboutAFailureAtLevelZero) {
     EXPECT_TRUE(root.traceLines().empty());
 }
 
-TEST_F(ADaemon, GoesDownOnSigtermThoughTheHubCannotBeTold) {
+TEST_F(ADaemon, StopsOnSigtermThoughTheHubFails) {
     raiseDuring("start", SIGTERM);
     doDuring("stop", exceptionKinds().front().fail);
     EXPECT_EQ(runDaemon(), 0);

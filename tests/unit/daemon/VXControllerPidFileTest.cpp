@@ -58,7 +58,7 @@ TEST_F(ARefusedDaemon, TracesWhy) {
     EXPECT_EQ(root.traceLines(), textsOf(linesBeforePidFile() + refused));
 }
 
-TEST_F(ARefusedDaemon, TracesOnlyTheRefusalAtLevelOneAndNoAbortingBelowThree) {
+TEST_F(ARefusedDaemon, TracesTheRefusalAloneBelowLevelThree) {
     traceAt(2);
     EXPECT_EQ(runDaemon(), -1);
     const Lines lines = root.traceLines();
@@ -66,7 +66,7 @@ TEST_F(ARefusedDaemon, TracesOnlyTheRefusalAtLevelOneAndNoAbortingBelowThree) {
     EXPECT_THAT(lines[1], testing::StartsWith(" VXController::createPidFile  -  test lock gave erro 11("));
 }
 
-TEST_F(ADaemon, WithoutTheDirectoryOfThePidFileIsRefusedWithoutALineOfThePidStep) {
+TEST_F(ADaemon, IsRefusedWithoutTheDirectoryOfThePidFile) {
     // The log and the levels are elsewhere, so that there is something to read.
     std::filesystem::create_directory(root.path() + "/kept");
     std::filesystem::rename(root.traceLevels(), root.path() + "/kept/levels");

@@ -58,7 +58,7 @@ TEST_F(ADaemon, OutlivesASighupBeforeItsLogIsOpenAndTracesLater) {
     EXPECT_EQ(root.traceLines(), textsOf(startLines() + sigtermLines() + stopLines() + releaseLines()));
 }
 
-TEST_F(ADaemon, ComplainsOnStderrWhenTheLevelFileIsGoneAtSighupAndKeepsItsLevels) {
+TEST_F(ADaemon, KeepsItsLevelsWhenTheLevelFileIsGoneAtSighup) {
     doDuring("agent createInstance", [this] {
         std::filesystem::remove(root.traceLevels());
         raise(SIGHUP);
@@ -90,7 +90,7 @@ TEST_F(ADaemon, IgnoresSigusr2BeforeItsAgentWrapperExists) {
                                          agentLines() + hubLines() + sigtermLines() + stopLines() + releaseLines()));
 }
 
-TEST_F(ADaemon, ReloadsThePluginsForASigusr2ThatCameWhileTheWrapperWasBuiltOnceItIsThere) {
+TEST_F(ADaemon, HoldsASigusr2BackUntilItsAgentWrapperIsBuilt) {
     raiseDuring("agent createInstance", SIGUSR2);
     raiseDuring("subscribeForEvent", SIGTERM);
     EXPECT_EQ(runDaemon(), 0);

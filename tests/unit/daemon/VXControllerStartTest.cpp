@@ -93,7 +93,7 @@ TEST_F(ADaemon, AnswersAHealthCheckBeforeItsAgentWrapperExists) {
     EXPECT_THAT(agent.calls(), testing::Not(testing::Contains("getAgentInformation")));
 }
 
-TEST_F(ADaemon, TakesAHealthCheckAsTheOccasionToAskForTheManagedStatus) {
+TEST_F(ADaemon, AsksForTheManagedStatusAtAHealthCheck) {
     doDuring("start", [this] {
         EXPECT_TRUE(hub.healthCheckInterface->handleHealthCheck());
         raise(SIGTERM);

@@ -12,7 +12,7 @@ using namespace testing_support;
 
 namespace {
 
-TEST_F(ADaemon, StoppedBeforeAnythingExistsStillStartsAndFallsThrough) {
+TEST_F(ADaemon, StartsAndEndsAtOnceWhenStoppedBeforeAnythingExists) {
     sigset_t term;
     sigemptyset(&term);
     sigaddset(&term, SIGTERM);
@@ -25,7 +25,7 @@ TEST_F(ADaemon, StoppedBeforeAnythingExistsStillStartsAndFallsThrough) {
     EXPECT_EQ(root.traceLines(), Lines(all.begin() + 1, all.end()));
 }
 
-TEST_F(ADaemon, StoppedBeforeThePidStepStillStartsAndFallsThrough) {
+TEST_F(ADaemon, StartsAndEndsAtOnceWhenStoppedBeforeThePidStep) {
     raiseDuring("setEventInterface", SIGTERM);
     EXPECT_EQ(runDaemon(), 0);
     EXPECT_EQ(hub.calls(), createCalls() + stopCalls() + connectCalls() + Lines{"releaseInstance"});
@@ -33,7 +33,7 @@ TEST_F(ADaemon, StoppedBeforeThePidStepStillStartsAndFallsThrough) {
                                          hubLines() + stopLines() + releaseLines()));
 }
 
-TEST_F(ADaemon, StoppedWhileTheAgentWrapperIsBuiltStillStartsAndFallsThrough) {
+TEST_F(ADaemon, StartsAndEndsAtOnceWhenStoppedWhileTheAgentWrapperIsBuilt) {
     raiseDuring("agent createInstance", SIGTERM);
     EXPECT_EQ(runDaemon(), 0);
     EXPECT_EQ(hub.calls(), createCalls() + stopCalls() + connectCalls() + Lines{"releaseInstance"});
@@ -41,14 +41,14 @@ TEST_F(ADaemon, StoppedWhileTheAgentWrapperIsBuiltStillStartsAndFallsThrough) {
                                          hubLines() + stopLines() + releaseLines()));
 }
 
-TEST_F(ADaemon, ToldTwiceToStopStopsOnce) {
+TEST_F(ADaemon, StopsOnceWhenItIsToldTwice) {
     raiseDuring("setEventInterface", SIGTERM);
     raiseDuring("start", SIGTERM);
     EXPECT_EQ(runDaemon(), 0);
     EXPECT_EQ(hub.calls(), createCalls() + stopCalls() + connectCalls() + stopCalls() + Lines{"releaseInstance"});
 }
 
-TEST_F(ADaemon, ToldToStopWhileItStopsGoesOnStopping) {
+TEST_F(ADaemon, GoesOnStoppingWhenItIsToldAgain) {
     raiseDuring("start", SIGTERM);
     raiseDuring("releaseInstance", SIGTERM);
     EXPECT_EQ(runDaemon(), 0);
@@ -56,7 +56,7 @@ TEST_F(ADaemon, ToldToStopWhileItStopsGoesOnStopping) {
               textsOf(startLines() + sigtermLines() + stopLines() + sigtermLines() + releaseLines()));
 }
 
-TEST_F(ADaemon, ToldToStopWhileItFailsGoesOnReleasing) {
+TEST_F(ADaemon, RemovesItsPidFileWhenItIsToldToStopWhileItFails) {
     doDuring("start", [] {
         raise(SIGTERM);
         throw HVB::HVBException(-111, "no hub");

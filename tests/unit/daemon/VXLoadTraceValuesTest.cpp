@@ -75,7 +75,7 @@ struct ALevelFile : testing::Test {
     }
 };
 
-TEST_F(ALevelFile, ThatIsMissingGivesOneLineOnStderrAndLeavesEveryLevel) {
+TEST_F(ALevelFile, LeavesEveryLevelWhenItIsMissing) {
     EXPECT_EQ(loadWhatIsThere(), complaint());
     expectEveryLevel(0);
     setEveryLevel(3);
@@ -83,7 +83,7 @@ TEST_F(ALevelFile, ThatIsMissingGivesOneLineOnStderrAndLeavesEveryLevel) {
     expectEveryLevel(3);
 }
 
-TEST_F(ALevelFile, ThatIsNotWellFormedGivesOneLineOnStderrAndLeavesEveryLevel) {
+TEST_F(ALevelFile, LeavesEveryLevelWhenItIsNotWellFormed) {
     setEveryLevel(2);
     for (const char* content :
          {"", "no xml", "<TraceValues><ipcFlow>5</TraceValues>", "<TraceValues><ipcFlow>5</ipcFlow>",

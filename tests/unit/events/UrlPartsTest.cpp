@@ -118,7 +118,7 @@ TEST(AWhitelistRequest, WithoutARedirectEndsWithTheText) {
     EXPECT_EQ(*request.end, '\0');
 }
 
-TEST(AWhitelistRequest, WithAnAmpersandInTheUrlAndNoRedirectBehindItEndsWithTheText) {
+TEST(AWhitelistRequest, EndsWithTheTextThoughItsUrlHoldsAnAmpersand) {
     const Request request("about:blank?command=whitelist&token=ABCD&whitelisturl=http://h/p?a=1&b=2");
     ASSERT_TRUE(request.found);
     EXPECT_EQ(request.url(), "http://h/p?a=1&b=2");

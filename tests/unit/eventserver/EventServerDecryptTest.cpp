@@ -19,7 +19,7 @@ struct ADecryptRequest : AnEventServer {
     }
 };
 
-TEST_F(ADecryptRequest, IsAnsweredWithTheClearTextInExactly1024BytesZeroBehindIt) {
+TEST_F(ADecryptRequest, IsAnsweredWith1024BytesOfTextAndZeroes) {
     EXPECT_EQ(exchange(std::string("Decrypt secret\0", 15)), replyOf("clear secret"));
     EXPECT_EQ(agent.calls(), (Lines{"createInstance", "decryptMessage secret"}));
     EXPECT_TRUE(tracedRecords().empty());
@@ -43,7 +43,7 @@ TEST_F(ADecryptRequest, WithNoTextAsksForNothing) {
     EXPECT_EQ(agent.calls().back(), "decryptMessage ");
 }
 
-TEST_F(ADecryptRequest, OfTheLargestSizeIsReadWholeAndNothingBeyond) {
+TEST_F(ADecryptRequest, OfTheLargestSizeIsReadWhole) {
     agent.decrypt = [](const std::string& text) { return text; };
     EXPECT_EQ(exchange("Decrypt " + std::string(1016, 'x')), replyOf(std::string(1016, 'x')));
     exchange("Decrypt " + std::string(1016, 'x') + "yyy");
@@ -70,7 +70,7 @@ TEST_F(ADecryptRequest, IsAnsweredWithZeroesWhenTheAgentThrows) {
     EXPECT_EQ(exchange("Decrypt x"), replyOf(""));
 }
 
-TEST_F(ADecryptRequest, IsToldFromAnEventByItsFirstEightBytesAlone) {
+TEST_F(ADecryptRequest, IsKnownByItsFirstEightBytesAlone) {
     std::string event = bytesOf(record("Decrypt ", kDropped, "p"));
     EXPECT_EQ(exchange(event), replyOf("clear "));
     for (const char* other : {"Decrypt", "decrypt x", "Decrypt\tx", " Decrypt x", "DecryptX"}) {
@@ -87,7 +87,7 @@ TEST_F(ADecryptRequest, TracesItsTextAtLevelFourAndNotBelow) {
     EXPECT_EQ(count("STEventServer::processSocketEvent - encPass: "), 1u);
 }
 
-TEST_F(ADecryptRequest, OfAClientThatHasGoneGivesAFailedWriteAndNotADeadDaemon) {
+TEST_F(ADecryptRequest, OfAClientThatHasGoneDoesNotEndTheDaemon) {
     const Client silent(root.eventSocket());
     ASSERT_TRUE(eventuallyTraced("STEventServer::processSocketEvent - Going to read data from socket"));
     Client gone(root.eventSocket());

@@ -94,7 +94,7 @@ private:
     std::string m_directory;
 };
 
-TEST(AnEventServersPath, MayBeAsLongAsASocketAddressHoldsWithItsTerminator) {
+TEST(AnEventServersPath, MayBeAsLongAsASocketAddressHolds) {
     for (const std::size_t length : {sizeof(sockaddr_un::sun_path) - 1, sizeof(sockaddr_un::sun_path)}) {
         const RootWithASocketPathOf root(length);
         STEventServer::getInstance();

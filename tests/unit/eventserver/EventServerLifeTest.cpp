@@ -85,7 +85,7 @@ TEST_F(AnEventServer, MayBeReleasedWhenThereIsNone) {
     EXPECT_EQ(log.lines().size(), 2u);
 }
 
-TEST_F(AnEventServer, WaitsAtItsEndForAClientThatIsConnectedAndSilent) {
+TEST_F(AnEventServer, WaitsAtItsEndForASilentClient) {
     start();
     const auto silent = std::make_unique<Client>(root.eventSocket());
     ASSERT_TRUE(eventuallyTraced("STEventServer::processSocketEvent - Going to read data from socket"));

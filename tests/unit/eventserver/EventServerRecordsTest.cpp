@@ -68,7 +68,7 @@ TEST_F(AnEventServer, TracesTheFrameOfARecordAtLevelThreeAndItsFieldsAtFour) {
     EXPECT_EQ(tracedRecords().size(), 2u + 12u);
 }
 
-TEST_F(AnEventServer, ServesOneClientAfterTheOtherSoASilentOneHoldsUpTheRest) {
+TEST_F(AnEventServer, ServesOneClientAfterTheOther) {
     start();
     const Client silent(root.eventSocket());
     ASSERT_TRUE(eventuallyTraced("STEventServer::processSocketEvent - Going to read data from socket"));
@@ -92,7 +92,7 @@ TEST_F(AnEventServer, HandsAnEventToTheReporter) {
 
 // --- messages of every length -------------------------------------------------------------------------------------
 
-TEST_F(AnEventServer, TakesAShortMessageAsARecordThatIsZeroBehindItWhateverCameBefore) {
+TEST_F(AnEventServer, FillsAShortRecordWithZeroes) {
     start();
     STEventData secret{};
     std::memset(&secret, 'S', sizeof secret);
@@ -128,7 +128,7 @@ TEST_F(AnEventServer, CountsOnlyTheFirst392BytesOfALongerMessage) {
     EXPECT_EQ(tracedRecords(), expected);
 }
 
-TEST_F(AnEventServer, LosesWhatIsBehind1024BytesAndTakesNoSecondMessageFromIt) {
+TEST_F(AnEventServer, IgnoresWhatIsBehind1024Bytes) {
     start();
     const STEventData event = record("longest", kDropped, "p");
     const STEventData lost = record("lost", kDropped, "p");

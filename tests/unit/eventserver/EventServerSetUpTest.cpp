@@ -66,7 +66,7 @@ TEST_F(AnEventServer, RemovesAStaleSocketNodeOfACrash) {
     expectService();
 }
 
-TEST_F(AnEventServer, RemovesARegularFileAtItsPathTheSameWay) {
+TEST_F(AnEventServer, RemovesARegularFileAtItsPath) {
     writeFile(root.eventSocket(), "no socket");
     start();
     expectService();

@@ -141,7 +141,7 @@ TEST_F(ADebugLogEvent, WithoutAPayloadOrEntriesChangesNothing) {
     EXPECT_THAT(store.calls, IsEmpty());
 }
 
-TEST_F(ADebugLogEvent, WithAnUnreadablePayloadLetsTheArchivesExceptionOut) {
+TEST_F(ADebugLogEvent, WithAnUnreadablePayloadThrowsAndChangesNothing) {
     const std::wstring header = HVB::EventData(1005).m_pOutStream->str();
     EXPECT_THROW(deliverText(1005, header + L" 0 0 1 0 x"), boost::archive::archive_exception);
     EXPECT_THAT(store.calls, IsEmpty());
@@ -206,7 +206,7 @@ TEST_F(AProxyEvent, WithoutAPayloadOrElementsCallsNoSetter) {
     EXPECT_THAT(store.calls, IsEmpty());
 }
 
-TEST_F(AProxyEvent, WithAnUnreadablePayloadLetsTheArchivesExceptionOutAndStoresNothing) {
+TEST_F(AProxyEvent, WithAnUnreadablePayloadThrowsAndStoresNothing) {
     const std::wstring header = HVB::EventData(1007).m_pOutStream->str();
     EXPECT_THROW(deliverText(1007, header + L" 0 0 1 0 x"), boost::archive::archive_exception);
     EXPECT_THAT(store.calls, IsEmpty());

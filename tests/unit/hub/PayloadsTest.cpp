@@ -153,7 +153,7 @@ TEST(ProxySettings, ThatClaimManyElementsCostWhatTheirTextHolds) {
     EXPECT_LT(meter.greatest(), claimed * sizeof(proxySettings) / 3);
 }
 
-TEST(AListOfTexts, ThatClaimsMoreElementsThanItsTextHoldsIsRefusedBeforeTheirMemoryIsTaken) {
+TEST(AListOfTexts, IsRefusedCheaplyWhenItClaimsElementsThatItLacks) {
     constexpr std::size_t characters = 300000;
     constexpr std::size_t claimed = 200000; // each takes two characters at the least
     const std::wstring text = kHeader + L" 0 0 " + std::to_wstring(claimed) + L" 0" + std::wstring(characters, L'x');
@@ -227,7 +227,7 @@ TEST(APayloadOfEachKind, UnderAnotherSignatureIsRefused) {
     EXPECT_EQ(refusalOf<int>(L""), refused);
 }
 
-TEST(APayloadOfEachKind, WithALengthOrACountThatLiesIsRefusedBeforeAnythingIsAllocated) {
+TEST(APayloadOfEachKind, WithALengthOrACountThatLiesIsRefusedCheaply) {
     for (const wchar_t* lie : {L"1152921504606846976", L"2000000000", L"18446744073709551615", L"-1"}) {
         const std::wstring number = lie;
         expectRefusedCheaply<AboutBoxData>(L" 0 0 7 0 0 " + number + L" 0 0 0 1 a 1 b");

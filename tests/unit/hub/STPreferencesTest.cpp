@@ -81,7 +81,7 @@ std::string unwrapped(const std::string& text) {
 
 // Keys in base64.
 
-TEST(AnAllowBlockKey, GainsTwoSignsOfPaddingForOneByteOneForTwoAndNoneForThree) {
+TEST(AnAllowBlockKey, IsPaddedToAMultipleOfFourSigns) {
     EXPECT_EQ(wrapped("f"), "Zg==");
     EXPECT_EQ(wrapped("fo"), "Zm8=");
     EXPECT_EQ(wrapped("foo"), "Zm9v");
@@ -145,7 +145,7 @@ TEST(AnAllowBlockList, WithAKeyThatIsNoBase64GivesNoEntriesAndKeepsItsOwn) {
     EXPECT_EQ(preferences.m_allowBlockDetails.size(), 2u);
 }
 
-TEST(AnAllowBlockList, KeepsOrderDuplicatesAndActionsWhenItIsWrappedAndUnwrapped) {
+TEST(AnAllowBlockList, KeepsOrderDuplicatesAndActionsThroughWrapping) {
     const Entries entries{{"b.example", 0}, {"a.example", -1}, {"b.example", 7},
                           {"", 1},          {"a.example", 0},  {"b.example", 0}};
     STPreferences preferences;
@@ -170,7 +170,7 @@ TEST(AnAllowBlockList, WithTheSameKeyTwiceKeepsBothInOrderThroughTheArchive) {
 
 // The archive.
 
-TEST(Preferences, WithAllDefaultsReadBackAsAllPreferencesWithUnverifiedActionOne) {
+TEST(Preferences, ComeBackWithTheirDefaults) {
     STPreferences arrived = filled();
     arrived = payloadIn<STPreferences>(payloadOf(STPreferences()));
     EXPECT_EQ(arrived.m_prefType, 10);
@@ -268,7 +268,7 @@ TEST(Preferences, WithANumberThatDoesNotFitAreRefused) {
     }
 }
 
-TEST(Preferences, WithALengthOrACountThatLiesAreRefusedBeforeAnythingIsAllocated) {
+TEST(Preferences, WithALengthOrACountThatLiesAreRefusedCheaply) {
     const std::wstring scalars = L" 0 0 1 0 3 2 1 10 0 0 0 0 1";
     for (const wchar_t* lie : {L"1152921504606846976", L"2000000000", L"18446744073709551615", L"-1"}) {
         const std::wstring number = lie;

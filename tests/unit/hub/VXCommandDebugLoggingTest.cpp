@@ -94,7 +94,7 @@ TEST_F(AGetOfDebugLogging, IsTakenWhenTheReplyCannotBeSent) {
 
 using ASetOfDebugLogging = ADebugLoggingCommand;
 
-TEST_F(ASetOfDebugLogging, CallsTheSetterWhenTheStatusDiffersAndAnswersWithoutAPayload) {
+TEST_F(ASetOfDebugLogging, CallsTheSetterWhenTheStatusDiffers) {
     for (const bool wanted : {true, false}) {
         hub.forget();
         store.calls.clear();
@@ -105,7 +105,7 @@ TEST_F(ASetOfDebugLogging, CallsTheSetterWhenTheStatusDiffersAndAnswersWithoutAP
     }
 }
 
-TEST_F(ASetOfDebugLogging, AnswersWithoutTouchingTheSwitchWhenItIsTheCurrentStatus) {
+TEST_F(ASetOfDebugLogging, LeavesTheSwitchWhenItIsTheCurrentStatus) {
     for (const bool current : {true, false}) {
         hub.forget();
         store.debugLogging = current;

@@ -116,7 +116,7 @@ TEST_F(AGetOfAllPreferences, PassesOnWhatTheControllerThrowsAndSendsNothing) {
 
 using ASetOfAllPreferences = ACommandHandler;
 
-TEST_F(ASetOfAllPreferences, CallsItsSevenSettersInTheirOrderThenAnswersThenSignals) {
+TEST_F(ASetOfAllPreferences, CallsItsSettersThenAnswersThenSignals) {
     STPreferences wanted;
     wanted.m_bEnable = false;
     wanted.m_bSafeSearch = true;
@@ -206,7 +206,7 @@ TEST_F(ASetOfAllPreferences, LetsTheArchivesExceptionOutBeforeAnySetterRan) {
 
 using AReset = ACommandHandler;
 
-TEST_F(AReset, CallsItsEightSettersInTheirOrderThenAnswersThenSignals) {
+TEST_F(AReset, CallsItsSettersThenAnswersThenSignals) {
     EXPECT_TRUE(deliver(100004));
     EXPECT_EQ(store.calls,
               (Lines{"setEnableSentrel 1", "setEnableSafeSearch 0", "setRedSiteAction 3", "setYellowSiteAction 2",
@@ -277,7 +277,7 @@ class AnIndividualPreference : public ACommandHandler, public testing::WithParam
 INSTANTIATE_TEST_SUITE_P(Each, AnIndividualPreference, testing::ValuesIn(kTypes),
                          [](const auto& type) { return "Type" + std::to_string(type.param.value); });
 
-TEST_P(AnIndividualPreference, IsSetByItsSetterAloneAndItsTypeIsSignalledBehindTheReply) {
+TEST_P(AnIndividualPreference, IsSetByItsSetterAloneAndSignalledAfterTheReply) {
     STPreferences wanted = individual(GetParam().value);
     GetParam().change(wanted);
     EXPECT_TRUE(deliver(100002, wanted));
@@ -323,7 +323,7 @@ class ATypeThatIsNone : public ACommandHandler, public testing::WithParamInterfa
 
 INSTANTIATE_TEST_SUITE_P(Each, ATypeThatIsNone, testing::Values(9, 10, 11, -1, 2147483647, -2147483647 - 1));
 
-TEST_P(ATypeThatIsNone, IsAnsweredWithoutAPayloadAndWithTheFlagOfFailureWhenRead) {
+TEST_P(ATypeThatIsNone, IsAnsweredAsFailedWithoutAPayloadWhenRead) {
     const Lines lines = leveled([this] { EXPECT_TRUE(deliver(100003, GetParam())); });
     EXPECT_FALSE(reply().succeeded);
     EXPECT_TRUE(reply().valid);
@@ -403,7 +403,7 @@ TEST_F(ASetOfOnePreference, WithAnUnreadablePayloadIsAnsweredWithTheGenericCode)
     EXPECT_THAT(lines, testing::Contains("1 VXCommandImpl::handleSetPrefIndividual - - Caught generic exception "));
 }
 
-TEST_F(ASetOfOnePreference, WithABadKeyIsAnsweredWithTheGenericCodeAndLeavesTheStoreAlone) {
+TEST_F(ASetOfOnePreference, WithABadKeyIsRefusedAndStoresNothing) {
     STPreferences wanted = individual(7);
     wanted.m_allowBlockDetails = {{"YQ==", 1}, {"!", 1}};
     deliver(100002, wanted);

@@ -236,7 +236,7 @@ protected:
     AgentDouble& agent = AgentDouble::instance();
 };
 
-TEST_F(ADashboard, ShowsALocalMachineWithoutAWrapperByItsPreferenceAndAsksNoAgent) {
+TEST_F(ADashboard, ShowsALocalMachineByItsPreferenceAndAsksNoAgent) {
     store.values.m_bEnable = true;
     expectShown(0, L"ENABLED_STRING");
     expectTraced("LOCAL-ENABLED");
@@ -275,7 +275,7 @@ TEST_F(ADashboard, AsksTheAgentAnewForEachRequest) {
     EXPECT_EQ(refreshes(), before + 2);
 }
 
-TEST_F(ADashboard, ShowsAManagedMachineWhosePreferenceIsOnAsEnabledWhateverThePolicySays) {
+TEST_F(ADashboard, ShowsAManagedMachineThatIsOnAsEnabled) {
     enrol(L"1");
     expectShown(3, L"ENABLED_STRING");
     expectTraced("MGS-ENABLED");
@@ -284,7 +284,7 @@ TEST_F(ADashboard, ShowsAManagedMachineWhosePreferenceIsOnAsEnabledWhateverThePo
     expectShown(3, L"ENABLED_STRING");
 }
 
-TEST_F(ADashboard, ShowsAManagedMachineWhosePreferenceIsOffAsDisabledWithoutAPolicy) {
+TEST_F(ADashboard, ShowsAManagedMachineThatIsOffWithoutAPolicyAsDisabled) {
     enrol(L"1");
     Sentrel::VXController::getInstance()->setPolicyEnabled(true); // by a policy that is no longer known
     store.values.m_bEnable = false;

@@ -104,13 +104,13 @@ TEST_F(AModuleConfiguration, IsRefusedWithTheReasonWhenItIsMalformed) {
     EXPECT_EQ(refusal(std::string("\0\1\2", 3)).substr(0, 8), "line 1: ");
 }
 
-TEST_F(AModuleConfiguration, IsRefusedBehindALinkSinceWhoMadeTheLinkMayNotReadWhatHvbdMay) {
+TEST_F(AModuleConfiguration, IsRefusedBehindALink) {
     std::ofstream(directory.file("other.xml")) << document("<LogLevel>debug</LogLevel>");
     std::filesystem::create_symlink(directory.file("other.xml"), path);
     EXPECT_EQ(refusal(), "a symbolic link, which is not followed here");
 }
 
-TEST_F(AModuleConfiguration, RefusesADocumentTypeSoThatNoEntityIsEverExpanded) {
+TEST_F(AModuleConfiguration, IsRefusedWithADocumentType) {
     EXPECT_EQ(refusal("<!DOCTYPE HVConfiguration [<!ENTITY level \"debug\">]>\n"
                       "<HVConfiguration><LogLevel>&level;</LogLevel></HVConfiguration>"),
               "a document type is not allowed here");

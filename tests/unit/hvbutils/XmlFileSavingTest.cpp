@@ -108,7 +108,7 @@ TEST_F(AConfigFileOfAnother, KeepsItsOwnerWhenRootSaves) {
     EXPECT_EQ(factsOf(path).st_gid, kNogroup);
 }
 
-TEST_F(AConfigFileOfAnother, BecomesTheWritersAndKeepsItsGroupWhereTheWriterIsInIt) {
+TEST_F(AConfigFileOfAnother, BecomesTheWritersAndKeepsItsGroup) {
     constexpr gid_t shared = 4242;
     PrivateRoot::giveTo(directory, kNobody, kNogroup);
     PrivateRoot::giveTo(path, 0, shared);
@@ -159,7 +159,7 @@ protected:
     testing_support::OwnDisk disk;
 };
 
-TEST_F(AConfigFileOnASmallDisk, StaysAsItWasWhenItIsFullAndIsSavedOnceThereIsRoom) {
+TEST_F(AConfigFileOnASmallDisk, IsSavedOnceThereIsRoom) {
     const std::string before = content();
     disk.fill();
     EXPECT_FALSE(save("debug"));
@@ -170,7 +170,7 @@ TEST_F(AConfigFileOnASmallDisk, StaysAsItWasWhenItIsFullAndIsSavedOnceThereIsRoo
     EXPECT_EQ(value(), "debug");
 }
 
-TEST_F(AConfigFile, ThatAnotherProcessSavedMeanwhileBecomesWholeWhatWasReadWithTheChange) {
+TEST_F(AConfigFile, IsSavedAsItWasReadThoughAnotherProcessSavedMeanwhile) {
     const std::string before = content();
     XmlFile file(path);
     file.setTextAt(kLevel, "debug");
@@ -184,7 +184,7 @@ TEST_F(AConfigFile, ThatAnotherProcessSavedMeanwhileBecomesWholeWhatWasReadWithT
     EXPECT_EQ(content(), std::string(before).replace(before.find("information"), 11, "debug"));
 }
 
-TEST_F(AConfigFile, ThatAnotherProcessHasWrittenHalfIsRefusedByReadersAndIsWholeAfterASave) {
+TEST_F(AConfigFile, IsRefusedWhenHalfOfItIsWrittenAndWholeAfterASave) {
     XmlFile file(path);
     file.setTextAt(kLevel, "debug");
     const std::string half = content().substr(0, content().size() / 2);

@@ -36,7 +36,7 @@ TEST_F(AContentPolicy, WithoutItsSwitchFailsAndWritesNothing) {
     EXPECT_THAT(store.calls, IsEmpty());
 }
 
-TEST_F(AContentPolicy, WithASwitchOfMinusOneLeavesTheCategoriesAloneAndAppliesTheRatings) {
+TEST_F(AContentPolicy, WithASwitchOfMinusOneAppliesTheRatingsAlone) {
     ratingsOnly();
     EXPECT_EQ(rated(L"84"), (Lines{"setYellowSiteAction 3", "setRedSiteAction 2", "signalPrefChange 2"}));
 }
@@ -146,7 +146,7 @@ TEST_F(AContentPolicy, TakesAsManyActionsAsItCountsAndAllItsCodes) {
               checksumOf("11034algane"));
 }
 
-TEST_F(AContentPolicy, RecordsItsChecksumOnlyWhenItChangedAndStoresAllTheSame) {
+TEST_F(AContentPolicy, RecordsItsChecksumOnlyWhenItChanged) {
     wholeContent();
     const Lines lines = leveled([this] {
         Sentrel::STPreferenceController::getInstance()->setCategoryBlockListChecksum(0);
@@ -320,7 +320,7 @@ TEST_F(AListPolicy, KeepsThePlaceOfASiteThatIsTooLong) {
     EXPECT_EQ(checksum(), checksumOf(" http://b.example10"));
 }
 
-TEST_F(AListPolicy, DoesNotNoticeAChangeBehindTheBytesItsChecksumCoversAndStoresAllTheSame) {
+TEST_F(AListPolicy, StoresAChangeThatItsChecksumDoesNotCover) {
     list(L"uiSiteCount", L"1");
     list(L"Action0", L"1");
     list(L"szSite0", std::wstring(298, L'a'));
@@ -331,7 +331,7 @@ TEST_F(AListPolicy, DoesNotNoticeAChangeBehindTheBytesItsChecksumCoversAndStores
     EXPECT_EQ(store.calls, (Lines{"setAllowBlockDetails -1 " + std::string(297, 'a') + "b 1", "signalPrefChange 7"}));
 }
 
-TEST_F(AListPolicy, LooksForNoMoreEntriesThanItsBoundWhateverTheCountIs) {
+TEST_F(AListPolicy, ReadsNoMoreSitesThanItsBound) {
     list(L"uiSiteCount", L"2147483647");
     list(L"szSite0", L"http://a.example");
     list(L"Action0", L"1");

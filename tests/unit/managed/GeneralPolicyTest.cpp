@@ -63,7 +63,7 @@ TEST_F(APolicy, IsEnforcedWholeWithoutTheSwitchAndWithOneAboveZero) {
                                          "setAllowBlockDetails -1", "signalPrefChange 7"));
 }
 
-TEST_F(APolicy, WhoseCategoriesFailKeepsTheGeneralSettingsAndDoesNotReadTheList) {
+TEST_F(APolicy, EndsAtItsCategoriesWhenTheyFail) {
     general(L"EventLogging", L"bGreenRatedSites", L"1");
     list(L"uiSiteCount", L"0");
     const Lines lines = leveled([this] { EXPECT_FALSE(enforcement.enforcePolicy(L"", policy)); });
@@ -172,7 +172,7 @@ TEST_F(AGeneralPolicy, MapsTheUnverifiedActionNotIdentically) {
     }
 }
 
-TEST_F(AGeneralPolicy, WithTheEnableStateThatIsInForceIsNotedAndNotSignalled) {
+TEST_F(AGeneralPolicy, IsNotSignalledWhenItsSwitchIsInForce) {
     store.values.m_bEnable = false;
     controller().setPolicyEnabled(true);
     general(L"Sentrel", L"bEnableSentrel", L"0");
@@ -229,7 +229,7 @@ TEST_F(AGeneralPolicy, FindsARangeBehindTheSectionsNameAlone) {
     EXPECT_EQ(store.calls.front(), "setPrivateIPRange 10.0.0.0/8");
 }
 
-TEST_F(AGeneralPolicy, LooksThroughNoMoreEntriesThanItsBoundWhateverTheCountIs) {
+TEST_F(AGeneralPolicy, ReadsNoMoreRangesThanItsBound) {
     general(L"ActionEnforcement", L"uiAgumentIPCount", L"2147483647");
     general(L"ActionEnforcement", L"szAgumentIP_0", L"10.0.0.0/8");
     const Lines lines = leveled([this] { enforcement.enforceGeneralPolicy(policy); });

@@ -107,7 +107,7 @@ TEST(TheVersions, AreNoneWhereThereIsNoTextOrABlankOne) {
               "hotfixes           none\n");
 }
 
-TEST(TheVersions, AreToldToProgramsAsTheyCame) {
+TEST(TheVersions, AreGivenToProgramsAsTheyCame) {
     EXPECT_EQ(jsonText(aboutJson(about({{L"Sentrel_Version", L"\xe9 (1)"}, {L"Sentrel_HF", L""}})), JsonMode::Short),
               R"json({"module":7,"version":"\u00e9 (1)","service_pack":null,"hotfixes":""})json"
               "\n");

@@ -204,7 +204,7 @@ TEST_P(ASettingsFileWithATableMissing, ReadsTheTablesBeforeItByNameAndTheOthersA
     EXPECT_EQ(file.bytes(), before);
 }
 
-TEST_P(ASettingsFileWithATableMissing, GetsItBackWhenItIsToBeFixedAndKeepsTheOthers) {
+TEST_P(ASettingsFileWithATableMissing, GetsItBackByAFixAndKeepsTheOthers) {
     EXPECT_TRUE(init(true));
     std::string expected = kAllThere;
     expected[std::size_t(GetParam()) * 2] = '0';

@@ -120,7 +120,7 @@ TEST_F(AControllerThatLoads, TakesAValueThatIsTooLongForMissing) {
     EXPECT_EQ(it().getRedSiteAction(), 3);
 }
 
-TEST_F(AControllerThatLoads, ServesTheDefaultsWhenTheFirstTableIsMissingAndTheListsThatAreThere) {
+TEST_F(AControllerThatLoads, ServesDefaultsAndListsWhenTheFirstTableIsMissing) {
     makeTables();
     sql("drop table vxsetting; insert into allowblocksettings values('http://a.example', 1);"
         "insert into catblockinginfo values('Games', x'01000000')");
@@ -177,7 +177,7 @@ TEST_F(AControllerThatLoads, GoesOnWithTheDefaultsAfterAnException) {
     expectDefaults();
 }
 
-TEST_F(AControllerThatLoads, ThrowsWithoutTheHubsConfigurationAndTriesAgainWhenItIsAskedAgain) {
+TEST_F(AControllerThatLoads, ThrowsWithoutTheHubsConfigurationEachTimeItIsAsked) {
     std::filesystem::remove(configurationFile());
     const TraceLog log;
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -209,7 +209,7 @@ TEST_F(AControllerThatLoads, ThrowsForAConfigurationWithoutItsElements) {
     EXPECT_THROW(controller(), HVB::HVBException);
 }
 
-TEST_F(AControllerThatLoads, HasDebugLoggingOffWhateverTheLevelSaysWhenTheSystemLogIsOff) {
+TEST_F(AControllerThatLoads, HasDebugLoggingOffWhenTheSystemLogIsOff) {
     writeConfiguration("false", "debug");
     EXPECT_FALSE(it().getDebugLoggingStatus());
 }

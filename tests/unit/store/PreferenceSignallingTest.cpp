@@ -30,7 +30,7 @@ INSTANTIATE_TEST_SUITE_P(
         return row.param.type < 0 ? std::string("TypeMinusOne") : "Type" + std::to_string(row.param.type);
     });
 
-TEST_P(AChangedPreference, IsToldByTheEventsOfItsTypeInTheirOrderWithoutAPayload) {
+TEST_P(AChangedPreference, IsToldByTheEventsOfItsType) {
     controller().signalPrefChange(static_cast<Sentrel::STPrefType>(GetParam().type));
     std::vector<SentEvent> expected;
     std::vector<std::string> calls;

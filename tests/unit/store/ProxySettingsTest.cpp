@@ -83,7 +83,7 @@ TEST_F(AProxy, TracesEachStep) {
               entry({}) + updated({"host", "uname", "pass", "port", "type", "httpAuthEnable"}));
 }
 
-TEST_F(AProxy, IsSaidOnOneLineForEachFieldWhateverItsTextsHold) {
+TEST_F(AProxy, IsTracedWithOneLineForEachField) {
     Proxy proxy;
     proxy.host = "first\tsecond";
     proxy.user = "someone\nelse";
@@ -143,7 +143,7 @@ TEST_F(AProxy, WithAnEmptyPasswordFailsBehindHostAndUser) {
               entry(proxy) + updated({"host", "uname"}) + Lines{"1 " + line("Error while updating pass in DB")});
 }
 
-TEST_F(AProxy, WithAnEmptyUserStopsThereAndLeavesTheRestOfTheOldOne) {
+TEST_F(AProxy, WithAnEmptyUserLeavesTheRestOfTheOldOne) {
     set({});
     Proxy proxy;
     proxy.host = "new.example";
@@ -226,13 +226,13 @@ TEST_F(AProxy, ThatCouldNotBeStoredIsNoDuplicateTheNextTime) {
     EXPECT_EQ(stored("RPXProxyHost"), "blob 70726F78792E6578616D706C65");
 }
 
-TEST_F(AProxy, IsRefusedAndSaysSoWithoutAPathButPrintsNothing) {
+TEST_F(AProxy, IsRefusedWithoutAPath) {
     settingsPath() = [](std::string&) { return false; };
     EXPECT_EQ(printed([] { EXPECT_EQ(set({}), kDatabase); }), "");
     EXPECT_EQ(linesOf([] { set({}); }), entry({}) + Lines{"1 Error while getting DB Path"});
 }
 
-TEST_F(AProxy, IsRefusedAndSaysSoWithoutAHandleButPrintsNothing) {
+TEST_F(AProxy, IsRefusedWithoutAHandle) {
     std::filesystem::remove(file());
     std::filesystem::create_directory(file());
     EXPECT_EQ(printed([] { EXPECT_EQ(set({}), kDatabase); }), "");
@@ -249,7 +249,7 @@ TEST_F(AProxy, GivesACodeForEachKindOfException) {
     EXPECT_EQ(linesOf([] { set({}); }), entry({}) + Lines{"1 " + line("Caught generic exception ")});
 }
 
-TEST_F(AProxy, IsToldToNobody) {
+TEST_F(AProxy, IsNotSignalled) {
     set({});
     EXPECT_TRUE(Recording::instance().calls().empty());
 }

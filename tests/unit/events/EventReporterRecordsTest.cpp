@@ -110,7 +110,7 @@ TEST_F(AnEventReporter, TellsUtcWhereverTheMachineIs) {
     EXPECT_LE(detected, now());
 }
 
-TEST_F(AnEventReporter, GivesAnInformationalEventItsAttributesWithoutTheHandledKey) {
+TEST_F(AnEventReporter, GivesAnInformationalEventItsAttributes) {
     STEventData event = redPage();
     event.urlRating = 20;
     DetailReportData detail = detailOf(event);
@@ -150,7 +150,7 @@ TEST_F(AnEventReporter, TakesARatingOf30AndAboveForAThreat) {
     }
 }
 
-TEST_F(AnEventReporter, ReportsNoRatingAndAnUnverifiedOneAsColorSixInformational) {
+TEST_F(AnEventReporter, ReportsUnratedAndUnverifiedPagesInColorSix) {
     for (const int rating : {-100, 15}) {
         STEventData event = redPage();
         event.urlRating = rating;
@@ -220,7 +220,7 @@ TEST_F(AnEventReporter, WritesNumbersAsTheyAreAsDecimalText) {
 
 // Host, address and user.
 
-TEST_F(AnEventReporter, LeavesOutTheAddressOfAHostThatCannotBeResolvedAndReportsAllTheSame) {
+TEST_F(AnEventReporter, LeavesOutTheAddressOfAHostThatCannotBeResolved) {
     SystemDouble::instance().lookUp = resolverWith({});
     EXPECT_EQ(attribute(redPage(), L"SourceIPV4"), L"(none)");
     EXPECT_EQ(attribute(redPage(), L"TargetHostName"), L"unit.example");
@@ -278,7 +278,7 @@ void expectUrlArrives(const DetailReportData& detail, const std::string& url) {
     ASSERT_EQ(detail.info.find(L"ActionID")->second, L"4") << "what stands behind the URL is whole too";
 }
 
-TEST_F(AnEventReporter, CarriesTheByte0xFFAtEveryPlaceOfAUrlOfEveryLength) {
+TEST_F(AnEventReporter, CarriesUrlsOfTheByte0xFFOfEveryLength) {
     for (std::size_t length = 9; length <= sizeof(STEventData::url); ++length) {
         const std::string url = urlOf(length, 254, 0);
         expectUrlArrives(detailOf(withUrl(url)), url);

@@ -55,7 +55,7 @@ TEST_F(AnEventReporter, ReportsEveryOtherActionWithoutAnAnswer) {
     }
 }
 
-TEST_F(AnEventReporter, DropsASchemeAndAHostWithoutAPathButReportsThemWithATrailingSlash) {
+TEST_F(AnEventReporter, ReportsAUrlOnlyWithAPath) {
     EXPECT_FALSE(reports(withUrl("http://shop.example")));
     EXPECT_TRUE(reports(withUrl("http://shop.example/")));
     EXPECT_FALSE(reports(withUrl("ftp://shop.example")));

@@ -10,46 +10,8 @@ import sys
 DAEMON_FOLDERS = ["daemon", "store", "hub", "managed", "events"]
 CODE_FOLDERS = ["base", "policy", *DAEMON_FOLDERS, "platform", "apps", "tests", "bench", "fuzz"]
 TEST_FOLDERS = ["tests", "bench", "fuzz"]
-# What a folder may include beyond itself, from the repository root. docs/architecture.md shows this table; no entry is
-# wider than what is used, which the check holds too.
-MAY_INCLUDE = {
-    "base": [],
-    "policy": ["base"],
-    "daemon": ["base", "hub/Exceptions.h", "hub/HVBCommBroker.h", "hub/HVBEventNotificationImpl.h", "hub/HubIds.h",
-               "hub/Payloads.h", "hub/VXCommandImpl.h", "hub/VXHealthCheckImpl.h", "store/STPreferenceController.h",
-               "managed/VXHVBAgentWrapper.h", "events/STEventServer.h", "platform/hvbhelpers/HVBHelpers.h"],
-    "store": ["base", "daemon/Trace.h", "hub/Exceptions.h", "hub/HVBCommBroker.h", "hub/HubIds.h", "hub/STPreferences.h",
-              "platform/hvbutils/LibXmlWrapper.h"],
-    "hub": ["base", "daemon/Trace.h", "daemon/VXControllerDaemon.h", "store/STPreferenceController.h",
-            "managed/VXHVBAgentWrapper.h", "platform/hvbutils/LibXmlWrapper.h"],
-    "managed": ["base", "policy", "daemon/Trace.h", "daemon/VXControllerDaemon.h", "store/DBSettings.h",
-                "store/STPreferenceController.h", "platform/hvbagent/AgentDocuments.h",
-                "platform/hvbagent/MsgBusEnterpriseAgent.h", "platform/hvbutils/LibXmlWrapper.h",
-                "platform/macutils/MacUtils.h", "platform/stlogger/STLogger.h"],
-    "events": ["base", "daemon/Trace.h", "hub/ArchiveText.h", "hub/HVBCommBroker.h", "hub/HubIds.h",
-               "managed/VXHVBAgentWrapper.h", "platform/consoleuser/ConsoleUser.h", "platform/hvbhelpers/HVBHelpers.h"],
-    "platform/consoleuser": [],
-    "platform/hvbagent": ["base", "policy/PolicyLimits.h", "platform/stlogger/STLogger.h"],
-    "platform/hvbhelpers": ["base", "hub/Exceptions.h", "hub/HVBCommBroker.h", "hub/HVBInterfaces.h", "hub/HVBMessages.h",
-                            "hub/HubIds.h"],
-    "platform/hvbutils": ["base"],
-    "platform/macutils": [],
-    "platform/stlogger": [],
-    "apps/hvbd": ["base", "hub/Exceptions.h", "hub/HVBCommBroker.h", "hub/HubIds.h",
-                  "platform/hvbhelpers/BusConfiguration.h", "platform/hvbhelpers/BusConnection.h",
-                  "platform/hvbhelpers/HubProtocol.h", "platform/hvbutils/XmlFile.h"],
-    "apps/sentrelctl": ["base", "policy", "hub/Exceptions.h", "hub/HVBCommBroker.h", "hub/HVBInterfaces.h",
-                        "hub/HVBMessages.h", "hub/HubIds.h", "hub/Payloads.h", "hub/STPreferences.h", "events/ReportRecords.h",
-                        "events/STEventData.h", "platform/hvbhelpers/BusConfiguration.h",
-                        "platform/hvbhelpers/BusConnection.h", "platform/hvbhelpers/HubProtocol.h",
-                        "platform/hvbutils/XmlFile.h", "platform/hvbagent/Fleet.h",
-                        "platform/hvbagent/PolicyDocument.h", "platform/hvbagent/SiteKeys.h"],
-}
-# What single files may include besides.
-FILE_MAY_INCLUDE = {
-    # The one step that works on the settings file itself, without the daemon.
-    "apps/sentrelctl/preferences/SettingsTables.cpp": ["store/DBSettings.h"],
-}
+# The row of the table in docs/architecture.md that says what a folder, or a single source, may include.
+INCLUDE_ROW = re.compile(r"^\| `([\w/.]+)`(?: alone)? \| ((?:`[\w/.]+`(?:, )?)+|nothing) \|$", re.M)
 # The calls of SQLite that the settings file is used with; no other keeps its promises to the other readers.
 SQLITE_CALLS = {"sqlite3_" + name for name in (
     "open", "busy_handler", "close", "errcode", "exec", "prepare", "finalize", "bind_text", "bind_blob", "bind_int",
@@ -105,22 +67,30 @@ def room_of(path):
     return "/".join(parts[:2]) if parts[0] in ("platform", "apps") else parts[0]
 
 
+def include_table(root):
+    """Who may include whom, as docs/architecture.md shows it: a folder is named without its last slash."""
+    text = (root / "docs" / "architecture.md").read_text()
+    return {own: [name.rstrip("/") for name in re.findall(r"`([^`]+)`", names)]
+            for own, names in INCLUDE_ROW.findall(text.partition("\n## Rooms")[2].partition("\n## ")[0])}
+
+
 def include_rules(root, _build):
     """Who may include whom, and no permission that nobody uses."""
-    used = set()
+    table, used = include_table(root), set()
     for path in sources(root, ["base", "policy", *DAEMON_FOLDERS, "platform", "apps"], {".h", ".cpp"}):
         relative = str(path.relative_to(root))
         own = room_of(relative)
         for target in re.findall(r'^#include "([^"]+)"', path.read_text(), re.M):
             if not (root / target).is_file():
                 yield f"{relative}: not written from the repository root: {target}"
-            if room_of(target) == own or target in FILE_MAY_INCLUDE.get(relative, []):
+            if room_of(target) == own:
                 continue
-            rule = next((rule for rule in MAY_INCLUDE[own] if target == rule or target.startswith(rule + "/")), None)
-            if rule is None:
+            permitted = [(who, rule) for who in (own, relative) for rule in table.get(who, [])
+                         if target == rule or target.startswith(rule + "/")]
+            if not permitted:
                 yield f"{relative}: may not include {target}"
-            used.add((own, rule))
-    for own, rules in MAY_INCLUDE.items():
+            used |= set(permitted)
+    for own, rules in table.items():
         yield from (f"{own} may include {rule}, but does not" for rule in rules if (own, rule) not in used)
 
 

@@ -6,7 +6,9 @@
 #include "tests/unit/daemon/DaemonTraceLines.h"
 
 #include <gtest/gtest.h>
+#include <libxml/parser.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,9 +17,37 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 
 using namespace testing_support;
 using Sentrel::VXController;
+
+// Two calls of the start are led here by the linker (--wrap), so that a signal can come in the middle of each.
+extern "C" {
+
+xmlDocPtr __real_xmlParseFile(const char* path);
+xmlDocPtr __wrap_xmlParseFile(const char* path);
+int __real_chmod(const char* path, mode_t mode);
+int __wrap_chmod(const char* path, mode_t mode);
+
+static int signalWhileLevelsAreRead = 0; // 0: none; each comes once
+static int signalWhileLogIsOpened = 0;
+
+xmlDocPtr __wrap_xmlParseFile(const char* path) {
+    if (const int signal = std::exchange(signalWhileLevelsAreRead, 0); signal != 0) {
+        raise(signal);
+    }
+    return __real_xmlParseFile(path);
+}
+
+int __wrap_chmod(const char* path, mode_t mode) {
+    if (const int signal = std::exchange(signalWhileLogIsOpened, 0); signal != 0) {
+        raise(signal);
+    }
+    return __real_chmod(path, mode);
+}
+
+} // extern "C"
 
 namespace {
 
@@ -56,6 +86,20 @@ TEST_F(ADaemon, OutlivesASighupBeforeItsLogIsOpenAndTracesLater) {
     raiseDuring("subscribeForEvent", SIGTERM);
     EXPECT_EQ(runDaemon(), 0);
     EXPECT_EQ(root.traceLines(), textsOf(startLines() + sigtermLines() + stopLines() + releaseLines()));
+}
+
+TEST_F(ADaemon, TakesASighupThatCameWhileItReadItsLevelsBeforeItOpensItsLogAndTracesLater) {
+    signalWhileLevelsAreRead = SIGHUP;
+    raiseDuring("subscribeForEvent", SIGTERM);
+    EXPECT_EQ(runDaemon(), 0);
+    EXPECT_EQ(root.traceLines(), textsOf(startLines() + sigtermLines() + stopLines() + releaseLines()));
+}
+
+TEST_F(ADaemon, TakesASighupThatCameWhileItOpenedItsLogBeforeItsFirstLine) {
+    signalWhileLogIsOpened = SIGHUP;
+    raiseDuring("subscribeForEvent", SIGTERM);
+    EXPECT_EQ(runDaemon(), 0);
+    EXPECT_EQ(root.traceLines(), Lines{});
 }
 
 TEST_F(ADaemon, KeepsItsLevelsWhenTheLevelFileIsGoneAtSighup) {

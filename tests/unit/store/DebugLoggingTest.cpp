@@ -86,11 +86,6 @@ Lines callerLines(bool status) {
             "3 STPreferenceController::setEnableDebugLogging - Successfully updated value in DB"};
 }
 
-Lines operator+(Lines left, const Lines& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 /// What a worker says that gets as far as the signal, and then these lines.
 Lines workerLines(bool status, const Lines& rest) {
     const std::string word = status ? "ON" : "OFF";

@@ -1,6 +1,7 @@
 #include "tests/unit/store/SettingsFile.h"
 
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,13 +11,13 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
 using testing_support::ChildOptions;
 using testing_support::ChildProcess;
 using testing_support::patience;
+using testing_support::readFile;
 
 namespace {
 
@@ -27,12 +28,6 @@ constexpr std::array<const char*, 4> kCreateTables{
     "create table allowblocksettings(name text NOT NULL, value INTEGER, PRIMARY KEY(name));",
     "create table privateIPRange(range text NOT NULL, PRIMARY KEY(range));",
 };
-
-std::string contents(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-}
 
 } // namespace
 
@@ -66,7 +61,7 @@ void SettingsFile::fillWith(const std::string& bytes) const {
 }
 
 std::string SettingsFile::bytes() const {
-    return contents(m_path);
+    return readFile(m_path);
 }
 
 // The program reads its commands from a pipe that stays open, and so keeps the lock; what comes after the first

@@ -9,38 +9,66 @@
 
 #include <functional>
 #include <gtest/gtest.h>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
 namespace testing_support {
 
-class AModuleThatAnswers : public testing::Test, protected HVB::CommandInterface {
-protected:
+/// Answers each command of the hub as it was last told; without an answer it knows no command.
+/// Threads: any. Owner: the fixture, which ends the broker before it.
+class AnsweringModule : public HVB::CommandInterface {
+public:
     /// Fills a result, which has the command already.
     using Answer = std::function<void(HVB::CommandResult&)>;
 
-    AModuleThatAnswers() : m_bus(m_root) {
-        broker().setHVId(HVB::MODULE_SENTREL);
-        broker().setCommandInterface(this);
-        broker().start(true);
+    explicit AnsweringModule(std::string socketPath) : m_socketPath(std::move(socketPath)) {}
+
+    HVB::HVBCommBroker& broker() { return *HVB::HVBCommBroker::getInstance(m_socketPath); }
+
+    void setAnswer(Answer answer) {
+        const std::lock_guard lock(m_mutex);
+        m_answer = std::move(answer);
     }
-    ~AModuleThatAnswers() override { HVB::HVBCommBroker::releaseInstance(); }
 
     bool handleCommand(HVB::CommandData& data) override {
         HVB::CommandResult result;
         result.m_commandData = data;
-        m_answer(result);
+        {
+            const std::lock_guard lock(m_mutex);
+            if (!m_answer) {
+                return false;
+            }
+            m_answer(result);
+        }
         broker().sendCommandResponse(result);
         return true;
     }
     void handleCommandResponse(HVB::CommandResult& /*result*/) override {}
 
-    HVB::HVBCommBroker& broker() { return *HVB::HVBCommBroker::getInstance(m_bus.socketPath()); }
+private:
+    std::string m_socketPath;
+    std::mutex m_mutex;
+    Answer m_answer; ///< guarded by m_mutex
+};
+
+class AModuleThatAnswers : public testing::Test {
+protected:
+    using Answer = AnsweringModule::Answer;
+
+    AModuleThatAnswers() : m_bus(m_root), m_module(m_bus.socketPath()) {
+        m_module.broker().setHVId(HVB::MODULE_SENTREL);
+        m_module.broker().setCommandInterface(&m_module);
+        m_module.broker().start(true);
+    }
+    ~AModuleThatAnswers() override { HVB::HVBCommBroker::releaseInstance(); }
+
+    AnsweringModule& answeringModule() { return m_module; }
 
     /// Uses sentrelctl while every command is answered so.
     CtlResult useWith(Answer answer, const std::vector<std::string>& arguments) {
-        m_answer = std::move(answer);
+        m_module.setAnswer(std::move(answer));
         return ctl(m_root, arguments);
     }
 
@@ -60,7 +88,7 @@ protected:
 private:
     PrivateRoot m_root;
     HubBus m_bus;
-    Answer m_answer; ///< set while no command is on its way
+    AnsweringModule m_module;
 };
 
 } // namespace testing_support

@@ -101,11 +101,7 @@ TEST_F(AModuleThatAnswers, CannotDriveTheTerminal) {
     EXPECT_EQ(useWith(answerWith(preferences), {"list", "show"}).out, "block  \\x1b]0;x\\x07\n");
 }
 
-/// One that knows no command.
-class AModuleThatKnowsNothing : public AModuleThatAnswers {
-protected:
-    bool handleCommand(HVB::CommandData& /*data*/) override { return false; }
-};
+using AModuleThatKnowsNothing = AModuleThatAnswers;
 
 TEST_F(AModuleThatKnowsNothing, IsQuoted) {
     expectFailure(nullptr, {"prefs", "show"},

@@ -289,7 +289,7 @@ TEST_F(AModuleThatAnswers, IsAskedAgainAfterASwitchUntilItHasMadeIt) {
             if (++questions == 1) { // the switch comes about behind the first look, and is signalled
                 isOn = true;
                 HVB::EventData event(Sentrel::EVT_PREFERENCES_CHANGE);
-                broker().sendEventNotification(event);
+                answeringModule().broker().sendEventNotification(event);
             }
         }
     };

@@ -2,8 +2,10 @@
 """Which sources tests/checks/tidy looks at. Usage: tidy_test.py ROOT. The repository is a real one, made for each test;
 clang-tidy itself is not run."""
 
+import contextlib
 import importlib.machinery
 import importlib.util
+import io
 import os
 import pathlib
 import subprocess
@@ -101,6 +103,24 @@ class ARepository(unittest.TestCase):
 
     def test_takes_all_when_nothing_tells_what_landed(self):
         self.assertEqual(self.tidy.last_landed(), "--all")
+
+    def test_looks_at_a_source_that_brings_the_analyzer_down_without_it(self):
+        looked = []
+
+        def clang_tidy(source, options, *more):
+            names = [name for name in SOURCES if f'/{name}"' in source.read_text()]
+            crashes = "a/Two.cpp" in names and not more
+            looked.extend([] if crashes else [(names, *more)])
+            return subprocess.CompletedProcess([], 1 if crashes else 0, "", "Stack dump:\n" if crashes else "")
+
+        self.tidy.BUILD = self.root / "build"
+        self.write("tests/.clang-tidy", "")
+        (self.root / "build").mkdir()
+        self.tidy.prepare_batches()
+        with mock.patch.object(self.tidy, "clang_tidy", clang_tidy), contextlib.redirect_stdout(io.StringIO()) as told:
+            self.assertEqual(self.tidy.check(False, SOURCES, ()), "")
+        self.assertEqual(looked, [(["a/One.cpp"],), (["a/Two.cpp"], "--checks=-clang-analyzer-*"), (["b/Three.cpp"],)])
+        self.assertIn("a/Two.cpp", told.getvalue())
 
 
 if __name__ == "__main__":

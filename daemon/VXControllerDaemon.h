@@ -30,6 +30,7 @@ class VXController {
 public:
     /// The whole life of the daemon. Arguments are ignored.
     /// @return -1 when another start is at the PID file right now, 0 otherwise, also after a failure.
+    // NOLINTNEXTLINE(bugprone-exception-escape): a member, not the program's main
     static std::int32_t main(int argc, char** argv);
 
     static VXController* getInstance();

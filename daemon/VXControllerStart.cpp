@@ -47,6 +47,7 @@ HVBEventNotificationImpl* makeEventReceiver() {
 
 } // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): a member, not the program's main
 std::int32_t VXController::main(int /*argc*/, char** /*argv*/) {
     ST_TRACE(stDaemonFlow, 2, L"VXController::main() - Entered\n"); // the log is not open yet
     const SignalHold signals;

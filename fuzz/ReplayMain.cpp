@@ -7,6 +7,7 @@
 #include <iterator>
 #include <vector>
 
+// NOLINTNEXTLINE(readability-redundant-declaration): the target's, which is linked in
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 int main(int argc, char** argv) {

@@ -8,22 +8,22 @@ namespace Sentrel {
 /// A command that has a handler.
 struct VXCommandImpl::Route {
     CommandId id;
-    const char* name;
     int level; ///< of the line about its arrival
+    const char* name;
     void (VXCommandImpl::*handler)(HVB::CommandData& data);
 };
 
 const VXCommandImpl::Route* VXCommandImpl::routeOf(int commandId) {
     static constexpr Route routes[] = {
-        {ST_SET_PREFS, "ST_SET_PREFS", 1, &VXCommandImpl::handleSetPrefs},
-        {ST_GET_PREFS, "ST_GET_PREFS", 2, &VXCommandImpl::handleGetPrefs},
-        {ST_SET_PREFS_INDIVIDUAL, "ST_SET_PREFS_INDIVIDUAL", 1, &VXCommandImpl::handleSetPrefIndividual},
-        {ST_GET_PREFS_INDIVIDUAL, "ST_GET_PREFS_INDIVIDUAL", 2, &VXCommandImpl::handleGetPrefIndividual},
-        {ST_RESET_PREFS, "ST_RESET_PREFS", 1, &VXCommandImpl::handleResetPrefs},
-        {CMD_DASH_BOARD_REQUEST, "CMD_DASH_BOARD_REQUEST", 1, &VXCommandImpl::handleDashBoard},
-        {CMD_ABOUT_BOX_REQUEST, "CMD_ABOUT_BOX_REQUEST", 1, &VXCommandImpl::handleAboutBox},
-        {CMD_SET_DEBUG_LOGGING_STATUS, "CMD_SET_DEBUG_LOGGING_STATUS", 1, &VXCommandImpl::handleSetDebugLoggingStatus},
-        {CMD_GET_DEBUG_LOGGING_STATUS, "CMD_GET_DEBUG_LOGGING_STATUS", 1, &VXCommandImpl::handleGetDebugLoggingStatus},
+        {ST_SET_PREFS, 1, "ST_SET_PREFS", &VXCommandImpl::handleSetPrefs},
+        {ST_GET_PREFS, 2, "ST_GET_PREFS", &VXCommandImpl::handleGetPrefs},
+        {ST_SET_PREFS_INDIVIDUAL, 1, "ST_SET_PREFS_INDIVIDUAL", &VXCommandImpl::handleSetPrefIndividual},
+        {ST_GET_PREFS_INDIVIDUAL, 2, "ST_GET_PREFS_INDIVIDUAL", &VXCommandImpl::handleGetPrefIndividual},
+        {ST_RESET_PREFS, 1, "ST_RESET_PREFS", &VXCommandImpl::handleResetPrefs},
+        {CMD_DASH_BOARD_REQUEST, 1, "CMD_DASH_BOARD_REQUEST", &VXCommandImpl::handleDashBoard},
+        {CMD_ABOUT_BOX_REQUEST, 1, "CMD_ABOUT_BOX_REQUEST", &VXCommandImpl::handleAboutBox},
+        {CMD_SET_DEBUG_LOGGING_STATUS, 1, "CMD_SET_DEBUG_LOGGING_STATUS", &VXCommandImpl::handleSetDebugLoggingStatus},
+        {CMD_GET_DEBUG_LOGGING_STATUS, 1, "CMD_GET_DEBUG_LOGGING_STATUS", &VXCommandImpl::handleGetDebugLoggingStatus},
     };
     for (const Route& route : routes) {
         if (route.id == commandId) {

@@ -69,9 +69,11 @@ bool VXPropertyCollectionImpl::isSoftwareExists(const std::wstring /*softwareId*
     return true;
 }
 
+// NOLINTBEGIN(performance-unnecessary-value-param): the interface has them so
 void VXPropertyCollectionImpl::addPropertyToSectionData(HVBEnterprise::SectionsHandle& properties,
                                                         const std::wstring section, const std::wstring key,
                                                         const std::wstring value) {
+    // NOLINTEND(performance-unnecessary-value-param)
     if (m_bFullProps || section == kGeneral) {
         properties.insert(section, key, value);
     }

@@ -179,7 +179,7 @@ TEST_F(AManagedMachine, GivesABrowserComponentTheClearTextOfAPassword) {
         client.send("Decrypt " + text);
         const std::string answer = client.readAll();
         EXPECT_EQ(answer.size(), 1024u);
-        return std::string(answer.c_str());
+        return answer.substr(0, answer.find('\0'));
     };
     const std::string text = HVBEnterprise::agent::encrypted(key, "p\xC3\xA4ss word");
     EXPECT_EQ(clearTextOf(text), "p\xC3\xA4ss word");

@@ -42,7 +42,7 @@ protected:
 
     /// Writes a file that its owner alone may read. @return its path.
     std::string secretFile(const std::string& name, const std::string& content) {
-        const std::string path = m_root.file(name);
+        std::string path = m_root.file(name);
         std::ofstream(path, std::ios::binary) << content;
         std::filesystem::permissions(path, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
         return path;
@@ -216,8 +216,10 @@ TEST_F(AFleetAdministrator, WaitsForTheMachinesOwnWord) {
     for (const bool enforced : {true, false}) {
         CtlRun push(m_root, {"policy", "push", kExample, "--machine", "desk-1", "--wait"});
         ASSERT_TRUE(m_machines.next(kPolicyTopic));
-        answer["sha256"] = "another policy's";
-        m_machines.publish("orvanta/v1/demo/desk-1/policy/result", answer.dump());
+        for (const json& another : {json("another policy's"), json(17)}) {
+            answer["sha256"] = another;
+            m_machines.publish("orvanta/v1/demo/desk-1/policy/result", answer.dump());
+        }
         answer["sha256"] = sha;
         answer["enforced"] = enforced;
         m_machines.publish("orvanta/v1/demo/desk-1/policy/result", answer.dump());

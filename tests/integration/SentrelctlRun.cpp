@@ -27,7 +27,7 @@ std::string program() {
 
 /// A copy of the program that every user can reach: the tree may stand below a directory that is closed to others.
 std::string programForOthers(const PrivateRoot& root) {
-    const std::string copy = root.file("sentrelctl");
+    std::string copy = root.file("sentrelctl");
     std::filesystem::copy_file(program(), copy, std::filesystem::copy_options::skip_existing);
     return copy;
 }

@@ -48,6 +48,8 @@ using testing_support::Recording;
 
 namespace HVB {
 
+// The base is named because gcc asks for that in a copy constructor.
+// NOLINTNEXTLINE(readability-redundant-member-init)
 EventData::EventData(const EventData& other) : BasicEventData(other), SerializedData() {
     openOutputIfPossible();
     if (other.m_pInStream != nullptr) {

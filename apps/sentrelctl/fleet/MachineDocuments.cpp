@@ -122,7 +122,11 @@ MachineDocument machineDocument(std::string machine, std::string_view payload) {
 }
 
 bool isAbout(const MachineDocument& document, std::string_view sha256) {
-    return document.error.empty() && document.content->value("sha256", "") == sha256;
+    if (!document.error.empty()) {
+        return false;
+    }
+    const auto hash = document.content->find("sha256"); // a machine may write anything there
+    return hash != document.content->end() && *hash == std::string(sha256);
 }
 
 bool isInForce(const MachineDocument& document) {

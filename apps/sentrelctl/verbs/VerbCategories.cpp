@@ -128,7 +128,6 @@ void categoriesRemove(Session& session, const CategoriesOptions& options) {
     replace(session, client, wanted);
 }
 
-/// A verb that is given names, or none when @p takesNames is false.
 Work describeCategoriesShow(OptionSet& set, Session& session) {
     const auto options = std::make_shared<CategoriesOptions>();
     set.addTimeout(options->timeout);

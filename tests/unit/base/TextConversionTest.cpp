@@ -21,7 +21,7 @@ Wide widened(const std::string& source, int size) {
     std::wstring target(static_cast<std::size_t>(size > 0 ? size : 1), L'?');
     Wide wide{kUntouched, size, L""};
     wide.result = char2widechar(source.c_str(), target.data(), &wide.sizeAfter);
-    wide.text = wide.result == 0 ? std::wstring(target.c_str()) : target;
+    wide.text = wide.result == 0 ? target.substr(0, target.find(L'\0')) : target;
     return wide;
 }
 
@@ -39,7 +39,7 @@ Narrow narrowed(const std::wstring& source, int size) {
     std::string target(static_cast<std::size_t>(size > 0 ? size : 1), '?');
     Narrow narrow{kUntouched, size, ""};
     narrow.result = widechar2charstr(source.c_str(), target.data(), &narrow.sizeAfter);
-    narrow.text = narrow.result == 0 ? std::string(target.c_str()) : target;
+    narrow.text = narrow.result == 0 ? target.substr(0, target.find('\0')) : target;
     return narrow;
 }
 

@@ -39,7 +39,7 @@ namespace HVBEnterprise::agent {
 /// The library's calls under their own names. Once loaded and set up it stays, as other users of it may be in the
 /// process. Threads: any, it never changes. Owner: the process.
 struct Mosquitto {
-#define SENTREL_MOSQUITTO_MEMBER(name) decltype (&::name)(name);
+#define SENTREL_MOSQUITTO_MEMBER(name) decltype(&::name) name; // NOLINT(bugprone-macro-parentheses): a declaration
     SENTREL_MOSQUITTO_CALLS(SENTREL_MOSQUITTO_MEMBER)
 #undef SENTREL_MOSQUITTO_MEMBER
 };

@@ -1,5 +1,6 @@
 // The whole daemon on a real bus with a real hvbd, looked at from outside.
 #include "events/ReportRecords.h"
+#include "tests/support/ArchiveValue.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Files.h"
 #include "tests/support/Machine.h"
@@ -22,10 +23,7 @@ namespace testing_support {
 namespace {
 
 DetailReportData detailOf(const Machine::Stored& record) {
-    const auto stream = HVB::makeInStream(record.detail);
-    DetailReportData detail;
-    *HVB::makeInArchive(*stream) >> detail;
-    return detail;
+    return valueIn<DetailReportData>(record.detail);
 }
 
 mode_t modeOf(const std::string& path) {

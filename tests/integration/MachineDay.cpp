@@ -3,6 +3,7 @@
 #include "events/ReportRecords.h"
 #include "events/VXHVBLogWrapper.h"
 #include "tests/integration/HvbdSystemLog.h"
+#include "tests/support/ArchiveValue.h"
 #include "tests/support/Eventually.h"
 
 #include <gmock/gmock.h>
@@ -93,14 +94,6 @@ std::string narrow(const std::wstring& text) {
     return {text.begin(), text.end()}; // all of it is ASCII here
 }
 
-template <class Record>
-Record recordIn(const std::wstring& text) {
-    const auto stream = HVB::makeInStream(text);
-    Record record;
-    *HVB::makeInArchive(*stream) >> record;
-    return record;
-}
-
 std::string shown(const ReportData& report) {
     return "  " + narrow(report.m_reportName) + ", " + narrow(report.m_subType) + ", " +
            std::to_string(report.m_reportType) + "\n";
@@ -128,9 +121,9 @@ std::string recordShown(const Machine::Stored& record) {
     const std::string head = "record " + std::to_string(record.id) + ", source " + std::to_string(record.source) +
                              ", type " + std::to_string(record.type) + ", count " + std::to_string(record.count) + "\n";
     if (record.type == HVB::LOG_TYPE_RECENT_EVENT) {
-        return head + shown(recordIn<DetailReportData>(record.text)) + narrow(record.detail);
+        return head + shown(valueIn<DetailReportData>(record.text)) + narrow(record.detail);
     }
-    return head + shown(recordIn<ReportData>(record.text)) + shown(recordIn<DetailReportData>(record.detail));
+    return head + shown(valueIn<ReportData>(record.text)) + shown(valueIn<DetailReportData>(record.detail));
 }
 
 /// A line without its stamp, or its stamps: that of one thread and the line of another may have met. What is another in

@@ -75,7 +75,7 @@ protected:
     Value answerOf(int id) {
         const WireClient::Answer answer = client().command(id);
         EXPECT_TRUE(answer.error.empty() && answer.succeeded && answer.valid) << id << ": " << answer.error;
-        return valueOf<Value>(answer.payload);
+        return valueIn<Value>(answer.payload);
     }
     void setOne(const Sentrel::STPreferences& wanted, const std::string& stepName);
     void setDebug(bool isOn, const std::string& stepName);

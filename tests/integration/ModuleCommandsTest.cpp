@@ -45,7 +45,7 @@ protected:
         const WireClient::Answer answer = client->command(id);
         EXPECT_EQ(answer.error, "");
         EXPECT_TRUE(answer.succeeded && answer.valid && answer.hasPayload);
-        return valueOf<Value>(answer.payload);
+        return valueIn<Value>(answer.payload);
     }
     DashBoardDispalyContents dashboard() {
         return ask<DashBoardData>(CMD_DASH_BOARD_REQUEST).m_statusItems[L"ST_DASHBOARD_STATUS_KEY"];
@@ -392,7 +392,7 @@ TEST_F(TheAccessToAModule, StaysAsItIsWhenTheConfigurationMayNotBeWritten) {
         return machine->traced("STPreferenceController::updateHVConfigAndReloadHVB unable to save HVConfig.xml") == 1;
     }));
     EXPECT_EQ(readFile(machine->configurationFile()), before);
-    EXPECT_FALSE(valueOf<bool>(WireClient(machine->bus().socketPath()).command(CMD_GET_DEBUG_LOGGING_STATUS).payload));
+    EXPECT_FALSE(valueIn<bool>(WireClient(machine->bus().socketPath()).command(CMD_GET_DEBUG_LOGGING_STATUS).payload));
 }
 
 } // namespace

@@ -171,7 +171,7 @@ TEST_F(ALyingClient, GetsTheGenericErrorForASingleSnapshot) {
         if (lie.beginsLikeAnArchive) {
             ASSERT_EQ(answer.error, "") << lie.name;
             EXPECT_TRUE(answer.succeeded && answer.valid && answer.hasPayload) << lie.name;
-            EXPECT_EQ(valueOf<int>(answer.payload), ST_ERROR_GENERIC) << lie.name;
+            EXPECT_EQ(valueIn<int>(answer.payload), ST_ERROR_GENERIC) << lie.name;
         } else {
             EXPECT_EQ(answer.error, HVB::bus::kErrorFailed) << lie.name << ": there is nothing to hand to the daemon";
         }

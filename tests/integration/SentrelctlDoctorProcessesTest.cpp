@@ -1,6 +1,5 @@
 // What sentrelctl doctor finds of the bus, of the processes and of what these leave behind.
 #include "tests/integration/DoctorFixture.h"
-#include "tests/support/ChildProcess.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Files.h"
 
@@ -90,12 +89,7 @@ TEST_F(ARunningInstallation, FailsWhenAProcessHangs) {
 }
 
 TEST_F(AnInstallation, TellsTheHealthThatHvbdFound) {
-    ChildProcess hvbd(programUnderTest("HVBD_ROOTED"),
-                      {.arguments = {"--health-interval", "1"},
-                       .environment = {"SENTREL_INSTALL_ROOT=" + m_machine.root().path().string()},
-                       .outputFile = m_machine.root().file("hvbd.out"),
-                       .uid = {},
-                       .gid = {}});
+    m_machine.startHub({"--health-interval", "1"});
     ASSERT_TRUE(m_machine.startDaemon());
     ASSERT_TRUE(eventually([&] { return finding("health").what.starts_with("hvbd finds sentreld well since "); }));
     m_machine.kill9Daemon();

@@ -94,12 +94,7 @@ TEST_F(AClientOfADaemon, TellsTheStatusWithoutHvbd) {
 
 TEST_F(AClientOfAMachine, TellsTheHealthThatHvbdFound) {
     m_machine.initSettings();
-    ChildProcess hvbd(programUnderTest("HVBD_ROOTED"),
-                      {.arguments = {"--health-interval", "1"},
-                       .environment = {"SENTREL_INSTALL_ROOT=" + m_machine.root().path().string()},
-                       .outputFile = m_machine.root().file("hvbd.out"),
-                       .uid = {},
-                       .gid = {}});
+    m_machine.startHub({"--health-interval", "1"});
     ASSERT_TRUE(m_machine.startDaemon());
     const std::regex well("health             well since \\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\dZ\n");
     EXPECT_TRUE(eventually([&] { return std::regex_search(does({"status"}), well); })) << does({"status"});

@@ -188,9 +188,11 @@ void Machine::setTraceLevels(int level) {
     file << "</TraceValues>";
 }
 
-void Machine::startHub() {
+void Machine::startHub(std::vector<std::string> arguments) {
     m_hub.reset();
-    m_hub.emplace(programUnderTest("HVBD_ROOTED"), optionsFor(m_root, "hvbd.out"));
+    ChildOptions options = optionsFor(m_root, "hvbd.out");
+    options.arguments = std::move(arguments);
+    m_hub.emplace(programUnderTest("HVBD_ROOTED"), options);
     if (!eventually([this] { return hubAnswers(); })) {
         throw std::runtime_error("hvbd does not answer: " + m_hub->output());
     }

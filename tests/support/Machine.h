@@ -63,7 +63,8 @@ public:
     /// Writes the trace level file with every flow at @p level.
     void setTraceLevels(int level);
 
-    void startHub();
+    /// Starts hvbd and waits until it answers.
+    void startHub(std::vector<std::string> arguments = {});
     /// Starts the daemon and waits until it listens. @return false when it ended or did not listen in time.
     bool startDaemon();
     /// Starts the daemon and waits for nothing.

@@ -30,14 +30,14 @@ WireClient::Answer readAnswer(sd_bus_message& reply) {
 }
 
 template <class Value>
-Value valueIn(const WireClient::Answer& answer, int commandId) {
+Value valueOf(const WireClient::Answer& answer, int commandId) {
     if (!answer.error.empty()) {
         failed(commandId, answer.error);
     }
     if (!answer.succeeded || !answer.valid || !answer.hasPayload) {
         failed(commandId, "the reply says failed or has no payload");
     }
-    return valueOf<Value>(answer.payload);
+    return valueIn<Value>(answer.payload);
 }
 
 } // namespace
@@ -216,11 +216,11 @@ void WireClient::emit(int id, std::optional<std::wstring_view> payload) {
 }
 
 int WireClient::code(int id, std::optional<std::wstring_view> payload) {
-    return valueIn<int>(command(id, payload), id);
+    return valueOf<int>(command(id, payload), id);
 }
 
 Sentrel::STPreferences WireClient::snapshot(int id, std::optional<std::wstring_view> payload) {
-    return valueIn<Sentrel::STPreferences>(command(id, payload), id);
+    return valueOf<Sentrel::STPreferences>(command(id, payload), id);
 }
 
 } // namespace testing_support

@@ -5,6 +5,7 @@
 #include "hub/HVBCommBroker.h"
 #include "hub/STPreferences.h"
 #include "platform/hvbhelpers/BusConnection.h"
+#include "tests/support/ArchiveValue.h"
 
 #include <condition_variable>
 #include <cstdint>
@@ -43,15 +44,6 @@ std::wstring payloadOf(const Value& value) {
     HVB::CommandData carrier(0, HVB::MODULE_SENTREL, true);
     carrier.writePayload(value);
     return carrier.m_pOutStream->str();
-}
-
-/// The value that a payload carries. @throws boost::archive::archive_exception when it carries another.
-template <class Value>
-Value valueOf(const std::wstring& payload) {
-    const auto stream = HVB::makeInStream(payload);
-    Value value{};
-    *HVB::makeInArchive(*stream) >> value;
-    return value;
 }
 
 /// An event as a subscriber got it.

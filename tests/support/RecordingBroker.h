@@ -4,6 +4,7 @@
 #pragma once
 
 #include "hub/HVBCommBroker.h"
+#include "tests/support/ArchiveValue.h"
 
 #include <functional>
 #include <mutex>
@@ -32,10 +33,7 @@ struct SentReply {
     /// The payload. @throws boost::archive::archive_exception when it is no such value.
     template <class Value>
     Value payload() const {
-        Value value{};
-        const auto stream = HVB::makeInStream(text);
-        *HVB::makeInArchive(*stream) >> value;
-        return value;
+        return valueIn<Value>(text);
     }
 };
 

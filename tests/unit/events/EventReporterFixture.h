@@ -4,6 +4,7 @@
 
 #include "events/EventReporter.h"
 #include "events/ReportRecords.h"
+#include "tests/support/ArchiveValue.h"
 #include "tests/support/RecordingBroker.h"
 #include "tests/unit/events/ConsoleUserDouble.h"
 #include "tests/unit/events/SystemDouble.h"
@@ -55,15 +56,6 @@ inline std::wstring wide(std::string_view bytes) {
     return text;
 }
 
-template <class Record>
-Record read(const std::wstring& text) {
-    const auto stream = HVB::makeInStream(text);
-    const auto archive = HVB::makeInArchive(*stream);
-    Record record;
-    *archive >> record;
-    return record;
-}
-
 inline std::wstring now() {
     const std::time_t seconds = std::time(nullptr);
     const std::tm utc = *std::gmtime(&seconds);
@@ -101,12 +93,12 @@ protected:
     ReportData reportOf(const STEventData& event) {
         const auto logs = sentFor(event);
         EXPECT_EQ(logs.size(), 1U);
-        return logs.empty() ? ReportData() : read<ReportData>(logs.front().text);
+        return logs.empty() ? ReportData() : valueIn<ReportData>(logs.front().text);
     }
     DetailReportData detailOf(const STEventData& event) {
         const auto logs = sentFor(event);
         EXPECT_EQ(logs.size(), 1U);
-        return logs.empty() ? DetailReportData() : read<DetailReportData>(logs.front().detailText);
+        return logs.empty() ? DetailReportData() : valueIn<DetailReportData>(logs.front().detailText);
     }
     /// The text under @p key, "(none)" when there is no such key.
     std::wstring attribute(const STEventData& event, const wchar_t* key) {

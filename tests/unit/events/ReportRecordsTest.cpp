@@ -1,6 +1,7 @@
 // The two records of a report and their archives, written and read. All real; allocations are metered.
 #include "events/ReportRecords.h"
 
+#include "tests/support/ArchiveValue.h"
 #include "tests/unit/events/AllocationMeter.h"
 
 #include <gmock/gmock.h>
@@ -21,6 +22,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
 using testing_support::AllocationMeter;
+using testing_support::valueIn;
 
 constexpr wchar_t kByte0xFF = -1; // sign-extended; the same value as WEOF
 static_assert(static_cast<std::wint_t>(kByte0xFF) == WEOF);
@@ -31,20 +33,11 @@ std::wstring header() {
     return L"22 serialization::archive " + std::to_wstring(static_cast<unsigned>(format)) + L" ";
 }
 
-template <class Record>
-Record read(const std::wstring& text) {
-    const auto stream = HVB::makeInStream(text);
-    const auto archive = HVB::makeInArchive(*stream);
-    Record record;
-    *archive >> record;
-    return record;
-}
-
 /// Why a text is refused, nothing when it is read.
 template <class Record>
 std::optional<archive_exception::exception_code> refusalOf(const std::wstring& text) {
     try {
-        read<Record>(text);
+        valueIn<Record>(text);
         return std::nullopt;
     } catch (const archive_exception& refusal) {
         return refusal.code;
@@ -103,7 +96,7 @@ TEST(AReport, ReadsBackAsItWasWritten) {
     report.m_subType = L"\n";
     report.m_time = -5;
     report.m_reportType = -2147483647 - 1;
-    const auto copy = read<ReportData>(report.toWstring());
+    const auto copy = valueIn<ReportData>(report.toWstring());
     EXPECT_EQ(copy.m_rowId, report.m_rowId);
     EXPECT_EQ(copy.m_reportName, report.m_reportName);
     EXPECT_EQ(copy.m_subType, report.m_subType);
@@ -133,7 +126,7 @@ TEST(ADetailedReport, ThatIsEmptyYieldsAFullArchive) {
     detail.m_time = 6;
     // Class 0 1, an empty name, three empty containers, the flag, the time and the type.
     EXPECT_EQ(detail.toWstring(), header() + L"0 1 0  0 0 0 0 0 0 0 0 0 0 0 0 0 6 0");
-    expectEqual(read<DetailReportData>(detail.toWstring()), detail);
+    expectEqual(valueIn<DetailReportData>(detail.toWstring()), detail);
 }
 
 TEST(ADetailedReport, IsArchivedMemberByMemberInItsOrder) {
@@ -143,7 +136,7 @@ TEST(ADetailedReport, IsArchivedMemberByMemberInItsOrder) {
 
 TEST(ADetailedReport, ReadsBackAsItWasWritten) {
     const DetailReportData detail = filled();
-    expectEqual(read<DetailReportData>(detail.toWstring()), detail);
+    expectEqual(valueIn<DetailReportData>(detail.toWstring()), detail);
 }
 
 TEST(ADetailedReport, KeepsEqualKeysOfItsInformationAsSeparateEntries) {
@@ -151,13 +144,13 @@ TEST(ADetailedReport, KeepsEqualKeysOfItsInformationAsSeparateEntries) {
     for (const wchar_t* value : {L"one", L"two", L"one"}) {
         detail.info.emplace(L"key", value);
     }
-    EXPECT_THAT(read<DetailReportData>(detail.toWstring()).info,
+    EXPECT_THAT(valueIn<DetailReportData>(detail.toWstring()).info,
                 ElementsAre(Pair(L"key", L"one"), Pair(L"key", L"two"), Pair(L"key", L"one")));
 }
 
 TEST(ADetailedReport, OfClassVersionZeroReadsBackWithoutNestedOnesAndFlag) {
     const auto detail =
-        read<DetailReportData>(header() + L"0 0 4 name 0 0 1 0 0 0 1 a 1 b 0 0 1 0 1 k 1 v 1234567890 7");
+        valueIn<DetailReportData>(header() + L"0 0 4 name 0 0 1 0 0 0 1 a 1 b 0 0 1 0 1 k 1 v 1234567890 7");
     EXPECT_EQ(detail.m_name, L"name");
     EXPECT_THAT(detail.attributes, ElementsAre(Pair(L"a", L"b")));
     EXPECT_THAT(detail.info, ElementsAre(Pair(L"k", L"v")));
@@ -187,7 +180,7 @@ void expectTextSurvives(const std::wstring& text) {
     ReportData report;
     report.m_reportName = text;
     report.m_subType = text;
-    const auto reportCopy = read<ReportData>(report.toWstring());
+    const auto reportCopy = valueIn<ReportData>(report.toWstring());
     ASSERT_EQ(reportCopy.m_reportName, text) << "length " << text.size();
     ASSERT_EQ(reportCopy.m_subType, text) << "length " << text.size();
     ASSERT_EQ(reportCopy.m_time, report.m_time) << "length " << text.size();
@@ -197,7 +190,7 @@ void expectTextSurvives(const std::wstring& text) {
     detail.info.emplace(text, text);
     detail.m_nested.emplace(text, DetailReportData::Attributes{{text, text}});
     detail.m_reportType = 7;
-    ASSERT_NO_FATAL_FAILURE(expectEqual(read<DetailReportData>(detail.toWstring()), detail));
+    ASSERT_NO_FATAL_FAILURE(expectEqual(valueIn<DetailReportData>(detail.toWstring()), detail));
     ASSERT_FALSE(testing::Test::HasFailure()) << "length " << text.size();
 }
 
@@ -226,7 +219,7 @@ TEST(ARecordsText, SurvivesInManyEntries) {
     for (int entry = 0; entry < 2000; ++entry) {
         detail.info.emplace(std::to_wstring(entry), std::wstring(3, kByte0xFF));
     }
-    expectEqual(read<DetailReportData>(detail.toWstring()), detail);
+    expectEqual(valueIn<DetailReportData>(detail.toWstring()), detail);
 }
 
 TEST(ARecordsText, SurvivesWithCharactersThatNoEncodingAccepts) {
@@ -251,7 +244,8 @@ void expectRefusedCheaply(const std::wstring& text) {
 
 TEST(AReader, SeesItsOwnAllocations) { // so that the tests below cannot pass without a meter
     const AllocationMeter meter;
-    read<DetailReportData>(header() + L"0 1 100000 " + std::wstring(100000, L'x') + L" 0 0 0 0 0 0 0 0 0 0 0 0 0 6 0");
+    valueIn<DetailReportData>(header() + L"0 1 100000 " + std::wstring(100000, L'x') +
+                              L" 0 0 0 0 0 0 0 0 0 0 0 0 0 6 0");
     EXPECT_GT(meter.greatest(), 100000 * sizeof(wchar_t));
 }
 

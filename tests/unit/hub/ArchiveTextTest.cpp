@@ -1,5 +1,6 @@
 // Text archives that keep every byte and believe no number from outside. Real: the archive library.
 #include "hub/ArchiveText.h"
+#include "tests/support/ArchiveValue.h"
 
 #include <gtest/gtest.h>
 
@@ -14,6 +15,8 @@
 
 namespace {
 
+using testing_support::valueIn;
+
 constexpr auto kBoth = std::ios_base::in | std::ios_base::out | std::ios_base::binary;
 
 template <class... T>
@@ -24,15 +27,6 @@ std::wstring written(const T&... values) {
         static_cast<void>((archive << ... << values));
     }
     return stream->str();
-}
-
-template <class T>
-T readBack(const std::wstring& text) {
-    const auto stream = HVB::makeInStream(text);
-    const auto archive = HVB::makeInArchive(*stream);
-    T value{};
-    *archive >> value;
-    return value;
 }
 
 /// An archive whose body is @p body behind a true header.
@@ -68,19 +62,19 @@ TEST(TheByteLocale, NarrowsWhatIsNoByteToTheFallback) {
 }
 
 TEST(AnArchive, BringsEveryByteOfANarrowTextBack) {
-    EXPECT_EQ(readBack<std::string>(written(everyByte())), everyByte());
+    EXPECT_EQ(valueIn<std::string>(written(everyByte())), everyByte());
 }
 
 TEST(AnArchive, BringsBackAListWhoseElementsTakeTwoCharactersEach) { // no element takes less
     for (const std::size_t size : {1U, 2U, 1000U}) {
         const std::vector<bool> flags(size, true);
-        EXPECT_EQ(readBack<std::vector<bool>>(written(flags)), flags);
+        EXPECT_EQ(valueIn<std::vector<bool>>(written(flags)), flags);
     }
 }
 
 TEST(AnArchive, BringsACategoryNameWithAnAccentBack) {
     const std::map<int, std::string> names{{1, "Caf\xC3\xA9"}, {2, ""}, {3, "a b"}};
-    EXPECT_EQ((readBack<std::map<int, std::string>>(written(names))), names);
+    EXPECT_EQ((valueIn<std::map<int, std::string>>(written(names))), names);
 }
 
 TEST(AnArchive, BringsEveryWideCharacterBack) {
@@ -90,29 +84,29 @@ TEST(AnArchive, BringsEveryWideCharacterBack) {
     }
     text += std::numeric_limits<wchar_t>::min();
     text += std::numeric_limits<wchar_t>::max();
-    EXPECT_EQ(readBack<std::wstring>(written(text)), text);
+    EXPECT_EQ(valueIn<std::wstring>(written(text)), text);
 }
 
 TEST(AnArchive, KeepsTheCharacterThatEqualsTheEndOfFile) {
     for (std::size_t length = 1; length < 600; length += 37) {
         const std::wstring text(length, static_cast<wchar_t>(WEOF));
-        EXPECT_EQ(readBack<std::wstring>(written(text)), text) << length;
+        EXPECT_EQ(valueIn<std::wstring>(written(text)), text) << length;
     }
 }
 
 TEST(AnArchive, BringsEmptyTextsBackBetweenOthers) {
     const std::vector<std::wstring> texts{L"", L"x", L"", L""};
-    EXPECT_EQ(readBack<std::vector<std::wstring>>(written(texts)), texts);
-    EXPECT_EQ(readBack<std::wstring>(written(std::wstring())), L"");
-    EXPECT_EQ(readBack<std::string>(written(std::string())), "");
-    EXPECT_EQ(readBack<std::vector<int>>(written(std::vector<int>())), std::vector<int>());
+    EXPECT_EQ(valueIn<std::vector<std::wstring>>(written(texts)), texts);
+    EXPECT_EQ(valueIn<std::wstring>(written(std::wstring())), L"");
+    EXPECT_EQ(valueIn<std::string>(written(std::string())), "");
+    EXPECT_EQ(valueIn<std::vector<int>>(written(std::vector<int>())), std::vector<int>());
 }
 
 TEST(AnArchive, BringsNumbersAndTruthBack) {
-    EXPECT_EQ(readBack<int>(written(-2147483647)), -2147483647);
-    EXPECT_EQ(readBack<bool>(written(true)), true);
+    EXPECT_EQ(valueIn<int>(written(-2147483647)), -2147483647);
+    EXPECT_EQ(valueIn<bool>(written(true)), true);
     const std::map<int, bool> states{{3, true}, {7, false}, {9, true}};
-    EXPECT_EQ((readBack<std::map<int, bool>>(written(states))), states);
+    EXPECT_EQ((valueIn<std::map<int, bool>>(written(states))), states);
 }
 
 TEST(AnArchive, ReadsSeveralValuesInTheirOrder) {
@@ -149,20 +143,20 @@ struct ALyingArchive : testing::TestWithParam<Lie> {};
 
 // Some of these declare more than the machine has memory for, so a reader that believed them would not come back.
 TEST_P(ALyingArchive, IsRefusedAsAWideText) {
-    EXPECT_THROW(readBack<std::wstring>(archiveOf(GetParam().body)), boost::archive::archive_exception);
+    EXPECT_THROW(valueIn<std::wstring>(archiveOf(GetParam().body)), boost::archive::archive_exception);
 }
 
 TEST_P(ALyingArchive, IsRefusedAsANarrowText) {
-    EXPECT_THROW(readBack<std::string>(archiveOf(GetParam().body)), boost::archive::archive_exception);
+    EXPECT_THROW(valueIn<std::string>(archiveOf(GetParam().body)), boost::archive::archive_exception);
 }
 
 TEST_P(ALyingArchive, IsRefusedAsAList) {
-    EXPECT_THROW(readBack<std::vector<std::string>>(archiveOf(GetParam().body)), boost::archive::archive_exception);
+    EXPECT_THROW(valueIn<std::vector<std::string>>(archiveOf(GetParam().body)), boost::archive::archive_exception);
 }
 
 TEST_P(ALyingArchive, IsRefusedAsAMap) {
     using Map = std::map<int, bool>;
-    EXPECT_THROW(readBack<Map>(archiveOf(std::wstring(L"0 0 ") + GetParam().body)), boost::archive::archive_exception);
+    EXPECT_THROW(valueIn<Map>(archiveOf(std::wstring(L"0 0 ") + GetParam().body)), boost::archive::archive_exception);
 }
 
 INSTANTIATE_TEST_SUITE_P(ThatDeclares, ALyingArchive,
@@ -175,7 +169,7 @@ INSTANTIATE_TEST_SUITE_P(ThatDeclares, ALyingArchive,
                          [](const auto& test) { return test.param.what; });
 
 TEST(AText, OfExactlyTheDeclaredLengthIsRead) {
-    EXPECT_EQ(readBack<std::wstring>(archiveOf(L"3 xyz")), L"xyz");
+    EXPECT_EQ(valueIn<std::wstring>(archiveOf(L"3 xyz")), L"xyz");
 }
 
 struct AHead : testing::TestWithParam<std::wstring> {};

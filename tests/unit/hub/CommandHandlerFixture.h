@@ -3,6 +3,7 @@
 
 #include "daemon/Trace.h"
 #include "hub/VXCommandImpl.h"
+#include "tests/support/ArchiveValue.h"
 #include "tests/support/FlowLines.h"
 #include "tests/support/Lines.h"
 #include "tests/support/RecordingBroker.h"
@@ -34,8 +35,7 @@ protected:
     }
     bool deliverText(int id, const std::wstring& text) {
         HVB::CommandData command(id, 7, true);
-        command.m_pInStream = HVB::makeInStream(text).release();
-        command.m_pInArchive = HVB::makeInArchive(*command.m_pInStream).release();
+        testing_support::deliverText(command, text);
         return deliver(command);
     }
     bool deliver(HVB::CommandData& command) {

@@ -3,6 +3,7 @@
 
 #include "hub/Exceptions.h"
 #include "hub/HVBInterfaces.h"
+#include "tests/support/ArchiveValue.h"
 
 #include <gtest/gtest.h>
 
@@ -32,8 +33,7 @@ static_assert(std::is_same_v<decltype(HVB::BasicCommandData::m_token), std::uint
 
 /// Puts the payload that @p from has written where the broker would put it on a delivered object.
 void deliver(const HVB::SerializedData& from, HVB::SerializedData& to) {
-    to.m_pInStream = HVB::makeInStream(from.m_pOutStream->str()).release();
-    to.m_pInArchive = HVB::makeInArchive(*to.m_pInStream).release();
+    testing_support::deliverText(to, from.m_pOutStream->str());
 }
 
 void expectOnlyTheHeader(const HVB::SerializedData& carrier) {

@@ -6,6 +6,7 @@
 #include "hub/HVBEventNotificationImpl.h"
 #include "hub/HVBMessages.h"
 #include "hub/Payloads.h"
+#include "tests/support/ArchiveValue.h"
 #include "tests/support/FlowLines.h"
 #include "tests/support/Lines.h"
 #include "tests/support/RecordingBroker.h"
@@ -31,8 +32,7 @@ protected:
     /// Delivers an event as the broker does. @return what the receiver returned.
     bool deliverText(int id, const std::wstring& text) {
         HVB::EventData event(id);
-        event.m_pInStream = HVB::makeInStream(text).release();
-        event.m_pInArchive = HVB::makeInArchive(*event.m_pInStream).release();
+        testing_support::deliverText(event, text);
         return receiver.handleEventNotification(event);
     }
     template <class Value>
@@ -151,8 +151,7 @@ TEST_F(ADebugLogEvent, IsReadFromItsFirstValueWhoeverReadItBefore) {
     HVB::EventData carrier(1005);
     carrier.writePayload(std::map<int, bool>{{7, true}});
     HVB::EventData event(1005);
-    event.m_pInStream = HVB::makeInStream(carrier.m_pOutStream->str()).release();
-    event.m_pInArchive = HVB::makeInArchive(*event.m_pInStream).release();
+    testing_support::deliverText(event, carrier.m_pOutStream->str());
     std::map<int, bool> read;
     event.readPayload(read);
     EXPECT_TRUE(receiver.handleEventNotification(event));
@@ -216,8 +215,7 @@ TEST_F(AProxyEvent, IsReadFromItsFirstValueWhoeverReadItBefore) {
     HVB::EventData carrier(1007);
     carrier.writePayload(std::vector<proxySettings>{proxy("proxy.example", 3128)});
     HVB::EventData event(1007);
-    event.m_pInStream = HVB::makeInStream(carrier.m_pOutStream->str()).release();
-    event.m_pInArchive = HVB::makeInArchive(*event.m_pInStream).release();
+    testing_support::deliverText(event, carrier.m_pOutStream->str());
     std::vector<proxySettings> read;
     event.readPayload(read);
     EXPECT_TRUE(receiver.handleEventNotification(event));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "hub/HVBMessages.h"
+#include "tests/support/ArchiveValue.h"
 #include "tests/unit/events/AllocationMeter.h"
 
 #include <gtest/gtest.h>
@@ -22,8 +23,7 @@ std::wstring payloadOf(const T& value) {
 template <class T>
 T payloadIn(const std::wstring& text) {
     HVB::CommandResult delivered;
-    delivered.m_pInStream = HVB::makeInStream(text).release();
-    delivered.m_pInArchive = HVB::makeInArchive(*delivered.m_pInStream).release();
+    testing_support::deliverText(delivered, text);
     T value{};
     delivered.readPayload(value);
     return value;

@@ -1,0 +1,27 @@
+// A value out of an archive's text, and a text on its way to a receiver.
+#pragma once
+
+#include "hub/ArchiveText.h"
+#include "hub/SerializedData.h"
+
+#include <string>
+
+namespace testing_support {
+
+/// The value that @p text holds. @throws boost::archive::archive_exception when it holds no such value.
+template <class Value>
+Value valueIn(const std::wstring& text) {
+    const auto stream = HVB::makeInStream(text);
+    Value value{};
+    *HVB::makeInArchive(*stream) >> value;
+    return value;
+}
+
+/// Puts @p text where the broker puts a payload that arrived. @throws boost::archive::archive_exception when it is
+/// none.
+inline void deliverText(HVB::SerializedData& carrier, const std::wstring& text) {
+    carrier.m_pInStream = HVB::makeInStream(text).release();
+    carrier.m_pInArchive = HVB::makeInArchive(*carrier.m_pInStream).release();
+}
+
+} // namespace testing_support

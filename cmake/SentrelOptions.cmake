@@ -13,7 +13,7 @@ target_compile_options(sentrel_options INTERFACE
     -fstack-protector-strong -fno-strict-aliasing
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety> # the annotations of base/Mutex.h
     # In a unity build GCC takes a source's own namespace for a header's.
-    $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:${CMAKE_UNITY_BUILD}>>:-Wno-subobject-linkage>
+    $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>>:-Wno-subobject-linkage>
     $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>) # GCC 12 sees an overlap in std::string's own operator+
 target_compile_definitions(sentrel_options INTERFACE
     _FILE_OFFSET_BITS=64

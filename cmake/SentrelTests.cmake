@@ -9,17 +9,16 @@ find_package(GTest REQUIRED)
 add_custom_target(unit-tests)
 add_custom_target(integration-tests)
 
-# sentrel_needs(<target> <variable> program-target …): the target is built after the programs; <variable>, a list of what stands in
-# its environment, gets their paths.
-function(sentrel_needs target environment)
-    foreach(program IN LISTS ARGN)
+# sentrel_needs(<target> program-target …): builds the target after the programs, and adds their paths to the caller's list
+# "environment".
+macro(sentrel_needs target)
+    foreach(program ${ARGN})
         string(TOUPPER ${program} variable)
         string(REPLACE "-" "_" variable ${variable})
-        list(APPEND ${environment} "${variable}=$<TARGET_FILE:${program}>")
+        list(APPEND environment "${variable}=$<TARGET_FILE:${program}>")
         add_dependencies(${target} ${program})
     endforeach()
-    set(${environment} "${${environment}}" PARENT_SCOPE)
-endfunction()
+endmacro()
 
 function(sentrel_test name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "SOURCES;LINK;NEEDS")
@@ -36,7 +35,7 @@ function(sentrel_test name)
     if(CMAKE_CURRENT_SOURCE_DIR MATCHES "/tests/integration$")
         list(APPEND environment "TZ=UTC")
     endif()
-    sentrel_needs(${name} environment ${arg_NEEDS})
+    sentrel_needs(${name} ${arg_NEEDS})
     if(NOT CMAKE_CURRENT_SOURCE_DIR MATCHES "/tests/integration$")
         if(NOT arg_TIMEOUT)
             set(arg_TIMEOUT 1200)

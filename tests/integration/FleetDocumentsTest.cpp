@@ -29,7 +29,8 @@ std::string schemaOf(const std::string& kind) {
 /// The examples of a kind of document, whose names begin with what is to be said of them.
 std::vector<std::string> examplesOf(const std::string& kind) {
     std::vector<std::string> paths;
-    for (const auto& entry : std::filesystem::directory_iterator(kTree + "/tests/data/fleet/" + kind)) {
+    const std::filesystem::path folder = std::filesystem::path(kTree) / "tests/data/fleet" / kind;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
         paths.push_back(entry.path().string());
     }
     std::sort(paths.begin(), paths.end());

@@ -20,6 +20,7 @@ using namespace Sentrel;
 /// Runs each of @p clients on a thread of its own, with a connection of its own, and waits for all of them.
 void atOnce(const std::string& socketPath, const std::vector<std::function<void(WireClient&)>>& clients) {
     std::vector<std::thread> threads;
+    threads.reserve(clients.size());
     std::atomic<std::size_t> ready{0};
     for (const auto& run : clients) {
         threads.emplace_back([&] {
@@ -79,8 +80,10 @@ TEST_F(APreferenceStore, GivesEachOfEightClientsAtOnceItsOwnReplies) {
 TEST_F(APreferenceStore, SurvivesListsReplacedByManyClientsAtOnce) {
     constexpr int replacements = 5;
     constexpr int rows = 8;
+    constexpr int writers = 4;
     std::vector<std::function<void(WireClient&)>> clients;
-    for (int writer = 0; writer < 4; ++writer) {
+    clients.reserve(writers);
+    for (int writer = 0; writer < writers; ++writer) {
         clients.emplace_back([writer](WireClient& wire) {
             for (int replacement = 0; replacement < replacements; ++replacement) {
                 Urls urls;

@@ -58,6 +58,7 @@ EventData::EventData(const EventData& other) : BasicEventData(other), Serialized
     }
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the interface has it so
 HVBCommBroker* HVBCommBroker::getInstance(std::string socketPath) {
     static HVBCommBroker broker;
     Recording::instance().add("getInstance " + socketPath);

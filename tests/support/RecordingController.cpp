@@ -128,6 +128,7 @@ int STPreferenceController::setCategoryBlockListChecksum(unsigned char value) {
     m_categoryBlockListChecksum = value;
     return recorded("setCategoryBlockListChecksum", value);
 }
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the interface has it so
 int STPreferenceController::setPrivateIPRange(std::list<std::string> ranges) {
     testing_support::PreferenceRecording::instance().handed.ranges = ranges;
     std::string arguments;

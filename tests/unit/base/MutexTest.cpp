@@ -52,6 +52,7 @@ TEST(AMutex, LetsOneThreadInAtATime) {
     constexpr int rounds = 10'000;
     Counter counter;
     std::vector<std::thread> adders;
+    adders.reserve(threads);
     for (int number = 0; number < threads; ++number) {
         adders.emplace_back([&] {
             for (int round = 0; round < rounds; ++round) {

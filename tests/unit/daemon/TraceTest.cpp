@@ -171,8 +171,10 @@ TEST_F(ATraceLog, WritesNoLineThatCameAsItWasClosed) {
 TEST_F(ATraceLog, IsClosedUnderWritersWithoutBreakingALine) {
     std::atomic<int> started{0};
     std::atomic<bool> stop{false};
+    constexpr int count = 4;
     std::vector<std::thread> writers;
-    for (int writer = 0; writer < 4; ++writer) {
+    writers.reserve(count);
+    for (int writer = 0; writer < count; ++writer) {
         writers.emplace_back([&] {
             ++started;
             while (!stop) {

@@ -117,9 +117,8 @@ TEST_F(ADebugLogEvent, WithTheCurrentStatusCallsNoSetter) {
     for (const bool status : {true, false}) {
         store.debugLogging = status;
         const Lines lines = leveled([&] { EXPECT_TRUE(deliver(1005, std::map<int, bool>{{7, status}})); });
-        const std::string word = status ? "ON" : "OFF";
-        EXPECT_EQ(lines,
-                  (Lines{kDebugEntered, "5 Iterating HV ID 7", "3 OldStatus = " + word + ", NewStatus = " + word}));
+        const char* const compared = status ? "3 OldStatus = ON, NewStatus = ON" : "3 OldStatus = OFF, NewStatus = OFF";
+        EXPECT_EQ(lines, (Lines{kDebugEntered, "5 Iterating HV ID 7", compared}));
         EXPECT_THAT(store.calls, IsEmpty());
     }
 }

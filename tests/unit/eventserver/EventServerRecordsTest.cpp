@@ -7,6 +7,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <utility>
 
 using namespace testing_support;
 using Sentrel::STEventServer;
@@ -102,7 +103,7 @@ TEST_F(AnEventServer, FillsAShortRecordWithZeroes) {
         exchange(bytesOf(secret));
         exchange(whole.substr(0, length));
         for (const STEventData& event : {secret, recordOf(whole.substr(0, length))}) {
-            expected = expected + recordLines(event);
+            expected = std::move(expected) + recordLines(event);
         }
     }
     EXPECT_EQ(tracedRecords(), expected);

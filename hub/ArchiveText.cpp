@@ -3,9 +3,14 @@
 // The archive library allocates what a length declares before it reads, so sixty bytes can cost gigabytes. The readers
 // of strings and counts are therefore our own specialisations of its hook for primitives: they hold each number
 // against what is left of the stream. They find the stream through a helper of the archive, which makeInArchive sets;
-// an archive that was made elsewhere has none and is read as the library does. The library reads its signature before
-// a helper can be set, and so that is compared beforehand. A class that claims to be tracked is refused: its object
-// would be looked up by a number from outside.
+// an archive that was made elsewhere has none and is read as the library does. The library would read its header before
+// a helper can be set, and so the header is read here.
+//
+// A program that saves a class through a pointer somewhere tracks it: each object of it has a number in front, and the
+// library counts them from 0 in the order of the text. A number that was there before stands for an object that has
+// been read already and brings none of its own. Programs that send values have no such thing, so it is refused: it
+// would make an element of two characters, of which a container could be full, and be looked up by a number from
+// outside.
 //
 // A narrow string becomes one wide character a byte, 0 to 255, whatever the process's locale is (ByteCtype).
 #include "hub/ArchiveText.h"
@@ -52,6 +57,30 @@ std::size_t remaining(std::wistream& stream) {
     return available > 0 ? static_cast<std::size_t>(available) : 0;
 }
 
+std::unique_ptr<boost::archive::text_wiarchive> makeHeadlessArchive(std::wistream& stream) {
+    auto archive = std::make_unique<boost::archive::text_wiarchive>(stream, boost::archive::no_header);
+    detail::ArchiveSource::of(*archive).stream = &stream;
+    return archive;
+}
+
+/// As the library reads it, but the signature without a length from outside, and later versions too.
+void readHeader(boost::archive::text_wiarchive& archive, std::wistream& stream) {
+    const std::string signature = boost::archive::BOOST_ARCHIVE_SIGNATURE();
+    const std::string start = std::to_string(signature.size()) + " " + signature + " ";
+    std::wstring head(start.size(), L'\0');
+    stream.read(head.data(), static_cast<std::streamsize>(head.size()));
+    if (!stream || !std::equal(head.begin(), head.end(), start.begin())) {
+        throw boost::archive::archive_exception(boost::archive::archive_exception::invalid_signature);
+    }
+    boost::archive::library_version_type version;
+    archive >> version;
+    const boost::archive::library_version_type own = boost::archive::BOOST_ARCHIVE_VERSION();
+    if (std::max(own, boost::archive::library_version_type(kLatestArchiveVersion)) < version) {
+        throw boost::archive::archive_exception(boost::archive::archive_exception::unsupported_version);
+    }
+    archive.set_library_version(std::min(version, own));
+}
+
 } // namespace
 
 const std::locale& byteLocale() {
@@ -75,18 +104,19 @@ std::unique_ptr<std::wstringstream> makeInStream(std::wstring text) {
 }
 
 std::unique_ptr<boost::archive::text_wiarchive> makeInArchive(std::wistream& stream) {
-    // The library reads its signature as any other string, before a reader could be given bounds. Look at it first.
-    const std::string signature = boost::archive::BOOST_ARCHIVE_SIGNATURE();
-    const std::string start = std::to_string(signature.size()) + " " + signature + " ";
-    const std::wistream::pos_type begin = stream.tellg();
-    std::wstring head(start.size(), L'\0');
-    stream.read(head.data(), static_cast<std::streamsize>(head.size()));
-    if (!stream || !std::equal(head.begin(), head.end(), start.begin())) {
-        throw boost::archive::archive_exception(boost::archive::archive_exception::invalid_signature);
+    auto archive = makeHeadlessArchive(stream);
+    readHeader(*archive, stream);
+    return archive;
+}
+
+std::unique_ptr<boost::archive::text_wiarchive> makeDeliveredArchive(std::wistream& stream) {
+    auto archive = makeHeadlessArchive(stream);
+    try {
+        readHeader(*archive, stream);
+    } catch (const boost::archive::archive_exception& refusal) {
+        detail::ArchiveSource::of(*archive).refusal = refusal.code;
+        stream.setstate(std::ios_base::failbit); // for values whose readers do not ask
     }
-    stream.seekg(begin);
-    auto archive = std::make_unique<boost::archive::text_wiarchive>(stream);
-    detail::ArchiveSource::of(*archive).stream = &stream;
     return archive;
 }
 
@@ -96,7 +126,14 @@ ArchiveSource& ArchiveSource::of(boost::archive::text_wiarchive& archive) {
     return archive.get_helper<ArchiveSource>(&archiveSourceId);
 }
 
+void ArchiveSource::requireReadable() const {
+    if (refusal) {
+        throw boost::archive::archive_exception(*refusal);
+    }
+}
+
 std::size_t ArchiveSource::readLength(boost::archive::text_wiarchive& archive) {
+    requireReadable();
     std::size_t length = 0;
     archive >> length;
     // One separator stands between the length and the text.
@@ -155,10 +192,29 @@ void load_access::load_primitive<text_wiarchive, serialization::collection_size_
 
 template <>
 void load_access::load_primitive<text_wiarchive, tracking_type>(text_wiarchive& archive, tracking_type& isTracked) {
+    HVB::detail::ArchiveSource::of(archive).requireReadable();
     archive.load(isTracked);
-    if (HVB::detail::ArchiveSource::of(archive).stream != nullptr && std::as_const(isTracked)) {
+}
+
+template <>
+void load_access::load_primitive<text_wiarchive, object_id_type>(text_wiarchive& archive, object_id_type& id) {
+    archive.load(id);
+    HVB::detail::ArchiveSource& source = HVB::detail::ArchiveSource::of(archive);
+    if (source.stream != nullptr && std::as_const(id) != source.trackedObjects++) {
         HVB::refuseInput();
     }
+}
+
+template <>
+void load_access::load_primitive<text_wiarchive, int>(text_wiarchive& archive, int& number) {
+    HVB::detail::ArchiveSource::of(archive).requireReadable();
+    archive.load(number);
+}
+
+template <>
+void load_access::load_primitive<text_wiarchive, bool>(text_wiarchive& archive, bool& truth) {
+    HVB::detail::ArchiveSource::of(archive).requireReadable();
+    archive.load(truth);
 }
 
 template <>

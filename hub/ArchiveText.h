@@ -11,6 +11,7 @@
 #include <istream>
 #include <locale>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 
@@ -27,18 +28,33 @@ std::unique_ptr<std::wstringstream> makeOutStream(std::ios_base::openmode mode, 
 /// A stream that holds @p text, ready to be read as an archive.
 std::unique_ptr<std::wstringstream> makeInStream(std::wstring text);
 
+/// The latest archive version that is read. Boost 1.83 writes it, as it writes 18 but for the number; Boost 1.74, which
+/// writes 18, would refuse it.
+constexpr unsigned int kLatestArchiveVersion = 19;
+
 /// An archive reader over @p stream whose strings and containers are refused, before anything is allocated for them,
-/// when the rest of the text cannot hold them. A tracked record is refused too. @p stream must outlive the reader.
+/// when the rest of the text cannot hold them. An object that claims to be another one is refused too: the second
+/// mention of a tracked one takes two characters. @p stream must outlive the reader.
 /// @throws boost::archive::archive_exception when the text does not begin like an archive that can be read.
 std::unique_ptr<boost::archive::text_wiarchive> makeInArchive(std::wistream& stream);
 
+/// As makeInArchive, for a text that somebody has sent: one that does not begin like an archive gets a reader all the
+/// same, from which each payload throws what makeInArchive would have thrown. Whoever reads nothing does not notice.
+std::unique_ptr<boost::archive::text_wiarchive> makeDeliveredArchive(std::wistream& stream);
+
 namespace detail {
 
-/// Where the bounded readers find the stream of their archive. Archives made elsewhere have none and read unbounded.
+/// What the bounded readers know of their archive. Archives made elsewhere have no stream here and read unbounded.
 struct ArchiveSource {
     std::wistream* stream = nullptr;
+    /// Why nothing can be read, when the text does not begin like an archive.
+    std::optional<boost::archive::archive_exception::exception_code> refusal;
+    unsigned int trackedObjects = 0; ///< so many have been read
 
     static ArchiveSource& of(boost::archive::text_wiarchive& archive);
+
+    /// @throws archive_exception when the text does not begin like an archive.
+    void requireReadable() const;
 
     /// Reads the length that stands in front of a string. @throws archive_exception when the text cannot hold it.
     std::size_t readLength(boost::archive::text_wiarchive& archive);
@@ -56,9 +72,8 @@ void refuseLaterVersion(unsigned int version) {
 } // namespace detail
 } // namespace HVB
 
-// These are the places at which the archive library believes a number that came from outside. Nobody writes a tracked
-// record; in a text that claims to hold one, elements of a container could be back references of two characters each,
-// and records that are not there.
+// These are the places at which the archive library believes a number that came from outside, and those at which a
+// payload begins.
 namespace boost::archive {
 
 template <>
@@ -71,8 +86,19 @@ template <>
 void load_access::load_primitive<text_wiarchive, serialization::collection_size_type>(
     text_wiarchive& archive, serialization::collection_size_type& count);
 
+/// Stands in front of every class and container.
 template <>
 void load_access::load_primitive<text_wiarchive, tracking_type>(text_wiarchive& archive, tracking_type& isTracked);
+
+/// Stands in front of every object of a tracked class.
+template <>
+void load_access::load_primitive<text_wiarchive, object_id_type>(text_wiarchive& archive, object_id_type& id);
+
+template <>
+void load_access::load_primitive<text_wiarchive, int>(text_wiarchive& archive, int& number);
+
+template <>
+void load_access::load_primitive<text_wiarchive, bool>(text_wiarchive& archive, bool& truth);
 
 /// Writes what the library itself writes, in one go in place of character by character.
 template <>

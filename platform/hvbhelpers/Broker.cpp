@@ -50,11 +50,7 @@ void setResult(CommandResult& result, const BasicCommandData& header, ReplyMessa
     result.m_commandData = header;
     result.m_bSucceeded = reply.succeeded;
     result.m_bValid = reply.valid;
-    try {
-        setInput(result, std::move(reply.payload));
-    } catch (const boost::archive::archive_exception& exception) {
-        throw HVBException(-EBADMSG, std::string("the payload of a reply cannot be read: ") + exception.what());
-    }
+    setInput(result, std::move(reply.payload));
 }
 
 } // namespace

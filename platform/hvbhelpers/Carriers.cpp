@@ -40,7 +40,7 @@ void setInput(SerializedData& carrier, Payload&& payload) {
     delete std::exchange(carrier.m_pInStream, nullptr);
     if (payload.present) {
         std::unique_ptr<std::wstringstream> stream = makeInStream(std::move(payload.text));
-        carrier.m_pInArchive = makeInArchive(*stream).release();
+        carrier.m_pInArchive = makeDeliveredArchive(*stream).release();
         carrier.m_pInStream = stream.release();
     }
 }

@@ -22,9 +22,7 @@ struct Payload {
 Payload outgoingPayload(const SerializedData& carrier);
 
 /// Makes @p payload the input of @p carrier, in place of what it had. Without a payload it gets none. What the carrier
-/// sends stays what its own writer wrote.
-/// @throws boost::archive::archive_exception when the text does not begin like an archive; then @p carrier has no
-/// input.
+/// sends stays what its own writer wrote. A text that is no archive throws when somebody reads it.
 void setInput(SerializedData& carrier, Payload&& payload);
 
 struct CommandMessage {

@@ -33,7 +33,7 @@ EventData::EventData(const EventData& other) : BasicEventData(other.m_eventId), 
     if (other.m_pInStream != nullptr) {
         m_pInStream = makeInStream(other.m_pInStream->str()).release();
         if (other.m_pInArchive != nullptr) {
-            m_pInArchive = makeInArchive(*m_pInStream).release();
+            m_pInArchive = makeDeliveredArchive(*m_pInStream).release();
         }
     }
 }

@@ -176,13 +176,24 @@ TEST_F(ABrokerWithAFailingHandler, RefusesAMessageThatIsNotLikeACommand) {
     EXPECT_EQ(delivered, 0);
 }
 
-TEST_F(ABrokerWithAFailingHandler, RefusesAPayloadThatIsNoArchive) {
+TEST_F(ABrokerWithAFailingHandler, HandsOnAPayloadThatIsNoArchiveAndRefusesItWhenItIsRead) {
     m_module.onCommand = echo;
     const Life life = startModule7();
     RawClient client(m_bus.socketPath());
-    EXPECT_EQ(client.errorOf(*client.command(1003, 0, L"22 serialization::orchive 19")), kErrorFailed);
+    std::string text;
+    EXPECT_EQ(client.errorOf(*client.command(1003, 0, L"22 serialization::orchive 19"), &text), kErrorFailed);
+    EXPECT_EQ(text, "invalid signature");
+    EXPECT_EQ(client.errorOf(*client.command(1003, 0, L"22 serialization::archive 9999"), &text), kErrorFailed);
+    EXPECT_EQ(text, "unsupported version");
     EXPECT_EQ(client.errorOf(*client.command(1003, 0, std::wstring(3, static_cast<wchar_t>(0xFFFFFFFF)))),
               kErrorFailed);
+    m_module.onCommand = [](HVB::CommandData& command) {
+        HVB::CommandResult result;
+        result.m_commandData = command;
+        HVB::HVBCommBroker::getInstance("")->sendCommandResponse(result);
+        return true;
+    };
+    EXPECT_EQ(client.errorOf(*client.command(1003, 0, L"noise")), "") << "nobody reads it";
 }
 
 TEST_F(ABrokerWithAFailingHandler, KnowsNoCommandWithoutAReceiver) {

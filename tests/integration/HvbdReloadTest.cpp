@@ -70,7 +70,7 @@ TEST_F(AHubWhoseReloadFails, SaysThatThePayloadIsMissingOrNoModuleId) {
     HVB::CommandData broken(Sentrel::CMD_RELOAD_HVB, HVB::MODULE_HUB, true);
     broken.m_bHasPayload = true;
     broken.m_pOutStream->str(L"no archive");
-    EXPECT_THROW(answerTo(broken), HVB::HVBException);
+    expectRefused(answerTo(broken), "the payload is no module id (invalid signature)");
 }
 
 TEST_F(AHubWhoseReloadFails, SaysThatTheFileIsMissingOrALinkOrNoFile) {

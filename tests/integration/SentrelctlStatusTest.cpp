@@ -257,6 +257,12 @@ TEST_F(AModuleThatAnswers, IsQuotedWhenItsAnswerCannotBeRead) {
     expectError(useWith(noLine, {"status"}),
                 "cannot read the status: the daemon's answer cannot be read: it has no status line");
     expectError(useWith(number, {"about"}), "cannot read the versions: the daemon's answer cannot be read: ");
+    const Answer noArchive = [](HVB::CommandResult& result) {
+        result.m_bHasPayload = true;
+        result.m_pOutStream->str(L"noise");
+    };
+    expectError(useWith(noArchive, {"about"}),
+                "cannot read the versions: the daemon's answer cannot be read: invalid signature");
     expectError(useWith(nothing, {"debug", "show"}),
                 "cannot read the debug logging: the daemon's answer cannot be read: it has no payload");
 }

@@ -17,11 +17,10 @@ Value valueIn(const std::wstring& text) {
     return value;
 }
 
-/// Puts @p text where the broker puts a payload that arrived. @throws boost::archive::archive_exception when it is
-/// none.
+/// Puts @p text where the broker puts a payload that arrived, also one that cannot be read.
 inline void deliverText(HVB::SerializedData& carrier, const std::wstring& text) {
     carrier.m_pInStream = HVB::makeInStream(text).release();
-    carrier.m_pInArchive = HVB::makeInArchive(*carrier.m_pInStream).release();
+    carrier.m_pInArchive = HVB::makeDeliveredArchive(*carrier.m_pInStream).release();
 }
 
 } // namespace testing_support

@@ -52,9 +52,10 @@ namespace HVB {
 // NOLINTNEXTLINE(readability-redundant-member-init)
 EventData::EventData(const EventData& other) : BasicEventData(other), SerializedData() {
     openOutputIfPossible();
+    ++Recording::instance().copiedEvents;
     if (other.m_pInStream != nullptr) {
         m_pInStream = makeInStream(other.m_pInStream->str()).release();
-        m_pInArchive = makeInArchive(*m_pInStream).release();
+        m_pInArchive = makeDeliveredArchive(*m_pInStream).release();
     }
 }
 

@@ -6,6 +6,7 @@
 #include "hub/HVBCommBroker.h"
 #include "tests/support/ArchiveValue.h"
 
+#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -68,6 +69,7 @@ struct Recording {
     std::vector<SentCommand> commands; ///< what sendCommand was given
     std::vector<SentLog> logs;         ///< what sendLog was given
     std::vector<std::wstring> lines;   ///< what HVB_LOG_MSG was given, formatted
+    std::size_t copiedEvents = 0;      ///< how often an EventData was copied
     std::function<void(HVB::CommandResult& result)>
         answer; ///< fills the result of a command; without it both flags stay
     HVB::CommandInterface* commandInterface = nullptr;

@@ -82,14 +82,13 @@ TEST_F(AHubEvent, OfAnyOtherIdIsTakenWithoutALookAtIt) {
 }
 
 TEST_F(AHubEvent, OfAnyOtherIdIsNotCopied) {
-    const auto deliverWithoutAnArchive = [this](int id) {
-        HVB::EventData event(id);
-        event.m_pInStream = HVB::makeInStream(L"noise").release(); // which no copy can open an archive over
-        return receiver.handleEventNotification(event);
-    };
-    EXPECT_THROW(deliverWithoutAnArchive(1005), boost::archive::archive_exception);
-    EXPECT_THROW(deliverWithoutAnArchive(1007), boost::archive::archive_exception);
-    EXPECT_TRUE(deliverWithoutAnArchive(1006));
+    const std::size_t& copies = Recording::instance().copiedEvents;
+    EXPECT_TRUE(deliver(1006, 7));
+    EXPECT_EQ(copies, 0U);
+    EXPECT_TRUE(deliver(1005, std::map<int, bool>{}));
+    EXPECT_EQ(copies, 1U);
+    EXPECT_TRUE(deliver(1007, std::vector<proxySettings>{}));
+    EXPECT_EQ(copies, 2U);
 }
 
 using ADebugLogEvent = AHubEvent;
@@ -143,6 +142,8 @@ TEST_F(ADebugLogEvent, WithoutAPayloadOrEntriesChangesNothing) {
 TEST_F(ADebugLogEvent, WithAnUnreadablePayloadThrowsAndChangesNothing) {
     const std::wstring header = HVB::EventData(1005).m_pOutStream->str();
     EXPECT_THROW(deliverText(1005, header + L" 0 0 1 0 x"), boost::archive::archive_exception);
+    EXPECT_THROW(deliverText(1005, L"noise"), boost::archive::archive_exception);
+    EXPECT_THROW(deliverText(1005, L""), boost::archive::archive_exception);
     EXPECT_THAT(store.calls, IsEmpty());
 }
 
@@ -207,6 +208,8 @@ TEST_F(AProxyEvent, WithoutAPayloadOrElementsCallsNoSetter) {
 TEST_F(AProxyEvent, WithAnUnreadablePayloadThrowsAndStoresNothing) {
     const std::wstring header = HVB::EventData(1007).m_pOutStream->str();
     EXPECT_THROW(deliverText(1007, header + L" 0 0 1 0 x"), boost::archive::archive_exception);
+    EXPECT_THROW(deliverText(1007, L"noise"), boost::archive::archive_exception);
+    EXPECT_THROW(deliverText(1007, L""), boost::archive::archive_exception);
     EXPECT_THAT(store.calls, IsEmpty());
 }
 

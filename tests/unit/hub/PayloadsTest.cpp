@@ -241,11 +241,60 @@ TEST(APayloadOfEachKind, WithALengthOrACountThatLiesIsRefusedCheaply) {
     }
 }
 
-TEST(APayloadOfEachKind, ThatClaimsToBeTrackedIsRefused) { // its elements could be references to others
-    expectRefusedCheaply<AboutBoxData>(L" 1 0 0 7 0 0 0 0");
-    expectRefusedCheaply<DashBoardData>(L" 0 0 7 1 0 0 0 0");
+// A program that saves a class through a pointer somewhere tracks it. In front of each object stands its number then.
+
+TEST(APayloadOfEachKind, ThatIsTrackedComesBackWhole) {
+    const auto about = payloadIn<AboutBoxData>(kHeader + L" 1 0 0 7 1 0 1 2 0 1 0 2 1 a 1 b 3 1 c 1 d");
+    EXPECT_EQ(about.m_versionItems, (std::map<std::wstring, std::wstring>{{L"a", L"b"}, {L"c", L"d"}}));
+    const auto board = payloadIn<DashBoardData>(kHeader + L" 1 0 0 7 1 0 1 2 0 1 0 2 1 a 1 0 3 1 x 5 4 1 b 5 1 y 2");
+    ASSERT_EQ(board.m_statusItems.size(), 2U);
+    EXPECT_EQ(board.m_statusItems.at(L"a").m_displayText, L"x");
+    EXPECT_EQ(board.m_statusItems.at(L"b").m_displayText, L"y");
+    EXPECT_EQ(board.m_statusItems.at(L"b").m_status, DASHBOARD_LOCAL_DISABLED);
+    const auto proxies = payloadIn<Proxies>(kHeader + L" 1 0 0 2 0 1 0 1 0 1 2 1 a 1 b 1 c 2 3 4 5 1 d 1 e 1 f");
+    ASSERT_EQ(proxies.size(), 2U);
+    EXPECT_EQ(proxies[0].host, "a");
+    EXPECT_EQ(proxies[1].type, 5);
+    EXPECT_EQ(proxies[1].pass, "f");
+    EXPECT_EQ(payloadIn<DebugMap>(kHeader + L" 1 0 0 2 0 1 0 1 3 1 2 7 0"), (DebugMap{{3, true}, {7, false}}));
+}
+
+TEST(APayloadOfEachKind, MayTrackItsElementsAlone) {
+    EXPECT_EQ(payloadIn<DebugMap>(kHeader + L" 0 0 2 0 1 0 0 3 1 1 7 0"), (DebugMap{{3, true}, {7, false}}));
+    const auto board = payloadIn<DashBoardData>(kHeader + L" 0 0 7 0 0 2 0 0 0 1 a 1 0 0 1 x 5 1 b 1 1 y 2");
+    EXPECT_EQ(board.m_statusItems.at(L"b").m_displayText, L"y");
+}
+
+TEST(APayloadOfEachKind, WhoseObjectStandsForAnEarlierOneIsRefused) { // two characters would make an element
+    expectRefusedCheaply<AboutBoxData>(L" 1 0 0 7 1 0 1 2 0 1 0 2 1 a 1 b 2");
+    expectRefusedCheaply<AboutBoxData>(L" 1 0 0 7 1 0 0");
+    expectRefusedCheaply<DashBoardData>(L" 0 0 7 0 0 2 0 0 0 1 a 1 0 0 1 x 5 1 b 0");
     expectRefusedCheaply<Proxies>(L" 0 0 4 0 1 0 0 1 8080 2 1 a 1 b 1 c 0 0 0");
-    expectRefusedCheaply<DebugMap>(L" 0 0 2 0 1 0 0 7 1 0");
+    expectRefusedCheaply<DebugMap>(L" 0 0 3 0 1 0 0 7 1 1 8 1 0");
+}
+
+TEST(APayloadOfEachKind, WhoseObjectHasAnotherNumberThanTheNextIsRefused) {
+    for (const wchar_t* number : {L"1", L"4294967295", L"4294967296", L"-1", L"x"}) {
+        expectRefusedCheaply<AboutBoxData>(std::wstring(L" 1 0 ") + number + L" 7 0 0 0 0");
+        expectRefusedCheaply<DashBoardData>(std::wstring(L" 1 0 ") + number + L" 7 0 0 0 0");
+        expectRefusedCheaply<Proxies>(std::wstring(L" 1 0 ") + number + L" 0 0");
+        expectRefusedCheaply<DebugMap>(std::wstring(L" 1 0 ") + number + L" 0 0");
+    }
+    expectRefusedCheaply<DebugMap>(L" 1 0 0 2 0 1 0 1 3 1 3 7 0");
+    expectRefusedCheaply<DebugMap>(L" 2 0 0 0 0"); // and neither tracked nor untracked is a third thing
+}
+
+TEST(APayloadOfEachKind, WithALengthOrACountThatLiesIsRefusedCheaplyAlsoWhenItIsTracked) {
+    for (const wchar_t* lie : {L"1152921504606846976", L"2000000000", L"18446744073709551615", L"-1"}) {
+        const std::wstring number = lie;
+        expectRefusedCheaply<AboutBoxData>(L" 1 0 0 7 1 0 1 " + number + L" 0 1 0 2 1 a 1 b");
+        expectRefusedCheaply<AboutBoxData>(L" 1 0 0 7 1 0 1 1 0 1 0 2 1 a " + number + L" b");
+        expectRefusedCheaply<DashBoardData>(L" 1 0 0 7 1 0 1 " + number + L" 0 1 0 2 1 a 1 0 3 1 x 5");
+        expectRefusedCheaply<DashBoardData>(L" 1 0 0 7 1 0 1 1 0 1 0 2 1 a 1 0 3 " + number + L" x 5");
+        expectRefusedCheaply<Proxies>(L" 1 0 0 " + number + L" 0 1 0 1 0 1 2 1 a 1 b 1 c");
+        expectRefusedCheaply<Proxies>(L" 1 0 0 1 0 1 0 1 0 1 2 1 a " + number + L" b 1 c");
+        expectRefusedCheaply<DebugMap>(L" 1 0 0 " + number + L" 0 1 0 1 3 1");
+    }
 }
 
 TEST(APayloadOfEachKind, ThatIsNoiseIsRefused) {

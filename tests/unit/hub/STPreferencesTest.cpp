@@ -245,10 +245,22 @@ TEST(Preferences, OfALaterClassVersionAreRefused) {
     EXPECT_EQ(refusalOf<STPreferences>(text), archive_exception::unsupported_class_version);
 }
 
+TEST(Preferences, OfTheArchiveVersionBehindTheLibrarysAreRead) {
+    EXPECT_EQ(HVB::kLatestArchiveVersion, 19U);
+    expectEqual(payloadIn<STPreferences>(replaced(payloadOf(filled()), L"archive 18", L"archive 19")), filled());
+    expectEqual(payloadIn<STPreferences>(replaced(payloadOf(filled()), L"archive 18", L"archive 17")), filled());
+}
+
 TEST(Preferences, OfALaterArchiveOrUnderAnotherSignatureAreRefused) {
     const std::wstring text = payloadOf(STPreferences());
-    EXPECT_EQ(refusalOf<STPreferences>(replaced(text, L"archive 18", L"archive 65535")),
-              archive_exception::unsupported_version);
+    for (const wchar_t* later : {L"archive 20", L"archive 9999", L"archive 65535"}) {
+        EXPECT_EQ(refusalOf<STPreferences>(replaced(text, L"archive 18", later)),
+                  archive_exception::unsupported_version);
+    }
+    for (const wchar_t* none : {L"archive 65536", L"archive 99999999999999999999", L"archive x"}) {
+        EXPECT_EQ(refusalOf<STPreferences>(replaced(text, L"archive 18", none)), archive_exception::input_stream_error)
+            << none;
+    }
     EXPECT_EQ(refusalOf<STPreferences>(replaced(text, L"archive", L"arkhive")), archive_exception::invalid_signature);
     EXPECT_EQ(refusalOf<STPreferences>(replaced(text, L"22 ", L"2000000000 ")), archive_exception::invalid_signature);
     EXPECT_EQ(refusalOf<STPreferences>(L""), archive_exception::invalid_signature);
@@ -279,8 +291,25 @@ TEST(Preferences, WithALengthOrACountThatLiesAreRefusedCheaply) {
     }
 }
 
-TEST(Preferences, ThatClaimTrackedEntriesAreRefused) { // they could be references to others, of two characters each
+/// As a program writes them that saves preferences, their lists and entries through pointers somewhere.
+const std::wstring kTracked = kHeader + L" 1 0 0 0 1 21 -22 2147483647 7 1 1 0 1 -2147483648"
+                                        L" 1 0 1 2 0" // the categories: tracking, version, number, count
+                                        L" 1 0"       // the class of an entry
+                                        L" 2 0  9 3 8 gambling 1"
+                                        L" 1 0 4 3 0 5 12 Yi5leGFtcGxl 0 6 12 YS5leGFtcGxl 1 7 12 Yi5leGFtcGxl 7";
+
+TEST(Preferences, ThatAreTrackedComeBackWhole) {
+    expectEqual(payloadIn<STPreferences>(kTracked), filled());
+    expectEqual(payloadIn<STPreferences>(replaced(payloadOf(filled()), L"18 0 0 ", L"18 1 0 0 ")), filled());
+}
+
+TEST(Preferences, ThatAreTrackedAndCutOffAnywhereAreRefused) {
+    expectEveryBeginningRefused<STPreferences>(kTracked);
+}
+
+TEST(Preferences, WithAnEntryThatStandsForAnEarlierOneAreRefused) { // it would take two characters
     expectRefusedCheaply<STPreferences>(L" 0 0 1 0 3 2 1 10 0 0 0 0 1 0 0 0 0 0 0 3 0 1 0 0 4 Zm9v 1 0 0");
+    expectRefusedCheaply<STPreferences>(L" 0 0 1 0 3 2 1 10 0 0 0 0 1 0 0 0 0 0 0 3 0 1 0 0 4 Zm9v 1 2 4 Zm9v 1");
 }
 
 TEST(Preferences, ThatAreNoiseAreRefused) {

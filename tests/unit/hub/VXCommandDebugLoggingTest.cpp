@@ -153,8 +153,11 @@ TEST_F(ASetOfDebugLogging, ChangesAndAnswersNothingWhenTheOldStatusCannotBeRead)
 }
 
 TEST_F(ASetOfDebugLogging, ChangesAndAnswersNothingWhenThePayloadCannotBeRead) {
-    const Lines lines = leveled([this] { EXPECT_TRUE(deliverBehindTheHeader(1021, L" x")); });
-    EXPECT_EQ(lines.back(), "1 VXCommandImpl::handleSetDebugLoggingStatus - - Caught generic exception ");
+    store.debugLogging = true;
+    const std::string caught = "1 VXCommandImpl::handleSetDebugLoggingStatus - - Caught generic exception ";
+    EXPECT_EQ(leveled([this] { EXPECT_TRUE(deliverBehindTheHeader(1021, L" x")); }).back(), caught);
+    EXPECT_EQ(leveled([this] { EXPECT_TRUE(deliverText(1021, L"noise")); }).back(), caught);
+    EXPECT_EQ(leveled([this] { EXPECT_TRUE(deliverText(1021, L"")); }).back(), caught);
     EXPECT_THAT(store.calls, IsEmpty());
     EXPECT_TRUE(hub.replies.empty());
 }

@@ -65,6 +65,49 @@ TEST_P(AKnownCommand, PassesOnWhatTheBrokerThrowsAtTheReply) {
     EXPECT_THAT(store.calls, testing::Not(testing::Contains(testing::StartsWith("signalPrefChange"))));
 }
 
+// A payload that does not begin like an archive.
+
+class APayloadThatIsNoArchive : public ACommandHandler, public testing::WithParamInterface<std::wstring> {};
+
+INSTANTIATE_TEST_SUITE_P(Each, APayloadThatIsNoArchive,
+                         testing::Values(L"", L"noise", L"22 serialization::archivX 18 0 0",
+                                         L"22 serialization::archive 9999 0 0"));
+
+TEST_P(APayloadThatIsNoArchive, IsAnsweredWithTheGenericErrorWhenOnePreferenceIsSet) {
+    const Lines lines = leveled([this] { EXPECT_TRUE(deliverText(100002, GetParam())); });
+    EXPECT_EQ(code(), 180001);
+    EXPECT_TRUE(store.calls.empty()) << "neither a setter nor a signal";
+    EXPECT_EQ(lines, (Lines{"3 VXCommandImpl::handleCommand - Recieved command with id 100002",
+                            "1 VXCommandImpl::handleCommand - Recieved ST_SET_PREFS_INDIVIDUAL command",
+                            "1 VXCommandImpl::handleSetPrefIndividual- Entered",
+                            "1 VXCommandImpl::handleSetPrefIndividual - - Caught generic exception ",
+                            "1 VXCommandImpl::handleSetPrefIndividual - Sent response through HVBCommBroker"}));
+}
+
+TEST_P(APayloadThatIsNoArchive, LeavesTheHandlersThatDoNotCatchItWithoutAReplyOrAChange) {
+    for (const int id : {100000, 100003}) {
+        EXPECT_THROW(deliverText(id, GetParam()), boost::archive::archive_exception) << id;
+    }
+    EXPECT_TRUE(hub.replies.empty());
+    EXPECT_TRUE(store.calls.empty()) << "neither a setter nor a signal";
+}
+
+TEST_P(APayloadThatIsNoArchive, MakesNoDifferenceToCommandsThatReadNone) {
+    for (const int id : {100001, 100004, 1003, 1022}) {
+        hub.forget();
+        EXPECT_TRUE(deliver(id));
+        EXPECT_TRUE(deliverText(id, GetParam()));
+        ASSERT_EQ(hub.replies.size(), 2U) << id;
+        EXPECT_TRUE(hub.replies[1].succeeded && hub.replies[1].valid) << id;
+        EXPECT_EQ(hub.replies[1].text, hub.replies[0].text) << id;
+    }
+}
+
+TEST_P(APayloadThatIsNoArchive, LeavesAnUnknownCommandUnknown) {
+    EXPECT_FALSE(deliverText(100005, GetParam()));
+    EXPECT_TRUE(hub.calls().empty());
+}
+
 // Get.
 
 using AGetOfAllPreferences = ACommandHandler;

@@ -77,6 +77,12 @@ std::vector<std::pair<std::string, std::string>> wholeWithout(const std::string&
     return elements;
 }
 
+TEST_F(AnAboutBox, IsAnsweredWhateverItsRequestCarries) {
+    configure({{"HVVersion", "1.2"}, {"BuildNumber", "456"}, {"PatchVersion", "3"}});
+    EXPECT_TRUE(deliverText(1004, L"noise"));
+    EXPECT_EQ(reply().payload<AboutBoxData>().m_versionItems[L"Sentrel_Version"], L"1.2 3 (456)");
+}
+
 TEST_F(AnAboutBox, ShowsVersionPatchAndBuildServicePackAndHotfixes) {
     EXPECT_EQ(shown(kWhole),
               (Items{{L"Sentrel_Version", L"1.2 3 (456)"}, {L"Sentrel_SPVersion", L"SP1"}, {L"Sentrel_HF", L"HF9"}}));

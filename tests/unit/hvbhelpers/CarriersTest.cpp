@@ -4,9 +4,17 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/serialization/map.hpp>
+
+#include <cstdint>
+#include <map>
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace {
+
+using boost::archive::archive_exception;
 
 using HVB::CommandData;
 using HVB::EventData;
@@ -73,11 +81,65 @@ TEST(ACarrier, LosesItsInputWhenAMessageWithoutPayloadFollows) {
     EXPECT_EQ(event.m_pInStream, nullptr);
 }
 
-TEST(ACarrier, GetsNoInputFromATextThatIsNoArchive) {
+/// What @p event throws when a value is read from it; none when it throws nothing.
+template <class Value>
+std::optional<archive_exception::exception_code> refusalOf(EventData& event) {
+    try {
+        Value value{};
+        event.readPayload(value);
+        return std::nullopt;
+    } catch (const archive_exception& refusal) {
+        return refusal.code;
+    }
+}
+
+struct ATextThatIsNoArchive : testing::TestWithParam<std::pair<std::wstring, archive_exception::exception_code>> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, ATextThatIsNoArchive,
+    testing::Values(std::pair(L"", archive_exception::invalid_signature),
+                    std::pair(L"22 not an archive", archive_exception::invalid_signature),
+                    std::pair(L"22 serialization::archive x", archive_exception::input_stream_error),
+                    std::pair(L"22 serialization::archive 9999 0 0 0 0", archive_exception::unsupported_version)));
+
+TEST_P(ATextThatIsNoArchive, StandsInTheCarrierUntilItIsReadAndThenSaysWhy) {
+    const auto& [text, refusal] = GetParam();
+    for (const auto& read : {refusalOf<int>, refusalOf<bool>, refusalOf<std::string>, refusalOf<std::wstring>,
+                             refusalOf<std::map<int, bool>>}) {
+        EventData event(1005);
+        setInput(event, {true, text});
+        ASSERT_NE(event.m_pInArchive, nullptr) << "without one the reader would take it for no payload";
+        EXPECT_EQ(event.m_pInStream->str(), text);
+        EXPECT_EQ(read(event), refusal);
+        EXPECT_EQ(read(event), refusal) << "also the second time";
+    }
+}
+
+TEST_P(ATextThatIsNoArchive, CannotBeReadFromACopyEither) {
     EventData event(1005);
-    EXPECT_THROW(setInput(event, {true, L"22 not an archive"}), boost::archive::archive_exception);
-    EXPECT_EQ(event.m_pInArchive, nullptr);
-    EXPECT_EQ(event.m_pInStream, nullptr);
+    setInput(event, {true, GetParam().first});
+    EventData copy(event);
+    EventData second(copy);
+    EXPECT_EQ(refusalOf<int>(copy), GetParam().second);
+    EXPECT_EQ((refusalOf<std::map<int, bool>>(second)), GetParam().second);
+    EventData afterwards(copy);
+    EXPECT_EQ(refusalOf<int>(afterwards), GetParam().second);
+}
+
+TEST_P(ATextThatIsNoArchive, GivesWayToTheNextMessage) {
+    EventData event(1005);
+    setInput(event, {true, GetParam().first});
+    deliver(event, 42, L"text");
+    int number = 0;
+    event.readPayload(number);
+    EXPECT_EQ(number, 42);
+}
+
+TEST(ACarrier, RefusesAValueOfAnotherKindInATextThatIsNoArchive) {
+    EventData event(1005);
+    setInput(event, {true, L"22 not an archive"});
+    EXPECT_TRUE(refusalOf<double>(event));
+    EXPECT_TRUE(refusalOf<std::uint64_t>(event));
 }
 
 TEST(ACopiedEvent, ReadsThePayloadFromItsFirstValueAgain) {

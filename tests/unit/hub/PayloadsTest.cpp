@@ -1,11 +1,13 @@
 // The payloads of the hub's screens, of its events, and plain numbers. All real; allocations are metered.
 #include "hub/Payloads.h"
+#include "hub/STPreferences.h"
 
 #include "hub/HubIds.h"
 #include "tests/unit/hub/PayloadText.h"
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <limits>
 
 using boost::archive::archive_exception;
@@ -295,6 +297,43 @@ TEST(APayloadOfEachKind, WithALengthOrACountThatLiesIsRefusedCheaplyAlsoWhenItIs
         expectRefusedCheaply<Proxies>(L" 1 0 0 1 0 1 0 1 0 1 2 1 a " + number + L" b 1 c");
         expectRefusedCheaply<DebugMap>(L" 1 0 0 " + number + L" 0 1 0 1 3 1");
     }
+}
+
+/// Bytes that are asked for in all, freed ones included, for each character of @p head, a count, @p behind and as many
+/// elements as make a long text.
+template <class T>
+std::size_t bytesPerCharacter(const std::wstring& head, const std::wstring& behind,
+                              const std::function<std::wstring(const std::wstring& number)>& element) {
+    constexpr std::size_t longText = 300000;
+    std::size_t count = 0;
+    std::wstring elements;
+    while (elements.size() < longText) {
+        elements += element(std::to_wstring(count++));
+    }
+    const std::wstring text = kHeader + head + std::to_wstring(count) + behind + elements;
+    const AllocationMeter meter;
+    EXPECT_EQ(refusalOf<T>(text), -1);
+    return meter.total() / text.size();
+}
+
+// The plain list of proxies is the dearest of all. That objects are tracked costs the reader less than its text does.
+TEST(APayloadOfEachKind, CostsABoundedAmountForEachCharacterTrackedOrNot) {
+    constexpr std::size_t most = 40;
+    const std::wstring settings = L" 0 0 1 0 3 2 1 10 0 0 0 0 1 0 0 0 0 0 0 ";
+    const auto proxy = [](const std::wstring&) { return L" 0 0 0 0  0  0 "; };
+    const auto trackedProxy = [](const std::wstring& number) { return L"\n" + number + L" 0 0 0 0  0  0 "; };
+    const auto url = [](const std::wstring&) { return L" 0  1"; };
+    const auto trackedUrl = [](const std::wstring& number) { return L"\n" + number + L" 0  1"; };
+    const auto entry = [](const std::wstring& number) { return L" " + number + L" 1"; };
+    const auto trackedEntry = [](const std::wstring& number) { return L"\n" + number + L" " + number + L" 1"; };
+    const auto sameEntry = [](const std::wstring& number) { return L"\n" + number + L" 7 1"; };
+    EXPECT_LT(bytesPerCharacter<Proxies>(L" 0 0 ", L" 0 0 0", proxy), most);
+    EXPECT_LT(bytesPerCharacter<Proxies>(L" 0 0 ", L" 0 1 0", trackedProxy), most);
+    EXPECT_LT(bytesPerCharacter<Sentrel::STPreferences>(settings, L" 0 0 0", url), most);
+    EXPECT_LT(bytesPerCharacter<Sentrel::STPreferences>(settings, L" 0 1 0", trackedUrl), most);
+    EXPECT_LT(bytesPerCharacter<DebugMap>(L" 0 0 ", L" 0 0 0", entry), most);
+    EXPECT_LT(bytesPerCharacter<DebugMap>(L" 0 0 ", L" 0 1 0", trackedEntry), most);
+    EXPECT_LT(bytesPerCharacter<DebugMap>(L" 0 0 ", L" 0 1 0", sameEntry), most);
 }
 
 TEST(APayloadOfEachKind, ThatIsNoiseIsRefused) {

@@ -141,7 +141,10 @@ void writeEveryone(Writer& out) {
 void writeAdministrators(Writer& out, const std::string& group) {
     out.open("group", group);
     allowCommands(out, true);
-    out.allowCall(kHubName, kHubInterface, kReadLogMember);
+    for (const char* member : {kReadLogMember, kStatusMember}) {
+        out.allowCall(kHubName, kHubInterface, member);
+    }
+    out.allowCall(moduleName(MODULE_SENTREL), kModuleInterface, kHealthCheckMember);
     out.close();
 }
 

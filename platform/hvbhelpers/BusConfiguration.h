@@ -11,7 +11,8 @@ struct BusConfigurationOptions {
     std::string socketPath;
     std::string daemonUser; ///< whom sentreld runs as: the only owner of module 7's name
     std::string hubUser;    ///< whom hvbd runs as: the only owner of module 1's and the hub's name
-    std::string adminGroup; ///< whose members may send every command; empty: root alone may
+    std::string adminGroup; ///< whose members may send every command, read the log and ask for the health; empty: root
+                            ///< alone may
 };
 
 /// The text of a dbus-daemon configuration file. The commands and who may send them come from Sentrel::kCommands.

@@ -19,7 +19,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <functional>
 #include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -76,6 +79,11 @@ std::string callWithoutArguments(const std::string& socketPath, const std::strin
 
 std::string callHub(const std::string& socketPath, const char* member) {
     return callWithoutArguments(socketPath, kHubName, kHubPath, kHubInterface, member);
+}
+
+std::string checkHealth(const std::string& socketPath, int module) {
+    return callWithoutArguments(socketPath, moduleName(module), modulePath(module), kModuleInterface,
+                                kHealthCheckMember);
 }
 
 std::string own(const std::string& socketPath, const std::string& name) {
@@ -186,14 +194,10 @@ TEST_F(TheBusPolicy, RefusesAnyUserACommandWithoutAnInterface) {
 }
 
 TEST_F(TheBusPolicy, RefusesAnyUserTheHubsOwnCalls) {
-    for (const char* member : {kLogMember, kLogMessageMember, kReadLogMember}) {
+    for (const char* member : {kLogMember, kLogMessageMember, kReadLogMember, kStatusMember}) {
         EXPECT_EQ(asNobody([&] { return callHub(m_socket, member); }), refused) << member;
     }
-    EXPECT_EQ(asNobody([&] {
-                  return callWithoutArguments(m_socket, moduleName(7), modulePath(7), kModuleInterface,
-                                              kHealthCheckMember);
-              }),
-              refused);
+    EXPECT_EQ(asNobody([&] { return checkHealth(m_socket, 7); }), refused);
 }
 
 TEST_F(TheBusPolicy, GivesNoNameToAnyUserAndNoneToRoot) {
@@ -230,6 +234,20 @@ TEST_F(TheBusPolicy, LetsAdministratorsSendEveryCommandAndReadTheLog) {
     EXPECT_EQ(asAdministrator([&] { return sendCommand(m_socket, 7, 424242); }), refused);
 }
 
+TEST_F(TheBusPolicy, LetsAdministratorsAskForTheHealthAndRefusesItToAnyUserAndToTheDaemon) {
+    EXPECT_EQ(asAdministrator([&] { return callHub(m_socket, kStatusMember); }), "ok");
+    EXPECT_EQ(asAdministrator([&] { return checkHealth(m_socket, 7); }), "ok");
+    EXPECT_EQ(asAdministrator([&] { return checkHealth(m_socket, 1); }), refused) << "the hub is not asked";
+    for (const auto& [text, ask] : std::vector<std::pair<std::string, std::function<std::string()>>>{
+             {"Status", [&] { return callHub(m_socket, kStatusMember); }},
+             {"HealthCheck", [&] { return checkHealth(m_socket, 7); }}}) {
+        EXPECT_EQ(asNobody(ask), refused) << text;
+        EXPECT_EQ(asDaemon(ask), refused) << text;
+        EXPECT_EQ(asHub(ask), "ok") << text;
+        EXPECT_EQ(ask(), "ok") << text << ", asked by root";
+    }
+}
+
 TEST_F(TheBusPolicy, LetsRootCallEverything) {
     for (const Sentrel::CommandInfo& command : Sentrel::kCommands) {
         EXPECT_EQ(sendCommand(m_socket, command.receiver, command.id), "ok") << command.name;
@@ -237,7 +255,7 @@ TEST_F(TheBusPolicy, LetsRootCallEverything) {
     EXPECT_EQ(sendCommand(m_socket, 7, 424242), "ok") << "the module is the one to refuse it";
     EXPECT_EQ(callHub(m_socket, kReadLogMember), "ok");
     EXPECT_EQ(callHub(m_socket, kLogMember), "ok");
-    EXPECT_EQ(callWithoutArguments(m_socket, moduleName(7), modulePath(7), kModuleInterface, kHealthCheckMember), "ok");
+    EXPECT_EQ(checkHealth(m_socket, 7), "ok");
 }
 
 TEST_F(TheBusPolicy, LetsTheServicesDoTheirWork) {
@@ -245,11 +263,7 @@ TEST_F(TheBusPolicy, LetsTheServicesDoTheirWork) {
     for (const char* member : {kLogMember, kLogMessageMember, kReadLogMember}) {
         EXPECT_EQ(asDaemon([&] { return callHub(m_socket, member); }), "ok") << member;
     }
-    EXPECT_EQ(asHub([&] {
-                  return callWithoutArguments(m_socket, moduleName(7), modulePath(7), kModuleInterface,
-                                              kHealthCheckMember);
-              }),
-              "ok");
+    EXPECT_EQ(asHub([&] { return checkHealth(m_socket, 7); }), "ok");
 }
 
 class AnEventOnTheBus : public TheBusPolicy, public testing::WithParamInterface<int> {};

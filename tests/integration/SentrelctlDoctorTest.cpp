@@ -59,7 +59,7 @@ TEST_F(ARunningInstallation, IsFoundHealthyByAnotherUserAsFarAsThatOneSees) {
     EXPECT_NE(result.out.find("\nbus-policy             ok       the bus refuses an ordinary user what it should\n"),
               std::string::npos)
         << result.out;
-    expectUnseen("health", "cannot be seen as this user: hvbd tells it to root alone", kNobody);
+    expectUnseen("health", "cannot be seen as this user: hvbd tells it to root and the administrators", kNobody);
 }
 
 TEST_F(AnInstallation, HidesWhatAnotherUserMayNotSee) {

@@ -76,7 +76,7 @@ TEST_F(AClientOfADaemon, TellsTheStatusInJson) {
         << text;
 }
 
-TEST_F(AClientOfADaemon, TellsTheStatusToEveryUserButTheHealthToRootAlone) {
+TEST_F(AClientOfADaemon, TellsTheStatusToEveryUserButNotTheHealthToAnOrdinaryOne) {
     if (!canActAsOthers()) {
         GTEST_SKIP() << "only root can act as others";
     }
@@ -84,7 +84,27 @@ TEST_F(AClientOfADaemon, TellsTheStatusToEveryUserButTheHealthToRootAlone) {
                                          "managed            no\n"
                                          "protection         on\n"
                                          "reason             the preference says on\n"
-                                         "health             unknown: hvbd tells it to root alone\n");
+                                         "health             unknown: hvbd tells it to root and the administrators\n");
+}
+
+TEST(AnAdministrator, IsToldTheHealthAndCannotTryWhatAnOrdinaryUserMayNot) {
+    if (!canActAsOthers()) {
+        GTEST_SKIP() << "only root can act as others";
+    }
+    Machine machine("games", "nogroup"); // the client's only group is the administrators'
+    machine.initSettings();
+    machine.startHub({"--health-interval", "1"});
+    ASSERT_TRUE(machine.startDaemon());
+    EXPECT_TRUE(eventually([&] {
+        const std::string status = ctl(machine.root(), {"status"}, "", kNobody).out;
+        return status.find("\nhealth             well since ") != std::string::npos;
+    })) << ctl(machine.root(), {"status"}, "", kNobody).out;
+    const std::string found = ctl(machine.root(), {"doctor"}, "", kNobody).out;
+    EXPECT_NE(found.find("\nhealth                 ok       hvbd finds sentreld well since "), std::string::npos)
+        << found;
+    EXPECT_NE(found.find("\nbus-policy             unseen   this user has rights of its own on the bus: "),
+              std::string::npos)
+        << found;
 }
 
 TEST_F(AClientOfADaemon, TellsTheStatusWithoutHvbd) {

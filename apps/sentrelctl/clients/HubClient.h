@@ -35,7 +35,7 @@ public:
     /// Asks the process behind @p name whether it is there. @return how long the answer took.
     std::chrono::microseconds ping(const std::string& name, const std::string& path);
 
-    /// What hvbd knows of the modules' health: only root and hvbd's own user may ask.
+    /// What hvbd knows of the modules' health: only root, the administrators and hvbd's user may ask.
     std::vector<ModuleHealth> moduleHealth();
 
     /// Publishes @p event. The bus silently drops what its policy refuses, so this listens for its own event. @return

@@ -95,6 +95,10 @@ std::string modeText(const struct stat& facts);
 /// @return what it returned, which is 0 to 100; none when it did not end in time, or died.
 std::optional<int> inChild(std::optional<uid_t> uid, double seconds, const std::function<int()>& question);
 
+/// A bus with this project's policy needs some ten thousand.
+inline constexpr std::size_t kMaxBusConfigurationBytes = std::size_t{1} << 20;
+/// The group that @p text, the bus's configuration, gives rights to; empty when it names none.
+std::string administratorsIn(const std::string& text);
 /// What is wrong with @p text, the bus's configuration. Empty when nothing is.
 /// @param groupExists whether a group is known on this machine.
 Diagnosis busConfigurationDiagnosis(const std::string& path, const std::string& text,

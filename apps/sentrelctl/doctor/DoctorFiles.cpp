@@ -35,9 +35,6 @@ namespace {
 
 namespace agent = HVBEnterprise::agent;
 
-/// A bus with this project's policy needs some ten thousand.
-constexpr std::size_t kMaxBusConfigurationBytes = std::size_t{1} << 20;
-
 Diagnosis missingFile(const std::string& path, std::string advice) {
     return {Verdict::Failed, "there is no " + path, std::move(advice)};
 }
@@ -384,22 +381,30 @@ Diagnosis settingsTables(double /*timeout*/) {
     return healthy(fmt::format("{} has all {} tables", path, tables.present.size()));
 }
 
+/// For whom @p text, the bus's configuration, has sections of this kind, in order.
+std::vector<std::string> sectionsFor(const char* kind, const std::string& text) {
+    const std::regex policy(fmt::format(R"re(<policy {}="([^"]*)">)re", kind));
+    std::vector<std::string> names;
+    for (std::sregex_iterator found(text.begin(), text.end(), policy); found != std::sregex_iterator(); ++found) {
+        names.push_back((*found)[1]);
+    }
+    return names;
+}
+
 } // namespace
+
+std::string administratorsIn(const std::string& text) {
+    const std::vector<std::string> groups = sectionsFor("group", text);
+    return groups.empty() ? "" : groups.back();
+}
 
 Diagnosis busConfigurationDiagnosis(const std::string& path, const std::string& text,
                                     const std::function<bool(const std::string&)>& groupExists) {
     constexpr const char* advice =
         "Make it with 'hvbd --print-bus-config' for these users and this group, and restart the bus and all on it";
-    const std::regex policy(R"re(<policy (user|group)="([^"]*)">)re");
-    std::vector<std::string> users;
+    const std::vector<std::string> users = sectionsFor("user", text);
     HVB::bus::BusConfigurationOptions options;
-    for (std::sregex_iterator found(text.begin(), text.end(), policy); found != std::sregex_iterator(); ++found) {
-        if ((*found)[1] == "group") {
-            options.adminGroup = (*found)[2];
-        } else {
-            users.push_back((*found)[2]);
-        }
-    }
+    options.adminGroup = administratorsIn(text);
     constexpr std::size_t rootDaemonAndHub = 3;
     if (users.size() != rootDaemonAndHub) {
         return failed(path + " is no configuration of this hub's bus", advice);

@@ -4,9 +4,10 @@
 // whose subject it is. The others say that they cannot see (needTheBus), so that one fault does not look like five.
 //
 // What must stay so:
-// - Whether the bus enforces its policy is found out by trying, as an ordinary user, what only root may do: a file that
-//   looks right proves nothing about the bus that runs. Root tries it as nobody, in a child. A user with rights of its
-//   own cannot try it.
+// - Whether the bus enforces its policy is found out by trying, as an ordinary user, what such a user may not do: a
+// file
+//   that looks right proves nothing about the bus that runs. Root tries it as nobody, in a child. A user with rights of
+//   its own, an administrator among them, cannot try it.
 // - What is tried does no harm where it is allowed: a question about health, and an event that no module sends or
 //   hears. The event is needed when hvbd is away, since the question then reaches nobody.
 // - The event socket is opened and closed without a message. The daemon reports nothing for that.
@@ -29,6 +30,7 @@
 #include <charconv>
 #include <csignal>
 #include <fmt/format.h>
+#include <grp.h>
 #include <netdb.h>
 #include <system_error>
 #include <unistd.h>
@@ -109,13 +111,29 @@ void needTheBus(double timeout) {
     }
 }
 
+/// The group whose members have rights of their own on the bus; empty when the configuration cannot be read.
+std::string administratorsGroup() {
+    try {
+        return administratorsIn(
+            readRegularFile(paths::hubBusConfiguration(), kMaxBusConfigurationBytes, FileAccess::Anybody));
+    } catch (const std::system_error&) {
+        return {}; // 'bus-configuration' tells why
+    }
+}
+
+/// Whether this process is in the group of this name.
+bool isMemberOf(const std::string& name) {
+    const group* const entry = name.empty() ? nullptr : ::getgrnam(name.c_str());
+    return entry != nullptr && (entry->gr_gid == ::getegid() || ::group_member(entry->gr_gid) != 0);
+}
+
 /// Root asks as a user who is nobody's. Everybody else asks as themselves, unless they have rights of their own.
 Diagnosis busPolicy(double timeout) {
     constexpr double attempts = 3; // to connect twice, and to be answered
     needTheBus(timeout);
     const uid_t self = ::geteuid();
     const std::optional<struct stat> hub = factsOf(paths::hubVarDirectory());
-    if (self != 0 && (self == daemonUser() || (hub && self == hub->st_uid))) {
+    if (self != 0 && (self == daemonUser() || (hub && self == hub->st_uid) || isMemberOf(administratorsGroup()))) {
         throw CannotSee("this user has rights of its own on the bus: ask as root or as an ordinary user");
     }
     const std::optional<uid_t> asker = self == 0 ? std::optional(kNobody) : std::nullopt;
@@ -162,8 +180,9 @@ Diagnosis moduleHealth(double timeout) {
     try {
         modules = HubClient(paths::hubSocket(), timeout).moduleHealth();
     } catch (const HVB::HVBException& error) {
-        throw CannotSee(error.code() == -EACCES ? "cannot be seen as this user: hvbd tells it to root alone"
-                                                : "hvbd does not tell");
+        throw CannotSee(error.code() == -EACCES
+                            ? "cannot be seen as this user: hvbd tells it to root and the administrators"
+                            : "hvbd does not tell");
     }
     const auto found = std::find_if(modules.begin(), modules.end(),
                                     [](const ModuleHealth& module) { return module.moduleId == HVB::MODULE_SENTREL; });
@@ -309,7 +328,7 @@ Diagnosis busPolicyDiagnosis(std::optional<int> answer) {
     case PolicyRefuses:
         return healthy("the bus refuses an ordinary user what it should");
     case PolicyLetsAsk:
-        return failed("the bus lets an ordinary user ask what only root may", advice);
+        return failed("the bus lets an ordinary user ask for the health", advice);
     case PolicyLetsSignal:
         return failed("the bus lets an ordinary user send events", advice);
     default:

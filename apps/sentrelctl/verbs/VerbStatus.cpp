@@ -40,7 +40,7 @@ KnownHealth health(double timeout) {
     } catch (const HVB::HVBException& error) {
         switch (error.code()) {
         case -EACCES:
-            return unknownHealth("hvbd tells it to root alone");
+            return unknownHealth("hvbd tells it to root and the administrators");
         case -EHOSTUNREACH:
             return unknownHealth("hvbd is not running");
         case -ETIMEDOUT:

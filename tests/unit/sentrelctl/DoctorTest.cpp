@@ -97,7 +97,7 @@ TEST(TheHostName, IsAWarningUnlessItResolvesAtOnce) {
 
 TEST(TheBusPolicy, FailsWhenItLetsAnOrdinaryUserDoMore) {
     EXPECT_EQ(busPolicyDiagnosis(PolicyRefuses).verdict, Verdict::Ok);
-    EXPECT_EQ(busPolicyDiagnosis(PolicyLetsAsk).what, "the bus lets an ordinary user ask what only root may");
+    EXPECT_EQ(busPolicyDiagnosis(PolicyLetsAsk).what, "the bus lets an ordinary user ask for the health");
     EXPECT_EQ(busPolicyDiagnosis(PolicyLetsSignal).what, "the bus lets an ordinary user send events");
     EXPECT_EQ(busPolicyDiagnosis(PolicyUnreachable).what, "an ordinary user cannot connect to the bus");
     EXPECT_THROW(busPolicyDiagnosis(std::nullopt), CannotSee);
@@ -122,6 +122,13 @@ TEST_F(ABusConfiguration, IsFineAsItIsMade) {
     m_options.adminGroup.clear();
     EXPECT_EQ(diagnosis(HVB::bus::busConfiguration(m_options)).what,
               "hub-bus.conf: sentreld runs as sentrel, hvbd as hvb, administrators are root alone");
+}
+
+TEST_F(ABusConfiguration, TellsTheAdministratorsGroup) {
+    EXPECT_EQ(administratorsIn(HVB::bus::busConfiguration(m_options)), "sentrel-admin");
+    m_options.adminGroup.clear();
+    EXPECT_EQ(administratorsIn(HVB::bus::busConfiguration(m_options)), "");
+    EXPECT_EQ(administratorsIn("no configuration"), "");
 }
 
 TEST_F(ABusConfiguration, FailsWithAGroupThatThereIsNot) {

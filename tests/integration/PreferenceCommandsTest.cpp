@@ -1,5 +1,6 @@
 // What the five preference commands answer and what they store.
 #include "tests/integration/PreferenceStoreFixture.h"
+#include "tests/support/Files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -132,6 +133,22 @@ TEST_F(APreferenceStore, ReplacesTheUrlListAndGivesTheBlockedOnesFirst) {
     EXPECT_EQ(client.setOne(withUrls({})), ST_ERROR_NONE);
     EXPECT_EQ(machine.sql("select count(*) from allowblocksettings"), "0\n");
     EXPECT_THAT(client.getAll().m_allowBlockDetails, IsEmpty());
+}
+
+TEST_F(APreferenceStore, TakesTheUrlListOfAProgramThatTracksItsClasses) {
+    WireClient wire(machine.bus().socketPath());
+    EXPECT_EQ(
+        wire.code(ST_SET_PREFS_INDIVIDUAL, payloadOf(withUrls({{"b.example", 0}, {"a.example", 1}, {"b.example", 7}}))),
+        ST_ERROR_NONE);
+    const std::string plain = machine.sql("select name, value from allowblocksettings");
+    EXPECT_NE(plain, "");
+    for (const char* folder : {"debian-13", "debian-13-tracked"}) {
+        client.setOne(withUrls({}));
+        const std::string text =
+            readFile(std::string(SENTREL_SOURCE_DIR "/tests/data/archives/") + folder + "/preferences");
+        EXPECT_EQ(wire.code(ST_SET_PREFS_INDIVIDUAL, std::wstring(text.begin(), text.end())), ST_ERROR_NONE);
+        EXPECT_EQ(machine.sql("select name, value from allowblocksettings"), plain) << folder;
+    }
 }
 
 TEST_F(APreferenceStore, ReplacesTheCategoryListWithoutThoseThatAreAllowed) {

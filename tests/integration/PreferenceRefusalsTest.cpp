@@ -115,6 +115,8 @@ std::vector<Lie> lies() {
         {"the head of an archive alone", archiveHead()},
         {"a word where a number belongs", archiveHead() + L"0 0 0 1 red 3 2 8 1 0 0 0 3"},
         {"a snapshot of the future", archiveHead() + L"0 7 0 1 1 3 2 8 1 0 0 0 3 0 0 0 0 0 0 0 0"},
+        {"a tracked list of 2^60 entries", scalars + L" 0 0 0 0 1 0\n0" + huge + L"0 1 0\n1 4 YQ== 1"},
+        {"a list of entries that are all the first", scalars + L" 0 0 0 0 0 0 4 0 1 0\n0 4 YQ== 1\n0\n0\n0"},
         {"noise behind the head", archiveHead() + noise(std::size_t{1} << 20U)},
         {"the head of something else", L"22 serialization::archivX 18 0 0"},
         {"an archive of the library's future", L"22 serialization::archive 9999 0 0"},

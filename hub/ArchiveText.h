@@ -28,8 +28,8 @@ std::unique_ptr<std::wstringstream> makeOutStream(std::ios_base::openmode mode, 
 /// A stream that holds @p text, ready to be read as an archive.
 std::unique_ptr<std::wstringstream> makeInStream(std::wstring text);
 
-/// The latest archive version that is read. Boost 1.83 writes it, as it writes 18 but for the number; Boost 1.74, which
-/// writes 18, would refuse it.
+/// The latest archive version that is read. Boost 1.83 writes it, and the same text behind it as Boost 1.74 behind 18,
+/// which is the latest that Boost 1.74 reads by itself.
 constexpr unsigned int kLatestArchiveVersion = 19;
 
 /// An archive reader over @p stream whose strings and containers are refused, before anything is allocated for them,

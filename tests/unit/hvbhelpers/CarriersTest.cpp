@@ -136,10 +136,13 @@ TEST_P(ATextThatIsNoArchive, GivesWayToTheNextMessage) {
 }
 
 TEST(ACarrier, RefusesAValueOfAnotherKindInATextThatIsNoArchive) {
-    EventData event(1005);
-    setInput(event, {true, L"22 not an archive"});
-    EXPECT_TRUE(refusalOf<double>(event));
-    EXPECT_TRUE(refusalOf<std::uint64_t>(event));
+    for (const wchar_t* text :
+         {L"22 not an archive", L"22 serialization::archivX 18 5", L"22 serialization::archive 9999 5"}) {
+        EventData event(1005);
+        setInput(event, {true, text});
+        EXPECT_TRUE(refusalOf<double>(event)) << text;
+        EXPECT_TRUE(refusalOf<std::uint64_t>(event)) << text;
+    }
 }
 
 TEST(ACopiedEvent, ReadsThePayloadFromItsFirstValueAgain) {

@@ -36,6 +36,11 @@ void checkAccess(const struct stat& facts, FileAccess access, const std::string&
     }
 }
 
+/// What is at @p path, opened. A FIFO that was put in its place holds nobody up.
+UniqueFd openedWithoutWait(const std::string& path, int more) {
+    return UniqueFd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | more));
+}
+
 /// As much as is asked for, unless the file ends before. @return how much.
 std::size_t readInto(int fd, char* buffer, std::size_t size, const std::string& name) {
     std::size_t length = 0;
@@ -83,15 +88,21 @@ std::string readFileOrInput(const std::string& name, int inputFd, std::size_t ma
 }
 
 std::string readRegularFile(const std::string& path, std::size_t maxBytes, FileAccess access, Links links) {
-    // NONBLOCK: a FIFO that was put in its place must not hold us up.
-    const int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY | (links == Links::Refuse ? O_NOFOLLOW : 0);
-    const UniqueFd file(::open(path.c_str(), flags));
+    UniqueFd file = openedWithoutWait(path, links == Links::Follow ? 0 : O_NOFOLLOW);
+    const bool isLink = !file.isOpen() && errno == ELOOP && links == Links::FollowToPublic;
+    if (isLink) {
+        file = openedWithoutWait(path, 0);
+    }
     struct stat facts {};
     if (!file.isOpen() || ::fstat(file.get(), &facts) != 0) {
         failFile(errno, path, "cannot be opened");
     }
     if (!S_ISREG(facts.st_mode)) {
         failFile(EINVAL, path, "is not a regular file");
+    }
+    // Of the file that is open: the link may have been changed meanwhile.
+    if (isLink && (facts.st_mode & S_IROTH) == 0) {
+        refuse(path, "it is a link to a file that not every user may read");
     }
     checkAccess(facts, access, path);
     return readUpTo(file.get(), maxBytes, path);

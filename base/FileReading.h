@@ -26,7 +26,11 @@ enum class FileAccess {
 };
 
 /// Whether the last part of a path may be a symbolic link. Links to directories before it are followed in any case.
-enum class Links { Follow, Refuse };
+enum class Links {
+    Follow,
+    FollowToPublic, ///< followed to a file that every user may read, so that who made the link learns nothing new
+    Refuse,
+};
 
 /// Everything that @p fd still gives, at most @p maxBytes bytes; the rest of a longer one is not read. A text of up to
 /// 64 KiB is copied nowhere else in memory, so that a caller can wipe a secret.
@@ -38,7 +42,8 @@ std::string readUpTo(int fd, std::size_t maxBytes, const std::string& name);
 std::string readFileOrInput(const std::string& name, int inputFd, std::size_t maxBytes);
 
 /// Everything in a regular file of at most @p maxBytes bytes. A FIFO, a device or a directory is EINVAL, without a
-/// wait. A link that is refused is ELOOP. A file that more users can access than @p access allows is an UnsafeFile.
+/// wait. A link that is refused is ELOOP. A file that more users can access than @p access allows is an UnsafeFile, and
+/// so is one behind a link that only some may read, for FollowToPublic.
 std::string readRegularFile(const std::string& path, std::size_t maxBytes, FileAccess access,
                             Links links = Links::Refuse);
 

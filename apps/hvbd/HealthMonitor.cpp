@@ -17,6 +17,7 @@
 #include <ctime>
 #include <set>
 #include <string>
+#include <utility>
 
 namespace HVB::hub {
 namespace {
@@ -51,8 +52,9 @@ std::set<int> modulesAmong(sd_bus_message& names) {
 
 } // namespace
 
-HealthMonitor::HealthMonitor(sd_event& event, std::chrono::seconds interval, const SystemLog& log)
-    : m_event(event), m_interval(interval), m_log(log) {}
+HealthMonitor::HealthMonitor(sd_event& event, std::chrono::seconds interval, const SystemLog& log,
+                             std::function<void()> eachRound)
+    : m_event(event), m_interval(interval), m_log(log), m_eachRound(std::move(eachRound)) {}
 
 HealthMonitor::~HealthMonitor() = default;
 
@@ -81,6 +83,7 @@ int HealthMonitor::onTimer(sd_event_source* /*source*/, std::uint64_t /*usec*/, 
     auto& monitor = *static_cast<HealthMonitor*>(self);
     return logAndIgnore(monitor.m_log, kDoing, [&] {
         monitor.startTimer(monitor.m_interval);
+        monitor.m_eachRound();
         monitor.listModules();
     });
 }

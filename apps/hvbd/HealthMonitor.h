@@ -6,6 +6,7 @@
 #include "apps/hvbd/SystemLog.h"
 
 #include <chrono>
+#include <functional>
 #include <map>
 
 namespace HVB::hub {
@@ -15,7 +16,9 @@ namespace HVB::hub {
 /// Threads: the loop's. Owner: the program; what it was given outlives it.
 class HealthMonitor {
 public:
-    HealthMonitor(sd_event& event, std::chrono::seconds interval, const SystemLog& log);
+    /// @param eachRound is called at the begin of each round.
+    HealthMonitor(sd_event& event, std::chrono::seconds interval, const SystemLog& log,
+                  std::function<void()> eachRound);
     ~HealthMonitor();
     HealthMonitor(const HealthMonitor&) = delete;
     HealthMonitor& operator=(const HealthMonitor&) = delete;
@@ -49,6 +52,7 @@ private:
     sd_event& m_event;
     const std::chrono::seconds m_interval;
     const SystemLog& m_log;
+    const std::function<void()> m_eachRound;
     // Plain, single access.
     sd_bus* m_bus = nullptr; ///< null without a connection
     SourcePtr m_timer;

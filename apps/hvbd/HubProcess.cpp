@@ -42,8 +42,10 @@ class Hub {
 public:
     explicit Hub(const CommandLine& line)
         : m_log(line.logToStderr ? SystemLog::Echo::StandardError : SystemLog::Echo::None), m_loop(newLoop()),
-          m_configurations({{MODULE_SENTREL, Sentrel::paths::moduleConfiguration()}}),
-          m_store(Sentrel::paths::hubLogStore(), line.logLimitBytes), m_monitor(*m_loop, line.healthInterval, m_log),
+          m_configurations({{MODULE_SENTREL, Sentrel::paths::moduleConfiguration()}},
+                           [this](int priority, const std::string& text) { m_log.write(priority, text); }),
+          m_store(Sentrel::paths::hubLogStore(), line.logLimitBytes),
+          m_monitor(*m_loop, line.healthInterval, m_log, [this] { m_configurations.lookAtAll(); }),
           m_service(*m_loop, m_store, m_configurations, m_monitor, m_log), m_link(*m_loop, Sentrel::paths::hubSocket(),
                                                                                   {[this](sd_bus& bus) {
                                                                                        m_service.connected(bus);
@@ -84,10 +86,13 @@ public:
 private:
     void readConfigurations() {
         try {
-            m_configurations.reload(MODULE_SENTREL);
-        } catch (const ConfigurationError& error) {
-            m_log.write(LOG_WARNING, fmt::format("the default log level holds for module {}: {}",
-                                                 static_cast<int>(MODULE_SENTREL), error.what()));
+            const ModuleConfiguration configuration = m_configurations.reload(MODULE_SENTREL);
+            if (configuration.noLevel) {
+                m_log.write(LOG_WARNING, fmt::format("configuration of module {}: {}", static_cast<int>(MODULE_SENTREL),
+                                                     configuration.description()));
+            }
+        } catch (const ConfigurationError&) {
+            // The log has it already, and the defaults hold.
         }
     }
 

@@ -19,6 +19,8 @@
 #include <array>
 #include <ctime>
 #include <iterator>
+#include <map>
+#include <set>
 #include <utility>
 
 namespace HVB::hub {
@@ -104,7 +106,7 @@ const sd_bus_vtable HubService::kVtable[] = {
     SD_BUS_VTABLE_END,
 };
 
-HubService::HubService(sd_event& event, LogStore& store, const ModuleConfigurations& configurations,
+HubService::HubService(sd_event& event, LogStore& store, ModuleConfigurations& configurations,
                        const HealthMonitor& monitor, const SystemLog& log)
     : m_event(event), m_store(store), m_configurations(configurations), m_monitor(monitor), m_log(log),
       m_trouble(log, "log records are stored again") {}
@@ -271,12 +273,21 @@ int HubService::onStatus(sd_bus_message* call, void* self, sd_bus_error* error) 
     return replyWithErrors(error, [&] { static_cast<HubService*>(self)->replyStatus(*call); });
 }
 
-void HubService::replyStatus(sd_bus_message& call) const {
+void HubService::replyStatus(sd_bus_message& call) {
+    const std::map<int, HealthBoard::Entry>& checked = m_monitor.board().entries();
+    const std::vector<int> configured = m_configurations.modules();
+    std::set<int> modules(configured.begin(), configured.end());
+    std::transform(checked.begin(), checked.end(), std::inserter(modules, modules.end()),
+                   [](const auto& one) { return one.first; });
     const bus::MessagePtr reply = newReply(call);
-    bus::check(sd_bus_message_open_container(reply.get(), 'a', "(iss)"), "cannot make a reply");
-    for (const auto& [moduleId, entry] : m_monitor.board().entries()) {
-        bus::check(sd_bus_message_append(reply.get(), "(iss)", moduleId, healthWord(entry.health),
-                                         isoTime(entry.since).c_str()),
+    bus::check(sd_bus_message_open_container(reply.get(), 'a', bus::kStatusEntry), "cannot make a reply");
+    for (const int moduleId : modules) {
+        const auto found = checked.find(moduleId);
+        const bool isChecked = found != checked.end();
+        bus::check(sd_bus_message_append(reply.get(), bus::kStatusEntry, moduleId,
+                                         isChecked ? healthWord(found->second.health) : bus::kStateUnknown,
+                                         isChecked ? isoTime(found->second.since).c_str() : "",
+                                         m_configurations.look(moduleId).c_str()),
                    "cannot make a reply");
     }
     bus::check(sd_bus_message_close_container(reply.get()), "cannot make a reply");

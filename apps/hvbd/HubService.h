@@ -21,8 +21,8 @@ namespace HVB::hub {
 /// Threads: the loop's. Owner: the program; what it was given outlives it.
 class HubService {
 public:
-    HubService(sd_event& event, LogStore& store, const ModuleConfigurations& configurations,
-               const HealthMonitor& monitor, const SystemLog& log);
+    HubService(sd_event& event, LogStore& store, ModuleConfigurations& configurations, const HealthMonitor& monitor,
+               const SystemLog& log);
     ~HubService();
     HubService(const HubService&) = delete;
     HubService& operator=(const HubService&) = delete;
@@ -58,12 +58,12 @@ private:
     void answerStored(const std::vector<PendingRecord>& batch, const std::vector<std::uint64_t>& ids);
     void writeLine(sd_bus_message& call) const;
     void replyRecords(sd_bus_message& call);
-    void replyStatus(sd_bus_message& call) const;
+    void replyStatus(sd_bus_message& call);
 
     // Constant after construction.
     sd_event& m_event;
     LogStore& m_store;
-    const ModuleConfigurations& m_configurations;
+    ModuleConfigurations& m_configurations;
     const HealthMonitor& m_monitor;
     const SystemLog& m_log;
     // Plain, single access.

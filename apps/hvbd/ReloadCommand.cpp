@@ -26,8 +26,8 @@ std::optional<std::string> ReloadCommand::reload(CommandData& data) const {
     try {
         const int moduleId = moduleOf(data);
         const ModuleConfiguration configuration = m_configurations.reload(moduleId);
-        m_log.write(LOG_INFO, fmt::format("configuration of module {} read again: syslog {}, level {}", moduleId,
-                                          configuration.syslogEnabled ? "on" : "off", levelWord(configuration.level)));
+        m_log.write(LOG_INFO,
+                    fmt::format("configuration of module {} read again: {}", moduleId, configuration.description()));
         return std::nullopt;
     } catch (const ConfigurationError& error) {
         // It can contain texts of the file.

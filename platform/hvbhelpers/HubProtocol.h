@@ -66,9 +66,12 @@ inline constexpr const char* kLogMessageSignature = "iayiiay";
 inline constexpr const char* kReadLogMember = "ReadLog";
 inline constexpr const char* kReadLogSignature = "tub";
 inline constexpr const char* kReadLogReplySignature = "a(txiiayayi)";
-// Status: nothing → the modules that hvbd has seen, each: id, state, since when (ISO 8601).
+// Status: nothing → the modules that hvbd has seen or has a configuration file of, each: id, state, since when (ISO
+// 8601, empty with the state "unknown"), why the module cannot use its configuration file (empty when it can).
 inline constexpr const char* kStatusMember = "Status";
-inline constexpr const char* kStatusReplySignature = "a(iss)";
+inline constexpr const char* kStatusReplySignature = "a(isss)";
+inline constexpr const char* kStatusEntry = "(isss)";
+inline constexpr const char* kStateUnknown = "unknown"; ///< hvbd has not checked the module yet
 // LogStored: the id of a record that ReadLog gives from now on. A signal of the hub's interface.
 inline constexpr const char* kLogStoredMember = "LogStored";
 inline constexpr const char* kLogStoredSignature = "t";

@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <mutex>
 #include <string_view>
 #include <system_error>
@@ -26,7 +27,7 @@
 namespace {
 
 [[noreturn]] void refuse(const std::string& path, std::string_view why) {
-    throw LibXmlError(Sentrel::text::printable(fmt::format("{}: {}", path, why)));
+    throw LibXmlError(Sentrel::text::printable(path), Sentrel::text::printable(why));
 }
 
 std::string_view textOf(const xmlChar* text) {
@@ -206,9 +207,16 @@ std::string whyUnreadable(const std::error_code& code, XmlFile::Links links) {
 std::string fileText(const std::string& path, XmlFile::Links links) {
     try {
         return Sentrel::readRegularFile(path, kMaxConfigFileBytes, Sentrel::FileAccess::Anybody, links);
+    } catch (const Sentrel::UnsafeFile&) {
+        refuse(path, "a symbolic link to a file that not every user may read");
     } catch (const std::system_error& error) {
         refuse(path, whyUnreadable(error.code(), links));
     }
+}
+
+/// The end of a reason that is to be looked for in a line; nothing when that is not known.
+std::string inLine(long line) {
+    return line > 0 ? fmt::format(", line {}", line) : "";
 }
 
 /// As it stands in the element's tags.
@@ -238,6 +246,7 @@ struct XmlFile::Document {
 
     XPathObjectPtr find(const char* xpath) const;
     const xmlNode& element(const char* xpath) const;
+    long lineOfGap(const char* xpath) const;
     std::string valueOf(const xmlNode& node, const char* xpath) const;
     std::string textWith(const xmlNode& node, const char* value) const;
 
@@ -266,13 +275,33 @@ XPathObjectPtr XmlFile::Document::find(const char* xpath) const {
 const xmlNode& XmlFile::Document::element(const char* xpath) const {
     const XPathObjectPtr found = find(xpath);
     const int count = countOf(*found);
-    if (count != 1 || found->nodesetval->nodeTab[0]->type != XML_ELEMENT_NODE) {
-        refuse(path, fmt::format("{}: finds {}", xpath,
-                                 count == 0   ? "nothing"
-                                 : count == 1 ? "no element"
-                                              : "several"));
+    if (count == 0) {
+        refuse(path, fmt::format("{}: finds nothing{}", xpath, inLine(lineOfGap(xpath))));
+    }
+    if (count > 1) {
+        refuse(path, fmt::format("{}: finds several{}", xpath, inLine(xmlGetLineNo(found->nodesetval->nodeTab[1]))));
+    }
+    if (found->nodesetval->nodeTab[0]->type != XML_ELEMENT_NODE) {
+        refuse(path, fmt::format("{}: finds no element", xpath));
     }
     return *found->nodesetval->nodeTab[0];
+}
+
+/// The line where the one parent of what @p xpath does not find ends: up to there it is missing. 0 when that is not
+/// known.
+long XmlFile::Document::lineOfGap(const char* xpath) const {
+    const std::string_view whole(xpath);
+    const std::size_t lastStep = whole.rfind('/');
+    if (findings.isConverted || lastStep == 0 || lastStep == std::string_view::npos) {
+        return 0;
+    }
+    try {
+        const xmlNode& parent = element(std::string(whole.substr(0, lastStep)).c_str());
+        const auto end = static_cast<std::ptrdiff_t>(findings.places.at(&parent).end);
+        return 1 + std::count(text.begin(), text.begin() + end, '\n');
+    } catch (const LibXmlError&) {
+        return 0; // what is left of it is no path to one element
+    }
 }
 
 std::string XmlFile::Document::valueOf(const xmlNode& node, const char* xpath) const {
@@ -281,7 +310,7 @@ std::string XmlFile::Document::valueOf(const xmlNode& node, const char* xpath) c
         if (part->type == XML_TEXT_NODE || part->type == XML_CDATA_SECTION_NODE) {
             value += textOf(part->content);
         } else if (part->type != XML_COMMENT_NODE) {
-            refuse(path, fmt::format("line {}: {} holds more than a text", xmlGetLineNo(part), xpath));
+            refuse(path, fmt::format("{}: holds more than a text{}", xpath, inLine(xmlGetLineNo(part))));
         }
     }
     return value;
@@ -314,11 +343,13 @@ std::string XmlFile::textAt(const char* xpath) const {
 }
 
 bool XmlFile::truthAt(const char* xpath) const {
-    const std::string value = textAt(xpath);
+    const xmlNode& element = m_document->element(xpath);
+    const std::string value = m_document->valueOf(element, xpath);
     const std::string_view word = trimmed(value);
     const bool isTrue = word == "true" || word == "1";
     if (!isTrue && word != "false" && word != "0") {
-        refuse(m_path, fmt::format("{}: \"{}\" is neither true nor false", xpath, word));
+        refuse(m_path,
+               fmt::format("{}: \"{}\" is neither true nor false{}", xpath, word, inLine(xmlGetLineNo(&element))));
     }
     return isTrue;
 }

@@ -3,6 +3,7 @@
 
 #include "base/FileReading.h"
 
+#include <cstddef>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -10,15 +11,23 @@
 /// A configuration file that cannot be used; the text says which, where and why, on one printable line.
 class LibXmlError : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
+    /// @param path and @param reason are printable.
+    LibXmlError(const std::string& path, const std::string& reason)
+        : std::runtime_error(path + ": " + reason), m_reasonAt(path.size() + 2) {}
+
+    /// The text without the file's name.
+    std::string reason() const { return what() + m_reasonAt; }
+
+private:
+    std::size_t m_reasonAt;
 };
 
 /// One XML document, held in memory from its construction on.
 /// Threads: one at a time; different documents at the same time. Owner: whoever built it.
 class XmlFile {
 public:
-    /// What to do where the file itself is a symbolic link; one among its directories is always followed. Refuse is for
-    /// reading what another user writes: through a link that user could point the reader at any file.
+    /// What to do where the file itself is a symbolic link; one among its directories is always followed. What another
+    /// user writes is not read with Follow: through a link that user could point the reader at any file.
     using Links = Sentrel::Links;
 
     /// Opens and parses the file at @p path. Nothing outside the file is read, and what is no file never blocks.

@@ -109,19 +109,31 @@ public:
         return found;
     }
 
-    /// The state that Status tells of a module; empty when it tells none.
-    std::string healthOf(int moduleId) {
-        const auto reply = call(*newCall("Status"));
-        HVB::bus::check(sd_bus_message_enter_container(reply.get(), 'a', "(iss)"), "enter");
+    /// What Status tells of a module.
+    struct ModuleStatus {
+        std::string state;
+        std::string since;
+        std::string problem;
+    };
+    std::optional<ModuleStatus> statusOf(int moduleId) {
+        const auto reply = call(*newCall(HVB::bus::kStatusMember));
+        HVB::bus::check(sd_bus_message_enter_container(reply.get(), 'a', HVB::bus::kStatusEntry), "enter");
         int id = 0;
         const char* state = nullptr;
         const char* since = nullptr;
-        while (sd_bus_message_read(reply.get(), "(iss)", &id, &state, &since) > 0) {
+        const char* problem = nullptr;
+        while (sd_bus_message_read(reply.get(), HVB::bus::kStatusEntry, &id, &state, &since, &problem) > 0) {
             if (id == moduleId) {
-                return state;
+                return ModuleStatus{state, since, problem};
             }
         }
-        return "";
+        return std::nullopt;
+    }
+
+    /// The state that Status tells of a module; empty when it tells none.
+    std::string healthOf(int moduleId) {
+        const auto status = statusOf(moduleId);
+        return status ? status->state : "";
     }
 
 private:

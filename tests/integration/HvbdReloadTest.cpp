@@ -3,6 +3,7 @@
 #include "tests/integration/HvbdModule.h"
 #include "tests/integration/HvbdSystemLog.h"
 #include "tests/support/AsUser.h"
+#include "tests/support/ConfigurationFiles.h"
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
@@ -39,14 +40,14 @@ TEST_F(AHubWithAModule, WritesUpToInformationWithoutAConfiguration) {
 class AHubWhoseReloadFails : public AHubWithAModule {
 protected:
     void SetUp() override {
-        configure("<LogLevel>error</LogLevel>");
+        configure("<SyslogEnable>true</SyslogEnable><LogLevel>error</LogLevel>");
         start();
-        configure("<LogLevel>debug</LogLevel>");
+        configure("<SyslogEnable>true</SyslogEnable><LogLevel>debug</LogLevel>");
     }
     void TearDown() override {
         EXPECT_EQ(levelsWritten(), "0");
         fs::remove_all(configuration);
-        configure("<LogLevel>debug</LogLevel>");
+        configure("<SyslogEnable>true</SyslogEnable><LogLevel>debug</LogLevel>");
         EXPECT_EQ(reload(), "done") << "and the next one that can be served is";
         EXPECT_EQ(levelsWritten(), "0123");
     }
@@ -79,9 +80,10 @@ TEST_F(AHubWhoseReloadFails, SaysThatTheFileIsMissingOrALinkOrNoFile) {
     fs::create_directory(configuration);
     expectFileRefused("not a regular file");
     fs::remove(configuration);
-    std::ofstream(root.file("other.xml")) << "<HVConfiguration><LogLevel>debug</LogLevel></HVConfiguration>";
+    std::ofstream(root.file("other.xml")) << "<HVConfiguration/>";
+    ASSERT_EQ(chmod(root.file("other.xml").c_str(), 0640), 0);
     fs::create_symlink(root.file("other.xml"), configuration);
-    expectFileRefused("a symbolic link, which is not followed here");
+    expectFileRefused("a symbolic link to a file that not every user may read");
 }
 
 TEST_F(AHubWhoseReloadFails, DoesNotWaitAtAPipeInTheFilesPlace) {
@@ -91,8 +93,10 @@ TEST_F(AHubWhoseReloadFails, DoesNotWaitAtAPipeInTheFilesPlace) {
 }
 
 TEST_F(AHubWhoseReloadFails, SaysWhatIsWrongInTheFile) {
-    configure("<LogLevel>loud\n</LogLevel>");
-    expectFileRefused("LogLevel is \"loud\\x0a\" and not one of the known levels");
+    configure("<SyslogEnable>perhaps\n</SyslogEnable>");
+    expectFileRefused("/HVConfiguration/SyslogEnable: \"perhaps\" is neither true nor false, line 1");
+    configure("<SyslogEnable>true</SyslogEnable>\n");
+    expectFileRefused("/HVConfiguration/LogLevel: finds nothing, line 2");
     configure("\n<LogLevel>debug");
     expectFileRefused("line 2: Opening and ending tag mismatch: LogLevel line 2 and HVConfiguration");
     std::ofstream(configuration) << "<!DOCTYPE a [<!ENTITY b 'debug'>]><HVConfiguration/>";
@@ -111,10 +115,69 @@ TEST_F(AHubWhoseReloadFails, SaysThatTheFileIsTooLargeOrNestsTooDeep) {
 }
 
 TEST_F(AHubWhoseReloadFails, CutsAReasonThatQuotesALongText) {
-    configure("<LogLevel>" + std::string(60'000, 'x') + "</LogLevel>");
+    configure("<SyslogEnable>" + std::string(60'000, 'x') + "</SyslogEnable>");
     const std::string reason = reload();
     EXPECT_EQ(reason.size(), 2048U);
-    EXPECT_THAT(reason, StartsWith(configuration + ": LogLevel is \"xxx"));
+    EXPECT_THAT(reason, StartsWith(configuration + ": /HVConfiguration/SyslogEnable: \"xxx"));
+}
+
+TEST_F(AHubWithAModule, SaysThatTheDefaultLevelHoldsForATextThatIsNone) {
+    configure("<SyslogEnable>true</SyslogEnable><LogLevel>Debug</LogLevel>");
+    start();
+    const std::string what = "syslog on, level information by default, since LogLevel is \"Debug\"\n";
+    EXPECT_EQ(lines("]: configuration of module 7: " + what), 1U) << hvbd->output();
+    EXPECT_EQ(levelsWritten(), "012");
+    EXPECT_EQ(reload(), "done");
+    EXPECT_EQ(lines("]: configuration of module 7 read again: " + what), 1U) << hvbd->output();
+}
+
+/// What Status says against the configuration of a module; a module that it does not name is a failure.
+std::string problemTold(HubClient client, int moduleId = HVB::MODULE_SENTREL) {
+    const auto told = client.statusOf(moduleId);
+    EXPECT_TRUE(told) << moduleId;
+    return told ? told->problem : "";
+}
+
+TEST_F(AHubWithAModule, TellsInStatusWhatTheFileComesToWhenItIsAsked) {
+    start({"--health-interval", "3600"});
+    for (int round = 0; round < 2; ++round) {
+        for (const ConfigurationFile& file : configurationFiles()) {
+            lay(file, configuration);
+            EXPECT_EQ(problemTold(client()), file.reason) << file.name;
+        }
+    }
+    EXPECT_EQ(levelsWritten(), "012") << "to look puts nothing into force";
+    const auto told = client().statusOf(HVB::MODULE_SENTREL);
+    ASSERT_TRUE(told);
+    EXPECT_EQ(told->state, "unknown") << "the module has never been there";
+    EXPECT_EQ(told->since, "");
+}
+
+TEST_F(AHubWithAModule, LogsOnceThatTheModuleCannotUseItsFile) {
+    start({"--health-interval", "3600"});
+    const std::string cannot = "]: module 7 cannot use its configuration " + configuration + ": ";
+    EXPECT_EQ(lines(cannot + "No such file or directory\n"), 1U) << "at the start";
+    EXPECT_EQ(problemTold(client()), "No such file or directory");
+    EXPECT_EQ(reload(), configuration + ": No such file or directory");
+    EXPECT_EQ(lines(cannot), 1U);
+    configure("<SyslogEnable>true</SyslogEnable>");
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(problemTold(client()), "/HVConfiguration/LogLevel: finds nothing, line 1");
+    }
+    EXPECT_EQ(lines(cannot + "/HVConfiguration/LogLevel: finds nothing, line 1\n"), 1U);
+    configure("<SyslogEnable>true</SyslogEnable><LogLevel>error</LogLevel>");
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(problemTold(client()), "");
+    }
+    EXPECT_EQ(lines("]: module 7 can use its configuration " + configuration + " again\n"), 1U);
+    EXPECT_EQ(lines(cannot), 2U) << hvbd->output();
+}
+
+TEST_F(AHubWithAModule, LooksAtTheFileInEachHealthRound) {
+    configure("<SyslogEnable>true</SyslogEnable><LogLevel>error</LogLevel>");
+    start({"--health-interval", "1"});
+    fs::remove(configuration);
+    EXPECT_TRUE(eventually([this] { return lines("]: module 7 cannot use its configuration ") == 1; }));
 }
 
 /// hvbd as a user of its own; whoever runs the test is the daemon's user and writes the file. Requires root.
@@ -135,12 +198,12 @@ protected:
 };
 
 TEST_F(AHubOfItsOwnUser, ReadsTheFileOfTheDaemonsUserAndSaysWhenItMayNot) {
-    configure("<LogLevel>error</LogLevel>");
+    configure("<SyslogEnable>true</SyslogEnable><LogLevel>error</LogLevel>");
     start();
     EXPECT_EQ(levelsWritten(), "0");
-    configure("<LogLevel>warning</LogLevel>");
+    configure("<SyslogEnable>true</SyslogEnable><LogLevel>warning</LogLevel>");
     EXPECT_EQ(reload(), "done");
-    configure("<LogLevel>debug</LogLevel>");
+    configure("<SyslogEnable>true</SyslogEnable><LogLevel>debug</LogLevel>");
     ASSERT_EQ(chmod(configuration.c_str(), 0600), 0);
     expectRefused(reload(), configuration + ": Permission denied");
     EXPECT_EQ(levelsWritten(), "01");
@@ -154,6 +217,7 @@ protected:
             GTEST_SKIP() << "only root can have a system log of its own; what reaches it was not tested";
         }
         m_systemLog.emplace(root.file("dev"));
+        configure("<SyslogEnable>true</SyslogEnable><LogLevel>information</LogLevel>");
         start();
         m_systemLog->lines();
     }
@@ -211,8 +275,8 @@ TEST_F(AHubWithASystemLog, GetsTheLinesOfEachConfigurationByTheTable) {
              Row{"<SyslogEnable>true</SyslogEnable><LogLevel>verbose</LogLevel>", HVB::LOG_LEVEL_DEBUG},
              Row{"<SyslogEnable>true</SyslogEnable><LogLevel>audit</LogLevel>", HVB::LOG_LEVEL_DEBUG},
              Row{"<SyslogEnable>true</SyslogEnable><LogLevel>alert</LogLevel>", HVB::LOG_LEVEL_DEBUG},
-             Row{"<LogLevel>warning</LogLevel>", HVB::LOG_LEVEL_WARNING},
-             Row{"<SyslogEnable>true</SyslogEnable>", HVB::LOG_LEVEL_INFORMATION},
+             Row{"<SyslogEnable>true</SyslogEnable><LogLevel>Debug</LogLevel>", HVB::LOG_LEVEL_INFORMATION},
+             Row{"<SyslogEnable>false</SyslogEnable>", -1},
          }) {
         configure(inside);
         ASSERT_EQ(reload(), "done") << inside;
@@ -221,11 +285,15 @@ TEST_F(AHubWithASystemLog, GetsTheLinesOfEachConfigurationByTheTable) {
 }
 
 TEST_F(AHubWithASystemLog, KeepsItsLevelWhenAReloadIsRefused) {
-    configure("<LogLevel>debug</LogLevel>");
+    configure("<SyslogEnable>true</SyslogEnable><LogLevel>debug</LogLevel>");
     ASSERT_EQ(reload(), "done");
     fs::remove(configuration);
     systemLog();
     const std::string reason = configuration + ": No such file or directory";
+    ASSERT_EQ(reload(), reason);
+    EXPECT_EQ(systemLog(),
+              (std::vector<std::string>{"28 module 7 cannot use its configuration " + reason,
+                                        "28 reload refused, the configuration in force stays: " + reason}));
     ASSERT_EQ(reload(), reason);
     EXPECT_EQ(systemLog(), std::vector<std::string>{"28 reload refused, the configuration in force stays: " + reason});
     EXPECT_EQ(reaching(), upTo(HVB::LOG_LEVEL_DEBUG));

@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <string>
 
 using namespace testing_support;
 using testing::ElementsAre;
@@ -173,6 +174,7 @@ private:
 
 class AHubThatChecksHealth : public AHubWithAModule {
 protected:
+    AHubThatChecksHealth() { configure("<SyslogEnable>true</SyslogEnable><LogLevel>information</LogLevel>"); }
     ~AHubThatChecksHealth() override {
         pulse.set(true, false);
         HVB::HVBCommBroker::releaseInstance();

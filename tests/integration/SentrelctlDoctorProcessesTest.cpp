@@ -96,7 +96,7 @@ TEST_F(AnInstallation, TellsTheHealthThatHvbdFound) {
     ASSERT_TRUE(eventually([&] { return finding("health").result == "failed"; }));
     const Finding gone = finding("health");
     EXPECT_TRUE(gone.what.starts_with("hvbd found sentreld gone at ")) << gone.what;
-    EXPECT_EQ(gone.advice, "Restart sentreld, unless it has just been started: hvbd checks every minute");
+    EXPECT_EQ(gone.advice, "Restart sentreld, unless it has just been started");
 }
 
 // What the processes leave behind.

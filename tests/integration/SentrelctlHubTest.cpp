@@ -12,6 +12,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -64,7 +65,10 @@ private:
 /// A private bus with hvbd on it, and sentrelctl beside them.
 class AHubClient : public testing::Test {
 protected:
-    AHubClient() : m_bus(std::in_place, m_root), m_hvbd(std::in_place, m_root) {}
+    AHubClient() : m_bus(std::in_place, m_root), m_hvbd(std::in_place, m_root) {
+        std::ofstream(m_configuration) << "<HVConfiguration><SyslogEnable>true</SyslogEnable>"
+                                          "<LogLevel>information</LogLevel></HVConfiguration>";
+    }
 
     CtlResult use(const std::vector<std::string>& arguments) { return ctl(m_root, arguments); }
 
@@ -121,6 +125,7 @@ protected:
     }
 
     PrivateRoot m_root;
+    const std::string m_configuration = m_root.hubConfigDirectory() + "/Sentrel/HVConfig.xml";
     std::optional<HubBus> m_bus;
     std::optional<Hvbd> m_hvbd;
 };
@@ -323,7 +328,32 @@ TEST_F(AHubClient, PingsAllThatAreRunning) {
         EXPECT_EQ(peer.at("state"), "running");
         EXPECT_TRUE(peer.at("time_us").is_number_unsigned());
         EXPECT_EQ(peer.at("error"), nullptr);
+        EXPECT_EQ(peer.at("problem"), nullptr);
     }
+}
+
+TEST_F(AHubClient, SaysThatTheDaemonAnswersButCannotUseItsConfiguration) {
+    std::ofstream(m_configuration) << "<HVConfiguration>\n<LogLevel>debug</LogLevel>\n</HVConfiguration>";
+    HVB::HVBCommBroker* broker = HVB::HVBCommBroker::getInstance(m_root.hubSocket());
+    broker->setHVId(HVB::MODULE_SENTREL);
+    broker->start(true);
+    const CtlResult result = use({"hub", "ping"});
+    const std::string problem =
+        "it cannot use " + m_configuration + ": /HVConfiguration/SyslogEnable: finds nothing, line 3";
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(withoutTimes(result.out), "bus       org.freedesktop.DBus      <duration>\n"
+                                        "hvbd      com.orvanta.hvb1.Hub      <duration>\n"
+                                        "sentreld  com.orvanta.hvb1.Module7  <duration>; " +
+                                            problem + "\n");
+    EXPECT_EQ(result.err,
+              "sentrelctl: not everybody can work: sentreld: " + problem + ". Mend that file, then try again.\n");
+    const nlohmann::json peers = nlohmann::json::parse(use({"hub", "ping", "-j"}).out);
+    HVB::HVBCommBroker::releaseInstance();
+    EXPECT_EQ(peers.at(1).at("problem"), nullptr);
+    EXPECT_EQ(peers.at(2).at("problem"), "/HVConfiguration/SyslogEnable: finds nothing, line 3");
+    EXPECT_EQ(peers.at(2).at("state"), "running");
+    EXPECT_EQ(peers.at(2).at("ok"), true) << "it answers";
+    EXPECT_EQ(use({"hub", "ping"}).code, 8) << "that it is not running is worse";
 }
 
 TEST_F(AHubClient, SaysWhoIsMissing) {

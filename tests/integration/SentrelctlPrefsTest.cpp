@@ -197,12 +197,22 @@ TEST_F(APreferenceClient, SaysThatTheDaemonCannotReadItsConfiguration) {
     m_machine.stopDaemon();
     std::filesystem::remove(m_machine.configurationFile());
     m_machine.launchDaemon();
-    ASSERT_TRUE(eventually([&] { return use({"hub", "ping"}).code == 0; }));
-    expectFailure(
-        use({"prefs", "show"}), 1,
-        "cannot read the preferences: the daemon: Reading log level information from HVConfig.xml failed. See "
-        "that the daemon's user can read " +
-            m_machine.configurationFile() + ", then try again");
+    const std::string problem = m_machine.configurationFile() + ": No such file or directory";
+    ASSERT_TRUE(eventually([&] { return use({"hub", "ping"}).code == 1; }));
+    EXPECT_EQ(use({"hub", "ping"}).err, "sentrelctl: not everybody can work: sentreld: it cannot use " + problem +
+                                            ". Mend that file, then try again.\n");
+    expectFailure(use({"prefs", "show"}), 1,
+                  "cannot read the preferences: the daemon: Reading log level information from HVConfig.xml failed; "
+                  "hvbd finds that the daemon cannot use " +
+                      problem + ". Mend that file, then try again");
+    if (canActAsOthers()) {
+        expectFailure(
+            use({"prefs", "show"}, "", kNobody), 1,
+            "cannot read the preferences: the daemon: Reading log level information from HVConfig.xml failed. "
+            "See that the daemon's user can read " +
+                m_machine.configurationFile() + ", then try again");
+        EXPECT_EQ(use({"hub", "ping"}, "", kNobody).code, 0) << "hvbd does not tell an ordinary user";
+    }
     m_machine.installConfiguration();
     EXPECT_EQ(does({"prefs", "show"}), kFirstValues) << "it is looked for anew each time";
 }

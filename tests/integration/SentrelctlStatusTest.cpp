@@ -169,9 +169,13 @@ TEST_F(AClientOfADaemon, SaysWhatToDoWhenTheVersionsCannotBeRead) {
     const CtlResult result = use({"about"});
     EXPECT_EQ(result.code, 1);
     EXPECT_TRUE(result.err.starts_with("sentrelctl: cannot read the versions: the daemon: ")) << result.err;
-    EXPECT_TRUE(result.err.ends_with(". See that the daemon's user can read " + m_machine.configurationFile() +
-                                     ", then try again.\n"))
+    EXPECT_TRUE(result.err.ends_with("; hvbd finds that the daemon cannot use " + m_machine.configurationFile() +
+                                     ": No such file or directory. Mend that file, then try again.\n"))
         << result.err;
+    m_machine.hub().terminate();
+    EXPECT_TRUE(use({"about"}).err.ends_with(". See that the daemon's user can read " + m_machine.configurationFile() +
+                                             ", then try again.\n"))
+        << "without hvbd";
 }
 
 // Debug logging.

@@ -114,16 +114,27 @@ std::vector<ModuleHealth> HubClient::moduleHealth() {
     if (sd_bus_message_has_signature(reply.get(), HVB::bus::kStatusReplySignature) <= 0) {
         throw HVB::HVBException(-EBADMSG, "the hub's answer is no list of modules");
     }
-    check(sd_bus_message_enter_container(reply.get(), 'a', "(iss)"), "reading the modules' health");
+    check(sd_bus_message_enter_container(reply.get(), 'a', HVB::bus::kStatusEntry), "reading the modules' health");
     std::vector<ModuleHealth> modules;
     int moduleId = 0;
     const char* state = nullptr;
     const char* since = nullptr;
-    while (const int found = sd_bus_message_read(reply.get(), "(iss)", &moduleId, &state, &since)) {
+    const char* problem = nullptr;
+    while (const int found =
+               sd_bus_message_read(reply.get(), HVB::bus::kStatusEntry, &moduleId, &state, &since, &problem)) {
         check(found, "reading the modules' health");
-        modules.push_back({moduleId, state, since});
+        modules.push_back({moduleId, state, since, problem});
     }
     return modules;
+}
+
+std::optional<ModuleHealth> HubClient::daemonHealth() {
+    for (ModuleHealth& module : moduleHealth()) {
+        if (module.moduleId == HVB::MODULE_SENTREL) {
+            return std::move(module);
+        }
+    }
+    return std::nullopt;
 }
 
 bool HubClient::publish(const HVB::EventData& event) {

@@ -16,8 +16,9 @@ namespace Sentrel::ctl {
 /// What hvbd knows of a module.
 struct ModuleHealth {
     int moduleId;
-    std::string state; ///< "well", "unwell", "silent" or "gone"
-    std::string since; ///< as 2026-01-31T08:30:00Z
+    std::string state; ///< "well", "unwell", "silent", "gone", or "unknown" while hvbd has not checked it
+    std::string since; ///< as 2026-01-31T08:30:00Z; empty when unknown
+    std::string configurationProblem; ///< why it cannot use its configuration file; empty when it can
 };
 
 /// One connection to the hub's bus. After any exception give it up.
@@ -37,6 +38,9 @@ public:
 
     /// What hvbd knows of the modules' health: only root, the administrators and hvbd's user may ask.
     std::vector<ModuleHealth> moduleHealth();
+
+    /// What hvbd knows of sentreld; none when it tells nothing of it.
+    std::optional<ModuleHealth> daemonHealth();
 
     /// Publishes @p event. The bus silently drops what its policy refuses, so this listens for its own event. @return
     /// false when the policy refuses this user.

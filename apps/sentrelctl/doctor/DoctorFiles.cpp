@@ -10,14 +10,15 @@
 // - The settings file is not opened while others can write into its directory: they may have put a journal beside it,
 //   and opening the file would apply it.
 // - What this user may not read is "unseen" and no fault, so needReadable() comes before each reading.
-// - The module configuration is checked for what the daemon or hvbd cannot do without, then for what only the about box
-//   misses. The first is a failure, the second a warning.
+// - The module configuration is read by the rules that hvbd goes by as well, which are the daemon's. A file that the
+//   daemon cannot use is a failure, all else a warning.
 #include "apps/sentrelctl/doctor/Doctor.h"
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "base/FileReading.h"
 #include "base/Paths.h"
 #include "platform/hvbagent/Fleet.h"
 #include "platform/hvbhelpers/BusConfiguration.h"
+#include "platform/hvbutils/LoggingConfiguration.h"
 #include "platform/hvbutils/XmlFile.h"
 
 #include <algorithm>
@@ -118,29 +119,6 @@ std::string problemOf(const Read& read) {
     }
 }
 
-/// What keeps the daemon or hvbd from using the file.
-std::vector<std::string> fatalProblemsOf(const XmlFile& document) {
-    constexpr std::array<const char*, 7> levels{"error",   "warning", "information", "debug",
-                                                "verbose", "audit",   "alert"};
-    std::vector<std::string> problems;
-    for (const std::string& problem :
-         {problemOf([&] {
-              document.truthAt("/HVConfiguration/SyslogEnable");
-              return std::string();
-          }),
-          problemOf([&] {
-              const std::string level = document.textAt("/HVConfiguration/LogLevel");
-              const bool isKnown = std::find(levels.begin(), levels.end(), level) != levels.end();
-              return isKnown ? std::string()
-                             : fmt::format("LogLevel is \"{}\" and none of {}", level, fmt::join(levels, ", "));
-          })}) {
-        if (!problem.empty()) {
-            problems.push_back(problem);
-        }
-    }
-    return problems;
-}
-
 std::vector<std::string> missingVersionsOf(const XmlFile& document) {
     std::vector<std::string> missing;
     for (const char* element : {"HVVersion", "BuildNumber", "PatchVersion", "ServicePack", "Hotfixes"}) {
@@ -155,6 +133,21 @@ std::vector<std::string> missingVersionsOf(const XmlFile& document) {
     return missing;
 }
 
+/// What the daemon or hvbd does without, in a file that the daemon can use; empty when that is nothing.
+std::string shortcomingOf(const XmlFile& document, const HVB::LoggingConfiguration& logging, bool isLink) {
+    if (isLink) {
+        return "is a symbolic link, which the daemon does not replace: debug logging cannot be switched";
+    }
+    if (logging.level == HVB::LogLevelWord::Unknown) {
+        return fmt::format(
+            "has the LogLevel \"{}\", which is none: the daemon takes it for debug logging off, hvbd for "
+            "information",
+            logging.text);
+    }
+    const std::vector<std::string> missing = missingVersionsOf(document);
+    return missing.empty() ? "" : fmt::format("has no {}: 'sentrelctl about' tells less", fmt::join(missing, ", "));
+}
+
 Diagnosis moduleConfiguration(double /*timeout*/) {
     constexpr const char* advice = "Mend it: an example, HVConfig.example.xml, comes with the package";
     const std::string path = paths::moduleConfiguration();
@@ -162,23 +155,15 @@ Diagnosis moduleConfiguration(double /*timeout*/) {
     if (!facts) {
         return missingFile(path, "Put one there: an example, HVConfig.example.xml, comes with the package");
     }
-    if (S_ISLNK(facts->st_mode)) {
-        return failed(path + " is a symbolic link, which hvbd does not follow", "Put the file itself there");
-    }
     needReadable(path);
     try {
-        const XmlFile document(path);
-        const std::vector<std::string> grave = fatalProblemsOf(document);
-        if (!grave.empty()) {
-            return failed(fmt::format("{}: {}", path, fmt::join(grave, "; ")), advice);
-        }
-        const std::vector<std::string> missing = missingVersionsOf(document);
-        if (!missing.empty()) {
-            return warning(fmt::format("{} has no {}: 'sentrelctl about' tells less", path, fmt::join(missing, ", ")),
-                           advice);
+        const XmlFile document = HVB::openModuleConfiguration(path);
+        const std::string shortcoming = shortcomingOf(document, HVB::loggingIn(document), S_ISLNK(facts->st_mode));
+        if (!shortcoming.empty()) {
+            return warning(path + " " + shortcoming, advice);
         }
     } catch (const LibXmlError& error) {
-        return failed(error.what(), advice);
+        return failed(std::string("the daemon cannot use ") + error.what(), advice);
     }
     return healthy(path + " is complete");
 }

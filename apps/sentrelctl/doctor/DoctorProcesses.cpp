@@ -32,6 +32,7 @@
 #include <fmt/format.h>
 #include <grp.h>
 #include <netdb.h>
+#include <optional>
 #include <system_error>
 #include <unistd.h>
 
@@ -176,24 +177,27 @@ bool isOk(Diagnosis (*check)(double), double timeout) {
 
 Diagnosis moduleHealth(double timeout) {
     needTheBus(timeout);
-    std::vector<ModuleHealth> modules;
+    std::optional<ModuleHealth> daemon;
     try {
-        modules = HubClient(paths::hubSocket(), timeout).moduleHealth();
+        daemon = HubClient(paths::hubSocket(), timeout).daemonHealth();
     } catch (const HVB::HVBException& error) {
         throw CannotSee(error.code() == -EACCES
                             ? "cannot be seen as this user: hvbd tells it to root and the administrators"
                             : "hvbd does not tell");
     }
-    const auto found = std::find_if(modules.begin(), modules.end(),
-                                    [](const ModuleHealth& module) { return module.moduleId == HVB::MODULE_SENTREL; });
-    if (found == modules.end()) {
-        throw CannotSee("hvbd has not checked sentreld yet; it does so every minute");
+    if (daemon && !daemon->configurationProblem.empty()) {
+        return failed(fmt::format("hvbd finds that sentreld cannot use {}: {}", paths::moduleConfiguration(),
+                                  daemon->configurationProblem),
+                      "Mend that file: 'module-configuration' above looks at it too");
     }
-    if (found->state != "well") {
-        return failed(fmt::format("hvbd found sentreld {} at {}", found->state, found->since),
-                      "Restart sentreld, unless it has just been started: hvbd checks every minute");
+    if (!daemon || daemon->state == HVB::bus::kStateUnknown) {
+        throw CannotSee("hvbd has not seen sentreld yet");
     }
-    return healthy(fmt::format("hvbd finds sentreld well since {}", found->since));
+    if (daemon->state != "well") {
+        return failed(fmt::format("hvbd found sentreld {} at {}", daemon->state, daemon->since),
+                      "Restart sentreld, unless it has just been started");
+    }
+    return healthy(fmt::format("hvbd finds sentreld well since {}", daemon->since));
 }
 
 // What the processes leave behind.

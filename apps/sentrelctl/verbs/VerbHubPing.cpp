@@ -7,7 +7,8 @@
 // - Each peer is asked on a connection of its own: after a peer that did not answer, a connection is of no more use.
 // - All rows are shown before the verb fails, and the exit code is the worst of the answers.
 // - A ping tells that the process reads its connection. The bus library answers it, so it does not tell that a command
-//   would succeed.
+//   would succeed. So hvbd is asked besides whether sentreld can use its configuration, without which it refuses
+//   commands; hvbd does not tell that to every user.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/HubClient.h"
 #include "apps/sentrelctl/terminal/Failure.h"
@@ -51,6 +52,7 @@ struct Answer {
     ExitCode code;
     const char* state;
     std::string error;
+    std::string problem; ///< why it cannot use its configuration; empty when it can, or nobody knows
 };
 
 const std::vector<Peer>& peers() {
@@ -83,10 +85,10 @@ const char* stateWord(ExitCode code) {
 Answer ask(const Peer& peer, double timeout) {
     try {
         HubClient hub(paths::hubSocket(), timeout);
-        return {peer, peer.ping(hub), ExitCode::Done, "running", ""};
+        return {peer, peer.ping(hub), ExitCode::Done, "running", "", ""};
     } catch (const HVB::HVBException& error) {
         const ExitCode code = exitCodeOfHub(error.code());
-        return {peer, std::nullopt, code, stateWord(code), error.message()};
+        return {peer, std::nullopt, code, stateWord(code), error.message(), ""};
     }
 }
 
@@ -97,28 +99,48 @@ std::vector<Answer> askAll(double timeout) {
         const bool isReachable = answers.empty() || answers.front().time.has_value();
         answers.push_back(
             isReachable ? ask(peer, timeout)
-                        : Answer{peer, std::nullopt, answers.front().code, "unknown", "the bus cannot be reached"});
+                        : Answer{peer, std::nullopt, answers.front().code, "unknown", "the bus cannot be reached", ""});
     }
     return answers;
 }
 
+/// What hvbd, when it answers, knows against the configuration of sentreld.
+std::string configurationProblem(double timeout) {
+    try {
+        const std::optional<ModuleHealth> daemon = HubClient(paths::hubSocket(), timeout).daemonHealth();
+        return daemon ? daemon->configurationProblem : "";
+    } catch (const HVB::HVBException&) {
+        return {}; // this user may not ask, or hvbd went away meanwhile
+    }
+}
+
+std::string problemText(const Answer& answer) {
+    return fmt::format("it cannot use {}: {}", paths::moduleConfiguration(), printable(answer.problem));
+}
+
 std::string answerText(const Answer& answer, const Palette& palette) {
     constexpr double microsecondsPerMillisecond = 1000;
-    const std::string state =
+    std::string state =
         answer.time ? fmt::format("{:.3f} ms", static_cast<double>(answer.time->count()) / microsecondsPerMillisecond)
                     : fmt::format("{}{}{}: {}", palette.alarm, answer.state, palette.plain, printable(answer.error));
+    if (!answer.problem.empty()) {
+        state += fmt::format("; {}{}{}", palette.alarm, problemText(answer), palette.plain);
+    }
     return fmt::format("{:<9} {:<25} {}\n", answer.peer.name, answer.peer.busName, state);
 }
 
 Json answerJson(const Answer& answer) {
-    return Json{
-        {"peer", answer.peer.name},      {"name", answer.peer.busName},
-        {"ok", answer.time.has_value()}, {"time_us", answer.time ? Json(answer.time->count()) : Json(nullptr)},
-        {"state", answer.state},         {"error", answer.time ? Json(nullptr) : Json(validUtf8(answer.error))}};
+    return Json{{"peer", answer.peer.name},
+                {"name", answer.peer.busName},
+                {"ok", answer.time.has_value()},
+                {"time_us", answer.time ? Json(answer.time->count()) : Json(nullptr)},
+                {"state", answer.state},
+                {"error", answer.time ? Json(nullptr) : Json(validUtf8(answer.error))},
+                {"problem", answer.problem.empty() ? Json(nullptr) : Json(validUtf8(answer.problem))}};
 }
 
 /// Returns the worst of the answers: "not running" counts as worse than "does not answer".
-void failUnlessAllAnswered(const std::vector<Answer>& answers) {
+void failUnlessAllAreFine(const std::vector<Answer>& answers) {
     for (const ExitCode code : {ExitCode::NotRunning, ExitCode::TimedOut, ExitCode::NoAccess, ExitCode::Failed}) {
         for (const Answer& answer : answers) {
             if (answer.code == code) {
@@ -128,10 +150,20 @@ void failUnlessAllAnswered(const std::vector<Answer>& answers) {
             }
         }
     }
+    for (const Answer& answer : answers) {
+        if (!answer.problem.empty()) {
+            throw Failure(ExitCode::Failed, "not everybody can work", answer.peer.name, problemText(answer),
+                          "Mend that file, then try again");
+        }
+    }
 }
 
 void hubPing(Session& session, const HubPingOptions& options) {
-    const std::vector<Answer> answers = askAll(options.timeout);
+    std::vector<Answer> answers = askAll(options.timeout);
+    const Answer& hvbd = answers.at(1);
+    if (hvbd.code == ExitCode::Done) {
+        answers.back().problem = configurationProblem(options.timeout);
+    }
     if (session.json == JsonMode::Off) {
         for (const Answer& answer : answers) {
             session.out.write(answerText(answer, session.palette));
@@ -143,7 +175,7 @@ void hubPing(Session& session, const HubPingOptions& options) {
         }
         session.out.write(jsonText(list, session.json));
     }
-    failUnlessAllAnswered(answers);
+    failUnlessAllAreFine(answers);
 }
 
 Work describePing(OptionSet& set, Session& session) {

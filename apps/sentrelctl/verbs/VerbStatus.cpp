@@ -5,10 +5,12 @@
 #include "apps/sentrelctl/verbs/StatusLayout.h"
 #include "base/Paths.h"
 #include "hub/HubIds.h"
+#include "platform/hvbhelpers/HubProtocol.h"
 
 #include <array>
 #include <cerrno>
 #include <memory>
+#include <optional>
 
 namespace Sentrel::ctl {
 namespace {
@@ -24,19 +26,15 @@ KnownHealth unknownHealth(std::string why) {
     return {"unknown", "", std::move(why)};
 }
 
-KnownHealth healthIn(const std::vector<ModuleHealth>& modules) {
-    for (const ModuleHealth& module : modules) {
-        if (module.moduleId == HVB::MODULE_SENTREL) {
-            return {module.state, module.since, ""};
-        }
-    }
-    return unknownHealth("hvbd has not checked it yet");
+KnownHealth healthIn(const std::optional<ModuleHealth>& daemon) {
+    const bool isChecked = daemon && daemon->state != HVB::bus::kStateUnknown;
+    return isChecked ? KnownHealth{daemon->state, daemon->since, ""} : unknownHealth("hvbd has not checked it yet");
 }
 
 /// The status is the daemon's answer; a hub that does not tell of its health takes nothing away from it.
 KnownHealth health(double timeout) {
     try {
-        return healthIn(HubClient(paths::hubSocket(), timeout).moduleHealth());
+        return healthIn(HubClient(paths::hubSocket(), timeout).daemonHealth());
     } catch (const HVB::HVBException& error) {
         switch (error.code()) {
         case -EACCES:

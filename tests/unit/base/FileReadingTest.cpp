@@ -119,6 +119,16 @@ TEST_F(APrivateFile, IsReadBehindALinkWhereThatIsAllowed) {
     EXPECT_THROW(readRegularFile(link, kMax, FileAccess::Anybody), std::system_error);
 }
 
+TEST_F(APrivateFile, IsNotReadBehindALinkThatLeadsToWhatOnlySomeMayRead) {
+    const std::string link = m_root.file("link");
+    ASSERT_EQ(::symlink(m_path.c_str(), link.c_str()), 0);
+    write("text", 0644);
+    EXPECT_EQ(readRegularFile(link, kMax, FileAccess::Anybody, Links::FollowToPublic), "text");
+    write("text", 0640);
+    EXPECT_THROW(readRegularFile(link, kMax, FileAccess::Anybody, Links::FollowToPublic), UnsafeFile);
+    EXPECT_EQ(readRegularFile(m_path, kMax, FileAccess::Anybody, Links::FollowToPublic), "text") << "which is no link";
+}
+
 /// A pipe, as standard input often is.
 class APipe : public ::testing::Test {
 protected:

@@ -1,6 +1,8 @@
 // A module's configuration file: what it may say, and what stays in force when it says something else. The files are
 // real.
 #include "apps/hvbd/ModuleConfiguration.h"
+#include "tests/support/ConfigurationFiles.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -9,14 +11,18 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 using namespace HVB;
 using namespace HVB::hub;
 
 namespace {
+
+const std::string kOn = "<SyslogEnable>true</SyslogEnable>";
 
 std::string document(const std::string& inside) {
     return "<?xml version=\"1.0\"?>\n<HVConfiguration>" + inside + "</HVConfiguration>\n";
@@ -47,8 +53,16 @@ protected:
     const std::string path = directory.file("HVConfig.xml");
 };
 
-TEST_F(AModuleConfiguration, IsInformationByDefault) {
-    EXPECT_EQ(parsed(""), (ModuleConfiguration{true, LOG_LEVEL_INFORMATION}));
+TEST_F(AModuleConfiguration, ComesToWhatTheTableOfFilesSays) {
+    for (const testing_support::ConfigurationFile& file : testing_support::configurationFiles()) {
+        lay(file, path);
+        try {
+            EXPECT_EQ(readModuleConfiguration(path).description(), file.inForce) << file.name;
+        } catch (const ConfigurationError& error) {
+            EXPECT_EQ(error.reason(), file.reason) << file.name;
+            EXPECT_EQ(error.what(), path + ": " + file.reason) << file.name;
+        }
+    }
 }
 
 TEST_F(AModuleConfiguration, TakesEachLevelByItsWord) {
@@ -59,15 +73,15 @@ TEST_F(AModuleConfiguration, TakesEachLevelByItsWord) {
                                       {"verbose", LOG_LEVEL_DEBUG},
                                       {"audit", LOG_LEVEL_DEBUG},
                                       {"alert", LOG_LEVEL_DEBUG}}) {
-        EXPECT_EQ(parsed("<LogLevel>" + std::string(word) + "</LogLevel>").level, level) << word;
+        EXPECT_EQ(parsed(kOn + "<LogLevel>" + std::string(word) + "</LogLevel>").level, level) << word;
     }
 }
 
 TEST_F(AModuleConfiguration, TakesASwitchWithBlanksAndTextsWithCommentsAndCharacterData) {
-    const auto configuration = parsed("<Other/><SyslogEnable> false\n</SyslogEnable>"
+    const auto configuration = parsed("<Other/><SyslogEnable> true\n</SyslogEnable>"
                                       "<LogLevel><!-- for a day --><![CDATA[debug]]></LogLevel>");
-    EXPECT_EQ(configuration, (ModuleConfiguration{false, LOG_LEVEL_DEBUG}));
-    EXPECT_TRUE(parsed("<SyslogEnable>1</SyslogEnable>").syslogEnabled);
+    EXPECT_EQ(configuration, (ModuleConfiguration{true, LOG_LEVEL_DEBUG}));
+    EXPECT_TRUE(parsed("<SyslogEnable>1</SyslogEnable><LogLevel>error</LogLevel>").syslogEnabled);
     EXPECT_FALSE(parsed("<SyslogEnable>0</SyslogEnable>").syslogEnabled);
 }
 
@@ -87,27 +101,24 @@ TEST_F(AModuleConfiguration, WantsLinesUpToItsLevelAndNoneWhenItIsOff) {
     EXPECT_FALSE((ModuleConfiguration{false, LOG_LEVEL_DEBUG}.wants(LOG_LEVEL_ERROR)));
 }
 
-TEST_F(AModuleConfiguration, IsRefusedWithTheReasonWhenItIsMalformed) {
-    EXPECT_EQ(refusal(document("<LogLevel>loud</LogLevel>")), "LogLevel is \"loud\" and not one of the known levels");
-    EXPECT_EQ(refusal(document("<LogLevel> debug</LogLevel>")),
-              "LogLevel is \" debug\" and not one of the known levels");
-    EXPECT_EQ(refusal(document("<LogLevel/>")), "LogLevel is \"\" and not one of the known levels");
-    EXPECT_EQ(refusal(document("<SyslogEnable>yes</SyslogEnable>")),
-              "/HVConfiguration/SyslogEnable: \"yes\" is neither true nor false");
-    EXPECT_EQ(refusal(document("<LogLevel><b>debug</b></LogLevel>")),
-              "line 2: /HVConfiguration/LogLevel holds more than a text");
-    EXPECT_EQ(refusal(document("<LogLevel>debug</LogLevel><LogLevel>error</LogLevel>")),
-              "/HVConfiguration/LogLevel: finds several");
-    EXPECT_EQ(refusal("<Other/>"), "the outermost element is not HVConfiguration");
-    EXPECT_EQ(refusal("<HVConfiguration>\n<LogLevel>\n</HVConfiguration>").substr(0, 8), "line 3: ");
-    EXPECT_EQ(refusal("").substr(0, 8), "line 1: ");
-    EXPECT_EQ(refusal(std::string("\0\1\2", 3)).substr(0, 8), "line 1: ");
+TEST_F(AModuleConfiguration, QuotesALevelThatIsNoneInShortAndPrintable) {
+    EXPECT_EQ(parsed(kOn + "<LogLevel>loud\n</LogLevel>").noLevel, "loud\\x0a");
+    EXPECT_EQ(parsed(kOn + "<LogLevel>" + std::string(60'000, 'x') + "</LogLevel>").noLevel,
+              std::string(61, 'x') + "…");
 }
 
-TEST_F(AModuleConfiguration, IsRefusedBehindALink) {
-    std::ofstream(directory.file("other.xml")) << document("<LogLevel>debug</LogLevel>");
-    std::filesystem::create_symlink(directory.file("other.xml"), path);
-    EXPECT_EQ(refusal(), "a symbolic link, which is not followed here");
+TEST_F(AModuleConfiguration, CutsAReasonThatQuotesALongText) {
+    const std::string reason = refusal(document("<SyslogEnable>" + std::string(60'000, 'x') + "</SyslogEnable>"));
+    EXPECT_EQ(reason.size(), 2048U);
+}
+
+TEST_F(AModuleConfiguration, IsRefusedBehindALinkToWhatOnlySomeMayRead) {
+    const std::string target = directory.file("other.xml");
+    std::ofstream(target) << document(kOn + "<LogLevel>debug</LogLevel>");
+    std::filesystem::create_symlink(target, path);
+    EXPECT_EQ(refusal(), "accepted");
+    ASSERT_EQ(chmod(target.c_str(), 0640), 0);
+    EXPECT_EQ(refusal(), "a symbolic link to a file that not every user may read");
 }
 
 TEST_F(AModuleConfiguration, IsRefusedWithADocumentType) {
@@ -122,7 +133,15 @@ class LoadedModuleConfigurations : public testing::Test {
 protected:
     LoadedModuleConfigurations() { write("<LogLevel>debug</LogLevel>"); }
 
-    void write(const std::string& inside) { std::ofstream(path) << document(inside); }
+    void write(const std::string& inside) { std::ofstream(path) << document(kOn + inside); }
+
+    /// Waits until a look may take the file for the same without reading it.
+    void rest() {
+        ASSERT_TRUE(testing_support::eventually([&] {
+            const std::optional<FileStamp> stamp = stampOf(path);
+            return stamp && hasRested(*stamp);
+        }));
+    }
 
     std::string refusedReload(int moduleId = MODULE_SENTREL) {
         try {
@@ -135,7 +154,10 @@ protected:
 
     testing_support::TemporaryDirectory directory;
     const std::string path = directory.file("HVConfig.xml");
-    ModuleConfigurations configurations{{{MODULE_SENTREL, path}}};
+    std::vector<std::string> told; ///< priority and line
+    ModuleConfigurations configurations{{{MODULE_SENTREL, path}}, [this](int priority, const std::string& line) {
+                                            told.push_back(std::to_string(priority) + " " + line);
+                                        }};
 };
 
 TEST_F(LoadedModuleConfigurations, HaveTheDefaultUntilTheFirstReload) {
@@ -147,8 +169,8 @@ TEST_F(LoadedModuleConfigurations, HaveTheDefaultUntilTheFirstReload) {
 
 TEST_F(LoadedModuleConfigurations, KeepWhatIsInForceWhenTheNewFileIsMalformed) {
     configurations.reload(MODULE_SENTREL);
-    write("<LogLevel>loud</LogLevel>");
-    EXPECT_EQ(refusedReload(), path + ": LogLevel is \"loud\" and not one of the known levels");
+    write("");
+    EXPECT_EQ(refusedReload(), path + ": /HVConfiguration/LogLevel: finds nothing, line 2");
     EXPECT_EQ(configurations.of(MODULE_SENTREL).level, LOG_LEVEL_DEBUG);
 }
 
@@ -194,13 +216,68 @@ TEST_F(LoadedModuleConfigurations, RefuseADirectoryAndAPipeInTheFilesPlace) {
 
 TEST_F(LoadedModuleConfigurations, RefuseAFileBeyondTheLimitAndTakeOneWithinIt) {
     constexpr std::size_t limit = std::size_t{64} << 10;
-    const std::size_t frame = document("<LogLevel>error</LogLevel>").size();
+    const std::size_t frame = document(kOn + "<LogLevel>error</LogLevel>").size();
     write("<LogLevel>error</LogLevel>" + std::string(limit - frame, ' '));
     ASSERT_EQ(std::filesystem::file_size(path), limit);
     EXPECT_EQ(refusedReload(), "accepted");
     write("<LogLevel>warning</LogLevel>" + std::string(limit - frame, ' '));
     EXPECT_EQ(refusedReload(), path + ": larger than 65536 bytes");
     EXPECT_EQ(configurations.of(MODULE_SENTREL).level, LOG_LEVEL_ERROR);
+}
+
+TEST_F(LoadedModuleConfigurations, TellOfATroubleOnceHoweverOftenItIsMet) {
+    configurations.reload(MODULE_SENTREL);
+    EXPECT_EQ(configurations.look(MODULE_SENTREL), "");
+    EXPECT_EQ(told, std::vector<std::string>()) << "a file that can be used is no news";
+    write("");
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(configurations.look(MODULE_SENTREL), "/HVConfiguration/LogLevel: finds nothing, line 2");
+        refusedReload();
+    }
+    std::filesystem::remove(path);
+    configurations.lookAtAll();
+    configurations.lookAtAll();
+    write("<LogLevel>error</LogLevel>");
+    configurations.lookAtAll();
+    configurations.lookAtAll();
+    EXPECT_EQ(told, (std::vector<std::string>{"4 module 7 cannot use its configuration " + path +
+                                                  ": /HVConfiguration/LogLevel: finds nothing, line 2",
+                                              "4 module 7 cannot use its configuration " + path +
+                                                  ": No such file or directory",
+                                              "5 module 7 can use its configuration " + path + " again"}));
+    EXPECT_EQ(configurations.of(MODULE_SENTREL).level, LOG_LEVEL_DEBUG) << "a look puts nothing into force";
+}
+
+TEST_F(LoadedModuleConfigurations, SeeEachChangeOfAFileThatHadRested) {
+    configurations.reload(MODULE_SENTREL);
+    rest();
+    EXPECT_EQ(configurations.look(MODULE_SENTREL), "");
+    const auto size = std::filesystem::file_size(path);
+    const auto time = std::filesystem::last_write_time(path);
+    write("<LogLevel>debug</LogLeve1>");
+    ASSERT_EQ(std::filesystem::file_size(path), size);
+    std::filesystem::last_write_time(path, time);
+    EXPECT_NE(configurations.look(MODULE_SENTREL), "") << "although size and time of writing are as before";
+    write("<LogLevel>debug</LogLevel>");
+    EXPECT_EQ(configurations.look(MODULE_SENTREL), "");
+    write("<LogLevel>debug</LogLeve1>");
+    EXPECT_NE(configurations.look(MODULE_SENTREL), "") << "right after another change";
+}
+
+TEST_F(LoadedModuleConfigurations, SeeAChangeBehindALink) {
+    const std::string target = directory.file("target.xml");
+    std::filesystem::rename(path, target);
+    std::filesystem::create_symlink(target, path);
+    EXPECT_EQ(configurations.look(MODULE_SENTREL), "");
+    rest();
+    EXPECT_EQ(configurations.look(MODULE_SENTREL), "");
+    std::ofstream(target) << "<HVConfiguration/>";
+    EXPECT_EQ(configurations.look(MODULE_SENTREL), "/HVConfiguration/SyslogEnable: finds nothing, line 1");
+}
+
+TEST_F(LoadedModuleConfigurations, KnowNothingAgainstAModuleWithoutAFile) {
+    EXPECT_EQ(configurations.look(42), "");
+    EXPECT_EQ(configurations.modules(), std::vector<int>{MODULE_SENTREL});
 }
 
 } // namespace

@@ -70,15 +70,35 @@ TEST_F(AConfigFile, ThrowsWhereAnXPathDoesNotFindOneElementWithAText) {
     write("<HVConfiguration><A n='1'>x</A><B/><B/></HVConfiguration>");
     const XmlFile file(path);
     const auto error = [&](const char* xpath) { return errorOf([&] { file.textAt(xpath); }); };
-    EXPECT_EQ(error("/HVConfiguration/C"), path + ": /HVConfiguration/C: finds nothing");
-    EXPECT_EQ(error("/HVConfiguration/B"), path + ": /HVConfiguration/B: finds several");
+    EXPECT_EQ(error("/HVConfiguration/C"), path + ": /HVConfiguration/C: finds nothing, line 1");
+    EXPECT_EQ(error("/HVConfiguration/B"), path + ": /HVConfiguration/B: finds several, line 1");
     EXPECT_EQ(error("/HVConfiguration/A/@n"), path + ": /HVConfiguration/A/@n: finds no element");
     EXPECT_EQ(error("count(/HVConfiguration/B)"), path + ": count(/HVConfiguration/B): finds nothing");
-    EXPECT_EQ(error("/HVConfiguration"), path + ": line 1: /HVConfiguration holds more than a text");
+    EXPECT_EQ(error("/HVConfiguration"), path + ": /HVConfiguration: holds more than a text, line 1");
     EXPECT_EQ(error("/HVConfiguration/["), path + ": /HVConfiguration/[: Invalid expression");
     EXPECT_THAT(error("nosuch(/)"), StartsWith(path + ": nosuch(/): "));
     EXPECT_THAT(error("/x:A"), StartsWith(path + ": /x:A: "));
     EXPECT_EQ(error(nullptr), path + ": no XPath was given");
+}
+
+TEST_F(AConfigFile, SaysInWhichLineAnElementIsMissingOrTooMuch) {
+    write("<HVConfiguration>\n<A>x</A>\n<B/>\n<B/>\n<S>\n<T/></S><U>no</U>\n</HVConfiguration\n>\n");
+    const XmlFile file(path);
+    const auto reason = [&](const char* xpath) {
+        try {
+            file.truthAt(xpath);
+        } catch (const LibXmlError& error) {
+            return error.reason();
+        }
+        return std::string("accepted");
+    };
+    EXPECT_EQ(reason("/HVConfiguration/C"), "/HVConfiguration/C: finds nothing, line 8") << "where its parent ends";
+    EXPECT_EQ(reason("/HVConfiguration/S/C"), "/HVConfiguration/S/C: finds nothing, line 6");
+    EXPECT_EQ(reason("/HVConfiguration/B"), "/HVConfiguration/B: finds several, line 4") << "the second is too much";
+    EXPECT_EQ(reason("/HVConfiguration/S"), "/HVConfiguration/S: holds more than a text, line 6");
+    EXPECT_EQ(reason("/HVConfiguration/U"), "/HVConfiguration/U: \"no\" is neither true nor false, line 6");
+    EXPECT_EQ(reason("/Other/C"), "/Other/C: finds nothing");
+    EXPECT_EQ(reason("/HVConfiguration/B/C"), "/HVConfiguration/B/C: finds nothing") << "there are two parents";
 }
 
 TEST_F(AConfigFile, TellsWhetherAnXPathFindsAnything) {
@@ -156,6 +176,19 @@ TEST_F(AConfigFile, BehindALinkIsRefusedForWhoDoesNotFollowLinks) {
               link + ": a symbolic link, which is not followed here");
     EXPECT_EQ(XmlFile(path, noLinks).textAt(kLevel), "information");
     EXPECT_EQ(XmlFile(linkedDirectory + "/HVConfig.xml", noLinks).textAt(kLevel), "information");
+}
+
+TEST_F(AConfigFile, BehindALinkIsReadByAnotherUserWhenEverybodyMayReadIt) {
+    const std::string link = directory + "/link.xml";
+    std::filesystem::create_symlink(path, link);
+    const auto toPublic = XmlFile::Links::FollowToPublic;
+    EXPECT_EQ(XmlFile(link, toPublic).textAt(kLevel), "information");
+    ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+    EXPECT_EQ(errorOf([&] { const XmlFile file(link, toPublic); }),
+              link + ": a symbolic link to a file that not every user may read");
+    EXPECT_EQ(XmlFile(path, toPublic).textAt(kLevel), "information") << "which is no link";
+    std::filesystem::remove(path);
+    EXPECT_EQ(errorOf([&] { const XmlFile file(link, toPublic); }), link + ": No such file or directory");
 }
 
 TEST_F(AConfigFile, OfExactlyTheLargestSizeIsReadAndOneByteMoreIsRefused) {

@@ -1,5 +1,7 @@
 // What the controller makes of its two files when it is first asked for.
 #include "hub/Exceptions.h"
+#include "platform/hvbutils/LoggingConfiguration.h"
+#include "tests/support/ConfigurationFiles.h"
 #include "tests/unit/store/PreferenceFixture.h"
 
 #include <fstream>
@@ -207,6 +209,30 @@ TEST_F(AControllerThatLoads, ThrowsForAConfigurationWithoutItsElements) {
     EXPECT_THROW(controller(), HVB::HVBException);
     std::ofstream(configurationFile()) << "<HVConfiguration><LogLevel>debug</LogLevel></HVConfiguration>";
     EXPECT_THROW(controller(), HVB::HVBException);
+}
+
+/// The verdict of whoever reads for another program must be the daemon's, file by file.
+TEST_F(AControllerThatLoads, MakesOfEachConfigurationWhatTheSharedReaderDoes) {
+    for (const ConfigurationFile& file : configurationFiles()) {
+        lay(file, configurationFile());
+        bool isUsable = true;
+        bool isDebugging = false;
+        try {
+            isDebugging = restarted().getDebugLoggingStatus();
+        } catch (const HVB::HVBException&) {
+            isUsable = false;
+        }
+        EXPECT_EQ(isUsable, file.isUsable) << file.name;
+        EXPECT_EQ(isDebugging, file.isDebugging) << file.name;
+        try {
+            EXPECT_EQ(HVB::loggingIn(HVB::openModuleConfiguration(configurationFile())).isDebugging(), isDebugging)
+                << file.name;
+            EXPECT_TRUE(isUsable) << file.name;
+        } catch (const LibXmlError& error) {
+            EXPECT_FALSE(isUsable) << file.name;
+            EXPECT_EQ(error.reason(), file.reason) << file.name;
+        }
+    }
 }
 
 TEST_F(AControllerThatLoads, HasDebugLoggingOffWhenTheSystemLogIsOff) {

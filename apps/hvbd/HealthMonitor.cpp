@@ -1,9 +1,15 @@
-// Who is well: every module on the bus is asked at each interval.
+// Who is well: every module is asked when it comes to the bus, and at each interval.
 //
-// A timer starts a round: the bus's list of names gives the modules that are there, and each gets one asynchronous
-// call with a deadline. A module whose last call is still under way is not asked again. An error that says that the
-// name has no owner means gone; any other error, a malformed answer and the deadline mean silent. The board keeps what
-// is known of each and says what is news, and only news gets a line in the system log.
+// The bus tells when a module's name gets or loses its owner. The subscription stands before the first list of names is
+// asked for, and the bus works in order: who is not in the list is told of later. A module that comes is asked at once.
+// It may have its name before it can answer, so an error in its first seconds only has it asked again. A name that goes
+// to another process is a new module: what was asked of the old one is dropped.
+//
+// The rounds are for modules that change, and the safety net: a timer starts one, the bus's list of names gives the
+// modules that are there, and each gets one asynchronous call with a deadline. A module whose last call is still under
+// way is not asked again. An error that says that the name has no owner means gone; any other error, a malformed answer
+// and the deadline mean silent. The board keeps what is known of each and says what is news, and only news gets a line
+// in the system log.
 //
 // All of this runs on the one loop. When the bus is lost, all that is under way is dropped with the connection. The
 // timer counts time asleep too, so that a machine that wakes up is checked soon.
@@ -15,6 +21,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -60,40 +67,76 @@ HealthMonitor::~HealthMonitor() = default;
 
 void HealthMonitor::connected(sd_bus& bus) {
     m_bus = &bus;
-    startTimer(std::min(m_interval, kFirstHealthCheck));
+    watchNames();
+    listModules(Absent::MayCome);
+    m_timer = timer(m_board.entries().empty() ? m_interval : std::min(m_interval, kFirstHealthCheck), onTimer, this);
 }
 
 void HealthMonitor::lost() noexcept {
     m_timer.reset();
+    m_names.reset();
     m_listing.reset();
     m_checks.clear();
     m_bus = nullptr;
 }
 
-void HealthMonitor::startTimer(microseconds pause) {
+SourcePtr HealthMonitor::timer(microseconds pause, sd_event_time_handler_t handler, void* data) {
     constexpr std::uint64_t accuracy = 100'000; // microseconds; lets the kernel join wake-ups
     sd_event_source* source = nullptr;
     bus::check(sd_event_add_time_relative(&m_event, &source, CLOCK_BOOTTIME, static_cast<std::uint64_t>(pause.count()),
-                                          accuracy, onTimer, this),
+                                          accuracy, handler, data),
                "cannot set a timer");
-    m_timer.reset(source);
+    return SourcePtr(source);
 }
 
 int HealthMonitor::onTimer(sd_event_source* /*source*/, std::uint64_t /*usec*/, void* self) {
     auto& monitor = *static_cast<HealthMonitor*>(self);
     return logAndIgnore(monitor.m_log, kDoing, [&] {
-        monitor.startTimer(monitor.m_interval);
+        monitor.m_timer = monitor.timer(monitor.m_interval, onTimer, self);
         monitor.m_eachRound();
-        monitor.listModules();
+        monitor.listModules(Absent::AreGone);
     });
 }
 
-void HealthMonitor::listModules() {
+void HealthMonitor::watchNames() {
+    // With the sender, since anybody may send a signal of this name to this connection.
+    constexpr const char* rule = "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+                                 "interface='org.freedesktop.DBus',member='NameOwnerChanged',"
+                                 "arg0namespace='com.orvanta.hvb1'";
+    sd_bus_slot* slot = nullptr;
+    bus::check(sd_bus_add_match(m_bus, &slot, rule, onOwnerChanged, this), "cannot watch the modules' names");
+    m_names.reset(slot);
+}
+
+int HealthMonitor::onOwnerChanged(sd_bus_message* signal, void* self, sd_bus_error* /*error*/) {
+    auto& monitor = *static_cast<HealthMonitor*>(self);
+    return logAndIgnore(monitor.m_log, kDoing, [&] { monitor.takeOwnerChange(*signal); });
+}
+
+void HealthMonitor::takeOwnerChange(sd_bus_message& signal) {
+    const char* name = nullptr;
+    const char* before = nullptr;
+    const char* now = nullptr;
+    bus::check(sd_bus_message_read(&signal, "sss", &name, &before, &now), "cannot read whose name changed");
+    const std::optional<int> moduleId = moduleIdOf(name);
+    if (!moduleId || *moduleId == MODULE_HUB) {
+        return;
+    }
+    m_checks.erase(*moduleId); // it asks a process that has the name no more
+    if (*now == '\0') {
+        note(*moduleId, Health::Gone, "");
+    } else {
+        startCheck(*moduleId, std::chrono::steady_clock::now() + kNewcomerTime);
+    }
+}
+
+void HealthMonitor::listModules(Absent absent) {
     sd_bus_slot* slot = nullptr;
     bus::check(sd_bus_call_method_async(m_bus, &slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                         "org.freedesktop.DBus", "ListNames", onNames, this, nullptr),
                "cannot list the modules");
     m_listing.reset(slot);
+    m_absent = absent;
 }
 
 int HealthMonitor::onNames(sd_bus_message* reply, void* self, sd_bus_error* /*error*/) {
@@ -108,45 +151,57 @@ int HealthMonitor::onNames(sd_bus_message* reply, void* self, sd_bus_error* /*er
 
 void HealthMonitor::checkAll(sd_bus_message& names) {
     const std::set<int> modules = modulesAmong(names);
-    for (const HealthNews& news : m_board.notePresent(modules, std::chrono::system_clock::now())) {
-        tell(news);
+    const bool isRound = m_absent == Absent::AreGone;
+    if (isRound) {
+        for (const HealthNews& news : m_board.notePresent(modules, std::chrono::system_clock::now())) {
+            tell(news);
+        }
     }
     for (const int moduleId : modules) {
-        // With a short interval a check may still be under way; its deadline comes.
-        if (m_checks.find(moduleId) == m_checks.end()) {
-            checkOne(moduleId);
+        // One may be under way: the module has just come, or the interval is short. Its deadline comes.
+        const auto check = m_checks.find(moduleId);
+        if (check == m_checks.end() || !check->second.isUnderWay()) {
+            startCheck(moduleId, isRound ? Time() : std::chrono::steady_clock::now() + kNewcomerTime);
         }
     }
 }
 
-void HealthMonitor::checkOne(int moduleId) {
-    const bus::MessagePtr call = bus::newCall(*m_bus, bus::moduleName(moduleId), bus::modulePath(moduleId),
-                                              bus::kModuleInterface, bus::kHealthCheckMember);
+void HealthMonitor::startCheck(int moduleId, Time newcomerUntil) {
     Check& check = m_checks[moduleId];
     check.monitor = this;
     check.moduleId = moduleId;
+    check.newcomerUntil = newcomerUntil;
+    ask(check);
+}
+
+void HealthMonitor::ask(Check& check) {
+    const int moduleId = check.moduleId;
+    const bus::MessagePtr call = bus::newCall(*m_bus, bus::moduleName(moduleId), bus::modulePath(moduleId),
+                                              bus::kModuleInterface, bus::kHealthCheckMember);
     const microseconds deadline = std::min(m_interval, kHealthCheckDeadline);
     sd_bus_slot* slot = nullptr;
-    const int result =
-        sd_bus_call_async(m_bus, &slot, call.get(), onAnswer, &check, static_cast<std::uint64_t>(deadline.count()));
-    if (result < 0) {
-        m_checks.erase(moduleId);
-    }
-    bus::check(result, "cannot ask module " + std::to_string(moduleId));
+    bus::check(
+        sd_bus_call_async(m_bus, &slot, call.get(), onAnswer, &check, static_cast<std::uint64_t>(deadline.count())),
+        "cannot ask module " + std::to_string(moduleId));
     check.slot.reset(slot);
 }
 
 int HealthMonitor::onAnswer(sd_bus_message* reply, void* userdata, sd_bus_error* /*error*/) {
     const auto& check = *static_cast<Check*>(userdata);
     HealthMonitor& monitor = *check.monitor;
-    const int moduleId = check.moduleId;
+    return logAndIgnore(monitor.m_log, kDoing, [&] { monitor.takeAnswer(check.moduleId, *reply); });
+}
+
+int HealthMonitor::onAgain(sd_event_source* /*source*/, std::uint64_t /*usec*/, void* userdata) {
+    auto& check = *static_cast<Check*>(userdata);
+    HealthMonitor& monitor = *check.monitor;
     return logAndIgnore(monitor.m_log, kDoing, [&] {
-        monitor.m_checks.erase(moduleId);
-        monitor.judge(moduleId, *reply);
+        check.again.reset();
+        monitor.ask(check);
     });
 }
 
-void HealthMonitor::judge(int moduleId, sd_bus_message& reply) {
+void HealthMonitor::takeAnswer(int moduleId, sd_bus_message& reply) {
     Health health = Health::Silent;
     std::string detail;
     int well = 0;
@@ -158,6 +213,17 @@ void HealthMonitor::judge(int moduleId, sd_bus_message& reply) {
     } else {
         detail = "its answer is malformed";
     }
+    Check& check = m_checks.at(moduleId);
+    check.slot.reset();
+    if (health == Health::Silent && std::chrono::steady_clock::now() < check.newcomerUntil) {
+        check.again = timer(kNewcomerPause, onAgain, &check);
+        return;
+    }
+    m_checks.erase(moduleId);
+    note(moduleId, health, detail);
+}
+
+void HealthMonitor::note(int moduleId, Health health, const std::string& detail) {
     if (const auto news = m_board.note(moduleId, health, detail, std::chrono::system_clock::now())) {
         tell(*news);
     }

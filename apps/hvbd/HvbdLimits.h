@@ -38,8 +38,12 @@ inline constexpr std::chrono::seconds kFileRest{1};
 
 /// A module that has not answered its health check by then, or by the next check, counts as silent.
 inline constexpr std::chrono::seconds kHealthCheckDeadline{5};
-/// After hvbd came to the bus the modules get this long to come as well.
+/// After hvbd came back to the bus the modules get this long to come as well, before they count as gone.
 inline constexpr std::chrono::seconds kFirstHealthCheck{5};
+/// A module that has just come and answers with an error is asked again for this long, with this pause. Only then does
+/// it count as silent.
+inline constexpr std::chrono::seconds kNewcomerTime{5};
+inline constexpr std::chrono::milliseconds kNewcomerPause{250};
 
 /// How long one try to reach the bus may hold up the loop.
 inline constexpr std::chrono::milliseconds kConnectTimeout{1000};

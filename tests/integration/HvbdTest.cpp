@@ -9,6 +9,7 @@
 
 #include <condition_variable>
 #include <cstring>
+#include <limits>
 #include <mutex>
 #include <string>
 
@@ -222,6 +223,172 @@ TEST_F(AHubThatChecksHealth, LogsThatAModuleIsGoneAndThatItIsBack) {
     EXPECT_TRUE(becomes("well"));
     EXPECT_EQ(lines("module 7 is gone from the bus"), 1U);
     EXPECT_EQ(lines("module 7 is back and is well\n"), 1U);
+}
+
+/// hvbd whose rounds are an hour apart: what it learns here, the bus has told it.
+class AHubThatHearsOfModules : public AHubThatChecksHealth {
+protected:
+    void startHub() { start({"--health-interval", "3600"}); }
+
+    /// Takes the module's name on a connection of its own, and answers its health checks only when it is told to.
+    struct BareModule {
+        explicit BareModule(const std::string& socketPath) : connection(bus::openBus(socketPath, patience())) {
+            bus::check(sd_bus_add_object(connection.get(), nullptr, bus::modulePath(HVB::MODULE_SENTREL).c_str(),
+                                         answer, this),
+                       "serve");
+        }
+        void takeName(std::uint64_t flags = 0) {
+            bus::check(sd_bus_request_name(connection.get(), bus::moduleName(HVB::MODULE_SENTREL).c_str(), flags),
+                       "take the name");
+        }
+        /// Answers what has come.
+        void work() {
+            while (sd_bus_process(connection.get(), nullptr) > 0) {
+            }
+        }
+        static int answer(sd_bus_message* call, void* self, sd_bus_error* error) {
+            auto& module = *static_cast<BareModule*>(self);
+            if (sd_bus_message_is_method_call(call, bus::kModuleInterface, bus::kHealthCheckMember) <= 0) {
+                return 0;
+            }
+            if (module.holds) {
+                module.held.reset(sd_bus_message_ref(call));
+                return 1;
+            }
+            if (++module.asked <= module.errors) {
+                return sd_bus_error_set(error, bus::kErrorUnknownCommand, "not yet");
+            }
+            return sd_bus_reply_method_return(call, "b", module.isWell ? 1 : 0);
+        }
+
+        bus::BusPtr connection;
+        int asked = 0;
+        int errors = 0; ///< how many of the first questions are answered with an error
+        bool isWell = true;
+        bool holds = false;   ///< keeps a question instead of answering it
+        bus::MessagePtr held; ///< such a question
+    };
+};
+
+TEST_F(AHubThatHearsOfModules, KnowsAtOnceThatAModuleHasComeAndGone) {
+    startHub();
+    EXPECT_EQ(client().healthOf(HVB::MODULE_SENTREL), "unknown");
+    startModule();
+    EXPECT_TRUE(becomes("well"));
+    HVB::HVBCommBroker::releaseInstance();
+    EXPECT_TRUE(becomes("gone"));
+    startModule();
+    EXPECT_TRUE(becomes("well"));
+    EXPECT_EQ(lines("module 7 is well\n"), 1U);
+    EXPECT_EQ(lines("module 7 is gone from the bus\n"), 1U);
+    EXPECT_EQ(lines("module 7 is back and is well\n"), 1U);
+    EXPECT_EQ(lines("]: module 7 is "), 3U) << hvbd->output();
+}
+
+TEST_F(AHubThatHearsOfModules, KnowsAModuleThatWasThereBefore) {
+    startModule();
+    startHub();
+    EXPECT_TRUE(becomes("well"));
+}
+
+TEST_F(AHubThatHearsOfModules, AsksAModuleAgainThatHasItsNameBeforeItCanAnswer) {
+    startHub();
+    BareModule module(root.hubSocket());
+    module.errors = 3;
+    module.takeName();
+    HubClient caller = client();
+    EXPECT_TRUE(eventually([&] {
+        module.work();
+        return caller.healthOf(HVB::MODULE_SENTREL) == "well";
+    }));
+    EXPECT_EQ(module.asked, 4);
+    EXPECT_EQ(lines("module 7 does not answer"), 0U) << hvbd->output();
+}
+
+TEST_F(AHubThatHearsOfModules, FindsAModuleSilentThatGoesOnAnsweringWithAnError) {
+    startHub();
+    BareModule module(root.hubSocket());
+    module.errors = std::numeric_limits<int>::max();
+    module.takeName();
+    HubClient caller = client();
+    EXPECT_TRUE(eventually([&] {
+        module.work();
+        return caller.healthOf(HVB::MODULE_SENTREL) == "silent";
+    }));
+    EXPECT_EQ(lines("module 7 does not answer its health check: not yet\n"), 1U) << hvbd->output();
+}
+
+TEST_F(AHubThatHearsOfModules, AsksTheProcessThatTakesTheNameOver) {
+    startHub();
+    BareModule first(root.hubSocket());
+    BareModule second(root.hubSocket());
+    second.isWell = false;
+    HubClient caller = client();
+    const auto isTold = [&](const std::string& state) {
+        return eventually([&] {
+            first.work();
+            second.work();
+            return caller.healthOf(HVB::MODULE_SENTREL) == state;
+        });
+    };
+    first.takeName(SD_BUS_NAME_ALLOW_REPLACEMENT);
+    EXPECT_TRUE(isTold("well"));
+    second.takeName(SD_BUS_NAME_REPLACE_EXISTING);
+    EXPECT_TRUE(isTold("unwell"));
+    EXPECT_EQ(first.asked, 1);
+    EXPECT_EQ(second.asked, 1);
+    EXPECT_EQ(lines("is gone from the bus"), 0U) << "the name was never free";
+}
+
+TEST_F(AHubThatHearsOfModules, DropsTheQuestionToAProcessThatHasLostTheName) {
+    startHub();
+    BareModule first(root.hubSocket());
+    first.holds = true;
+    first.isWell = false;
+    first.takeName(SD_BUS_NAME_ALLOW_REPLACEMENT);
+    ASSERT_TRUE(eventually([&] {
+        first.work();
+        return first.held != nullptr;
+    }));
+    BareModule second(root.hubSocket());
+    second.takeName(SD_BUS_NAME_REPLACE_EXISTING);
+    HubClient caller = client();
+    EXPECT_TRUE(eventually([&] {
+        second.work();
+        return caller.healthOf(HVB::MODULE_SENTREL) == "well";
+    }));
+    bus::check(sd_bus_reply_method_return(first.held.get(), "b", 0), "answer late");
+    // The bus has passed the answer on when it answers this.
+    bus::call(*first.connection,
+              *bus::newCall(*first.connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                            "GetId"),
+              patience());
+    EXPECT_EQ(caller.healthOf(HVB::MODULE_SENTREL), "well");
+    EXPECT_EQ(lines("]: module 7 "), 1U) << hvbd->output();
+}
+
+TEST_F(AHubThatHearsOfModules, KnowsThatAModuleIsGoneThatNeverAnswered) {
+    startHub();
+    {
+        BareModule module(root.hubSocket());
+        module.takeName();
+    }
+    EXPECT_TRUE(becomes("gone"));
+    EXPECT_EQ(lines("module 7 is gone from the bus\n"), 1U) << hvbd->output();
+}
+
+TEST_F(AHubThatHearsOfModules, HearsOfThemAgainAfterTheBusCameBack) {
+    startHub();
+    startModule();
+    EXPECT_TRUE(becomes("well"));
+    bus->kill9();
+    ASSERT_TRUE(eventually([this] { return lines("went away; hvbd tries to reach it again") == 1; }));
+    bus->restart();
+    ASSERT_TRUE(eventually([this] { return lines("is back\n") == 1; }));
+    HVB::HVBCommBroker::releaseInstance();
+    EXPECT_TRUE(becomes("gone"));
+    startModule();
+    EXPECT_TRUE(becomes("well"));
 }
 
 TEST_F(AHubWithAModule, ComesBackWithItsNamesWhenTheBusComesBack) {

@@ -1,3 +1,9 @@
+// hvbd from its first line in the log to its last: the parts are made in the order in which they may use each other,
+// and go in the opposite one.
+//
+// The loop on the main thread serves the bus, the store and the health rounds. The broker beside it has threads of its
+// own, which call the reload command. A bus that is missing at the start ends hvbd, with advice on standard error; one
+// that goes away later is waited for.
 #include "apps/hvbd/HubProcess.h"
 
 #include "apps/hvbd/CallbackGuard.h"

@@ -116,6 +116,19 @@ TEST_F(AModuleConfiguration, ComesToTheSameForTheDaemonForHvbdAndForTheDoctor) {
     }
 }
 
+TEST_F(AModuleConfiguration, FailsWhenTheDaemonsUserCannotReadIt) {
+    if (!canActAsOthers()) {
+        GTEST_SKIP() << "only root can give files away";
+    }
+    setMode(m_path, 0640);
+    EXPECT_EQ(finding("module-configuration").result, "ok");
+    giveToNobody(kShared);
+    expectFailed("module-configuration", "the daemon's user nobody cannot read " + m_path + ": it is root's, mode 0640",
+                 "chown nobody " + m_path);
+    giveToNobody(m_path);
+    EXPECT_EQ(finding("module-configuration").result, "ok");
+}
+
 TEST_F(AModuleConfiguration, IsAWarningWithoutAVersion) {
     replace("<Hotfixes> </Hotfixes>", "");
     expectWarning("module-configuration", m_path + " has no Hotfixes: 'sentrelctl about' tells less", m_advice);

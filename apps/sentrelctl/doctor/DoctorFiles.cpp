@@ -133,6 +133,35 @@ std::vector<std::string> missingVersionsOf(const XmlFile& document) {
     return missing;
 }
 
+/// The right for the owner, for the group and for others.
+struct RightBits {
+    mode_t owner;
+    mode_t group;
+    mode_t others;
+};
+constexpr RightBits kMayRead{S_IRUSR, S_IRGRP, S_IROTH};
+constexpr RightBits kMayWrite{S_IWUSR, S_IWGRP, S_IWOTH};
+
+/// Whether the mode gives @p uid this right: what else may give or forbid it is not looked at.
+bool mayByMode(const struct stat& facts, uid_t uid, const RightBits& right) {
+    if (uid == 0) {
+        return true;
+    }
+    if (facts.st_uid == uid) {
+        return (facts.st_mode & right.owner) != 0;
+    }
+    const passwd* const entry = ::getpwuid(uid);
+    constexpr int most = 1024;
+    std::vector<gid_t> groups(most);
+    int count = most;
+    if (entry == nullptr || ::getgrouplist(entry->pw_name, entry->pw_gid, groups.data(), &count) < 0) {
+        count = 0;
+    }
+    groups.resize(static_cast<std::size_t>(count));
+    const bool isMember = std::find(groups.begin(), groups.end(), facts.st_gid) != groups.end();
+    return (facts.st_mode & (isMember ? right.group : right.others)) != 0;
+}
+
 /// What the daemon or hvbd does without, in a file that the daemon can use; empty when that is nothing.
 std::string shortcomingOf(const XmlFile& document, const HVB::LoggingConfiguration& logging, bool isLink) {
     if (isLink) {
@@ -148,12 +177,27 @@ std::string shortcomingOf(const XmlFile& document, const HVB::LoggingConfigurati
     return missing.empty() ? "" : fmt::format("has no {}: 'sentrelctl about' tells less", fmt::join(missing, ", "));
 }
 
+/// What is wrong with the rights to a file that the daemon reads; none when nothing is.
+std::optional<Diagnosis> unreadableForDaemon(const std::string& path) {
+    struct stat facts {};
+    const std::optional<uid_t> daemon = daemonUser();
+    if (!daemon || ::stat(path.c_str(), &facts) != 0 || mayByMode(facts, *daemon, kMayRead)) {
+        return std::nullopt;
+    }
+    return failed(fmt::format("the daemon's user {} cannot read {}: it is {}'s, {}", userName(*daemon), path,
+                              userName(facts.st_uid), modeText(facts)),
+                  fmt::format("chown {} {}", userName(*daemon), path));
+}
+
 Diagnosis moduleConfiguration(double /*timeout*/) {
     constexpr const char* advice = "Mend it: an example, HVConfig.example.xml, comes with the package";
     const std::string path = paths::moduleConfiguration();
     const std::optional<struct stat> facts = factsOf(path);
     if (!facts) {
         return missingFile(path, "Put one there: an example, HVConfig.example.xml, comes with the package");
+    }
+    if (std::optional<Diagnosis> unreadable = unreadableForDaemon(path)) {
+        return *unreadable;
     }
     needReadable(path);
     try {
@@ -168,26 +212,6 @@ Diagnosis moduleConfiguration(double /*timeout*/) {
     return healthy(path + " is complete");
 }
 
-/// Whether @p uid may make files in a directory, by its mode: what else may forbid it is not looked at.
-bool mayWrite(const struct stat& directory, uid_t uid) {
-    if (uid == 0) {
-        return true;
-    }
-    if (directory.st_uid == uid) {
-        return (directory.st_mode & S_IWUSR) != 0;
-    }
-    const passwd* const entry = ::getpwuid(uid);
-    constexpr int most = 1024;
-    std::vector<gid_t> groups(most);
-    int count = most;
-    if (entry == nullptr || ::getgrouplist(entry->pw_name, entry->pw_gid, groups.data(), &count) < 0) {
-        count = 0;
-    }
-    groups.resize(static_cast<std::size_t>(count));
-    const bool isMember = std::find(groups.begin(), groups.end(), directory.st_gid) != groups.end();
-    return (directory.st_mode & (isMember ? S_IWGRP : S_IWOTH)) != 0;
-}
-
 Diagnosis debugSwitch(double /*timeout*/) {
     const std::string directory = directoryOf(paths::moduleConfiguration());
     const std::optional<struct stat> facts = factsOf(directory);
@@ -196,7 +220,7 @@ Diagnosis debugSwitch(double /*timeout*/) {
         throw CannotSee("the directories of the configuration and of the daemon are not both there");
     }
     const std::string name = userName(*daemon);
-    if (!mayWrite(*facts, *daemon)) {
+    if (!mayByMode(*facts, *daemon, kMayWrite)) {
         return warning(fmt::format("the daemon's user {} cannot replace files in {}: debug logging cannot be switched",
                                    name, directory),
                        fmt::format("chown {} {}, if debug logging is to be switched on this machine", name, directory));

@@ -233,6 +233,8 @@ TEST_F(ADaemon, ReloadsThePluginsOnSigusr2) {
 }
 
 TEST_F(ADaemon, AnswersTheHubsHealthCheck) {
+    const char* asked = "VXHVBAgentWrapper - Product is in unmanaged mode";
+    ASSERT_TRUE(eventually([&] { return machine.traced(asked) == 1; })) << "hvbd asks when the daemon has come";
     const HVB::bus::Deadline deadline = patience();
     const HVB::bus::BusPtr bus = HVB::bus::openBus(machine.bus().socketPath(), deadline);
     const auto request = HVB::bus::newCall(*bus, "com.orvanta.hvb1.Module7", "/com/orvanta/hvb1/Module7",
@@ -241,7 +243,7 @@ TEST_F(ADaemon, AnswersTheHubsHealthCheck) {
     int well = 0;
     ASSERT_GT(sd_bus_message_read(reply.get(), "b", &well), 0);
     EXPECT_EQ(well, 1);
-    EXPECT_EQ(machine.traced("VXHVBAgentWrapper - Product is in unmanaged mode"), 1U);
+    EXPECT_EQ(machine.traced(asked), 2U);
 }
 
 TEST_F(ADaemon, LivesThroughADeadBusAndReportsWhenItIsBack) {

@@ -9,6 +9,7 @@
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Machine.h"
+#include "tests/support/ProcessMemory.h"
 #include "tests/support/UnixSocket.h"
 
 #include <fmt/format.h>
@@ -140,16 +141,6 @@ std::uint64_t newestId(Machine& machine) {
     return id;
 }
 
-long residentKilobytes(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with("VmRSS:")) {
-            return std::stol(line.substr(6));
-        }
-    }
-    throw std::runtime_error("no VmRSS");
-}
-
 void row(const std::string& figure, const std::string& measured, const std::string& limit, double ratio) {
     fmt::print("| {} | {} | {} | {:.2f} |\n", figure, measured, limit, ratio);
     std::fflush(stdout);
@@ -169,7 +160,7 @@ void measureStart(Machine& machine) {
     row("start to listening, looked at every 2 ms", fmt::format("{:.1f} ms", start.count()),
         fmt::format("hub's answer {:.1f} ms + {} ms", hub.count(), allowed), start.count() / (hub.count() + allowed));
     constexpr double mostIdle = 12 * 1024;
-    const auto idle = static_cast<double>(residentKilobytes(machine.daemon().pid()));
+    const auto idle = static_cast<double>(processKilobytes(machine.daemon().pid()));
     row("idle resident memory", fmt::format("{:.1f} MiB", idle / 1024), "12 MiB", idle / mostIdle);
 }
 
@@ -211,9 +202,9 @@ void measureStorm(Machine& machine, int rounds) {
 
 void measureGrowth(Machine& machine, const Sizes& sizes) {
     sendRecords(machine.eventSocket(), sizes.early);
-    const long early = residentKilobytes(machine.daemon().pid());
+    const long early = processKilobytes(machine.daemon().pid());
     sendRecords(machine.eventSocket(), sizes.late - sizes.early);
-    const long late = residentKilobytes(machine.daemon().pid());
+    const long late = processKilobytes(machine.daemon().pid());
     row(fmt::format("resident memory after {} events beyond that after {}", sizes.late, sizes.early),
         fmt::format("{} KiB ({} KiB in all)", late - early, late), "1024 KiB",
         static_cast<double>(late - early) / 1024);

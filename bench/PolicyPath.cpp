@@ -15,6 +15,7 @@
 #include "tests/support/MqttBroker.h"
 #include "tests/support/MqttObserver.h"
 #include "tests/support/Preferences.h"
+#include "tests/support/ProcessMemory.h"
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -307,18 +308,6 @@ void runClients(int first, int count, int port, const std::string& directory) {
     }
 }
 
-/// What a process holds in memory now.
-long residentKilobytes(pid_t pid) {
-    std::ifstream status(fmt::format("/proc/{}/status", pid));
-    for (std::string line; std::getline(status, line);) {
-        constexpr std::string_view name = "VmRSS:";
-        if (line.starts_with(name)) {
-            return std::stol(line.substr(name.size()));
-        }
-    }
-    throw std::runtime_error("a process of clients has ended");
-}
-
 /// The processes of clients. They end with this object.
 class Fleet {
 public:
@@ -353,7 +342,7 @@ public:
     }
 
     int clients() const { return m_clients; }
-    long kilobytes(std::size_t process) const { return residentKilobytes(m_processes.at(process).pid()); }
+    long kilobytes(std::size_t process) const { return processKilobytes(m_processes.at(process).pid()); }
     void end() {
         for (ChildProcess& process : m_processes) {
             require(process.terminate() == 0, "clients do not end well: " + process.output());

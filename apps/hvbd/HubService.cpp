@@ -34,8 +34,8 @@ std::string_view readTextBytes(sd_bus_message& message, const char* what) {
     if (size % sizeof(wchar_t) != 0) {
         throw BadMessage(fmt::format("the {} has {} bytes, which is no whole number of wide characters", what, size));
     }
-    if (size > bus::kMaxPayloadBytes) {
-        throw BadMessage(fmt::format("the {} has {} bytes; {} is the most", what, size, bus::kMaxPayloadBytes));
+    if (size > bus::kMaxTextBytes) {
+        throw BadMessage(fmt::format("the {} has {} bytes; {} is the most", what, size, bus::kMaxTextBytes));
     }
     return {static_cast<const char*>(data), size};
 }

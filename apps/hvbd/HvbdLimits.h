@@ -24,7 +24,7 @@ inline constexpr std::int64_t kMaxWalBytes = std::int64_t{32} << 20;
 
 /// One ReadLog reply: so many records, and so many bytes of text (but always one record, however long).
 inline constexpr std::uint32_t kMaxReadRecords = 1000;
-inline constexpr std::size_t kMaxReadBytes = std::size_t{4} << 20;
+inline constexpr std::size_t kMaxReadBytes = std::size_t{512} << 10;
 
 /// One line to the system log, in bytes of UTF-8 without the head that names the module. What is longer is cut.
 inline constexpr std::size_t kMaxLogLineBytes = 2048;

@@ -336,7 +336,7 @@ std::vector<StoredRecord> LogStore::select(std::uint64_t after, std::uint32_t li
     Sentrel::StatementUse rows(newest ? m_connection->last : m_connection->first);
     rows->bind(1, static_cast<std::int64_t>(std::min(after, lastId)));
     rows->bind(2, std::int64_t{std::min(limit, kMaxReadRecords)});
-    rows->bind(3, static_cast<std::int64_t>(bus::kMaxPayloadBytes));
+    rows->bind(3, static_cast<std::int64_t>(bus::kMaxTextBytes));
     std::vector<StoredRecord> records;
     std::size_t bytes = 0;
     while (rows->step()) {

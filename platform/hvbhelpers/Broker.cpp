@@ -110,6 +110,7 @@ void Broker::sendEvent(const EventData& event) {
 
 CommandMessage Broker::outgoing(const CommandData& data) {
     CommandMessage command{data, outgoingPayload(data)};
+    m_files.moveOut(command.payload, bus::kMaxPayloadBytes);
     BasicCommandData& header = command.header;
     header.m_sourceId = header.m_sourceId < 0 ? m_moduleId.load() : header.m_sourceId;
     header.m_sequence = ++m_sequence;
@@ -149,7 +150,7 @@ void Broker::sendAndGoOn(const CommandMessage& command, std::chrono::seconds tim
         const auto job = [this, header, reply = std::move(reply)](bool deliver) mutable {
             runResponse(header, reply, deliver);
         };
-        if (!m_workers.post(CallbackWorkers::Lane::Call, bytes, job)) {
+        if (!m_workers.post(CallbackWorkers::Lane::Administrators, {}, bytes, job)) {
             traceComm("the answer to a command was dropped: too much waits");
         }
     };
@@ -157,7 +158,8 @@ void Broker::sendAndGoOn(const CommandMessage& command, std::chrono::seconds tim
 }
 
 void Broker::sendResponse(const CommandResult& result) {
-    const ReplyMessage reply{result.m_bSucceeded, result.m_bValid, outgoingPayload(result)};
+    ReplyMessage reply{result.m_bSucceeded, result.m_bValid, outgoingPayload(result)};
+    m_files.moveOut(reply.payload, bus::kMaxReplyPayloadBytes);
     m_link.reply(
         result.m_commandData.m_token, [&](sd_bus_message& message) { fill(message, reply); }, callDeadline());
 }
@@ -195,22 +197,24 @@ const char* Broker::whyNotTaken() const {
 
 LinkReceiver Broker::receiver() {
     LinkReceiver receiver;
-    receiver.command = [this](CommandMessage&& command) -> const char* {
+    receiver.command = [this](CommandMessage&& command, CallbackWorkers::Lane lane,
+                              const Sender& sender) -> const char* {
         const std::size_t bytes = command.payload.bytes();
-        const bool taken = m_workers.post(
-            CallbackWorkers::Lane::Call, bytes,
-            [this, command = std::move(command)](bool deliver) mutable { runCommand(command, deliver); });
+        const bool taken =
+            m_workers.post(lane, sender, bytes, [this, command = std::move(command)](bool deliver) mutable {
+                runCommand(command, deliver);
+            });
         return taken ? nullptr : whyNotTaken();
     };
     receiver.healthCheck = [this](std::uint64_t token) -> const char* {
-        const bool taken = m_workers.post(CallbackWorkers::Lane::Call, 0,
+        const bool taken = m_workers.post(CallbackWorkers::Lane::Health, {}, 0,
                                           [this, token](bool deliver) { runHealthCheck(token, deliver); });
         return taken ? nullptr : whyNotTaken();
     };
     receiver.event = [this](EventMessage&& event) {
         const std::size_t bytes = event.payload.bytes();
         const bool taken =
-            m_workers.post(CallbackWorkers::Lane::Event, bytes,
+            m_workers.post(CallbackWorkers::Lane::Event, {}, bytes,
                            [this, event = std::move(event)](bool deliver) mutable { runEvent(event, deliver); });
         if (!taken) {
             traceComm("an event was dropped: too much waits");

@@ -67,6 +67,7 @@ private:
     std::atomic<std::int32_t> m_sequence{0};
     std::atomic<bool> m_ended{false};
     CallbackWorkers m_workers;
+    PayloadFiles m_files;
     ConnectionPool m_pool;
     DeliveryLink m_link;
 

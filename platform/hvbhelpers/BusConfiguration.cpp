@@ -21,8 +21,6 @@
 namespace HVB::bus {
 namespace {
 
-constexpr const char* kDriver = "org.freedesktop.DBus";
-
 struct Limit {
     const char* name;
     std::size_t value;
@@ -35,15 +33,17 @@ constexpr std::array kLimits{
     Limit{"auth_timeout", 500}, // milliseconds
     Limit{"max_incomplete_connections", 1000},
     // One user cannot use up what all share.
-    Limit{"max_connections_per_user", 64}, Limit{"max_completed_connections", 4096},
+    Limit{"max_connections_per_user", 16}, Limit{"max_completed_connections", 4096},
     Limit{"max_message_size", kMaxMessageBytes},
     // What waits for one receiver. The message that crosses the line is still taken.
-    Limit{"max_outgoing_bytes", 8 * kMiB},
+    Limit{"max_outgoing_bytes", kMiB / 2},
     // What one sender has on its way to all receivers. It must be far above what the receivers of one user can leave
     // unread: otherwise they silence a module by not reading its replies.
     Limit{"max_incoming_bytes", 2048 * kMiB},
-    // The bus lets nobody in when it may hold no descriptor at all, so one; but no message may carry any.
-    Limit{"max_incoming_unix_fds", 1}, Limit{"max_outgoing_unix_fds", 1}, Limit{"max_message_unix_fds", 0},
+    // A message carries one when its payload is a file. Who only reads may send none (allowCall). What one sender has
+    // on its way
+    // is far above what others leave unread, as with the bytes.
+    Limit{"max_message_unix_fds", 1}, Limit{"max_outgoing_unix_fds", 1}, Limit{"max_incoming_unix_fds", 512},
     Limit{"max_match_rules_per_connection", 64}, Limit{"max_names_per_connection", 8},
     Limit{"max_replies_per_connection", 64},
     // Above the longest wait for a command (45 s).
@@ -85,9 +85,11 @@ public:
 
     void allow(const std::string& attributes) { line("    <allow " + attributes + "/>"); }
 
-    void allowCall(const std::string& destination, const std::string& interface, const std::string& member) {
+    /// @param mayCarryFile whether the call may take a payload in a file along.
+    void allowCall(const std::string& destination, const std::string& interface, const std::string& member,
+                   bool mayCarryFile = false) {
         allow("send_destination=\"" + destination + "\" send_interface=\"" + interface + "\" send_member=\"" + member +
-              "\" send_type=\"method_call\"");
+              "\" send_type=\"method_call\"" + (mayCarryFile ? "" : " max_fds=\"0\""));
     }
     void allowSignals(const char* interface) {
         allow("send_type=\"signal\" send_interface=\"" + std::string(interface) + "\"");
@@ -103,7 +105,8 @@ private:
 void allowCommands(Writer& out, bool administrators) {
     for (const Sentrel::CommandInfo& command : Sentrel::kCommands) {
         if (administrators || command.access == Sentrel::CommandAccess::Everyone) {
-            out.allowCall(moduleName(command.receiver), kModuleInterface, commandMember(command.id));
+            out.allowCall(moduleName(command.receiver), kModuleInterface, commandMember(command.id),
+                          command.access == Sentrel::CommandAccess::Administrators);
         }
     }
 }
@@ -116,8 +119,8 @@ void allowDriver(Writer& out, std::initializer_list<const char*> members) {
 
 /// Looking around: harmless, and what busctl's list and introspect need. Who is connected is no secret; what passes is.
 void allowLookingAround(Writer& out) {
-    allowDriver(
-        out, {"AddMatch", "RemoveMatch", "GetNameOwner", "NameHasOwner", "GetId", "ListNames", "ListActivatableNames"});
+    allowDriver(out, {"Hello", "AddMatch", "RemoveMatch", "GetNameOwner", "NameHasOwner", "GetId", "ListNames",
+                      "ListActivatableNames"});
     out.allowCall(kDriver, "org.freedesktop.DBus.Introspectable", "Introspect");
     out.allowCall(kDriver, "org.freedesktop.DBus.Peer", "Ping");
     for (const std::string& name : {moduleName(MODULE_SENTREL), moduleName(MODULE_HUB), std::string(kHubName)}) {
@@ -159,7 +162,7 @@ void writeRoot(Writer& out) {
 void writeDaemon(Writer& out, const std::string& user) {
     out.open("user", user);
     out.allowOwn(moduleName(MODULE_SENTREL));
-    allowDriver(out, {"RequestName", "ReleaseName"});
+    allowDriver(out, {"RequestName", "ReleaseName", kGetConnectionUnixUserMember});
     allowCommands(out, true);
     for (const char* member : {kLogMember, kLogMessageMember, kReadLogMember}) {
         out.allowCall(kHubName, kHubInterface, member);

@@ -65,8 +65,8 @@ BusPtr newConnection(const std::string& socketPath) {
     BusPtr bus(raw);
     check(sd_bus_set_address(raw, busAddress(socketPath).c_str()), "cannot set the hub's path");
     check(sd_bus_set_bus_client(raw, 1), "cannot make a connection");
-    // No message of the hub carries a descriptor, and its bus passes none.
-    check(sd_bus_negotiate_fds(raw, 0), "cannot make a connection");
+    // A large payload is a memory file.
+    check(sd_bus_negotiate_fds(raw, 1), "cannot make a connection");
     return bus;
 }
 
@@ -257,7 +257,7 @@ bool isStillUsable(sd_bus& bus, const CallError& error) {
 
 void appendText(sd_bus_message& message, std::wstring_view text) {
     const std::string_view bytes = asBytes(text);
-    if (bytes.size() > kMaxPayloadBytes) {
+    if (bytes.size() > kMaxTextBytes) {
         throw HVBException(-EMSGSIZE, "a text of " + std::to_string(bytes.size()) + " bytes is too large for the hub");
     }
     check(sd_bus_message_append_array(&message, 'y', bytes.data(), bytes.size()), "cannot fill a message");

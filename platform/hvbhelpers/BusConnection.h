@@ -83,7 +83,7 @@ MessagePtr callAlone(sd_bus& bus, sd_bus_message& request, Deadline deadline);
 /// Whether a connection on which call threw @p error can take the next call.
 bool isStillUsable(sd_bus& bus, const CallError& error);
 
-/// Appends a wide text as an array of bytes. @throws HVBException with -EMSGSIZE beyond kMaxPayloadBytes.
+/// Appends a wide text as an array of bytes. @throws HVBException with -EMSGSIZE beyond kMaxTextBytes.
 void appendText(sd_bus_message& message, std::wstring_view text);
 
 /// Reads the array of bytes that stands next as a wide text.

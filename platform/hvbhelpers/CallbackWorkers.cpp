@@ -12,27 +12,36 @@ thread_local bool t_isWorker = false;
 
 } // namespace
 
+CallbackWorkers::CallbackWorkers()
+    : m_lanes{{{FairQueue(kEventLane.bounds), {}},
+               {FairQueue(kHealthLane.bounds), {}},
+               {FairQueue(kAdministratorsLane.bounds), {}},
+               {FairQueue(kUsersLane.bounds), {}}}} {}
+
 bool CallbackWorkers::isWorker() {
     return t_isWorker;
 }
 
 void CallbackWorkers::begin() {
+    constexpr std::array<std::size_t, kLanes> threads{kEventLane.threads, kHealthLane.threads,
+                                                      kAdministratorsLane.threads, kUsersLane.threads};
     const Sentrel::MutexLock lock(m_mutex);
-    while (!m_ended && m_threads.size() < kCallbackThreads) {
-        m_threads.push_back(Sentrel::startThread("hvb-callback", [this] { work(); }));
+    if (m_ended || !m_threads.empty()) {
+        return;
+    }
+    for (std::size_t at = 0; at < kLanes; ++at) {
+        for (std::size_t i = 0; i < threads.at(at); ++i) {
+            m_threads.push_back(Sentrel::startThread("hvb-callback", [this, at] { work(static_cast<Lane>(at)); }));
+        }
     }
 }
 
-bool CallbackWorkers::post(Lane lane, std::size_t bytes, Job job) {
+bool CallbackWorkers::post(Lane lane, const Sender& sender, std::size_t bytes, Job job) {
     const Sentrel::MutexLock lock(m_mutex);
-    const bool empty = m_calls.empty() && m_events.empty();
-    const bool full = queue(lane).size() >= kMaxWaitingJobs || (!empty && m_bytes + bytes > kMaxWaitingBytes);
-    if (m_ended || full) {
+    if (m_ended || !state(lane).queue.push(sender, bytes, std::move(job))) {
         return false;
     }
-    queue(lane).push_back({bytes, std::move(job)});
-    m_bytes += bytes;
-    m_changed.notifyOne();
+    state(lane).changed.notifyOne();
     return true;
 }
 
@@ -48,43 +57,40 @@ void CallbackWorkers::end() {
         m_stopped = true;
         m_ended = true;
         threads.swap(m_threads);
-        m_changed.notifyAll();
+        for (LaneState& lane : m_lanes) {
+            lane.changed.notifyAll();
+        }
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
 }
 
-bool CallbackWorkers::takeNext(Waiting& next, Lane& lane) {
-    while (!hasReadyEvent() && m_calls.empty() && !m_ended) {
-        m_changed.wait(m_mutex);
+/// @return false when the lane has ended and has nothing left to do.
+bool CallbackWorkers::waitForJob(LaneState& lane) {
+    while (!lane.queue.hasReady()) {
+        if (m_ended && lane.queue.isEmpty()) {
+            return false;
+        }
+        lane.changed.wait(m_mutex);
     }
-    if (!hasReadyEvent() && m_calls.empty()) {
-        return false;
-    }
-    lane = hasReadyEvent() ? Lane::Event : Lane::Call;
-    next = std::move(queue(lane).front());
-    queue(lane).pop_front();
-    m_bytes -= next.bytes;
-    m_eventRuns = m_eventRuns || lane == Lane::Event;
     return true;
 }
 
-void CallbackWorkers::work() {
+void CallbackWorkers::work(Lane which) {
     t_isWorker = true;
     Sentrel::MutexLock lock(m_mutex);
-    Waiting next{};
-    Lane lane = Lane::Call;
-    while (takeNext(next, lane)) {
+    LaneState& lane = state(which);
+    while (waitForJob(lane)) {
+        FairQueue::Taken next = lane.queue.take();
         const bool deliver = !m_stopped;
         lock.unlock();
         next.job(deliver);
         next.job = nullptr;
         lock.lock();
-        if (lane == Lane::Event) {
-            m_eventRuns = false;
-            m_changed.notifyOne();
-        }
+        lane.queue.finished(next.user);
+        // The user's next job may run now, or the lane may have ended.
+        lane.changed.notifyAll();
     }
 }
 

@@ -2,26 +2,30 @@
 #pragma once
 
 #include "base/Mutex.h"
+#include "platform/hvbhelpers/FairQueue.h"
 
+#include <array>
 #include <cstddef>
-#include <deque>
-#include <functional>
+#include <string>
 #include <thread>
 #include <vector>
 
 namespace HVB::detail {
 
-/// A few threads that run what arrives from the hub, with a bound on what may wait for them.
-/// Calls run side by side. Events run one at a time in the order in which they came, so that "on" then "off" ends
-/// in off; they and the calls do not wait for each other.
-/// Threads: thread-safe. Owner: the broker.
+/// A few threads that run what arrives from the hub. Each lane has threads of its own, so that what fills one lane
+/// holds up no other, and a fair queue with a bound for each user. Threads: thread-safe. Owner: the broker.
 class CallbackWorkers {
 public:
-    /// What a worker runs. The argument says whether callbacks may still begin; if not, the job only answers.
-    using Job = std::function<void(bool deliver)>;
-    enum class Lane { Call, Event };
+    using Job = FairQueue::Job;
 
-    CallbackWorkers() = default;
+    enum class Lane {
+        Event,          ///< one at a time in the order of arrival, so that "on" then "off" ends in off
+        Health,         ///< the hub's question whether the module is well
+        Administrators, ///< calls that change something, root's calls, and the answers to the module's own
+        Users,          ///< everybody's calls that only read
+    };
+
+    CallbackWorkers();
     CallbackWorkers(const CallbackWorkers&) = delete;
     CallbackWorkers& operator=(const CallbackWorkers&) = delete;
     ~CallbackWorkers() { end(); }
@@ -29,8 +33,9 @@ public:
     /// Makes the threads; a second call does nothing.
     void begin();
 
-    /// Takes a job whose message takes @p bytes. @return false when too much waits already, or after end.
-    bool post(Lane lane, std::size_t bytes, Job job);
+    /// Takes a job whose message takes @p bytes. @return false when too much of this sender's user waits already, or
+    /// after end.
+    bool post(Lane lane, const Sender& sender, std::size_t bytes, Job job);
 
     /// From now on every job is told not to deliver. This is for good, and waits only for this object's lock.
     void stop();
@@ -42,23 +47,20 @@ public:
     static bool isWorker();
 
 private:
-    struct Waiting {
-        std::size_t bytes;
-        Job job;
+    static constexpr std::size_t kLanes = 4;
+
+    struct LaneState {
+        FairQueue queue;
+        Sentrel::ConditionVariable changed; ///< there is a job, one has ended, or the threads end
     };
 
-    void work();
-    bool takeNext(Waiting& next, Lane& lane) SENTREL_REQUIRES(m_mutex);
-    bool hasReadyEvent() const SENTREL_REQUIRES(m_mutex) { return !m_events.empty() && !m_eventRuns; }
-    std::deque<Waiting>& queue(Lane lane) SENTREL_REQUIRES(m_mutex) { return lane == Lane::Call ? m_calls : m_events; }
+    void work(Lane lane);
+    bool waitForJob(LaneState& lane) SENTREL_REQUIRES(m_mutex);
+    LaneState& state(Lane lane) SENTREL_REQUIRES(m_mutex) { return m_lanes[static_cast<std::size_t>(lane)]; }
 
     Sentrel::Mutex m_mutex;
-    Sentrel::ConditionVariable m_changed;
 
-    std::deque<Waiting> m_calls SENTREL_GUARDED_BY(m_mutex);
-    std::deque<Waiting> m_events SENTREL_GUARDED_BY(m_mutex);
-    std::size_t m_bytes SENTREL_GUARDED_BY(m_mutex) = 0;
-    bool m_eventRuns SENTREL_GUARDED_BY(m_mutex) = false;
+    std::array<LaneState, kLanes> m_lanes SENTREL_GUARDED_BY(m_mutex);
     bool m_stopped SENTREL_GUARDED_BY(m_mutex) = false;
     bool m_ended SENTREL_GUARDED_BY(m_mutex) = false;
     std::vector<std::thread> m_threads SENTREL_GUARDED_BY(m_mutex);

@@ -1,7 +1,8 @@
 // The model. An sd-bus connection may be used by one thread at a time, so everything that touches it, or a message
 // that belongs to it, holds m_mutex; and nothing that waits holds it. The reader sleeps on the socket outside the
 // lock. Senders put their message on the connection themselves, which saves a wake-up of the reader for each reply;
-// only when the socket is full do they wake the reader, which polls for room from then on, and wait for it.
+// only when the socket is full do they wake the reader, which polls for room from then on, and wait for it. m_turn lets
+// senders and reader take turns.
 //
 // What arrives is copied out of its message under the lock and handed on; a call's message stays in m_pending until
 // it is answered. The number under which it waits, the token, is made here and is unique in the process: senders are
@@ -29,11 +30,8 @@ namespace {
 using bus::Deadline;
 using std::chrono::steady_clock;
 
-constexpr const char* kDriver = "org.freedesktop.DBus";
-constexpr const char* kDriverPath = "/org/freedesktop/DBus";
-
 bus::MessagePtr addMatchCall(sd_bus& bus, std::int32_t eventId) {
-    bus::MessagePtr request = bus::newCall(bus, kDriver, kDriverPath, kDriver, "AddMatch");
+    bus::MessagePtr request = bus::newCall(bus, bus::kDriver, bus::kDriverPath, bus::kDriver, "AddMatch");
     const std::string rule = std::string("type='signal',interface='") + bus::kEventsInterface + "',member='" +
                              bus::eventMember(eventId) + "',path='" + bus::kEventsPath + "'";
     bus::check(sd_bus_message_append(request.get(), "s", rule.c_str()), "cannot fill a message");
@@ -77,7 +75,7 @@ void DeliveryLink::takeName(sd_bus& bus, Deadline deadline) const {
     if (m_moduleId < 0) {
         return;
     }
-    const bus::MessagePtr request = bus::newCall(bus, kDriver, kDriverPath, kDriver, "RequestName");
+    const bus::MessagePtr request = bus::newCall(bus, bus::kDriver, bus::kDriverPath, bus::kDriver, "RequestName");
     constexpr std::uint32_t queue = 0;
     bus::check(sd_bus_message_append(request.get(), "su", bus::moduleName(m_moduleId).c_str(), queue),
                "cannot fill a message");
@@ -114,6 +112,7 @@ void DeliveryLink::install(bus::BusPtr bus) {
 void DeliveryLink::lose(int error) {
     traceComm("the connection to the hub ended: " + std::to_string(error));
     m_pending.clear();
+    m_senders.clear(); // the next bus gives the names anew
     m_bus.reset();
     ++m_generation;
     m_changed.notifyAll();
@@ -166,7 +165,9 @@ void DeliveryLink::pump() {
     bus::BusWait wait{};
     while (!m_ending) {
         {
+            Sentrel::MutexLock turn(m_turn);
             const Sentrel::MutexLock lock(m_mutex);
+            turn.unlock();
             if (m_bus == nullptr) {
                 return;
             }
@@ -234,7 +235,9 @@ void DeliveryLink::flushLocked(Deadline deadline) {
 }
 
 void DeliveryLink::post(const Make& make, Deadline deadline) {
+    Sentrel::MutexLock turn(m_turn);
     const Sentrel::MutexLock lock(m_mutex);
+    turn.unlock();
     requireBus();
     // A sender that meets a full socket waits here first, so that no more messages pile up than there are senders.
     flushLocked(deadline);
@@ -244,7 +247,9 @@ void DeliveryLink::post(const Make& make, Deadline deadline) {
 }
 
 void DeliveryLink::reply(std::uint64_t token, const Fill& fill, Deadline deadline) {
+    Sentrel::MutexLock turn(m_turn);
     const Sentrel::MutexLock lock(m_mutex);
+    turn.unlock();
     const auto call = m_pending.find(token);
     if (call == m_pending.end()) {
         throw HVBException(-ENOENT, "no command with this token waits for a reply");
@@ -263,7 +268,9 @@ void DeliveryLink::reply(std::uint64_t token, const Fill& fill, Deadline deadlin
 void DeliveryLink::refuse(std::uint64_t token, const char* error, const std::string& text,
                           std::int32_t handlerCode) noexcept {
     try {
+        Sentrel::MutexLock turn(m_turn);
         const Sentrel::MutexLock lock(m_mutex);
+        turn.unlock();
         answerError(token, error, text, handlerCode);
     } catch (...) {
         traceComm(currentExceptionText());
@@ -327,7 +334,9 @@ void DeliveryLink::callLaterLocked(const Make& make, std::chrono::microseconds t
 }
 
 void DeliveryLink::callLater(const Make& make, std::chrono::seconds timeout, Done done) {
+    Sentrel::MutexLock turn(m_turn);
     const Sentrel::MutexLock lock(m_mutex);
+    turn.unlock();
     callLaterLocked(make, timeout, std::move(done));
 }
 

@@ -4,7 +4,9 @@
 #include "base/Mutex.h"
 #include "base/WakeUp.h"
 #include "platform/hvbhelpers/BusConnection.h"
+#include "platform/hvbhelpers/CallbackWorkers.h"
 #include "platform/hvbhelpers/Carriers.h"
+#include "platform/hvbhelpers/SenderDirectory.h"
 
 #include <systemd/sd-bus.h>
 
@@ -12,6 +14,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -22,7 +25,8 @@ namespace HVB::detail {
 /// Where a link hands what arrives. All run on the link's thread with its lock held: they only pass things on, and
 /// never call the link. The first two give null when they took it, otherwise the name of the error to answer with.
 struct LinkReceiver {
-    std::function<const char*(CommandMessage&&)> command; ///< the token is the one to reply with
+    /// The token is the one to reply with.
+    std::function<const char*(CommandMessage&&, CallbackWorkers::Lane, const Sender&)> command;
     std::function<const char*(std::uint64_t token)> healthCheck;
     std::function<void(EventMessage&&)> event;
 };
@@ -109,6 +113,10 @@ private:
     static void onReplySlotGone(void* wait);
     int takeCall(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
     int takeCommand(sd_bus_message& message, std::int32_t commandId) SENTREL_REQUIRES(m_mutex);
+    void takeReading(CommandMessage&& command, const std::string& connection) SENTREL_REQUIRES(m_mutex);
+    void askForUser(const std::string& connection) SENTREL_REQUIRES(m_mutex);
+    void serveHeld(const std::string& connection, std::optional<uid_t> user) SENTREL_REQUIRES(m_mutex);
+    void handOn(CommandMessage&& command, CallbackWorkers::Lane lane, const Sender& sender) SENTREL_REQUIRES(m_mutex);
     int takeHealthCheck(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
     int takeEvent(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
     std::uint64_t remember(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
@@ -131,6 +139,9 @@ private:
     std::atomic<bool> m_begun{false};
     std::thread m_reader;
 
+    /// Held by a sender until it has m_mutex, and passed through by the reader before it takes that: without it the
+    /// reader, which has always more to read under a flood, would keep the senders out.
+    Sentrel::Mutex m_turn;
     Sentrel::Mutex m_mutex;
     Sentrel::ConditionVariable m_changed; ///< connected, lost, everything sent, or a reply came
 
@@ -138,6 +149,7 @@ private:
     std::uint64_t m_generation SENTREL_GUARDED_BY(m_mutex) = 0; ///< counts the connections
     std::set<std::int32_t> m_subscriptions SENTREL_GUARDED_BY(m_mutex);
     std::map<std::uint64_t, PendingCall> m_pending SENTREL_GUARDED_BY(m_mutex); ///< handed on and not yet answered
+    SenderDirectory m_senders SENTREL_GUARDED_BY(m_mutex);
 };
 
 } // namespace HVB::detail

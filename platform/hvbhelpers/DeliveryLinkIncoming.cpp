@@ -1,10 +1,19 @@
-// What sd-bus calls when a message for the module arrives. All of it runs on the link's thread with its lock held.
+// What sd-bus calls when a message for the module arrives. All of it runs on the link's thread with its lock held, so
+// it only looks at the message, keeps what is needed of it, and hands the rest on.
+//
+// A command that changes something comes only from those whom the bus lets send it: it goes to the administrators' lane
+// at once. One that only reads may come from anybody. It goes to its user's share of the users' lane, so the bus is
+// asked for the user behind a connection that has not called before, without waiting; its calls are held until the
+// answer comes (SenderDirectory). A read whose reply nobody wants is not worked out at all: it would be the cheapest
+// flood there is.
 #include "platform/hvbhelpers/DeliveryLink.h"
 #include "platform/hvbhelpers/ErrorText.h"
+#include "platform/hvbhelpers/HubLimits.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 
 #include "hub/HubIds.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -16,6 +25,24 @@ namespace {
 
 /// Tokens are never reused in a process, also not by the broker that follows one that was released.
 std::atomic<std::uint64_t> nextToken{1};
+
+constexpr const char* kTakesNoCommand = "the module takes no command now";
+
+constexpr uid_t kRoot = 0;
+/// No user has this id: chown(2) takes it for "as it is".
+constexpr auto kNobodyKnown = static_cast<uid_t>(-1);
+
+/// Whether everybody may send the command, because it changes nothing. One that is not known is the services' and
+/// root's.
+bool onlyReads(std::int32_t commandId) {
+    return std::any_of(Sentrel::kCommands.begin(), Sentrel::kCommands.end(), [commandId](const auto& command) {
+        return command.id == commandId && command.access == Sentrel::CommandAccess::Everyone;
+    });
+}
+
+CallbackWorkers::Lane laneOf(uid_t user) {
+    return user == kRoot ? CallbackWorkers::Lane::Administrators : CallbackWorkers::Lane::Users;
+}
 
 /// The events that module 7 publishes, for introspection.
 const sd_bus_vtable kEventsTable[] = {
@@ -102,19 +129,84 @@ int DeliveryLink::takeCall(sd_bus_message& message) {
 }
 
 int DeliveryLink::takeCommand(sd_bus_message& message, std::int32_t commandId) {
+    const bool reads = onlyReads(commandId);
+    if (reads && sd_bus_message_get_expect_reply(&message) <= 0) {
+        return 1; // nobody would hear the answer, and so it is not worked out
+    }
     const std::uint64_t token = remember(message);
     CommandMessage command;
     try {
-        command = readCommand(message, commandId);
+        command = readCommand(message, commandId, reads ? 0 : bus::kMaxPayloadBytes);
     } catch (const HVBException& exception) {
         answerError(token, bus::kErrorBadMessage, exception.message());
         return 1;
     }
     command.header.m_token = token;
-    if (const char* error = m_receiver.command(std::move(command))) {
-        answerError(token, error, "the module takes no command now");
+    const char* sender = sd_bus_message_get_sender(&message);
+    const std::string connection = sender != nullptr ? sender : "";
+    if (reads) {
+        takeReading(std::move(command), connection);
+    } else {
+        // The bus lets only administrators and services send it.
+        handOn(std::move(command), CallbackWorkers::Lane::Administrators, {kRoot, connection});
     }
     return 1;
+}
+
+/// Anybody may send these, so each user has a share.
+void DeliveryLink::takeReading(CommandMessage&& command, const std::string& connection) {
+    if (const std::optional<uid_t> user = m_senders.userOf(connection)) {
+        handOn(std::move(command), laneOf(*user), {*user, connection});
+        return;
+    }
+    const std::uint64_t token = command.header.m_token;
+    switch (m_senders.hold(connection, command)) {
+    case SenderDirectory::Held::First:
+        askForUser(connection);
+        break;
+    case SenderDirectory::Held::Later:
+        break;
+    case SenderDirectory::Held::No:
+        answerError(token, bus::kErrorBusy, kTakesNoCommand);
+        break;
+    }
+}
+
+void DeliveryLink::askForUser(const std::string& connection) {
+    const auto make = [&connection](sd_bus& bus) {
+        bus::MessagePtr request =
+            bus::newCall(bus, bus::kDriver, bus::kDriverPath, bus::kDriver, bus::kGetConnectionUnixUserMember);
+        bus::check(sd_bus_message_append(request.get(), "s", connection.c_str()), "cannot fill a message");
+        return request;
+    };
+    const auto done = [this, connection](sd_bus_message& reply) {
+        m_mutex.assertHeld();
+        std::uint32_t user = 0;
+        const bool isTold =
+            sd_bus_message_is_method_error(&reply, nullptr) <= 0 && sd_bus_message_read(&reply, "u", &user) > 0;
+        serveHeld(connection, isTold ? std::optional<uid_t>(user) : std::nullopt);
+    };
+    try {
+        callLaterLocked(make, bus::kCallTimeout, done);
+    } catch (const HVBException& exception) {
+        traceComm(exception.message());
+        serveHeld(connection, std::nullopt);
+    }
+}
+
+void DeliveryLink::serveHeld(const std::string& connection, std::optional<uid_t> user) {
+    // Those of whom the bus tells nothing count as one user.
+    const uid_t served = user.value_or(kNobodyKnown);
+    for (CommandMessage& command : m_senders.learn(connection, user)) {
+        handOn(std::move(command), laneOf(served), {served, connection});
+    }
+}
+
+void DeliveryLink::handOn(CommandMessage&& command, CallbackWorkers::Lane lane, const Sender& sender) {
+    const std::uint64_t token = command.header.m_token;
+    if (const char* error = m_receiver.command(std::move(command), lane, sender)) {
+        answerError(token, error, kTakesNoCommand);
+    }
 }
 
 int DeliveryLink::takeHealthCheck(sd_bus_message& message) {

@@ -1,20 +1,37 @@
 // The limits of the client library, each with its reason. What both sides of the hub share is in HubProtocol.h.
 #pragma once
 
+#include "platform/hvbhelpers/FairQueue.h"
+
 #include <chrono>
 #include <cstddef>
 
 namespace HVB::detail {
 
-/// Callbacks at the same time. One that waits for another module must not hold up the rest.
-inline constexpr std::size_t kCallbackThreads = 4;
+/// A lane of the callback threads. A sender beyond the bounds gets an error at once.
+struct LaneLimits {
+    std::size_t threads;
+    FairQueue::Bounds bounds; ///< jobs, bytes, and jobs at the same time, each of one user
+};
 
-/// Calls, and events, that wait for a callback thread. A sender beyond that gets an error at once.
-inline constexpr std::size_t kMaxWaitingJobs = 256;
+inline constexpr std::size_t kKiB = std::size_t{1} << 10U;
 
-/// Bytes of messages that wait, so that those who may only read cannot make a module hold much. One message is
-/// always taken.
-inline constexpr std::size_t kMaxWaitingBytes = std::size_t{32} << 20U;
+/// One thread keeps the order. Few may send events.
+inline constexpr LaneLimits kEventLane{1, {256, 8192 * kKiB, 1}};
+/// The hub asks once a minute, an administrator may ask too.
+inline constexpr LaneLimits kHealthLane{1, {16, 0, 1}};
+/// A call that waits for another module must not hold up the rest.
+inline constexpr LaneLimits kAdministratorsLane{4, {256, 32768 * kKiB, 4}};
+/// Everybody's: a user has one of the two threads at the most, and what waits is little, since who reads sends little.
+inline constexpr LaneLimits kUsersLane{2, {64, 256 * kKiB, 1}};
+
+/// Calls whose sender's user the bus has not told yet. One user's connections cannot use them up.
+inline constexpr std::size_t kMaxUnknownCalls = 1024;
+inline constexpr std::size_t kMaxUnknownCallsOfConnection = 8;
+/// Bytes of these.
+inline constexpr std::size_t kMaxUnknownBytes = 8192 * kKiB;
+/// Connections whose user is remembered; the one that was asked about first is forgotten first.
+inline constexpr std::size_t kMaxKnownSenders = 1024;
 
 /// Connections kept for the next send. More are made when more threads send at once.
 inline constexpr std::size_t kMaxIdleConnections = 4;

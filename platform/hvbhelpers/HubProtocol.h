@@ -12,6 +12,12 @@
 
 namespace HVB::bus {
 
+// The bus itself, as the D-Bus specification has it.
+inline constexpr const char* kDriver = "org.freedesktop.DBus";
+inline constexpr const char* kDriverPath = "/org/freedesktop/DBus";
+/// Asked for the user behind a connection.
+inline constexpr const char* kGetConnectionUnixUserMember = "GetConnectionUnixUser";
+
 // The version stands in every name from the first day.
 inline constexpr const char* kModuleInterface = "com.orvanta.hvb1.Module";
 inline constexpr const char* kEventsInterface = "com.orvanta.hvb1.Events";
@@ -48,8 +54,11 @@ inline std::optional<int> memberId(std::string_view member, std::string_view pre
 }
 
 // Command<id>: token, source, target, flag, sequence, has payload, payload → succeeded, valid, has payload, payload.
+// A payload above kMaxTextBytes is a memory file and its bytes a character.
 inline constexpr const char* kCommandSignature = "tiibibay";
+inline constexpr const char* kLargeCommandSignature = "tiibibhy";
 inline constexpr const char* kCommandReplySignature = "bbbay";
+inline constexpr const char* kLargeCommandReplySignature = "bbbhy";
 // Event<id>: sequence, has payload, payload.
 inline constexpr const char* kEventSignature = "ibay";
 // HealthCheck: nothing → well.
@@ -85,11 +94,14 @@ inline constexpr const char* kErrorBadMessage = "com.orvanta.hvb1.Error.BadMessa
 inline constexpr const char* kErrorBusy = "com.orvanta.hvb1.Error.Busy";         ///< too many calls wait for a worker
 inline constexpr const char* kErrorLogStore = "com.orvanta.hvb1.Error.LogStore"; ///< the record could not be stored
 
-/// Largest payload or text in bytes. Far above what any message of the system needs (10,000 list rows take 3 MB as
-/// wide text), and low enough that a client cannot make a module hold much.
-inline constexpr std::size_t kMaxPayloadBytes = std::size_t{8} << 20;
-/// Largest message that the bus passes: two texts and room for the header.
-inline constexpr std::size_t kMaxMessageBytes = 2 * kMaxPayloadBytes + (std::size_t{1} << 20);
+/// Largest text inside a message, in bytes. What a user can make the bus hold is a multiple of a message.
+inline constexpr std::size_t kMaxTextBytes = std::size_t{256} << 10U;
+/// Largest message that the bus passes: two texts, or a page of the log, and room for the header.
+inline constexpr std::size_t kMaxMessageBytes = std::size_t{1} << 20U;
+/// Largest payload of a command, in bytes of its memory file: 100,000 URLs of 650 characters.
+inline constexpr std::size_t kMaxPayloadBytes = std::size_t{64} << 20U;
+/// Largest payload of a reply: what two commands have stored, the list and the categories, fits into one snapshot.
+inline constexpr std::size_t kMaxReplyPayloadBytes = 2 * kMaxPayloadBytes + (std::size_t{1} << 20U);
 /// Longest wait of any operation but a command: an event that meets a stopped hub is given up within two seconds.
 inline constexpr std::chrono::milliseconds kCallTimeout{1500};
 
@@ -103,7 +115,7 @@ inline std::string_view asBytes(std::wstring_view text) {
 
 /// The wide text of bytes that arrived. None when their number is not a whole number of wide characters.
 inline std::optional<std::wstring> fromBytes(const void* bytes, std::size_t size) {
-    if (size % sizeof(wchar_t) != 0 || size > kMaxPayloadBytes) {
+    if (size % sizeof(wchar_t) != 0 || size > kMaxTextBytes) {
         return std::nullopt;
     }
     std::wstring text(size / sizeof(wchar_t), L'\0');

@@ -58,10 +58,12 @@ TEST_F(ABrokerOnABus, CarriesTheCharacterThatEqualsTheEndOfAStream) {
 }
 
 TEST_F(ABrokerOnABus, CarriesALargePayload) {
-    const std::wstring text(1'500'000, L'\x20AC'); // 6 MB
     m_module.onCommand = echo;
     const Life life = startModule7();
-    EXPECT_EQ(roundTrip(1003, text), text);
+    for (const wchar_t character : {L'x', L'\x20AC'}) {
+        const std::wstring text(1'500'000, character);
+        EXPECT_TRUE(roundTrip(100000, text) == text); // without printing them
+    }
 }
 
 TEST_F(ABrokerOnABus, DeliversACommandWithoutPayloadWithoutAnArchive) {

@@ -177,7 +177,7 @@ TEST_F(AConnectionToABus, FinishesItsCallsWhileSignalsInterruptThem) {
 TEST_F(AConnectionToABus, RefusesATextBeyondTheLimitBeforeItIsSent) {
     const BusPtr bus = openBus(m_bus.socketPath(), patience());
     const MessagePtr request = newCall(*bus, kHubName, kHubPath, kHubInterface, kLogMember);
-    const std::wstring text(kMaxPayloadBytes / sizeof(wchar_t), L'x');
+    const std::wstring text(kMaxTextBytes / sizeof(wchar_t), L'x');
     EXPECT_EQ(codeOf([&] { appendText(*request, text); }), 0);
     EXPECT_EQ(codeOf([&] { appendText(*request, text + L'x'); }), -EMSGSIZE);
 }

@@ -47,10 +47,10 @@ TEST_F(AHub, ReadsTheFirstOrTheLastRecordsWithinItsLimits) {
     EXPECT_THAT(caller.ids(2, 2), ElementsAre(3, 4));
     EXPECT_THAT(caller.ids(0, 2, true), ElementsAre(4, 5));
     EXPECT_THAT(caller.ids(5), ElementsAre());
-    // Together more than the 4 MiB of one reply; each alone is given however large it is.
-    const std::wstring threeMebibytes(3 << 18, L'x');
-    caller.log(threeMebibytes);
-    caller.log(threeMebibytes, threeMebibytes);
+    // Together more than the 512 KiB of one reply.
+    const std::wstring text(50 << 10, L'x'); // 200 KiB
+    caller.log(text);
+    caller.log(text, text);
     EXPECT_THAT(caller.ids(5), ElementsAre(6));
     EXPECT_THAT(caller.ids(6), ElementsAre(7));
 }
@@ -58,7 +58,7 @@ TEST_F(AHub, ReadsTheFirstOrTheLastRecordsWithinItsLimits) {
 TEST_F(AHub, TakesTheLargestMessageThatItAllows) {
     start();
     HubClient caller = client();
-    const std::wstring largest(bus::kMaxPayloadBytes / sizeof(wchar_t), L'x');
+    const std::wstring largest(bus::kMaxTextBytes / sizeof(wchar_t), L'x');
     EXPECT_EQ(caller.log(largest, largest), 1U);
     EXPECT_EQ(caller.read().front().detail, largest);
 }
@@ -103,8 +103,8 @@ TEST_F(AHub, RefusesMalformedMessagesAndSaysWhy) {
     };
     EXPECT_EQ(logBytes(3),
               (Refusal{bus::kErrorBadMessage, "the text has 3 bytes, which is no whole number of wide characters"}));
-    EXPECT_EQ(logBytes(bus::kMaxPayloadBytes + 4),
-              (Refusal{bus::kErrorBadMessage, "the text has 8388612 bytes; 8388608 is the most"}));
+    EXPECT_EQ(logBytes(bus::kMaxTextBytes + 4),
+              (Refusal{bus::kErrorBadMessage, "the text has 262148 bytes; 262144 is the most"}));
     EXPECT_EQ(refusalOf([&] { caller.logMessage(4, L"x"); }),
               (Refusal{bus::kErrorBadMessage, "4 is no log level; 0 to 3 are"}));
     const auto wrong = caller.newCall(bus::kLogMember);
@@ -135,7 +135,7 @@ TEST_F(AHub, WritesAModulesLineOnceWithItsTextMadePrintable) {
 
 TEST_F(AHub, CutsALineThatIsTooLong) {
     start();
-    client().logMessage(HVB::LOG_LEVEL_WARNING, std::wstring(100'000, L'x'));
+    client().logMessage(HVB::LOG_LEVEL_WARNING, std::wstring(60'000, L'x'));
     EXPECT_EQ(lines("(Sentrel): " + std::string(2045, 'x') + "…\n"), 1U);
 }
 

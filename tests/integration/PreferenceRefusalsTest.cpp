@@ -179,6 +179,10 @@ TEST_F(ALyingClient, GetsTheGenericErrorForASingleSnapshot) {
 TEST_F(ALyingClient, IsAnsweredWhereNothingIsRead) {
     for (const Lie& lie : lies()) {
         const WireClient::Answer all = wire.command(ST_GET_PREFS, lie.payload);
+        if (HVB::bus::asBytes(lie.payload).size() > HVB::bus::kMaxTextBytes) {
+            EXPECT_EQ(all.error, HVB::bus::kErrorBadMessage) << lie.name << ": takes no file";
+            continue;
+        }
         EXPECT_EQ(all.error, "") << lie.name;
         EXPECT_TRUE(all.succeeded && all.valid && all.hasPayload) << lie.name;
         EXPECT_EQ(wire.command(100005, lie.payload).error, HVB::bus::kErrorUnknownCommand) << lie.name;
@@ -187,7 +191,7 @@ TEST_F(ALyingClient, IsAnsweredWhereNothingIsRead) {
 }
 
 TEST_F(ALyingClient, IsRefusedATypeThatIsNoNumber) {
-    const std::wstring noNumber = noise(std::size_t{1} << 20U);
+    const std::wstring noNumber = noise(std::size_t{60'000});
     for (const std::wstring& payload :
          {archiveHead(), archiveHead() + L"x", archiveHead() + L"99999999999", archiveHead() + noNumber, noNumber,
           std::wstring(L"22 serialization::archivX 18 0"), std::wstring()}) {

@@ -207,8 +207,10 @@ TEST_F(AClientOfADaemon, SaysWhatToLookAtWhenTheDaemonCannotReadItsConfiguration
     const CtlResult result = use({"debug", "on"}); // the first that asks for a preference, which reads the file
     EXPECT_EQ(result.code, 1);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "sentrelctl: cannot switch the debug logging: the daemon: the module did not answer. The "
-                          "daemon must be able to read and replace HVConfig.xml: 'sentrelctl doctor' looks at it.\n");
+    EXPECT_EQ(result.err,
+              "sentrelctl: cannot switch the debug logging: the daemon: the module did not answer; hvbd finds "
+              "that the daemon cannot use " +
+                  m_machine.configurationFile() + ": No such file or directory. Mend that file, then try again.\n");
 }
 
 TEST_F(AClientOfADaemon, SaysWhatToLookAtWhenDebugLoggingDoesNotChange) {

@@ -4,12 +4,14 @@
 
 #include <grp.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <system_error>
 
@@ -51,6 +53,20 @@ std::string readAll(int pipe) {
 }
 
 } // namespace
+
+// The library's seteuid changes all threads; the system call changes the caller.
+
+ConnectingAs::ConnectingAs(uid_t uid) {
+    if (::syscall(SYS_setresuid, -1, uid, -1) != 0) {
+        throw std::system_error(errno, std::generic_category(), "setresuid");
+    }
+}
+
+ConnectingAs::~ConnectingAs() {
+    if (::syscall(SYS_setresuid, -1, 0, -1) != 0) {
+        std::abort(); // the rest of the tests would run as another user
+    }
+}
 
 bool canActAsOthers() {
     return ::geteuid() == 0;

@@ -1,4 +1,4 @@
-// The hub's bus, for real: a dbus-daemon with the configuration that is shipped.
+// The hub's bus, for real: a dbus-daemon, or what SENTREL_TEST_BUS names, with the configuration that is shipped.
 #pragma once
 
 #include "platform/hvbhelpers/BusConfiguration.h"
@@ -23,6 +23,7 @@ public:
     const std::string& socketPath() const { return m_options.socketPath; }
     std::string address() const;
     std::string output() const { return m_process->output(); }
+    pid_t pid() const { return m_process->pid(); }
 
     void kill9();
     /// Starts it after kill9, and waits until it accepts. @throws std::runtime_error when it does not.

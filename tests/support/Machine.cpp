@@ -2,6 +2,7 @@
 
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/ProcessMemory.h"
 #include "tests/support/UnixSocket.h"
 
 #include <pwd.h>
@@ -232,14 +233,7 @@ void Machine::kill9Daemon() {
 }
 
 long Machine::daemonPeakKilobytes() const {
-    std::ifstream status("/proc/" + std::to_string(m_daemon->pid()) + "/status");
-    const std::string field = "VmHWM:";
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with(field)) {
-            return std::stol(line.substr(field.size()));
-        }
-    }
-    throw std::runtime_error("no VmHWM of the daemon");
+    return processKilobytes(m_daemon->pid(), "VmHWM:");
 }
 
 bool Machine::listens() const {

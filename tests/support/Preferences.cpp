@@ -1,6 +1,7 @@
 #include "tests/support/Preferences.h"
 
 #include "platform/hvbhelpers/HubProtocol.h"
+#include "platform/hvbhelpers/MemoryFile.h"
 #include "tests/support/Eventually.h"
 
 #include <stdexcept>
@@ -25,8 +26,24 @@ WireClient::Answer readAnswer(sd_bus_message& reply) {
     answer.succeeded = succeeded != 0;
     answer.valid = valid != 0;
     answer.hasPayload = hasPayload != 0;
-    answer.payload = HVB::bus::readText(reply);
+    if (sd_bus_message_has_signature(&reply, HVB::bus::kLargeCommandReplySignature) > 0) {
+        int fd = -1;
+        std::uint8_t width = 0;
+        HVB::bus::check(sd_bus_message_read(&reply, "hy", &fd, &width), "cannot read a reply");
+        answer.payload = HVB::detail::MemoryFile::arrived(fd, width, HVB::bus::kMaxReplyPayloadBytes)->text();
+    } else {
+        answer.payload = HVB::bus::readText(reply);
+    }
     return answer;
+}
+
+void appendPayload(sd_bus_message& request, std::wstring_view payload) {
+    if (HVB::bus::asBytes(payload).size() <= HVB::bus::kMaxTextBytes) {
+        HVB::bus::appendText(request, payload);
+        return;
+    }
+    const auto file = HVB::detail::MemoryFile::of(payload, HVB::bus::kMaxPayloadBytes);
+    HVB::bus::check(sd_bus_message_append(&request, "hy", file->fd(), file->width()), "cannot fill a command");
 }
 
 template <class Value>
@@ -191,7 +208,7 @@ WireClient::Answer WireClient::command(int id, std::optional<std::wstring_view> 
     HVB::bus::check(sd_bus_message_append(request.get(), "tiibib", std::uint64_t{1}, -1, HVB::MODULE_SENTREL, 1, -1,
                                           payload ? 1 : 0),
                     "cannot fill a command");
-    HVB::bus::appendText(*request, payload.value_or(std::wstring_view()));
+    appendPayload(*request, payload.value_or(std::wstring_view()));
     try {
         return readAnswer(*HVB::bus::call(*m_bus, *request, patience()));
     } catch (const HVB::bus::CallError& error) {

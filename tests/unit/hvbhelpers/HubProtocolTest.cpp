@@ -44,8 +44,8 @@ TEST(Bytes, AreNoWideTextWhenTheyAreNotWholeCharacters) {
 }
 
 TEST(Bytes, AreNoWideTextBeyondTheLimit) {
-    const std::string bytes(kMaxPayloadBytes + 4, '\0');
-    EXPECT_NE(fromBytes(bytes.data(), kMaxPayloadBytes), std::nullopt);
+    const std::string bytes(kMaxTextBytes + 4, '\0');
+    EXPECT_NE(fromBytes(bytes.data(), kMaxTextBytes), std::nullopt);
     EXPECT_EQ(fromBytes(bytes.data(), bytes.size()), std::nullopt);
 }
 

@@ -1,5 +1,8 @@
 #include "policy/PolicyKeys.h"
 
+#include "policy/PolicyLimits.h"
+
+#include <algorithm>
 #include <charconv>
 
 namespace Sentrel::policy {
@@ -19,6 +22,12 @@ std::optional<int> indexIn(const PolicyKey& key, std::string_view name) {
         return std::nullopt;
     }
     return index;
+}
+
+bool isBeyondItsList(std::string_view section, std::string_view name) {
+    return std::any_of(keys::kAll.begin(), keys::kAll.end(), [&](const PolicyKey& key) {
+        return key.section == section && indexIn(key, name).value_or(0) >= kMaxPolicyEntries;
+    });
 }
 
 } // namespace Sentrel::policy

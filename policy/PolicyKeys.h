@@ -68,6 +68,9 @@ std::string nameOf(const PolicyKey& key, int index = 0);
 /// The index behind an indexed key's name: none when @p name is not one that nameOf gives.
 std::optional<int> indexIn(const PolicyKey& key, std::string_view name);
 
+/// Whether a name is that of an entry of a list beyond kMaxPolicyEntries, which nobody looks for.
+bool isBeyondItsList(std::string_view section, std::string_view name);
+
 /// A name in the form in which documents hold it.
 inline std::wstring wide(std::string_view name) {
     return {name.begin(), name.end()};

@@ -7,12 +7,12 @@ namespace Sentrel::policy {
 
 // The document.
 
-/// Bytes of a policy document: 5,000 sites take half a megabyte.
-inline constexpr std::size_t kMaxPolicyBytes = std::size_t{4} << 20U;
+/// Bytes of a policy document: 100,000 sites take some ten megabytes.
+inline constexpr std::size_t kMaxPolicyBytes = std::size_t{16} << 20U;
 /// Features, sections outside of features, and sections of each feature.
 inline constexpr std::size_t kMaxPolicyGroups = 200;
 /// Keys of all sections together.
-inline constexpr std::size_t kMaxPolicyKeys = 200'000;
+inline constexpr std::size_t kMaxPolicyKeys = 400'000;
 /// Characters of a feature's, a section's and a key's name, and of the policy's id.
 inline constexpr std::size_t kMaxNameCharacters = 256;
 /// Bytes of a value, as UTF-8.
@@ -29,8 +29,9 @@ inline constexpr std::size_t kMaxNumberCharacters = 50;
 
 // A list.
 
-/// Entries that a list is looked through for, whatever count it declares.
-inline constexpr int kMaxPolicyEntries = 50'000;
+/// Entries that a list is looked through for, whatever count it declares. A document with one beyond is refused when it
+/// arrives.
+inline constexpr int kMaxPolicyEntries = 100'000;
 
 static_assert(kMaxPolicyKeys > 3 * std::size_t{kMaxPolicyEntries}, "every list of a document can be as long as it may");
 static_assert(kMaxValueBytes > kMaxTextCharacters, "a text can be as long as it may");

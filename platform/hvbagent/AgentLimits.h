@@ -17,8 +17,11 @@ using Sentrel::policy::kMaxPolicyGroups;
 using Sentrel::policy::kMaxPolicyKeys;
 using Sentrel::policy::kMaxValueBytes;
 
-/// Bytes of a message that carries one: base64 and a signature around it.
-inline constexpr std::size_t kMaxPolicyMessageBytes = kMaxPolicyBytes / 3 * 4 + 4096;
+/// Bytes of a message that carries a document: base64 and a signature around it.
+constexpr std::size_t messageBytesFor(std::size_t documentBytes) {
+    return documentBytes / 3 * 4 + 4096;
+}
+inline constexpr std::size_t kMaxPolicyMessageBytes = messageBytesFor(kMaxPolicyBytes);
 /// Objects around a value: document, "features", feature, section.
 inline constexpr std::size_t kMaxPolicyDepth = 4;
 /// Values of all kinds in a document: its keys and the objects around them.
@@ -26,7 +29,7 @@ inline constexpr std::size_t kMaxPolicyValues = kMaxPolicyKeys + kMaxPolicyGroup
 
 /// Policies that wait for their turn. Each is a whole policy, so the oldest is dropped first.
 inline constexpr std::size_t kMaxWaitingPolicies = 32;
-inline constexpr std::size_t kMaxWaitingPolicyBytes = std::size_t{32} << 20U;
+inline constexpr std::size_t kMaxWaitingPolicyBytes = std::size_t{64} << 20U;
 
 // Other documents.
 

@@ -10,6 +10,7 @@
 
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/StrictJson.h"
+#include "policy/PolicyKeys.h"
 
 #include <nlohmann/json.hpp>
 #include <sodium.h>
@@ -86,7 +87,7 @@ std::string valueText(const json& value, const Place& place) {
 /// Fills the sections of one document. @p m_keys bounds them all together.
 class SectionsFiller {
 public:
-    explicit SectionsFiller(SectionsHandle& sections) : m_sections(sections) {}
+    SectionsFiller(SectionsHandle& sections, std::size_t maxKeys) : m_sections(sections), m_maxKeys(maxKeys) {}
 
     void fillSections(const json& value) {
         insertEach(value, Place(m_document, "sections"),
@@ -118,8 +119,13 @@ private:
             for (const auto& [key, entry] : objectAt(keys, sectionPlace)) {
                 const Place keyPlace(sectionPlace, key);
                 checkName(key, keyPlace);
-                if (++m_keys > kMaxPolicyKeys) {
-                    throw DocumentError("", "has more than " + std::to_string(kMaxPolicyKeys) + " keys");
+                if (++m_keys > m_maxKeys) {
+                    throw DocumentError("", "has more than " + std::to_string(m_maxKeys) + " keys");
+                }
+                if (Sentrel::policy::isBeyondItsList(name, key)) {
+                    throw DocumentError(keyPlace.text(), "is beyond the " +
+                                                             std::to_string(Sentrel::policy::kMaxPolicyEntries) +
+                                                             " entries that a list may have");
                 }
                 insert(section, wideOf(key), wideOf(valueText(entry, keyPlace)));
             }
@@ -127,6 +133,7 @@ private:
     }
 
     SectionsHandle& m_sections;
+    const std::size_t m_maxKeys;
     const Place m_document;
     std::size_t m_keys = 0;
 };
@@ -159,11 +166,11 @@ std::string idOf(const json::object_t& document) {
     return id;
 }
 
-void fill(const json& value, PolicyReading& reading) {
+void fill(const json& value, const PolicyBounds& bounds, PolicyReading& reading) {
     const json::object_t& document = objectAt(value, Place());
     reading.identity.version = versionOf(document);
     reading.identity.id = idOf(document);
-    SectionsFiller filler(reading.sections);
+    SectionsFiller filler(reading.sections, bounds.keys);
     for (const auto& [name, member] : document) {
         if (name == "sections") {
             filler.fillSections(member);
@@ -230,7 +237,8 @@ void checkSignature(const std::string& payload, const std::string& signature, co
     }
 }
 
-void readEnvelope(const json& envelope, const std::optional<PublicKey>& key, PolicyReading& result) {
+void readEnvelope(const json& envelope, const std::optional<PublicKey>& key, const PolicyBounds& bounds,
+                  PolicyReading& result) {
     const std::string payload = decodedMember(envelope, "payload");
     result.identity.sha256 = sha256Of(payload);
     checkMembers(envelope);
@@ -238,31 +246,32 @@ void readEnvelope(const json& envelope, const std::optional<PublicKey>& key, Pol
     if (key) {
         checkSignature(payload, signature, *key);
     }
-    result = readPolicyDocument(payload);
+    result = readPolicyDocument(payload, bounds);
 }
 
 } // namespace
 
-PolicyReading readPolicyDocument(std::string_view bytes) {
+PolicyReading readPolicyDocument(std::string_view bytes, const PolicyBounds& bounds) {
     PolicyReading result;
     result.identity.sha256 = sha256Of(bytes);
-    refuseOnError(result, [&] { fill(jsonOf(bytes, kMaxPolicyBytes), result); });
+    refuseOnError(result, [&] { fill(jsonOf(bytes, bounds.bytes), bounds, result); });
     return result;
 }
 
-PolicyReading readPolicyMessage(std::string_view message, const std::optional<PublicKey>& key) {
+PolicyReading readPolicyMessage(std::string_view message, const std::optional<PublicKey>& key,
+                                const PolicyBounds& bounds) {
     PolicyReading result;
     result.identity.sha256 = sha256Of(message);
     refuseOnError(result, [&] {
-        const json value = jsonOf(message, kMaxPolicyMessageBytes);
+        const json value = jsonOf(message, messageBytesFor(bounds.bytes));
         if (isEnvelope(value)) {
-            readEnvelope(value, key, result);
+            readEnvelope(value, key, bounds, result);
         } else if (key) {
             throw DocumentError("", "is not signed, and this machine takes signed policies only");
-        } else if (message.size() > kMaxPolicyBytes) {
-            throw DocumentError("", "is larger than " + std::to_string(kMaxPolicyBytes) + " bytes");
+        } else if (message.size() > bounds.bytes) {
+            throw DocumentError("", "is larger than " + std::to_string(bounds.bytes) + " bytes");
         } else {
-            fill(value, result);
+            fill(value, bounds, result);
         }
     });
     return result;

@@ -4,7 +4,9 @@
 #include "platform/hvbagent/AgentDocuments.h"
 #include "platform/hvbagent/DocumentError.h"
 #include "platform/hvbagent/Encoding.h"
+#include "policy/PolicyLimits.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -26,15 +28,23 @@ struct PolicyReading {
     std::string refused;     ///< why, with the place, printable and bounded; empty when it is a policy
 };
 
+/// What a document is held to.
+struct PolicyBounds {
+    std::size_t bytes = Sentrel::policy::kMaxPolicyBytes;
+    std::size_t keys = Sentrel::policy::kMaxPolicyKeys;
+};
+
 /// Reads a policy document: {"version": n, "id": text, "sections": {section: {key: value}}, "features": {feature:
 /// {section: {key: value}}}}. The version must be there. A value is a text, an integer or a boolean; the last two
-/// become their decimal text, "1" or "0". Whatever @p bytes are, this returns, in bounded time and memory.
-PolicyReading readPolicyDocument(std::string_view bytes);
+/// become their decimal text, "1" or "0". A list with an entry that nobody would look for is refused. Whatever @p bytes
+/// are, this returns, in bounded time and memory.
+PolicyReading readPolicyDocument(std::string_view bytes, const PolicyBounds& bounds = {});
 
 /// Reads a policy message: a document, or {"payload": base64 of a document, "signature": base64 of its Ed25519
 /// signature}.
 /// @param key when there is one, only the second form is taken, and only with a signature that fits; without one the
 /// signature is not looked at.
-PolicyReading readPolicyMessage(std::string_view message, const std::optional<PublicKey>& key);
+PolicyReading readPolicyMessage(std::string_view message, const std::optional<PublicKey>& key,
+                                const PolicyBounds& bounds = {});
 
 } // namespace HVBEnterprise::agent

@@ -2,6 +2,7 @@
 
 #include "apps/sentrelctl/preferences/PreferenceNames.h"
 #include "platform/hvbhelpers/HubProtocol.h"
+#include "policy/PolicyLimits.h"
 
 #include <exception>
 #include <fmt/format.h>
@@ -32,9 +33,18 @@ Snapshot snapshotOf(STPreferences values) {
     return snapshot;
 }
 
-/// The hub takes no larger message; the broker would say so too, but not what to do.
+/// What is stored must also be read again, by every client.
+void refuseTooLong(const UrlList& list) {
+    if (std::cmp_greater(list.size(), policy::kMaxPolicyEntries)) {
+        throw Failure(ExitCode::Failed, kChanging.what, "the list is too long",
+                      fmt::format("{} entries, at most {}", list.size(), policy::kMaxPolicyEntries),
+                      "Nothing was sent; shorten the list");
+    }
+}
+
+/// The hub takes no larger payload; the broker would say so too, but not what to do.
 void refuseTooLarge(const HVB::CommandData& command, const char* what) {
-    const std::size_t bytes = command.m_pOutStream->str().size() * sizeof(wchar_t);
+    const std::size_t bytes = command.m_pOutStream->str().size(); // whose characters are bytes
     if (bytes > HVB::bus::kMaxPayloadBytes) {
         throw Failure(ExitCode::Failed, what, "the list is too large for the hub",
                       fmt::format("{} bytes, at most {}", bytes, HVB::bus::kMaxPayloadBytes),
@@ -87,6 +97,7 @@ void PreferenceClient::write(STPrefType type, STPreferences values) {
 }
 
 void PreferenceClient::writeList(const UrlList& list) {
+    refuseTooLong(list);
     AllowBlockDetails details;
     for (const ListEntry& entry : list) {
         details.emplace(entry.url, entry.action);

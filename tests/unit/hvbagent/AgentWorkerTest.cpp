@@ -182,7 +182,7 @@ TEST_F(ACallbackThread, ReportsAPolicyThatWasTooLargeToKeep) {
     const Publication result = next();
     EXPECT_EQ(result.topic, "orvanta/v1/s/m/policy/result");
     EXPECT_EQ(json::parse(result.payload)["sha256"], "hash");
-    EXPECT_EQ(json::parse(result.payload)["refused"], "the document: is larger than 4194304 bytes, with 99999999");
+    EXPECT_EQ(json::parse(result.payload)["refused"], "the document: is larger than 16777216 bytes, with 99999999");
 }
 
 TEST_F(ACallbackThread, RefusesServicesAndForgetsPoliciesAfterItsEnd) {

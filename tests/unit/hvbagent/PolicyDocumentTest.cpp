@@ -168,17 +168,41 @@ TEST(APolicyDocument, BoundsTheKeysOfAllItsSectionsTogether) {
         }
         return text + "}}}";
     };
-    EXPECT_EQ(refusalOf(document(kMaxPolicyKeys)), "");
-    EXPECT_EQ(refusalOf(document(kMaxPolicyKeys + 1)), "the document: has more than 200000 keys");
+    const PolicyBounds bounds{.keys = 1000};
+    EXPECT_EQ(readPolicyDocument(document(1000), bounds).refused, "");
+    EXPECT_EQ(readPolicyDocument(document(1001), bounds).refused, "the document: has more than 1000 keys");
+}
+
+TEST(APolicyDocument, HasRoomForTheLongestListsThereMayBe) {
+    EXPECT_EQ(PolicyBounds().bytes, 16U << 20U);
+    EXPECT_EQ(PolicyBounds().keys, 400'000U);
+}
+
+TEST(APolicyDocument, IsRefusedForAnEntryBeyondTheLongestList) {
+    const auto refused = [](const char* section, const std::string& key) {
+        const json document{{"version", 1}, {"features", {{"F", {{section, {{key, "x"}}}}}}}};
+        return refusalOf(document.dump());
+    };
+    for (const std::string list : {"szSite", "Action"}) {
+        EXPECT_EQ(refused("BlockAndAllowList", list + "99999"), "");
+        EXPECT_EQ(refused("BlockAndAllowList", list + "100000"),
+                  "/features/F/BlockAndAllowList/" + list +
+                      "100000: is beyond the 100000 entries that a list may have");
+    }
+    EXPECT_EQ(refused("ActionEnforcement", "szAgumentIP_99999"), "");
+    EXPECT_NE(refused("ActionEnforcement", "szAgumentIP_2147483647"), "");
+    EXPECT_EQ(refused("ActionEnforcement", "szSite100000"), "") << "is no list's in this section";
+    EXPECT_EQ(refused("BlockAndAllowList", "szSite99999999999"), "") << "is no index";
 }
 
 TEST(APolicyDocument, BoundsItsSizeToTheByte) {
     const std::string smallest = R"({"version": 1})";
-    EXPECT_EQ(refusalOf(smallest + std::string(kMaxPolicyBytes - smallest.size(), ' ')), "");
-    const std::string tooLarge = smallest + std::string(kMaxPolicyBytes + 1 - smallest.size(), ' ');
-    EXPECT_EQ(refusalOf(tooLarge), "the document: is larger than 4194304 bytes");
-    EXPECT_EQ(readPolicyMessage(tooLarge, {}).refused, "the document: is larger than 4194304 bytes");
-    EXPECT_EQ(readPolicyDocument(tooLarge).identity.sha256, sha256Of(tooLarge));
+    const PolicyBounds bounds{.bytes = 4096};
+    EXPECT_EQ(readPolicyDocument(smallest + std::string(4096 - smallest.size(), ' '), bounds).refused, "");
+    const std::string tooLarge = smallest + std::string(4097 - smallest.size(), ' ');
+    EXPECT_EQ(readPolicyDocument(tooLarge, bounds).refused, "the document: is larger than 4096 bytes");
+    EXPECT_EQ(readPolicyMessage(tooLarge, {}, bounds).refused, "the document: is larger than 4096 bytes");
+    EXPECT_EQ(readPolicyDocument(tooLarge, bounds).identity.sha256, sha256Of(tooLarge));
 }
 
 TEST(APolicyDocument, IsRefusedWhenItIsHostile) {
@@ -262,9 +286,11 @@ TEST_F(ASignedPolicy, IsRefusedWhenItsPayloadIsNoPolicyOrTooLarge) {
     EXPECT_EQ(readPolicyMessage(envelope("{}", signatureOf("{}")), m_public).refused, "/version: is missing");
     const std::string nested = envelope(m_document, signatureOf(m_document));
     EXPECT_NE(readPolicyMessage(envelope(nested, signatureOf(nested)), m_public).refused, "");
-    const std::string largest = m_document + std::string(kMaxPolicyBytes - m_document.size(), ' ');
-    EXPECT_EQ(readPolicyMessage(envelope(largest, signatureOf(largest)), m_public).refused, "");
-    EXPECT_NE(readPolicyMessage(envelope(largest + " ", signatureOf(largest + " ")), m_public).refused, "");
+    const PolicyBounds bounds{.bytes = 4096};
+    const std::string largest = m_document + std::string(bounds.bytes - m_document.size(), ' ');
+    EXPECT_EQ(readPolicyMessage(envelope(largest, signatureOf(largest)), m_public, bounds).refused, "");
+    EXPECT_EQ(readPolicyMessage(envelope(largest + " ", signatureOf(largest + " ")), m_public, bounds).refused,
+              "the document: is larger than 4096 bytes");
 }
 
 } // namespace

@@ -335,7 +335,7 @@ TEST_F(AListPolicy, ReadsNoMoreSitesThanItsBound) {
     list(L"uiSiteCount", L"2147483647");
     list(L"szSite0", L"http://a.example");
     list(L"Action0", L"1");
-    const std::string said = "VXPolicyEnforcementImpl - looks for 50000 entries only, of 2147483647";
+    const std::string said = "VXPolicyEnforcementImpl - looks for 100000 entries only, of 2147483647";
     const Lines lines = linesOf(mgsFlowvalue, 1, [this] { EXPECT_TRUE(enforce()); });
     EXPECT_THAT(lines, ElementsAre(said, said)) << "once for the sites, once for the actions";
     EXPECT_EQ(store.calls.front(), "setAllowBlockDetails -1 http://a.example 1");

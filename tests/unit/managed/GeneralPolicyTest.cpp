@@ -234,7 +234,7 @@ TEST_F(AGeneralPolicy, ReadsNoMoreRangesThanItsBound) {
     general(L"ActionEnforcement", L"szAgumentIP_0", L"10.0.0.0/8");
     const Lines lines = leveled([this] { enforcement.enforceGeneralPolicy(policy); });
     EXPECT_EQ(store.calls.front(), "setPrivateIPRange 10.0.0.0/8");
-    const std::string said = "1 VXPolicyEnforcementImpl - looks for 50000 entries only, of 2147483647";
+    const std::string said = "1 VXPolicyEnforcementImpl - looks for 100000 entries only, of 2147483647";
     EXPECT_EQ(std::count(lines.begin(), lines.end(), said), 1) << "not once for each entry";
 }
 

@@ -213,15 +213,15 @@ TEST_F(APolicysCheck, SaysOfEachPolicyWhatItsEnforcementDoes) {
 
 TEST_F(APolicysCheck, SaysWhatBecomesOfListsAboveTheirBoundAndOfCountsThatLie) {
     wholeContent(L"84");
-    general(L"ActionEnforcement", L"uiAgumentIPCount", L"50002");
+    general(L"ActionEnforcement", L"uiAgumentIPCount", L"100002");
     list(L"uiSiteCount", L"2147483647");
-    for (const int index : {0, 1, 49'998, 49'999, 50'000, 50'001}) {
+    for (const int index : {0, 1, 99'998, 99'999, 100'000, 100'001}) {
         const std::wstring number = std::to_wstring(index);
         general(L"ActionEnforcement", (L"szAgumentIP_" + number).c_str(), L"10.0." + number);
         list(L"szSite" + number, L"http://" + number + L"/");
         list(L"Action" + number, index % 2 == 0 ? L"0" : L"1");
     }
-    compare(policy, "lists of 50,002 entries");
+    compare(policy, "lists of 100,002 entries");
     EXPECT_EQ(store.handed.sites->urls.size(), 4U);
     EXPECT_EQ(store.handed.ranges->size(), 4U);
 }

@@ -6,6 +6,7 @@
 #include "tests/support/Eventually.h"
 #include "tests/support/Files.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/unit/hub/FilledPreferences.h"
 #include "tests/unit/hub/PayloadText.h"
 
 #include <gmock/gmock.h>
@@ -192,26 +193,12 @@ INSTANTIATE_TEST_SUITE_P(Each, AProgramOfAnother, testing::Values("ARCHIVE_PEER"
 
 TEST_P(AProgramOfAnother, SeesThePreferences) {
     EXPECT_EQ(seen("preferences", STPreferences()), "1 0 3 2 1 10 0 0 0 0 1\n");
-    STPreferences preferences;
-    preferences.m_bEnable = false;
-    preferences.m_bSafeSearch = true;
-    preferences.m_redSiteAction = 21;
-    preferences.m_yellowSiteAction = -22;
-    preferences.m_unratedSiteAction = std::numeric_limits<std::int32_t>::max();
-    preferences.m_prefType = Sentrel::ST_CATEGORY_BLOCKING;
-    preferences.m_bIndividual = true;
-    preferences.m_bAllowOverBlock = true;
-    preferences.m_unverifiedAction = std::numeric_limits<std::int32_t>::min();
-    preferences.m_categoryBlockDetails = {{"Online Gambling", 1}, {"", 9}};
-    for (const auto& [key, action] : Entries{{"b.example", 0}, {"a.example", 1}, {"b.example", 7}}) {
-        preferences.setAllowBlockDetails({{key, action}});
-    }
-    EXPECT_EQ(seen("preferences", preferences), "0 1 21 -22 2147483647 6 1 0 0 1 -2147483648\n"
-                                                "category [] 9\n"
-                                                "category [Online Gambling] 1\n"
-                                                "url [Yi5leGFtcGxl] 0\n"
-                                                "url [YS5leGFtcGxl] 1\n"
-                                                "url [Yi5leGFtcGxl] 7\n");
+    EXPECT_EQ(seen("preferences", testing_support::filledPreferences()), "0 1 21 -22 2147483647 7 1 1 0 1 -2147483648\n"
+                                                                         "category [] 9\n"
+                                                                         "category [gambling] 1\n"
+                                                                         "url [Yi5leGFtcGxl] 0\n"
+                                                                         "url [YS5leGFtcGxl] 1\n"
+                                                                         "url [Yi5leGFtcGxl] 7\n");
 }
 
 TEST_P(AProgramOfAnother, SeesTheAboutBox) {

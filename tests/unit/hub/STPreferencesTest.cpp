@@ -1,13 +1,13 @@
 // The snapshot of the preferences and its way over the hub. All real; allocations are metered.
 #include "hub/STPreferences.h"
 
+#include "tests/unit/hub/FilledPreferences.h"
 #include "tests/unit/hub/PayloadText.h"
 
 #include <gtest/gtest.h>
 
 #include <boost/archive/iterators/dataflow_exception.hpp>
 
-#include <limits>
 #include <utility>
 #include <vector>
 
@@ -15,6 +15,7 @@ using boost::archive::archive_exception;
 using boost::archive::iterators::dataflow_exception;
 using Sentrel::AllowBlockDetails;
 using Sentrel::STPreferences;
+using testing_support::filledPreferences;
 
 namespace {
 
@@ -31,24 +32,6 @@ AllowBlockDetails listOf(const Entries& entries) {
 template <class Map>
 Entries entriesOf(const Map& map) {
     return {map.begin(), map.end()};
-}
-
-/// A value in each member that is not its default, and no two numbers alike.
-STPreferences filled() {
-    STPreferences preferences;
-    preferences.m_bEnable = false;
-    preferences.m_bSafeSearch = true;
-    preferences.m_redSiteAction = 21;
-    preferences.m_yellowSiteAction = -22;
-    preferences.m_unratedSiteAction = std::numeric_limits<std::int32_t>::max();
-    preferences.m_prefType = Sentrel::ST_ALLOW_BLOCK_LIST;
-    preferences.m_bIndividual = true;
-    preferences.m_bCategoryBlocking = true;
-    preferences.m_bAllowOverBlock = true;
-    preferences.m_unverifiedAction = std::numeric_limits<std::int32_t>::min();
-    preferences.m_categoryBlockDetails = {{"gambling", 1}, {"", 9}};
-    preferences.setAllowBlockDetails(listOf({{"b.example", 0}, {"a.example", 1}, {"b.example", 7}}));
-    return preferences;
 }
 
 void expectEqual(const STPreferences& left, const STPreferences& right) {
@@ -171,7 +154,7 @@ TEST(AnAllowBlockList, WithTheSameKeyTwiceKeepsBothInOrderThroughTheArchive) {
 // The archive.
 
 TEST(Preferences, ComeBackWithTheirDefaults) {
-    STPreferences arrived = filled();
+    STPreferences arrived = filledPreferences();
     arrived = payloadIn<STPreferences>(payloadOf(STPreferences()));
     EXPECT_EQ(arrived.m_prefType, 10);
     EXPECT_EQ(arrived.m_unverifiedAction, 1);
@@ -204,15 +187,16 @@ TEST(Preferences, HaveEachMemberInItsPlaceOfTheArchive) {
                                               L" 1"         // unverified
                                               L" 0 0 0 0"   // categories: tracking, version, count, entry's version
                                               L" 0 0 0 0"); // allow/block list: the same
-    EXPECT_EQ(payloadOf(filled()), kHeader + L" 0 0 0 1 21 -22 2147483647 7 1 1 0 1 -2147483648"
-                                             L" 0 0 2 0"           // two categories
-                                             L" 0 0"               // the class of an entry, once: tracking, version
-                                             L" 0  9 8 gambling 1" // length, text, value; an empty text is two blanks
-                                             L" 0 0 3 0 12 Yi5leGFtcGxl 0 12 YS5leGFtcGxl 1 12 Yi5leGFtcGxl 7");
+    EXPECT_EQ(payloadOf(filledPreferences()),
+              kHeader + L" 0 0 0 1 21 -22 2147483647 7 1 1 0 1 -2147483648"
+                        L" 0 0 2 0"           // two categories
+                        L" 0 0"               // the class of an entry, once: tracking, version
+                        L" 0  9 8 gambling 1" // length, text, value; an empty text is two blanks
+                        L" 0 0 3 0 12 Yi5leGFtcGxl 0 12 YS5leGFtcGxl 1 12 Yi5leGFtcGxl 7");
 }
 
 TEST(Preferences, ThatAreFilledComeBackWhole) {
-    expectEqual(payloadIn<STPreferences>(payloadOf(filled())), filled());
+    expectEqual(payloadIn<STPreferences>(payloadOf(filledPreferences())), filledPreferences());
 }
 
 TEST(Preferences, KeepThePlaceOfTheUnusedMember) {
@@ -241,14 +225,16 @@ TEST(Preferences, TakeATypeThatHasNoNameAsItIs) {
 }
 
 TEST(Preferences, OfALaterClassVersionAreRefused) {
-    const std::wstring text = replaced(payloadOf(filled()), L"18 0 0 ", L"18 0 1 ");
+    const std::wstring text = replaced(payloadOf(filledPreferences()), L"18 0 0 ", L"18 0 1 ");
     EXPECT_EQ(refusalOf<STPreferences>(text), archive_exception::unsupported_class_version);
 }
 
 TEST(Preferences, OfTheArchiveVersionBehindTheLibrarysAreRead) {
     EXPECT_EQ(HVB::kLatestArchiveVersion, 19U);
-    expectEqual(payloadIn<STPreferences>(replaced(payloadOf(filled()), L"archive 18", L"archive 19")), filled());
-    expectEqual(payloadIn<STPreferences>(replaced(payloadOf(filled()), L"archive 18", L"archive 17")), filled());
+    expectEqual(payloadIn<STPreferences>(replaced(payloadOf(filledPreferences()), L"archive 18", L"archive 19")),
+                filledPreferences());
+    expectEqual(payloadIn<STPreferences>(replaced(payloadOf(filledPreferences()), L"archive 18", L"archive 17")),
+                filledPreferences());
 }
 
 TEST(Preferences, OfALaterArchiveOrUnderAnotherSignatureAreRefused) {
@@ -268,7 +254,7 @@ TEST(Preferences, OfALaterArchiveOrUnderAnotherSignatureAreRefused) {
 
 TEST(Preferences, ThatAreCutOffAnywhereAreRefused) {
     expectEveryBeginningRefused<STPreferences>(payloadOf(STPreferences()));
-    expectEveryBeginningRefused<STPreferences>(payloadOf(filled()));
+    expectEveryBeginningRefused<STPreferences>(payloadOf(filledPreferences()));
 }
 
 TEST(Preferences, WithANumberThatDoesNotFitAreRefused) {
@@ -299,8 +285,9 @@ const std::wstring kTracked = kHeader + L" 1 0 0 0 1 21 -22 2147483647 7 1 1 0 1
                                         L" 1 0 4 3 0 5 12 Yi5leGFtcGxl 0 6 12 YS5leGFtcGxl 1 7 12 Yi5leGFtcGxl 7";
 
 TEST(Preferences, ThatAreTrackedComeBackWhole) {
-    expectEqual(payloadIn<STPreferences>(kTracked), filled());
-    expectEqual(payloadIn<STPreferences>(replaced(payloadOf(filled()), L"18 0 0 ", L"18 1 0 0 ")), filled());
+    expectEqual(payloadIn<STPreferences>(kTracked), filledPreferences());
+    expectEqual(payloadIn<STPreferences>(replaced(payloadOf(filledPreferences()), L"18 0 0 ", L"18 1 0 0 ")),
+                filledPreferences());
 }
 
 TEST(Preferences, ThatAreTrackedAndCutOffAnywhereAreRefused) {

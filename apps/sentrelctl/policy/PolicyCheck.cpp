@@ -130,10 +130,19 @@ int PolicyFindings::bounded(const PolicyKey& key, int declared) {
     return count;
 }
 
-void PolicyFindings::warnOfEntries(const PolicyKey& key, const policy::TextEntries& entries) {
-    for (const int index : entries.missing) {
-        warn(key, "is missing", index);
+void PolicyFindings::warnOfMissing(const PolicyKey& key, const std::vector<int>& indices) {
+    constexpr std::size_t told = 100;
+    for (std::size_t at = 0; at < std::min(indices.size(), told); ++at) {
+        const bool hasMore = at + 1 == told && indices.size() > told;
+        warn(key,
+             hasMore ? fmt::format("is missing, and so are {} more entries of the list", indices.size() - told)
+                     : "is missing",
+             indices[at]);
     }
+}
+
+void PolicyFindings::warnOfEntries(const PolicyKey& key, const policy::TextEntries& entries) {
+    warnOfMissing(key, entries.missing);
     for (const policy::TextEntry& entry : entries.found) {
         if (!entry.narrow) {
             warn(key, fmt::format("is longer than {} bytes, so it is left out", policy::kMaxNarrowBytes), entry.index);

@@ -161,9 +161,7 @@ bool checkRatings(PolicyFindings& findings) {
 }
 
 void checkSiteActions(PolicyFindings& findings, const policy::NumberEntries& actions) {
-    for (const int index : actions.missing) {
-        findings.warn(keys::kSiteAction, "is missing", index);
-    }
+    findings.warnOfMissing(keys::kSiteAction, actions.missing);
     for (std::size_t at = 0; at < actions.found.size(); ++at) {
         const int action = actions.found[at];
         if (action != policy::kSiteAllow && action != policy::kSiteBlock) {

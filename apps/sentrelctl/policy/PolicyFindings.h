@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Sentrel::ctl {
 
@@ -36,6 +37,8 @@ public:
     int bounded(const PolicyKey& key, int declared);
     /// Notes on the entries of a list that are missing, or left out for what they are.
     void warnOfEntries(const PolicyKey& key, const policy::TextEntries& entries);
+    /// Notes on these entries, of a long row of them on the first only, and how many there are.
+    void warnOfMissing(const PolicyKey& key, const std::vector<int>& indices);
     /// Notes on entries of @p key with an index that @p count does not reach.
     void warnOfSurplus(const PolicyKey& key, const PolicyKey& countKey, int count);
 

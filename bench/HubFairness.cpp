@@ -44,7 +44,7 @@ struct Sizes {
     bool isUnbounded; // whether a flood is tried that takes all that the bus has
 };
 constexpr Sizes kFull{10'000, 1000, true};
-constexpr Sizes kBrief{500, 10, false};
+constexpr Sizes kBrief{100, 2, false};
 constexpr std::size_t kConnections = 12;
 // Each connection sends 600 calls a second.
 constexpr std::chrono::milliseconds kTick{10};

@@ -72,7 +72,7 @@ ModuleConfiguration ModuleConfigurations::reload(int moduleId) {
     // When two reloads run at once, the content that was read later stays. Who asks for what is in force waits for
     // neither.
     const Sentrel::MutexLock oneAtATime(m_reading);
-    const ModuleConfiguration configuration = read(moduleId, file->second);
+    ModuleConfiguration configuration = read(moduleId, file->second);
     const Sentrel::MutexLock lock(m_mutex);
     m_inForce[moduleId] = configuration;
     return configuration;

@@ -32,7 +32,7 @@ void Recording::forget() {
     lines.clear();
 }
 
-void Recording::add(std::string call) {
+void Recording::add(const std::string& call) {
     {
         const std::lock_guard lock(m_mutex);
         m_calls.push_back(call);

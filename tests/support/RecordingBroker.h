@@ -60,7 +60,7 @@ struct Recording {
 
     /// Every call in its order: the operation's name, then its plain arguments, as in "setHVId 7".
     std::vector<std::string> calls();
-    void add(std::string call);
+    void add(const std::string& call);
     /// Forgets calls, replies, events, commands, logs and lines, for a caller that goes on for long.
     void forget();
 

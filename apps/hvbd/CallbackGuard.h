@@ -33,7 +33,9 @@ int replyWithErrors(sd_bus_error* error, Body&& body) noexcept {
     } catch (const BadMessage& bad) {
         return sd_bus_error_set(error, bus::kErrorBadMessage, bad.message().c_str());
     } catch (const LogStoreError& failed) {
-        return sd_bus_error_set(error, bus::kErrorLogStore, failed.message().c_str());
+        const bool isForGood = failed.kind() == LogStoreError::Kind::Refused;
+        return sd_bus_error_set(error, isForGood ? bus::kErrorLogRefused : bus::kErrorLogStore,
+                                failed.message().c_str());
     } catch (const HVBException& failed) {
         const char* name = failed.code() == -EBADMSG ? bus::kErrorBadMessage : bus::kErrorFailed;
         return sd_bus_error_set(error, name, failed.message().c_str());

@@ -19,6 +19,7 @@
 #include <array>
 #include <ctime>
 #include <iterator>
+#include <limits>
 #include <map>
 #include <set>
 #include <utility>
@@ -47,6 +48,16 @@ std::wstring readWideText(sd_bus_message& message, const char* what) {
 
 void readNumber(sd_bus_message& message, std::int32_t& number) {
     bus::check(sd_bus_message_read_basic(&message, 'i', &number), "cannot read the message");
+}
+
+RecordNumber readRecordNumber(sd_bus_message& message) {
+    RecordNumber number;
+    bus::check(sd_bus_message_read(&message, "tt", &number.instance, &number.number), "cannot read the message");
+    constexpr auto largest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    if (number.number == 0 || number.number > largest) {
+        throw BadMessage(fmt::format("{} is no number of a record; 1 to {} are", number.number, largest));
+    }
+    return number;
 }
 
 int syslogPriority(std::int32_t level) {
@@ -93,6 +104,11 @@ const sd_bus_vtable HubService::kVtable[] = {
                              SD_BUS_PARAM(source) SD_BUS_PARAM(type) SD_BUS_PARAM(text) SD_BUS_PARAM(detail)
                                  SD_BUS_PARAM(count),
                              bus::kLogReplySignature, SD_BUS_PARAM(id), &HubService::onLog, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES(bus::kLogNumberedMember, bus::kLogNumberedSignature,
+                             SD_BUS_PARAM(instance) SD_BUS_PARAM(number) SD_BUS_PARAM(source) SD_BUS_PARAM(type)
+                                 SD_BUS_PARAM(text) SD_BUS_PARAM(detail) SD_BUS_PARAM(count),
+                             bus::kLogReplySignature, SD_BUS_PARAM(id), &HubService::onLogNumbered,
+                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_NAMES(bus::kLogMessageMember, bus::kLogMessageSignature,
                              SD_BUS_PARAM(module) SD_BUS_PARAM(name) SD_BUS_PARAM(type) SD_BUS_PARAM(level)
                                  SD_BUS_PARAM(line),
@@ -138,12 +154,17 @@ void HubService::lost() noexcept {
 }
 
 int HubService::onLog(sd_bus_message* call, void* self, sd_bus_error* error) {
-    return replyWithErrors(error, [&] { static_cast<HubService*>(self)->gather(*call); });
+    return replyWithErrors(error, [&] { static_cast<HubService*>(self)->gather(*call, std::nullopt); });
 }
 
-void HubService::gather(sd_bus_message& call) {
+int HubService::onLogNumbered(sd_bus_message* call, void* self, sd_bus_error* error) {
+    return replyWithErrors(error, [&] { static_cast<HubService*>(self)->gather(*call, readRecordNumber(*call)); });
+}
+
+void HubService::gather(sd_bus_message& call, std::optional<RecordNumber> number) {
     PendingRecord pending{bus::MessagePtr(sd_bus_message_ref(&call)), {}};
     LogRecord& record = pending.record;
+    record.number = number;
     readNumber(call, record.source);
     readNumber(call, record.type);
     record.text = readTextBytes(call, "text");
@@ -223,6 +244,9 @@ void HubService::answerStored(const std::vector<PendingRecord>& batch, const std
         static_cast<void>(sd_bus_reply_method_return(batch[i].call.get(), bus::kLogReplySignature, ids[i]));
     }
     for (const std::uint64_t id : ids) {
+        if (id == bus::kAlreadyStored) {
+            continue;
+        }
         static_cast<void>(sd_bus_emit_signal(m_bus, bus::kHubPath, bus::kHubInterface, bus::kLogStoredMember,
                                              bus::kLogStoredSignature, id));
     }

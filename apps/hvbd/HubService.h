@@ -1,4 +1,4 @@
-// The hub's object on the bus: Log, LogMessage, ReadLog, Status and the signal LogStored.
+// The hub's object on the bus: Log, LogNumbered, LogMessage, ReadLog, Status and the signal LogStored.
 #pragma once
 
 #include "apps/hvbd/EventLoop.h"
@@ -8,6 +8,7 @@
 #include "apps/hvbd/SystemLog.h"
 #include "platform/hvbhelpers/BusConnection.h"
 
+#include <optional>
 #include <vector>
 
 namespace HVB::hub {
@@ -46,13 +47,14 @@ private:
 
     static const sd_bus_vtable kVtable[];
     static int onLog(sd_bus_message* call, void* self, sd_bus_error* error);
+    static int onLogNumbered(sd_bus_message* call, void* self, sd_bus_error* error);
     static int onLogMessage(sd_bus_message* call, void* self, sd_bus_error* error);
     static int onReadLog(sd_bus_message* call, void* self, sd_bus_error* error);
     static int onStatus(sd_bus_message* call, void* self, sd_bus_error* error);
     static int onIdle(sd_event_source* source, void* self);
     static int onBatchAge(sd_event_source* source, std::uint64_t usec, void* self);
 
-    void gather(sd_bus_message& call);
+    void gather(sd_bus_message& call, std::optional<RecordNumber> number);
     void startBatch();
     void answerTrouble(const std::vector<PendingRecord>& batch, const std::string& text);
     void answerStored(const std::vector<PendingRecord>& batch, const std::vector<std::uint64_t>& ids);

@@ -15,6 +15,9 @@ inline constexpr std::chrono::microseconds kMaxBatchAge{20'000};
 
 /// What a stored record costs beside its two texts, in bytes: its row and its share of the pages.
 inline constexpr std::uint64_t kRecordOverheadBytes = 64;
+/// Senders whose numbers are remembered. A sender has one record on its way, so what may come twice is the last record
+/// of one that stored lately.
+inline constexpr std::int64_t kMaxInstances = 256;
 /// How long a write waits for another program's lock. Two such waits still fit into the sender's 1.5 s.
 inline constexpr std::chrono::milliseconds kStoreLockWait{300};
 /// The write-ahead log is given back to the file system down to this size whenever it starts anew, in bytes.

@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -30,17 +31,30 @@ namespace HVB::hub {
 namespace {
 
 constexpr std::int64_t kApplicationId = 0x4856424C; ///< "HVBL"
-constexpr std::int64_t kSchemaVersion = 1;
+constexpr std::int64_t kSchemaVersion = 2;
 
 // The ids are AUTOINCREMENT so that one is never given twice, also when the newest record was deleted by hand.
 constexpr const char* kSchema =
     "CREATE TABLE log(id INTEGER PRIMARY KEY AUTOINCREMENT, stored_at INTEGER NOT NULL, source INTEGER NOT NULL,"
     " type INTEGER NOT NULL, text BLOB NOT NULL, detail BLOB NOT NULL, count INTEGER NOT NULL);"
     "PRAGMA application_id=1213612620; PRAGMA user_version=1";
-static_assert(kApplicationId == 1213612620 && kSchemaVersion == 1, "the numbers in kSchema");
+static_assert(kApplicationId == 1213612620, "the number in kSchema");
+
+/// What each layout adds to the one before, from layout 2 on. A new file goes through all of them.
+constexpr std::array kSteps{
+    "CREATE TABLE sender(instance INTEGER PRIMARY KEY, number INTEGER NOT NULL, last_id INTEGER NOT NULL);"
+    "PRAGMA user_version=2",
+};
+static_assert(kSteps.size() + 1 == kSchemaVersion, "a step for each layout after the first");
 
 constexpr const char* kInsert =
     "INSERT INTO log(stored_at, source, type, text, detail, count) VALUES(?1, ?2, ?3, ?4, ?5, ?6)";
+constexpr const char* kLastNumber = "SELECT number FROM sender WHERE instance = ?1";
+constexpr const char* kNoteNumber =
+    "INSERT INTO sender(instance, number, last_id) VALUES(?1, ?2, ?3)"
+    " ON CONFLICT(instance) DO UPDATE SET number = excluded.number, last_id = excluded.last_id";
+constexpr const char* kForgetSenders =
+    "DELETE FROM sender WHERE instance NOT IN (SELECT instance FROM sender ORDER BY last_id DESC LIMIT ?1)";
 constexpr const char* kOldest = "SELECT id, length(text) + length(detail) FROM log ORDER BY id LIMIT 1";
 constexpr const char* kDelete = "DELETE FROM log WHERE id = ?1";
 constexpr const char* kTotal = "SELECT count(*), coalesce(sum(length(text) + length(detail)), 0) FROM log";
@@ -91,35 +105,50 @@ constexpr const char* kReading = "cannot read the stored records";
 constexpr const char* kOpening = "cannot open the log store";
 
 /// Looks before anything is written: a file that is not ours stays as it is.
-/// @return whether the file is a new one.
-bool checkLayout(sqlite3& database, const std::string& path) {
+/// @return the layout of the file; 0 of a new one.
+std::int64_t checkLayout(sqlite3& database, const std::string& path) {
     const std::int64_t objects = Sentrel::queryInteger(database, "SELECT count(*) FROM sqlite_schema");
     const std::int64_t application = Sentrel::queryInteger(database, "PRAGMA application_id");
     const std::int64_t version = Sentrel::queryInteger(database, "PRAGMA user_version");
     if (objects == 0 && application == 0 && version == 0) {
-        return true;
+        return 0;
     }
     if (application != kApplicationId) {
         throw storeTrouble(kOpening, explainForeign(path));
     }
-    if (version != kSchemaVersion) {
+    if (version > kSchemaVersion) {
         throw storeTrouble(kOpening, explainNewer(path, version));
     }
-    return false;
+    if (version < 1) {
+        throw storeTrouble(kOpening, explainForeign(path));
+    }
+    return version;
+}
+
+/// Gives the file this layout, in one transaction: another program, or this one after a crash, meets the old layout or
+/// the new one. The records stay as they are.
+void bringUpToDate(sqlite3& database, std::int64_t version) {
+    if (version == kSchemaVersion) {
+        return;
+    }
+    Sentrel::WriteTransaction transaction(database);
+    if (version == 0) {
+        Sentrel::execute(database, kSchema);
+    }
+    for (auto next = static_cast<std::size_t>(std::max<std::int64_t>(version, 1)); next < kSchemaVersion; ++next) {
+        Sentrel::execute(database, kSteps.at(next - 1));
+    }
+    transaction.commit();
 }
 
 Sentrel::DatabasePtr openStore(const std::string& path) {
     Sentrel::DatabasePtr database = Sentrel::openDatabase(resolvedDirectory(path));
     Sentrel::setLockWait(*database, kStoreLockWait);
     Sentrel::execute(*database, "PRAGMA trusted_schema=OFF; PRAGMA cell_size_check=ON");
-    const bool isNew = checkLayout(*database, path);
+    const std::int64_t version = checkLayout(*database, path);
     Sentrel::execute(*database, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL");
     Sentrel::execute(*database, fmt::format("PRAGMA journal_size_limit={}", kKeptWalBytes).c_str());
-    if (isNew) {
-        Sentrel::WriteTransaction transaction(*database);
-        Sentrel::execute(*database, kSchema);
-        transaction.commit();
-    }
+    bringUpToDate(*database, version);
     return database;
 }
 
@@ -129,7 +158,8 @@ Sentrel::DatabasePtr openStore(const std::string& path) {
 /// Threads: one at a time. Owner: the store.
 struct LogStore::Connection {
     Connection(Sentrel::DatabasePtr opened, FileIdentity identity)
-        : database(std::move(opened)), file(identity), insert(*database, kInsert), oldest(*database, kOldest),
+        : database(std::move(opened)), file(identity), insert(*database, kInsert), lastNumber(*database, kLastNumber),
+          noteNumber(*database, kNoteNumber), forgetSenders(*database, kForgetSenders), oldest(*database, kOldest),
           remove(*database, kDelete), total(*database, kTotal), dataVersion(*database, kDataVersion),
           first(*database, kFirst), last(*database, kLast) {}
 
@@ -143,6 +173,8 @@ struct LogStore::Connection {
     std::uint64_t bytesInTransaction();
     std::uint64_t removeOldest();
     std::uint64_t insertOne(const LogRecord& record, std::int64_t now);
+    std::uint64_t lastNumberOf(std::uint64_t instance);
+    void note(const RecordNumber& number, std::uint64_t id);
 
     Sentrel::DatabasePtr database;
     FileIdentity file;
@@ -150,6 +182,9 @@ struct LogStore::Connection {
     std::optional<std::uint64_t> totalBytes;
     std::int64_t countedVersion = 0; ///< of the file, when totalBytes was counted
     Sentrel::Statement insert;
+    Sentrel::Statement lastNumber;
+    Sentrel::Statement noteNumber;
+    Sentrel::Statement forgetSenders;
     Sentrel::Statement oldest;
     Sentrel::Statement remove;
     Sentrel::Statement total;
@@ -199,6 +234,27 @@ std::uint64_t LogStore::Connection::insertOne(const LogRecord& record, std::int6
     add->bind(6, std::int64_t{record.count});
     add->step();
     return static_cast<std::uint64_t>(Sentrel::lastInsertedRow(*database));
+}
+
+/// The number of the last record of a sender that was stored; 0 when none is remembered.
+std::uint64_t LogStore::Connection::lastNumberOf(std::uint64_t instance) {
+    Sentrel::StatementUse find(lastNumber);
+    find->bind(1, static_cast<std::int64_t>(instance));
+    return find->step() ? static_cast<std::uint64_t>(find->integer(0)) : 0;
+}
+
+void LogStore::Connection::note(const RecordNumber& number, std::uint64_t id) {
+    const bool isNew = lastNumberOf(number.instance) == 0;
+    Sentrel::StatementUse noted(noteNumber);
+    noted->bind(1, static_cast<std::int64_t>(number.instance));
+    noted->bind(2, static_cast<std::int64_t>(number.number));
+    noted->bind(3, static_cast<std::int64_t>(id));
+    noted->step();
+    if (isNew) {
+        Sentrel::StatementUse forget(forgetSenders);
+        forget->bind(1, kMaxInstances);
+        forget->step();
+    }
 }
 
 LogStore::LogStore(std::string path, std::uint64_t limitBytes) : m_path(std::move(path)), m_limitBytes(limitBytes) {}
@@ -317,12 +373,20 @@ std::vector<std::uint64_t> LogStore::write(std::span<const LogRecord> records) {
     std::vector<std::uint64_t> ids;
     ids.reserve(records.size());
     for (const LogRecord& record : records) {
+        // Asked inside the transaction: the first sending of a record may stand in this very batch.
+        if (record.number && record.number->number <= store.lastNumberOf(record.number->instance)) {
+            ids.push_back(bus::kAlreadyStored);
+            continue;
+        }
         // Room is made first, so that the new record goes into pages that the old ones leave.
         while (total + cost(record) > m_limitBytes) {
             const std::uint64_t freed = store.removeOldest();
             total = freed == 0 ? 0 : total - std::min(total, freed);
         }
         ids.push_back(store.insertOne(record, now));
+        if (record.number) {
+            store.note(*record.number, ids.back());
+        }
         total += cost(record);
     }
     transaction.commit();

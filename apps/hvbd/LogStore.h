@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -13,6 +14,13 @@
 #include <vector>
 
 namespace HVB::hub {
+
+/// Which record of which sender. A sender gives each of its records a number above that of the record before, and keeps
+/// one record on its way at a time; so the last number that was stored tells which were.
+struct RecordNumber {
+    std::uint64_t instance = 0; ///< chosen at random, one for each life of a sender
+    std::uint64_t number = 0;   ///< above 0; below 2^63, as the store's integers are
+};
 
 /// A record as its sender gave it. The texts are the bytes that arrived, UCS-4LE, and are not owned.
 /// Threads: one at a time. Owner: the sender's message owns the bytes.
@@ -22,6 +30,7 @@ struct LogRecord {
     std::string_view text;
     std::string_view detail;
     std::int32_t count = 0;
+    std::optional<RecordNumber> number = {}; ///< none: the record is stored as often as it is sent
 };
 
 /// A record as the store gives it back.
@@ -63,6 +72,8 @@ private:
 /// oldest go first. Pages hold at least half of what they could, so the file stays below twice the limit and 1 MiB;
 /// the write-ahead log beside it stays below kMaxWalBytes and one batch. The file does not shrink by itself.
 ///
+/// The last number is remembered of the kMaxInstances senders that stored last.
+///
 /// Threads: one at a time. Owner: the program.
 class LogStore {
 public:
@@ -79,8 +90,9 @@ public:
     /// @throws LogStoreError of kind Refused when the record alone exceeds the limit.
     void checkSize(const LogRecord& record) const;
 
-    /// Stores all of @p records or none, and returns when they are on the disk.
-    /// @return their ids, in order; ids only rise and are never given twice.
+    /// Stores all of @p records or none, and returns when they are on the disk. One whose number was stored before is
+    /// not stored again; the numbers are remembered in the transaction that holds the records.
+    /// @return their ids, in order; ids only rise and are never given twice. bus::kAlreadyStored for one that was.
     /// @throws LogStoreError
     std::vector<std::uint64_t> append(std::span<const LogRecord> records);
 

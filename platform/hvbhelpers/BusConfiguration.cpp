@@ -164,7 +164,7 @@ void writeDaemon(Writer& out, const std::string& user) {
     out.allowOwn(moduleName(MODULE_SENTREL));
     allowDriver(out, {"RequestName", "ReleaseName", kGetConnectionUnixUserMember});
     allowCommands(out, true);
-    for (const char* member : {kLogMember, kLogMessageMember, kReadLogMember}) {
+    for (const char* member : {kLogMember, kLogNumberedMember, kLogMessageMember, kReadLogMember}) {
         out.allowCall(kHubName, kHubInterface, member);
     }
     out.allowSignals(kEventsInterface);

@@ -67,6 +67,11 @@ inline constexpr const char* kHealthCheckMember = "HealthCheck";
 inline constexpr const char* kLogMember = "Log";
 inline constexpr const char* kLogSignature = "iiayayi";
 inline constexpr const char* kLogReplySignature = "t";
+// LogNumbered: the sender's instance and the record's number in it, then as Log → id of the stored record, or
+// kAlreadyStored. Numbers of an instance rise; one that is not above the last one stored was stored before.
+inline constexpr const char* kLogNumberedMember = "LogNumbered";
+inline constexpr const char* kLogNumberedSignature = "ttiiayayi";
+inline constexpr std::uint64_t kAlreadyStored = 0; ///< in place of an id; no record has this one
 // LogMessage: module, its name, type, level, line → nothing.
 inline constexpr const char* kLogMessageMember = "LogMessage";
 inline constexpr const char* kLogMessageSignature = "iayiiay";
@@ -93,6 +98,7 @@ inline constexpr const char* kErrorStopped = "com.orvanta.hvb1.Error.Stopped"; /
 inline constexpr const char* kErrorBadMessage = "com.orvanta.hvb1.Error.BadMessage"; ///< the message is malformed
 inline constexpr const char* kErrorBusy = "com.orvanta.hvb1.Error.Busy";         ///< too many calls wait for a worker
 inline constexpr const char* kErrorLogStore = "com.orvanta.hvb1.Error.LogStore"; ///< the record could not be stored
+inline constexpr const char* kErrorLogRefused = "com.orvanta.hvb1.Error.LogRefused"; ///< it can never be stored
 
 /// Largest text inside a message, in bytes. What a user can make the bus hold is a multiple of a message.
 inline constexpr std::size_t kMaxTextBytes = std::size_t{256} << 10U;

@@ -194,7 +194,7 @@ TEST_F(TheBusPolicy, RefusesAnyUserACommandWithoutAnInterface) {
 }
 
 TEST_F(TheBusPolicy, RefusesAnyUserTheHubsOwnCalls) {
-    for (const char* member : {kLogMember, kLogMessageMember, kReadLogMember, kStatusMember}) {
+    for (const char* member : {kLogMember, kLogNumberedMember, kLogMessageMember, kReadLogMember, kStatusMember}) {
         EXPECT_EQ(asNobody([&] { return callHub(m_socket, member); }), refused) << member;
     }
     EXPECT_EQ(asNobody([&] { return checkHealth(m_socket, 7); }), refused);
@@ -230,6 +230,7 @@ TEST_F(TheBusPolicy, LetsAdministratorsSendEveryCommandAndReadTheLog) {
     }
     EXPECT_EQ(asAdministrator([&] { return callHub(m_socket, kReadLogMember); }), "ok");
     EXPECT_EQ(asAdministrator([&] { return callHub(m_socket, kLogMember); }), refused);
+    EXPECT_EQ(asAdministrator([&] { return callHub(m_socket, kLogNumberedMember); }), refused);
     EXPECT_EQ(asAdministrator([&] { return own(m_socket, moduleName(7)); }), refused);
     EXPECT_EQ(asAdministrator([&] { return sendCommand(m_socket, 7, 424242); }), refused);
 }
@@ -255,12 +256,13 @@ TEST_F(TheBusPolicy, LetsRootCallEverything) {
     EXPECT_EQ(sendCommand(m_socket, 7, 424242), "ok") << "the module is the one to refuse it";
     EXPECT_EQ(callHub(m_socket, kReadLogMember), "ok");
     EXPECT_EQ(callHub(m_socket, kLogMember), "ok");
+    EXPECT_EQ(callHub(m_socket, kLogNumberedMember), "ok");
     EXPECT_EQ(checkHealth(m_socket, 7), "ok");
 }
 
 TEST_F(TheBusPolicy, LetsTheServicesDoTheirWork) {
     EXPECT_EQ(asDaemon([&] { return sendCommand(m_socket, 1, 1023); }), "ok");
-    for (const char* member : {kLogMember, kLogMessageMember, kReadLogMember}) {
+    for (const char* member : {kLogMember, kLogNumberedMember, kLogMessageMember, kReadLogMember}) {
         EXPECT_EQ(asDaemon([&] { return callHub(m_socket, member); }), "ok") << member;
     }
     EXPECT_EQ(asHub([&] { return checkHealth(m_socket, 7); }), "ok");

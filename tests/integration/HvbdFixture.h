@@ -61,6 +61,18 @@ public:
         HVB::bus::check(sd_bus_message_append(message.get(), "i", 1), "append");
         return message;
     }
+    /// Stores a record with a number. @return its id. @throws CallError
+    std::uint64_t logNumbered(std::uint64_t instance, std::uint64_t number, const std::wstring& text) {
+        auto message = newCall(HVB::bus::kLogNumberedMember);
+        HVB::bus::check(sd_bus_message_append(message.get(), "ttii", instance, number, 7, 8), "append");
+        HVB::bus::appendText(*message, text);
+        HVB::bus::appendText(*message, L"");
+        HVB::bus::check(sd_bus_message_append(message.get(), "i", 1), "append");
+        const auto reply = call(*message);
+        std::uint64_t id = 0;
+        HVB::bus::check(sd_bus_message_read(reply.get(), HVB::bus::kLogReplySignature, &id), "read");
+        return id;
+    }
     HVB::bus::MessagePtr call(sd_bus_message& message) { return HVB::bus::call(*m_bus, message, patience()); }
 
     /// Stores a record. @return its id. @throws CallError

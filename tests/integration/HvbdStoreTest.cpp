@@ -118,6 +118,24 @@ TEST_F(AHubsStore, HoldsEveryAnsweredRecordAfterKill9) {
     EXPECT_GE(answered.size(), rounds * answersBeforeTheKill);
 }
 
+TEST_F(AHubsStore, AnswersARepeatedNumberWithSuccessAndStoresItOnceAlsoAfterKill9) {
+    start();
+    EXPECT_EQ(client().logNumbered(5, 1, L"one"), 1U);
+    kill9();
+    start();
+    EXPECT_EQ(client().logNumbered(5, 1, L"one"), bus::kAlreadyStored);
+    EXPECT_EQ(client().logNumbered(5, 2, L"two"), 2U);
+    EXPECT_EQ(client().ids(), (std::vector<std::uint64_t>{1, 2}));
+}
+
+TEST_F(AHubsStore, RefusesANumberThatNoRecordHas) {
+    start();
+    HubClient sender = client();
+    EXPECT_EQ(refusalOf([&] { sender.logNumbered(5, 0, L"none"); }),
+              (Refusal{bus::kErrorBadMessage, "0 is no number of a record; 1 to 9223372036854775807 are"}));
+    EXPECT_EQ(refusalOf([&] { sender.logNumbered(5, UINT64_MAX, L"none"); }).name, bus::kErrorBadMessage);
+}
+
 TEST_F(AHubsStore, StoresRecordsThatArriveTogetherInOneTransaction) {
     start();
     HubClient sender = client();
@@ -157,7 +175,7 @@ TEST_F(AHubsStore, StoresRecordsThatArriveTogetherInOneTransaction) {
 TEST_F(AHubsStore, IsReadableFromOutsideAndHasTheDocumentedLayout) {
     start();
     client().log(L"aé", L"b");
-    EXPECT_EQ(sqlite("PRAGMA application_id; PRAGMA user_version; PRAGMA journal_mode"), "1213612620\n1\nwal\n");
+    EXPECT_EQ(sqlite("PRAGMA application_id; PRAGMA user_version; PRAGMA journal_mode"), "1213612620\n2\nwal\n");
     EXPECT_EQ(
         sqlite("SELECT id, source, type, hex(text), hex(detail), count, typeof(text), typeof(stored_at) FROM log"),
         "1|7|8|61000000E9000000|62000000|1|blob|integer\n");
@@ -237,10 +255,10 @@ TEST_F(AHubWithAFileThatIsNoStore, LeavesANewerOneAsItIsAndRecovers) {
     client().log(L"one");
     ASSERT_EQ(hvbd->terminate(), 0);
     ASSERT_FALSE(fs::exists(store + "-wal")) << "a clean end leaves one whole file";
-    sqlite("PRAGMA user_version=2");
+    sqlite("PRAGMA user_version=99");
     const std::string before = readFile(store);
     expectTroubleThenRecovery("cannot open the log store: " + store +
-                              " was written by a newer hvbd (layout 2). Install that one again. Or: " + moveAway());
+                              " was written by a newer hvbd (layout 99). Install that one again. Or: " + moveAway());
     EXPECT_EQ(readFile(store + ".aside"), before);
 }
 

@@ -122,7 +122,7 @@ TEST_F(AHub, DescribesItselfToBusctl) {
                                    .uid = {},
                                    .gid = {}});
     ASSERT_EQ(busctl.waitUntil(patience()), 0);
-    for (const char* member : {".Log ", ".LogMessage ", ".ReadLog ", ".Status ", ".LogStored "}) {
+    for (const char* member : {".Log ", ".LogNumbered ", ".LogMessage ", ".ReadLog ", ".Status ", ".LogStored "}) {
         EXPECT_THAT(busctl.output(), HasSubstr(member));
     }
 }

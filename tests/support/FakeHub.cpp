@@ -59,8 +59,11 @@ int FakeHub::take(sd_bus_message& message) {
         return 1;
     }
     const std::lock_guard lock(m_mutex);
-    if (member == bus::kLogMember) {
+    if (member == bus::kLogMember || member == bus::kLogNumberedMember) {
         Record record;
+        if (member == bus::kLogNumberedMember) {
+            bus::check(sd_bus_message_read(&message, "tt", &record.instance, &record.number), "read");
+        }
         bus::check(sd_bus_message_read(&message, "ii", &record.source, &record.type), "read");
         record.text = bus::readText(message);
         record.detail = bus::readText(message);

@@ -12,12 +12,14 @@
 
 namespace testing_support {
 
-/// Owns the hub's name on a real bus and answers Log and LogMessage. What is real: bus, messages, policy. What is not:
-/// it stores in memory, and it can be told to keep its answers to itself.
-/// Threads: thread-safe. Owner: the test; it goes before the bus.
+/// Owns the hub's name on a real bus and answers Log, LogNumbered and LogMessage. What is real: bus, messages, policy.
+/// What is not: it stores in memory, and it can be told to keep its answers to itself. Threads: thread-safe. Owner: the
+/// test; it goes before the bus.
 class FakeHub {
 public:
     struct Record {
+        std::uint64_t instance = 0; ///< 0 of a record without a number
+        std::uint64_t number = 0;
         std::int32_t source = 0;
         std::int32_t type = 0;
         std::wstring text;

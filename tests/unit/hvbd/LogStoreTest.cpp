@@ -3,6 +3,7 @@
 #include "apps/hvbd/LogStore.h"
 #include "apps/hvbd/HvbdLimits.h"
 #include "base/Database.h"
+#include "platform/hvbhelpers/HubProtocol.h"
 #include "tests/support/Files.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -58,6 +59,12 @@ protected:
         return "stored";
     }
 
+    /// Stores a record with a number. @return its id.
+    std::uint64_t addNumbered(std::uint64_t instance, std::uint64_t number) {
+        const LogRecord record{7, 8, "numbered", "", 1, RecordNumber{instance, number}};
+        return store.append({&record, 1}).front();
+    }
+
     /// Runs SQL as another program would, on a connection of its own.
     void outside(const char* sql) { Sentrel::execute(*Sentrel::openDatabase(path), sql); }
 
@@ -86,6 +93,59 @@ TEST_F(ALogStore, GivesBackWhatItWasGiven) {
     EXPECT_EQ(records[0].text, text);
     EXPECT_EQ(records[0].detail, "");
     EXPECT_EQ(records[0].count, -2);
+}
+
+TEST_F(ALogStore, StoresARecordOfANumberOnce) {
+    EXPECT_EQ(addNumbered(5, 1), 1U);
+    EXPECT_EQ(addNumbered(5, 1), HVB::bus::kAlreadyStored);
+    EXPECT_EQ(addNumbered(5, 2), 2U);
+    EXPECT_EQ(addNumbered(5, 1), HVB::bus::kAlreadyStored) << "a late copy of one before the last";
+    EXPECT_EQ(addNumbered(5, 9), 3U) << "numbers that were never sent leave gaps";
+    EXPECT_EQ(addNumbered(UINT64_MAX, 1), 4U) << "each instance has numbers of its own";
+    EXPECT_EQ(ids(), (std::vector<std::uint64_t>{1, 2, 3, 4}));
+}
+
+TEST_F(ALogStore, StoresANumberOnceWhenItComesTwiceInOneBatch) {
+    const LogRecord record{7, 8, "x", "", 1, RecordNumber{5, 1}};
+    const std::vector<LogRecord> twice{record, record};
+    EXPECT_EQ(store.append(twice), (std::vector<std::uint64_t>{1, HVB::bus::kAlreadyStored}));
+}
+
+TEST_F(ALogStore, RemembersNumbersAsLongAsItsFile) {
+    addNumbered(5, 1);
+    LogStore again(path, kMebibyte);
+    const LogRecord record{7, 8, "x", "", 1, RecordNumber{5, 1}};
+    EXPECT_EQ(again.append({&record, 1}).front(), HVB::bus::kAlreadyStored);
+    outside("DELETE FROM log");
+    EXPECT_EQ(again.append({&record, 1}).front(), HVB::bus::kAlreadyStored) << "also when the record was dropped";
+}
+
+TEST_F(ALogStore, RemembersOnlyTheInstancesThatStoredLast) {
+    for (std::uint64_t instance = 1; instance <= kMaxInstances; ++instance) {
+        addNumbered(instance, 1);
+    }
+    addNumbered(1, 2);
+    addNumbered(kMaxInstances + 1, 1);
+    EXPECT_EQ(Sentrel::queryInteger(*Sentrel::openDatabase(path), "SELECT count(*) FROM sender"), kMaxInstances);
+    EXPECT_EQ(addNumbered(1, 2), HVB::bus::kAlreadyStored) << "the first instance, which stored again";
+    EXPECT_NE(addNumbered(2, 1), HVB::bus::kAlreadyStored) << "the one that has been silent for longest";
+}
+
+TEST_F(ALogStore, TakesAStoreOfTheFirstLayoutOver) {
+    std::ofstream(path).close();
+    outside(
+        "CREATE TABLE log(id INTEGER PRIMARY KEY AUTOINCREMENT, stored_at INTEGER NOT NULL, source INTEGER NOT NULL,"
+        " type INTEGER NOT NULL, text BLOB NOT NULL, detail BLOB NOT NULL, count INTEGER NOT NULL);"
+        "PRAGMA application_id=1213612620; PRAGMA user_version=1;"
+        "INSERT INTO log VALUES(3, 17, 7, 8, CAST('abcd' AS BLOB), CAST('efgh' AS BLOB), 2)");
+    EXPECT_EQ(addNumbered(5, 1), 4U);
+    const auto records = store.read(0, 10, false);
+    ASSERT_EQ(records.size(), 2U);
+    EXPECT_EQ(records[0].id, 3U);
+    EXPECT_EQ(records[0].storedAt, 17);
+    EXPECT_EQ(records[0].text, "abcd");
+    EXPECT_EQ(records[0].detail, "efgh");
+    EXPECT_EQ(records[0].count, 2);
 }
 
 TEST_F(ALogStore, ReadsTheFirstOrTheLastRecordsInAscendingOrder) {
@@ -321,10 +381,10 @@ TEST_F(ALogStore, LeavesANewerLayoutAsItIsAndWorksAgainOnceItWasMovedAway) {
         const LogRecord record{7, 8, "x", "", 1};
         before.append({&record, 1});
     }
-    outside("PRAGMA user_version=2");
+    outside("PRAGMA user_version=99");
     const std::string before = content();
     EXPECT_EQ(trouble(), "cannot open the log store: " + path +
-                             " was written by a newer hvbd (layout 2). Install that one again. Or: " + moveAway());
+                             " was written by a newer hvbd (layout 99). Install that one again. Or: " + moveAway());
     EXPECT_THROW(ids(), LogStoreError);
     EXPECT_EQ(content(), before);
     fs::rename(path, path + ".newer");

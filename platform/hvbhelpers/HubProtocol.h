@@ -89,6 +89,27 @@ inline constexpr const char* kStateUnknown = "unknown"; ///< hvbd has not checke
 // LogStored: the id of a record that ReadLog gives from now on. A signal of the hub's interface.
 inline constexpr const char* kLogStoredMember = "LogStored";
 inline constexpr const char* kLogStoredSignature = "t";
+// Settings: whether the file is to be read first → generation, the snapshot's text: `s`, or `h` above kMaxTextBytes.
+// LastWholeSettings: nothing → the same, of the last snapshot whose state was "whole".
+inline constexpr const char* kSettingsMember = "Settings";
+inline constexpr const char* kSettingsSignature = "b";
+inline constexpr const char* kLastWholeSettingsMember = "LastWholeSettings";
+inline constexpr const char* kSettingsReplySignature = "tv";
+// SettingsChanged: the generation that Settings gives from now on. A signal of the hub's interface.
+inline constexpr const char* kSettingsChangedMember = "SettingsChanged";
+inline constexpr const char* kSettingsChangedSignature = "t";
+// HandInSettings, from the settings keeper: the snapshot's state, its text as above → the generation that it got.
+inline constexpr const char* kHandInSettingsMember = "HandInSettings";
+inline constexpr const char* kHandInSettingsSignature = "sv";
+inline constexpr const char* kHandInSettingsReplySignature = "t";
+inline constexpr const char* kStateWhole = "whole"; ///< the one state that the hub asks for
+
+// The settings keeper, which reads the settings file for the hub.
+inline constexpr const char* kKeeperName = "com.orvanta.hvb1.SettingsKeeper";
+inline constexpr const char* kKeeperPath = "/com/orvanta/hvb1/SettingsKeeper";
+inline constexpr const char* kKeeperInterface = "com.orvanta.hvb1.SettingsKeeper";
+// ReadNow: nothing → nothing, when the hub has what the file held when this was called, or later.
+inline constexpr const char* kReadNowMember = "ReadNow";
 
 // What a sender learns when it gets no ordinary reply.
 inline constexpr const char* kErrorUnknownCommand = "com.orvanta.hvb1.Error.UnknownCommand"; ///< the handler gave false
@@ -96,8 +117,10 @@ inline constexpr const char* kErrorFailed = "com.orvanta.hvb1.Error.Failed";   /
 inline constexpr const char* kErrorNoReply = "com.orvanta.hvb1.Error.NoReply"; ///< the handler did not answer
 inline constexpr const char* kErrorStopped = "com.orvanta.hvb1.Error.Stopped"; ///< the module takes nothing any more
 inline constexpr const char* kErrorBadMessage = "com.orvanta.hvb1.Error.BadMessage"; ///< the message is malformed
-inline constexpr const char* kErrorBusy = "com.orvanta.hvb1.Error.Busy";         ///< too many calls wait for a worker
-inline constexpr const char* kErrorLogStore = "com.orvanta.hvb1.Error.LogStore"; ///< the record could not be stored
+inline constexpr const char* kErrorBusy = "com.orvanta.hvb1.Error.Busy"; ///< too many calls wait for a worker
+inline constexpr const char* kErrorNoSettings = "com.orvanta.hvb1.Error.NoSettings"; ///< the hub has no such snapshot
+inline constexpr const char* kErrorKeeper = "com.orvanta.hvb1.Error.Keeper"; ///< the settings keeper cannot read now
+inline constexpr const char* kErrorLogStore = "com.orvanta.hvb1.Error.LogStore";     ///< the record could not be stored
 inline constexpr const char* kErrorLogRefused = "com.orvanta.hvb1.Error.LogRefused"; ///< it can never be stored
 
 /// Largest text inside a message, in bytes. What a user can make the bus hold is a multiple of a message.
@@ -108,6 +131,8 @@ inline constexpr std::size_t kMaxMessageBytes = std::size_t{1} << 20U;
 inline constexpr std::size_t kMaxPayloadBytes = std::size_t{64} << 20U;
 /// Largest payload of a reply: what two commands have stored, the list and the categories, fits into one snapshot.
 inline constexpr std::size_t kMaxReplyPayloadBytes = 2 * kMaxPayloadBytes + (std::size_t{1} << 20U);
+/// Largest text of a settings snapshot, in its file.
+inline constexpr std::size_t kMaxSettingsBytes = std::size_t{160} << 20U;
 /// Longest wait of any operation but a command: an event that meets a stopped hub is given up within two seconds.
 inline constexpr std::chrono::milliseconds kCallTimeout{1500};
 

@@ -73,7 +73,19 @@ bool readPieces(int fd, std::size_t size, std::size_t piece, const std::function
 
 MemoryFile::Ptr MemoryFile::of(std::wstring_view text, std::size_t maxBytes) {
     const std::uint8_t width = widthOf(text);
-    const std::size_t bytes = text.size() * width;
+    return sealed(width, text.size() * width, maxBytes, [&](int fd) {
+        for (std::size_t at = 0; at < text.size(); at += kChunk) {
+            Sentrel::writeAll(fd, packed(text.substr(at, kChunk), width), "a memory file");
+        }
+    });
+}
+
+MemoryFile::Ptr MemoryFile::ofBytes(std::string_view bytes, std::size_t maxBytes) {
+    return sealed(kNarrow, bytes.size(), maxBytes, [&](int fd) { Sentrel::writeAll(fd, bytes, "a memory file"); });
+}
+
+MemoryFile::Ptr MemoryFile::sealed(std::uint8_t width, std::size_t bytes, std::size_t maxBytes,
+                                   const std::function<void(int)>& fill) {
     if (bytes > maxBytes) {
         throw HVBException(-EMSGSIZE, fmt::format("a text of {} bytes is too large for the hub", bytes));
     }
@@ -82,9 +94,7 @@ MemoryFile::Ptr MemoryFile::of(std::wstring_view text, std::size_t maxBytes) {
         throwErrno("cannot make a memory file");
     }
     try {
-        for (std::size_t at = 0; at < text.size(); at += kChunk) {
-            Sentrel::writeAll(file.get(), packed(text.substr(at, kChunk), width), "a memory file");
-        }
+        fill(file.get());
     } catch (const std::system_error& error) {
         throw HVBException(-error.code().value(), error.what());
     }
@@ -131,6 +141,19 @@ std::wstring MemoryFile::text() const {
         throw HVBException(-EBADMSG, "a payload's file cannot be read");
     }
     return text;
+}
+
+std::string MemoryFile::content() const {
+    std::string bytes;
+    bytes.reserve(m_bytes);
+    const bool done = readPieces(m_fd.get(), m_bytes, kChunk, [&](std::string_view piece) {
+        bytes += piece;
+        return true;
+    });
+    if (!done) {
+        throw HVBException(-EBADMSG, "a payload's file cannot be read");
+    }
+    return bytes;
 }
 
 bool MemoryFile::holds(std::wstring_view text) const {

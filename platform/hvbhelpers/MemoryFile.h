@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -23,6 +24,9 @@ public:
     /// the system's code when it gives no memory or no descriptor.
     static Ptr of(std::wstring_view text, std::size_t maxBytes);
 
+    /// As of, for bytes, each of which counts as a character.
+    static Ptr ofBytes(std::string_view bytes, std::size_t maxBytes);
+
     /// Takes a copy of a descriptor that arrived. @param width bytes a character, as the message says.
     /// @throws HVBException with -EBADMSG when it is no sealed memory file, its size is not a whole number of
     /// characters, or
@@ -31,6 +35,8 @@ public:
 
     /// @throws HVBException with -EBADMSG when the file cannot be read.
     std::wstring text() const;
+    /// The bytes as they are in the file. @throws HVBException with -EBADMSG when it cannot be read.
+    std::string content() const;
     /// Whether it holds exactly this text.
     bool holds(std::wstring_view text) const;
 
@@ -39,6 +45,9 @@ public:
     std::size_t bytes() const { return m_bytes; }
 
 private:
+    static Ptr sealed(std::uint8_t width, std::size_t bytes, std::size_t maxBytes,
+                      const std::function<void(int)>& fill);
+
     MemoryFile(Sentrel::UniqueFd fd, std::uint8_t width, std::size_t bytes)
         : m_fd(std::move(fd)), m_width(width), m_bytes(bytes) {}
 

@@ -48,6 +48,15 @@ TEST(AMemoryFile, TakesOneByteACharacterWhenAllAreBytes) {
     EXPECT_EQ(file->text(), std::wstring(L"a\0\x7f\x80\xff", 5));
 }
 
+TEST(AMemoryFile, GivesBytesBackAsTheyWere) {
+    const std::string bytes("a\0\x7f\x80\xff", 5);
+    const auto file = MemoryFile::ofBytes(bytes, bytes.size());
+    EXPECT_EQ(file->content(), bytes);
+    EXPECT_EQ(refusalOf(file->fd()), "");
+    EXPECT_EQ(MemoryFile::arrived(file->fd(), 1, kMost)->content(), bytes);
+    EXPECT_THROW((void)MemoryFile::ofBytes(bytes, bytes.size() - 1), HVB::HVBException);
+}
+
 TEST(AMemoryFile, TakesFourBytesACharacterWhenOneIsNoByte) {
     for (const wchar_t odd : {wchar_t{0x100}, wchar_t{0x10FFFF}, wchar_t{INT_MAX}, wchar_t{-1}, wchar_t{INT_MIN}}) {
         const std::wstring text = std::wstring(L"ab") + odd;

@@ -1,0 +1,58 @@
+#include "platform/hvbhelpers/SnapshotText.h"
+
+#include "platform/hvbhelpers/BusConnection.h"
+#include "platform/hvbhelpers/HubProtocol.h"
+
+#include <cerrno>
+#include <string_view>
+
+namespace HVB::bus {
+namespace {
+
+void checkReading(int result) {
+    if (result <= 0) {
+        throw HVBException(-EBADMSG, "the message holds no text of settings");
+    }
+}
+
+} // namespace
+
+SnapshotText SnapshotText::of(std::string text) {
+    SnapshotText made;
+    if (text.size() > kMaxTextBytes) {
+        made.m_file = detail::MemoryFile::ofBytes(text, kMaxSettingsBytes);
+    } else {
+        made.m_text = std::move(text);
+    }
+    return made;
+}
+
+SnapshotText SnapshotText::arrived(sd_bus_message& message) {
+    SnapshotText made;
+    const char* content = nullptr;
+    checkReading(sd_bus_message_peek_type(&message, nullptr, &content));
+    if (content == nullptr || (std::string_view(content) != "s" && std::string_view(content) != "h")) {
+        checkReading(0);
+    }
+    const bool isFile = *content == 'h';
+    checkReading(sd_bus_message_enter_container(&message, 'v', isFile ? "h" : "s"));
+    if (isFile) {
+        int fd = -1;
+        checkReading(sd_bus_message_read_basic(&message, 'h', &fd));
+        made.m_file = detail::MemoryFile::arrived(fd, 1, kMaxSettingsBytes);
+    } else {
+        const char* text = nullptr;
+        checkReading(sd_bus_message_read_basic(&message, 's', &text));
+        made.m_text = text;
+    }
+    check(sd_bus_message_exit_container(&message), "cannot read the text of the settings");
+    return made;
+}
+
+void SnapshotText::appendTo(sd_bus_message& message) const {
+    const int result = m_file != nullptr ? sd_bus_message_append(&message, "v", "h", m_file->fd())
+                                         : sd_bus_message_append(&message, "v", "s", m_text.c_str());
+    check(result, "cannot send the text of the settings");
+}
+
+} // namespace HVB::bus

@@ -51,17 +51,18 @@ public:
           m_configurations({{MODULE_SENTREL, Sentrel::paths::moduleConfiguration()}},
                            [this](int priority, const std::string& text) { m_log.write(priority, text); }),
           m_store(Sentrel::paths::hubLogStore(), line.logLimitBytes),
-          m_monitor(*m_loop, line.healthInterval, m_log, [this] { m_configurations.lookAtAll(); }),
-          m_service(*m_loop, m_store, m_configurations, m_monitor, m_log), m_link(*m_loop, Sentrel::paths::hubSocket(),
-                                                                                  {[this](sd_bus& bus) {
-                                                                                       m_service.connected(bus);
-                                                                                       m_monitor.connected(bus);
-                                                                                   },
-                                                                                   [this] {
-                                                                                       m_monitor.lost();
-                                                                                       m_service.lost();
-                                                                                   }},
-                                                                                  m_log),
+          m_monitor(*m_loop, line.healthInterval, m_log, [this] { m_configurations.lookAtAll(); }), m_settings(m_log),
+          m_service(*m_loop, m_store, m_configurations, m_monitor, m_settings, m_log),
+          m_link(*m_loop, Sentrel::paths::hubSocket(),
+                 {[this](sd_bus& bus) {
+                      m_service.connected(bus);
+                      m_monitor.connected(bus);
+                  },
+                  [this] {
+                      m_monitor.lost();
+                      m_service.lost();
+                  }},
+                 m_log),
           m_broker(*HVBCommBroker::getInstance(Sentrel::paths::hubSocket())),
           m_reload(m_broker, m_configurations, m_log) {}
 
@@ -107,6 +108,7 @@ private:
     ModuleConfigurations m_configurations;
     LogStore m_store;
     HealthMonitor m_monitor;
+    SettingsService m_settings;
     HubService m_service;
     HubLink m_link;
     HVBCommBroker& m_broker;

@@ -118,14 +118,24 @@ const sd_bus_vtable HubService::kVtable[] = {
                              SD_BUS_PARAM(records), &HubService::onReadLog, SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_METHOD_WITH_NAMES(bus::kStatusMember, "", "", bus::kStatusReplySignature, SD_BUS_PARAM(modules),
                              &HubService::onStatus, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES(bus::kSettingsMember, bus::kSettingsSignature, SD_BUS_PARAM(fresh),
+                             bus::kSettingsReplySignature, SD_BUS_PARAM(generation) SD_BUS_PARAM(snapshot),
+                             &HubService::onSettings, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES(bus::kLastWholeSettingsMember, "", "", bus::kSettingsReplySignature,
+                             SD_BUS_PARAM(generation) SD_BUS_PARAM(snapshot), &HubService::onLastWholeSettings,
+                             SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES(bus::kHandInSettingsMember, bus::kHandInSettingsSignature,
+                             SD_BUS_PARAM(state) SD_BUS_PARAM(snapshot), bus::kHandInSettingsReplySignature,
+                             SD_BUS_PARAM(generation), &HubService::onHandInSettings, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_SIGNAL_WITH_NAMES(bus::kSettingsChangedMember, bus::kSettingsChangedSignature, SD_BUS_PARAM(generation), 0),
     SD_BUS_SIGNAL_WITH_NAMES(bus::kLogStoredMember, bus::kLogStoredSignature, SD_BUS_PARAM(id), 0),
     SD_BUS_VTABLE_END,
 };
 
 HubService::HubService(sd_event& event, LogStore& store, ModuleConfigurations& configurations,
-                       const HealthMonitor& monitor, const SystemLog& log)
-    : m_event(event), m_store(store), m_configurations(configurations), m_monitor(monitor), m_log(log),
-      m_trouble(log, "log records are stored again") {}
+                       const HealthMonitor& monitor, SettingsService& settings, const SystemLog& log)
+    : m_event(event), m_store(store), m_configurations(configurations), m_monitor(monitor), m_settings(settings),
+      m_log(log), m_trouble(log, "log records are stored again") {}
 
 HubService::~HubService() = default;
 
@@ -145,11 +155,13 @@ void HubService::connected(sd_bus& bus) {
                "cannot serve the hub's object");
     m_object.reset(slot);
     m_bus = &bus;
+    m_settings.connected(bus);
 }
 
 void HubService::lost() noexcept {
     logAndIgnore(m_log, "storing the last records", [this] { storeGathered(); });
     m_object.reset();
+    m_settings.lost();
     m_bus = nullptr;
 }
 
@@ -291,6 +303,18 @@ void HubService::replyRecords(sd_bus_message& call) {
     std::for_each(records.begin(), records.end(), [&](const auto& record) { appendRecord(*reply, record); });
     bus::check(sd_bus_message_close_container(reply.get()), "cannot make a reply");
     send(*reply);
+}
+
+int HubService::onSettings(sd_bus_message* call, void* self, sd_bus_error* error) {
+    return replyWithErrors(error, [&] { static_cast<HubService*>(self)->m_settings.serve(*call); });
+}
+
+int HubService::onLastWholeSettings(sd_bus_message* call, void* self, sd_bus_error* error) {
+    return replyWithErrors(error, [&] { static_cast<HubService*>(self)->m_settings.serveLastWhole(*call); });
+}
+
+int HubService::onHandInSettings(sd_bus_message* call, void* self, sd_bus_error* error) {
+    return replyWithErrors(error, [&] { static_cast<HubService*>(self)->m_settings.handIn(*call); });
 }
 
 int HubService::onStatus(sd_bus_message* call, void* self, sd_bus_error* error) {

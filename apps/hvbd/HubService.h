@@ -1,10 +1,12 @@
-// The hub's object on the bus: Log, LogNumbered, LogMessage, ReadLog, Status and the signal LogStored.
+// The hub's object on the bus: Log, LogNumbered, LogMessage, ReadLog, Status and the signal LogStored; and those of the
+// settings.
 #pragma once
 
 #include "apps/hvbd/EventLoop.h"
 #include "apps/hvbd/HealthMonitor.h"
 #include "apps/hvbd/LogStore.h"
 #include "apps/hvbd/ModuleConfiguration.h"
+#include "apps/hvbd/SettingsService.h"
 #include "apps/hvbd/SystemLog.h"
 #include "platform/hvbhelpers/BusConnection.h"
 
@@ -23,7 +25,7 @@ namespace HVB::hub {
 class HubService {
 public:
     HubService(sd_event& event, LogStore& store, ModuleConfigurations& configurations, const HealthMonitor& monitor,
-               const SystemLog& log);
+               SettingsService& settings, const SystemLog& log);
     ~HubService();
     HubService(const HubService&) = delete;
     HubService& operator=(const HubService&) = delete;
@@ -51,6 +53,9 @@ private:
     static int onLogMessage(sd_bus_message* call, void* self, sd_bus_error* error);
     static int onReadLog(sd_bus_message* call, void* self, sd_bus_error* error);
     static int onStatus(sd_bus_message* call, void* self, sd_bus_error* error);
+    static int onSettings(sd_bus_message* call, void* self, sd_bus_error* error);
+    static int onLastWholeSettings(sd_bus_message* call, void* self, sd_bus_error* error);
+    static int onHandInSettings(sd_bus_message* call, void* self, sd_bus_error* error);
     static int onIdle(sd_event_source* source, void* self);
     static int onBatchAge(sd_event_source* source, std::uint64_t usec, void* self);
 
@@ -67,6 +72,7 @@ private:
     LogStore& m_store;
     ModuleConfigurations& m_configurations;
     const HealthMonitor& m_monitor;
+    SettingsService& m_settings;
     const SystemLog& m_log;
     // Plain, single access.
     sd_bus* m_bus = nullptr; ///< null without a connection

@@ -54,4 +54,11 @@ inline constexpr std::chrono::milliseconds kConnectTimeout{1000};
 inline constexpr std::chrono::milliseconds kFirstReconnectPause{50};
 inline constexpr std::chrono::milliseconds kLastReconnectPause{2000};
 
+/// How long the settings keeper may take for a fresh reading: its own longest wait for a list that changes, and time to
+/// read.
+inline constexpr std::chrono::seconds kFreshDeadline{8};
+/// Calls that wait for a fresh reading: of one connection, and together. A client needs one.
+inline constexpr std::ptrdiff_t kMaxFreshCallsOfConnection = 4;
+inline constexpr std::size_t kMaxFreshCalls = 1024;
+
 } // namespace HVB::hub

@@ -123,7 +123,8 @@ void allowLookingAround(Writer& out) {
                       "ListActivatableNames"});
     out.allowCall(kDriver, "org.freedesktop.DBus.Introspectable", "Introspect");
     out.allowCall(kDriver, "org.freedesktop.DBus.Peer", "Ping");
-    for (const std::string& name : {moduleName(MODULE_SENTREL), moduleName(MODULE_HUB), std::string(kHubName)}) {
+    for (const std::string& name :
+         {moduleName(MODULE_SENTREL), moduleName(MODULE_HUB), std::string(kHubName), std::string(kKeeperName)}) {
         out.allowCall(name, "org.freedesktop.DBus.Introspectable", "Introspect");
         out.allowCall(name, "org.freedesktop.DBus.Peer", "Ping");
         out.allowCall(name, "org.freedesktop.DBus.Properties", "GetAll");
@@ -138,6 +139,9 @@ void writeEveryone(Writer& out) {
     out.allow("send_type=\"error\" send_requested_reply=\"true\"");
     allowLookingAround(out);
     allowCommands(out, false);
+    for (const char* member : {kSettingsMember, kLastWholeSettingsMember}) {
+        out.allowCall(kHubName, kHubInterface, member);
+    }
     out.close();
 }
 
@@ -162,11 +166,13 @@ void writeRoot(Writer& out) {
 void writeDaemon(Writer& out, const std::string& user) {
     out.open("user", user);
     out.allowOwn(moduleName(MODULE_SENTREL));
+    out.allowOwn(kKeeperName); // the settings keeper is another process of this user
     allowDriver(out, {"RequestName", "ReleaseName", kGetConnectionUnixUserMember});
     allowCommands(out, true);
     for (const char* member : {kLogMember, kLogNumberedMember, kLogMessageMember, kReadLogMember}) {
         out.allowCall(kHubName, kHubInterface, member);
     }
+    out.allowCall(kHubName, kHubInterface, kHandInSettingsMember, true);
     out.allowSignals(kEventsInterface);
     out.close();
 }

@@ -89,8 +89,8 @@ inline constexpr const char* kStateUnknown = "unknown"; ///< hvbd has not checke
 // LogStored: the id of a record that ReadLog gives from now on. A signal of the hub's interface.
 inline constexpr const char* kLogStoredMember = "LogStored";
 inline constexpr const char* kLogStoredSignature = "t";
-// Settings: whether the file is to be read first → generation, the snapshot's text: `s`, or `h` above kMaxTextBytes.
-// LastWholeSettings: nothing → the same, of the last snapshot whose state was "whole".
+// Settings: whether the file is to be read first → generation, the snapshot's text: `s`, or `h` above
+// kMaxInlineSettingsBytes. LastWholeSettings: nothing → the same, of the last snapshot whose state was "whole".
 inline constexpr const char* kSettingsMember = "Settings";
 inline constexpr const char* kSettingsSignature = "b";
 inline constexpr const char* kLastWholeSettingsMember = "LastWholeSettings";
@@ -131,6 +131,8 @@ inline constexpr std::size_t kMaxMessageBytes = std::size_t{1} << 20U;
 inline constexpr std::size_t kMaxPayloadBytes = std::size_t{64} << 20U;
 /// Largest payload of a reply: what two commands have stored, the list and the categories, fits into one snapshot.
 inline constexpr std::size_t kMaxReplyPayloadBytes = 2 * kMaxPayloadBytes + (std::size_t{1} << 20U);
+/// Largest text of a settings snapshot inside a message. Small, since as many messages may leave at once as calls wait.
+inline constexpr std::size_t kMaxInlineSettingsBytes = std::size_t{32} << 10U;
 /// Largest text of a settings snapshot, in its file.
 inline constexpr std::size_t kMaxSettingsBytes = std::size_t{160} << 20U;
 /// Longest wait of any operation but a command: an event that meets a stopped hub is given up within two seconds.

@@ -19,7 +19,7 @@ void checkReading(int result) {
 
 SnapshotText SnapshotText::of(std::string text) {
     SnapshotText made;
-    if (text.size() > kMaxTextBytes) {
+    if (text.size() > kMaxInlineSettingsBytes) {
         made.m_file = detail::MemoryFile::ofBytes(text, kMaxSettingsBytes);
     } else {
         made.m_text = std::move(text);

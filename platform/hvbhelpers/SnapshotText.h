@@ -9,9 +9,9 @@
 
 namespace HVB::bus {
 
-/// A text of UTF-8 without U+0000 that stands as a variant in a message: a string of up to kMaxTextBytes, or the
-/// descriptor of a sealed memory file that holds the bytes of a longer one. A copy shares the file.
-/// Threads: one at a time. Owner: the holder.
+/// A text of UTF-8 without U+0000 that stands as a variant in a message: a string of up to kMaxInlineSettingsBytes, or
+/// the descriptor of a sealed memory file that holds the bytes of a longer one. A copy shares the file. Threads: one at
+/// a time. Owner: the holder.
 class SnapshotText {
 public:
     /// @throws HVBException with -EMSGSIZE beyond kMaxSettingsBytes, or with the system's code when it gives no memory.

@@ -194,14 +194,16 @@ TEST_F(TheBusPolicy, RefusesAnyUserACommandWithoutAnInterface) {
 }
 
 TEST_F(TheBusPolicy, RefusesAnyUserTheHubsOwnCalls) {
-    for (const char* member : {kLogMember, kLogNumberedMember, kLogMessageMember, kReadLogMember, kStatusMember}) {
+    for (const char* member :
+         {kLogMember, kLogNumberedMember, kLogMessageMember, kReadLogMember, kStatusMember, kHandInSettingsMember}) {
         EXPECT_EQ(asNobody([&] { return callHub(m_socket, member); }), refused) << member;
     }
     EXPECT_EQ(asNobody([&] { return checkHealth(m_socket, 7); }), refused);
 }
 
 TEST_F(TheBusPolicy, GivesNoNameToAnyUserAndNoneToRoot) {
-    for (const std::string& name : {moduleName(7), moduleName(1), std::string(kHubName), moduleName(2)}) {
+    for (const std::string& name :
+         {moduleName(7), moduleName(1), std::string(kHubName), std::string(kKeeperName), moduleName(2)}) {
         EXPECT_EQ(asNobody([&] { return own(m_socket, name); }), refused) << name;
         EXPECT_EQ(own(m_socket, name), refused) << name;
     }
@@ -209,6 +211,8 @@ TEST_F(TheBusPolicy, GivesNoNameToAnyUserAndNoneToRoot) {
 
 TEST_F(TheBusPolicy, GivesEachServiceItsOwnNamesOnly) {
     EXPECT_EQ(asDaemon([&] { return own(m_socket, moduleName(7)); }), "ok");
+    EXPECT_EQ(asDaemon([&] { return own(m_socket, kKeeperName); }), "ok");
+    EXPECT_EQ(asHub([&] { return own(m_socket, kKeeperName); }), refused);
     EXPECT_EQ(asDaemon([&] { return own(m_socket, moduleName(1)); }), refused);
     EXPECT_EQ(asDaemon([&] { return own(m_socket, kHubName); }), refused);
     EXPECT_EQ(asHub([&] { return own(m_socket, moduleName(1)); }), "ok");
@@ -266,6 +270,30 @@ TEST_F(TheBusPolicy, LetsTheServicesDoTheirWork) {
         EXPECT_EQ(asDaemon([&] { return callHub(m_socket, member); }), "ok") << member;
     }
     EXPECT_EQ(asHub([&] { return checkHealth(m_socket, 7); }), "ok");
+}
+
+TEST_F(TheBusPolicy, LetsAnyUserReadTheSettingsAndOnlyTheDaemonsHandThemIn) {
+    for (const char* member : {kSettingsMember, kLastWholeSettingsMember}) {
+        EXPECT_EQ(asNobody([&] { return callHub(m_socket, member); }), "ok") << member;
+    }
+    const auto handIn = [&] { return callHub(m_socket, kHandInSettingsMember); };
+    EXPECT_EQ(asNobody(handIn), refused);
+    EXPECT_EQ(asAdministrator(handIn), refused);
+    EXPECT_EQ(asDaemon(handIn), "ok");
+    EXPECT_EQ(handIn(), "ok") << "by root";
+}
+
+TEST_F(TheBusPolicy, LetsOnlyTheHubAndRootAskTheSettingsKeeper) {
+    const OtherProcess keeper(uidOf(kDaemonUser), kNogroup, {},
+                              [&](const auto& ready) { serve(m_socket, {kKeeperName}, 1, ready); });
+    const auto ask = [&] {
+        return callWithoutArguments(m_socket, kKeeperName, kKeeperPath, kKeeperInterface, kReadNowMember);
+    };
+    EXPECT_EQ(asNobody(ask), refused);
+    EXPECT_EQ(asAdministrator(ask), refused);
+    EXPECT_EQ(asDaemon(ask), refused);
+    EXPECT_EQ(asHub(ask), "ok");
+    EXPECT_EQ(ask(), "ok") << "by root";
 }
 
 class AnEventOnTheBus : public TheBusPolicy, public testing::WithParamInterface<int> {};

@@ -8,7 +8,6 @@
 
 #include "apps/hvbd/CallbackGuard.h"
 #include "apps/hvbd/HealthMonitor.h"
-#include "apps/hvbd/HubLink.h"
 #include "apps/hvbd/HubService.h"
 #include "apps/hvbd/LogStore.h"
 #include "apps/hvbd/ModuleConfiguration.h"
@@ -17,6 +16,8 @@
 #include "base/Paths.h"
 #include "base/SignalSet.h"
 #include "hub/HVBCommBroker.h"
+#include "platform/hvbhelpers/BusLink.h"
+#include "platform/hvbhelpers/HubProtocol.h"
 
 #include <fmt/format.h>
 #include <signal.h>
@@ -53,16 +54,7 @@ public:
           m_store(Sentrel::paths::hubLogStore(), line.logLimitBytes),
           m_monitor(*m_loop, line.healthInterval, m_log, [this] { m_configurations.lookAtAll(); }), m_settings(m_log),
           m_service(*m_loop, m_store, m_configurations, m_monitor, m_settings, m_log),
-          m_link(*m_loop, Sentrel::paths::hubSocket(),
-                 {[this](sd_bus& bus) {
-                      m_service.connected(bus);
-                      m_monitor.connected(bus);
-                  },
-                  [this] {
-                      m_monitor.lost();
-                      m_service.lost();
-                  }},
-                 m_log),
+          m_link(*m_loop, Sentrel::paths::hubSocket(), {bus::kHubName, "hvbd", "the hub"}, linkUsers()),
           m_broker(*HVBCommBroker::getInstance(Sentrel::paths::hubSocket())),
           m_reload(m_broker, m_configurations, m_log) {}
 
@@ -91,6 +83,18 @@ public:
     }
 
 private:
+    bus::BusLink::Users linkUsers() {
+        return {[this](sd_bus& bus) {
+                    m_service.connected(bus);
+                    m_monitor.connected(bus);
+                },
+                [this] {
+                    m_monitor.lost();
+                    m_service.lost();
+                },
+                [this](int priority, const std::string& line) { m_log.write(priority, line); }};
+    }
+
     void readConfigurations() {
         try {
             const ModuleConfiguration configuration = m_configurations.reload(MODULE_SENTREL);
@@ -110,7 +114,7 @@ private:
     HealthMonitor m_monitor;
     SettingsService m_settings;
     HubService m_service;
-    HubLink m_link;
+    bus::BusLink m_link;
     HVBCommBroker& m_broker;
     ReloadCommand m_reload;
 };

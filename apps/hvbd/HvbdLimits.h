@@ -48,12 +48,6 @@ inline constexpr std::chrono::seconds kFirstHealthCheck{5};
 inline constexpr std::chrono::seconds kNewcomerTime{5};
 inline constexpr std::chrono::milliseconds kNewcomerPause{250};
 
-/// How long one try to reach the bus may hold up the loop.
-inline constexpr std::chrono::milliseconds kConnectTimeout{1000};
-// The pause between two tries doubles from the first to the second of these.
-inline constexpr std::chrono::milliseconds kFirstReconnectPause{50};
-inline constexpr std::chrono::milliseconds kLastReconnectPause{2000};
-
 /// How long the settings keeper may take for a fresh reading: its own longest wait for a list that changes, and time to
 /// read.
 inline constexpr std::chrono::seconds kFreshDeadline{8};

@@ -40,11 +40,12 @@ using Clock = std::chrono::steady_clock;
 
 struct Sizes {
     int listRows;     // of the list that a get of all carries
-    int calls;        // of each kind that are measured
+    int calls;        // of the short kinds that are measured
+    int listCalls;    // that carry the list
     bool isUnbounded; // whether a flood is tried that takes all that the bus has
 };
-constexpr Sizes kFull{10'000, 1000, true};
-constexpr Sizes kBrief{100, 2, false};
+constexpr Sizes kFull{10'000, 1000, 100, true};
+constexpr Sizes kBrief{100, 2, 2, false};
 constexpr std::size_t kConnections = 12;
 // Each connection sends 600 calls a second.
 constexpr std::chrono::milliseconds kTick{10};
@@ -186,10 +187,9 @@ double neighboursGet(const std::string& socketPath, int calls, int command,
 }
 
 Waits measure(const std::string& socketPath, const Sizes& sizes) {
-    constexpr int fewer = 10;
     return {rootsSet(socketPath, sizes.calls),
             neighboursGet(socketPath, sizes.calls, ST_GET_PREFS_INDIVIDUAL, payloadOf<int>(ST_ENABLE)),
-            neighboursGet(socketPath, sizes.calls / fewer, ST_GET_PREFS)};
+            neighboursGet(socketPath, sizes.listCalls, ST_GET_PREFS)};
 }
 
 /// The state of module 7 and since when it has it, as hvbd tells them.

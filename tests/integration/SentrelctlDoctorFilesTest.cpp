@@ -67,10 +67,14 @@ TEST_F(AnInstallation, JudgesTheModeOfTheSettingsFile) {
     const std::string path = std::string(kShared) + "/product.db";
     setMode(path, 0666);
     expectFailed("settings-file", "others than its owner can write " + path + ": it has mode 0666",
-                 "chmod 0644 " + path);
+                 "Run 'sentrelctl settings init', and look whether the preferences are still yours");
+    setMode(path, 0644);
+    expectWarning(
+        "settings-file",
+        "every user can read " + path + ", and whoever reads it can hold up changes: it has mode 0644",
+        "Run 'sentrelctl settings init', unless this site has other readers: docs/security.md says what they cost");
     setMode(path, 0600);
-    expectWarning("settings-file", "the browser components of other users cannot read " + path + ": it has mode 0600",
-                  "chmod 0644 " + path);
+    EXPECT_EQ(finding("settings-file").result, "ok");
 }
 
 TEST_F(AnInstallation, FailsWithASettingsFileOfAnotherUser) {
@@ -89,6 +93,21 @@ TEST_F(AnInstallation, FailsWithoutATableOrWithAFileThatIsNone) {
                  "Make them with 'sentrelctl settings init'");
     write(path, std::string(200, 'x'));
     expectFailed("settings-tables", "it is no database", "Nothing was changed; move the file away if it is not needed");
+}
+
+TEST_F(AnInstallation, FailsWithASettingsFileThatHasABrokenPage) {
+    const std::string path = std::string(kShared) + "/product.db";
+    m_machine.sql("with recursive n(i) as (select 1 union all select i+1 from n where i<300) insert into "
+                  "allowblocksettings select printf('http://host%03d.example/a/path/that/takes/room', i), 1 from n;"
+                  "pragma wal_checkpoint(truncate)");
+    std::string content = readFile(at(path));
+    const std::size_t middle = content.size() / 2 / 4096 * 4096;
+    write(path, content.replace(middle, 2048, std::string(2048, '\xa5')));
+    EXPECT_EQ(finding("settings-tables").result, "ok");
+    const Finding found = finding("settings-content");
+    EXPECT_EQ(found.result, "failed");
+    EXPECT_TRUE(found.what.starts_with(path + " is damaged: ")) << found.what;
+    EXPECT_EQ(found.advice, "'sentrelctl settings init --repair' shows what can be saved, and what it would do");
 }
 
 TEST_F(AnInstallation, DoesNotOpenASettingsFileWhereOthersCanPlantAJournal) {

@@ -37,8 +37,9 @@ TEST_F(ARunningInstallation, IsFoundHealthyInATable) {
         "traced\n"
         "management-agent       ok       there is no /usr/local/Orvanta/hvb/config/agent.json: the machine is not "
         "managed\n"
-        "settings-file          ok       /Users/Shared/.orvanta/product.db is root's, mode 0644\n"
+        "settings-file          ok       /Users/Shared/.orvanta/product.db is root's, mode 0640\n"
         "settings-tables        ok       /Users/Shared/.orvanta/product.db has all 4 tables\n"
+        "settings-content       ok       /Users/Shared/.orvanta/product.db is whole\n"
         "hub-socket             ok       the bus answers at /usr/local/Orvanta/hvb/var/hvbdsocket64\n"
         "bus-policy             ok       the bus refuses an ordinary user what it should\n"
         "hvbd                   ok       hvbd answers as com.orvanta.hvb1.Hub\n"
@@ -46,7 +47,7 @@ TEST_F(ARunningInstallation, IsFoundHealthyInATable) {
         "sentreld               ok       sentreld answers as com.orvanta.hvb1.Module7\n"
         "event-socket           ok       sentreld listens at /Users/Shared/.orvanta/STIPC\n"
         "pid-file               ok       sentreld is the process <pid>\n"
-        "20 checks: "))
+        "21 checks: "))
         << text;
 }
 
@@ -84,7 +85,7 @@ TEST_F(AnInstallation, NamesTheStepsThatBringItUpWhenItIsDown) {
     const CtlResult result = ask({});
     EXPECT_EQ(result.code, 1);
     EXPECT_TRUE(std::regex_match(result.err, std::regex("sentrelctl: something is wrong with this installation: \\d of "
-                                                        "20 checks failed\\. Mend the first of them, then ask again: "
+                                                        "21 checks failed\\. Mend the first of them, then ask again: "
                                                         "others may come from it\\.\n")))
         << result.err;
     for (const char* row :

@@ -5,10 +5,12 @@
 #include "tests/support/Eventually.h"
 #include "tests/support/Files.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,6 +41,12 @@ protected:
 
     std::string schema() { return sql("select sql from sqlite_master where type='table' order by rowid"); }
 
+    mode_t mode() {
+        struct stat status {};
+        EXPECT_EQ(::stat(path().c_str(), &status), 0);
+        return status.st_mode & 07777U;
+    }
+
     void put(const std::string& content) { std::ofstream(path(), std::ios::binary) << content; }
 
     /// Expects that it is refused with this, and that the file stays as it is.
@@ -61,9 +69,61 @@ TEST_F(ASettingsFile, IsMadeWithItsFourTables) {
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_EQ(result.out, path() + " is ready; made vxsetting, catblockinginfo, allowblocksettings, privateIPRange.\n");
     EXPECT_EQ(schema(), kSchema);
-    struct stat status {};
-    ASSERT_EQ(::stat(path().c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0644U) << "the browser components of every user read it";
+    EXPECT_EQ(mode(), 0640U) << "to read the file is to lock it";
+    EXPECT_EQ(sql("pragma journal_mode"), "wal\n");
+}
+
+TEST_F(ASettingsFile, IsMadeReadableForAllWhenASiteSaysSo) {
+    const CtlResult result = ctl(m_root, {"settings", "init", "--readable-by-all"});
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(result.out, path() + " is ready; made vxsetting, catblockinginfo, allowblocksettings, privateIPRange.\n");
+    EXPECT_EQ(mode(), 0644U);
+    EXPECT_EQ(sql("pragma journal_mode"), "delete\n");
+}
+
+TEST_F(ASettingsFile, OfAnEarlierVersionBecomesTheDaemonsAlone) {
+    ASSERT_EQ(ctl(m_root, {"settings", "init", "--readable-by-all"}).code, 0);
+    sql("insert into vxsetting values ('x', x'01')");
+    const CtlResult result = init();
+    EXPECT_EQ(result.out, path() + " is ready; its mode is 0640 now; it has a write-ahead log now.\n") << result.err;
+    EXPECT_EQ(mode(), 0640U);
+    EXPECT_EQ(sql("pragma journal_mode; select count(*) from vxsetting"), "wal\n1\n");
+}
+
+TEST_F(ASettingsFile, BecomesReadableForAllWithoutItsWriteAheadLog) {
+    init();
+    sql("insert into vxsetting values ('x', x'01')");
+    const CtlResult result = ctl(m_root, {"settings", "init", "--readable-by-all", "--json=short"});
+    EXPECT_EQ(result.out, R"({"file":")" + path() +
+                              R"(","created":[],"present":["vxsetting","catblockinginfo","allowblocksettings",)"
+                              R"("privateIPRange"],"changes":["its mode is 0644 now",)"
+                              R"("it has a rollback journal now"],"mode":"0644","journal":"delete"})"
+                              "\n");
+    EXPECT_EQ(mode(), 0644U);
+    EXPECT_FALSE(std::filesystem::exists(path() + "-wal"));
+    EXPECT_EQ(sql("pragma journal_mode; select count(*) from vxsetting"), "delete\n1\n");
+}
+
+TEST_F(ASettingsFile, HasSideFilesThatAreTheDaemonsAloneToo) {
+    init();
+    // A program that holds the file keeps its side files there.
+    const std::string sides = path() + "-wal " + path() + "-shm";
+    const CtlResult result = shell(m_root, "sqlite3 -bail '" + path() +
+                                               "' \"insert into vxsetting values ('x', x'01')\" '.shell chmod 0644 " +
+                                               sides + "; $CTL settings init; stat -c %a " + sides + "'");
+    EXPECT_EQ(result.out, path() + " is ready; its mode is 0640 now.\n640\n640\n");
+}
+
+TEST_F(ASettingsFile, KeepsItsFormWhenAnotherProgramIsInTheMiddleOfATransaction) {
+    ASSERT_EQ(ctl(m_root, {"settings", "init", "--readable-by-all"}).code, 0);
+    const CtlResult result =
+        shell(m_root, "sqlite3 -bail '" + path() +
+                          "' 'begin; select count(*) from vxsetting' '.shell $CTL settings init' 2>&1");
+    EXPECT_NE(result.out.find(path() + ": another process holds it. Try again when the other one is done."),
+              std::string::npos)
+        << result.out;
+    EXPECT_EQ(sql("pragma journal_mode"), "delete\n");
+    EXPECT_EQ(mode(), 0640U) << "so that nobody new comes";
 }
 
 TEST_F(ASettingsFile, IsLeftAloneTheSecondTime) {
@@ -81,7 +141,8 @@ TEST_F(ASettingsFile, TellsInJsonWhatWasMade) {
     const CtlResult result = ctl(m_root, {"settings", "init", "--json=short"});
     EXPECT_EQ(result.out, R"({"file":")" + path() +
                               R"(","created":["vxsetting","catblockinginfo","privateIPRange"],)"
-                              R"("present":["allowblocksettings"]})"
+                              R"("present":["allowblocksettings"],"changes":["its mode is 0640 now",)"
+                              R"("it has a write-ahead log now"],"mode":"0640","journal":"wal"})"
                               "\n");
 }
 
@@ -172,6 +233,89 @@ TEST_F(ASettingsFile, NeedsItsDirectory) {
     std::filesystem::create_directory_symlink(m_root.varDirectory(), directory());
     expectRefused(directory(), "it is not a directory");
     EXPECT_FALSE(std::filesystem::exists(m_root.varDirectory() + "/product.db"));
+}
+
+/// A file with three hundred entries, a page of which is overwritten.
+class ADamagedSettingsFile : public ASettingsFile {
+protected:
+    void SetUp() override {
+        init();
+        sql("with recursive n(i) as (select 1 union all select i+1 from n where i<300) insert into allowblocksettings "
+            "select printf('http://host%03d.example/a/path/that/takes/room', i), i%2 from n;"
+            "insert into vxsetting values (cast(x'456E61626C656400' as text), x'00000000');"
+            "insert into privateIPRange values ('10.0.0.0-10.0.0.9')");
+        m_whole = sql("select * from allowblocksettings order by name");
+    }
+
+    /// Overwrites half a page of the entries.
+    void damage() {
+        std::string content = readFile(path());
+        const std::size_t entry = content.find("http://host150");
+        ASSERT_NE(entry, std::string::npos);
+        constexpr std::size_t page = 4096;
+        content.replace(entry / page * page, page / 2, std::string(page / 2, '\xa5'));
+        put(content);
+    }
+
+    CtlResult repair(const std::vector<std::string>& more = {}) {
+        std::vector<std::string> arguments{"settings", "init", "--repair"};
+        arguments.insert(arguments.end(), more.begin(), more.end());
+        return ctl(m_root, arguments);
+    }
+
+    std::string m_whole;
+};
+
+TEST_F(ADamagedSettingsFile, IsNotRepairedWhileItIsWhole) {
+    const std::string before = readFile(path());
+    EXPECT_EQ(repair({"--yes"}).out, path() + " is whole; there is nothing to repair.\n");
+    EXPECT_EQ(readFile(path()), before);
+}
+
+TEST_F(ADamagedSettingsFile, ShowsWhatCanBeSavedBeforeAnythingIsDone) {
+    damage();
+    const std::string before = readFile(path());
+    const CtlResult result = repair();
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_TRUE(result.out.starts_with(path() + " is damaged: ")) << result.out;
+    EXPECT_NE(result.out.find("\nvxsetting          1 row can be read\n"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find(" can be read, a stretch of it cannot\nprivateIPRange     1 row can be read\n"),
+              std::string::npos)
+        << result.out;
+    EXPECT_TRUE(
+        result.out.ends_with("Nothing was changed: 'sentrelctl settings init --repair --yes' makes the file anew "
+                             "of these, and sets the old one aside.\n"))
+        << result.out;
+    EXPECT_EQ(readFile(path()), before);
+}
+
+TEST_F(ADamagedSettingsFile, IsMadeAnewOfAllButItsBrokenPage) {
+    damage();
+    const std::string before = readFile(path());
+    const CtlResult result = repair({"--yes", "--json=short"});
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(sql("pragma integrity_check; pragma journal_mode"), "ok\nwal\n");
+    EXPECT_EQ(mode(), 0640U);
+    EXPECT_EQ(sql("select hex(name), hex(value) from vxsetting; select * from privateIPRange"),
+              "456E61626C656400|00000000\n10.0.0.0-10.0.0.9\n");
+    const std::string kept = sql("select * from allowblocksettings order by name");
+    const auto lines = std::count(kept.begin(), kept.end(), '\n');
+    EXPECT_GT(lines, 200);
+    EXPECT_LT(lines, 300);
+    std::istringstream rows(kept);
+    for (std::string row; std::getline(rows, row);) {
+        EXPECT_NE(m_whole.find(row + '\n'), std::string::npos) << row;
+    }
+    const std::size_t aside = result.out.find(path() + ".broken-");
+    ASSERT_NE(aside, std::string::npos) << result.out;
+    EXPECT_EQ(readFile(result.out.substr(aside, result.out.find('"', aside) - aside)), before) << "it stays as it was";
+}
+
+TEST_F(ADamagedSettingsFile, ThatIsNoDatabaseAnyMoreIsMadeAnewWithoutRows) {
+    put(std::string(8192, 'x'));
+    EXPECT_EQ(repair({"--yes"}).code, 0);
+    EXPECT_EQ(schema(), kSchema);
+    EXPECT_EQ(sql("select count(*) from allowblocksettings"), "0\n");
 }
 
 /// The same where the test is root.

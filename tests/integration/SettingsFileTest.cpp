@@ -116,9 +116,33 @@ protected:
         EXPECT_THAT(all.m_allowBlockDetails, IsEmpty());
     }
 
+    /// Has another program run this and keep the file open, with what it holds of it, until letGo().
+    void haveHeld(const std::string& statement) {
+        fifo = machine.root().file("release");
+        ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+        // The sqlite3 program keeps its connection until somebody opens the pipe for writing and closes it.
+        const std::string wait = ".shell echo held; cat " + fifo;
+        holder.emplace("sqlite3", ChildOptions{.arguments = {machine.settingsFile(), ".output /dev/null", statement,
+                                                             ".output", wait},
+                                               .environment = {},
+                                               .outputFile = machine.root().file("holder.out"),
+                                               .uid = {},
+                                               .gid = {}});
+        ASSERT_TRUE(eventually([&] { return holder->output() == "held\n"; })) << holder->output();
+    }
+    void letGo() {
+        ASSERT_GE(close(open(fifo.c_str(), O_WRONLY | O_CLOEXEC)), 0);
+        ASSERT_EQ(holder->waitUntil(patience()), 0);
+        fs::remove(fifo);
+    }
+    /// The form of a file that everybody may read.
+    void useRollbackJournal() { ASSERT_EQ(machine.sql("pragma journal_mode=delete"), "delete\n"); }
+
     Machine machine;
     std::optional<WireClient> client;
     OwnDisk disk; ///< of the file's directory, where a test gives it one
+    std::string fifo;
+    std::optional<ChildProcess> holder;
 };
 
 TEST_F(ASettingsFile, IsNeverSeenBrokenByAnotherProgramWhileListsAreReplaced) {
@@ -148,36 +172,17 @@ TEST_F(ASettingsFile, IsNeverSeenBrokenByAnotherProgramWhileListsAreReplaced) {
     EXPECT_THAT(storedUrls(), testing::UnorderedElementsAreArray(urls));
 }
 
-/// Another program that holds the file locked.
-class ALockedSettingsFile : public ASettingsFile {
-protected:
-    void lock(const std::string& statement) {
-        fifo = machine.root().file("release");
-        ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-        // The sqlite3 program keeps its transaction open until somebody opens the pipe for writing and closes it.
-        const std::string wait = ".shell echo locked; cat " + fifo;
-        holder.emplace("sqlite3", ChildOptions{.arguments = {machine.settingsFile(), statement, wait},
-                                               .environment = {},
-                                               .outputFile = machine.root().file("holder.out"),
-                                               .uid = {},
-                                               .gid = {}});
-        ASSERT_TRUE(eventually([&] { return holder->output() == "locked\n"; })) << holder->output();
-    }
-    void unlock() {
-        ASSERT_GE(close(open(fifo.c_str(), O_WRONLY | O_CLOEXEC)), 0);
-        ASSERT_EQ(holder->waitUntil(patience()), 0);
-    }
+class ALockedSettingsFile : public ASettingsFile {};
 
-    std::string fifo;
-    std::optional<ChildProcess> holder;
-};
+// Nobody else reads or writes while a program has the file in this way, whatever its journal.
+constexpr const char* kForItselfAlone = "PRAGMA locking_mode=EXCLUSIVE; BEGIN EXCLUSIVE";
 
 TEST_F(ALockedSettingsFile, GivesADatabaseErrorButForTheSiteActions) {
     ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
     ASSERT_EQ(set(withSwitch(ST_ENABLE, true)), ST_ERROR_NONE);
-    lock("BEGIN EXCLUSIVE");
+    haveHeld(kForItselfAlone);
     expectNothingIsStored();
-    unlock();
+    letGo();
     EXPECT_EQ(storedUrls(), (Urls{{"stored.example", 1}})) << "what was stored stays";
     EXPECT_EQ(machine.sql("select count(*) from vxsetting"), "0\n");
     restart();
@@ -189,9 +194,9 @@ TEST_F(ALockedSettingsFile, GivesADatabaseErrorButForTheSiteActions) {
 TEST_F(ALockedSettingsFile, GivesTheDefaultsWhenItIsLockedWhileItIsLoaded) {
     ASSERT_EQ(set(withSwitch(ST_ENABLE, false)), ST_ERROR_NONE);
     restart();
-    lock("BEGIN EXCLUSIVE");
+    haveHeld(kForItselfAlone);
     EXPECT_TRUE(getAll().m_bEnable);
-    unlock();
+    letGo();
     EXPECT_EQ(storedEnabled(), "00000000\n");
     expectUsable();
 }
@@ -199,14 +204,36 @@ TEST_F(ALockedSettingsFile, GivesTheDefaultsWhenItIsLockedWhileItIsLoaded) {
 TEST_F(ALockedSettingsFile, HidesThatAWriteIsRefusedAtItsLastStep) {
     ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
     // A writer that is not yet writing: the statements can be prepared, but no other write can be made.
-    lock("BEGIN IMMEDIATE");
+    haveHeld("BEGIN IMMEDIATE");
     EXPECT_EQ(set(withSwitch(ST_ENABLE, false)), ST_ERROR_NONE);
     EXPECT_FALSE(getAll().m_bEnable);
     EXPECT_EQ(set(withUrls({{"lost.example", 1}})), ST_ERROR_NONE);
     EXPECT_EQ(urlsOf(getAll()), (Urls{{"stored.example", 1}})) << "memory shows what the file holds";
-    unlock();
+    letGo();
     EXPECT_EQ(storedEnabled(), "");
     EXPECT_EQ(storedUrls(), (Urls{{"stored.example", 1}}));
+    expectUsable();
+}
+
+TEST_F(ALockedSettingsFile, IsReadBesideAProgramThatWrites) {
+    ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
+    ASSERT_EQ(set(withSwitch(ST_ENABLE, false)), ST_ERROR_NONE);
+    haveHeld("BEGIN EXCLUSIVE; DELETE FROM allowblocksettings");
+    restart();
+    EXPECT_FALSE(getAll().m_bEnable);
+    EXPECT_EQ(urlsOf(getAll()), (Urls{{"stored.example", 1}})) << "as it was before that program began";
+    letGo();
+    expectUsable();
+}
+
+TEST_F(ALockedSettingsFile, IsWrittenBesideAProgramThatReads) {
+    ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
+    haveHeld("BEGIN; SELECT * FROM allowblocksettings");
+    EXPECT_EQ(set(withUrls({{"stored.example", 1}, {"added.example", 1}})), ST_ERROR_NONE);
+    EXPECT_THAT(storedUrls(),
+                testing::UnorderedElementsAre(testing::Pair("stored.example", 1), testing::Pair("added.example", 1)));
+    EXPECT_THAT(urlsOf(getAll()), testing::UnorderedElementsAreArray(storedUrls()));
+    letGo();
     expectUsable();
 }
 
@@ -329,24 +356,76 @@ protected:
         ASSERT_EQ(mount(nullptr, machine.root().sharedDirectory().c_str(), nullptr, MS_REMOUNT | flags, size), 0)
             << std::strerror(errno);
     }
+
+    /// What is refused at its last step is not seen, and the lists are read back as they were.
+    void expectWritesAreHidden() {
+        EXPECT_EQ(set(withSwitch(ST_ENABLE, false)), ST_ERROR_NONE);
+        EXPECT_EQ(set(withUrls({{"lost.example", 1}})), ST_ERROR_NONE);
+        EXPECT_EQ(set(withCategories({{"Lost", 1}})), ST_ERROR_NONE);
+        EXPECT_FALSE(getAll().m_bEnable) << "memory has it until the next start";
+        EXPECT_EQ(urlsOf(getAll()), (Urls{{"stored.example", 1}}));
+        EXPECT_THAT(getAll().m_categoryBlockDetails, IsEmpty());
+    }
+
+    /// The side files of a write-ahead log cannot be made: the file can neither be read nor written.
+    void expectTheFileIsOutOfReach() {
+        EXPECT_EQ(set(withSwitch(ST_ENABLE, false)), ST_ERROR_DATABASE);
+        EXPECT_EQ(set(withAction(ST_UNVERIFIED_ACTION, 2)), ST_ERROR_DATABASE);
+        EXPECT_EQ(set(withAction(ST_RED_SITE_ACTION, 1)), ST_ERROR_NONE);
+        EXPECT_TRUE(getAll().m_bEnable);
+        EXPECT_EQ(urlsOf(getAll()), (Urls{{"stored.example", 1}})) << "memory serves what it loaded";
+    }
+
+    /// Nothing of what was set meanwhile is in the file.
+    void expectOnlyWhatWasStored() {
+        EXPECT_EQ(storedUrls(), (Urls{{"stored.example", 1}}));
+        EXPECT_EQ(storedEnabled(), "");
+        EXPECT_EQ(machine.sql("pragma integrity_check"), "ok\n");
+    }
 };
 
 TEST_F(ASettingsFileOnItsOwnDisk, StaysAsItIsWhileTheDiskIsReadOnly) {
     ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
     remount(MS_RDONLY);
-    // A write that is refused at its last step is not seen.
-    EXPECT_EQ(set(withSwitch(ST_ENABLE, false)), ST_ERROR_NONE);
-    EXPECT_EQ(set(withUrls({{"lost.example", 1}})), ST_ERROR_NONE);
-    EXPECT_EQ(set(withCategories({{"Lost", 1}})), ST_ERROR_NONE);
-    EXPECT_EQ(urlsOf(getAll()), (Urls{{"stored.example", 1}}));
-    EXPECT_THAT(getAll().m_categoryBlockDetails, IsEmpty());
-    EXPECT_EQ(storedUrls(), (Urls{{"stored.example", 1}}));
-    EXPECT_EQ(storedEnabled(), "");
+    expectTheFileIsOutOfReach();
     remount(0);
+    expectOnlyWhatWasStored();
     expectUsable();
 }
 
-TEST_F(ASettingsFileOnItsOwnDisk, KeepsWholeRowsWhenItFillsUp) {
+TEST_F(ASettingsFileOnItsOwnDisk, StaysAsItIsWhileTheDiskIsFull) {
+    ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
+    disk.fill();
+    expectTheFileIsOutOfReach();
+    disk.free();
+    expectOnlyWhatWasStored();
+    expectUsable();
+}
+
+TEST_F(ASettingsFileOnItsOwnDisk, IsReadWhileTheDiskIsFullWhenAnotherKeepsItOpen) {
+    ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
+    haveHeld("SELECT count(*) FROM vxsetting");
+    disk.fill();
+    restart();
+    expectWritesAreHidden();
+    expectOnlyWhatWasStored();
+    disk.free();
+    letGo();
+    expectUsable();
+}
+
+TEST_F(ASettingsFileOnItsOwnDisk, WithARollbackJournalIsReadWhileTheDiskIsReadOnly) {
+    ASSERT_NO_FATAL_FAILURE(useRollbackJournal());
+    ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
+    remount(MS_RDONLY);
+    expectWritesAreHidden();
+    remount(0);
+    expectOnlyWhatWasStored();
+    expectUsable();
+}
+
+TEST_F(ASettingsFileOnItsOwnDisk, WithARollbackJournalKeepsWholeRowsWhenItFillsUp) {
+    ASSERT_NO_FATAL_FAILURE(useRollbackJournal());
     ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
     disk.fill();
     Urls urls;

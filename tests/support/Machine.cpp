@@ -7,6 +7,7 @@
 
 #include <pwd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -142,10 +143,13 @@ void Machine::installConfiguration() {
 }
 
 void Machine::initSettings() {
-    sql("create table if not exists vxsetting(name text NOT NULL, value blob, PRIMARY KEY(name));"
+    sql("pragma journal_mode=wal;"
+        "create table if not exists vxsetting(name text NOT NULL, value blob, PRIMARY KEY(name));"
         "create table if not exists catblockinginfo(name text NOT NULL, value blob, PRIMARY KEY(name));"
         "create table if not exists allowblocksettings(name text NOT NULL, value INTEGER, PRIMARY KEY(name));"
         "create table if not exists privateIPRange(range text NOT NULL, PRIMARY KEY(range));");
+    constexpr mode_t daemonAlone = 0640; // as 'sentrelctl settings init' makes it
+    ::chmod(settingsFile().c_str(), daemonAlone);
     if (m_daemonUser) {
         PrivateRoot::giveTo(settingsFile(), *m_daemonUser, static_cast<gid_t>(-1));
     }

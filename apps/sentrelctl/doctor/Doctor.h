@@ -58,8 +58,10 @@ struct Check {
     Diagnosis (*examine)(double timeout);
 };
 
-/// Files and directories, in the order in which they are mended.
+/// Directories and configuration, in the order in which they are mended.
 const std::vector<Check>& fileChecks();
+/// The settings file: what it is, what it holds, and whether it is whole.
+const std::vector<Check>& settingsChecks();
 /// The bus, the processes and what they leave behind.
 const std::vector<Check>& processChecks();
 

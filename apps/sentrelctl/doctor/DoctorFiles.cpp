@@ -1,5 +1,5 @@
-// The doctor's checks of what is on the disk. fileChecks() lists them in the order in which a person mends them: the
-// directories, then the configuration, then the settings file.
+// The doctor's checks of what is on the disk, but for the settings file. fileChecks() lists them in the order in which
+// a person mends them: the directories, then the configuration.
 //
 // Each check looks at owner and mode first, then at the content. The daemon's user is taken to be the owner of the
 // shared directory, and what else belongs to the daemon is compared with that.
@@ -7,13 +7,10 @@
 // What must stay so:
 // - The bus configuration is not parsed. Its users and its group are picked out, this version's configuration is made
 //   for them, and the two texts are compared. So the check cannot fall behind what hvbd writes.
-// - The settings file is not opened while others can write into its directory: they may have put a journal beside it,
-//   and opening the file would apply it.
 // - What this user may not read is "unseen" and no fault, so needReadable() comes before each reading.
 // - The module configuration is read by the rules that hvbd goes by as well, which are the daemon's. A file that the
 //   daemon cannot use is a failure, all else a warning.
 #include "apps/sentrelctl/doctor/Doctor.h"
-#include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "base/FileReading.h"
 #include "base/Paths.h"
 #include "platform/hvbagent/Fleet.h"
@@ -341,55 +338,6 @@ Diagnosis managementAgent(double /*timeout*/) {
     }
 }
 
-// The settings file.
-
-Diagnosis settingsFile(double /*timeout*/) {
-    constexpr mode_t everybodyReads = S_IRUSR | S_IRGRP | S_IROTH;
-    const std::string path = paths::settingsFile();
-    const std::optional<struct stat> facts = factsOf(path);
-    if (!facts) {
-        return missingFile(path, "Make it with 'sentrelctl settings init'");
-    }
-    if (!S_ISREG(facts->st_mode)) {
-        return failed(path + " is no regular file",
-                      "Find out who put it there, remove it, and run 'sentrelctl settings init'");
-    }
-    const std::optional<uid_t> daemon = daemonUser();
-    if (daemon && facts->st_uid != *daemon) {
-        return failed(fmt::format("{} is {}'s and not the daemon's", path, userName(facts->st_uid)),
-                      fmt::format("chown {} {}", userName(*daemon), path));
-    }
-    if (othersCanWrite(*facts)) {
-        return failed(fmt::format("others than its owner can write {}: it has {}", path, modeText(*facts)),
-                      "chmod 0644 " + path);
-    }
-    if ((facts->st_mode & everybodyReads) != everybodyReads) {
-        return warning(
-            fmt::format("the browser components of other users cannot read {}: it has {}", path, modeText(*facts)),
-            "chmod 0644 " + path);
-    }
-    return healthy(fmt::format("{} is {}'s, {}", path, userName(facts->st_uid), modeText(*facts)));
-}
-
-Diagnosis settingsTables(double /*timeout*/) {
-    const std::string path = paths::settingsFile();
-    const std::optional<struct stat> directory = factsOf(directoryOf(path));
-    if (!factsOf(path)) {
-        throw CannotSee("there is no settings file");
-    }
-    if (directory && othersCanWrite(*directory)) {
-        // What another user planted beside it would be put into force by opening it.
-        throw CannotSee("not opened while others can write into its directory");
-    }
-    needReadable(path);
-    const SettingsTables tables = findSettingsTables(path, "cannot look into the settings file");
-    if (!tables.created.empty()) {
-        return failed(fmt::format("{} lacks {}", path, fmt::join(tables.created, ", ")),
-                      "Make them with 'sentrelctl settings init'");
-    }
-    return healthy(fmt::format("{} has all {} tables", path, tables.present.size()));
-}
-
 /// For whom @p text, the bus's configuration, has sections of this kind, in order.
 std::vector<std::string> sectionsFor(const char* kind, const std::string& text) {
     const std::regex policy(fmt::format(R"re(<policy {}="([^"]*)">)re", kind));
@@ -439,8 +387,7 @@ const std::vector<Check>& fileChecks() {
         {"hub-directory", hubDirectory},         {"config-directory", configurationDirectory},
         {"bus-configuration", busConfiguration}, {"module-configuration", moduleConfiguration},
         {"debug-switch", debugSwitch},           {"trace-levels", traceLevels},
-        {"management-agent", managementAgent},   {"settings-file", settingsFile},
-        {"settings-tables", settingsTables},
+        {"management-agent", managementAgent},
     };
     return all;
 }

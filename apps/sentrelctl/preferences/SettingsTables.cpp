@@ -9,13 +9,14 @@
 // - Root becomes the owner of the directory before it looks at the file, and stays so. That user could have planted a
 //   link under the file's name; it then leads to nothing that the user could not reach. The new file also belongs to
 //   the daemon.
-// - The file must be readable by every user, whose browser components read it, and writable by its owner alone.
+// - The file is never readable by others on its way to its mode: it is made with it.
 // - An Init that fails inside may still report success, so the tables are looked for again after they were made.
 // - This is the one source of the command line client that includes store/: the statements that make the tables are the
 //   daemon's own.
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "base/Database.h"
 #include "base/UniqueFd.h"
 #include "store/DBSettings.h"
 
@@ -29,7 +30,9 @@
 #include <optional>
 #include <string_view>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace Sentrel::ctl {
 namespace {
@@ -153,12 +156,15 @@ std::string wordsOf(int sqliteError) {
     return fmt::format("the database error {}", sqliteError);
 }
 
-Failure databaseFailure(const std::string& path, const CVXDBSettings& settings) {
+Failure databaseFailure(const std::string& path, int error) {
     constexpr int busy = 5;
-    const int error = settings.GetLastError();
     return failure(path, wordsOf(error),
                    error == busy ? "Try again when the other one is done"
                                  : "Mend that; or move the file away, which gives the preferences their first values");
+}
+
+Failure databaseFailure(const std::string& path, const CVXDBSettings& settings) {
+    return databaseFailure(path, settings.GetLastError());
 }
 
 /// The number that @p sql gives. None when the query fails or gives no row.
@@ -247,15 +253,24 @@ void refuseUnwritable(const std::string& path, const std::string& directory) {
     }
 }
 
-void create(const std::string& path) {
-    // The browser components of every user read it; a password in it is enciphered.
-    const mode_t before = ::umask(S_IWGRP | S_IWOTH);
+void create(const std::string& path, SettingsReaders readers) {
+    const mode_t before = ::umask(~modeFor(readers) & ACCESSPERMS);
     CVXDBSettings settings;
     const bool isDone = settings.Init(path.c_str(), true);
     ::umask(before);
     // Init reports success also after an exception inside it, so only a second look tells.
     if (!isDone || !look(path, settings).created.empty()) {
         throw databaseFailure(path, settings);
+    }
+}
+
+std::vector<std::string> withForm(const std::string& path, SettingsReaders readers) {
+    try {
+        return giveSettingsForm(path, headerOf(path), readers);
+    } catch (const std::system_error& error) {
+        throw systemFailure(path, error.code().value());
+    } catch (const DatabaseError& error) {
+        throw databaseFailure(path, error.code());
     }
 }
 
@@ -296,15 +311,24 @@ std::vector<std::optional<std::string>> readSettings(const std::string& path, co
     }
 }
 
-SettingsTables makeSettingsTables(const std::string& path) {
+void becomeOwnerOfSettings(const std::string& path) {
+    becomeOwnerOf(path.substr(0, path.rfind('/')));
+}
+
+SettingsSetUp setUpSettingsFile(const std::string& path, SettingsReaders readers) {
     const std::string directory = path.substr(0, path.rfind('/'));
     becomeOwnerOf(directory);
-    SettingsTables tables = lookBefore(path);
-    if (!tables.created.empty()) {
+    SettingsSetUp done{lookBefore(path), {}};
+    const bool isNew = headerOf(path).empty();
+    if (!done.tables.created.empty()) {
         refuseUnwritable(path, directory);
-        create(path);
+        create(path, readers);
     }
-    return tables;
+    std::vector<std::string> changes = withForm(path, readers);
+    if (!isNew) {
+        done.changes = std::move(changes);
+    }
+    return done;
 }
 
 } // namespace Sentrel::ctl

@@ -1,6 +1,8 @@
 // Makes the tables of the settings file, which the daemon itself never does.
 #pragma once
 
+#include "apps/sentrelctl/preferences/SettingsForm.h"
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,11 +26,22 @@ SettingsTables findSettingsTables(const std::string& path, const char* what);
 std::vector<std::optional<std::string>> readSettings(const std::string& path, const std::vector<const char*>& keys,
                                                      const char* what);
 
-/// Makes the tables that the settings file at @p path lacks, and the file when there is none. Nothing that is there is
-/// changed. A process of root's becomes the owner of the directory for this, and for good: the file then belongs to the
-/// user whom the daemon runs as, and a link that this user planted leads nowhere else.
-/// @throws Failure when the file is no settings file, or cannot be read or written; nothing was changed then, unless
-/// the disk failed in between.
-SettingsTables makeSettingsTables(const std::string& path);
+/// Makes a process of root's the owner of the directory of the file at @p path, for good: the daemon's user. Any other
+/// process stays what it is.
+/// @throws Failure when the directory is missing, or is root's and others can write into it.
+void becomeOwnerOfSettings(const std::string& path);
+
+/// What was done to the settings file.
+struct SettingsSetUp {
+    SettingsTables tables;
+    std::vector<std::string> changes; ///< of the form of a file that was there, as giveSettingsForm() says them
+};
+
+/// Makes the tables that the settings file at @p path lacks, and the file when there is none, and gives it the form for
+/// @p readers. No row that is there is changed. A process of root's becomes the owner of the directory for this, and
+/// for good: the file then belongs to the user whom the daemon runs as, and a link that this user planted leads nowhere
+/// else.
+/// @throws Failure when the file is no settings file, or cannot be read or written; no row was changed then.
+SettingsSetUp setUpSettingsFile(const std::string& path, SettingsReaders readers);
 
 } // namespace Sentrel::ctl

@@ -17,7 +17,7 @@ struct DoctorOptions {
 void doctor(Session& session, const DoctorOptions& options) {
     std::vector<Diagnosis> diagnoses;
     Json list = Json::array();
-    for (const auto* const checks : {&fileChecks(), &processChecks()}) {
+    for (const auto* const checks : {&fileChecks(), &settingsChecks(), &processChecks()}) {
         for (const Check& check : *checks) {
             diagnoses.push_back(examined(check, options.timeout));
             if (session.json == JsonMode::Off) { // at once: on a broken machine some take their time

@@ -1,30 +1,116 @@
 // sentrelctl settings init: the one step that makes the tables of the settings file.
 #include "apps/sentrelctl/Verbs.h"
+#include "apps/sentrelctl/preferences/SettingsRepair.h"
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "base/Paths.h"
 
 #include <array>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <memory>
 
 namespace Sentrel::ctl {
 namespace {
 
-void settingsInit(Session& session) {
-    const std::string path = paths::settingsFile();
-    const SettingsTables tables = makeSettingsTables(path);
-    if (session.json != JsonMode::Off) {
-        session.out.write(
-            jsonText(Json{{"file", path}, {"created", tables.created}, {"present", tables.present}}, session.json));
-        return;
-    }
-    session.out.write(tables.created.empty()
-                          ? fmt::format("{} is ready; nothing was missing.\n", path)
-                          : fmt::format("{} is ready; made {}.\n", path, fmt::join(tables.created, ", ")));
+struct InitOptions {
+    bool readableByAll = false;
+    bool repair = false;
+    bool yes = false;
+};
+
+Json initJson(const std::string& path, const SettingsSetUp& done, SettingsReaders readers) {
+    return Json{{"file", path},
+                {"created", done.tables.created},
+                {"present", done.tables.present},
+                {"changes", done.changes},
+                {"mode", fmt::format("{:04o}", modeFor(readers))},
+                {"journal", journalFor(readers)}};
 }
 
-Work describeInit(OptionSet& /*set*/, Session& session) {
-    return [&session] { settingsInit(session); };
+void settingsInit(Session& session, const InitOptions& options) {
+    const std::string path = paths::settingsFile();
+    const SettingsReaders readers = options.readableByAll ? SettingsReaders::Everybody : SettingsReaders::DaemonAlone;
+    const SettingsSetUp done = setUpSettingsFile(path, readers);
+    if (session.json != JsonMode::Off) {
+        session.out.write(jsonText(initJson(path, done, readers), session.json));
+        return;
+    }
+    std::vector<std::string> said;
+    if (!done.tables.created.empty()) {
+        said.push_back(fmt::format("made {}", fmt::join(done.tables.created, ", ")));
+    }
+    said.insert(said.end(), done.changes.begin(), done.changes.end());
+    session.out.write(fmt::format("{} is ready; {}.\n", path,
+                                  said.empty() ? "nothing was missing" : fmt::format("{}", fmt::join(said, "; "))));
+}
+
+std::string rowsText(std::size_t rows) {
+    return rows == 1 ? "1 row" : fmt::format("{} rows", rows);
+}
+
+std::string savedText(const SavedTable& table) {
+    std::string text = fmt::format("{:<19}{} can be read", table.name, rowsText(table.rows.size() - table.added));
+    if (table.unreadable > 0) {
+        text += fmt::format(", {} cannot", table.unreadable == 1 ? "a stretch of it" : "stretches of it");
+    }
+    if (table.added > 0) {
+        text += fmt::format("; {} more of the hub's last settings", rowsText(table.added));
+    }
+    return text + "\n";
+}
+
+Json savedJson(const SavedTable& table) {
+    return Json{{"table", table.name},
+                {"rows", table.rows.size() - table.added},
+                {"unreadable", table.unreadable},
+                {"added", table.added}};
+}
+
+/// What a repair would do, and with @p aside has done.
+void showRepair(Session& session, const std::string& path, const std::string& damage,
+                const std::vector<SavedTable>& tables, const std::optional<std::string>& aside) {
+    Json list = Json::array();
+    std::string text = fmt::format("{} is damaged: {}\n", path, damage);
+    for (const SavedTable& table : tables) {
+        list.push_back(savedJson(table));
+        text += savedText(table);
+    }
+    text += aside ? fmt::format("{} was made anew of these; the old file is {}.\nRestart sentreld: it serves what it "
+                                "loaded from the old file.\n",
+                                path, *aside)
+                  : "Nothing was changed: 'sentrelctl settings init --repair --yes' makes the file anew of these, and "
+                    "sets the old one aside.\n";
+    session.out.write(session.json == JsonMode::Off ? text
+                                                    : jsonText(Json{{"file", path},
+                                                                    {"damage", damage},
+                                                                    {"tables", list},
+                                                                    {"aside", aside ? Json(*aside) : Json(nullptr)}},
+                                                               session.json));
+}
+
+void settingsRepair(Session& session, const InitOptions& options) {
+    const std::string path = paths::settingsFile();
+    becomeOwnerOfSettings(path);
+    const std::optional<std::string> damage = damageInSettings(path);
+    if (!damage) {
+        session.out.write(session.json == JsonMode::Off
+                              ? fmt::format("{} is whole; there is nothing to repair.\n", path)
+                              : jsonText(Json{{"file", path}, {"damage", nullptr}}, session.json));
+        return;
+    }
+    const std::vector<SavedTable> tables = saveSettings(path);
+    showRepair(session, path, *damage, tables,
+               options.yes ? std::optional(replaceSettings(path, tables)) : std::nullopt);
+}
+
+Work describeInit(OptionSet& set, Session& session) {
+    auto options = std::make_shared<InitOptions>();
+    set.addFlag("--readable-by-all", options->readableByAll,
+                "Let every user read the file: mode 0644 with a rollback journal. A reader can then hold up changes.");
+    auto repair = set.addFlag("--repair", options->repair,
+                              "Make a damaged file anew of what can be saved. Alone it only shows what that would be.");
+    set.addFlag("--yes", options->yes, "Do it").needs(repair);
+    return [options, &session] { (options->repair ? settingsRepair : settingsInit)(session, *options); };
 }
 
 } // namespace
@@ -32,9 +118,11 @@ Work describeInit(OptionSet& /*set*/, Session& session) {
 Verbs settingsVerbs() {
     static constexpr std::array<Verb, 1> verbs{{
         {"settings", "init",
-         "Makes the tables that the settings file lacks, and the file when there is none. What is in "
-         "it stays. Needs neither hub nor daemon.",
-         "  sentrelctl settings init", describeInit},
+         "Makes the tables that the settings file lacks, and the file when there is none, and makes the file the "
+         "daemon's alone, with a write-ahead log. What is in it stays. Needs neither hub nor daemon.",
+         "  sentrelctl settings init\n"
+         "  sentrelctl settings init --repair",
+         describeInit},
     }};
     return verbs;
 }

@@ -20,6 +20,7 @@
 #include <list>
 #include <optional>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -176,14 +177,18 @@ TEST_F(ABadSettingsFile, ThatIsNoDatabaseIsNotRepaired) {
     EXPECT_EQ(file.bytes(), noise);
 }
 
-/// One of the four tables is missing.
-class ASettingsFileWithATableMissing : public ABadSettingsFile, public testing::WithParamInterface<TableType> {
+/// One of the four tables is missing, whichever journal the file has.
+class ASettingsFileWithATableMissing : public ABadSettingsFile,
+                                       public testing::WithParamInterface<std::tuple<TableType, std::string>> {
 protected:
     void SetUp() override {
         ASSERT_NO_FATAL_FAILURE(layOut());
         const char* names[]{"vxsetting", "catblockinginfo", "allowblocksettings", "privateIPRange"};
-        ASSERT_EQ(file.sqlite(std::string("drop table ") + names[GetParam()]), "");
+        ASSERT_EQ(file.sqlite(std::string("drop table ") + names[missing()]), "");
+        const std::string journal = std::get<1>(GetParam());
+        ASSERT_EQ(file.sqlite("pragma journal_mode=" + journal), journal + "\n");
     }
+    static TableType missing() { return std::get<0>(GetParam()); }
 };
 
 TEST_P(ASettingsFileWithATableMissing, ReadsTheTablesBeforeItByNameAndTheOthersAsAWhole) {
@@ -191,14 +196,14 @@ TEST_P(ASettingsFileWithATableMissing, ReadsTheTablesBeforeItByNameAndTheOthersA
     EXPECT_TRUE(init());
     for (const TableType type : {TABLE_GENERAL_SETTING, TABLE_CATEGORY_BLOCKING, TABLE_ALLOW_BLOCK}) {
         SCOPED_TRACE(type);
-        EXPECT_EQ(getsARow(type), type < GetParam());
+        EXPECT_EQ(getsARow(type), type < missing());
         CVXDBSettings::Rows found;
-        EXPECT_EQ(settings.GetAllRows(type, found, true), type != GetParam());
-        EXPECT_EQ(found.empty(), type == GetParam());
+        EXPECT_EQ(settings.GetAllRows(type, found, true), type != missing());
+        EXPECT_EQ(found.empty(), type == missing());
     }
     std::list<std::string> ranges;
     EXPECT_FALSE(settings.GetPrivateRangeList(ranges));
-    EXPECT_EQ(ranges.empty(), GetParam() == TABLE_PRIVATE_IP_RANGE);
+    EXPECT_EQ(ranges.empty(), missing() == TABLE_PRIVATE_IP_RANGE);
     expectNothingIsSet();
     expectDeletesClaimToBeDone();
     EXPECT_EQ(file.bytes(), before);
@@ -207,7 +212,7 @@ TEST_P(ASettingsFileWithATableMissing, ReadsTheTablesBeforeItByNameAndTheOthersA
 TEST_P(ASettingsFileWithATableMissing, GetsItBackByAFixAndKeepsTheOthers) {
     EXPECT_TRUE(init(true));
     std::string expected = kAllThere;
-    expected[std::size_t(GetParam()) * 2] = '0';
+    expected[std::size_t(missing()) * 2] = '0';
     EXPECT_EQ(file.sqlite(kCounts), expected);
     CVXDBSettings next;
     ASSERT_TRUE(next.Init(file.path().c_str(), false));
@@ -215,7 +220,8 @@ TEST_P(ASettingsFileWithATableMissing, GetsItBackByAFixAndKeepsTheOthers) {
     EXPECT_EQ(file.sqlite("select value from vxsetting where hex(name) = '6E616D6500' or name = 'name'"), "value\n");
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, ASettingsFileWithATableMissing, testing::ValuesIn(kTypes));
+INSTANTIATE_TEST_SUITE_P(Each, ASettingsFileWithATableMissing,
+                         testing::Combine(testing::ValuesIn(kTypes), testing::Values("delete", "wal")));
 
 TEST_F(ABadSettingsFile, GetsAllFourTablesWhenItIsToBeFixed) {
     EXPECT_TRUE(init(true));
@@ -345,6 +351,34 @@ TEST_F(ABadSettingsFile, ThatIsLockedAfterItWasOpenedHidesIt) {
     EXPECT_TRUE(set("name", "value"));
     EXPECT_EQ(get("name"), "-") << "what failed shows once";
     EXPECT_EQ(get("name"), "value");
+}
+
+TEST_F(ABadSettingsFile, WithAWriteAheadLogIsReadWhileAnotherWritesAndItsRefusalsHidden) {
+    ASSERT_NO_FATAL_FAILURE(layOut());
+    ASSERT_EQ(file.sqlite("pragma journal_mode=wal"), "wal\n");
+    {
+        const ForeignLock lock(file);
+        const TimelessWaits waits;
+        EXPECT_TRUE(init());
+        EXPECT_TRUE(getsARow(TABLE_GENERAL_SETTING));
+        EXPECT_THAT(rows(TABLE_ALLOW_BLOCK), SizeIs(3));
+        EXPECT_THAT(waits.all, IsEmpty()) << "nothing is waited for";
+        EXPECT_TRUE(set("name", "value"));
+        EXPECT_TRUE(settings.Delete(TABLE_ALLOW_BLOCK));
+        EXPECT_THAT(waits.all, SizeIs(2 * 10));
+        EXPECT_THAT(rows(TABLE_ALLOW_BLOCK), SizeIs(3));
+    }
+    EXPECT_EQ(file.sqlite(kCounts), kAllThere);
+}
+
+TEST_F(ABadSettingsFile, WithAWriteAheadLogIsWrittenWhileAnotherReads) {
+    ASSERT_NO_FATAL_FAILURE(open());
+    ASSERT_EQ(file.sqlite("pragma journal_mode=wal"), "wal\n");
+    const ForeignLock reader(file, "BEGIN; SELECT count(*) FROM vxsetting");
+    const TimelessWaits waits;
+    EXPECT_TRUE(settings.Set("new.example", 1, TABLE_ALLOW_BLOCK));
+    EXPECT_THAT(rows(TABLE_ALLOW_BLOCK), SizeIs(4));
+    EXPECT_THAT(waits.all, IsEmpty());
 }
 
 /// Does @p work as a user who may not write to the directory.

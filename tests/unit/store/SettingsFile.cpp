@@ -66,7 +66,7 @@ std::string SettingsFile::bytes() const {
 
 // The program reads its commands from a pipe that stays open, and so keeps the lock; what comes after the first
 // failure it does not do.
-ForeignLock::ForeignLock(const SettingsFile& file)
+ForeignLock::ForeignLock(const SettingsFile& file, const std::string& begin)
     : m_commandsPath(file.beside("commands")), m_readyPath(file.beside("locked")) {
     if (mkfifo(m_commandsPath.c_str(), 0600) != 0) {
         throw std::system_error(errno, std::system_category(), "mkfifo");
@@ -75,7 +75,7 @@ ForeignLock::ForeignLock(const SettingsFile& file)
     ChildOptions options;
     options.arguments = {"-batch", "-bail", file.path(), ".read " + m_commandsPath};
     m_holder.emplace("sqlite3", options);
-    const std::string commands = "BEGIN EXCLUSIVE;\n.output " + m_readyPath + "\n";
+    const std::string commands = begin + ";\n.output " + m_readyPath + "\n";
     const bool told = ::write(m_commands, commands.data(), commands.size()) == ssize_t(commands.size());
     if (!told || !testing_support::eventually([&] { return std::filesystem::exists(m_readyPath); })) {
         throw std::runtime_error("the file cannot be locked");

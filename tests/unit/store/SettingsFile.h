@@ -34,12 +34,13 @@ private:
     std::string m_path;
 };
 
-/// Another process that holds the file's exclusive lock.
+/// Another process in the middle of a transaction on the file.
 /// Threads: one at a time. Owner: the test; its file must outlive it.
 class ForeignLock {
 public:
-    /// Returns when the lock is held. @throws std::runtime_error when it cannot be had.
-    explicit ForeignLock(const SettingsFile& file);
+    /// Returns when the transaction has begun: one that writes, unless @p begin says otherwise.
+    /// @throws std::runtime_error when it cannot be had.
+    explicit ForeignLock(const SettingsFile& file, const std::string& begin = "BEGIN EXCLUSIVE");
     ForeignLock(const ForeignLock&) = delete;
     ForeignLock& operator=(const ForeignLock&) = delete;
     ~ForeignLock();

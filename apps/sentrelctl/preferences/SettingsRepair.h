@@ -1,0 +1,53 @@
+// What can be saved of a damaged settings file, and the new file that is made of it.
+#pragma once
+
+#include "base/Database.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace Sentrel::ctl {
+
+/// What SQLite's quick_check finds first; none when the file at @p path is whole. It reads the whole file.
+/// @throws Failure when the file cannot be opened or is locked.
+std::optional<std::string> damageInSettings(const std::string& path);
+
+/// The value of a row: none, an integer or bytes, as the file has it.
+using StoredValue = std::variant<std::monostate, std::int64_t, std::string>;
+
+/// A row of one of the four tables: its key's bytes, terminator and all, and its value.
+struct SettingsRow {
+    std::string key;
+    StoredValue value;
+
+    bool operator==(const SettingsRow&) const = default;
+};
+
+/// What one table has that can be read.
+struct SavedTable {
+    std::string name;
+    std::vector<SettingsRow> rows; ///< in the file's order; each key once
+    std::size_t unreadable = 0;    ///< places at which the file is broken
+    std::size_t added = 0;         ///< how many of the rows come from elsewhere
+};
+
+/// Reads every row of the four tables that can be reached, past the pages that are broken. Nothing is changed. A table
+/// that cannot be used at all has no rows and one unreadable place.
+/// @throws Failure when the file cannot be opened.
+std::vector<SavedTable> saveSettings(const std::string& path);
+
+/// Adds to @p table those of @p known whose keys it lacks, behind the others.
+void addMissingRows(SavedTable& table, const std::vector<SettingsRow>& known);
+
+/// Puts a file of these rows in the place of the one at @p path, which is set aside with what SQLite put beside it.
+/// Called as the file's owner. The daemon may run: what it changes at that instant may be lost with the old file.
+/// @return the name under which the old file stays.
+/// @throws Failure; the old file is then still in its place.
+std::string replaceSettings(const std::string& path, const std::vector<SavedTable>& tables);
+
+} // namespace Sentrel::ctl

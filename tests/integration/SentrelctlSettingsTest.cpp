@@ -1,5 +1,6 @@
 // sentrelctl settings init, on files in every state. Real: the program, the files, a second uid, the sqlite3 program
 // that makes and reads them. Nothing else runs.
+#include "base/SettingsHandover.h"
 #include "tests/integration/SentrelctlRun.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
@@ -233,6 +234,21 @@ TEST_F(ASettingsFile, NeedsItsDirectory) {
     std::filesystem::create_directory_symlink(m_root.varDirectory(), directory());
     expectRefused(directory(), "it is not a directory");
     EXPECT_FALSE(std::filesystem::exists(m_root.varDirectory() + "/product.db"));
+}
+
+TEST_F(ASettingsFile, IsConvertedOnlyWhenItsKeeperLetsGo) {
+    ASSERT_EQ(ctl(m_root, {"settings", "init", "--readable-by-all"}).code, 0);
+    Sentrel::SettingsHold keeper(path());
+    ASSERT_TRUE(keeper.take());
+    CtlRun run(m_root, {"settings", "init"});
+    ASSERT_TRUE(eventually([&] { return keeper.isAskedFor(); }));
+    keeper.letGo();
+    EXPECT_EQ(run.finish().code, 0) << run.err();
+    ASSERT_TRUE(keeper.take());
+    const CtlResult result = ctl(m_root, {"settings", "init", "--readable-by-all"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_NE(result.err.find("the settings keeper does not let go of " + path()), std::string::npos) << result.err;
+    EXPECT_EQ(sql("pragma journal_mode"), "wal\n");
 }
 
 /// A file with three hundred entries, a page of which is overwritten.

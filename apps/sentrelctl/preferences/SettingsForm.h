@@ -25,8 +25,8 @@ const char* journalFor(SettingsReaders readers);
 const char* journalIn(const std::string& header);
 
 /// Brings the existing settings file at @p path, and what SQLite has put beside it, into the form for @p readers.
-/// Called as the file's owner, with no connection of this process open on it. What has that form already is not
-/// touched.
+/// Called as the file's owner, with no connection of this process open on it, and without a keeper when the journal
+/// changes (base/SettingsHandover.h). What has that form already is not touched.
 /// @return what was changed, each as a phrase: "its mode is 0640 now".
 /// @throws std::system_error when a mode cannot be changed; DatabaseError when the journal mode cannot, which another
 /// program's open transaction prevents.

@@ -13,6 +13,7 @@
 #include "apps/sentrelctl/preferences/SettingsForm.h"
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "base/SettingsHandover.h"
 
 #include <algorithm>
 #include <array>
@@ -247,6 +248,7 @@ std::string replaceSettings(const std::string& path, const std::vector<SavedTabl
             std::filesystem::remove(fresh + side); // of an earlier repair that did not end
         }
         makeFile(fresh, tables);
+        const SettingsHandover handover(path, kLockWait);
         emptyLogOf(path);
         setAside(path, ending);
         if (::rename(fresh.c_str(), path.c_str()) != 0) {

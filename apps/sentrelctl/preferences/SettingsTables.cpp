@@ -17,12 +17,14 @@
 
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/Database.h"
+#include "base/SettingsHandover.h"
 #include "base/UniqueFd.h"
 #include "store/DBSettings.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -264,11 +266,19 @@ void create(const std::string& path, SettingsReaders readers) {
     }
 }
 
-std::vector<std::string> withForm(const std::string& path, SettingsReaders readers) {
+/// @param isNew nobody else can have the file open.
+std::vector<std::string> withForm(const std::string& path, SettingsReaders readers, bool isNew) {
+    constexpr std::chrono::seconds patience{2};
     try {
-        return giveSettingsForm(path, headerOf(path), readers);
+        const std::string header = headerOf(path);
+        std::optional<SettingsHandover> handover;
+        if (!isNew && std::string_view(journalIn(header)) != journalFor(readers)) {
+            handover.emplace(path, patience);
+        }
+        return giveSettingsForm(path, header, readers);
     } catch (const std::system_error& error) {
-        throw systemFailure(path, error.code().value());
+        throw error.code().value() == ETIMEDOUT ? failure(path, error.what(), "")
+                                                : systemFailure(path, error.code().value());
     } catch (const DatabaseError& error) {
         throw databaseFailure(path, error.code());
     }
@@ -324,7 +334,7 @@ SettingsSetUp setUpSettingsFile(const std::string& path, SettingsReaders readers
         refuseUnwritable(path, directory);
         create(path, readers);
     }
-    std::vector<std::string> changes = withForm(path, readers);
+    std::vector<std::string> changes = withForm(path, readers, isNew);
     if (!isNew) {
         done.changes = std::move(changes);
     }

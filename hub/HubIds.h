@@ -57,6 +57,8 @@ struct CommandInfo {
     const char* name;
     HVB::ModuleId receiver;
     CommandAccess access;
+    /// Whether the receiver runs them one after the other: each replaces what the others replace, row by row.
+    bool isInTurn = false;
 };
 
 inline constexpr std::array<CommandInfo, 10> kCommands{{
@@ -65,11 +67,11 @@ inline constexpr std::array<CommandInfo, 10> kCommands{{
     {CMD_SET_DEBUG_LOGGING_STATUS, "CMD_SET_DEBUG_LOGGING_STATUS", HVB::MODULE_SENTREL, CommandAccess::Administrators},
     {CMD_GET_DEBUG_LOGGING_STATUS, "CMD_GET_DEBUG_LOGGING_STATUS", HVB::MODULE_SENTREL, CommandAccess::Everyone},
     {CMD_RELOAD_HVB, "CMD_RELOAD_HVB", HVB::MODULE_HUB, CommandAccess::Administrators},
-    {ST_SET_PREFS, "ST_SET_PREFS", HVB::MODULE_SENTREL, CommandAccess::Administrators},
+    {ST_SET_PREFS, "ST_SET_PREFS", HVB::MODULE_SENTREL, CommandAccess::Administrators, true},
     {ST_GET_PREFS, "ST_GET_PREFS", HVB::MODULE_SENTREL, CommandAccess::Everyone},
-    {ST_SET_PREFS_INDIVIDUAL, "ST_SET_PREFS_INDIVIDUAL", HVB::MODULE_SENTREL, CommandAccess::Administrators},
+    {ST_SET_PREFS_INDIVIDUAL, "ST_SET_PREFS_INDIVIDUAL", HVB::MODULE_SENTREL, CommandAccess::Administrators, true},
     {ST_GET_PREFS_INDIVIDUAL, "ST_GET_PREFS_INDIVIDUAL", HVB::MODULE_SENTREL, CommandAccess::Everyone},
-    {ST_RESET_PREFS, "ST_RESET_PREFS", HVB::MODULE_SENTREL, CommandAccess::Administrators},
+    {ST_RESET_PREFS, "ST_RESET_PREFS", HVB::MODULE_SENTREL, CommandAccess::Administrators, true},
 }};
 
 /// Event ids are a space of their own: 1003 is a command and also an event.

@@ -15,6 +15,7 @@ thread_local bool t_isWorker = false;
 CallbackWorkers::CallbackWorkers()
     : m_lanes{{{FairQueue(kEventLane.bounds), {}},
                {FairQueue(kHealthLane.bounds), {}},
+               {FairQueue(kChangesLane.bounds), {}},
                {FairQueue(kAdministratorsLane.bounds), {}},
                {FairQueue(kUsersLane.bounds), {}}}} {}
 
@@ -23,7 +24,7 @@ bool CallbackWorkers::isWorker() {
 }
 
 void CallbackWorkers::begin() {
-    constexpr std::array<std::size_t, kLanes> threads{kEventLane.threads, kHealthLane.threads,
+    constexpr std::array<std::size_t, kLanes> threads{kEventLane.threads, kHealthLane.threads, kChangesLane.threads,
                                                       kAdministratorsLane.threads, kUsersLane.threads};
     const Sentrel::MutexLock lock(m_mutex);
     if (m_ended || !m_threads.empty()) {

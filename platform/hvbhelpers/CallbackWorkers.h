@@ -21,7 +21,8 @@ public:
     enum class Lane {
         Event,          ///< one at a time in the order of arrival, so that "on" then "off" ends in off
         Health,         ///< the hub's question whether the module is well
-        Administrators, ///< calls that change something, root's calls, and the answers to the module's own
+        Changes,        ///< commands that are run one after the other, in the order of arrival
+        Administrators, ///< other calls that change something, root's reads, and the answers to the module's own
         Users,          ///< everybody's calls that only read
     };
 
@@ -47,7 +48,7 @@ public:
     static bool isWorker();
 
 private:
-    static constexpr std::size_t kLanes = 4;
+    static constexpr std::size_t kLanes = 5;
 
     struct LaneState {
         FairQueue queue;

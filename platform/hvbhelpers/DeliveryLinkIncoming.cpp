@@ -1,11 +1,11 @@
 // What sd-bus calls when a message for the module arrives. All of it runs on the link's thread with its lock held, so
 // it only looks at the message, keeps what is needed of it, and hands the rest on.
 //
-// A command that changes something comes only from those whom the bus lets send it: it goes to the administrators' lane
-// at once. One that only reads may come from anybody. It goes to its user's share of the users' lane, so the bus is
-// asked for the user behind a connection that has not called before, without waiting; its calls are held until the
-// answer comes (SenderDirectory). A read whose reply nobody wants is not worked out at all: it would be the cheapest
-// flood there is.
+// A command that changes something comes only from those whom the bus lets send it: it goes to the lane of changes or
+// the administrators' at once. One that only reads may come from anybody. It goes to its user's share of the users'
+// lane, so the bus is asked for the user behind a connection that has not called before, without waiting; its calls are
+// held until the answer comes (SenderDirectory). A read whose reply nobody wants is not worked out at all: it would be
+// the cheapest flood there is.
 #include "platform/hvbhelpers/DeliveryLink.h"
 #include "platform/hvbhelpers/ErrorText.h"
 #include "platform/hvbhelpers/HubLimits.h"
@@ -32,12 +32,24 @@ constexpr uid_t kRoot = 0;
 /// No user has this id: chown(2) takes it for "as it is".
 constexpr auto kNobodyKnown = static_cast<uid_t>(-1);
 
-/// Whether everybody may send the command, because it changes nothing. One that is not known is the services' and
-/// root's.
+/// What is known of a command; null for one that is not, which is the services' and root's.
+const Sentrel::CommandInfo* infoOf(std::int32_t commandId) {
+    const auto* const found =
+        std::find_if(Sentrel::kCommands.begin(), Sentrel::kCommands.end(),
+                     [commandId](const Sentrel::CommandInfo& command) { return command.id == commandId; });
+    return found != Sentrel::kCommands.end() ? found : nullptr;
+}
+
+/// Whether everybody may send the command, because it changes nothing.
 bool onlyReads(std::int32_t commandId) {
-    return std::any_of(Sentrel::kCommands.begin(), Sentrel::kCommands.end(), [commandId](const auto& command) {
-        return command.id == commandId && command.access == Sentrel::CommandAccess::Everyone;
-    });
+    const Sentrel::CommandInfo* const info = infoOf(commandId);
+    return info != nullptr && info->access == Sentrel::CommandAccess::Everyone;
+}
+
+/// The lane of a command that does more than read.
+CallbackWorkers::Lane laneOfChange(std::int32_t commandId) {
+    const Sentrel::CommandInfo* const info = infoOf(commandId);
+    return info != nullptr && info->isInTurn ? CallbackWorkers::Lane::Changes : CallbackWorkers::Lane::Administrators;
 }
 
 CallbackWorkers::Lane laneOf(uid_t user) {
@@ -148,7 +160,7 @@ int DeliveryLink::takeCommand(sd_bus_message& message, std::int32_t commandId) {
         takeReading(std::move(command), connection);
     } else {
         // The bus lets only administrators and services send it.
-        handOn(std::move(command), CallbackWorkers::Lane::Administrators, {kRoot, connection});
+        handOn(std::move(command), laneOfChange(commandId), {kRoot, connection});
     }
     return 1;
 }

@@ -20,8 +20,10 @@ inline constexpr std::size_t kKiB = std::size_t{1} << 10U;
 inline constexpr LaneLimits kEventLane{1, {256, 8192 * kKiB, 1}};
 /// The hub asks once a minute, an administrator may ask too.
 inline constexpr LaneLimits kHealthLane{1, {16, 0, 1}};
+/// One thread: of two lists that are replaced at once, one is there in the end and not a mixture.
+inline constexpr LaneLimits kChangesLane{1, {256, 32768 * kKiB, 1}};
 /// A call that waits for another module must not hold up the rest.
-inline constexpr LaneLimits kAdministratorsLane{4, {256, 32768 * kKiB, 4}};
+inline constexpr LaneLimits kAdministratorsLane{3, {256, 32768 * kKiB, 3}};
 /// Everybody's: a user has one of the two threads at the most, and what waits is little, since who reads sends little.
 inline constexpr LaneLimits kUsersLane{2, {64, 256 * kKiB, 1}};
 

@@ -132,6 +132,37 @@ TEST_F(ABrokerWithSeveralUsers, RunsACommandThatChangesSomethingAlsoWhenNobodyWa
     }));
 }
 
+TEST_F(ABrokerWithSeveralUsers, RunsTheChangesOfThePreferencesOneAfterTheOther) {
+    constexpr int rounds = 50;
+    std::atomic<int> begun{0};
+    std::atomic<int> running{0};
+    std::atomic<int> overlaps{0};
+    m_module.onCommand = [&](HVB::CommandData& command) {
+        if (command.m_commandId != 1021) {
+            ++begun;
+            overlaps += ++running > 1 ? 1 : 0;
+            await(m_released, "the test to let the handler go on");
+            --running;
+        }
+        return echo(command);
+    };
+    const Life life = startModule7();
+    std::vector<std::unique_ptr<RawClient>> clients;
+    for (const int command : {100000, 100002, 100004}) {
+        RawClient& client = *clients.emplace_back(clientOf(0));
+        for (int round = 0; round < rounds; ++round) {
+            std::uint64_t cookie = 0; // without one sd-bus would ask for no reply
+            check(sd_bus_send(&client.bus(), client.command(command).get(), &cookie), "send");
+        }
+        client.settle();
+    }
+    EXPECT_EQ(errorOf(0, 1021), "") << "another command does not wait for them";
+    EXPECT_EQ(begun, 1);
+    m_released.count_down();
+    EXPECT_TRUE(eventually([&] { return begun == 3 * rounds; })) << begun;
+    EXPECT_EQ(overlaps, 0);
+}
+
 /// A command whose payload is a file, as any client would make it.
 MessagePtr commandWithFile(RawClient& client, int id, std::wstring_view archive) {
     const auto file = HVB::detail::MemoryFile::of(archive, kMaxPayloadBytes);

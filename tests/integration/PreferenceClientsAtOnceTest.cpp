@@ -77,27 +77,6 @@ TEST_F(APreferenceStore, GivesEachOfEightClientsAtOnceItsOwnReplies) {
     EXPECT_EQ(replies, 3 * 2 * writes + 5 * reads);
 }
 
-TEST_F(APreferenceStore, EndsWithOneOfTheListsThatAreReplacedAtOnce) {
-    constexpr int writers = 4;
-    constexpr int rows = 60;
-    for (int round = 0; round < 5; ++round) {
-        std::vector<std::function<void(WireClient&)>> clients;
-        for (int writer = 0; writer < writers; ++writer) {
-            clients.emplace_back([writer, round](WireClient& wire) {
-                Urls urls;
-                for (int row = 0; row < rows; ++row) {
-                    urls.emplace_back("r" + std::to_string(round) + "." + std::to_string(row), 1 + writer);
-                }
-                ASSERT_EQ(wire.code(ST_SET_PREFS_INDIVIDUAL, payloadOf(withUrls(urls))), ST_ERROR_NONE);
-            });
-        }
-        atOnce(machine.bus().socketPath(), clients);
-        EXPECT_EQ(machine.sql("select count(*), count(distinct value) from allowblocksettings"),
-                  std::to_string(rows) + "|1\n");
-        EXPECT_EQ(urlsOf(client.getAll()).size(), static_cast<std::size_t>(rows));
-    }
-}
-
 TEST_F(APreferenceStore, SurvivesListsReplacedByManyClientsAtOnce) {
     constexpr int replacements = 5;
     constexpr int rows = 8;

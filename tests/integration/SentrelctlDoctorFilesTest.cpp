@@ -70,8 +70,7 @@ TEST_F(AnInstallation, JudgesTheModeOfTheSettingsFile) {
                  "Run 'sentrelctl settings init', and look whether the preferences are still yours");
     setMode(path, 0644);
     expectWarning(
-        "settings-file",
-        "every user can read " + path + ", and whoever reads it can hold up changes: it has mode 0644",
+        "settings-file", "every user can read " + path + ", and whoever reads it can hold up changes: it has mode 0644",
         "Run 'sentrelctl settings init', unless this site has other readers: docs/security.md says what they cost");
     setMode(path, 0600);
     EXPECT_EQ(finding("settings-file").result, "ok");

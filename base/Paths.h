@@ -25,6 +25,10 @@ inline std::string eventSocket() {
 inline std::string settingsFile() {
     return underRoot("/Users/Shared/.orvanta/product.db");
 }
+/// Reports that wait for the hub.
+inline std::string reportSpool() {
+    return underRoot("/usr/local/Orvanta/Sentrel/var/reports.spool");
+}
 inline std::string traceLevels() {
     return underRoot("/usr/local/Orvanta/Sentrel/var/traceValues.xml");
 }

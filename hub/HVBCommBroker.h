@@ -71,8 +71,10 @@ public:
     /// @throws HVBException when no such command waits for a reply.
     void sendCommandResponse(CommandResult& result);
 
-    /// Hands a log record to the hub and returns when the hub has stored it. One that may have arrived is not sent
-    /// again.
+    /// Hands a log record to the hub and returns when the hub has stored it. Of module 7, once it has started: returns
+    /// also when the hub is away and the record is synced in the spool, from where it is delivered in order and stored
+    /// once; throws then when the spool has no room, or when the hub will never store the record. Of others: a record
+    /// that may have arrived is not sent again.
     void sendLog(LogRequest& request);
 
 private:

@@ -14,8 +14,10 @@
 // link.
 #include "platform/hvbhelpers/Broker.h"
 
+#include "hub/HubIds.h"
 #include "platform/hvbhelpers/ErrorText.h"
 #include "platform/hvbhelpers/HubProtocol.h"
+#include "platform/hvbhelpers/RecordKeeper.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -55,7 +57,8 @@ void setResult(CommandResult& result, const BasicCommandData& header, ReplyMessa
 
 } // namespace
 
-Broker::Broker(const std::string& socketPath) : m_pool(socketPath), m_link(socketPath, receiver()) {}
+Broker::Broker(const std::string& socketPath)
+    : m_socketPath(socketPath), m_pool(socketPath), m_link(socketPath, receiver()) {}
 
 // Life.
 
@@ -74,6 +77,9 @@ void Broker::start(boost::logic::tribool waitForHub) {
     m_link.configure(m_moduleId);
     if (wait) {
         m_link.connectNow(callDeadline());
+    }
+    if (m_moduleId == MODULE_SENTREL) {
+        keepRecords(m_socketPath);
     }
     m_workers.begin();
     m_link.begin();
@@ -176,6 +182,10 @@ void Broker::callHub(const char* member, const DeliveryLink::Fill& fill) {
 }
 
 void Broker::sendLog(const LogRequest& request) {
+    if (const std::shared_ptr<RecordKeeper> keeper = currentKeeper()) {
+        keeper->hand(request);
+        return;
+    }
     callHub(bus::kLogMember, [&](sd_bus_message& message) { fill(message, request); });
 }
 

@@ -18,6 +18,8 @@
 
 namespace HVB::detail {
 
+class RecordKeeper;
+
 /// The broker's operations, as HVBCommBroker describes them.
 /// Threads: thread-safe, except that end requires that no callback is its caller.
 /// Owner: the process-wide state below, and each operation that is running.
@@ -59,6 +61,8 @@ private:
     void runEvent(EventMessage& event, bool deliver) noexcept;
     void runResponse(const BasicCommandData& header, ReplyMessage& reply, bool deliver) noexcept;
 
+    const std::string m_socketPath; // constant after construction
+
     // own locking
     std::atomic<int> m_moduleId{-1};
     std::atomic<CommandInterface*> m_commandInterface{nullptr};
@@ -80,6 +84,13 @@ void makeBroker(std::string socketPath);
 /// The process's broker; one that was released is made anew, for the same path.
 /// @throws HVBException when there was none yet.
 std::shared_ptr<Broker> currentBroker();
+
+/// Has what this process logs kept while the hub is away, from now on. Only of the machine's own hub, whose spool there
+/// is one of. When the spool cannot be had, the system log says so, and records go to the hub or are lost.
+void keepRecords(const std::string& socketPath);
+
+/// Where log records go. @return nothing when they are not kept.
+std::shared_ptr<RecordKeeper> currentKeeper();
 
 /// Ends the process's broker, if there is one. Operations that run on other threads keep theirs until they are done.
 void releaseBroker();

@@ -3,8 +3,14 @@
 #include "platform/hvbhelpers/Broker.h"
 
 #include "base/Mutex.h"
+#include "base/Paths.h"
+#include "base/SignalSet.h"
+#include "platform/hvbhelpers/RecordKeeper.h"
+
+#include <syslog.h>
 
 #include <cerrno>
+#include <csignal>
 #include <utility>
 
 namespace HVB::detail {
@@ -16,12 +22,18 @@ struct State {
     Sentrel::Mutex mutex;
     std::string socketPath SENTREL_GUARDED_BY(mutex);
     std::shared_ptr<Broker> broker SENTREL_GUARDED_BY(mutex);
+    /// Stays when the broker is released: what is logged afterwards keeps its place behind what waits.
+    std::shared_ptr<RecordKeeper> keeper SENTREL_GUARDED_BY(mutex);
 };
 
 /// Never freed: threads that the process leaves running at its exit may still come here.
 State& state() {
     static State* const theState = new State;
     return *theState;
+}
+
+void writeToSystemLog(const std::string& line) {
+    syslog(LOG_WARNING, "hub client: %s", line.c_str());
 }
 
 } // namespace
@@ -47,13 +59,43 @@ std::shared_ptr<Broker> currentBroker() {
     return process.broker;
 }
 
+void keepRecords(const std::string& socketPath) {
+    if (socketPath != Sentrel::paths::hubSocket()) {
+        return;
+    }
+    const Sentrel::SignalsBlocked held({SIGTERM, SIGHUP, SIGUSR2});
+    State& process = state();
+    const Sentrel::MutexLock lock(process.mutex);
+    try {
+        if (process.keeper == nullptr) {
+            process.keeper =
+                std::make_shared<RecordKeeper>(socketPath, Sentrel::paths::reportSpool(), &writeToSystemLog);
+        }
+        process.keeper->begin();
+    } catch (const HVBException& error) {
+        process.keeper.reset();
+        writeToSystemLog("reports are lost while the hub is away, there is no spool: " + error.message());
+    }
+}
+
+std::shared_ptr<RecordKeeper> currentKeeper() {
+    State& process = state();
+    const Sentrel::MutexLock lock(process.mutex);
+    return process.keeper;
+}
+
 void releaseBroker() {
     State& process = state();
     const Sentrel::MutexLock release(process.releaseMutex);
     std::shared_ptr<Broker> broker;
+    std::shared_ptr<RecordKeeper> keeper;
     {
         const Sentrel::MutexLock lock(process.mutex);
         broker = process.broker;
+        keeper = process.keeper;
+    }
+    if (keeper != nullptr) {
+        keeper->end();
     }
     if (broker == nullptr) {
         return;

@@ -12,7 +12,8 @@ namespace testing_support {
 
 namespace bus = HVB::bus;
 
-FakeHub::FakeHub(const std::string& socketPath) : m_bus(bus::openBus(socketPath, patience())) {
+FakeHub::FakeHub(const std::string& socketPath, std::string error)
+    : m_bus(bus::openBus(socketPath, patience())), m_error(std::move(error)) {
     m_wake = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     bus::check(sd_bus_add_object(m_bus.get(), nullptr, bus::kHubPath, &FakeHub::onCall, this), "add object");
     bus::check(sd_bus_request_name(m_bus.get(), bus::kHubName, 0), "request name");
@@ -24,6 +25,11 @@ FakeHub::~FakeHub() {
     (void)::eventfd_write(m_wake, 1);
     m_thread.join();
     ::close(m_wake);
+}
+
+void FakeHub::refuse(std::string error) {
+    const std::lock_guard lock(m_mutex);
+    m_error = std::move(error);
 }
 
 std::vector<FakeHub::Record> FakeHub::records() {
@@ -59,6 +65,9 @@ int FakeHub::take(sd_bus_message& message) {
         return 1;
     }
     const std::lock_guard lock(m_mutex);
+    if (!m_error.empty() && member != bus::kLogMessageMember) {
+        return sd_bus_reply_method_errorf(&message, m_error.c_str(), "refused");
+    }
     if (member == bus::kLogMember || member == bus::kLogNumberedMember) {
         Record record;
         if (member == bus::kLogNumberedMember) {

@@ -13,8 +13,8 @@
 namespace testing_support {
 
 /// Owns the hub's name on a real bus and answers Log, LogNumbered and LogMessage. What is real: bus, messages, policy.
-/// What is not: it stores in memory, and it can be told to keep its answers to itself. Threads: thread-safe. Owner: the
-/// test; it goes before the bus.
+/// What is not: it stores in memory, each number as often as it comes, and it can be told to refuse or to keep its
+/// answers to itself. Threads: thread-safe. Owner: the test; it goes before the bus.
 class FakeHub {
 public:
     struct Record {
@@ -35,10 +35,14 @@ public:
     };
 
     /// Returns when the name is taken. @throws HVBException when the bus refuses that.
-    explicit FakeHub(const std::string& socketPath);
+    /// @param error as refuse takes it.
+    explicit FakeHub(const std::string& socketPath, std::string error = "");
     FakeHub(const FakeHub&) = delete;
     FakeHub& operator=(const FakeHub&) = delete;
     ~FakeHub();
+
+    /// From now on records are answered with this D-Bus error and not stored; empty: they are stored.
+    void refuse(std::string error);
 
     /// From now on calls arrive and are not answered.
     void fallSilent() { m_silent = true; }
@@ -60,6 +64,7 @@ private:
     int m_wake = -1;
 
     std::mutex m_mutex;
+    std::string m_error;
     std::vector<Record> m_records;
     std::vector<Line> m_lines;
 

@@ -13,6 +13,7 @@
 
 #include "base/SignalSet.h"
 #include "platform/hvbhelpers/BusAddress.h"
+#include "platform/hvbhelpers/EventLoop.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 
 #include <algorithm>
@@ -122,11 +123,6 @@ Sentrel::SignalSet handledSignals() {
     }
     return handled;
 }
-
-struct UnrefSlot {
-    void operator()(sd_bus_slot* slot) const noexcept { sd_bus_slot_unref(slot); }
-};
-using SlotPtr = std::unique_ptr<sd_bus_slot, UnrefSlot>;
 
 int keepReply(sd_bus_message* message, void* reply, sd_bus_error*) {
     static_cast<MessagePtr*>(reply)->reset(sd_bus_message_ref(message));

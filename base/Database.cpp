@@ -11,11 +11,9 @@ void check(sqlite3& database, int result) {
     }
 }
 
-} // namespace
-
-DatabasePtr openDatabase(const std::string& path) {
+DatabasePtr open(const std::string& path, int access) {
     sqlite3* opened = nullptr;
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX;
+    const int flags = access | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_NOMUTEX;
     const int result = sqlite3_open_v2(path.c_str(), &opened, flags, nullptr);
     DatabasePtr database(opened);
     if (database == nullptr) {
@@ -23,6 +21,16 @@ DatabasePtr openDatabase(const std::string& path) {
     }
     check(*database, result);
     return database;
+}
+
+} // namespace
+
+DatabasePtr openDatabase(const std::string& path) {
+    return open(path, SQLITE_OPEN_READWRITE);
+}
+
+DatabasePtr openDatabaseReadOnly(const std::string& path) {
+    return open(path, SQLITE_OPEN_READONLY);
 }
 
 void setLockWait(sqlite3& database, std::chrono::milliseconds wait) {
@@ -85,6 +93,15 @@ void Statement::reset() noexcept {
     // The result repeats that of the last step, which has been thrown already.
     static_cast<void>(sqlite3_reset(m_statement.get()));
     static_cast<void>(sqlite3_clear_bindings(m_statement.get()));
+}
+
+ReadTransaction::ReadTransaction(sqlite3& database) : m_database(database) {
+    execute(database, "BEGIN");
+}
+
+ReadTransaction::~ReadTransaction() {
+    // Nothing was written, so there is nothing that could fail to be stored.
+    static_cast<void>(sqlite3_exec(&m_database, "ROLLBACK", nullptr, nullptr, nullptr));
 }
 
 WriteTransaction::WriteTransaction(sqlite3& database) : m_database(database) {

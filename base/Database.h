@@ -38,6 +38,9 @@ using DatabasePtr = std::unique_ptr<sqlite3, CloseDatabase>;
 /// @throws DatabaseError
 DatabasePtr openDatabase(const std::string& path);
 
+/// As openDatabase, for reading alone. In write-ahead mode SQLite still wants to write the files beside it.
+DatabasePtr openDatabaseReadOnly(const std::string& path);
+
 /// How long a call waits for a lock that another program holds, before it fails with SQLITE_BUSY. Zero until it is set.
 void setLockWait(sqlite3& database, std::chrono::milliseconds wait);
 
@@ -100,6 +103,21 @@ public:
 
 private:
     Statement& m_statement;
+};
+
+/// One state of the database for several statements. It holds writers up in no mode but that of the rollback journal,
+/// and in write-ahead mode keeps the log from starting anew: end it soon.
+/// Threads: one at a time. Owner: a local; the database outlives it, and its statements have ended or are reset before.
+class ReadTransaction {
+public:
+    /// @throws DatabaseError
+    explicit ReadTransaction(sqlite3& database);
+    ~ReadTransaction();
+    ReadTransaction(const ReadTransaction&) = delete;
+    ReadTransaction& operator=(const ReadTransaction&) = delete;
+
+private:
+    sqlite3& m_database;
 };
 
 /// A write transaction that is rolled back unless it was committed.

@@ -11,7 +11,7 @@ DAEMON_FOLDERS = ["daemon", "store", "hub", "managed", "events"]
 CODE_FOLDERS = ["base", "policy", *DAEMON_FOLDERS, "platform", "apps", "tests", "bench", "fuzz"]
 TEST_FOLDERS = ["tests", "bench", "fuzz"]
 # The row of the table in docs/architecture.md that says what a folder, or a single source, may include.
-INCLUDE_ROW = re.compile(r"^\| `([\w/.]+)`(?: alone)? \| ((?:`[\w/.]+`(?:, )?)+|nothing) \|$", re.M)
+INCLUDE_ROW = re.compile(r"^\| `([\w/.-]+)`(?: alone)? \| ((?:`[\w/.-]+`(?:, )?)+|nothing) \|$", re.M)
 # The calls of SQLite that the settings file is used with; no other keeps its promises to the other readers.
 SQLITE_CALLS = {"sqlite3_" + name for name in (
     "open", "busy_handler", "close", "errcode", "exec", "prepare", "finalize", "bind_text", "bind_blob", "bind_int",

@@ -155,6 +155,13 @@ void Machine::initSettings() {
     }
 }
 
+void Machine::initSettingsForKeeper() {
+    initSettings();
+    static_cast<void>(sql("PRAGMA journal_mode=wal"));
+    constexpr auto ownerAndGroup = std::filesystem::perms{0640};
+    std::filesystem::permissions(settingsFile(), ownerAndGroup);
+}
+
 SqliteRun Machine::runSqlite(const std::string& statement, const std::string& setting) const {
     const std::string outputFile = m_root.file("sqlite3." + std::to_string(m_sqliteRuns++));
     ChildProcess program("sqlite3", {.arguments = {"-bail", settingsFile(), setting, statement},
@@ -207,6 +214,39 @@ ChildOptions Machine::daemonOptions() const {
     ChildOptions options = optionsFor(m_root, "sentreld.out");
     options.uid = m_daemonUser;
     return options;
+}
+
+void Machine::launchKeeper() {
+    m_keeper.reset();
+    ChildOptions options = optionsFor(m_root, "keeper.out");
+    options.uid = m_daemonUser;
+    m_keeper.emplace(programUnderTest("SENTREL_SETTINGS_KEEPER_ROOTED"), options);
+}
+
+void Machine::startKeeper() {
+    launchKeeper();
+    if (!eventually([this] { return isOnBus(HVB::bus::kKeeperName) || !m_keeper->isRunning(); }) ||
+        !m_keeper->isRunning()) {
+        throw std::runtime_error("the settings keeper does not come to the bus: " + m_keeper->output());
+    }
+}
+
+void Machine::kill9Keeper() {
+    m_keeper->kill(SIGKILL);
+    if (m_keeper->waitUntil(patience()) != -SIGKILL) {
+        throw std::runtime_error("the settings keeper ended otherwise: " + m_keeper->output());
+    }
+}
+
+bool Machine::isOnBus(const char* name) const {
+    const HVB::bus::BusPtr bus = HVB::bus::openBus(m_bus.socketPath(), soon());
+    const auto request =
+        HVB::bus::newCall(*bus, HVB::bus::kDriver, HVB::bus::kDriverPath, HVB::bus::kDriver, "NameHasOwner");
+    HVB::bus::check(sd_bus_message_append(request.get(), "s", name), "NameHasOwner");
+    int has = 0;
+    const auto reply = HVB::bus::call(*bus, *request, soon());
+    HVB::bus::check(sd_bus_message_read(reply.get(), "b", &has), "NameHasOwner");
+    return has != 0;
 }
 
 void Machine::launchDaemon() {

@@ -69,6 +69,12 @@ public:
     bool startDaemon();
     /// Starts the daemon and waits for nothing.
     void launchDaemon();
+    /// Starts the settings keeper and waits until it is on the bus. Requires a running bus.
+    void startKeeper();
+    /// Starts the settings keeper and waits for nothing.
+    void launchKeeper();
+    ChildProcess& keeper() { return *m_keeper; }
+    void kill9Keeper();
     ChildProcess& hub() { return *m_hub; }
     ChildProcess& daemon() { return *m_daemon; }
     ExitStatus stopDaemon();
@@ -85,6 +91,8 @@ public:
     std::string settingsFile() const { return m_root.sharedDirectory() + "/product.db"; }
     /// Lays the four tables, without rows, into the settings file; those that are there stay as they are.
     void initSettings();
+    /// As initSettings, in write-ahead mode and for the daemon's user alone.
+    void initSettingsForKeeper();
     /// Runs the sqlite3 program on the settings file. @return its output. @throws std::runtime_error when it fails.
     std::string sql(const std::string& statement) const;
     /// As sql, but waits for no lock, and any end will do. May run while other calls do.
@@ -117,6 +125,7 @@ public:
 
 private:
     ChildOptions daemonOptions() const;
+    bool isOnBus(const char* name) const;
     SqliteRun runSqlite(const std::string& statement, const std::string& setting) const;
 
     PrivateRoot m_root;
@@ -125,6 +134,7 @@ private:
     mutable std::atomic<int> m_sqliteRuns{0};
     std::optional<ChildProcess> m_hub;
     std::optional<ChildProcess> m_daemon;
+    std::optional<ChildProcess> m_keeper;
 };
 
 } // namespace testing_support

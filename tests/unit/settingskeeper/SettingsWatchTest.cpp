@@ -1,0 +1,262 @@
+// When the lists are whole. Real: SQLite, the file, the locks. The time is the test's.
+#include "apps/settings-keeper/SettingsWatch.h"
+#include "apps/settings-keeper/KeeperLimits.h"
+
+#include "SettingsFileFixture.h"
+#include "tests/support/Eventually.h"
+
+#include <gmock/gmock.h>
+
+#include <future>
+#include <sys/stat.h>
+
+namespace {
+
+using namespace Sentrel;
+using namespace Sentrel::keeper;
+using namespace std::chrono_literals;
+using settings::SettingsSnapshot;
+using settings::SnapshotState;
+using ::testing::HasSubstr;
+using testing_support::ASettingsFile;
+
+/// A watch that has settled on a file with two URLs.
+class ASettingsWatch : public ASettingsFile {
+protected:
+    void SetUp() override {
+        setNumber("Enabled", 1);
+        addUrl("http://a.example/");
+        addUrl("http://b.example/");
+        open();
+        ASSERT_TRUE(m_watch.isSettled());
+    }
+
+    /// The two looks that a file takes that was just opened.
+    void open() {
+        m_watch.look(m_now);
+        pass(kBetweenLooks);
+    }
+    void pass(std::chrono::milliseconds time) {
+        m_now += time;
+        m_watch.look(m_now);
+    }
+    const SettingsSnapshot& served() const { return *m_watch.snapshot(); }
+    std::size_t urls() const { return served().allowBlock.size(); }
+    void replaceFile() {
+            m_writer.reset();
+        std::filesystem::rename(m_path, m_path + ".old");
+        make();
+    }
+
+    SettingsWatch m_watch{m_path};
+    SettingsWatch::Time m_now = std::chrono::steady_clock::now();
+};
+
+TEST_F(ASettingsWatch, ServesNothingBeforeItHasSeenTheFileRest) {
+    SettingsWatch watch(m_path);
+    watch.look(m_now);
+    EXPECT_FALSE(watch.snapshot());
+    addUrl("http://c.example/");
+    watch.look(m_now + 500ms);
+    EXPECT_FALSE(watch.snapshot()) << "it has just changed";
+    watch.look(m_now + 1000ms);
+    ASSERT_TRUE(watch.snapshot());
+    EXPECT_EQ(watch.snapshot()->allowBlock.size(), 3U);
+    EXPECT_EQ(watch.snapshot()->state, SnapshotState::Whole);
+}
+
+TEST_F(ASettingsWatch, ServesASingleValueAtOnce) {
+    setNumber("Enabled", 0);
+    m_watch.look(m_now);
+    EXPECT_EQ(served().numbers.at("Enabled"), 0);
+    EXPECT_FALSE(m_watch.isSettled()) << "it may have been a list's first step";
+    EXPECT_TRUE(m_watch.compare(m_now));
+}
+
+TEST_F(ASettingsWatch, ServesAListAsItWasUntilTheDaemonTells) {
+    dropUrls();
+    addUrl("http://c.example/");
+    pass(kBetweenLooks);
+    EXPECT_EQ(urls(), 2U);
+    addUrl("http://d.example/");
+    addUrl("http://e.example/");
+    m_watch.daemonTold(m_now);
+    EXPECT_EQ(urls(), 2U);
+    EXPECT_EQ(m_watch.untilNextLook(), kQuietAfterEvent);
+    pass(kQuietAfterEvent);
+    EXPECT_EQ(urls(), 3U);
+    EXPECT_EQ(served().state, SnapshotState::Whole);
+    EXPECT_EQ(m_watch.untilNextLook(), kBetweenLooks);
+}
+
+TEST_F(ASettingsWatch, TakesAnEventInTheMidstOfAListForAnotherClients) {
+    dropUrls();
+    m_watch.daemonTold(m_now);
+    addUrl("http://c.example/");
+    pass(kQuietAfterEvent);
+    EXPECT_EQ(urls(), 2U);
+    pass(kQuietAfterEvent);
+    EXPECT_EQ(urls(), 2U) << "the event was of an earlier change";
+    pass(kQuiet);
+    EXPECT_EQ(urls(), 1U);
+}
+
+TEST_F(ASettingsWatch, ServesAListThatNobodyTellsOfWhenTheFileHasRested) {
+    run("insert into privateIPRange values ('10.0.0.0-10.0.0.9')");
+    m_watch.look(m_now);
+    pass(kQuiet - 1ms);
+    EXPECT_TRUE(served().privateRanges.empty());
+    pass(1ms);
+    EXPECT_EQ(served().privateRanges.size(), 1U);
+}
+
+TEST_F(ASettingsWatch, SaysThatAListIsChanging) {
+    dropUrls();
+    m_watch.look(m_now);
+    EXPECT_FALSE(served().isChanging);
+    const std::uint64_t before = m_watch.revision();
+    pass(kChangeToTell);
+    EXPECT_TRUE(served().isChanging);
+    EXPECT_EQ(urls(), 2U);
+    EXPECT_GT(m_watch.revision(), before);
+    addUrl("http://c.example/");
+    m_watch.daemonTold(m_now);
+    pass(kQuietAfterEvent);
+    EXPECT_FALSE(served().isChanging);
+    EXPECT_EQ(urls(), 1U);
+}
+
+TEST_F(ASettingsWatch, DoesNotTakeASingleValueForAListThatChanges) {
+    setNumber("CAT_Enabled", 1);
+    m_watch.look(m_now);
+    pass(kChangeToTell);
+    EXPECT_FALSE(served().isChanging);
+    EXPECT_TRUE(m_watch.isSettled());
+}
+
+TEST_F(ASettingsWatch, MarksAListAsShortWhenTheDaemonGoesInItsMidst) {
+    dropUrls();
+    addUrl("http://c.example/");
+    m_watch.daemonChanged(m_now);
+    EXPECT_EQ(served().state, SnapshotState::Short);
+    EXPECT_THAT(served().reason, HasSubstr("the daemon ended"));
+    EXPECT_EQ(urls(), 1U) << "the file counts";
+    setNumber("Enabled", 0);
+    m_watch.daemonTold(m_now);
+    pass(kQuietAfterEvent);
+    EXPECT_EQ(served().state, SnapshotState::Short) << "no list has changed since";
+    addUrl("http://d.example/");
+    m_watch.daemonTold(m_now);
+    pass(kQuietAfterEvent);
+    EXPECT_EQ(served().state, SnapshotState::Whole);
+    EXPECT_EQ(served().reason, "");
+}
+
+TEST_F(ASettingsWatch, IsWholeWhenTheDaemonGoesWithoutAChange) {
+    m_watch.daemonChanged(m_now);
+    EXPECT_EQ(served().state, SnapshotState::Whole);
+    setNumber("Enabled", 0);
+    m_watch.daemonChanged(m_now);
+    EXPECT_EQ(served().state, SnapshotState::Whole);
+}
+
+TEST_F(ASettingsWatch, HasNoNewsWhenNothingChanged) {
+    m_watch.checkWhenDue(m_now);
+    const std::uint64_t before = m_watch.revision();
+    for (int i = 0; i < 20; ++i) {
+        pass(kBetweenLooks);
+        m_watch.daemonTold(m_now);
+    }
+    setNumber("Enabled", 1); // the value that it has
+    pass(kBetweenLooks);
+    pass(kQuiet);
+    EXPECT_EQ(m_watch.revision(), before);
+}
+
+TEST_F(ASettingsWatch, FollowsAFileThatWasReplaced) {
+    replaceFile();
+    addUrl("http://new.example/");
+    open();
+    EXPECT_EQ(urls(), 1U);
+    EXPECT_EQ(served().allowBlock.front().name, "http://new.example/");
+    EXPECT_TRUE(served().numbers.empty());
+}
+
+TEST_F(ASettingsWatch, SaysThatThereIsNoFileAndFindsItAgain) {
+    std::filesystem::rename(m_path, m_path + ".old");
+    pass(kBetweenLooks);
+    EXPECT_EQ(served().state, SnapshotState::None);
+    EXPECT_EQ(served().reason, "there is no " + m_path + ": make it with 'sentrelctl settings init'");
+    EXPECT_TRUE(served().numbers.empty());
+    EXPECT_TRUE(m_watch.isSettled());
+    std::filesystem::rename(m_path + ".old", m_path);
+    open();
+    EXPECT_EQ(served().state, SnapshotState::Whole);
+    EXPECT_EQ(urls(), 2U);
+}
+
+TEST_F(ASettingsWatch, SaysThatAFileCannotBeReadOnceItFailedTwice) {
+    ASSERT_TRUE(emptyWriteAheadLog(*m_writer)); // else the log has all pages of a database
+    m_writer.reset();
+    std::filesystem::rename(m_path, m_path + ".old");
+    std::ofstream(m_path) << std::string(5000, 'x');
+    m_watch.look(m_now);
+    EXPECT_EQ(served().state, SnapshotState::Whole);
+    EXPECT_FALSE(m_watch.isSettled());
+    pass(kBetweenLooks);
+    EXPECT_EQ(served().state, SnapshotState::None);
+    EXPECT_THAT(served().reason, HasSubstr("file is not a database"));
+}
+
+TEST_F(ASettingsWatch, ServesWhatItHasWhileAnotherProcessHoldsTheFile) {
+    run("PRAGMA locking_mode=exclusive");
+    replaceFile();
+    run("PRAGMA journal_mode=delete; begin exclusive");
+    m_watch.look(m_now);
+    EXPECT_EQ(urls(), 2U);
+    EXPECT_THAT(m_watch.trouble(), HasSubstr("another process holds"));
+    EXPECT_FALSE(m_watch.isSettled());
+    run("commit");
+    open();
+    EXPECT_EQ(m_watch.trouble(), "");
+    EXPECT_EQ(urls(), 0U);
+}
+
+TEST_F(ASettingsWatch, LetsGoWhileSomebodyConvertsTheFile) {
+    std::promise<void> enough;
+    std::future<std::string> converts = std::async(std::launch::async, [&]() -> std::string {
+        const SettingsHandover handover(m_path, testing_support::kPatience);
+        try {
+            execute(*m_writer, "PRAGMA journal_mode=delete");
+        } catch (const DatabaseError& error) {
+            return error.what();
+        }
+        testing_support::await(enough.get_future(), "the end of the conversion");
+        return "converted";
+    });
+    ASSERT_TRUE(testing_support::eventually([this] {
+        m_watch.look(m_now);
+        return !m_watch.isHeld();
+    }));
+    EXPECT_THAT(m_watch.trouble(), HasSubstr("is being converted or repaired"));
+    EXPECT_EQ(urls(), 2U) << "what it read last";
+    enough.set_value();
+    EXPECT_EQ(testing_support::await(converts, "the conversion"), "converted");
+    addUrl("http://c.example/");
+    open();
+    EXPECT_TRUE(m_watch.isHeld());
+    EXPECT_EQ(urls(), 3U);
+}
+
+TEST_F(ASettingsWatch, ChecksTheFileAtFirstAndThenEachHour) {
+    m_watch.checkWhenDue(m_now);
+    ASSERT_TRUE(served().check);
+    EXPECT_EQ(served().check->trouble, "");
+    const std::uint64_t first = m_watch.revision();
+    m_watch.checkWhenDue(m_now + kBetweenChecks - 1ms);
+    EXPECT_EQ(m_watch.revision(), first);
+    m_watch.checkWhenDue(m_now + kBetweenChecks);
+    EXPECT_GT(m_watch.revision(), first);
+}
+
+} // namespace

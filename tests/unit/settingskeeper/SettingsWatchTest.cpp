@@ -43,7 +43,7 @@ protected:
     const SettingsSnapshot& served() const { return *m_watch.snapshot(); }
     std::size_t urls() const { return served().allowBlock.size(); }
     void replaceFile() {
-            m_writer.reset();
+        m_writer.reset();
         std::filesystem::rename(m_path, m_path + ".old");
         make();
     }

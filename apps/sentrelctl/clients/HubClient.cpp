@@ -17,6 +17,7 @@
 #include "apps/sentrelctl/Session.h"
 #include "hub/HubIds.h"
 #include "platform/hvbhelpers/HubProtocol.h"
+#include "platform/hvbhelpers/SnapshotText.h"
 
 #include <array>
 #include <cerrno>
@@ -135,6 +136,33 @@ std::optional<ModuleHealth> HubClient::daemonHealth() {
         }
     }
     return std::nullopt;
+}
+
+settings::SettingsSnapshot HubClient::settingsIn(sd_bus_message& request) {
+    const auto reply = HVB::bus::call(*m_bus, request, deadline());
+    if (sd_bus_message_has_signature(reply.get(), HVB::bus::kSettingsReplySignature) <= 0) {
+        throw HVB::HVBException(-EBADMSG, "the hub's answer holds no settings");
+    }
+    std::uint64_t generation = 0;
+    check(sd_bus_message_read(reply.get(), "t", &generation), "reading the settings");
+    try {
+        return settings::snapshotOf(HVB::bus::SnapshotText::arrived(*reply).text());
+    } catch (const settings::SnapshotError& error) {
+        throw HVB::HVBException(-EBADMSG, std::string("the hub's answer holds no settings: ") + error.what());
+    }
+}
+
+settings::SettingsSnapshot HubClient::settings(bool isFresh) {
+    const auto request = HVB::bus::newCall(*m_bus, HVB::bus::kHubName, HVB::bus::kHubPath, HVB::bus::kHubInterface,
+                                           HVB::bus::kSettingsMember);
+    check(sd_bus_message_append(request.get(), "b", isFresh ? 1 : 0), "asking for the settings");
+    return settingsIn(*request);
+}
+
+settings::SettingsSnapshot HubClient::lastWholeSettings() {
+    const auto request = HVB::bus::newCall(*m_bus, HVB::bus::kHubName, HVB::bus::kHubPath, HVB::bus::kHubInterface,
+                                           HVB::bus::kLastWholeSettingsMember);
+    return settingsIn(*request);
 }
 
 bool HubClient::publish(const HVB::EventData& event) {

@@ -4,6 +4,7 @@
 #include "apps/sentrelctl/reports/Report.h"
 #include "hub/HVBMessages.h"
 #include "platform/hvbhelpers/BusConnection.h"
+#include "platform/settings/SettingsSnapshot.h"
 
 #include <chrono>
 #include <cstdint>
@@ -42,6 +43,13 @@ public:
     /// What hvbd knows of sentreld; none when it tells nothing of it.
     std::optional<ModuleHealth> daemonHealth();
 
+    /// What the settings file holds, as hvbd has it. With @p isFresh as it is after this was called; else as it was
+    /// last handed in. @throws HVB::HVBException also when the settings keeper is away, or has never been there.
+    settings::SettingsSnapshot settings(bool isFresh);
+
+    /// The same of the last time when every list was whole.
+    settings::SettingsSnapshot lastWholeSettings();
+
     /// Publishes @p event. The bus silently drops what its policy refuses, so this listens for its own event. @return
     /// false when the policy refuses this user.
     bool publish(const HVB::EventData& event);
@@ -76,6 +84,7 @@ private:
     HVB::bus::Deadline deadline() const;
     std::chrono::microseconds timedCall(const std::string& name, const std::string& path, const char* interface,
                                         const char* member);
+    settings::SettingsSnapshot settingsIn(sd_bus_message& request);
     void addMatch(const std::string& rule);
     bool takeMessage(bool& isStored);
     bool hearsItself(const std::string& member);

@@ -1,6 +1,9 @@
 #include "apps/sentrelctl/preferences/ListChange.h"
 
+#include "apps/sentrelctl/clients/HubClient.h"
+#include "apps/sentrelctl/preferences/StoredSettings.h"
 #include "apps/sentrelctl/terminal/Progress.h"
+#include "base/Paths.h"
 
 #include <fmt/format.h>
 
@@ -25,13 +28,41 @@ void refuseDifference(const UrlList& wanted, const UrlList& now) {
     }
 }
 
+/// Looks at the file while the list in it changes. Returns when it is all there. @throws @p failure when it came to
+/// rest before, or nothing can be seen.
+void followToTheEnd(const Failure& failure, const Shortfall& shortfall) {
+    constexpr double lookTimeout = 15; // a look waits for a changing list itself, for some seconds
+    constexpr int looksAtRest = 2;     // one may fall between two rows that wait for the disk
+    try {
+        HubClient hub(paths::hubSocket(), lookTimeout);
+        for (int atRest = 0; atRest < looksAtRest;) {
+            const settings::SettingsSnapshot stored = hub.settings(true);
+            if (!stored.isChanging && shortfall(stored).empty()) {
+                return;
+            }
+            atRest = stored.isChanging ? 0 : atRest + 1;
+        }
+    } catch (const HVB::HVBException&) {
+        throw failure; // what it says is still all that is known
+    }
+    throw failure;
+}
+
 } // namespace
 
-UrlList replaceList(Session& session, PreferenceClient& client, const UrlList& wanted) {
+UrlList replaceList(Session& session, PreferenceClient& client, const UrlList& wanted, double timeout) {
     const Progress progress(session.err, fmt::format("Storing {}", countText(wanted)));
-    client.writeList(wanted);
+    try {
+        client.writeList(wanted);
+    } catch (const Failure& failure) {
+        if (failure.code() != ExitCode::TimedOut) {
+            throw;
+        }
+        followToTheEnd(failure, shortfallOfList(wanted));
+    }
     UrlList now = client.read(ST_ALLOW_BLOCK_LIST).list;
     refuseDifference(wanted, now);
+    needStored(session, timeout, "the list", shortfallOfList(wanted));
     return now;
 }
 

@@ -10,9 +10,11 @@ namespace Sentrel::ctl {
 inline constexpr double kListTimeout = 60.0;
 
 /// Makes @p wanted the daemon's list and reads back what came of it. Other clients can change the list between the read
-/// from which @p wanted was made and this call; what they changed is lost.
-/// @return the list as it is in force now.
+/// from which @p wanted was made and this call; what they changed is lost. When the answer does not come in time, the
+/// settings file is followed for as long as the list in it changes.
+/// @param timeout seconds that each question may take.
+/// @return the list as it is in force now, and stored.
 /// @throws Failure when that is not @p wanted: the daemon does not report entries that it could not store.
-UrlList replaceList(Session& session, PreferenceClient& client, const UrlList& wanted);
+UrlList replaceList(Session& session, PreferenceClient& client, const UrlList& wanted, double timeout);
 
 } // namespace Sentrel::ctl

@@ -45,13 +45,6 @@ std::size_t editDistance(std::string_view from, std::string_view to) {
     return row.back();
 }
 
-Failure unknownWord(std::string_view word, const char* what, const std::vector<std::string_view>& candidates) {
-    const std::optional<std::string_view> near = nearest(word, candidates);
-    return {ExitCode::BadUsage, "bad usage", fmt::format("'{}'", text::shortened(text::validUtf8(word), kMaxShownWord)),
-            fmt::format("{}: it is one of {}", what, fmt::join(candidates, ", ")),
-            near ? fmt::format("Perhaps '{}' is meant", *near) : "See 'sentrelctl prefs set --help'"};
-}
-
 std::vector<std::string_view> settableNames() {
     std::vector<std::string_view> names;
     for (const Preference& preference : allPreferences()) {
@@ -150,11 +143,15 @@ void setValue(STPreferences& snapshot, const Preference& preference, const std::
 }
 
 std::string valueText(const STPreferences& snapshot, const Preference& preference) {
-    if (preference.flag != nullptr) {
+    return preference.flag != nullptr ? valueWord(true, snapshot.*preference.flag ? 1 : 0)
+                                      : valueWord(false, snapshot.*preference.siteAction);
+}
+
+std::string valueWord(bool isSwitch, std::int32_t value) {
+    if (isSwitch) {
         const auto& [on, off] = kSwitchWords.front();
-        return std::string(snapshot.*preference.flag ? on : off);
+        return std::string(value != 0 ? on : off);
     }
-    const std::int32_t value = snapshot.*preference.siteAction;
     const auto* const action =
         std::find_if(kActions.begin(), kActions.end(), [value](const Action& each) { return each.second == value; });
     return action == kActions.end() ? std::to_string(value) : std::string(action->first);
@@ -162,6 +159,13 @@ std::string valueText(const STPreferences& snapshot, const Preference& preferenc
 
 Json valueJson(const STPreferences& snapshot, const Preference& preference) {
     return preference.flag != nullptr ? Json(snapshot.*preference.flag) : Json(valueText(snapshot, preference));
+}
+
+Failure unknownWord(std::string_view word, const char* what, const std::vector<std::string_view>& candidates) {
+    const std::optional<std::string_view> near = nearest(word, candidates);
+    return {ExitCode::BadUsage, "bad usage", fmt::format("'{}'", text::shortened(text::validUtf8(word), kMaxShownWord)),
+            fmt::format("{}: it is one of {}", what, fmt::join(candidates, ", ")),
+            near ? fmt::format("Perhaps '{}' is meant", *near) : "See 'sentrelctl prefs set --help'"};
 }
 
 std::optional<std::string_view> nearest(std::string_view word, const std::vector<std::string_view>& candidates) {

@@ -36,8 +36,14 @@ void setValue(STPreferences& snapshot, const Preference& preference, const std::
 /// The value in words. An action without a word is its number.
 std::string valueText(const STPreferences& snapshot, const Preference& preference);
 
+/// A number of the settings file in words: on or off, or an action, which without a word is the number.
+std::string valueWord(bool isSwitch, std::int32_t value);
+
 /// A switch as true or false, an action as its word.
 Json valueJson(const STPreferences& snapshot, const Preference& preference);
+
+/// The failure (bad usage) for a @p word that is none of @p candidates, with the nearest one. @param what it is not.
+Failure unknownWord(std::string_view word, const char* what, const std::vector<std::string_view>& candidates);
 
 /// Which of @p candidates a mistyped @p word may have been meant for. None when none is near.
 std::optional<std::string_view> nearest(std::string_view word, const std::vector<std::string_view>& candidates);

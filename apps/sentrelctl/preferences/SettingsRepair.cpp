@@ -13,7 +13,9 @@
 #include "apps/sentrelctl/preferences/SettingsForm.h"
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "base/Database.h"
 #include "base/SettingsHandover.h"
+#include "platform/settings/SettingsKeys.h"
 
 #include <algorithm>
 #include <array>
@@ -42,14 +44,14 @@ struct TableForm {
     const char* key;
     const char* value; ///< null when the key is the whole row
 };
-constexpr std::array<TableForm, 4> kTables{{
+constexpr std::array<TableForm, 4> kTableForms{{
     {"vxsetting", "name", "value"},
     {"catblockinginfo", "name", "value"},
     {"allowblocksettings", "name", "value"},
     {"privateIPRange", "range", nullptr},
 }};
 
-Failure failure(const std::string& path, std::string why, std::string nextStep) {
+Failure repairFailure(const std::string& path, std::string why, std::string nextStep) {
     return {ExitCode::Failed, kCannotRepair, path, std::move(why), std::move(nextStep)};
 }
 
@@ -62,7 +64,7 @@ DatabasePtr opened(const std::string& path) {
         setLockWait(*database, kLockWait);
         return database;
     } catch (const DatabaseError& error) {
-        throw failure(path, error.what(), "See whether it is there and a file: 'sentrelctl doctor'");
+        throw repairFailure(path, error.what(), "See whether it is there and a file: 'sentrelctl doctor'");
     }
 }
 
@@ -125,6 +127,71 @@ void readRows(sqlite3& database, const TableForm& form, SavedTable& table) {
     }
 }
 
+/// Adds to @p table those of @p known whose keys it lacks, behind the others.
+void addMissingRows(SavedTable& table, const std::vector<SettingsRow>& known) {
+    std::unordered_set<std::string> there;
+    for (const SettingsRow& row : table.rows) {
+        there.insert(row.key);
+    }
+    for (const SettingsRow& row : known) {
+        if (there.insert(row.key).second) {
+            table.rows.push_back(row);
+            ++table.added;
+        }
+    }
+}
+
+/// A number as the file has it, in the machine's order of bytes.
+std::string fourBytes(std::int32_t number) {
+    return {reinterpret_cast<const char*>(&number), sizeof number};
+}
+
+/// The key of a single setting is stored with its terminator.
+void addSetting(std::vector<SettingsRow>& rows, const std::string& key, const std::optional<std::string>& value) {
+    if (value) {
+        rows.push_back({key + '\0', *value});
+    }
+}
+
+void addSetting(std::vector<SettingsRow>& rows, const std::string& key, std::optional<std::int32_t> value) {
+    addSetting(rows, key, value ? std::optional(fourBytes(*value)) : std::nullopt);
+}
+
+std::vector<SettingsRow> singleSettingsIn(const settings::SettingsSnapshot& known) {
+    std::vector<SettingsRow> rows;
+    for (const auto& [key, number] : known.numbers) {
+        addSetting(rows, key, number);
+    }
+    addSetting(rows, settings::kProxyHostKey, known.proxy.host);
+    addSetting(rows, settings::kProxyUserKey, known.proxy.user);
+    addSetting(rows, settings::kProxyPasswordKey, known.proxy.cipheredPassword);
+    addSetting(rows, settings::kProxyPortKey, known.proxy.port);
+    addSetting(rows, settings::kProxyTypeKey, known.proxy.type);
+    addSetting(rows, settings::kProxyAuthenticationKey, known.proxy.authentication);
+    return rows;
+}
+
+/// The rows of one table, as a snapshot of the file has them.
+std::vector<SettingsRow> rowsIn(const settings::SettingsSnapshot& known, std::string_view table) {
+    std::vector<SettingsRow> rows;
+    if (table == "vxsetting") {
+        rows = singleSettingsIn(known);
+    } else if (table == "catblockinginfo") {
+        for (const settings::ListEntry& entry : known.categories) {
+            rows.push_back({entry.name, fourBytes(entry.value)});
+        }
+    } else if (table == "allowblocksettings") {
+        for (const settings::ListEntry& entry : known.allowBlock) {
+            rows.push_back({entry.name, std::int64_t{entry.value}});
+        }
+    } else {
+        for (const std::string& range : known.privateRanges) {
+            rows.push_back({range, {}});
+        }
+    }
+    return rows;
+}
+
 /// The keys that the table's index has and its readable rows have not, for a table that is nothing but keys.
 void readKeys(sqlite3& database, const TableForm& form, SavedTable& table) {
     std::vector<SettingsRow> keys;
@@ -151,7 +218,7 @@ SavedTable saved(sqlite3& database, const TableForm& form) {
 }
 
 void insertRows(sqlite3& database, const SavedTable& table) {
-    const auto* const form = std::find_if(kTables.begin(), kTables.end(), [&](const TableForm& each) {
+    const auto* const form = std::find_if(kTableForms.begin(), kTableForms.end(), [&](const TableForm& each) {
         return each.name == std::string_view(table.name);
     });
     Statement insert(database, fmt::format("insert or replace into {} values (cast(? as text){})", form->name,
@@ -211,7 +278,7 @@ std::optional<std::string> damageInSettings(const std::string& path) {
         return finding == "ok" ? std::nullopt : std::optional(std::move(finding));
     } catch (const DatabaseError& error) {
         if (error.code() == SQLITE_BUSY) {
-            throw failure(path, "another process holds it", "Try again when the other one is done");
+            throw repairFailure(path, "another process holds it", "Try again when the other one is done");
         }
         return error.what();
     }
@@ -220,23 +287,16 @@ std::optional<std::string> damageInSettings(const std::string& path) {
 std::vector<SavedTable> saveSettings(const std::string& path) {
     const DatabasePtr database = opened(path);
     std::vector<SavedTable> tables;
-    tables.reserve(kTables.size());
-    for (const TableForm& form : kTables) {
+    tables.reserve(kTableForms.size());
+    for (const TableForm& form : kTableForms) {
         tables.push_back(saved(*database, form));
     }
     return tables;
 }
 
-void addMissingRows(SavedTable& table, const std::vector<SettingsRow>& known) {
-    std::unordered_set<std::string> there;
-    for (const SettingsRow& row : table.rows) {
-        there.insert(row.key);
-    }
-    for (const SettingsRow& row : known) {
-        if (there.insert(row.key).second) {
-            table.rows.push_back(row);
-            ++table.added;
-        }
+void addKnownSettings(std::vector<SavedTable>& tables, const settings::SettingsSnapshot& known) {
+    for (SavedTable& table : tables) {
+        addMissingRows(table, rowsIn(known, table.name));
     }
 }
 
@@ -255,9 +315,9 @@ std::string replaceSettings(const std::string& path, const std::vector<SavedTabl
             throw std::system_error(errno, std::generic_category(), fresh);
         }
     } catch (const DatabaseError& error) {
-        throw failure(fresh, error.what(), "Mend that, and repair again; the old file was not changed");
+        throw repairFailure(fresh, error.what(), "Mend that, and repair again; the old file was not changed");
     } catch (const std::system_error& error) {
-        throw failure(path, error.what(), "Mend that, and repair again");
+        throw repairFailure(path, error.what(), "Mend that, and repair again");
     }
     return path + ending;
 }

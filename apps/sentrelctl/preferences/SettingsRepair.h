@@ -1,7 +1,7 @@
 // What can be saved of a damaged settings file, and the new file that is made of it.
 #pragma once
 
-#include "base/Database.h"
+#include "platform/settings/SettingsSnapshot.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -41,8 +41,9 @@ struct SavedTable {
 /// @throws Failure when the file cannot be opened.
 std::vector<SavedTable> saveSettings(const std::string& path);
 
-/// Adds to @p table those of @p known whose keys it lacks, behind the others.
-void addMissingRows(SavedTable& table, const std::vector<SettingsRow>& known);
+/// Adds to the tables, behind what they have, the rows of @p known whose keys they lack. Of a password that is no text
+/// of the site's own cipher nothing is known.
+void addKnownSettings(std::vector<SavedTable>& tables, const settings::SettingsSnapshot& known);
 
 /// Puts a file of these rows in the place of the one at @p path, which is set aside with what SQLite put beside it.
 /// Called as the file's owner. The daemon may run: what it changes at that instant may be lost with the old file.

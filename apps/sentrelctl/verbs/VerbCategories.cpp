@@ -12,6 +12,7 @@
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/PreferenceClient.h"
 #include "apps/sentrelctl/preferences/PreferenceLayout.h"
+#include "apps/sentrelctl/preferences/StoredSettings.h"
 #include "apps/sentrelctl/preferences/UrlList.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/PrintableText.h"
@@ -74,7 +75,7 @@ Failure droppedFailure(PreferenceClient& client, std::size_t wanted, std::size_t
 }
 
 /// Replaces the list whole and shows what is in force then.
-void replace(Session& session, PreferenceClient& client, const CategoryBlockDetails& wanted) {
+void replace(Session& session, PreferenceClient& client, const CategoryBlockDetails& wanted, double timeout) {
     STPreferences values;
     values.m_categoryBlockDetails = wanted;
     client.write(ST_CATEGORY_BLOCK_LIST, values);
@@ -83,6 +84,7 @@ void replace(Session& session, PreferenceClient& client, const CategoryBlockDeta
         throw droppedFailure(client, wanted.size(), now.m_categoryBlockDetails.size());
     }
     answer(session, now);
+    needStored(session, timeout, "the categories", shortfallOfCategories(wanted));
 }
 
 void categoriesShow(Session& session, const CategoriesOptions& options) {
@@ -101,7 +103,7 @@ void categoriesSet(Session& session, const CategoriesOptions& options) {
         wanted.emplace(name, kBlocked);
     }
     PreferenceClient client(options.timeout);
-    replace(session, client, wanted);
+    replace(session, client, wanted, options.timeout);
 }
 
 void categoriesAdd(Session& session, const CategoriesOptions& options) {
@@ -111,7 +113,7 @@ void categoriesAdd(Session& session, const CategoriesOptions& options) {
     for (const std::string& name : options.names) {
         wanted.emplace(name, kBlocked);
     }
-    replace(session, client, wanted);
+    replace(session, client, wanted, options.timeout);
 }
 
 void categoriesRemove(Session& session, const CategoriesOptions& options) {
@@ -125,7 +127,7 @@ void categoriesRemove(Session& session, const CategoriesOptions& options) {
         }
         wanted.erase(name);
     }
-    replace(session, client, wanted);
+    replace(session, client, wanted, options.timeout);
 }
 
 Work describeCategoriesShow(OptionSet& set, Session& session) {

@@ -80,7 +80,7 @@ void listPut(Session& session, const ListOptions& options, int action) {
     PreferenceClient client(options.timeout);
     UrlList list = client.read(ST_ALLOW_BLOCK_LIST).list;
     applyChanges(list, changes);
-    answer(session, changes, replaceList(session, client, list));
+    answer(session, changes, replaceList(session, client, list, options.timeout));
 }
 
 void listRemove(Session& session, const ListOptions& options) {
@@ -99,7 +99,7 @@ void listRemove(Session& session, const ListOptions& options) {
                           "'sentrelctl list show' tells what is");
         }
     }
-    answer(session, {}, replaceList(session, client, list));
+    answer(session, {}, replaceList(session, client, list, options.timeout));
 }
 
 template <int action>

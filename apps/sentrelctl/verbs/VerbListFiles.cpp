@@ -82,7 +82,7 @@ void listImport(Session& session, const ListFilesOptions& options) {
         list = client.read(ST_ALLOW_BLOCK_LIST).list;
     }
     applyChanges(list, entries);
-    const UrlList now = replaceList(session, client, list);
+    const UrlList now = replaceList(session, client, list, options.timeout);
     if (session.json == JsonMode::Off) {
         session.out.write(fmt::format("Imported {}. The list has {}.\n", countText(entries), countText(now)));
         return;

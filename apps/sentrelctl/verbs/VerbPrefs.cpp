@@ -3,8 +3,10 @@
 #include "apps/sentrelctl/preferences/PreferenceClient.h"
 #include "apps/sentrelctl/preferences/PreferenceLayout.h"
 #include "apps/sentrelctl/preferences/PreferenceNames.h"
+#include "apps/sentrelctl/preferences/StoredSettings.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 
+#include <algorithm>
 #include <array>
 #include <fmt/format.h>
 #include <memory>
@@ -16,6 +18,7 @@ namespace {
 struct PrefsOptions {
     std::string name;
     std::string value;
+    bool all = false;
     bool isSure = false;
     double timeout = kDefaultTimeout;
 };
@@ -25,8 +28,33 @@ void show(Session& session, const Snapshot& snapshot) {
                                                     : jsonText(snapshotJson(snapshot), session.json));
 }
 
+constexpr const char* kReading = "cannot read the preferences";
+
 void prefsShow(Session& session, const PrefsOptions& options) {
-    show(session, PreferenceClient(options.timeout).readAll());
+    const Snapshot inForce = PreferenceClient(options.timeout).readAll();
+    if (!options.all) {
+        show(session, inForce);
+        return;
+    }
+    const settings::SettingsSnapshot stored = freshSettings(options.timeout, kReading);
+    session.out.write(session.json == JsonMode::Off ? settingsText(inForce, stored, session.palette)
+                                                    : jsonText(settingsJson(inForce, stored), session.json));
+}
+
+/// The value in force, or the stored one of a preference that the daemon tells nobody.
+void prefsGet(Session& session, const PrefsOptions& options) {
+    const StoredPreference& wanted = storedPreference(options.name);
+    const std::vector<Preference>& told = allPreferences();
+    const auto preference =
+        std::find_if(told.begin(), told.end(), [&](const Preference& each) { return each.name == wanted.name; });
+    const std::string value =
+        preference != told.end()
+            ? valueText(PreferenceClient(options.timeout).readAll().values, *preference)
+            : valueWord(wanted.isSwitch, numberOf(freshSettings(options.timeout, kReading), wanted));
+    const Json json = wanted.isSwitch ? Json(value == "on") : Json(value);
+    session.out.write(session.json == JsonMode::Off
+                          ? value + "\n"
+                          : jsonText(Json{Json::Field{std::string(wanted.jsonName), json}}, session.json));
 }
 
 void prefsSet(Session& session, const PrefsOptions& options) {
@@ -44,6 +72,7 @@ void prefsSet(Session& session, const PrefsOptions& options) {
         throw Failure(ExitCode::Failed, "not what was asked for", options.name, fmt::format("it is {} now", value),
                       "Somebody else may have set it at the same time; try again");
     }
+    needStored(session, options.timeout, options.name, shortfallOf(preference, wanted));
 }
 
 void prefsReset(Session& session, const PrefsOptions& options) {
@@ -60,8 +89,16 @@ void prefsReset(Session& session, const PrefsOptions& options) {
 
 Work describePrefsShow(OptionSet& set, Session& session) {
     const auto options = std::make_shared<PrefsOptions>();
+    set.addFlag("-a,--all", options->all, "Every setting, each with what is in force and what is stored");
     set.addTimeout(options->timeout);
     return [options, &session] { prefsShow(session, *options); };
+}
+
+Work describePrefsGet(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<PrefsOptions>();
+    set.add("name", options->name, "Which one").required().shownAs("NAME");
+    set.addTimeout(options->timeout);
+    return [options, &session] { prefsGet(session, *options); };
 }
 
 Work describePrefsSet(OptionSet& set, Session& session) {
@@ -82,9 +119,14 @@ Work describeReset(OptionSet& set, Session& session) {
 } // namespace
 
 Verbs preferenceVerbs() {
-    static constexpr std::array<Verb, 3> verbs{{
+    static constexpr std::array<Verb, 4> verbs{{
         {"prefs", "show", "Shows all preferences that are in force.",
-         "  sentrelctl prefs show\n  sentrelctl prefs show --json=short | jq .red_sites", describePrefsShow},
+         "  sentrelctl prefs show\n  sentrelctl prefs show --all\n  sentrelctl prefs show --json=short | jq .red_sites",
+         describePrefsShow},
+        {"prefs", "get",
+         "Shows the value of one preference, and nothing else. Those behind allow-over-block are told by no daemon: "
+         "their stored value is shown.",
+         "  sentrelctl prefs get red-sites\n  sentrelctl prefs get block-phishing", describePrefsGet},
         {"prefs", "set",
          "Sets one preference and shows its new value.\n"
          "  protection, safe-search, category-blocking                    on, off\n"

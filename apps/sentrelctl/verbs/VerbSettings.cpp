@@ -1,8 +1,10 @@
 // sentrelctl settings init: the one step that makes the tables of the settings file.
 #include "apps/sentrelctl/Verbs.h"
+#include "apps/sentrelctl/clients/HubClient.h"
 #include "apps/sentrelctl/preferences/SettingsRepair.h"
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "base/Paths.h"
+#include "base/PrintableText.h"
 
 #include <array>
 #include <fmt/format.h>
@@ -88,6 +90,18 @@ void showRepair(Session& session, const std::string& path, const std::string& da
                                                                session.json));
 }
 
+/// What the hub knows of the file from before; none, with a line that says so, when it knows nothing.
+std::optional<settings::SettingsSnapshot> lastWholeSettings(Session& session) {
+    constexpr double timeout = 5;
+    try {
+        return HubClient(paths::hubSocket(), timeout).lastWholeSettings();
+    } catch (const HVB::HVBException& error) {
+        session.err.write(fmt::format("sentrelctl: the hub's last whole settings are not at hand: {}.\n",
+                                      text::printable(error.message())));
+        return std::nullopt;
+    }
+}
+
 void settingsRepair(Session& session, const InitOptions& options) {
     const std::string path = paths::settingsFile();
     becomeOwnerOfSettings(path);
@@ -98,7 +112,10 @@ void settingsRepair(Session& session, const InitOptions& options) {
                               : jsonText(Json{{"file", path}, {"damage", nullptr}}, session.json));
         return;
     }
-    const std::vector<SavedTable> tables = saveSettings(path);
+    std::vector<SavedTable> tables = saveSettings(path);
+    if (const auto known = lastWholeSettings(session)) {
+        addKnownSettings(tables, *known);
+    }
     showRepair(session, path, *damage, tables,
                options.yes ? std::optional(replaceSettings(path, tables)) : std::nullopt);
 }

@@ -43,9 +43,12 @@ std::int64_t microsecondsNow() {
     return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
 }
 
-std::optional<std::pair<dev_t, ino_t>> identityOf(const std::string& path) {
+/// None when there is no file.
+std::optional<FileStamp> stampOf(const std::string& path) {
     struct stat facts {};
-    return ::lstat(path.c_str(), &facts) == 0 ? std::optional(std::pair(facts.st_dev, facts.st_ino)) : std::nullopt;
+    return ::lstat(path.c_str(), &facts) == 0 ? std::optional(FileStamp{facts.st_dev, facts.st_ino, facts.st_size,
+                                                                        facts.st_mtim.tv_sec, facts.st_mtim.tv_nsec})
+                                              : std::nullopt;
 }
 
 bool isLocked(const DatabaseError& error) {
@@ -92,7 +95,7 @@ void SettingsWatch::noteFailure(const DatabaseError& error, Time now) {
         m_trouble = why;
         return;
     }
-    m_unreadable = identityOf(m_path);
+    m_unreadable = stampOf(m_path);
     serveNothing(why, now);
 }
 
@@ -122,7 +125,7 @@ bool SettingsWatch::openFile(Time now) {
     if (m_file) {
         return true;
     }
-    if (now < m_tryAgainAt && m_unreadable == identityOf(m_path)) {
+    if (now < m_tryAgainAt && m_unreadable == stampOf(m_path)) {
         return false;
     }
     m_file.emplace(m_path);

@@ -12,6 +12,18 @@
 
 namespace Sentrel::keeper {
 
+/// Which file it is, and which state of it: what could not be read is tried again at once when either changes.
+/// Threads: a plain value. Owner: the holder.
+struct FileStamp {
+    dev_t device;
+    ino_t inode;
+    off_t size;
+    std::int64_t changedSeconds;
+    std::int64_t changedNanoseconds;
+
+    bool operator==(const FileStamp&) const = default;
+};
+
 /// Follows the settings file. The daemon replaces a list row by row, so the file shows a part of it meanwhile: the
 /// lists that are served are those of the last whole state. A state is whole when the daemon has told of a change and
 /// makes no other one, when the file has rested, or when the daemon has gone, which leaves what it had written.
@@ -83,8 +95,8 @@ private:
     int m_failures = 0;          ///< of reading, one after the other
     Time m_restsSince;           ///< the last change of the file, or the last event
     Time m_pendingSince;
-    Time m_tryAgainAt;                                   ///< after a file that could not be read
-    std::optional<std::pair<dev_t, ino_t>> m_unreadable; ///< the file that could not be read
+    Time m_tryAgainAt;                     ///< after a file that could not be read
+    std::optional<FileStamp> m_unreadable; ///< the file that could not be read
     Time m_checkAt;
 };
 

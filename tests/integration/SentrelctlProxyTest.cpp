@@ -139,13 +139,12 @@ TEST_F(AProxyClient, AsksForThePasswordOnATerminalWithoutShowingIt) {
 TEST_F(AProxyClient, SendsNoPasswordInClearUnlessThatIsMeant) {
     expectFailure(use({"proxy", "set", "proxy.example", "--user", "anna"}, "secret"), 1,
                   "cannot set the proxy: the password would be encrypted: this machine is not managed, so nobody could "
-                  "decrypt it. Store it as it is, where every user of this machine can read it, with --as-is");
+                  "decrypt it. Store it as it is with --as-is; the hub then shows it to nobody");
     enrol();
     expectFailure(use({"proxy", "set", "proxy.example", "--user", "anna"}, "secret"), 1,
                   "cannot set the proxy: the password cannot be encrypted: " + m_key +
                       ": cannot be opened: No such file or directory. Make the machine's key with 'sentrelctl agent "
-                      "keygen', or store the password as it is, where every user of this machine can read it, with "
-                      "--as-is");
+                      "keygen', or store the password as it is with --as-is; the hub then shows it to nobody");
     EXPECT_EQ(does({"proxy", "show"}), kNoProxy);
 }
 
@@ -162,6 +161,19 @@ TEST_F(AProxyClient, IsRefusedByTheBusWithoutTheRight) {
     expectFailure(use({"proxy", "set", "proxy.example"}, "", kNobody), 4,
                   "cannot set the proxy: the hub takes that event from root and its services alone. Run it as root");
     EXPECT_EQ(does({"proxy", "show"}), kNoProxy);
+}
+
+TEST_F(AProxyClient, ShowsWhatTheHubServesToWhomTheFileIsClosed) {
+    if (!canActAsOthers()) {
+        GTEST_SKIP() << "only root can act as others";
+    }
+    EXPECT_EQ(use({"proxy", "show"}, "", kNobody).code, 1) << "there is no keeper";
+    m_machine.startKeeper();
+    const CtlResult none = use({"proxy", "show"}, "", kNobody);
+    EXPECT_EQ(none.out, kNoProxy) << none.err;
+    const CtlResult set = use({"proxy", "set", "proxy.example", "--user", "anna", "--as-is"}, "open sesame");
+    EXPECT_EQ(set.code, 0) << set.err;
+    EXPECT_EQ(use({"proxy", "show"}, "", kNobody).out, set.out);
 }
 
 TEST_F(AProxyClient, SaysWhenTheDaemonCouldNotStoreIt) {

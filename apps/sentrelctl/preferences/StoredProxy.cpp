@@ -54,6 +54,14 @@ StoredProxy readStoredProxy(const std::string& path) {
             numberOf(values.at(3)), numberOf(values.at(4)), numberOf(values.at(5))};
 }
 
+StoredProxy proxyIn(const settings::SettingsSnapshot& stored) {
+    const settings::ProxySettings& proxy = stored.proxy;
+    // Without a user the text that stands for none is stored for the password too, and not served.
+    const bool isHidden = proxy.hasPassword && !proxy.cipheredPassword && textOf(proxy.user);
+    return {textOf(proxy.host), textOf(proxy.user), isHidden ? std::optional<std::string>("") : proxy.cipheredPassword,
+            proxy.port,         proxy.type,         proxy.authentication};
+}
+
 StoredProxy storedFormOf(const proxySettings& settings) {
     return {textOf(settings.host), textOf(settings.uname), textOf(settings.pass),
             settings.port,         settings.type,          settings.httpAuth};

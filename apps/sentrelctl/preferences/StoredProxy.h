@@ -1,9 +1,10 @@
-// The proxy settings as they stand in the settings file, where the browser components read them.
+// The proxy settings as they stand in the settings file.
 #pragma once
 
 #include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 #include "hub/Payloads.h"
+#include "platform/settings/SettingsSnapshot.h"
 
 #include <cstdint>
 #include <optional>
@@ -30,6 +31,9 @@ struct StoredProxy {
 /// Reads them from the settings file at @p path. Nothing is changed, and no daemon is needed.
 /// @throws Failure when there is no such file, or it cannot be read.
 StoredProxy readStoredProxy(const std::string& path);
+
+/// The same as the hub serves it. A password that it does not show is there without its text.
+StoredProxy proxyIn(const settings::SettingsSnapshot& stored);
 
 /// What the file holds when @p settings are stored whole.
 StoredProxy storedFormOf(const proxySettings& settings);

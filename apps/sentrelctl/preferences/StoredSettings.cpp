@@ -209,6 +209,18 @@ Shortfall shortfallOf(const Preference& preference, const STPreferences& wanted)
     };
 }
 
+Shortfall shortfallOfAll(const Snapshot& wanted) {
+    return [wanted](const SettingsSnapshot& file) {
+        for (const Preference& preference : allPreferences()) {
+            std::string lacking = shortfallOf(preference, wanted.values)(file);
+            if (!lacking.empty()) {
+                return fmt::format("{}: {}", preference.name, lacking);
+            }
+        }
+        return shortfallOfList(wanted.list)(file);
+    };
+}
+
 Shortfall shortfallOfList(const UrlList& wanted) {
     return [wanted](const SettingsSnapshot& file) {
         return listShortfall(wanted, listOf(file), [](const ListEntry& entry) { return entry.url; });

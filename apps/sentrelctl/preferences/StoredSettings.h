@@ -46,8 +46,10 @@ using Shortfall = std::function<std::string(const settings::SettingsSnapshot&)>;
 /// @throws Failure when it is not stored.
 void needStored(Session& session, double timeout, const std::string& where, const Shortfall& shortfall);
 
-/// The shortfalls of the three kinds of change. A value that needs no row, because it is the first one, may have none.
+/// The shortfalls of each kind of change. A value that needs no row, because it is the first one, may have none.
 Shortfall shortfallOf(const Preference& preference, const STPreferences& wanted);
+/// Of every preference that can be set, and the list.
+Shortfall shortfallOfAll(const Snapshot& wanted);
 Shortfall shortfallOfList(const UrlList& wanted);
 Shortfall shortfallOfCategories(const CategoryBlockDetails& wanted);
 

@@ -84,7 +84,9 @@ void prefsReset(Session& session, const PrefsOptions& options) {
     }
     PreferenceClient client(options.timeout);
     client.reset();
-    show(session, client.readAll());
+    const Snapshot now = client.readAll();
+    show(session, now);
+    needStored(session, options.timeout, "the preferences", shortfallOfAll(now));
 }
 
 Work describePrefsShow(OptionSet& set, Session& session) {

@@ -16,6 +16,7 @@
 #include "apps/sentrelctl/clients/HubClient.h"
 #include "apps/sentrelctl/fleet/FleetOptions.h"
 #include "apps/sentrelctl/preferences/StoredProxy.h"
+#include "apps/sentrelctl/preferences/StoredSettings.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "apps/sentrelctl/terminal/Input.h"
 #include "apps/sentrelctl/terminal/SecretInput.h"
@@ -82,7 +83,7 @@ std::string givenPassword(Session& session, const SetOptions& options) {
     return text;
 }
 
-/// As it is to be stored: every user of the machine may read the settings file.
+/// As it is to be stored: a copy of the settings file must not tell it.
 std::string passwordOf(Session& session, const SetOptions& options) {
     std::string given = storable("password", givenPassword(session, options), kMaxPasswordBytes);
     if (options.isAsIs) {
@@ -91,7 +92,7 @@ std::string passwordOf(Session& session, const SetOptions& options) {
     if (::access(paths::agentConfiguration().c_str(), F_OK) != 0) {
         throw Failure(ExitCode::Failed, kCannotSet, "the password would be encrypted",
                       "this machine is not managed, so nobody could decrypt it",
-                      "Store it as it is, where every user of this machine can read it, with --as-is");
+                      "Store it as it is with --as-is; the hub then shows it to nobody");
     }
     try {
         std::string encrypted = encryptedWith(paths::agentKey(), given);
@@ -101,8 +102,8 @@ std::string passwordOf(Session& session, const SetOptions& options) {
         return encrypted;
     } catch (const std::runtime_error& error) {
         throw Failure(ExitCode::Failed, kCannotSet, "the password cannot be encrypted", error.what(),
-                      "Make the machine's key with 'sentrelctl agent keygen', or store the password as it is, where "
-                      "every user of this machine can read it, with --as-is");
+                      "Make the machine's key with 'sentrelctl agent keygen', or store the password as it is with "
+                      "--as-is; the hub then shows it to nobody");
     }
 }
 
@@ -157,7 +158,14 @@ void show(Session& session, const StoredProxy& proxy) {
 }
 
 void proxyShow(Session& session) {
-    show(session, readStoredProxy(paths::settingsFile()));
+    try {
+        show(session, readStoredProxy(paths::settingsFile()));
+    } catch (const Failure& failure) {
+        if (failure.code() != ExitCode::NoAccess) {
+            throw;
+        }
+        show(session, proxyIn(freshSettings(kDefaultTimeout, "cannot read the proxy settings")));
+    }
 }
 
 void refuseLooseOptions(const SetOptions& options) {
@@ -206,9 +214,9 @@ Work describeProxySet(OptionSet& set, Session& session) {
     set.add("--user", options->user, "The user's name at the proxy; without it, none").shownAs("NAME");
     set.addFlag("--auth", options->authenticates, "The proxy asks for name and password");
     set.add("--password-file", options->passwordFile, "The password (-: standard input, or a prompt)").shownAs("FILE");
-    set.addFlag("--as-is", options->isAsIs,
-                "Do not encrypt the password: 'sentrelctl encrypt' has done so, or every user of this machine may "
-                "read it");
+    set.addFlag(
+        "--as-is", options->isAsIs,
+        "Do not encrypt the password: 'sentrelctl encrypt' has done so, or nobody but the daemon is to have it");
     set.addTimeout(options->timeout);
     return [options, &session] { proxySet(session, *options); };
 }
@@ -229,7 +237,8 @@ Verbs proxyVerbs() {
          "  sentrelctl proxy set proxy.example --user anna --auth --password-file secret.txt",
          describeProxySet},
         {"proxy", "show",
-         "Shows the proxy that is stored in the settings file, but not its password. Needs neither "
+         "Shows the proxy that is stored in the settings file, but not its password. Who may read the file needs "
+         "neither "
          "hub nor daemon.",
          "  sentrelctl proxy show", describeProxyShow},
     }};

@@ -61,12 +61,12 @@ TEST(ACheck, ThatThrowsFailsWithTheReasonAndTheNextStep) {
 
 TEST(TheChecks, HaveNamesOfTheirOwn) {
     std::set<std::string> names;
-    for (const auto* const checks : {&fileChecks(), &processChecks()}) {
+    for (const auto* const checks : {&fileChecks(), &settingsChecks(), &processChecks()}) {
         for (const Check& check : *checks) {
             EXPECT_TRUE(names.insert(check.name).second) << check.name;
         }
     }
-    EXPECT_EQ(names.size(), 20U);
+    EXPECT_EQ(names.size(), 21U);
 }
 
 TEST(AQuestionInAChild, IsAnswered) {

@@ -18,7 +18,7 @@ namespace {
 /// A settings file of the test's own, with its tables and no row.
 class ASettingsFile : public testing::Test {
 protected:
-    ASettingsFile() { makeSettingsTables(path()); }
+    ASettingsFile() { setUpSettingsFile(path(), SettingsReaders::DaemonAlone); }
 
     std::string path() const { return m_directory.file("product.db"); }
 

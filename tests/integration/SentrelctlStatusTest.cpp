@@ -45,6 +45,7 @@ protected:
     AClientOfADaemon() {
         m_machine.initSettings();
         m_machine.startHub();
+        m_machine.startKeeper();
         EXPECT_TRUE(m_machine.startDaemon());
     }
 

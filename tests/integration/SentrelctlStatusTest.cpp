@@ -50,7 +50,9 @@ protected:
     }
 
     /// The status without the health, which hvbd finds out when it comes to that.
-    std::string statusWithoutHealth() { return std::regex_replace(does({"status"}), std::regex("health .*\n"), ""); }
+    std::string statusWithoutHealth() {
+        return std::regex_replace(does({"status"}), std::regex("(health|reports) .*\n"), "");
+    }
 
     std::string configuration() { return readFile(m_machine.configurationFile()); }
 };
@@ -85,7 +87,8 @@ TEST_F(AClientOfADaemon, TellsTheStatusToEveryUserButNotTheHealthToAnOrdinaryOne
                                          "managed            no\n"
                                          "protection         on\n"
                                          "reason             the preference says on\n"
-                                         "health             unknown: hvbd tells it to root and the administrators\n");
+                                         "health             unknown: hvbd tells it to root and the administrators\n"
+                                         "reports            unknown: root and the daemon's user may see them\n");
 }
 
 TEST(AnAdministrator, IsToldTheHealthAndCannotTryWhatAnOrdinaryUserMayNot) {
@@ -110,7 +113,20 @@ TEST(AnAdministrator, IsToldTheHealthAndCannotTryWhatAnOrdinaryUserMayNot) {
 
 TEST_F(AClientOfADaemon, TellsTheStatusWithoutHvbd) {
     m_machine.hub().terminate();
-    EXPECT_TRUE(does({"status"}).ends_with("\nhealth             unknown: hvbd is not running\n"));
+    EXPECT_TRUE(does({"status"}).find("\nhealth             unknown: hvbd is not running\n") != std::string::npos);
+}
+
+TEST_F(AClientOfADaemon, TellsHowManyReportsWaitForTheHub) {
+    EXPECT_TRUE(does({"status"}).ends_with("\nreports            0 waiting for the hub, 0 refused\n"));
+    m_machine.hub().terminate();
+    m_machine.deliver(sampleEvent());
+    m_machine.deliver(sampleEvent());
+    EXPECT_TRUE(does({"status"}).ends_with("\nreports            2 waiting for the hub, 0 refused\n"));
+    EXPECT_EQ(nlohmann::json::parse(does({"status", "--json=short"})).at("reports_waiting"), 2);
+    m_machine.startHub();
+    EXPECT_TRUE(eventually([&] {
+        return nlohmann::json::parse(does({"status", "--json=short"})).at("reports_waiting") == 0;
+    }));
 }
 
 TEST_F(AClientOfAMachine, TellsTheHealthThatHvbdFound) {

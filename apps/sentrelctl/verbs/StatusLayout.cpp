@@ -51,6 +51,22 @@ std::string healthText(const KnownHealth& health, const Palette& palette) {
     return fmt::format("{}{}{} since {}", color, printable(health.state), palette.plain, printable(health.since));
 }
 
+std::string reportsText(const KnownReports& reports, const Palette& palette) {
+    if (!reports.error.empty()) {
+        return printable("unknown: " + reports.error);
+    }
+    const std::string lost = reports.damaged == 0 ? "" : fmt::format(", {} damaged", reports.damaged);
+    const char* color = reports.refused + reports.damaged == 0 ? palette.plain : palette.alarm;
+    return fmt::format("{} waiting for the hub, {}{} refused{}{}", reports.waiting, color, reports.refused, lost,
+                       palette.plain);
+}
+
+/// The rows that stand whatever the daemon answered.
+std::string furtherRows(const KnownHealth& health, const KnownReports& reports, const Palette& palette) {
+    return rowText("health", healthText(health, palette), palette) +
+           rowText("reports", reportsText(reports, palette), palette);
+}
+
 /// A version item as the daemon gave it.
 std::optional<std::string> item(const AboutBoxData& data, const wchar_t* key) {
     const auto found = data.m_versionItems.find(key);
@@ -74,22 +90,23 @@ std::optional<DashBoardDispalyContents> statusLine(const DashBoardData& data) {
     return found == data.m_statusItems.end() ? std::nullopt : std::optional(found->second);
 }
 
-std::string statusText(const DashBoardDispalyContents& line, const KnownHealth& health, const Palette& palette) {
+std::string statusText(const DashBoardDispalyContents& line, const KnownHealth& health, const KnownReports& reports,
+                       const Palette& palette) {
     const Meaning* const meaning = meaningOf(line.m_status);
     if (meaning == nullptr) {
         const std::string what = fmt::format("{} ({})", static_cast<int>(line.m_status), narrowed(line.m_displayText));
         return rowText("status", printable(what), palette) +
                rowText("reason", "this sentrelctl does not know that status", palette) +
-               rowText("health", healthText(health, palette), palette);
+               furtherRows(health, reports, palette);
     }
     const char* color = meaning->isProtected ? palette.plain : palette.alarm;
     return rowText("status", fmt::format("{}{}{}", color, meaning->word, palette.plain), palette) +
            rowText("managed", yesNo(meaning->isManaged), palette) +
            rowText("protection", meaning->isProtected ? "on" : "off", palette) +
-           rowText("reason", meaning->reason, palette) + rowText("health", healthText(health, palette), palette);
+           rowText("reason", meaning->reason, palette) + furtherRows(health, reports, palette);
 }
 
-Json statusJson(const DashBoardDispalyContents& line, const KnownHealth& health) {
+Json statusJson(const DashBoardDispalyContents& line, const KnownHealth& health, const KnownReports& reports) {
     const Meaning* const meaning = meaningOf(line.m_status);
     const auto known = [meaning](const Json& value) { return meaning != nullptr ? value : Json(nullptr); };
     Json json{{"status", meaning != nullptr ? meaning->word : "unknown"},
@@ -101,6 +118,13 @@ Json statusJson(const DashBoardDispalyContents& line, const KnownHealth& health)
     json["health"] = validUtf8(health.state);
     json["health_since"] = health.since.empty() ? Json(nullptr) : Json(validUtf8(health.since));
     json["health_error"] = health.error.empty() ? Json(nullptr) : Json(validUtf8(health.error));
+    const auto count = [&reports](std::uint64_t number) {
+        return reports.error.empty() ? Json(number) : Json(nullptr);
+    };
+    json["reports_waiting"] = count(reports.waiting);
+    json["reports_refused"] = count(reports.refused);
+    json["reports_damaged"] = count(reports.damaged);
+    json["reports_error"] = reports.error.empty() ? Json(nullptr) : Json(validUtf8(reports.error));
     return json;
 }
 

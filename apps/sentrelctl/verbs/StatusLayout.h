@@ -1,10 +1,11 @@
-// What the daemon says of itself, in words: the line of the dashboard, its health, its versions.
+// What the daemon says of itself, in words: the line of the dashboard, its health, the reports that wait, its versions.
 #pragma once
 
 #include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 #include "hub/Payloads.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -17,14 +18,23 @@ struct KnownHealth {
     std::string error; ///< why it is unknown; else empty
 };
 
+/// What became of the reports that the hub did not take at once, or why that is not known.
+struct KnownReports {
+    std::uint64_t waiting = 0; ///< for the hub
+    std::uint64_t refused = 0; ///< ever, by a full spool or by the hub
+    std::uint64_t damaged = 0; ///< ever, in the spool
+    std::string error;         ///< why they are unknown; else empty
+};
+
 /// The one line of the dashboard in @p data. None when the daemon sent another.
 std::optional<DashBoardDispalyContents> statusLine(const DashBoardData& data);
 
-/// Rows of status, management, protection, the reason and the health.
-std::string statusText(const DashBoardDispalyContents& line, const KnownHealth& health, const Palette& palette);
+/// Rows of status, management, protection, the reason, the health and the reports.
+std::string statusText(const DashBoardDispalyContents& line, const KnownHealth& health, const KnownReports& reports,
+                       const Palette& palette);
 
 /// The same for programs.
-Json statusJson(const DashBoardDispalyContents& line, const KnownHealth& health);
+Json statusJson(const DashBoardDispalyContents& line, const KnownHealth& health, const KnownReports& reports);
 
 /// Rows of the version, the service pack and the hotfixes. A text that is missing or blank is "none".
 std::string aboutText(const AboutBoxData& data, const Palette& palette);

@@ -6,6 +6,7 @@
 #include "base/Paths.h"
 #include "hub/HubIds.h"
 #include "platform/hvbhelpers/HubProtocol.h"
+#include "platform/hvbhelpers/SpoolHead.h"
 
 #include <array>
 #include <cerrno>
@@ -49,6 +50,19 @@ KnownHealth health(double timeout) {
     }
 }
 
+/// The spool is the daemon's alone, and this program reads its head without asking the daemon.
+KnownReports waitingReports() {
+    try {
+        const auto counts = HVB::detail::spoolCounts(paths::reportSpool());
+        if (!counts) {
+            return {.error = "the daemon has made no spool yet"};
+        }
+        return {counts->waiting, counts->refusedFull + counts->refusedByHub, counts->damaged, ""};
+    } catch (const HVB::HVBException& error) {
+        return {.error = error.code() == -EACCES ? "root and the daemon's user may see them" : error.message()};
+    }
+}
+
 template <class Data>
 Data ask(CommandId id, const CommandPurpose& purpose, double timeout) {
     const CommandChannel channel(timeout);
@@ -64,8 +78,9 @@ void status(Session& session, const StatusOptions& options) {
         throw unreadableAnswer(kAskingStatus.what, "it has no status line");
     }
     const KnownHealth known = health(options.timeout);
-    session.out.write(session.json == JsonMode::Off ? statusText(*line, known, session.palette)
-                                                    : jsonText(statusJson(*line, known), session.json));
+    const KnownReports reports = waitingReports();
+    session.out.write(session.json == JsonMode::Off ? statusText(*line, known, reports, session.palette)
+                                                    : jsonText(statusJson(*line, known, reports), session.json));
 }
 
 void about(Session& session, const StatusOptions& options) {
@@ -90,7 +105,8 @@ Work describeAbout(OptionSet& set, Session& session) {
 
 Verbs statusVerbs() {
     static constexpr std::array<Verb, 2> verbs{{
-        {"", "status", "Shows whether the machine is protected and managed, why, and the daemon's health.",
+        {"", "status",
+         "Shows whether the machine is protected and managed, why, the daemon's health, and which reports wait.",
          "  sentrelctl status\n  sentrelctl status --json=short | jq -r .status", describeStatus},
         {"", "about", "Shows the daemon's version, its service pack and its hotfixes.", "  sentrelctl about",
          describeAbout},

@@ -10,6 +10,7 @@ namespace Sentrel::ctl {
 namespace {
 
 const KnownHealth kWell{"well", "2023-11-14T22:13:20Z", ""};
+const KnownReports kNoneWait{};
 
 DashBoardDispalyContents line(int status, const wchar_t* token = L"ENABLED_STRING") {
     DashBoardDispalyContents contents;
@@ -39,47 +40,67 @@ TEST(AStatus, IsToldInWordsWithItsReason) {
             "reason             the policy says on, the preference says off\n"},
     };
     for (const auto& [status, text] : all) {
-        EXPECT_EQ(statusText(line(status), kWell, Palette()),
-                  text + "health             well since 2023-11-14T22:13:20Z\n");
+        EXPECT_EQ(statusText(line(status), kWell, kNoneWait, Palette()),
+                  text + "health             well since 2023-11-14T22:13:20Z\n"
+                         "reports            0 waiting for the hub, 0 refused\n");
     }
 }
 
 TEST(AStatus, IsToldToPrograms) {
-    EXPECT_EQ(jsonText(statusJson(line(5, L"DISABLED_STRING"), kWell), JsonMode::Short),
+    EXPECT_EQ(jsonText(statusJson(line(5, L"DISABLED_STRING"), kWell, kNoneWait), JsonMode::Short),
               R"({"status":"at risk","code":5,"token":"DISABLED_STRING","managed":true,"protection":false,)"
               R"("reason":"the policy says on, the preference says off","health":"well",)"
-              R"("health_since":"2023-11-14T22:13:20Z","health_error":null})"
+              R"("health_since":"2023-11-14T22:13:20Z","health_error":null,)"
+              R"("reports_waiting":0,"reports_refused":0,"reports_damaged":0,"reports_error":null})"
               "\n");
 }
 
 TEST(AStatus, ThatIsNotKnownIsShownAsItCame) {
-    EXPECT_EQ(statusText(line(8, L"\x1b[2J"), kWell, Palette()),
+    EXPECT_EQ(statusText(line(8, L"\x1b[2J"), kWell, kNoneWait, Palette()),
               "status             8 (\\x1b[2J)\n"
               "reason             this sentrelctl does not know that status\n"
-              "health             well since 2023-11-14T22:13:20Z\n");
-    EXPECT_EQ(jsonText(statusJson(line(1), kWell), JsonMode::Short),
+              "health             well since 2023-11-14T22:13:20Z\n"
+              "reports            0 waiting for the hub, 0 refused\n");
+    EXPECT_EQ(jsonText(statusJson(line(1), kWell, kNoneWait), JsonMode::Short),
               R"({"status":"unknown","code":1,"token":"ENABLED_STRING","managed":null,"protection":null,)"
-              R"("reason":null,"health":"well","health_since":"2023-11-14T22:13:20Z","health_error":null})"
+              R"("reason":null,"health":"well","health_since":"2023-11-14T22:13:20Z","health_error":null,)"
+              R"("reports_waiting":0,"reports_refused":0,"reports_damaged":0,"reports_error":null})"
               "\n");
 }
 
 TEST(AStatus, SaysWhyTheHealthIsNotKnown) {
     const KnownHealth unknown{"unknown", "", "hvbd is not running"};
-    EXPECT_TRUE(statusText(line(0), unknown, Palette())
-                    .ends_with("\nhealth             unknown: hvbd is not "
-                               "running\n"));
-    Json json = statusJson(line(0), unknown);
+    EXPECT_TRUE(statusText(line(0), unknown, kNoneWait, Palette())
+                    .find("\nhealth             unknown: hvbd is not running\n") != std::string::npos);
+    Json json = statusJson(line(0), unknown, kNoneWait);
     EXPECT_EQ(json["health"], "unknown");
     EXPECT_EQ(json["health_since"], nullptr);
     EXPECT_EQ(json["health_error"], "hvbd is not running");
 }
 
+TEST(AStatus, TellsWhatBecameOfTheReports) {
+    const KnownReports some{.waiting = 3, .refused = 2, .damaged = 1, .error = ""};
+    EXPECT_TRUE(statusText(line(0), kWell, some, Palette())
+                    .ends_with("\nreports            3 waiting for the hub, 2 refused, 1 damaged\n"));
+    Json told = statusJson(line(0), kWell, some);
+    EXPECT_EQ(told["reports_waiting"], 3);
+    EXPECT_EQ(told["reports_refused"], 2);
+    EXPECT_EQ(told["reports_damaged"], 1);
+    const KnownReports unknown{.error = "no\nspool"};
+    EXPECT_TRUE(
+        statusText(line(0), kWell, unknown, Palette()).ends_with("\nreports            unknown: no\\x0aspool\n"));
+    Json untold = statusJson(line(0), kWell, unknown);
+    EXPECT_EQ(untold["reports_waiting"], nullptr);
+    EXPECT_EQ(untold["reports_error"], "no\nspool");
+}
+
 TEST(AStatus, CatchesTheEyeWhenTheMachineIsNotProtectedOrNotWell) {
     const Palette palette = Palette::of(true);
     const std::string alarm = palette.alarm;
-    EXPECT_NE(statusText(line(5), kWell, palette).find(alarm + "at risk"), std::string::npos);
-    EXPECT_NE(statusText(line(0), {"silent", "then", ""}, palette).find(alarm + "silent"), std::string::npos);
-    EXPECT_EQ(statusText(line(0), kWell, palette).find(alarm), std::string::npos);
+    EXPECT_NE(statusText(line(5), kWell, kNoneWait, palette).find(alarm + "at risk"), std::string::npos);
+    EXPECT_NE(statusText(line(0), {"silent", "then", ""}, kNoneWait, palette).find(alarm + "silent"),
+              std::string::npos);
+    EXPECT_EQ(statusText(line(0), kWell, kNoneWait, palette).find(alarm), std::string::npos);
 }
 
 TEST(ADashboard, HasNoStatusLineUnderAnotherKey) {

@@ -283,7 +283,8 @@ TEST_F(AModuleThatAnswers, HasEachStatusShownInWords) {
               "managed            yes\n"
               "protection         off\n"
               "reason             the policy says on, the preference says off\n"
-              "health             unknown: hvbd is not running\n");
+              "health             unknown: hvbd is not running\n"
+              "reports            unknown: the daemon has made no spool yet\n");
 }
 
 TEST_F(AModuleThatAnswers, IsQuotedWhenItsAnswerCannotBeRead) {

@@ -15,6 +15,11 @@ inline constexpr std::chrono::microseconds kMaxBatchAge{20'000};
 
 /// What a stored record costs beside its two texts, in bytes: its row and its share of the pages.
 inline constexpr std::uint64_t kRecordOverheadBytes = 64;
+/// Two texts with fewer bytes than this are stored as they are: a person reads them with the sqlite3 program, and there
+/// is next to nothing to gain.
+inline constexpr std::size_t kSmallestPackedBytes = 256;
+/// So many records are merged into others at a time. More would hold up the senders for longer than they wait.
+inline constexpr std::size_t kMaxMergedRecords = 10'000;
 /// Senders whose numbers are remembered. A sender has one record on its way, so what may come twice is the last record
 /// of one that stored lately.
 inline constexpr std::int64_t kMaxInstances = 256;

@@ -6,11 +6,12 @@
 // compared with the one that was opened, before a batch (then it is opened anew) and again after its commit, before
 // anybody is told (then the batch is written once more, into the file that is there now).
 //
-// The running total of bytes is counted when the file is opened and kept in memory. Another program that writes to
-// the file changes its data_version, and the total is counted again.
+// How full each minute is is counted when the file is opened and kept in memory. Another program that writes to the
+// file changes its data_version, and it is counted again.
 #include "apps/hvbd/LogStore.h"
 
 #include "apps/hvbd/HvbdLimits.h"
+#include "apps/hvbd/LogRows.h"
 #include "apps/hvbd/LogStoreTexts.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 
@@ -18,54 +19,15 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <limits>
 #include <optional>
 #include <system_error>
 #include <utility>
 
 namespace HVB::hub {
 namespace {
-
-constexpr std::int64_t kApplicationId = 0x4856424C; ///< "HVBL"
-constexpr std::int64_t kSchemaVersion = 2;
-
-// The ids are AUTOINCREMENT so that one is never given twice, also when the newest record was deleted by hand.
-constexpr const char* kSchema =
-    "CREATE TABLE log(id INTEGER PRIMARY KEY AUTOINCREMENT, stored_at INTEGER NOT NULL, source INTEGER NOT NULL,"
-    " type INTEGER NOT NULL, text BLOB NOT NULL, detail BLOB NOT NULL, count INTEGER NOT NULL);"
-    "PRAGMA application_id=1213612620; PRAGMA user_version=1";
-static_assert(kApplicationId == 1213612620, "the number in kSchema");
-
-/// What each layout adds to the one before, from layout 2 on. A new file goes through all of them.
-constexpr std::array kSteps{
-    "CREATE TABLE sender(instance INTEGER PRIMARY KEY, number INTEGER NOT NULL, last_id INTEGER NOT NULL);"
-    "PRAGMA user_version=2",
-};
-static_assert(kSteps.size() + 1 == kSchemaVersion, "a step for each layout after the first");
-
-constexpr const char* kInsert =
-    "INSERT INTO log(stored_at, source, type, text, detail, count) VALUES(?1, ?2, ?3, ?4, ?5, ?6)";
-constexpr const char* kLastNumber = "SELECT number FROM sender WHERE instance = ?1";
-constexpr const char* kNoteNumber =
-    "INSERT INTO sender(instance, number, last_id) VALUES(?1, ?2, ?3)"
-    " ON CONFLICT(instance) DO UPDATE SET number = excluded.number, last_id = excluded.last_id";
-constexpr const char* kForgetSenders =
-    "DELETE FROM sender WHERE instance NOT IN (SELECT instance FROM sender ORDER BY last_id DESC LIMIT ?1)";
-constexpr const char* kOldest = "SELECT id, length(text) + length(detail) FROM log ORDER BY id LIMIT 1";
-constexpr const char* kDelete = "DELETE FROM log WHERE id = ?1";
-constexpr const char* kTotal = "SELECT count(*), coalesce(sum(length(text) + length(detail)), 0) FROM log";
-constexpr const char* kDataVersion = "PRAGMA data_version";
-// A record that no message could carry was put there by other means. It is passed over, or nothing behind it could be
-// read any more.
-constexpr const char* kFirst = "SELECT id, stored_at, source, type, text, detail, count FROM log"
-                               " WHERE id > ?1 AND length(text) <= ?3 AND length(detail) <= ?3 ORDER BY id LIMIT ?2";
-constexpr const char* kLast =
-    "SELECT id, stored_at, source, type, text, detail, count FROM log"
-    " WHERE id > ?1 AND length(text) <= ?3 AND length(detail) <= ?3 ORDER BY id DESC LIMIT ?2";
 
 std::string walOf(const std::string& path) {
     return path + "-wal";
@@ -87,70 +49,9 @@ LogStoreError storeTrouble(const std::string& doing, const std::string& why) {
     return {LogStoreError::Kind::Trouble, doing + ": " + why};
 }
 
-StoredRecord rowOf(Sentrel::Statement& statement) {
-    const auto number = [&](int column) { return static_cast<std::int32_t>(statement.integer(column)); };
-    StoredRecord record;
-    record.id = static_cast<std::uint64_t>(statement.integer(0));
-    record.storedAt = statement.integer(1);
-    record.source = number(2);
-    record.type = number(3);
-    record.text = statement.bytes(4);
-    record.detail = statement.bytes(5);
-    record.count = number(6);
-    return record;
-}
-
 constexpr const char* kStoring = "cannot store the record";
 constexpr const char* kReading = "cannot read the stored records";
 constexpr const char* kOpening = "cannot open the log store";
-
-/// Looks before anything is written: a file that is not ours stays as it is.
-/// @return the layout of the file; 0 of a new one.
-std::int64_t checkLayout(sqlite3& database, const std::string& path) {
-    const std::int64_t objects = Sentrel::queryInteger(database, "SELECT count(*) FROM sqlite_schema");
-    const std::int64_t application = Sentrel::queryInteger(database, "PRAGMA application_id");
-    const std::int64_t version = Sentrel::queryInteger(database, "PRAGMA user_version");
-    if (objects == 0 && application == 0 && version == 0) {
-        return 0;
-    }
-    if (application != kApplicationId) {
-        throw storeTrouble(kOpening, explainForeign(path));
-    }
-    if (version > kSchemaVersion) {
-        throw storeTrouble(kOpening, explainNewer(path, version));
-    }
-    if (version < 1) {
-        throw storeTrouble(kOpening, explainForeign(path));
-    }
-    return version;
-}
-
-/// Gives the file this layout, in one transaction: another program, or this one after a crash, meets the old layout or
-/// the new one. The records stay as they are.
-void bringUpToDate(sqlite3& database, std::int64_t version) {
-    if (version == kSchemaVersion) {
-        return;
-    }
-    Sentrel::WriteTransaction transaction(database);
-    if (version == 0) {
-        Sentrel::execute(database, kSchema);
-    }
-    for (auto next = static_cast<std::size_t>(std::max<std::int64_t>(version, 1)); next < kSchemaVersion; ++next) {
-        Sentrel::execute(database, kSteps.at(next - 1));
-    }
-    transaction.commit();
-}
-
-Sentrel::DatabasePtr openStore(const std::string& path) {
-    Sentrel::DatabasePtr database = Sentrel::openDatabase(resolvedDirectory(path));
-    Sentrel::setLockWait(*database, kStoreLockWait);
-    Sentrel::execute(*database, "PRAGMA trusted_schema=OFF; PRAGMA cell_size_check=ON");
-    const std::int64_t version = checkLayout(*database, path);
-    Sentrel::execute(*database, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL");
-    Sentrel::execute(*database, fmt::format("PRAGMA journal_size_limit={}", kKeptWalBytes).c_str());
-    bringUpToDate(*database, version);
-    return database;
-}
 
 } // namespace
 
@@ -158,10 +59,7 @@ Sentrel::DatabasePtr openStore(const std::string& path) {
 /// Threads: one at a time. Owner: the store.
 struct LogStore::Connection {
     Connection(Sentrel::DatabasePtr opened, FileIdentity identity)
-        : database(std::move(opened)), file(identity), insert(*database, kInsert), lastNumber(*database, kLastNumber),
-          noteNumber(*database, kNoteNumber), forgetSenders(*database, kForgetSenders), oldest(*database, kOldest),
-          remove(*database, kDelete), total(*database, kTotal), dataVersion(*database, kDataVersion),
-          first(*database, kFirst), last(*database, kLast) {}
+        : database(std::move(opened)), file(identity), rows(*database) {}
 
     void noteWal(const std::string& path) {
         if (const auto found = regularFileAt(walOf(path)); found && !wal) {
@@ -169,93 +67,25 @@ struct LogStore::Connection {
         }
     }
 
-    std::uint64_t countBytes();
-    std::uint64_t bytesInTransaction();
-    std::uint64_t removeOldest();
-    std::uint64_t insertOne(const LogRecord& record, std::int64_t now);
-    std::uint64_t lastNumberOf(std::uint64_t instance);
-    void note(const RecordNumber& number, std::uint64_t id);
+    /// The book, for a transaction that has begun. The caller puts it back when it has committed; otherwise the rows
+    /// are counted again.
+    MinuteBook takeBook() {
+        const std::int64_t current = rows.dataVersion();
+        if (!book || current != countedVersion) {
+            countedVersion = current;
+            book.reset();
+            return rows.count();
+        }
+        return *std::exchange(book, std::nullopt);
+    }
 
     Sentrel::DatabasePtr database;
     FileIdentity file;
     std::optional<FileIdentity> wal; ///< known from the first commit on at the latest
-    std::optional<std::uint64_t> totalBytes;
-    std::int64_t countedVersion = 0; ///< of the file, when totalBytes was counted
-    Sentrel::Statement insert;
-    Sentrel::Statement lastNumber;
-    Sentrel::Statement noteNumber;
-    Sentrel::Statement forgetSenders;
-    Sentrel::Statement oldest;
-    Sentrel::Statement remove;
-    Sentrel::Statement total;
-    Sentrel::Statement dataVersion;
-    Sentrel::Statement first;
-    Sentrel::Statement last;
+    LogRows rows;
+    std::optional<MinuteBook> book;
+    std::int64_t countedVersion = 0; ///< of the file, when the book was made
 };
-
-std::uint64_t LogStore::Connection::countBytes() {
-    Sentrel::StatementUse count(total);
-    count->step();
-    const auto records = static_cast<std::uint64_t>(count->integer(0));
-    return static_cast<std::uint64_t>(count->integer(1)) + records * kRecordOverheadBytes;
-}
-
-std::uint64_t LogStore::Connection::bytesInTransaction() {
-    Sentrel::StatementUse version(dataVersion);
-    version->step();
-    const std::int64_t current = version->integer(0);
-    if (!totalBytes || current != countedVersion) {
-        totalBytes = countBytes();
-        countedVersion = current;
-    }
-    return *totalBytes;
-}
-
-/// @return what the record had cost; 0 when there is none left.
-std::uint64_t LogStore::Connection::removeOldest() {
-    Sentrel::StatementUse find(oldest);
-    if (!find->step()) {
-        return 0;
-    }
-    const std::uint64_t freed = cost(static_cast<std::uint64_t>(find->integer(1)));
-    Sentrel::StatementUse erase(remove);
-    erase->bind(1, find->integer(0));
-    erase->step();
-    return freed;
-}
-
-std::uint64_t LogStore::Connection::insertOne(const LogRecord& record, std::int64_t now) {
-    Sentrel::StatementUse add(insert);
-    add->bind(1, now);
-    add->bind(2, std::int64_t{record.source});
-    add->bind(3, std::int64_t{record.type});
-    add->bind(4, record.text);
-    add->bind(5, record.detail);
-    add->bind(6, std::int64_t{record.count});
-    add->step();
-    return static_cast<std::uint64_t>(Sentrel::lastInsertedRow(*database));
-}
-
-/// The number of the last record of a sender that was stored; 0 when none is remembered.
-std::uint64_t LogStore::Connection::lastNumberOf(std::uint64_t instance) {
-    Sentrel::StatementUse find(lastNumber);
-    find->bind(1, static_cast<std::int64_t>(instance));
-    return find->step() ? static_cast<std::uint64_t>(find->integer(0)) : 0;
-}
-
-void LogStore::Connection::note(const RecordNumber& number, std::uint64_t id) {
-    const bool isNew = lastNumberOf(number.instance) == 0;
-    Sentrel::StatementUse noted(noteNumber);
-    noted->bind(1, static_cast<std::int64_t>(number.instance));
-    noted->bind(2, static_cast<std::int64_t>(number.number));
-    noted->bind(3, static_cast<std::int64_t>(id));
-    noted->step();
-    if (isNew) {
-        Sentrel::StatementUse forget(forgetSenders);
-        forget->bind(1, kMaxInstances);
-        forget->step();
-    }
-}
 
 LogStore::LogStore(std::string path, std::uint64_t limitBytes) : m_path(std::move(path)), m_limitBytes(limitBytes) {}
 
@@ -303,7 +133,7 @@ std::vector<StoredRecord> LogStore::read(std::uint64_t after, std::uint32_t limi
     }
     try {
         openFile();
-        return select(after, limit, newest);
+        return m_connection->rows.read(after, limit, newest);
     } catch (const Sentrel::DatabaseError& error) {
         fail(kReading, error);
     }
@@ -330,7 +160,7 @@ void LogStore::openFile() {
     }
     try {
         const FileIdentity file = makeStoreFile(m_path);
-        m_connection = std::make_unique<Connection>(openStore(m_path), file);
+        m_connection = std::make_unique<Connection>(openLogFile(m_path), file);
         m_connection->noteWal(m_path);
     } catch (const std::system_error& error) {
         throw storeTrouble(kOpening, explainFile(m_path, error.code().value()));
@@ -368,53 +198,32 @@ std::vector<std::uint64_t> LogStore::write(std::span<const LogRecord> records) {
         }
     }
     Sentrel::WriteTransaction transaction(*store.database);
-    std::uint64_t total = store.bytesInTransaction();
+    MinuteBook book = store.takeBook();
     const std::int64_t now = microsecondsNow();
     std::vector<std::uint64_t> ids;
     ids.reserve(records.size());
     for (const LogRecord& record : records) {
         // Asked inside the transaction: the first sending of a record may stand in this very batch.
-        if (record.number && record.number->number <= store.lastNumberOf(record.number->instance)) {
+        if (record.number && record.number->number <= store.rows.lastNumberOf(record.number->instance)) {
             ids.push_back(bus::kAlreadyStored);
             continue;
         }
+        const LogRow row = rowOf(record);
+        const std::uint64_t bytes = row.cost(record);
         // Room is made first, so that the new record goes into pages that the old ones leave.
-        while (total + cost(record) > m_limitBytes) {
-            const std::uint64_t freed = store.removeOldest();
-            total = freed == 0 ? 0 : total - std::min(total, freed);
+        while (book.totalBytes() + bytes > m_limitBytes && !book.isEmpty()) {
+            store.rows.makeRoom(book);
         }
-        ids.push_back(store.insertOne(record, now));
+        ids.push_back(store.rows.insert(record, row, now));
         if (record.number) {
-            store.note(*record.number, ids.back());
+            store.rows.noteNumber(*record.number, ids.back());
         }
-        total += cost(record);
+        book.add(MinuteBook::minuteOf(now), bytes, 1, row.kind ? 1 : 0);
     }
     transaction.commit();
-    store.totalBytes = total;
+    store.book = std::move(book);
     store.noteWal(m_path);
     return ids;
-}
-
-std::vector<StoredRecord> LogStore::select(std::uint64_t after, std::uint32_t limit, bool newest) {
-    constexpr auto lastId = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-    Sentrel::StatementUse rows(newest ? m_connection->last : m_connection->first);
-    rows->bind(1, static_cast<std::int64_t>(std::min(after, lastId)));
-    rows->bind(2, std::int64_t{std::min(limit, kMaxReadRecords)});
-    rows->bind(3, static_cast<std::int64_t>(bus::kMaxTextBytes));
-    std::vector<StoredRecord> records;
-    std::size_t bytes = 0;
-    while (rows->step()) {
-        StoredRecord record = rowOf(*rows.operator->());
-        bytes += record.text.size() + record.detail.size();
-        if (bytes > kMaxReadBytes && !records.empty()) {
-            break;
-        }
-        records.push_back(std::move(record));
-    }
-    if (newest) {
-        std::reverse(records.begin(), records.end());
-    }
-    return records;
 }
 
 void LogStore::fail(const std::string& doing, const Sentrel::DatabaseError& error) {

@@ -68,9 +68,13 @@ private:
 /// to, moved or deleted. When the file is taken away or replaced, the records go on in the file that is at the path
 /// from then on, and the old one's write-ahead log is kept beside it under the ending "-wal.orphan".
 ///
-/// Bound: the records count with their texts and kRecordOverheadBytes each, and together never exceed the limit; the
-/// oldest go first. Pages hold at least half of what they could, so the file stays below twice the limit and 1 MiB;
-/// the write-ahead log beside it stays below kMaxWalBytes and one batch. The file does not shrink by itself.
+/// The texts are packed where that makes them smaller (base/PackedText.h), and come back as they were.
+///
+/// Bound: the records count with their stored texts and kRecordOverheadBytes each, and together never exceed the limit.
+/// What goes first stands in the minute that has the most: reports of like kind (site, process, action) are merged into
+/// the newest of them, which gets the sum of their counts; then the oldest go. Pages hold at least half of what they
+/// could, so the file stays below twice the limit and 1 MiB; the write-ahead log beside it stays below kMaxWalBytes and
+/// one batch. The file does not shrink by itself.
 ///
 /// The last number is remembered of the kMaxInstances senders that stored last.
 ///
@@ -109,7 +113,6 @@ private:
     void leaveFile();
     void close() noexcept;
     std::vector<std::uint64_t> write(std::span<const LogRecord> records);
-    std::vector<StoredRecord> select(std::uint64_t after, std::uint32_t limit, bool newest);
     [[noreturn]] void fail(const std::string& doing, const Sentrel::DatabaseError& error);
 
     // Constant after construction.

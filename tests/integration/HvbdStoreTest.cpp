@@ -8,11 +8,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <map>
 #include <mutex>
+#include <random>
 #include <sstream>
 #include <thread>
 
@@ -175,7 +177,7 @@ TEST_F(AHubsStore, StoresRecordsThatArriveTogetherInOneTransaction) {
 TEST_F(AHubsStore, IsReadableFromOutsideAndHasTheDocumentedLayout) {
     start();
     client().log(L"aé", L"b");
-    EXPECT_EQ(sqlite("PRAGMA application_id; PRAGMA user_version; PRAGMA journal_mode"), "1213612620\n2\nwal\n");
+    EXPECT_EQ(sqlite("PRAGMA application_id; PRAGMA user_version; PRAGMA journal_mode"), "1213612620\n3\nwal\n");
     EXPECT_EQ(
         sqlite("SELECT id, source, type, hex(text), hex(detail), count, typeof(text), typeof(stored_at) FROM log"),
         "1|7|8|61000000E9000000|62000000|1|blob|integer\n");
@@ -187,7 +189,9 @@ TEST_F(AHubsStore, IsReadableFromOutsideAndHasTheDocumentedLayout) {
 TEST_F(AHubsStore, DropsTheOldestRecordsAtItsLimit) {
     start({"--log-limit-mib", "1"});
     HubClient sender = client();
-    const std::wstring text(50'000, L'x'); // 200 kB: five of these fit
+    std::mt19937 random(7);
+    std::wstring text(50'000, L'x'); // 200 kB that get no smaller: five of these fit
+    std::generate(text.begin(), text.end(), [&] { return static_cast<wchar_t>(random()); });
     for (int i = 0; i < 12; ++i) {
         sender.log(text);
     }

@@ -6,13 +6,16 @@
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "tests/support/Files.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/unit/hvbd/ReportTexts.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -22,6 +25,14 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr std::uint64_t kMebibyte = std::uint64_t{1} << 20;
+
+/// Bytes that cannot be stored in fewer.
+std::string noise(std::size_t size) {
+    std::mt19937 random(7);
+    std::string bytes(size, '\0');
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
+    return bytes;
+}
 
 class ALogStore : public testing::Test {
 protected:
@@ -64,6 +75,35 @@ protected:
         const LogRecord record{7, 8, "numbered", "", 1, RecordNumber{instance, number}};
         return store.append({&record, 1}).front();
     }
+
+    /// Stores a report. @return its id.
+    std::uint64_t report(const std::wstring& site, const std::wstring& page) {
+        const hvbd_tests::ReportTexts texts = hvbd_tests::reportOf(site, page);
+        return add(texts.text, texts.detail);
+    }
+
+    /// Stores reports of one page each on as many sites, a hundred in a batch.
+    void reportMany(const std::wstring& site, int count) {
+        constexpr int batch = 100;
+        for (int begin = 0; begin < count; begin += batch) {
+            std::vector<hvbd_tests::ReportTexts> texts;
+            for (int i = begin; i < std::min(begin + batch, count); ++i) {
+                texts.push_back(hvbd_tests::reportOf(site + std::to_wstring(i) + L".example", L"page"));
+            }
+            std::vector<LogRecord> records;
+            for (const auto& one : texts) {
+                records.push_back({7, 8, one.text, one.detail, 1});
+            }
+            store.append(records);
+        }
+    }
+
+    /// Lets the records that there are have been stored so many minutes ago.
+    void age(int minutes) {
+        outside(("UPDATE log SET stored_at = stored_at - " + std::to_string(minutes) + " * 60000000").c_str());
+    }
+
+    std::int64_t number(const char* sql) const { return Sentrel::queryInteger(*Sentrel::openDatabase(path), sql); }
 
     /// Runs SQL as another program would, on a connection of its own.
     void outside(const char* sql) { Sentrel::execute(*Sentrel::openDatabase(path), sql); }
@@ -129,6 +169,96 @@ TEST_F(ALogStore, RemembersOnlyTheInstancesThatStoredLast) {
     EXPECT_EQ(Sentrel::queryInteger(*Sentrel::openDatabase(path), "SELECT count(*) FROM sender"), kMaxInstances);
     EXPECT_EQ(addNumbered(1, 2), HVB::bus::kAlreadyStored) << "the first instance, which stored again";
     EXPECT_NE(addNumbered(2, 1), HVB::bus::kAlreadyStored) << "the one that has been silent for longest";
+}
+
+TEST_F(ALogStore, GivesAReportBackAsItCame) {
+    const hvbd_tests::ReportTexts odd =
+        hvbd_tests::reportOf(L"host.example", {L'/', static_cast<wchar_t>(0xFFFFFFC3), L'\x20AC'});
+    const hvbd_tests::ReportTexts plain = hvbd_tests::reportOf(L"host.example", L"page");
+    add(odd.text, odd.detail);
+    add(plain.text, plain.detail);
+    add("", plain.detail);
+    add(plain.detail, "");
+    const auto records = store.read(0, 10, false);
+    ASSERT_EQ(records.size(), 4U);
+    EXPECT_EQ(records[0].text, odd.text);
+    EXPECT_EQ(records[0].detail, odd.detail);
+    EXPECT_EQ(records[1].text, plain.text);
+    EXPECT_EQ(records[1].detail, plain.detail);
+    EXPECT_EQ(records[2].text, "");
+    EXPECT_EQ(records[2].detail, plain.detail);
+    EXPECT_EQ(records[3].text, plain.detail);
+}
+
+TEST_F(ALogStore, TakesASixthOfAReportsBytes) {
+    std::size_t bytes = 0;
+    for (int i = 0; i < 100; ++i) {
+        const std::wstring page = L"news/2026/11/" + std::to_wstring(i * 7919) + L".html?session=" + std::to_wstring(i);
+        report(L"site" + std::to_wstring(i) + L".example", page);
+        const hvbd_tests::ReportTexts texts = hvbd_tests::reportOf(L"site" + std::to_wstring(i) + L".example", page);
+        bytes += texts.text.size() + texts.detail.size() + kRecordOverheadBytes;
+    }
+    EXPECT_LT(number("SELECT sum(length(text) + length(detail) + 64) FROM log"), static_cast<std::int64_t>(bytes / 6));
+    Sentrel::emptyWriteAheadLog(*Sentrel::openDatabase(path));
+    EXPECT_LT(fs::file_size(path), bytes / 4) << "and the file is as much smaller, but for its first pages";
+}
+
+TEST_F(ALogStore, PassesOverARowThatIsNoPackedText) {
+    report(L"host.example", L"one");
+    report(L"host.example", L"two");
+    report(L"host.example", L"three");
+    outside("UPDATE log SET text = CAST('d' AS BLOB) WHERE id = 1; UPDATE log SET packed = 999999999 WHERE id = 2");
+    EXPECT_EQ(ids(0, 1), std::vector<std::uint64_t>{3});
+    EXPECT_EQ(ids(0, 1, true), std::vector<std::uint64_t>{3});
+}
+
+/// Each report of the flood is of another site: nothing is alike.
+TEST_F(ALogStore, KeepsTheReportsOfAQuietHourThroughAFlood) {
+    for (int i = 0; i < 20; ++i) {
+        report(L"honest" + std::to_wstring(i) + L".example", L"page");
+        age(3);
+    }
+    reportMany(L"flood", 3000);
+    const auto left = idsInFile();
+    ASSERT_GT(left.size(), 1000U);
+    EXPECT_LT(left.size(), 2500U) << "the limit was reached";
+    for (std::uint64_t honest = 1; honest <= 20; ++honest) {
+        EXPECT_EQ(left[honest - 1], honest);
+    }
+    EXPECT_EQ(left.back(), 3020U) << "the newest is there";
+}
+
+TEST_F(ALogStore, MergesReportsOfLikeKindIntoTheNewestWithTheSumOfTheirCounts) {
+    LogStore small(path, 20'000);
+    const auto append = [&](const std::wstring& site, int page) {
+        const hvbd_tests::ReportTexts texts = hvbd_tests::reportOf(site, std::to_wstring(page));
+        const LogRecord record{7, 8, texts.text, texts.detail, 1};
+        small.append({&record, 1});
+    };
+    append(L"honest.example", 1);
+    int flood = 0;
+    while (number("SELECT max(count) FROM log") == 1) {
+        append(L"flood.example", ++flood);
+    }
+    EXPECT_EQ(number("SELECT count(*) FROM log WHERE id = 1 AND count = 1"), 1) << "another kind stays as it is";
+    EXPECT_EQ(number("SELECT sum(count) FROM log"), flood + 1) << "no report goes uncounted";
+    EXPECT_EQ(number("SELECT count(*) FROM log"), 3) << "the merged ones, and the one that needed the room";
+    EXPECT_EQ(number("SELECT max(id) FROM log"), flood + 1);
+    const auto records = store.read(0, 10, false);
+    EXPECT_EQ(records.back().detail, hvbd_tests::reportOf(L"flood.example", std::to_wstring(flood)).detail);
+}
+
+TEST_F(ALogStore, KeepsTheCountOfMergedReportsWithinItsType) {
+    report(L"flood.example", L"page");
+    report(L"flood.example", L"page");
+    outside("UPDATE log SET count = 2147483647");
+    LogStore small(path, 10'000);
+    const hvbd_tests::ReportTexts texts = hvbd_tests::reportOf(L"flood.example", L"page");
+    const LogRecord record{7, 8, texts.text, texts.detail, 1};
+    while (number("SELECT count(*) FROM log WHERE id = 1") == 1) {
+        small.append({&record, 1});
+    }
+    EXPECT_EQ(number("SELECT max(count) FROM log"), 2147483647);
 }
 
 TEST_F(ALogStore, TakesAStoreOfTheFirstLayoutOver) {
@@ -205,7 +335,7 @@ TEST_F(ALogStore, KeepsEveryRecordAcrossALimitThatIsNotReached) {
 
 TEST_F(ALogStore, DropsTheOldestRecordsWhenTheLimitIsReachedAndNoOthers) {
     // Four of these just fit, with what each costs beside its texts.
-    const std::string quarter(kMebibyte / 4 - kRecordOverheadBytes, 'x');
+    const std::string quarter = noise(kMebibyte / 4 - kRecordOverheadBytes);
     for (int i = 0; i < 4; ++i) {
         add(quarter);
     }
@@ -225,7 +355,7 @@ TEST_F(ALogStore, NeverGivesAnIdTwiceEvenWhenTheNewestRecordWasDeletedByHand) {
 
 TEST_F(ALogStore, KeepsTheNewestRecordThoughItFillsTheLimitAlone) {
     add("x");
-    add(std::string(kMebibyte - kRecordOverheadBytes, 'x'));
+    add(noise(kMebibyte - kRecordOverheadBytes));
     EXPECT_EQ(idsInFile(), std::vector<std::uint64_t>{2});
 }
 
@@ -244,7 +374,7 @@ TEST_F(ALogStore, RefusesARecordThatIsLargerThanTheLimitAndSaysSo) {
 
 /// What the header promises: below twice the limit and 1 MiB.
 TEST_F(ALogStore, KeepsItsFilesBoundedWithRecordsOfEverySize) {
-    const std::string text(70'000, 'x');
+    const std::string text = noise(70'000);
     std::uint64_t given = 0;
     while (given < 20 * kMebibyte) {
         // Sizes that fill pages badly are among them: just above half a page, and just above a whole one.
@@ -260,7 +390,7 @@ TEST_F(ALogStore, KeepsItsFilesBoundedWithRecordsOfEverySize) {
 }
 
 TEST_F(ALogStore, KeepsItsFileBoundedWithRecordsThatFillEachPageByHalf) {
-    const std::string text(2040, 'x');
+    const std::string text = noise(2040);
     const std::vector<LogRecord> batch(50, LogRecord{7, 8, text, "", 1});
     for (std::uint64_t given = 0; given < 6 * kMebibyte; given += batch.size() * text.size()) {
         store.append(batch);
@@ -269,7 +399,7 @@ TEST_F(ALogStore, KeepsItsFileBoundedWithRecordsThatFillEachPageByHalf) {
 }
 
 TEST_F(ALogStore, CountsAgainWhenAnotherProgramDeletedRecords) {
-    const std::string half(kMebibyte / 2 - kRecordOverheadBytes, 'x');
+    const std::string half = noise(kMebibyte / 2 - kRecordOverheadBytes);
     add(half);
     add(half);
     outside("DELETE FROM log WHERE id = 1");
@@ -440,7 +570,7 @@ TEST_F(ALogStore, SaysThatItsDirectoryIsMissing) {
 
 TEST_F(ALogStore, RefusesRecordsRatherThanLetAReaderWithoutEndFillTheDisk) {
     LogStore large(path, 8 * kMebibyte);
-    const std::string text(4 * kMebibyte, 'x');
+    const std::string text = noise(4 * kMebibyte);
     const LogRecord record{7, 8, text, "", 1};
     large.append({&record, 1});
     std::string message;

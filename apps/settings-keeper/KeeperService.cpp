@@ -64,6 +64,9 @@ std::pair<SnapshotState, std::string> textToHandIn(const SettingsSnapshot& snaps
 const sd_bus_vtable KeeperService::kVtable[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD(bus::kReadNowMember, "", "", &KeeperService::onReadNow, SD_BUS_VTABLE_UNPRIVILEGED),
+    SD_BUS_METHOD_WITH_NAMES(bus::kNoteReplacementMember, bus::kNoteReplacementSignature,
+                             SD_BUS_PARAM(list) SD_BUS_PARAM(rows), "", "", &KeeperService::onNoteReplacement,
+                             SD_BUS_VTABLE_UNPRIVILEGED),
     SD_BUS_VTABLE_END,
 };
 
@@ -121,6 +124,7 @@ void KeeperService::connected(sd_bus& bus) {
 void KeeperService::lost() noexcept {
     m_handing.reset();
     m_questions.clear();
+    m_noter.reset();
     m_slots.clear();
     m_sent.reset();
     m_bus = nullptr;
@@ -178,6 +182,42 @@ int KeeperService::onReadNow(sd_bus_message* call, void* self, sd_bus_error* err
         keeper.update();
     });
     return 1;
+}
+
+int KeeperService::onNoteReplacement(sd_bus_message* call, void* self, sd_bus_error* error) {
+    auto& keeper = *static_cast<KeeperService*>(self);
+    const char* list = nullptr;
+    std::uint64_t rows = 0;
+    const int read = sd_bus_message_read(call, bus::kNoteReplacementSignature, &list, &rows);
+    const std::string_view name = read > 0 ? list : "?";
+    if (!name.empty() && name != "allow_block" && name != "categories" && name != "private_ranges") {
+        return sd_bus_error_set(error, bus::kErrorBadMessage, "the note names no list of the settings");
+    }
+    keeper.guarded("a note", [&] { keeper.takeNote(*call, std::string(name), rows); });
+    return sd_bus_reply_method_return(call, "");
+}
+
+/// The last note counts, until it is taken back or its sender leaves the bus.
+void KeeperService::takeNote(sd_bus_message& call, const std::string& list, std::uint64_t rows) {
+    m_noter.reset();
+    std::optional<settings::Replacement> note;
+    if (!list.empty()) {
+        sd_bus_track* track = nullptr;
+        bus::check(sd_bus_track_new(m_bus, &track, onNoterGone, this), "cannot watch who sent a note");
+        m_noter.reset(track);
+        bus::check(sd_bus_track_add_sender(track, &call), "cannot watch who sent a note");
+        note = settings::Replacement{list, rows, 0};
+    }
+    m_watch.note(std::move(note), steady_clock::now());
+    update();
+}
+
+int KeeperService::onNoterGone(sd_bus_track* /*track*/, void* self) {
+    auto& keeper = *static_cast<KeeperService*>(self);
+    return keeper.guarded("the end of a note", [&] {
+        keeper.m_watch.note(std::nullopt, steady_clock::now());
+        keeper.update();
+    });
 }
 
 /// Does what follows from a look.

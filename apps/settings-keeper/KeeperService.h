@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -37,6 +38,9 @@ public:
 private:
     using Time = SettingsWatch::Time;
 
+    struct UnrefTrack {
+        void operator()(sd_bus_track* track) const noexcept { sd_bus_track_unref(track); }
+    };
     struct Question {
         HVB::bus::MessagePtr call;
         Time until; ///< then it is answered with what there is
@@ -44,6 +48,8 @@ private:
 
     static const sd_bus_vtable kVtable[];
     static int onReadNow(sd_bus_message* call, void* self, sd_bus_error* error);
+    static int onNoteReplacement(sd_bus_message* call, void* self, sd_bus_error* error);
+    static int onNoterGone(sd_bus_track* track, void* self);
     static int onEvent(sd_bus_message* signal, void* self, sd_bus_error* error);
     static int onOwnerChanged(sd_bus_message* signal, void* self, sd_bus_error* error);
     static int onHandedIn(sd_bus_message* reply, void* self, sd_bus_error* error);
@@ -52,6 +58,7 @@ private:
     template <class Body>
     int guarded(const char* doing, Body&& body) noexcept;
 
+    void takeNote(sd_bus_message& call, const std::string& list, std::uint64_t rows);
     void takeOwnerChange(sd_bus_message& signal);
     void update();
     void setTimer();
@@ -75,7 +82,8 @@ private:
     std::optional<std::uint64_t> m_sent; ///< the last revision that went out on this connection
     std::optional<Time> m_handInAgainAt; ///< after hvbd refused one
     std::vector<Question> m_questions;
-    std::string m_told; ///< the state that was told last
+    std::unique_ptr<sd_bus_track, UnrefTrack> m_noter; ///< who said that it replaces a list
+    std::string m_told;                                ///< the state that was told last
 };
 
 } // namespace Sentrel::keeper

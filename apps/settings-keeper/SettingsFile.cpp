@@ -173,6 +173,13 @@ void SettingsFile::readLists(SettingsSnapshot& into) {
     into.privateRanges = std::move(lists.privateRanges);
 }
 
+std::uint64_t SettingsFile::rowsOf(std::string_view list) {
+    const char* const sql = list == "allow_block"  ? "select count(*) from allowblocksettings"
+                            : list == "categories" ? "select count(*) from catblockinginfo"
+                                                   : "select count(*) from privateIPRange";
+    return static_cast<std::uint64_t>(queryInteger(*m_database, sql));
+}
+
 std::string SettingsFile::check() {
     Statement check(*m_database, "PRAGMA quick_check(1)");
     const std::string words = check.step() ? std::string(check.bytes(0)) : "no answer";

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace Sentrel::keeper {
 
@@ -30,6 +31,9 @@ public:
     void readSingles(settings::SettingsSnapshot& into);
     /// Reads the three lists, as they were at one time. The rest of @p into stays. @throws DatabaseError
     void readLists(settings::SettingsSnapshot& into);
+
+    /// How many rows @p list has: "allow_block", "categories" or "private_ranges". @throws DatabaseError
+    std::uint64_t rowsOf(std::string_view list);
 
     /// Looks at every page. @return the first trouble in SQLite's words; empty when there is none. @throws
     /// DatabaseError

@@ -207,6 +207,7 @@ void SettingsWatch::settle(bool isShort) {
     m_isJustOpened = false;
     m_isTold = false;
     m_failures = 0;
+    m_note.reset();
 }
 
 void SettingsWatch::serve(SettingsSnapshot&& next) {
@@ -238,7 +239,27 @@ void SettingsWatch::look(Time now) {
         if (m_isPending && !m_isJustOpened && !m_snapshot->isChanging && isLong) {
             setChanging(!areListsServed());
         }
+        followReplacement();
     });
+}
+
+/// How far the list is that somebody replaces. A note without a change says nothing yet.
+void SettingsWatch::followReplacement() {
+    if (!m_snapshot || m_isJustOpened) {
+        return;
+    }
+    std::optional<settings::Replacement> next;
+    if (m_note && m_isPending) {
+        next = *m_note;
+        next->stored = m_file->rowsOf(next->list);
+    }
+    m_revision += m_snapshot->replacement != next ? 1U : 0U;
+    m_snapshot->replacement = next;
+}
+
+void SettingsWatch::note(std::optional<settings::Replacement> replacement, Time now) {
+    m_note = std::move(replacement);
+    look(now);
 }
 
 void SettingsWatch::daemonTold(Time now) {

@@ -47,6 +47,9 @@ public:
     void daemonChanged(Time now);
     /// Looks whether the lists are as the snapshot has them, without waiting. @return isSettled
     bool compare(Time now);
+    /// Somebody replaces a list that will have so many rows. While it changes the snapshot says how far it is. The note
+    /// ends with none, or when the list is whole.
+    void note(std::optional<settings::Replacement> replacement, Time now);
     /// Looks at every page, when it is time for that.
     void checkWhenDue(Time now);
 
@@ -74,6 +77,7 @@ private:
     void readSingles();
     bool areListsServed();
     void setChanging(bool isChanging);
+    void followReplacement();
     void settle(bool isShort);
     void serve(settings::SettingsSnapshot&& next);
     void noteFailure(const DatabaseError& error, Time now);
@@ -86,7 +90,8 @@ private:
     std::optional<SettingsFile> m_file; ///< open only while held
     std::optional<settings::SettingsSnapshot> m_snapshot;
     std::uint64_t m_revision = 0;
-    settings::SettingsSnapshot m_singles; ///< as last read; its lists are empty
+    std::optional<settings::Replacement> m_note; ///< its rows are counted for the snapshot's
+    settings::SettingsSnapshot m_singles;        ///< as last read; its lists are empty
     std::string m_trouble;
     std::int64_t m_version = 0;
     bool m_isPending = false;    ///< the lists may be others than the snapshot's

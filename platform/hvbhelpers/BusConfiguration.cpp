@@ -152,6 +152,7 @@ void writeAdministrators(Writer& out, const std::string& group) {
         out.allowCall(kHubName, kHubInterface, member);
     }
     out.allowCall(moduleName(MODULE_SENTREL), kModuleInterface, kHealthCheckMember);
+    out.allowCall(kKeeperName, kKeeperInterface, kNoteReplacementMember);
     out.close();
 }
 

@@ -110,6 +110,10 @@ inline constexpr const char* kKeeperPath = "/com/orvanta/hvb1/SettingsKeeper";
 inline constexpr const char* kKeeperInterface = "com.orvanta.hvb1.SettingsKeeper";
 // ReadNow: nothing → nothing, when the hub has what the file held when this was called, or later.
 inline constexpr const char* kReadNowMember = "ReadNow";
+// NoteReplacement: list ("allow_block", "categories", "private_ranges"; empty: no note any more), rows that there will
+// be → nothing.
+inline constexpr const char* kNoteReplacementMember = "NoteReplacement";
+inline constexpr const char* kNoteReplacementSignature = "st";
 
 // What a sender learns when it gets no ordinary reply.
 inline constexpr const char* kErrorUnknownCommand = "com.orvanta.hvb1.Error.UnknownCommand"; ///< the handler gave false

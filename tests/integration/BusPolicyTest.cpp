@@ -294,6 +294,12 @@ TEST_F(TheBusPolicy, LetsOnlyTheHubAndRootAskTheSettingsKeeper) {
     EXPECT_EQ(asDaemon(ask), refused);
     EXPECT_EQ(asHub(ask), "ok");
     EXPECT_EQ(ask(), "ok") << "by root";
+    const auto note = [&] {
+        return callWithoutArguments(m_socket, kKeeperName, kKeeperPath, kKeeperInterface, kNoteReplacementMember);
+    };
+    EXPECT_EQ(asNobody(note), refused);
+    EXPECT_EQ(asAdministrator(note), "ok");
+    EXPECT_EQ(note(), "ok") << "by root";
 }
 
 class AnEventOnTheBus : public TheBusPolicy, public testing::WithParamInterface<int> {};

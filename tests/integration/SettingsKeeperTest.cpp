@@ -135,6 +135,30 @@ TEST_F(ASettingsKeeper, ServesAListThatIsReplacedAsItLastWas) {
     expectServes("one", rows);
 }
 
+TEST_F(ASettingsKeeper, TellsHowFarAListIsUntilWhoReplacesItLeaves) {
+    setUrls("one", 3);
+    expectServes("one", 3);
+    const auto note = [](sd_bus& bus, const char* list, std::uint64_t rows) {
+        const auto request = HVB::bus::newCall(bus, HVB::bus::kKeeperName, HVB::bus::kKeeperPath,
+                                               HVB::bus::kKeeperInterface, HVB::bus::kNoteReplacementMember);
+        HVB::bus::check(sd_bus_message_append(request.get(), "st", list, rows), "append");
+        static_cast<void>(HVB::bus::call(bus, *request, patience()));
+    };
+    HVB::bus::BusPtr noter = HVB::bus::openBus(socketPath, patience());
+    EXPECT_THROW(note(*noter, "others", 1), HVB::bus::CallError);
+    note(*noter, "allow_block", 1000);
+    const auto isTold = [this](bool told) {
+        return eventually([&] { return servedSettings(socketPath).snapshot.replacement.has_value() == told; });
+    };
+    // A row of a list that nobody tells the end of.
+    ASSERT_EQ(machine.sql("insert into allowblocksettings values ('http://two.example/', 1)"), "");
+    ASSERT_TRUE(isTold(true));
+    EXPECT_EQ(servedSettings(socketPath).snapshot.replacement, (settings::Replacement{"allow_block", 1000, 4}));
+    noter.reset();
+    EXPECT_TRUE(isTold(false));
+    EXPECT_EQ(servedSettings(socketPath).snapshot.allowBlock.size(), 3U) << "the change has not rested yet";
+}
+
 TEST_F(ASettingsKeeper, MarksAListAsShortWhenTheDaemonDiedInItsMidst) {
     constexpr int rows = 3000;
     setUrls("one", rows);

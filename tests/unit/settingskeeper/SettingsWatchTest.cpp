@@ -126,6 +126,34 @@ TEST_F(ASettingsWatch, SaysThatAListIsChanging) {
     EXPECT_EQ(urls(), 1U);
 }
 
+TEST_F(ASettingsWatch, TellsHowFarAListIsThatSomebodyReplaces) {
+    m_watch.note(settings::Replacement{"allow_block", 3, 0}, m_now);
+    EXPECT_FALSE(served().replacement) << "nothing has changed yet";
+    dropUrls();
+    addUrl("http://c.example/");
+    pass(kBetweenLooks);
+    EXPECT_EQ(served().replacement, (settings::Replacement{"allow_block", 3, 1}));
+    addUrl("http://d.example/");
+    const std::uint64_t before = m_watch.revision();
+    pass(kBetweenLooks);
+    EXPECT_EQ(served().replacement, (settings::Replacement{"allow_block", 3, 2}));
+    EXPECT_GT(m_watch.revision(), before);
+    addUrl("http://e.example/");
+    m_watch.daemonTold(m_now);
+    pass(kQuietAfterEvent);
+    EXPECT_EQ(served().replacement, std::nullopt);
+    EXPECT_EQ(urls(), 3U);
+}
+
+TEST_F(ASettingsWatch, ForgetsANoteThatIsTakenBack) {
+    m_watch.note(settings::Replacement{"allow_block", 3, 0}, m_now);
+    dropUrls();
+    pass(kBetweenLooks);
+    EXPECT_TRUE(served().replacement);
+    m_watch.note(std::nullopt, m_now);
+    EXPECT_FALSE(served().replacement);
+}
+
 TEST_F(ASettingsWatch, DoesNotTakeASingleValueForAListThatChanges) {
     setNumber("CAT_Enabled", 1);
     m_watch.look(m_now);

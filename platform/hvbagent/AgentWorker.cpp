@@ -12,7 +12,7 @@
 #include "base/StartThread.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
-#include "platform/hvbagent/PropertyDocument.h"
+#include "platform/hvbagent/StoredRows.h"
 
 #include <exception>
 #include <utility>
@@ -97,9 +97,9 @@ void AgentWorker::policyArrived(std::string message) {
 }
 
 void AgentWorker::policyTooLarge(const std::string& sha256, std::size_t bytes) {
-    publishResult({.version = {}, .id = {}, .sha256 = sha256}, {},
-                  "the document: is larger than " + std::to_string(kMaxPolicyBytes) + " bytes, with " +
-                      std::to_string(bytes));
+    std::string why =
+        "the document: is larger than " + std::to_string(kMaxPolicyBytes) + " bytes, with " + std::to_string(bytes);
+    publishResult({.version = {}, .id = {}, .sha256 = sha256}, {{}, std::move(why), {}});
 }
 
 void AgentWorker::collect(bool full) {
@@ -202,42 +202,53 @@ void AgentWorker::enforceSaved() {
     }
 }
 
-bool AgentWorker::enforce() {
+PolicyOutcome AgentWorker::enforce() {
     const bool enforced = callModule(*m_log, "the enforcement of a policy", [this] {
         return enforcement().enforcePolicy(m_settings.softwareId, m_policy.sections());
     });
     m_policy.noteEnforced(enforced);
     collect(true);
-    return enforced;
+    return {enforced, "", enforced ? compare() : std::nullopt};
+}
+
+/// A pass reports success also when the settings file took only a part of a list.
+std::optional<std::size_t> AgentWorker::compare() {
+    const StoredRows rows = compareWithFile(m_policy.sections());
+    if (rows.missing.value_or(0) > 0) {
+        m_log->warning("the policy is in force until the next start: " + std::to_string(*rows.missing) +
+                       " rows of its lists are not stored");
+    } else if (!rows.missing) {
+        m_log->information("whether the policy's lists are stored cannot be seen: " + rows.trouble);
+    }
+    return rows.missing;
 }
 
 void AgentWorker::handlePolicy(const std::string& message) {
     const PolicyDecision decision = m_policy.take(message);
     switch (decision.verdict) {
     case PolicyVerdict::Refused:
-        publishResult(decision.identity, {}, decision.refused);
+        publishResult(decision.identity, {{}, decision.refused, {}});
         return;
     case PolicyVerdict::AlreadyThere:
-        publishResult(decision.identity, true, {});
+        publishResult(decision.identity, {true, "", compare()});
         return;
     case PolicyVerdict::Enforce:
-        publishResult(decision.identity, enforce(), {});
+        publishResult(decision.identity, enforce());
         return;
     }
 }
 
-void AgentWorker::publishResult(const PolicyIdentity& identity, std::optional<bool> enforced,
-                                const std::string& refused) {
+void AgentWorker::publishResult(const PolicyIdentity& identity, const PolicyOutcome& outcome) {
     const std::string name = "policy " + (identity.version ? "version " + std::to_string(*identity.version) : "") +
                              " (SHA-256 " + identity.sha256 + ")";
-    if (!enforced) {
-        m_log->warning(name + " is refused: " + refused);
-    } else if (*enforced) {
+    if (!outcome.enforced) {
+        m_log->warning(name + " is refused: " + outcome.refused);
+    } else if (*outcome.enforced) {
         m_log->information(name + " is enforced");
     } else {
         m_log->warning(name + " is in force, but its enforcement failed");
     }
-    m_outbox->post({m_settings.topics.result(), policyResult(identity, enforced, refused, timeText())});
+    m_outbox->post({m_settings.topics.result(), policyResult(identity, outcome, timeText())});
 }
 
 void AgentWorker::collectNow(bool full) {

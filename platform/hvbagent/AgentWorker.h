@@ -6,6 +6,7 @@
 #include "platform/hvbagent/AgentLog.h"
 #include "platform/hvbagent/Outbox.h"
 #include "platform/hvbagent/PolicyStore.h"
+#include "platform/hvbagent/PropertyDocument.h"
 #include "platform/hvbagent/Topics.h"
 
 #include <chrono>
@@ -80,9 +81,10 @@ private:
     void run(const Collection& wanted) { collectNow(wanted.full); }
     void enforceSaved();
     void handlePolicy(const std::string& message);
-    bool enforce();
+    PolicyOutcome enforce();
+    std::optional<std::size_t> compare();
     void collectNow(bool full);
-    void publishResult(const PolicyIdentity& identity, std::optional<bool> enforced, const std::string& refused);
+    void publishResult(const PolicyIdentity& identity, const PolicyOutcome& outcome);
 
     // constant after construction
     const WorkerSettings m_settings;

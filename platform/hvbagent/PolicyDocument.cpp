@@ -277,4 +277,28 @@ PolicyReading readPolicyMessage(std::string_view message, const std::optional<Pu
     return result;
 }
 
+std::optional<std::wstring> policyValue(const SectionsHandle& document, const Sentrel::policy::PolicyKey& key,
+                                        int index) {
+    using Sentrel::policy::wide;
+    const std::wstring section = wide(key.section);
+    const std::wstring name = wide(Sentrel::policy::nameOf(key, index));
+    PolicySetting setting;
+    setting.m_featureId = wide(key.feature);
+    std::wstring value;
+    const bool found = key.isReadAnywhere ? document.getPropValue(section, name, value)
+                                          : document.getPropValue(setting, section, name, value);
+    return found ? std::optional(std::move(value)) : std::nullopt;
+}
+
+std::optional<int> DocumentValues::number(const Sentrel::policy::PolicyKey& key, int index) const {
+    const auto value = policyValue(m_document, key, index);
+    return value ? std::optional(Sentrel::policy::readNumber(*value).value) : std::nullopt;
+}
+
+std::optional<Sentrel::policy::PolicyText> DocumentValues::text(const Sentrel::policy::PolicyKey& key,
+                                                                int index) const {
+    const auto value = policyValue(m_document, key, index);
+    return value ? std::optional(Sentrel::policy::readText(*value)) : std::nullopt;
+}
+
 } // namespace HVBEnterprise::agent

@@ -5,6 +5,7 @@
 #include "platform/hvbagent/DocumentError.h"
 #include "platform/hvbagent/Encoding.h"
 #include "policy/PolicyLimits.h"
+#include "policy/PolicyValues.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -46,5 +47,21 @@ PolicyReading readPolicyDocument(std::string_view bytes, const PolicyBounds& bou
 /// signature is not looked at.
 PolicyReading readPolicyMessage(std::string_view message, const std::optional<PublicKey>& key,
                                 const PolicyBounds& bounds = {});
+
+/// Looks a key up as a module does. Nothing when it is not there.
+std::optional<std::wstring> policyValue(const SectionsHandle& document, const Sentrel::policy::PolicyKey& key,
+                                        int index = 0);
+
+/// The values of a document, as a module's passes read them. Threads: any. Owner: a local; the document outlives it.
+class DocumentValues : public Sentrel::policy::PolicySource {
+public:
+    explicit DocumentValues(const SectionsHandle& document) : m_document(document) {}
+
+    std::optional<int> number(const Sentrel::policy::PolicyKey& key, int index) const override;
+    std::optional<Sentrel::policy::PolicyText> text(const Sentrel::policy::PolicyKey& key, int index) const override;
+
+private:
+    const SectionsHandle& m_document;
+};
 
 } // namespace HVBEnterprise::agent

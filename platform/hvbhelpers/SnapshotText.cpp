@@ -1,9 +1,9 @@
 #include "platform/hvbhelpers/SnapshotText.h"
 
-#include "platform/hvbhelpers/BusConnection.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <string_view>
 
 namespace HVB::bus {
@@ -53,6 +53,20 @@ void SnapshotText::appendTo(sd_bus_message& message) const {
     const int result = m_file != nullptr ? sd_bus_message_append(&message, "v", "h", m_file->fd())
                                          : sd_bus_message_append(&message, "v", "s", m_text.c_str());
     check(result, "cannot send the text of the settings");
+}
+
+std::string askForSettings(sd_bus& bus, const char* member, bool isFresh, Deadline deadline) {
+    const MessagePtr request = newCall(bus, kHubName, kHubPath, kHubInterface, member);
+    if (member == std::string_view(kSettingsMember)) {
+        check(sd_bus_message_append(request.get(), kSettingsSignature, isFresh ? 1 : 0), "cannot ask for the settings");
+    }
+    const MessagePtr reply = call(bus, *request, deadline);
+    std::uint64_t generation = 0;
+    if (sd_bus_message_has_signature(reply.get(), kSettingsReplySignature) <= 0 ||
+        sd_bus_message_read(reply.get(), "t", &generation) <= 0) {
+        throw HVBException(-EBADMSG, "the hub's answer holds no settings");
+    }
+    return SnapshotText::arrived(*reply).text();
 }
 
 } // namespace HVB::bus

@@ -1,6 +1,7 @@
 // The text of a settings snapshot on its way: in the message, or in a file beside it.
 #pragma once
 
+#include "platform/hvbhelpers/BusConnection.h"
 #include "platform/hvbhelpers/MemoryFile.h"
 
 #include <systemd/sd-bus.h>
@@ -31,5 +32,11 @@ private:
     std::string m_text;
     detail::MemoryFile::Ptr m_file; ///< holds the text when there is one
 };
+
+/// Asks the hub for the settings as one text, whose form is docs/formats.md's.
+/// @param member kSettingsMember, or kLastWholeSettingsMember.
+/// @param isFresh of Settings: whether the file is to be read first, after this was called.
+/// @throws HVBException as call does, and with -EBADMSG for another answer.
+std::string askForSettings(sd_bus& bus, const char* member, bool isFresh, Deadline deadline);
 
 } // namespace HVB::bus

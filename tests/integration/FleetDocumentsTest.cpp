@@ -118,10 +118,10 @@ TEST_F(AFleetDocument, IsWhatTheSchemaSaysWhenTheMachineWritesIt) {
     expectValid("state", agent::stateDocument(true, time));
     expectValid("state", agent::stateDocument(false, time));
     const agent::PolicyReading policy = agent::readPolicyDocument(R"({"version": 3, "id": "x"})");
-    expectValid("policy-result", agent::policyResult(policy.identity, true, "", time));
-    expectValid("policy-result", agent::policyResult(policy.identity, false, "", time));
+    expectValid("policy-result", agent::policyResult(policy.identity, {true, "", 0}, time));
+    expectValid("policy-result", agent::policyResult(policy.identity, {false, "", {}}, time));
     const agent::PolicyReading refused = agent::readPolicyDocument("{");
-    expectValid("policy-result", agent::policyResult(refused.identity, {}, refused.refused, time));
+    expectValid("policy-result", agent::policyResult(refused.identity, {{}, refused.refused, {}}, time));
 }
 
 TEST_F(AFleetDocument, IsRefusedByTheSchemaWhenNoMachineWouldWriteIt) {
@@ -129,7 +129,7 @@ TEST_F(AFleetDocument, IsRefusedByTheSchemaWhenNoMachineWouldWriteIt) {
         {"properties", R"({"time": "2026-01-01T00:00:00.000Z", "full": true, "sections": {"General": {"n": 1}}})"},
         {"state", R"({"state": "asleep", "time": "2026-01-01T00:00:00.000Z"})"},
         {"policy-result",
-         R"({"version": 1, "id": "", "sha256": "", "time": "", "enforced": true, "refused": "both"})"}};
+         R"({"version": 1, "id": "", "sha256": "", "time": "", "enforced": true, "refused": "both", "rows_missing": null})"}};
     for (const auto& [kind, document] : wrong) {
         const std::string path = m_root.file(kind);
         std::ofstream(path, std::ios::binary) << document;

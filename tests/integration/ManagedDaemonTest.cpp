@@ -64,6 +64,21 @@ protected:
     MqttObserver observer{broker.port()};
 };
 
+TEST_F(AManagedMachine, TellsHowManyRowsOfAPolicyAreNotStored) {
+    start();
+    observer.publish(std::string(kTopic) + "policy", policy(1, "bad.example").dump());
+    EXPECT_TRUE(next(observer, "policy/result")["rows_missing"].is_null()) << "there is no keeper who could tell";
+    machine.startKeeper();
+    observer.publish(std::string(kTopic) + "policy", policy(2, "worse.example").dump());
+    EXPECT_EQ(next(observer, "policy/result")["rows_missing"], 0);
+    // Rows that the file does not take, and nobody is told.
+    machine.sql("create trigger t before insert on allowblocksettings begin select raise(ignore); end");
+    observer.publish(std::string(kTopic) + "policy", policy(3, "worst.example").dump());
+    const json result = next(observer, "policy/result");
+    EXPECT_EQ(result["enforced"], true);
+    EXPECT_EQ(result["rows_missing"], 2) << "both sites of the policy";
+}
+
 TEST_F(AManagedMachine, EnforcesStoresAndReportsAPolicy) {
     start();
     PreferenceClient client(machine.bus().socketPath());

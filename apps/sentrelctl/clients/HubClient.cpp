@@ -138,31 +138,20 @@ std::optional<ModuleHealth> HubClient::daemonHealth() {
     return std::nullopt;
 }
 
-settings::SettingsSnapshot HubClient::settingsIn(sd_bus_message& request) {
-    const auto reply = HVB::bus::call(*m_bus, request, deadline());
-    if (sd_bus_message_has_signature(reply.get(), HVB::bus::kSettingsReplySignature) <= 0) {
-        throw HVB::HVBException(-EBADMSG, "the hub's answer holds no settings");
-    }
-    std::uint64_t generation = 0;
-    check(sd_bus_message_read(reply.get(), "t", &generation), "reading the settings");
+settings::SettingsSnapshot HubClient::askForSettings(const char* member, bool isFresh) {
     try {
-        return settings::snapshotOf(HVB::bus::SnapshotText::arrived(*reply).text());
+        return settings::snapshotOf(HVB::bus::askForSettings(*m_bus, member, isFresh, deadline()));
     } catch (const settings::SnapshotError& error) {
         throw HVB::HVBException(-EBADMSG, std::string("the hub's answer holds no settings: ") + error.what());
     }
 }
 
 settings::SettingsSnapshot HubClient::settings(bool isFresh) {
-    const auto request = HVB::bus::newCall(*m_bus, HVB::bus::kHubName, HVB::bus::kHubPath, HVB::bus::kHubInterface,
-                                           HVB::bus::kSettingsMember);
-    check(sd_bus_message_append(request.get(), "b", isFresh ? 1 : 0), "asking for the settings");
-    return settingsIn(*request);
+    return askForSettings(HVB::bus::kSettingsMember, isFresh);
 }
 
 settings::SettingsSnapshot HubClient::lastWholeSettings() {
-    const auto request = HVB::bus::newCall(*m_bus, HVB::bus::kHubName, HVB::bus::kHubPath, HVB::bus::kHubInterface,
-                                           HVB::bus::kLastWholeSettingsMember);
-    return settingsIn(*request);
+    return askForSettings(HVB::bus::kLastWholeSettingsMember, false);
 }
 
 bool HubClient::publish(const HVB::EventData& event) {

@@ -84,7 +84,7 @@ private:
     HVB::bus::Deadline deadline() const;
     std::chrono::microseconds timedCall(const std::string& name, const std::string& path, const char* interface,
                                         const char* member);
-    settings::SettingsSnapshot settingsIn(sd_bus_message& request);
+    settings::SettingsSnapshot askForSettings(const char* member, bool isFresh);
     void addMatch(const std::string& rule);
     bool takeMessage(bool& isStored);
     bool hearsItself(const std::string& member);

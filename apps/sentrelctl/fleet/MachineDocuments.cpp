@@ -89,7 +89,12 @@ std::string resultWord(const nlohmann::json& content) {
     if (!content.contains("enforced") || !content["enforced"].is_boolean()) {
         return "-";
     }
-    return content["enforced"].get<bool>() ? "in force" : "failed";
+    if (!content["enforced"].get<bool>()) {
+        return "failed";
+    }
+    const auto missing = content.find("rows_missing");
+    const bool isShort = missing != content.end() && missing->is_number_integer() && *missing > 0;
+    return isShort ? fmt::format("in force, {} rows not stored", missing->dump()) : "in force";
 }
 
 std::string yesOrNo(const nlohmann::json& properties, const char* section, const char* key) {

@@ -95,7 +95,7 @@ const char* actionWord(policy::VisitAction action) {
 }
 
 std::optional<int> PolicyFindings::number(const PolicyKey& key, int index) const {
-    const auto value = policyValue(m_document, key, index);
+    const auto value = HVBEnterprise::agent::policyValue(m_document, key, index);
     if (!value) {
         return std::nullopt;
     }
@@ -110,7 +110,7 @@ std::optional<int> PolicyFindings::number(const PolicyKey& key, int index) const
 }
 
 std::optional<policy::PolicyText> PolicyFindings::text(const PolicyKey& key, int index) const {
-    const auto value = policyValue(m_document, key, index);
+    const auto value = HVBEnterprise::agent::policyValue(m_document, key, index);
     return value ? std::optional(policy::readText(*value)) : std::nullopt;
 }
 

@@ -9,27 +9,12 @@ using policy::nameOf;
 using policy::PolicyKey;
 using policy::wide;
 
-HVBEnterprise::PolicySetting settingOf(const PolicyKey& key) {
-    HVBEnterprise::PolicySetting setting;
-    setting.m_featureId = wide(key.feature);
-    return setting;
-}
-
 bool holds(const SectionsHandle::Sections& sections, const std::wstring& section, const std::wstring& key) {
     const auto found = sections.find(section);
     return found != sections.end() && found->second.count(key) != 0;
 }
 
 } // namespace
-
-std::optional<std::wstring> policyValue(const SectionsHandle& document, const PolicyKey& key, int index) {
-    const std::wstring section = wide(key.section);
-    const std::wstring name = wide(nameOf(key, index));
-    std::wstring value;
-    const bool found = key.isReadAnywhere ? document.getPropValue(section, name, value)
-                                          : document.getPropValue(settingOf(key), section, name, value);
-    return found ? std::optional(std::move(value)) : std::nullopt;
-}
 
 std::string placeOf(const SectionsHandle& document, const PolicyKey& key, int index) {
     const std::string name = nameOf(key, index);

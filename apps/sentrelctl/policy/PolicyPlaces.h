@@ -9,10 +9,6 @@
 
 namespace Sentrel::ctl {
 
-/// Looks a key up as the daemon does. Nothing when it is not there.
-std::optional<std::wstring> policyValue(const HVBEnterprise::SectionsHandle& document, const policy::PolicyKey& key,
-                                        int index = 0);
-
 /// The place of a key in the document, as a JSON pointer: where it is found, or where it belongs when it is missing.
 std::string placeOf(const HVBEnterprise::SectionsHandle& document, const policy::PolicyKey& key, int index = 0);
 

@@ -35,7 +35,7 @@ namespace Sentrel::ctl {
 namespace {
 
 constexpr const char* kCannotRepair = "cannot repair the settings file";
-constexpr std::chrono::seconds kLockWait{2};
+constexpr std::chrono::seconds kRepairWait{2};
 /// Row numbers that are tried at the most: ten times what the lists may hold. A broken page can claim any number.
 constexpr std::int64_t kMaxRowNumber = 1'000'000;
 
@@ -61,7 +61,7 @@ DatabasePtr opened(const std::string& path) {
     }
     try {
         DatabasePtr database = openDatabase(path);
-        setLockWait(*database, kLockWait);
+        setLockWait(*database, kRepairWait);
         return database;
     } catch (const DatabaseError& error) {
         throw repairFailure(path, error.what(), "See whether it is there and a file: 'sentrelctl doctor'");
@@ -308,7 +308,7 @@ std::string replaceSettings(const std::string& path, const std::vector<SavedTabl
             std::filesystem::remove(fresh + side); // of an earlier repair that did not end
         }
         makeFile(fresh, tables);
-        const SettingsHandover handover(path, kLockWait);
+        const SettingsHandover handover(path, kRepairWait);
         emptyLogOf(path);
         setAside(path, ending);
         if (::rename(fresh.c_str(), path.c_str()) != 0) {

@@ -35,23 +35,25 @@ TEST(APropertyDocument, IsValidUtf8WhateverTheTextsAre) {
 
 TEST(APolicyResult, TellsWhatEnforcementGave) {
     const PolicyIdentity identity{.version = 3, .id = "x", .sha256 = "hash"};
-    EXPECT_EQ(json::parse(policyResult(identity, true, "", "now")), json({{"version", 3},
-                                                                          {"id", "x"},
-                                                                          {"sha256", "hash"},
-                                                                          {"time", "now"},
-                                                                          {"enforced", true},
-                                                                          {"refused", nullptr}}));
-    EXPECT_EQ(json::parse(policyResult(identity, false, "", "now"))["enforced"], false);
+    EXPECT_EQ(json::parse(policyResult(identity, {true, "", 2}, "now")), json({{"version", 3},
+                                                                               {"id", "x"},
+                                                                               {"sha256", "hash"},
+                                                                               {"time", "now"},
+                                                                               {"enforced", true},
+                                                                               {"refused", nullptr},
+                                                                               {"rows_missing", 2}}));
+    EXPECT_EQ(json::parse(policyResult(identity, {false, "", {}}, "now"))["enforced"], false);
 }
 
 TEST(APolicyResult, TellsWhyAPolicyIsRefused) {
     const PolicyIdentity unread{.version = {}, .id = {}, .sha256 = "hash"};
-    EXPECT_EQ(json::parse(policyResult(unread, {}, "why", "now")), json({{"version", nullptr},
-                                                                         {"id", nullptr},
-                                                                         {"sha256", "hash"},
-                                                                         {"time", "now"},
-                                                                         {"enforced", nullptr},
-                                                                         {"refused", "why"}}));
+    EXPECT_EQ(json::parse(policyResult(unread, {{}, "why", {}}, "now")), json({{"version", nullptr},
+                                                                               {"id", nullptr},
+                                                                               {"sha256", "hash"},
+                                                                               {"time", "now"},
+                                                                               {"enforced", nullptr},
+                                                                               {"refused", "why"},
+                                                                               {"rows_missing", nullptr}}));
 }
 
 TEST(AStateDocument, TellsOnlineOrOffline) {

@@ -3,12 +3,15 @@
 // the controller records, and what a controller makes of lists is told here once more.
 #include "apps/sentrelctl/policy/PolicyCheck.h"
 #include "base/TextConversion.h"
+#include "platform/hvbagent/PolicyDocument.h"
+#include "policy/PolicyRows.h"
 #include "tests/unit/managed/PolicyFixture.h"
 #include "tests/unit/policy/PolicyGenerator.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <set>
 
@@ -18,8 +21,8 @@ namespace {
 using Words = std::vector<std::string>;
 
 /// Nothing here has a second thread, so ThreadSanitizer looks at a tenth.
-#ifdef __SANITIZE_THREAD__
-constexpr int kPolicies = 300;
+#if defined(__has_feature)
+constexpr int kPolicies = __has_feature(thread_sanitizer) ? 300 : 3000;
 #else
 constexpr int kPolicies = 3000;
 #endif
@@ -60,10 +63,41 @@ const char* plural(std::size_t count, const char* one, const char* many) {
     return count == 1 ? one : many;
 }
 
+/// What the controller stores of each list that it was handed.
+Sentrel::policy::PolicyRows recordedRows(const PreferenceRecording& store) {
+    Sentrel::policy::PolicyRows rows;
+    if (store.handed.ranges) {
+        rows.ranges.emplace();
+        std::copy_if(store.handed.ranges->begin(), store.handed.ranges->end(),
+                     std::inserter(*rows.ranges, rows.ranges->end()),
+                     [](const std::string& range) { return !range.empty() && range.find(':') == std::string::npos; });
+    }
+    if (const auto& handed = store.handed.categories; handed && handed->enabled != 0) {
+        rows.categories.emplace();
+        for (std::size_t at = 0; at < static_cast<std::size_t>(handed->count); ++at) {
+            const wchar_t digit = handed->actions.at(at);
+            const auto name = storedName(handed->names.at(at));
+            if (digit >= L'1' && digit <= L'9' && name) {
+                rows.categories->insert(*name);
+            }
+        }
+    }
+    if (const auto& handed = store.handed.sites) {
+        rows.sites.emplace();
+        for (std::size_t at = 0; at < std::min(handed->urls.size(), handed->actions.size()); ++at) {
+            const auto name = storedName(handed->urls[at]);
+            if (name && !name->empty()) {
+                (*rows.sites)[*name] = handed->actions[at];
+            }
+        }
+    }
+    return rows;
+}
+
 /// Puts what was recorded into the check's words.
 class RecordedWords {
 public:
-    explicit RecordedWords(const PreferenceRecording& store) : m_store(store) {}
+    explicit RecordedWords(const PreferenceRecording& store) : m_store(store), m_rows(recordedRows(store)) {}
 
     Words all(std::optional<bool> enabled) {
         if (enabled) {
@@ -98,17 +132,10 @@ private:
     }
 
     void ranges() {
-        if (!m_store.handed.ranges) {
-            return;
+        if (m_rows.ranges) {
+            const std::size_t stored = m_rows.ranges->size();
+            m_words.push_back(fmt::format("{} private address {}", stored, plural(stored, "range", "ranges")));
         }
-        std::set<std::string> stored;
-        for (const std::string& range : *m_store.handed.ranges) {
-            if (!range.empty() && range.find(':') == std::string::npos) {
-                stored.insert(range);
-            }
-        }
-        m_words.push_back(
-            fmt::format("{} private address {}", stored.size(), plural(stored.size(), "range", "ranges")));
     }
 
     void categories() {
@@ -120,16 +147,9 @@ private:
             m_words.push_back("category blocking off; the categories on the machine stay");
             return;
         }
-        std::set<std::string> stored;
-        for (std::size_t at = 0; at < static_cast<std::size_t>(handed->count); ++at) {
-            const wchar_t digit = handed->actions.at(at);
-            const auto name = storedName(handed->names.at(at));
-            if (digit >= L'1' && digit <= L'9' && name) {
-                stored.insert(*name);
-            }
-        }
+        const std::size_t stored = m_rows.categories->size();
         m_words.push_back("category blocking on");
-        m_words.push_back(fmt::format("{} {} blocked", stored.size(), plural(stored.size(), "category", "categories")));
+        m_words.push_back(fmt::format("{} {} blocked", stored, plural(stored, "category", "categories")));
         m_words.push_back(handed->uncategorized != 0 ? "uncategorized sites: block" : "uncategorized sites: allow");
     }
 
@@ -138,13 +158,7 @@ private:
         if (!handed) {
             return;
         }
-        std::map<std::string, int> stored;
-        for (std::size_t at = 0; at < std::min(handed->urls.size(), handed->actions.size()); ++at) {
-            const auto name = storedName(handed->urls[at]);
-            if (name && !name->empty()) {
-                stored[*name] = handed->actions[at];
-            }
-        }
+        const std::map<std::string, int>& stored = *m_rows.sites;
         const auto allowed =
             std::count_if(stored.begin(), stored.end(), [](const auto& each) { return each.second == 0; });
         m_words.push_back(fmt::format("{} {}: {} blocked, {} allowed, {} entries win", stored.size(),
@@ -154,6 +168,7 @@ private:
     }
 
     const PreferenceRecording& m_store;
+    const Sentrel::policy::PolicyRows m_rows;
     Words m_words;
 };
 
@@ -192,6 +207,14 @@ protected:
         EXPECT_EQ(check.isWhole(), done.result) << which;
         EXPECT_EQ(changesOf(check), done.words) << which;
         EXPECT_TRUE(check.isEnforced || store.calls.empty()) << which;
+        if (done.result) {
+            const Sentrel::policy::PolicyRows handed = recordedRows(store);
+            const Sentrel::policy::PolicyRows told =
+                Sentrel::policy::rowsOf(HVBEnterprise::agent::DocumentValues(document));
+            EXPECT_EQ(told.ranges, handed.ranges) << which;
+            EXPECT_EQ(told.categories, handed.categories) << which;
+            EXPECT_EQ(told.sites, handed.sites) << which;
+        }
         return done.result;
     }
 };

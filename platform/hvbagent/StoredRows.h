@@ -1,0 +1,24 @@
+// Whether what a policy stores has arrived in the settings file.
+#pragma once
+
+#include "platform/hvbagent/AgentDocuments.h"
+#include "platform/settings/SettingsSnapshot.h"
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+/// Free functions without state. Threads: any. Owner: none.
+namespace HVBEnterprise::agent {
+
+/// How many rows of the lists that @p policy stores are not in the file. A row with another action is missing too.
+std::size_t rowsMissing(const SectionsHandle& policy, const Sentrel::settings::SettingsSnapshot& stored);
+
+/// The comparison with the file as the hub tells it. Takes at most some seconds.
+struct StoredRows {
+    std::optional<std::size_t> missing; ///< none when the hub cannot tell
+    std::string trouble;                ///< why it cannot; empty when it can
+};
+StoredRows compareWithFile(const SectionsHandle& policy);
+
+} // namespace HVBEnterprise::agent

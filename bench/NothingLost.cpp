@@ -3,10 +3,12 @@
 //
 // Browsers send events at an even pace while hvbd, bus and daemon are killed, stopped and kept from their disk. Taken
 // is what the trace log says so of. The cost is that of the whole event, from the browser's connection to its end,
-// beside an event that the daemon drops and one that meets a hub that is there, in the same run; its limit is 2 ms.
+// beside an event that the daemon drops, one that meets a hub that is there, and a bare synced write, in the same run;
+// its limit is 2 ms.
 //
 // Usage: nothing_lost [--brief | --away SECONDS --frozen SECONDS --kills COUNT]
 //        SENTRELD_ROOTED and HVBD_ROOTED name the programs. The full disk requires root.
+#include "base/UniqueFd.h"
 #include "platform/hvbhelpers/SpoolHead.h"
 #include "tests/support/Browsing.h"
 #include "tests/support/Eventually.h"
@@ -14,6 +16,9 @@
 #include "tests/support/OwnDisk.h"
 
 #include <fmt/format.h>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -204,6 +209,29 @@ std::vector<double> costs(Machine& machine, const STEventData& event, int count)
     return found;
 }
 
+/// Milliseconds for each of @p count writes of as many bytes as a report has in the spool, each synced: what the disk
+/// alone takes.
+std::vector<double> costsOfSyncedWrites(Machine& machine, int count) {
+    constexpr std::size_t bytes = 600;
+    const std::string path = machine.root().file("synced");
+    const Sentrel::UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (!file.isOpen() || ::posix_fallocate(file.get(), 0, static_cast<off_t>(bytes) * count) != 0) {
+        throw std::runtime_error("cannot make " + path);
+    }
+    const std::string record(bytes, 'x');
+    std::vector<double> found;
+    for (int i = 0; i < count; ++i) {
+        const auto begin = Clock::now();
+        if (::pwrite(file.get(), record.data(), bytes, static_cast<off_t>(bytes) * i) < 0 ||
+            ::fdatasync(file.get()) != 0) {
+            throw std::runtime_error("cannot write " + path);
+        }
+        found.push_back(std::chrono::duration<double, std::milli>(Clock::now() - begin).count());
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
 void showCost(const char* what, const std::vector<double>& sorted) {
     const auto at = [&](double part) { return sorted[static_cast<std::size_t>(part * double(sorted.size() - 1))]; };
     fmt::print("{:42} {:>7.3f} {:>7.3f} {:>7.3f}   {:.2f} of the limit, by the 99th percentile\n", what, at(0.5),
@@ -214,6 +242,7 @@ void measureCosts(const Sizes& sizes) {
     const auto machine = newMachine();
     fmt::print("\n{:42} {:>7} {:>7} {:>7}   limit {} ms\n", "milliseconds for an event", "median", "p99", "worst",
                kLimitMilliseconds);
+    showCost("a synced write of 600 bytes (baseline)", costsOfSyncedWrites(*machine, sizes.costEvents));
     showCost("dropped by the daemon (baseline)", costs(*machine, sampleEvent("http"), sizes.costEvents));
     showCost("hub there", costs(*machine, sampleEvent(), sizes.costEvents));
     machine->hub().kill(SIGKILL);

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <regex>
 #include <sys/stat.h>
 
 namespace testing_support {
@@ -493,6 +494,21 @@ TEST_F(APreferenceClient, ShowsOnATerminalThatALongImportGoesOn) {
     EXPECT_EQ(result.code, 3);
     EXPECT_TRUE(result.out.starts_with("\rStoring 1 entry: 0 allow, 1 block … 1 s")) << result.out;
     EXPECT_NE(result.out.find("\r   "), std::string::npos) << "the line is taken away";
+}
+
+TEST_F(APreferenceClient, ShowsHowFarAListIsThatIsBeingReplaced) {
+    std::string lines;
+    for (int i = 0; i < 3'000; ++i) {
+        lines += "http://host" + std::to_string(i) + ".example/\n";
+    }
+    CtlRun import(m_machine.root(), {"list", "import", "--replace", fileOf(lines)});
+    const std::regex said("sentrelctl: the list is being replaced: [0-9]+ of 3000 entries are stored\\.\n");
+    EXPECT_TRUE(eventually([&] { return std::regex_match(use({"list", "show"}).err, said); }));
+    const CtlResult imported = import.finish();
+    EXPECT_EQ(imported.code, 0) << imported.err;
+    EXPECT_EQ(imported.out, "Imported 3000 entries: 0 allow, 3000 block. The list has 3000 entries: 0 allow, 3000 "
+                            "block.\n");
+    EXPECT_EQ(use({"list", "show"}).err, "");
 }
 
 // Categories.

@@ -154,6 +154,14 @@ settings::SettingsSnapshot HubClient::lastWholeSettings() {
     return askForSettings(HVB::bus::kLastWholeSettingsMember, false);
 }
 
+void HubClient::noteReplacement(const char* list, std::uint64_t rows) {
+    const auto request = HVB::bus::newCall(*m_bus, HVB::bus::kKeeperName, HVB::bus::kKeeperPath,
+                                           HVB::bus::kKeeperInterface, HVB::bus::kNoteReplacementMember);
+    check(sd_bus_message_append(request.get(), HVB::bus::kNoteReplacementSignature, list, rows),
+          "noting a replacement");
+    HVB::bus::call(*m_bus, *request, deadline());
+}
+
 bool HubClient::publish(const HVB::EventData& event) {
     const std::string member = HVB::bus::eventMember(event.m_eventId);
     addMatch(std::string("type='signal',interface='") + HVB::bus::kEventsInterface + "',member='" + member + "'");

@@ -50,6 +50,10 @@ public:
     /// The same of the last time when every list was whole.
     settings::SettingsSnapshot lastWholeSettings();
 
+    /// Tells the settings keeper how many rows a list will have that is about to be replaced. It holds as long as this
+    /// connection, or until the list is whole. @param list as in settings::Replacement.
+    void noteReplacement(const char* list, std::uint64_t rows);
+
     /// Publishes @p event. The bus silently drops what its policy refuses, so this listens for its own event. @return
     /// false when the policy refuses this user.
     bool publish(const HVB::EventData& event);

@@ -4,6 +4,8 @@
 #include "apps/sentrelctl/terminal/Output.h"
 #include "base/Mutex.h"
 
+#include <chrono>
+#include <functional>
 #include <string>
 #include <thread>
 
@@ -15,16 +17,20 @@ namespace Sentrel::ctl {
 class Progress {
 public:
     /// @param what ASCII, such as "Storing 10000 entries".
-    Progress(Output& err, std::string what);
+    /// @param more called once a second on the thread, when there is one, for what stands behind that; may be empty.
+    Progress(Output& err, std::string what, std::function<std::string()> more = {});
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
 private:
     void run();
+    bool isDoneBy(std::chrono::steady_clock::time_point time);
 
     Output& m_err;
-    std::string m_what;
+    // constant after construction
+    const std::string m_what;
+    const std::function<std::string()> m_more;
 
     Mutex m_mutex;
     ConditionVariable m_changed;

@@ -2,6 +2,7 @@
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/ListChange.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "base/Paths.h"
 #include "base/PrintableText.h"
 
 #include <array>
@@ -29,6 +30,9 @@ std::string entryText(const ListEntry& entry, const Palette& palette) {
 
 void listShow(Session& session, const ListOptions& options) {
     const UrlList list = PreferenceClient(options.timeout).read(ST_ALLOW_BLOCK_LIST).list;
+    if (const std::string stored = replacementText(paths::hubSocket()); !stored.empty()) {
+        session.err.write(fmt::format("sentrelctl: the list is being replaced: {} entries are stored.\n", stored));
+    }
     if (session.json == JsonMode::Off) {
         std::string text;
         for (const ListEntry& entry : list) {

@@ -217,49 +217,53 @@ void LogRows::makeRoom(MinuteBook& book) {
     }
 }
 
-/// @return whether it made room.
-bool LogRows::mergeLike(std::int64_t minute, MinuteBook& book) {
-    struct Kept {
+/// The rows of a minute that others are like, at most kMaxMergedRecords: the newest of each kind stays.
+LogRows::Merge LogRows::findLike(std::int64_t minute) {
+    struct Newest {
         std::int64_t id;
         std::int64_t count;
-        bool isMerged;
+        bool isAlone;
     };
-    struct Removed {
-        std::int64_t id;
-        std::uint64_t bytes;
-    };
-    std::map<std::int64_t, Kept> keptOfKind;
-    std::vector<Removed> removed;
-    {
-        Sentrel::StatementUse rows(m_kindsOfMinute);
-        rows->bind(1, minute * MinuteBook::kMicroseconds);
-        rows->bind(2, (minute + 1) * MinuteBook::kMicroseconds);
-        while (removed.size() < kMaxMergedRecords && rows->step()) {
-            const std::int64_t count = std::max<std::int64_t>(rows->integer(2), 1);
-            const auto [kept, isFirst] = keptOfKind.try_emplace(rows->integer(3), Kept{rows->integer(0), count, false});
-            if (!isFirst) {
-                kept->second.count += count;
-                kept->second.isMerged = true;
-                removed.push_back({rows->integer(0), costOf(static_cast<std::uint64_t>(rows->integer(1)))});
-            }
+    std::map<std::int64_t, Newest> newestOfKind;
+    Merge merge;
+    Sentrel::StatementUse rows(m_kindsOfMinute);
+    rows->bind(1, minute * MinuteBook::kMicroseconds);
+    rows->bind(2, (minute + 1) * MinuteBook::kMicroseconds);
+    while (merge.removed.size() < kMaxMergedRecords && rows->step()) {
+        const std::int64_t count = std::max<std::int64_t>(rows->integer(2), 1);
+        const auto [newest, isFirst] =
+            newestOfKind.try_emplace(rows->integer(3), Newest{rows->integer(0), count, true});
+        if (!isFirst) {
+            newest->second.count += count;
+            newest->second.isAlone = false;
+            merge.removed.push_back({rows->integer(0), costOf(static_cast<std::uint64_t>(rows->integer(1)))});
         }
     }
-    for (const auto& [kind, kept] : keptOfKind) {
-        if (kept.isMerged) {
-            Sentrel::StatementUse set(m_setCount);
-            set->bind(1, kept.id);
-            set->bind(2, std::min<std::int64_t>(kept.count, std::numeric_limits<std::int32_t>::max()));
-            set->step();
+    for (const auto& [kind, newest] : newestOfKind) {
+        if (!newest.isAlone) {
+            merge.counts.emplace_back(newest.id, newest.count);
         }
     }
-    for (const Removed& row : removed) {
+    return merge;
+}
+
+/// @return whether it made room.
+bool LogRows::mergeLike(std::int64_t minute, MinuteBook& book) {
+    const Merge merge = findLike(minute);
+    for (const auto& [id, count] : merge.counts) {
+        Sentrel::StatementUse set(m_setCount);
+        set->bind(1, id);
+        set->bind(2, std::min<std::int64_t>(count, std::numeric_limits<std::int32_t>::max()));
+        set->step();
+    }
+    for (const Merge::Removed& row : merge.removed) {
         remove(row.id);
         book.remove(minute, row.bytes, 1);
     }
-    if (removed.size() < kMaxMergedRecords) {
+    if (merge.removed.size() < kMaxMergedRecords) {
         book.noteMerged(minute);
     }
-    return !removed.empty();
+    return !merge.removed.empty();
 }
 
 void LogRows::removeOldest(std::int64_t minute, MinuteBook& book) {

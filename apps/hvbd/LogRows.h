@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace HVB::hub {
@@ -54,6 +55,17 @@ public:
     std::vector<StoredRecord> read(std::uint64_t after, std::uint32_t limit, bool newest);
 
 private:
+    /// What becomes of rows that are alike.
+    struct Merge {
+        struct Removed {
+            std::int64_t id;
+            std::uint64_t bytes;
+        };
+        std::vector<Removed> removed;
+        std::vector<std::pair<std::int64_t, std::int64_t>> counts; ///< of the rows that stay, by id
+    };
+
+    Merge findLike(std::int64_t minute);
     bool mergeLike(std::int64_t minute, MinuteBook& book);
     void removeOldest(std::int64_t minute, MinuteBook& book);
     void remove(std::int64_t id);

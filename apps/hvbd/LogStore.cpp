@@ -187,16 +187,20 @@ void LogStore::close() noexcept {
     m_connection.reset();
 }
 
-std::vector<std::uint64_t> LogStore::write(std::span<const LogRecord> records) {
-    Connection& store = *m_connection;
+void LogStore::boundWal() const {
     const std::string walPath = walOf(m_path);
     if (const auto wal = regularFileAt(walPath); wal && wal->size > kMaxWalBytes) {
         // The size tells whether it did what is needed here.
-        static_cast<void>(Sentrel::emptyWriteAheadLog(*store.database));
+        static_cast<void>(Sentrel::emptyWriteAheadLog(*m_connection->database));
         if (const auto kept = regularFileAt(walPath); kept && kept->size > kMaxWalBytes) {
             throw storeTrouble(kStoring, explainPinned(m_path));
         }
     }
+}
+
+std::vector<std::uint64_t> LogStore::write(std::span<const LogRecord> records) {
+    boundWal();
+    Connection& store = *m_connection;
     Sentrel::WriteTransaction transaction(*store.database);
     MinuteBook book = store.takeBook();
     const std::int64_t now = microsecondsNow();

@@ -112,6 +112,7 @@ private:
     void openFile();
     void leaveFile();
     void close() noexcept;
+    void boundWal() const;
     std::vector<std::uint64_t> write(std::span<const LogRecord> records);
     [[noreturn]] void fail(const std::string& doing, const Sentrel::DatabaseError& error);
 

@@ -17,6 +17,8 @@ inline constexpr std::chrono::milliseconds kQuietAfterOpening{400};
 /// After the daemon's event nothing may be committed for so long: the event may be of another change than the one that
 /// is under way. Far above the time from a list's row to the next.
 inline constexpr std::chrono::milliseconds kQuietAfterEvent{50};
+/// Events that come sooner after one another are taken together: a burst of changes is not as many readings.
+inline constexpr std::chrono::milliseconds kBetweenEvents{50};
 /// A list that differs for so long is said to be changing.
 inline constexpr std::chrono::milliseconds kChangeToTell{500};
 /// How long a call for a fresh reading waits for the end of a change. Below hvbd's own deadline.

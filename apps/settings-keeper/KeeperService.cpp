@@ -134,7 +134,12 @@ int KeeperService::onTimer(sd_event_source* /*source*/, std::uint64_t /*usec*/, 
     auto& keeper = *static_cast<KeeperService*>(self);
     return keeper.guarded("looking at the settings file", [&] {
         keeper.m_timer.reset();
-        keeper.m_watch.look(steady_clock::now());
+        const Time now = steady_clock::now();
+        if (keeper.m_isEventWaiting && now - keeper.m_eventTakenAt >= kBetweenEvents) {
+            keeper.takeEvent(now);
+        } else {
+            keeper.m_watch.look(now);
+        }
         keeper.update();
     });
 }
@@ -146,9 +151,21 @@ int KeeperService::onAsked(sd_event_source* /*source*/, const inotify_event* /*c
 int KeeperService::onEvent(sd_bus_message* /*signal*/, void* self, sd_bus_error* /*error*/) {
     auto& keeper = *static_cast<KeeperService*>(self);
     return keeper.guarded("an event", [&] {
-        keeper.m_watch.daemonTold(steady_clock::now());
+        const Time now = steady_clock::now();
+        if (now - keeper.m_eventTakenAt < kBetweenEvents) {
+            keeper.m_isEventWaiting = true;
+            keeper.setTimer();
+            return;
+        }
+        keeper.takeEvent(now);
         keeper.update();
     });
+}
+
+void KeeperService::takeEvent(Time now) {
+    m_isEventWaiting = false;
+    m_eventTakenAt = now;
+    m_watch.daemonTold(now);
 }
 
 int KeeperService::onOwnerChanged(sd_bus_message* signal, void* self, sd_bus_error* /*error*/) {
@@ -232,7 +249,12 @@ void KeeperService::update() {
 
 void KeeperService::setTimer() {
     sd_event_source* source = nullptr;
-    bus::check(sd_event_add_time_relative(&m_event, &source, CLOCK_MONOTONIC, microseconds(m_watch.untilNextLook()),
+    const std::chrono::milliseconds pause = m_isEventWaiting ? kBetweenEvents : m_watch.untilNextLook();
+    if (m_isEventWaiting && m_timer != nullptr && m_isTimerForEvent) {
+        return; // further events do not put it off
+    }
+    m_isTimerForEvent = m_isEventWaiting;
+    bus::check(sd_event_add_time_relative(&m_event, &source, CLOCK_MONOTONIC, microseconds(pause),
                                           microseconds(kLateness) / 10, onTimer, this),
                "cannot set a timer");
     m_timer.reset(source);

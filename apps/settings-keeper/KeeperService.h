@@ -58,6 +58,7 @@ private:
     template <class Body>
     int guarded(const char* doing, Body&& body) noexcept;
 
+    void takeEvent(Time now);
     void takeNote(sd_bus_message& call, const std::string& list, std::uint64_t rows);
     void takeOwnerChange(sd_bus_message& signal);
     void update();
@@ -82,6 +83,9 @@ private:
     std::optional<std::uint64_t> m_sent; ///< the last revision that went out on this connection
     std::optional<Time> m_handInAgainAt; ///< after hvbd refused one
     std::vector<Question> m_questions;
+    Time m_eventTakenAt;                               ///< the last one
+    bool m_isEventWaiting = false;                     ///< until kBetweenEvents have passed
+    bool m_isTimerForEvent = false;                    ///< the timer is for the event that waits
     std::unique_ptr<sd_bus_track, UnrefTrack> m_noter; ///< who said that it replaces a list
     std::string m_told;                                ///< the state that was told last
 };

@@ -397,7 +397,11 @@ TEST_F(ASettingsFileOnItsOwnDisk, StaysAsItIsWhileTheDiskIsFull) {
     ASSERT_EQ(set(withUrls({{"stored.example", 1}})), ST_ERROR_NONE);
     disk.fill();
     expectTheFileIsOutOfReach();
+    restart();
+    EXPECT_THAT(urlsOf(getAll()), IsEmpty()) << "the first values, until a start that can read it";
     disk.free();
+    restart();
+    EXPECT_EQ(urlsOf(getAll()), (Urls{{"stored.example", 1}}));
     expectOnlyWhatWasStored();
     expectUsable();
 }

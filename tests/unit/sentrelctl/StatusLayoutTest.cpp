@@ -83,9 +83,9 @@ TEST(AStatus, TellsWhatBecameOfTheReports) {
     EXPECT_TRUE(statusText(line(0), kWell, some, Palette())
                     .ends_with("\nreports            3 waiting for the hub, 2 refused, 1 damaged\n"));
     Json told = statusJson(line(0), kWell, some);
-    EXPECT_EQ(told["reports_waiting"], 3);
-    EXPECT_EQ(told["reports_refused"], 2);
-    EXPECT_EQ(told["reports_damaged"], 1);
+    EXPECT_EQ(told["reports_waiting"], std::uint64_t{3});
+    EXPECT_EQ(told["reports_refused"], std::uint64_t{2});
+    EXPECT_EQ(told["reports_damaged"], std::uint64_t{1});
     const KnownReports unknown{.error = "no\nspool"};
     EXPECT_TRUE(
         statusText(line(0), kWell, unknown, Palette()).ends_with("\nreports            unknown: no\\x0aspool\n"));

@@ -133,7 +133,7 @@ void SpoolFile::makeOrLoad(std::size_t fileBytes) {
 void SpoolFile::makeFile(std::size_t fileBytes) {
     if (const int error = ::posix_fallocate(m_fd.get(), 0, static_cast<off_t>(fileBytes))) {
         // Not left behind at a size that takes the rest of a full disk.
-        (void)::ftruncate(m_fd.get(), 0);
+        [[maybe_unused]] const int cut = ::ftruncate(m_fd.get(), 0); // if that fails too, the next start tries again
         throw std::system_error(error, std::system_category());
     }
     m_head.dataBytes = (fileBytes - kSpoolDataOffset) / kAlignment * kAlignment;

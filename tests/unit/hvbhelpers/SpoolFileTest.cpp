@@ -183,7 +183,7 @@ TEST_F(ASpoolFile, HoldsTheRecordsBeforeOneThatWasWrittenInPart) {
     const std::string before = fileWith({"one", "two"});
     open()->append("three");
     const std::string after = readFile(path);
-    const std::size_t begin = kSpoolDataOffset + 2 * 32; // two records of 27 bytes, aligned
+    const std::size_t begin = kSpoolDataOffset + std::size_t{2} * 32; // two records of 27 bytes, aligned
     constexpr std::size_t size = 24 + 5;
     for (std::size_t written = 0; written <= size; ++written) {
         write(before.substr(0, begin) + after.substr(begin, written) + before.substr(begin + written));
@@ -218,7 +218,7 @@ TEST_F(ASpoolFile, GivesWhatIsWholeOfAFileThatWasCutAnywhere) {
 TEST_F(ASpoolFile, PassesOverADamagedRecordAloneWhicheverBitIsFlipped) {
     const std::vector<std::string> records{"one", "two", "three"};
     const std::string whole = fileWith(records);
-    for (std::size_t at = kSpoolDataOffset; at < kSpoolDataOffset + 3 * 32; ++at) {
+    for (std::size_t at = kSpoolDataOffset; at < kSpoolDataOffset + std::size_t{3} * 32; ++at) {
         const std::size_t damaged = (at - kSpoolDataOffset) / 32;
         const std::size_t within = (at - kSpoolDataOffset) % 32;
         std::string bytes = whole;
@@ -335,7 +335,7 @@ TEST_F(AFileThatIsNoSpool, MayBeAnotherUsers) {
 
 TEST_F(AFileThatIsNoSpool, CannotBeMadeWithoutItsDirectory) {
     try {
-        SpoolFile(directory.file("none/spool"));
+        const SpoolFile spool(directory.file("none/spool"));
         FAIL() << "opened";
     } catch (const HVB::HVBException& error) {
         EXPECT_EQ(error.code(), -ENOENT);

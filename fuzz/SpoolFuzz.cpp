@@ -5,8 +5,7 @@
 #include "hub/Exceptions.h"
 #include "platform/hvbhelpers/RecordKeeper.h"
 #include "platform/hvbhelpers/SpoolFile.h"
-
-#include <unistd.h>
+#include "tests/support/TemporaryDirectory.h"
 
 #include <algorithm>
 #include <array>
@@ -26,10 +25,10 @@ using HVB::detail::SpoolFile;
 constexpr std::size_t kFileBytes = kSpoolDataOffset + 512;
 const std::array<std::string, 4> kRecords{"one", "twotwo", std::string(40, '3'), "four"};
 
-/// A directory in memory where there is one, since each input writes a file.
+/// Each input is a file of its own for a moment.
 std::string spoolPath() {
-    const std::string directory = std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : "/tmp";
-    return directory + "/sentrel-fuzz-spool-" + std::to_string(::getpid());
+    static const testing_support::TemporaryDirectory directory;
+    return directory.file("spool");
 }
 
 /// A whole spool with the records, made once.

@@ -1,8 +1,8 @@
 // Asks every module on the bus whether it is well, when it comes and in rounds, and notices when one goes.
 #pragma once
 
-#include "apps/hvbd/EventLoop.h"
 #include "apps/hvbd/HealthBoard.h"
+#include "apps/hvbd/LoopHandles.h"
 #include "apps/hvbd/SystemLog.h"
 
 #include <chrono>

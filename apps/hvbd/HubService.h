@@ -2,9 +2,9 @@
 // settings.
 #pragma once
 
-#include "apps/hvbd/EventLoop.h"
 #include "apps/hvbd/HealthMonitor.h"
 #include "apps/hvbd/LogStore.h"
+#include "apps/hvbd/LoopHandles.h"
 #include "apps/hvbd/ModuleConfiguration.h"
 #include "apps/hvbd/SettingsService.h"
 #include "apps/hvbd/SystemLog.h"

@@ -66,10 +66,9 @@ constexpr const char* kFirst = "SELECT id, stored_at, source, type, text, detail
                                " WHERE id > ?1 ORDER BY id";
 constexpr const char* kLast = "SELECT id, stored_at, source, type, text, detail, count, packed FROM log"
                               " WHERE id > ?1 ORDER BY id DESC";
-constexpr const char* kOpening = "cannot open the log store";
 
 LogStoreError openTrouble(const std::string& why) {
-    return {LogStoreError::Kind::Trouble, std::string(kOpening) + ": " + why};
+    return {LogStoreError::Kind::Trouble, std::string(kOpeningLogStore) + ": " + why};
 }
 
 /// Looks before anything is written: a file that is not ours stays as it is.

@@ -51,7 +51,6 @@ LogStoreError storeTrouble(const std::string& doing, const std::string& why) {
 
 constexpr const char* kStoring = "cannot store the record";
 constexpr const char* kReading = "cannot read the stored records";
-constexpr const char* kOpening = "cannot open the log store";
 
 } // namespace
 
@@ -95,7 +94,7 @@ void LogStore::open() {
     try {
         openFile();
     } catch (const Sentrel::DatabaseError& error) {
-        fail(kOpening, error);
+        fail(kOpeningLogStore, error);
     }
 }
 
@@ -163,7 +162,7 @@ void LogStore::openFile() {
         m_connection = std::make_unique<Connection>(openLogFile(m_path), file);
         m_connection->noteWal(m_path);
     } catch (const std::system_error& error) {
-        throw storeTrouble(kOpening, explainFile(m_path, error.code().value()));
+        throw storeTrouble(kOpeningLogStore, explainFile(m_path, error.code().value()));
     }
 }
 
@@ -178,7 +177,7 @@ void LogStore::leaveFile() {
     if (moved && left && wal == left->identity) {
         const std::string aside = walOf(m_path) + ".orphan";
         if (rename(walOf(m_path).c_str(), aside.c_str()) != 0) {
-            throw storeTrouble(kOpening, explainFile(aside, errno));
+            throw storeTrouble(kOpeningLogStore, explainFile(aside, errno));
         }
     }
 }

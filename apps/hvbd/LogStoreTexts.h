@@ -7,6 +7,9 @@
 
 namespace HVB::hub {
 
+/// What was to be done when the file or its layout cannot be had.
+inline constexpr const char* kOpeningLogStore = "cannot open the log store";
+
 /// A sentence on why @p path cannot be used, and one on what to do about it. The same text for the same trouble.
 std::string explain(const std::string& path, const Sentrel::DatabaseError& error);
 /// The same for a file that could not be opened or made. @param error an errno value.

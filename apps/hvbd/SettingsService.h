@@ -1,7 +1,7 @@
 // The settings as the hub gives them to everybody: Settings, LastWholeSettings, HandInSettings and SettingsChanged.
 #pragma once
 
-#include "apps/hvbd/EventLoop.h"
+#include "apps/hvbd/LoopHandles.h"
 #include "apps/hvbd/SystemLog.h"
 #include "platform/hvbhelpers/BusConnection.h"
 #include "platform/hvbhelpers/SnapshotText.h"

@@ -1,7 +1,7 @@
 // What of the settings file may be served, and when it is whole.
 #pragma once
 
-#include "apps/settings-keeper/SettingsFile.h"
+#include "apps/settings-keeper/KeptFile.h"
 #include "base/SettingsHandover.h"
 #include "platform/settings/SettingsSnapshot.h"
 
@@ -87,7 +87,7 @@ private:
     const std::string m_path; ///< constant after construction
     // Plain, single access.
     SettingsHold m_hold;
-    std::optional<SettingsFile> m_file; ///< open only while held
+    std::optional<KeptFile> m_file; ///< open only while held
     std::optional<settings::SettingsSnapshot> m_snapshot;
     std::uint64_t m_revision = 0;
     std::optional<settings::Replacement> m_note; ///< its rows are counted for the snapshot's

@@ -1,3 +1,10 @@
+// A connection that comes back. What was lost is noticed by the bus's own farewell, and a timer of the loop tries
+// again.
+//
+// What must stay so:
+// - The name is asked for before the first call is answered, so nobody is served under no name.
+// - A name that another process has is not queued for: the program says so and goes on trying.
+// - A connection is told as lost before it is freed, since what was made on it must go first.
 #include "platform/hvbhelpers/BusLink.h"
 
 #include "platform/hvbhelpers/HubLimits.h"

@@ -1,3 +1,9 @@
+// Texts in memory files: made, sealed and handed on, or taken from a stranger and looked at.
+//
+// What must stay so:
+// - A file is sealed against every change before its descriptor leaves, and one that arrives counts only with those
+//   seals: its sender could otherwise change or cut it while it is read.
+// - Its size is asked of the system and bounded before anything is mapped or allocated.
 #include "platform/hvbhelpers/MemoryFile.h"
 
 #include "base/FileWriting.h"

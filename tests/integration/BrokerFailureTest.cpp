@@ -2,6 +2,8 @@
 // SIGKILL and held up with SIGSTOP.
 #include "tests/integration/BrokerFixture.h"
 
+#include "platform/hvbhelpers/HubLimits.h"
+
 #include "tests/support/FakeHub.h"
 
 #include <cerrno>
@@ -210,7 +212,9 @@ TEST_F(ABrokerWithAFailingHandler, KnowsNoCommandWithoutAReceiver) {
 }
 
 TEST_F(ABrokerWithAFailingHandler, SaysThatItIsBusyWhenTooManyCommandsWait) {
-    std::latch occupied(4);
+    constexpr auto lane = HVB::detail::kChangesLane;
+    constexpr auto workers = static_cast<int>(lane.threads);
+    std::latch occupied(workers);
     std::latch released(1);
     m_module.onCommand = [&](HVB::CommandData&) {
         if (!occupied.try_wait()) {
@@ -228,9 +232,9 @@ TEST_F(ABrokerWithAFailingHandler, SaysThatItIsBusyWhenTooManyCommandsWait) {
             check(sd_bus_send(&client.bus(), request.get(), nullptr), "send");
         }
     };
-    sendWithoutReply(4);
+    sendWithoutReply(workers);
     await(occupied, "every worker to be at a command");
-    sendWithoutReply(256);
+    sendWithoutReply(static_cast<int>(lane.bounds.jobsOfUser));
     EXPECT_EQ(client.errorOf(*client.command(100000)), kErrorBusy);
     released.count_down();
     EXPECT_TRUE(eventually([&] { return client.errorOf(*client.command(100000)) == kErrorUnknownCommand; }));

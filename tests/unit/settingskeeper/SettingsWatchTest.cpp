@@ -2,7 +2,7 @@
 #include "apps/settings-keeper/SettingsWatch.h"
 #include "apps/settings-keeper/KeeperLimits.h"
 
-#include "SettingsFileFixture.h"
+#include "KeptFileFixture.h"
 #include "tests/support/Eventually.h"
 
 #include <gmock/gmock.h>

@@ -1,7 +1,7 @@
 // Reading the settings file. Real: SQLite, files, another connection that writes.
-#include "apps/settings-keeper/SettingsFile.h"
+#include "apps/settings-keeper/KeptFile.h"
 
-#include "SettingsFileFixture.h"
+#include "KeptFileFixture.h"
 
 #include <gmock/gmock.h>
 
@@ -19,7 +19,7 @@ using testing_support::ASettingsFile;
 
 const std::string kCipherText = "v1:6e2pRa9RGCUlbxtTyz7+e+qSPBIIXXSFIGxKDQbF2ILTDIvGW5Am6G6J8PwxVg==";
 
-SettingsSnapshot read(SettingsFile& file) {
+SettingsSnapshot read(KeptFile& file) {
     SettingsSnapshot snapshot;
     file.readSingles(snapshot);
     file.readLists(snapshot);
@@ -29,7 +29,7 @@ SettingsSnapshot read(SettingsFile& file) {
 TEST_F(ASettingsFile, GivesItsNumbersByName) {
     setNumber("Enabled", 1);
     setNumber("RedSiteAction", -2);
-    SettingsFile file(m_path);
+    KeptFile file(m_path);
     EXPECT_THAT(read(file).numbers, UnorderedElementsAre(Pair("Enabled", 1), Pair("RedSiteAction", -2)));
     EXPECT_THAT(read(file).unreadable, IsEmpty());
 }
@@ -38,7 +38,7 @@ TEST_F(ASettingsFile, TellsWhichRowsHoldNoNumber) {
     setText("SSOn", "x");
     setText("Enabled", "12345");
     run("insert into vxsetting values (cast(x'" + hexOf("RPXProxyPort") + "00' as text), NULL)");
-    SettingsFile file(m_path);
+    KeptFile file(m_path);
     EXPECT_THAT(read(file).numbers, IsEmpty());
     EXPECT_THAT(read(file).unreadable, UnorderedElementsAre("SSOn", "Enabled", "RPXProxyPort"));
 }
@@ -46,7 +46,7 @@ TEST_F(ASettingsFile, TellsWhichRowsHoldNoNumber) {
 TEST_F(ASettingsFile, TakesNoRowWhoseNameLacksItsNulOrIsUnknown) {
     run("insert into vxsetting values ('Enabled', x'01000000')");
     setNumber("Unheard", 1);
-    SettingsFile file(m_path);
+    KeptFile file(m_path);
     EXPECT_EQ(read(file), SettingsSnapshot());
 }
 
@@ -56,7 +56,7 @@ TEST_F(ASettingsFile, GivesItsListsInTheOrderOfItsRows) {
     addUrl(std::string("\xC3\x00z", 3), 7);
     run("insert into catblockinginfo values ('Games', x'04000000'), ('Odd', x'04')");
     run("insert into privateIPRange values ('10.0.0.0-10.0.0.9'), ('')");
-    SettingsFile file(m_path);
+    KeptFile file(m_path);
     const SettingsSnapshot snapshot = read(file);
     EXPECT_THAT(snapshot.allowBlock, ElementsAre(ListEntry{"http://b.example/", 1}, ListEntry{"http://a.example/", 0},
                                                  ListEntry{std::string("\xC3\x00z", 3), 7}));
@@ -68,7 +68,7 @@ TEST_F(ASettingsFile, ShowsAProxyPasswordOnlyAsTheSitesCipherText) {
     setText("RPXProxyHost", "proxy.example");
     setNumber("RPXProxyPort", 3128);
     setText("HttpAuthPass", "secret");
-    SettingsFile file(m_path);
+    KeptFile file(m_path);
     settings::ProxySettings proxy = read(file).proxy;
     EXPECT_EQ(proxy.host, "proxy.example");
     EXPECT_EQ(proxy.user, std::nullopt);
@@ -80,7 +80,7 @@ TEST_F(ASettingsFile, ShowsAProxyPasswordOnlyAsTheSitesCipherText) {
 }
 
 TEST_F(ASettingsFile, HasAnotherVersionAfterEachChange) {
-    SettingsFile file(m_path);
+    KeptFile file(m_path);
     const std::int64_t first = file.version();
     EXPECT_EQ(file.version(), first);
     addUrl("http://a.example/");
@@ -91,7 +91,7 @@ TEST_F(ASettingsFile, HasAnotherVersionAfterEachChange) {
 }
 
 TEST_F(ASettingsFile, LetsItsWriterWriteAndEmptyItsLogBetweenTwoReads) {
-    SettingsFile file(m_path);
+    KeptFile file(m_path);
     addUrl("http://a.example/");
     static_cast<void>(read(file));
     EXPECT_TRUE(emptyWriteAheadLog(*m_writer)) << "a read transaction would be in its way";
@@ -99,7 +99,7 @@ TEST_F(ASettingsFile, LetsItsWriterWriteAndEmptyItsLogBetweenTwoReads) {
 }
 
 TEST_F(ASettingsFile, KeepsTheLogOfAWriterThatCloses) {
-    SettingsFile file(m_path);
+    KeptFile file(m_path);
     addUrl("http://a.example/");
     m_writer.reset();
     EXPECT_TRUE(std::filesystem::exists(m_path + "-wal"));
@@ -107,7 +107,7 @@ TEST_F(ASettingsFile, KeepsTheLogOfAWriterThatCloses) {
 }
 
 TEST_F(ASettingsFile, IsAnotherOneAfterItWasReplaced) {
-    SettingsFile file(m_path);
+    KeptFile file(m_path);
     EXPECT_TRUE(file.isInPlace());
     std::filesystem::rename(m_path, m_path + ".old");
     EXPECT_FALSE(file.isInPlace());
@@ -116,19 +116,19 @@ TEST_F(ASettingsFile, IsAnotherOneAfterItWasReplaced) {
 }
 
 TEST_F(ASettingsFile, IsNotOpenedThroughALinkAndNotMade) {
-    EXPECT_THROW(SettingsFile(m_path + ".none"), DatabaseError);
+    EXPECT_THROW(KeptFile(m_path + ".none"), DatabaseError);
     EXPECT_FALSE(std::filesystem::exists(m_path + ".none"));
     std::filesystem::create_symlink(m_path, m_path + ".link");
-    EXPECT_THROW(SettingsFile(m_path + ".link"), DatabaseError);
+    EXPECT_THROW(KeptFile(m_path + ".link"), DatabaseError);
     std::ofstream(m_path + ".text") << std::string(5000, 'x');
-    EXPECT_THROW(SettingsFile(m_path + ".text"), DatabaseError);
+    EXPECT_THROW(KeptFile(m_path + ".text"), DatabaseError);
 }
 
 TEST_F(ASettingsFile, IsFoundDamagedByItsCheck) {
     for (int i = 0; i < 300; ++i) {
         addUrl("http://host" + std::to_string(i) + ".example/a/path/that/takes/room");
     }
-    EXPECT_EQ(SettingsFile(m_path).check(), "");
+    EXPECT_EQ(KeptFile(m_path).check(), "");
     ASSERT_TRUE(emptyWriteAheadLog(*m_writer));
     m_writer.reset();
     {
@@ -137,7 +137,7 @@ TEST_F(ASettingsFile, IsFoundDamagedByItsCheck) {
         file.seekp(static_cast<std::streamoff>(std::filesystem::file_size(m_path) / 2 / page * page));
         file << std::string(2048, '\x5A');
     }
-    SettingsFile file(m_path);
+    KeptFile file(m_path);
     std::string found;
     try {
         found = file.check();

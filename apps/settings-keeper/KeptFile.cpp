@@ -1,4 +1,10 @@
-#include "apps/settings-keeper/SettingsFile.h"
+// Reading the settings file as the daemon does, without ever writing to it.
+//
+// What must stay so:
+// - Each reading is one transaction of its own and ends at once: one that stayed open would keep the log growing.
+// - Keys count with the terminator that the daemon stores behind them; a name without it is another one.
+// - What is read is bounded as it comes, and a number counts only when it has four bytes.
+#include "apps/settings-keeper/KeptFile.h"
 
 #include "apps/settings-keeper/KeeperLimits.h"
 #include "base/PrintableText.h"
@@ -118,7 +124,7 @@ settings::ProxySettings proxyOf(const Singles& singles, std::vector<std::string>
 
 } // namespace
 
-SettingsFile::SettingsFile(const std::string& path) : m_path(path) {
+KeptFile::KeptFile(const std::string& path) : m_path(path) {
     const struct stat facts = factsOf(path);
     m_device = facts.st_dev;
     m_inode = facts.st_ino;
@@ -128,16 +134,16 @@ SettingsFile::SettingsFile(const std::string& path) : m_path(path) {
     static_cast<void>(version()); // reads the first page, so that what is no database is told here
 }
 
-bool SettingsFile::isInPlace() const noexcept {
+bool KeptFile::isInPlace() const noexcept {
     struct stat facts {};
     return ::lstat(m_path.c_str(), &facts) == 0 && facts.st_dev == m_device && facts.st_ino == m_inode;
 }
 
-std::int64_t SettingsFile::version() {
+std::int64_t KeptFile::version() {
     return queryInteger(*m_database, "PRAGMA data_version");
 }
 
-void SettingsFile::readSingles(SettingsSnapshot& into) {
+void KeptFile::readSingles(SettingsSnapshot& into) {
     const Singles singles(*m_database);
     into.numbers.clear();
     into.unreadable.clear();
@@ -149,7 +155,7 @@ void SettingsFile::readSingles(SettingsSnapshot& into) {
     into.proxy = proxyOf(singles, into.unreadable);
 }
 
-void SettingsFile::readLists(SettingsSnapshot& into) {
+void KeptFile::readLists(SettingsSnapshot& into) {
     SettingsSnapshot lists;
     Bounds bounds;
     {
@@ -173,14 +179,14 @@ void SettingsFile::readLists(SettingsSnapshot& into) {
     into.privateRanges = std::move(lists.privateRanges);
 }
 
-std::uint64_t SettingsFile::rowsOf(std::string_view list) {
+std::uint64_t KeptFile::rowsOf(std::string_view list) {
     const char* const sql = list == "allow_block"  ? "select count(*) from allowblocksettings"
                             : list == "categories" ? "select count(*) from catblockinginfo"
                                                    : "select count(*) from privateIPRange";
     return static_cast<std::uint64_t>(queryInteger(*m_database, sql));
 }
 
-std::string SettingsFile::check() {
+std::string KeptFile::check() {
     Statement check(*m_database, "PRAGMA quick_check(1)");
     const std::string words = check.step() ? std::string(check.bytes(0)) : "no answer";
     constexpr std::size_t most = 512;

@@ -15,10 +15,10 @@ namespace Sentrel::keeper {
 /// One read-only connection to the settings file. As long as it is open no writer's close is the last one, and so none
 /// writes the write-ahead log back. Between two calls it holds no lock and reads nothing.
 /// Threads: one at a time. Owner: the watch.
-class SettingsFile {
+class KeptFile {
 public:
     /// @throws DatabaseError when there is no file, or it is a link or cannot be opened by this user.
-    explicit SettingsFile(const std::string& path);
+    explicit KeptFile(const std::string& path);
 
     /// Whether this is still the file at the path.
     bool isInPlace() const noexcept;

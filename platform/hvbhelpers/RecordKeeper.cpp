@@ -337,6 +337,9 @@ void RecordKeeper::connect() {
     bus::BusPtr bus = bus::openBus(m_socketPath, deadline, m_wake.fd());
     {
         const Sentrel::MutexLock lock(m_mutex);
+        if (m_ending) {
+            throw HVBException(-ECANCELED, "the hub client ends"); // nobody would shut this connection down
+        }
         m_socket = sd_bus_get_fd(bus.get());
     }
     m_bus = std::move(bus);

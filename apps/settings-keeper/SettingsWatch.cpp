@@ -128,9 +128,10 @@ bool SettingsWatch::openFile(Time now) {
     if (now < m_tryAgainAt && m_unreadable == stampOf(m_path)) {
         return false;
     }
-    m_file.emplace(m_path);
+    SettingsFile opened(m_path);
+    m_version = opened.version() - 1;  // another one, so that everything is read
+    m_file.emplace(std::move(opened)); // nothing that throws behind it: an open file is one that is known to be new
     m_unreadable.reset();
-    m_version = m_file->version() - 1; // another one, so that everything is read
     m_isJustOpened = true;
     m_checkAt = now;
     return true;

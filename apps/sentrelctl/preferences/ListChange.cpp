@@ -41,7 +41,7 @@ void followToTheEnd(const Failure& failure, const Shortfall& shortfall) {
         HubClient hub(paths::hubSocket(), freshTimeout);
         for (int atRest = 0; atRest < looksAtRest;) {
             const settings::SettingsSnapshot stored = hub.settings(true);
-            if (!stored.isChanging && shortfall(stored).empty()) {
+            if (!stored.isChanging && shortfall(stored) == std::string()) {
                 return;
             }
             atRest = stored.isChanging ? 0 : atRest + 1;

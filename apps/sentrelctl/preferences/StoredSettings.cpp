@@ -4,8 +4,10 @@
 // What must stay so:
 // - The file is asked for through the hub, by any user. Only the daemon's user may open it, and to read it would be to
 //   lock it.
-// - A list that is changing is served as it last was whole. What is compared is one that is not changing any more.
-// - A hub that cannot tell is no failed change. A line on the error output says what is not known.
+// - A list that is changing is served as it last was whole. What is compared is one that is not changing any more. The
+//   single values are served as they are, and never wait for a list.
+// - A hub that cannot tell is no failed change, and neither is a list that others keep changing. A line on the error
+//   output says what is not known.
 #include "apps/sentrelctl/preferences/StoredSettings.h"
 
 #include "apps/sentrelctl/clients/HubClient.h"
@@ -15,6 +17,7 @@
 #include "base/PrintableText.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <fmt/format.h>
 
@@ -87,18 +90,22 @@ Json entriesJson(const UrlList& list) {
     return json;
 }
 
-/// What a list of names lacks or has too much, in words; empty when nothing.
+/// What a list of names lacks or has too much, in words; empty when nothing. None when @p isChanging and it differs.
 template <class List, class Shown>
-std::string listShortfall(List wanted, List stored, Shown shown) {
+std::optional<std::string> listShortfall(List wanted, List stored, bool isChanging, Shown shown) {
     std::sort(wanted.begin(), wanted.end());
     std::sort(stored.begin(), stored.end());
+    if (isChanging && wanted != stored) {
+        return std::nullopt;
+    }
     List missing;
     std::set_difference(wanted.begin(), wanted.end(), stored.begin(), stored.end(), std::back_inserter(missing));
     if (!missing.empty()) {
         return fmt::format("{} of {} are missing, the first is {}", missing.size(), wanted.size(),
                            printable(shown(missing.front())));
     }
-    return wanted.size() == stored.size() ? "" : fmt::format("it has {} in place of {}", stored.size(), wanted.size());
+    return wanted.size() == stored.size() ? std::string()
+                                          : fmt::format("it has {} in place of {}", stored.size(), wanted.size());
 }
 
 } // namespace
@@ -183,15 +190,18 @@ void needStored(Session& session, double timeout, const std::string& where, cons
         HubClient hub(paths::hubSocket(), timeout);
         for (;;) {
             const SettingsSnapshot stored = hub.settings(true);
-            const std::string lacking =
+            const std::optional<std::string> lacking =
                 stored.state == settings::SnapshotState::None ? stored.reason : shortfall(stored);
-            if (lacking.empty()) {
-                return;
-            }
-            if (!stored.isChanging || std::chrono::steady_clock::now() >= deadline) {
-                throw Failure(ExitCode::Failed, kNotStored, where, lacking,
+            if (lacking && !lacking->empty()) {
+                throw Failure(ExitCode::Failed, kNotStored, where, *lacking,
                               "'sentrelctl doctor' looks at the settings file; then make the change again, which needs "
                               "another value in between");
+            }
+            if (lacking) {
+                return;
+            }
+            if (std::chrono::steady_clock::now() >= deadline) {
+                throw HVB::HVBException(-ETIMEDOUT, "a list in the settings file is still changing");
             }
         }
     } catch (const HVB::HVBException& error) {
@@ -212,9 +222,9 @@ Shortfall shortfallOf(const Preference& preference, const STPreferences& wanted)
 Shortfall shortfallOfAll(const Snapshot& wanted) {
     return [wanted](const SettingsSnapshot& file) {
         for (const Preference& preference : allPreferences()) {
-            std::string lacking = shortfallOf(preference, wanted.values)(file);
-            if (!lacking.empty()) {
-                return fmt::format("{}: {}", preference.name, lacking);
+            const std::optional<std::string> lacking = shortfallOf(preference, wanted.values)(file);
+            if (!lacking->empty()) { // a single value is never changing
+                return std::optional(fmt::format("{}: {}", preference.name, *lacking));
             }
         }
         return shortfallOfList(wanted.list)(file);
@@ -223,7 +233,7 @@ Shortfall shortfallOfAll(const Snapshot& wanted) {
 
 Shortfall shortfallOfList(const UrlList& wanted) {
     return [wanted](const SettingsSnapshot& file) {
-        return listShortfall(wanted, listOf(file), [](const ListEntry& entry) { return entry.url; });
+        return listShortfall(wanted, listOf(file), file.isChanging, [](const ListEntry& entry) { return entry.url; });
     };
 }
 
@@ -233,7 +243,7 @@ Shortfall shortfallOfCategories(const CategoryBlockDetails& wanted) {
         names.push_back(name);
     }
     return [names](const SettingsSnapshot& file) {
-        return listShortfall(names, categoriesOf(file), [](const std::string& name) { return name; });
+        return listShortfall(names, categoriesOf(file), file.isChanging, [](const std::string& name) { return name; });
     };
 }
 

@@ -7,6 +7,7 @@
 #include "platform/settings/SettingsSnapshot.h"
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -38,11 +39,12 @@ Json settingsJson(const Snapshot& inForce, const settings::SettingsSnapshot& sto
 /// The settings file, read after this was called. @throws Failure with @p what when the hub cannot tell.
 settings::SettingsSnapshot freshSettings(double timeout, const char* what);
 
-/// What the file lacks of a change; empty when it has all of it.
-using Shortfall = std::function<std::string(const settings::SettingsSnapshot&)>;
+/// What the file lacks of a change; empty when it has all of it. None when the lists cannot tell yet: one is changing,
+/// and they are served as they were before.
+using Shortfall = std::function<std::optional<std::string>(const settings::SettingsSnapshot&)>;
 
 /// Compares a change that is in force with the file, waiting for a list that is changing to become whole. When the hub
-/// cannot tell what is stored, a line on the error output says so.
+/// cannot tell what is stored, or a list is still changing at the time limit, a line on the error output says so.
 /// @throws Failure when it is not stored.
 void needStored(Session& session, double timeout, const std::string& where, const Shortfall& shortfall);
 

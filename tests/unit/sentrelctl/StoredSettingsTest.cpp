@@ -1,0 +1,48 @@
+// What the settings file lacks of a change.
+#include "apps/sentrelctl/preferences/StoredSettings.h"
+
+#include <gtest/gtest.h>
+
+namespace Sentrel::ctl {
+namespace {
+
+settings::SettingsSnapshot fileWith(bool isChanging) {
+    settings::SettingsSnapshot file;
+    file.state = settings::SnapshotState::Whole;
+    file.isChanging = isChanging;
+    file.allowBlock = {{"b.example", 1}, {"a.example", 0}};
+    file.categories = {{"Gambling", 1}};
+    file.numbers = {{"RedSiteAction", 2}};
+    return file;
+}
+
+TEST(AShortfall, IsEmptyWhenTheFileHasAllOfAListInAnyOrder) {
+    EXPECT_EQ(shortfallOfList({{"a.example", 0}, {"b.example", 1}})(fileWith(false)), "");
+    EXPECT_EQ(shortfallOfCategories({{"Gambling", 1}})(fileWith(false)), "");
+}
+
+TEST(AShortfall, NamesWhatTheFileLacks) {
+    EXPECT_EQ(shortfallOfList({{"a.example", 1}, {"b.example", 1}})(fileWith(false)),
+              "1 of 2 are missing, the first is a.example");
+    EXPECT_EQ(shortfallOfList({})(fileWith(false)), "it has 2 in place of 0");
+    EXPECT_EQ(shortfallOfCategories({{"Gambling", 1}, {"Music", 1}})(fileWith(false)),
+              "1 of 2 are missing, the first is Music");
+}
+
+TEST(AShortfall, OfAListIsNotKnownWhileAListIsChanging) {
+    EXPECT_EQ(shortfallOfList({})(fileWith(true)), std::nullopt);
+    EXPECT_EQ(shortfallOfCategories({{"Music", 1}})(fileWith(true)), std::nullopt);
+    EXPECT_EQ(shortfallOfCategories({{"Gambling", 1}})(fileWith(true)), "") << "it was stored before the change";
+}
+
+TEST(AShortfall, OfASingleValueDoesNotWaitForAList) {
+    STPreferences wanted;
+    wanted.m_redSiteAction = 1;
+    EXPECT_EQ(shortfallOf(settablePreference("red-sites"), wanted)(fileWith(true)), "the settings file has warn");
+    wanted.m_yellowSiteAction = 2;
+    EXPECT_EQ(shortfallOf(settablePreference("yellow-sites"), wanted)(fileWith(true)), "")
+        << "a first value without a row";
+}
+
+} // namespace
+} // namespace Sentrel::ctl

@@ -327,6 +327,14 @@ TEST_F(ADamagedSettingsFile, IsMadeAnewOfAllButItsBrokenPage) {
     EXPECT_EQ(readFile(result.out.substr(aside, result.out.find('"', aside) - aside)), before) << "it stays as it was";
 }
 
+TEST_F(ADamagedSettingsFile, IsMadeAnewForTheReadersThatASiteHas) {
+    damage();
+    const CtlResult result = repair({"--yes", "--readable-by-all"});
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(sql("pragma integrity_check; pragma journal_mode"), "ok\ndelete\n");
+    EXPECT_EQ(mode(), 0644U);
+}
+
 TEST_F(ADamagedSettingsFile, ThatIsNoDatabaseAnyMoreIsMadeAnewWithoutRows) {
     put(std::string(8192, 'x'));
     EXPECT_EQ(repair({"--yes"}).code, 0);

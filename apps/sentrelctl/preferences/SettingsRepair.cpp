@@ -5,12 +5,12 @@
 // table gives the keys of those again, which is all there is to a private range.
 //
 // What must stay so:
-// - Nothing is written into the old file. It is moved, and what SQLite put beside it moves with it: a write-ahead log
+// - Nothing is written into the old file. It is moved, and what SQLite put beside it moves before it: a write-ahead log
 //   that stayed would be applied to the new file.
-// - The new file is whole, synced and in its form before it takes the place.
+// - The new file is whole, synced and in its form before it takes the place, which it does in one step: without a
+//   settings file the daemon would start with the first values.
 #include "apps/sentrelctl/preferences/SettingsRepair.h"
 
-#include "apps/sentrelctl/preferences/SettingsForm.h"
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/Database.h"
@@ -68,7 +68,17 @@ DatabasePtr opened(const std::string& path) {
     }
 }
 
-/// Takes the rows that one query gives until it ends or meets a broken page. @return whether it ended.
+/// A lock says nothing about what is broken: whoever holds it is done sometime.
+bool isLocked(const DatabaseError& error) {
+    return error.code() == SQLITE_BUSY || error.code() == SQLITE_LOCKED;
+}
+
+Failure lockedFailure(const std::string& path) {
+    return repairFailure(path, "another process holds it", "Try again when the other one is done");
+}
+
+/// Takes the rows that one query gives until it ends or meets a broken page. @return whether it ended. @throws
+/// DatabaseError when the file is locked.
 template <class Take>
 bool eachRow(Statement& statement, const Take& take) {
     const StatementUse use(statement);
@@ -77,7 +87,10 @@ bool eachRow(Statement& statement, const Take& take) {
             take(statement);
         }
         return true;
-    } catch (const DatabaseError&) {
+    } catch (const DatabaseError& error) {
+        if (isLocked(error)) {
+            throw;
+        }
         return false;
     }
 }
@@ -103,7 +116,10 @@ std::int64_t lastRowNumber(sqlite3& database, const TableForm& form) {
         const std::int64_t last =
             queryInteger(database, fmt::format("select max(rowid) from {} not indexed", form.name).c_str());
         return std::clamp(last, std::int64_t{0}, kMaxRowNumber);
-    } catch (const DatabaseError&) {
+    } catch (const DatabaseError& error) {
+        if (isLocked(error)) {
+            throw;
+        }
         return kMaxRowNumber;
     }
 }
@@ -211,8 +227,11 @@ SavedTable saved(sqlite3& database, const TableForm& form) {
         if (form.value == nullptr && table.unreadable > 0) {
             readKeys(database, form, table);
         }
-    } catch (const DatabaseError&) { // not even a statement: the table is missing, or the file's first page is broken
-        ++table.unreadable;
+    } catch (const DatabaseError& error) {
+        if (isLocked(error)) {
+            throw;
+        }
+        ++table.unreadable; // not even a statement: the table is missing, or the file's first page is broken
     }
     return table;
 }
@@ -237,9 +256,13 @@ void insertRows(sqlite3& database, const SavedTable& table) {
     }
 }
 
-/// Moves the file and what is beside it to names that end in @p ending, the file first.
+/// Gives the file a second name that ends in @p ending, and moves what is beside it there. The file keeps its own name
+/// until the new one takes it, so that a settings file is there whenever this stops.
 void setAside(const std::string& path, const std::string& ending) {
-    for (const char* side : {"", "-wal", "-shm", "-journal"}) {
+    if (::link(path.c_str(), (path + ending).c_str()) != 0) {
+        throw std::system_error(errno, std::generic_category(), path + ending);
+    }
+    for (const char* side : {"-wal", "-shm", "-journal"}) {
         const std::string from = path + side;
         if (::rename(from.c_str(), (path + ending + side).c_str()) != 0 && errno != ENOENT) {
             throw std::system_error(errno, std::generic_category(), from);
@@ -247,8 +270,8 @@ void setAside(const std::string& path, const std::string& ending) {
     }
 }
 
-void makeFile(const std::string& path, const std::vector<SavedTable>& tables) {
-    setUpSettingsFile(path, SettingsReaders::DaemonAlone);
+void makeFile(const std::string& path, const std::vector<SavedTable>& tables, SettingsReaders readers) {
+    setUpSettingsFile(path, readers);
     const DatabasePtr database = openDatabase(path);
     WriteTransaction transaction(*database);
     for (const SavedTable& table : tables) {
@@ -277,8 +300,8 @@ std::optional<std::string> damageInSettings(const std::string& path) {
         std::replace(finding.begin(), finding.end(), '\n', ' ');
         return finding == "ok" ? std::nullopt : std::optional(std::move(finding));
     } catch (const DatabaseError& error) {
-        if (error.code() == SQLITE_BUSY) {
-            throw repairFailure(path, "another process holds it", "Try again when the other one is done");
+        if (isLocked(error)) {
+            throw lockedFailure(path);
         }
         return error.what();
     }
@@ -288,8 +311,12 @@ std::vector<SavedTable> saveSettings(const std::string& path) {
     const DatabasePtr database = opened(path);
     std::vector<SavedTable> tables;
     tables.reserve(kTableForms.size());
-    for (const TableForm& form : kTableForms) {
-        tables.push_back(saved(*database, form));
+    try {
+        for (const TableForm& form : kTableForms) {
+            tables.push_back(saved(*database, form));
+        }
+    } catch (const DatabaseError&) {
+        throw lockedFailure(path);
     }
     return tables;
 }
@@ -300,14 +327,14 @@ void addKnownSettings(std::vector<SavedTable>& tables, const settings::SettingsS
     }
 }
 
-std::string replaceSettings(const std::string& path, const std::vector<SavedTable>& tables) {
+std::string replaceSettings(const std::string& path, const std::vector<SavedTable>& tables, SettingsReaders readers) {
     const std::string fresh = path + ".new";
     const std::string ending = fmt::format(".broken-{:%Y%m%dT%H%M%SZ}", fmt::gmtime(std::time(nullptr)));
     try {
         for (const char* side : {"", "-wal", "-shm", "-journal"}) {
             std::filesystem::remove(fresh + side); // of an earlier repair that did not end
         }
-        makeFile(fresh, tables);
+        makeFile(fresh, tables, readers);
         const SettingsHandover handover(path, kRepairWait);
         emptyLogOf(path);
         setAside(path, ending);

@@ -1,6 +1,7 @@
 // What can be saved of a damaged settings file, and the new file that is made of it.
 #pragma once
 
+#include "apps/sentrelctl/preferences/SettingsForm.h"
 #include "platform/settings/SettingsSnapshot.h"
 
 #include <cstddef>
@@ -38,7 +39,7 @@ struct SavedTable {
 
 /// Reads every row of the four tables that can be reached, past the pages that are broken. Nothing is changed. A table
 /// that cannot be used at all has no rows and one unreadable place.
-/// @throws Failure when the file cannot be opened.
+/// @throws Failure when the file cannot be opened or is locked.
 std::vector<SavedTable> saveSettings(const std::string& path);
 
 /// Adds to the tables, behind what they have, the rows of @p known whose keys they lack. Of a password that is no text
@@ -49,6 +50,6 @@ void addKnownSettings(std::vector<SavedTable>& tables, const settings::SettingsS
 /// Called as the file's owner. The daemon may run: what it changes at that instant may be lost with the old file.
 /// @return the name under which the old file stays.
 /// @throws Failure; the old file is then still in its place.
-std::string replaceSettings(const std::string& path, const std::vector<SavedTable>& tables);
+std::string replaceSettings(const std::string& path, const std::vector<SavedTable>& tables, SettingsReaders readers);
 
 } // namespace Sentrel::ctl

@@ -20,6 +20,10 @@ struct InitOptions {
     bool yes = false;
 };
 
+SettingsReaders readersWanted(const InitOptions& options) {
+    return options.readableByAll ? SettingsReaders::Everybody : SettingsReaders::DaemonAlone;
+}
+
 Json initJson(const std::string& path, const SettingsSetUp& done, SettingsReaders readers) {
     return Json{{"file", path},
                 {"created", done.tables.created},
@@ -31,7 +35,7 @@ Json initJson(const std::string& path, const SettingsSetUp& done, SettingsReader
 
 void settingsInit(Session& session, const InitOptions& options) {
     const std::string path = paths::settingsFile();
-    const SettingsReaders readers = options.readableByAll ? SettingsReaders::Everybody : SettingsReaders::DaemonAlone;
+    const SettingsReaders readers = readersWanted(options);
     const SettingsSetUp done = setUpSettingsFile(path, readers);
     if (session.json != JsonMode::Off) {
         session.out.write(jsonText(initJson(path, done, readers), session.json));
@@ -117,7 +121,7 @@ void settingsRepair(Session& session, const InitOptions& options) {
         addKnownSettings(tables, *known);
     }
     showRepair(session, path, *damage, tables,
-               options.yes ? std::optional(replaceSettings(path, tables)) : std::nullopt);
+               options.yes ? std::optional(replaceSettings(path, tables, readersWanted(options))) : std::nullopt);
 }
 
 Work describeInit(OptionSet& set, Session& session) {

@@ -128,7 +128,7 @@ bool SettingsWatch::openFile(Time now) {
     if (now < m_tryAgainAt && m_unreadable == stampOf(m_path)) {
         return false;
     }
-    SettingsFile opened(m_path);
+    KeptFile opened(m_path);
     m_version = opened.version() - 1;  // another one, so that everything is read
     m_file.emplace(std::move(opened)); // nothing that throws behind it: an open file is one that is known to be new
     m_unreadable.reset();

@@ -44,6 +44,7 @@ public:
     void starts() {
         listen();
         machine.startHub();
+        machine.startKeeper();
         ASSERT_TRUE(machine.startDaemon()) << machine.daemon().output();
         step("starts");
         const auto about = answerOf<AboutBoxData>(CMD_ABOUT_BOX_REQUEST);

@@ -162,6 +162,11 @@ void SpoolFile::countRecords(std::uint64_t end) {
 std::optional<SpoolFile::Place> SpoolFile::findRecord(std::uint64_t from, std::uint64_t end) const {
     constexpr std::uint64_t chunkBytes = std::uint64_t{64} << 10U;
     const RecordHead wanted;
+    if (from < end) { // mostly one follows the other
+        if (const std::optional<std::string> record = readRecord(from)) {
+            return Place{from, spaceOf(record->size())};
+        }
+    }
     for (std::uint64_t start = from; start < end; start += chunkBytes) {
         const std::string chunk = readRing(start, std::min(chunkBytes, end - start));
         for (std::size_t at = 0; at + kAlignment <= chunk.size(); at += kAlignment) {

@@ -215,8 +215,10 @@ PolicyOutcome AgentWorker::enforce() {
 std::optional<std::size_t> AgentWorker::compare() {
     const StoredRows rows = compareWithFile(m_policy.sections());
     if (rows.missing.value_or(0) > 0) {
-        m_log->warning("the policy is in force until the next start: " + std::to_string(*rows.missing) +
-                       " rows of its lists are not stored");
+        // Of a policy that arrived again the rows may be missing since somebody else changed a list.
+        m_log->warning(std::to_string(*rows.missing) +
+                       " rows of the policy's lists are not in the settings file: what of " +
+                       "them is in force is so until the next start");
     } else if (!rows.missing) {
         m_log->information("whether the policy's lists are stored cannot be seen: " + rows.trouble);
     }

@@ -125,6 +125,7 @@ void KeeperService::lost() noexcept {
     m_handing.reset();
     m_questions.clear();
     m_noter.reset();
+    m_watch.note(std::nullopt, steady_clock::now()); // its sender cannot be watched any more
     m_slots.clear();
     m_sent.reset();
     m_bus = nullptr;

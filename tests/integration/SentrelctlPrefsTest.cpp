@@ -319,6 +319,19 @@ TEST_F(AFileThatTakesNothing, IsToldOfAfterEveryChangeThatIsInForceAlone) {
     }
 }
 
+TEST_F(APreferenceClient, DoesNotTakeAnothersChangeForOneThatIsNotStored) {
+    m_machine.keeper().hold();
+    CtlRun waits(m_machine.root(), {"list", "block", "http://a.example/"}); // until the keeper goes on
+    EXPECT_TRUE(eventually([&] { return does({"list", "show"}) == "block  http://a.example/\n"; }));
+    const CtlResult second = use({"prefs", "reset", "--timeout", "1"});
+    m_machine.keeper().kill(SIGCONT);
+    const CtlResult first = waits.finish();
+    EXPECT_EQ(second.code, 0) << second.err;
+    EXPECT_EQ(first.code, 1);
+    EXPECT_EQ(first.err, "sentrelctl: not what was asked for: the list: it is in force no more. Somebody else may have "
+                         "changed it at the same time; try again.\n");
+}
+
 TEST_F(APreferenceClient, RepairsTheFileWithTheHubsLastWholeSettings) {
     std::string lines;
     for (int i = 100; i < 400; ++i) {

@@ -96,7 +96,10 @@ UrlList replaceList(Session& session, PreferenceClient& client, const UrlList& w
     }
     UrlList now = client.read(ST_ALLOW_BLOCK_LIST).list;
     refuseDifference(wanted, now);
-    needStored(session, timeout, "the list", shortfallOfList(wanted));
+    needStored(session, timeout, "the list", shortfallOfList(wanted), [&] {
+        const UrlList last = client.read(ST_ALLOW_BLOCK_LIST).list;
+        return missingFrom(last, wanted).empty() && missingFrom(wanted, last).empty();
+    });
     return now;
 }
 

@@ -6,6 +6,8 @@
 //   lock it.
 // - A list that is changing is served as it last was whole. What is compared is one that is not changing any more. The
 //   single values are served as they are, and never wait for a list.
+// - The file may lack a change because somebody else has made another one since. That is told only of a change that is
+//   still in force.
 // - A hub that cannot tell is no failed change, and neither is a list that others keep changing. A line on the error
 //   output says what is not known.
 #include "apps/sentrelctl/preferences/StoredSettings.h"
@@ -108,6 +110,14 @@ std::optional<std::string> listShortfall(List wanted, List stored, bool isChangi
                                           : fmt::format("it has {} in place of {}", stored.size(), wanted.size());
 }
 
+Failure notStoredFailure(const std::string& where, const std::string& lacking, bool isInForce) {
+    return isInForce ? Failure(ExitCode::Failed, kNotStored, where, lacking,
+                               "'sentrelctl doctor' looks at the settings file; then make the change again, which "
+                               "needs another value in between")
+                     : Failure(ExitCode::Failed, "not what was asked for", where, "it is in force no more",
+                               "Somebody else may have changed it at the same time; try again");
+}
+
 } // namespace
 
 const std::vector<StoredPreference>& storedPreferences() {
@@ -184,7 +194,8 @@ SettingsSnapshot freshSettings(double timeout, const char* what) {
     }
 }
 
-void needStored(Session& session, double timeout, const std::string& where, const Shortfall& shortfall) {
+void needStored(Session& session, double timeout, const std::string& where, const Shortfall& shortfall,
+                const std::function<bool()>& isInForce) {
     try {
         const auto deadline = deadlineAfter(timeout);
         HubClient hub(paths::hubSocket(), timeout);
@@ -193,9 +204,7 @@ void needStored(Session& session, double timeout, const std::string& where, cons
             const std::optional<std::string> lacking =
                 stored.state == settings::SnapshotState::None ? stored.reason : shortfall(stored);
             if (lacking && !lacking->empty()) {
-                throw Failure(ExitCode::Failed, kNotStored, where, *lacking,
-                              "'sentrelctl doctor' looks at the settings file; then make the change again, which needs "
-                              "another value in between");
+                throw notStoredFailure(where, *lacking, isInForce());
             }
             if (lacking) {
                 return;

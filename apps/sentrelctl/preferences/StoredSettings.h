@@ -45,8 +45,10 @@ using Shortfall = std::function<std::optional<std::string>(const settings::Setti
 
 /// Compares a change that is in force with the file, waiting for a list that is changing to become whole. When the hub
 /// cannot tell what is stored, or a list is still changing at the time limit, a line on the error output says so.
-/// @throws Failure when it is not stored.
-void needStored(Session& session, double timeout, const std::string& where, const Shortfall& shortfall);
+/// @param isInForce whether the change still is; asked only when the file lacks it, which may be somebody else's doing.
+/// @throws Failure when it is not stored, or not in force any more.
+void needStored(Session& session, double timeout, const std::string& where, const Shortfall& shortfall,
+                const std::function<bool()>& isInForce);
 
 /// The shortfalls of each kind of change. A value that needs no row, because it is the first one, may have none.
 Shortfall shortfallOf(const Preference& preference, const STPreferences& wanted);

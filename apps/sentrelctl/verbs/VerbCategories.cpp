@@ -84,7 +84,8 @@ void replace(Session& session, PreferenceClient& client, const CategoryBlockDeta
         throw droppedFailure(client, wanted.size(), now.m_categoryBlockDetails.size());
     }
     answer(session, now);
-    needStored(session, timeout, "the categories", shortfallOfCategories(wanted));
+    needStored(session, timeout, "the categories", shortfallOfCategories(wanted),
+               [&] { return categoryNames(read(client)) == categoryNames(values); });
 }
 
 void categoriesShow(Session& session, const CategoriesOptions& options) {

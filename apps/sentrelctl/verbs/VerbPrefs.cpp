@@ -72,7 +72,8 @@ void prefsSet(Session& session, const PrefsOptions& options) {
         throw Failure(ExitCode::Failed, "not what was asked for", options.name, fmt::format("it is {} now", value),
                       "Somebody else may have set it at the same time; try again");
     }
-    needStored(session, options.timeout, options.name, shortfallOf(preference, wanted));
+    needStored(session, options.timeout, options.name, shortfallOf(preference, wanted),
+               [&] { return valueText(client.read(*preference.type).values, preference) == value; });
 }
 
 void prefsReset(Session& session, const PrefsOptions& options) {
@@ -86,7 +87,8 @@ void prefsReset(Session& session, const PrefsOptions& options) {
     client.reset();
     const Snapshot now = client.readAll();
     show(session, now);
-    needStored(session, options.timeout, "the preferences", shortfallOfAll(now));
+    needStored(session, options.timeout, "the preferences", shortfallOfAll(now),
+               [&] { return snapshotJson(client.readAll()) == snapshotJson(now); });
 }
 
 Work describePrefsShow(OptionSet& set, Session& session) {

@@ -39,14 +39,14 @@ using namespace Sentrel;
 using Clock = std::chrono::steady_clock;
 
 struct Sizes {
-    int listRows;     // of the list that a get of all carries
-    int calls;        // of the short kinds that are measured
-    int listCalls;    // that carry the list
-    bool isUnbounded; // whether a flood is tried that takes all that the bus has
+    std::size_t connections; // of the user who floods
+    int listRows;            // of the list that a get of all carries
+    int calls;               // of the short kinds that are measured
+    int listCalls;           // that carry the list
+    bool isUnbounded;        // whether a flood is tried that takes all that the bus has
 };
-constexpr Sizes kFull{10'000, 1000, 100, true};
-constexpr Sizes kBrief{100, 2, 2, false};
-constexpr std::size_t kConnections = 12;
+constexpr Sizes kFull{12, 10'000, 1000, 100, true};
+constexpr Sizes kBrief{2, 100, 2, 2, false};
 // Each connection sends 600 calls a second.
 constexpr std::chrono::milliseconds kTick{10};
 constexpr int kCallsOfTick = 6;
@@ -123,8 +123,9 @@ bool tryConnect(Flooder& flooder, const std::string& socketPath) {
     }
 }
 
-void flood(const std::string& socketPath, Flood form, bool isUnbounded, const std::function<void()>& ready) {
-    std::array<Flooder, kConnections> flooders;
+void flood(const std::string& socketPath, std::size_t connections, Flood form, bool isUnbounded,
+           const std::function<void()>& ready) {
+    std::vector<Flooder> flooders(connections);
     for (Flooder& flooder : flooders) {
         if (!eventually([&] { return tryConnect(flooder, socketPath); })) {
             throw std::runtime_error("the flood gets no connection");
@@ -266,8 +267,9 @@ int run(const Sizes& sizes) {
         if (form.isUnbounded && !sizes.isUnbounded) {
             continue;
         }
-        const OtherProcess user(kNobody, kNogroup, {},
-                                [&](const auto& ready) { flood(socketPath, form.flood, form.isUnbounded, ready); });
+        const OtherProcess user(kNobody, kNogroup, {}, [&](const auto& ready) {
+            flood(socketPath, sizes.connections, form.flood, form.isUnbounded, ready);
+        });
         report.rows(form, measure(socketPath, sizes));
         healthAfter = form.isUnbounded ? healthAfter : health(socketPath);
         memory += fmt::format(", {} {:.1f}", form.name, processMebibytes(machine.bus().pid()));

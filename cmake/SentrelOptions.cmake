@@ -31,6 +31,14 @@ if(SENTREL_SANITIZE)
         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>) # GCC 12 sees ghosts in sanitized library code
     target_link_options(sentrel_options INTERFACE -fsanitize=${SENTREL_SANITIZE})
 endif()
+if(SENTREL_SANITIZE STREQUAL "thread" AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    # A runtime that is a library of its own: the linker's --wrap in the tests must not reach into it.
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-runtime-dir
+        OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    add_library(sentrel_tsan_start OBJECT ${CMAKE_CURRENT_LIST_DIR}/TsanStart.cpp)
+    target_link_options(sentrel_options INTERFACE -shared-libsan -Wl,-rpath,${runtime})
+    target_link_libraries(sentrel_options INTERFACE $<TARGET_OBJECTS:sentrel_tsan_start>)
+endif()
 if(SENTREL_COVERAGE)
     target_compile_options(sentrel_options INTERFACE --coverage)
     target_link_options(sentrel_options INTERFACE --coverage)

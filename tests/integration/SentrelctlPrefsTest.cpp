@@ -490,9 +490,10 @@ TEST_F(APreferenceClient, ShowsAListThatNoMessageHolds) {
                   "allowblocksettings select 'http://host' || i || '.example/a/path', 1 from n");
     static_cast<void>(m_machine.stopDaemon());
     ASSERT_TRUE(m_machine.startDaemon());
-    const std::string shown = does({"list", "show"});
+    const std::string shown = does({"list", "show", "--timeout", "60"});
     EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 20'000);
-    EXPECT_NE(does({"prefs", "show"}).find("20000 entries: 0 allow, 20000 block"), std::string::npos);
+    EXPECT_NE(does({"prefs", "show", "--timeout", "60"}).find("20000 entries: 0 allow, 20000 block"),
+              std::string::npos);
 }
 
 TEST_F(APreferenceClient, ShowsOnATerminalThatALongImportGoesOn) {

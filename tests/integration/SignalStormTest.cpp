@@ -2,6 +2,7 @@
 // SENTREL_STORM_STARTS says how many starts each test makes; the default is small, for every run of the tests.
 #include "tests/support/Eventually.h"
 #include "tests/support/Machine.h"
+#include "tests/support/Sanitizers.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +17,7 @@ namespace testing_support {
 namespace {
 
 int starts() {
-    constexpr int few = 40;
+    constexpr int few = kIsThreadSanitized ? 15 : 40;
     const char* value = std::getenv("SENTREL_STORM_STARTS");
     return value != nullptr ? std::atoi(value) : few;
 }

@@ -5,6 +5,7 @@
 #include "base/TextConversion.h"
 #include "platform/hvbagent/PolicyDocument.h"
 #include "policy/PolicyRows.h"
+#include "tests/support/Sanitizers.h"
 #include "tests/unit/managed/PolicyFixture.h"
 #include "tests/unit/policy/PolicyGenerator.h"
 
@@ -21,11 +22,7 @@ namespace {
 using Words = std::vector<std::string>;
 
 /// Nothing here has a second thread, so ThreadSanitizer looks at a tenth.
-#if defined(__has_feature)
-constexpr int kPolicies = __has_feature(thread_sanitizer) ? 300 : 3000;
-#else
-constexpr int kPolicies = 3000;
-#endif
+constexpr int kPolicies = kIsThreadSanitized ? 300 : 3000;
 
 std::string narrowOf(const std::wstring& wide) {
     std::vector<char> buffer(6 * wide.size() + 1, '\0');

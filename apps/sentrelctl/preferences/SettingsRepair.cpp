@@ -219,11 +219,17 @@ void readKeys(sqlite3& database, const TableForm& form, SavedTable& table) {
     table.added = before; // they come from this very file
 }
 
+bool isSoundTable(sqlite3& database, const TableForm& form) {
+    Statement check(database, fmt::format("pragma quick_check({})", form.name).c_str());
+    return check.step() && check.bytes(0) == "ok";
+}
+
 SavedTable saved(sqlite3& database, const TableForm& form) {
     SavedTable table;
     table.name = form.name;
     try {
         readRows(database, form, table);
+        table.isSound = table.unreadable == 0 && isSoundTable(database, form);
         if (form.value == nullptr && table.unreadable > 0) {
             readKeys(database, form, table);
         }
@@ -323,7 +329,9 @@ std::vector<SavedTable> saveSettings(const std::string& path) {
 
 void addKnownSettings(std::vector<SavedTable>& tables, const settings::SettingsSnapshot& known) {
     for (SavedTable& table : tables) {
-        addMissingRows(table, rowsIn(known, table.name));
+        if (!table.isSound) { // in a sound one they are missing because somebody took them out
+            addMissingRows(table, rowsIn(known, table.name));
+        }
     }
 }
 

@@ -33,6 +33,7 @@ struct SettingsRow {
 struct SavedTable {
     std::string name;
     std::vector<SettingsRow> rows; ///< in the file's order; each key once
+    bool isSound = false;          ///< no page of it is broken, so that nothing can be missing
     std::size_t unreadable = 0;    ///< places at which the file is broken
     std::size_t added = 0;         ///< how many of the rows come from elsewhere
 };
@@ -42,8 +43,8 @@ struct SavedTable {
 /// @throws Failure when the file cannot be opened or is locked.
 std::vector<SavedTable> saveSettings(const std::string& path);
 
-/// Adds to the tables, behind what they have, the rows of @p known whose keys they lack. Of a password that is no text
-/// of the site's own cipher nothing is known.
+/// Adds to the tables that are not sound, behind what they have, the rows of @p known whose keys they lack. Of a
+/// password that is no text of the site's own cipher nothing is known.
 void addKnownSettings(std::vector<SavedTable>& tables, const settings::SettingsSnapshot& known);
 
 /// Puts a file of these rows in the place of the one at @p path, which is set aside with what SQLite put beside it.

@@ -1,5 +1,9 @@
-// What the settings file lacks of a change.
+// What the settings file lacks of a change, and what of a damaged one the hub knows.
 #include "apps/sentrelctl/preferences/StoredSettings.h"
+
+#include "apps/sentrelctl/preferences/SettingsRepair.h"
+#include "apps/sentrelctl/preferences/SettingsTables.h"
+#include "tests/support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
@@ -42,6 +46,22 @@ TEST(AShortfall, OfASingleValueDoesNotWaitForAList) {
     wanted.m_yellowSiteAction = 2;
     EXPECT_EQ(shortfallOf(settablePreference("yellow-sites"), wanted)(fileWith(true)), "")
         << "a first value without a row";
+}
+
+TEST(ARepair, AddsWhatTheHubKnowsToBrokenTablesAlone) {
+    const testing_support::TemporaryDirectory directory;
+    setUpSettingsFile(directory.file("product.db"), SettingsReaders::DaemonAlone);
+    std::vector<SavedTable> tables = saveSettings(directory.file("product.db"));
+    ASSERT_EQ(tables.size(), 4U);
+    addKnownSettings(tables, fileWith(false));
+    for (const SavedTable& table : tables) {
+        EXPECT_TRUE(table.isSound) << table.name;
+        EXPECT_EQ(table.added, 0U) << table.name << ": somebody took them out";
+    }
+    tables[2].isSound = false;
+    addKnownSettings(tables, fileWith(false));
+    EXPECT_EQ(tables[1].added, 0U);
+    EXPECT_EQ(tables[2].added, 2U);
 }
 
 } // namespace

@@ -1,4 +1,9 @@
-// sentrelctl settings init: the one step that makes the tables of the settings file.
+// sentrelctl settings init: the one step that makes the tables of the settings file, gives the file its form, and
+// repairs one that is damaged.
+//
+// What must stay so:
+// - A repair only shows what it would do until --yes says that it is meant.
+// - What the hub last knew goes into broken tables alone, so that nothing comes back that was removed.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/clients/HubClient.h"
 #include "apps/sentrelctl/preferences/SettingsRepair.h"

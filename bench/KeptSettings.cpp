@@ -89,7 +89,10 @@ class Side {
 public:
     explicit Side(bool isKept) : m_barePath(m_machine.root().sharedDirectory() + "/bare.db") {
         m_machine.setTraceLevels(0);
-        isKept ? m_machine.initSettingsForKeeper() : m_machine.initSettings();
+        m_machine.initSettings();
+        if (!isKept) {
+            m_machine.sql("pragma journal_mode=delete");
+        }
         makeBareFile(m_barePath);
         if (isKept) {
             const std::array mode{"PRAGMA journal_mode=wal"};

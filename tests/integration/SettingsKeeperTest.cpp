@@ -41,7 +41,7 @@ Urls urlList(const std::string& host, int count) {
 class ASettingsKeeper : public ::testing::Test {
 protected:
     void SetUp() override {
-        machine.initSettingsForKeeper();
+        machine.initSettings();
         machine.startHub();
         ASSERT_TRUE(machine.startDaemon()) << machine.daemon().output();
         machine.startKeeper();
@@ -238,7 +238,7 @@ TEST_F(ASettingsKeeper, StartsWithoutABusAndWithoutAFile) {
         return eventually([&] { return awaitSettings(socketPath).snapshot.state == state; });
     };
     EXPECT_TRUE(isServed(SnapshotState::None));
-    machine.initSettingsForKeeper();
+    machine.initSettings();
     EXPECT_TRUE(isServed(SnapshotState::Whole));
 }
 
@@ -249,7 +249,7 @@ TEST_F(ASettingsKeeper, FollowsAFileThatWasReplaced) {
     for (const char* end : {"", "-wal", "-shm"}) {
         fs::rename(machine.settingsFile() + end, machine.root().file("away") + "/product.db" + end);
     }
-    machine.initSettingsForKeeper();
+    machine.initSettings();
     EXPECT_TRUE(eventually([this] {
         const SettingsSnapshot served = servedSettings(socketPath).snapshot;
         return served.state == SnapshotState::Whole && served.numbers.empty();
@@ -307,7 +307,7 @@ TEST_F(ASettingsKeeper, AnswersHelpAndVersionAndRefusesAnyOtherArgument) {
 class ASettingsKeeperOfItsOwnUser : public AccessFixture {};
 
 TEST_F(ASettingsKeeperOfItsOwnUser, ServesTheSettingsToEveryUserWhoCannotReadTheFile) {
-    machine->initSettingsForKeeper();
+    machine->initSettings();
     machine->startHub();
     ASSERT_TRUE(machine->startDaemon());
     machine->startKeeper();

@@ -155,13 +155,6 @@ void Machine::initSettings() {
     }
 }
 
-void Machine::initSettingsForKeeper() {
-    initSettings();
-    static_cast<void>(sql("PRAGMA journal_mode=wal"));
-    constexpr auto ownerAndGroup = std::filesystem::perms{0640};
-    std::filesystem::permissions(settingsFile(), ownerAndGroup);
-}
-
 SqliteRun Machine::runSqlite(const std::string& statement, const std::string& setting) const {
     const std::string outputFile = m_root.file("sqlite3." + std::to_string(m_sqliteRuns++));
     ChildProcess program("sqlite3", {.arguments = {"-bail", settingsFile(), setting, statement},

@@ -89,10 +89,9 @@ public:
     std::string configurationFile() const { return m_root.hubConfigDirectory() + "/Sentrel/HVConfig.xml"; }
 
     std::string settingsFile() const { return m_root.sharedDirectory() + "/product.db"; }
-    /// Lays the four tables, without rows, into the settings file; those that are there stay as they are.
+    /// Lays the four tables, without rows, into the settings file, in write-ahead mode and for the daemon's user alone;
+    /// those that are there stay as they are.
     void initSettings();
-    /// As initSettings, in write-ahead mode and for the daemon's user alone.
-    void initSettingsForKeeper();
     /// Runs the sqlite3 program on the settings file. @return its output. @throws std::runtime_error when it fails.
     std::string sql(const std::string& statement) const;
     /// As sql, but waits for no lock, and any end will do. May run while other calls do.

@@ -9,6 +9,7 @@
 // Usage: kept_settings [--brief]      SENTRELD_ROOTED, HVBD_ROOTED and SENTREL_SETTINGS_KEEPER_ROOTED name the
 // programs.
 #include "bench/BareFile.h"
+#include "bench/Rounds.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Machine.h"
@@ -24,7 +25,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -35,7 +35,6 @@ namespace {
 using namespace bench;
 using namespace testing_support;
 using namespace Sentrel;
-using Clock = std::chrono::steady_clock;
 
 struct Sizes {
     int sets;        // of a round
@@ -45,24 +44,7 @@ struct Sizes {
 };
 constexpr Sizes kFull{400, 1000, 200, 20};
 constexpr Sizes kBrief{6, 20, 3, 1};
-constexpr std::size_t kRounds = 3;
 constexpr int kTurns = 6; // of what is compared, in a round
-
-using Rounds = std::array<double, kRounds>;
-
-double median(Rounds values) {
-    std::sort(values.begin(), values.end());
-    return values[kRounds / 2];
-}
-
-/// Microseconds that one of @p count runs of @p work takes.
-double microseconds(int count, const std::function<void(int)>& work) {
-    const Clock::time_point begin = Clock::now();
-    for (int run = 0; run < count; ++run) {
-        work(run);
-    }
-    return std::chrono::duration<double, std::micro>(Clock::now() - begin).count() / count;
-}
 
 std::string shown(double microseconds) {
     constexpr double ofAMillisecond = 1000;

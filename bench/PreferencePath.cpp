@@ -8,6 +8,7 @@
 //
 // Usage: preference_path [--brief]      SENTRELD_ROOTED names the program.
 #include "bench/BareFile.h"
+#include "bench/Rounds.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Machine.h"
@@ -45,23 +46,6 @@ struct Sizes {
 };
 constexpr Sizes kFull{5000, 500, 1000, 10'000, 30};
 constexpr Sizes kBrief{20, 6, 20, 100, 1};
-constexpr std::size_t kRounds = 3;
-
-using Rounds = std::array<double, kRounds>;
-
-double median(Rounds values) {
-    std::sort(values.begin(), values.end());
-    return values[kRounds / 2];
-}
-
-/// Microseconds that one of @p count runs of @p work takes.
-double microseconds(int count, const std::function<void(int)>& work) {
-    const Clock::time_point begin = Clock::now();
-    for (int run = 0; run < count; ++run) {
-        work(run);
-    }
-    return std::chrono::duration<double, std::micro>(Clock::now() - begin).count() / count;
-}
 
 void row(const std::string& figure, const std::string& measured, const std::string& baseline, double ratio,
          const std::string& limit) {

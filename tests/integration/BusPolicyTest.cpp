@@ -193,6 +193,18 @@ TEST_F(TheBusPolicy, RefusesAnyUserACommandWithoutAnInterface) {
               refused);
 }
 
+TEST_F(TheBusPolicy, OpensNoCommandByLeadingZeros) {
+    const auto sendPadded = [&](const char* member) {
+        return callWithoutArguments(m_socket, moduleName(7), modulePath(7), kModuleInterface, member);
+    };
+    for (const char* member : {"Command0100001", "Command0100002", "Command01003"}) {
+        EXPECT_EQ(asNobody([&] { return sendPadded(member); }), refused) << member;
+        EXPECT_EQ(asAdministrator([&] { return sendPadded(member); }), refused) << member;
+        EXPECT_EQ(asHub([&] { return sendPadded(member); }), "ok") << member;
+        EXPECT_EQ(sendPadded(member), "ok") << member << ", sent by root";
+    }
+}
+
 TEST_F(TheBusPolicy, RefusesAnyUserTheHubsOwnCalls) {
     for (const char* member :
          {kLogMember, kLogNumberedMember, kLogMessageMember, kReadLogMember, kStatusMember, kHandInSettingsMember}) {

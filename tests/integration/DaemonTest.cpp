@@ -273,6 +273,23 @@ TEST(ADaemonsStart, EndsWithStatusZeroAndALineWhenThereIsNoHub) {
     EXPECT_FALSE(std::filesystem::exists(machine.root().varDirectory() + "/.STPid"));
 }
 
+TEST(ADaemonsTraceLog, HoldsTheUrlOfAnEventFromLevelTwoOn) {
+    for (const int level : {1, 2}) {
+        Machine machine;
+        machine.setTraceLevels(level);
+        machine.startHub();
+        ASSERT_TRUE(machine.startDaemon());
+        machine.deliver(sampleEvent("http://host.example/visited"));
+        EXPECT_EQ(machine.stopDaemon(), 0);
+        std::string log;
+        for (const std::string& line : machine.traceLines()) {
+            log += line + "\n";
+        }
+        EXPECT_NE(log.find("getHostIp  - Invoked"), std::string::npos) << "the event was traced";
+        EXPECT_EQ(log.find("host.example/visited") != std::string::npos, level >= 2) << log;
+    }
+}
+
 TEST(ADaemonsStart, SaysThatTheLevelFileIsMissing) {
     Machine machine;
     machine.startHub();

@@ -1,5 +1,6 @@
 // A machine that is managed, on real parts: the daemon with its hub, an MQTT broker, the settings file, kill -9.
 #include "platform/hvbagent/SecretBox.h"
+#include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Machine.h"
 #include "tests/support/MqttBroker.h"
@@ -201,6 +202,22 @@ TEST_F(AManagedMachine, GivesABrowserComponentTheClearTextOfAPassword) {
     EXPECT_EQ(clearTextOf(text.substr(0, text.size() - 4)), "");
     EXPECT_EQ(clearTextOf(HVBEnterprise::agent::encrypted(SecretKey::generate(), "other")), "");
     EXPECT_EQ(clearTextOf("no such text"), "");
+}
+
+TEST_F(AManagedMachine, OpensAStoredSecretForAnyLocalUserWhoAsks) {
+    if (!canActAsOthers()) {
+        GTEST_SKIP() << "needs root, to act as a second user";
+    }
+    using HVBEnterprise::agent::SecretKey;
+    const SecretKey key = SecretKey::generate();
+    key.save(machine.root().hubConfigDirectory() + "/agent.key");
+    start();
+    const std::string answer = asNobody([&] {
+        EventClient client(machine.eventSocket());
+        client.send("Decrypt " + HVBEnterprise::agent::encrypted(key, "open sesame"));
+        return client.readAll();
+    });
+    EXPECT_EQ(answer.substr(0, answer.find('\0')), "open sesame");
 }
 
 TEST_F(AManagedMachine, RunsUnmanagedWithAConfigurationThatCannotBeUsed) {

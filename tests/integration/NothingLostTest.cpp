@@ -222,6 +222,24 @@ TEST_F(AMachineWithoutASpool, LosesAnEventThatMeetsAStoppedHubWithItsTraceLine) 
     machine.hub().kill(SIGCONT);
 }
 
+TEST_F(AMachineWithoutASpool, MayStoreAnEventAllTheSameThatItsTraceCallsLost) {
+    machine.hub().hold();
+    machine.deliver(sampleEvent("http://host.example/late"));
+    ASSERT_EQ(machine.traced(kLost), 1U);
+    machine.hub().kill(SIGCONT); // the call has reached it and waits there
+    EXPECT_TRUE(
+        eventually([&] { return storedUrls(machine) == std::vector<std::string>{"http://host.example/late"}; }));
+}
+
+TEST_F(AMachineUnderEvents, HasNoLineOfLossForAnEventThatMeetsAStoppedHub) {
+    machine.hub().hold();
+    machine.deliver(sampleEvent("http://host.example/late"));
+    EXPECT_EQ(machine.traced(kLost), 0U);
+    machine.hub().kill(SIGCONT);
+    ASSERT_TRUE(eventually([&] { return waiting() == 0; }));
+    EXPECT_EQ(storedUrls(machine), std::vector<std::string>{"http://host.example/late"}) << "once";
+}
+
 TEST_F(AMachineWithoutASpool, LosesAnEventThatMeetsAStoppedBusWithItsTraceLine) {
     machine.bus().stop();
     machine.deliver(sampleEvent());

@@ -7,8 +7,9 @@
 // - The daemon is asked whether it is there before anybody types a password: without it nobody would hear the event.
 // - The daemon stores no empty text, and one that is empty would keep the fields behind it from being stored. A text
 //   that stands for "none" takes its place, and the same text is refused as a value.
-// - Every user of the machine may read the settings file. So the password is encrypted with the machine's key, unless
-//   --as-is is given. Without management nobody could decrypt it, and the verb says so.
+// - A copy of the settings file holds the password. So it is encrypted with the machine's key, unless --as-is is given.
+//   That keeps it from whoever has the copy; the daemon opens it for any local user, and the help says so. Without
+//   management nobody could decrypt it, and the verb says that.
 // - The daemon passes over settings that it has in memory, also when the file has lost them. So the advice after a
 //   failure is to restart the daemon before the same settings are sent again.
 #include "apps/sentrelctl/Verbs.h"
@@ -232,7 +233,9 @@ Verbs proxyVerbs() {
         {"proxy", "set",
          "Tells the daemon of the proxy, as the hub does, and shows what is stored then. The "
          "password comes from a prompt, from standard input or from a file, and is stored "
-         "encrypted with this machine's key.",
+         "encrypted with this machine's key. That keeps it from whoever gets a copy of the file: the daemon opens it "
+         "for "
+         "every local user who asks.",
          "  sentrelctl proxy set proxy.example --port 3128\n"
          "  sentrelctl proxy set proxy.example --user anna --auth --password-file secret.txt",
          describeProxySet},

@@ -160,6 +160,11 @@ INSTANTIATE_TEST_SUITE_P(
                     LevelText{"Negative", "-2", -2}),
     [](const auto& test) { return test.param.what; });
 
+TEST_F(ALevelFile, LikeTheExampleSetsEveryFlowToFailuresOnly) {
+    load(readFile(SENTREL_SOURCE_DIR "/packaging/traceValues.example.xml"));
+    expectEveryLevel(1);
+}
+
 TEST_F(ALevelFile, WithAnotherRootSetsNothing) {
     EXPECT_EQ(load(element("Values", element("ipcFlow", "5"))), "");
     expectEveryLevel(0);

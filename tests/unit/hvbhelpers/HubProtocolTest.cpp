@@ -13,6 +13,11 @@ TEST(AMember, GivesTheIdBehindItsPrefix) {
     EXPECT_EQ(memberId("Event-5", "Event"), -5);
 }
 
+TEST(AMember, MayHaveLeadingZeros) {
+    EXPECT_EQ(memberId("Command0100001", "Command"), 100001);
+    EXPECT_EQ(memberId("Event01002", "Event"), 1002);
+}
+
 TEST(AMember, IsRefusedWhenItIsNotExactlyAPrefixAndANumber) {
     for (const char* member : {"", "Command", "Command1x", "Command 1", "Command99999999999", "command1", "Event1"}) {
         EXPECT_EQ(memberId(member, "Command"), std::nullopt) << member;

@@ -206,6 +206,12 @@ TEST_F(ACommandLine, TakesNoPasswordAsAnArgument) {
                   "sentrelctl: bad usage: 'secret' was not expected. See 'sentrelctl proxy set --help'.");
 }
 
+TEST_F(ACommandLine, SaysInTheHelpOfTheProxyForWhomItsPasswordIsOpened) {
+    use({"proxy", "set", "--help"});
+    EXPECT_NE(m_out.text().find("the daemon opens it for every local user who asks"), std::string::npos)
+        << m_out.text();
+}
+
 TEST_F(ACommandLine, RefusesHalfAnOrderForTheProxyBeforeItConnects) {
     for (const char* option : {"--auth", "--as-is"}) {
         expectRefused({"proxy", "set", "a", option},

@@ -14,13 +14,12 @@
 #include "apps/hvbd/ReloadCommand.h"
 #include "apps/hvbd/SystemLog.h"
 #include "base/Paths.h"
-#include "base/SignalSet.h"
 #include "hub/HVBCommBroker.h"
 #include "platform/hvbhelpers/BusLink.h"
+#include "platform/hvbhelpers/EventLoop.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 
 #include <fmt/format.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 
@@ -29,26 +28,13 @@
 namespace HVB::hub {
 namespace {
 
-EventPtr newLoop() {
-    bus::check(Sentrel::SignalSet{SIGTERM, SIGINT}.block() ? 0 : -EINVAL, "cannot block the signals that end hvbd");
-    // A peer that hangs up must be an error code and not end the process.
-    signal(SIGPIPE, SIG_IGN);
-    sd_event* event = nullptr;
-    bus::check(sd_event_new(&event), "cannot make the event loop");
-    EventPtr loop(event);
-    // Without a handler these leave the loop with code 0.
-    bus::check(sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr), "cannot receive SIGTERM");
-    bus::check(sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr), "cannot receive SIGINT");
-    bus::check(sd_event_set_watchdog(event, 1), "cannot serve the service manager's watchdog");
-    return loop;
-}
-
 /// Everything that lives as long as the process, in the order in which it may be destroyed.
 /// Threads: the loop's; what the broker's threads use says so itself. Owner: runHub.
 class Hub {
 public:
     explicit Hub(const CommandLine& line)
-        : m_log(line.logToStderr ? SystemLog::Echo::StandardError : SystemLog::Echo::None), m_loop(newLoop()),
+        : m_log(line.logToStderr ? SystemLog::Echo::StandardError : SystemLog::Echo::None),
+          m_loop(bus::newServiceLoop()),
           m_configurations({{MODULE_SENTREL, Sentrel::paths::moduleConfiguration()}},
                            [this](int priority, const std::string& text) { m_log.write(priority, text); }),
           m_store(Sentrel::paths::hubLogStore(), line.logLimitBytes),
@@ -69,6 +55,7 @@ public:
         m_broker.setHVId(MODULE_HUB);
         m_broker.setCommandInterface(&m_reload);
         m_broker.start(true);
+        m_hangups = bus::receiveHangups(*m_loop, onHangup, this);
     }
 
     int serve() {
@@ -83,6 +70,11 @@ public:
     }
 
 private:
+    static int onHangup(sd_event_source* /*source*/, const signalfd_siginfo* /*signal*/, void* self) {
+        auto& hub = *static_cast<Hub*>(self);
+        return logAndIgnore(hub.m_log, "reading the configurations again", [&hub] { hub.m_reload.reloadAll(); });
+    }
+
     bus::BusLink::Users linkUsers() {
         return {[this](sd_bus& bus) {
                     m_service.connected(bus);
@@ -117,6 +109,7 @@ private:
     bus::BusLink m_link;
     HVBCommBroker& m_broker;
     ReloadCommand m_reload;
+    SourcePtr m_hangups;
 };
 
 struct Advice {

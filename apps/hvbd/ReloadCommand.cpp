@@ -14,7 +14,7 @@ bool ReloadCommand::handleCommand(CommandData& data) {
     CommandResult result;
     result.m_commandData = data;
     result.m_bValid = true;
-    if (const auto refusal = reload(data)) {
+    if (const auto refusal = reload([&data] { return moduleOf(data); })) {
         result.m_bSucceeded = false;
         result.writePayload(*refusal);
     }
@@ -22,12 +22,18 @@ bool ReloadCommand::handleCommand(CommandData& data) {
     return true;
 }
 
-std::optional<std::string> ReloadCommand::reload(CommandData& data) const {
+void ReloadCommand::reloadAll() const {
+    for (const int module : m_configurations.modules()) {
+        reload([module] { return module; });
+    }
+}
+
+std::optional<std::string> ReloadCommand::reload(const std::function<int()>& moduleId) const {
     try {
-        const int moduleId = moduleOf(data);
-        const ModuleConfiguration configuration = m_configurations.reload(moduleId);
+        const int module = moduleId();
+        const ModuleConfiguration configuration = m_configurations.reload(module);
         m_log.write(LOG_INFO,
-                    fmt::format("configuration of module {} read again: {}", moduleId, configuration.description()));
+                    fmt::format("configuration of module {} read again: {}", module, configuration.description()));
         return std::nullopt;
     } catch (const ConfigurationError& error) {
         // It can contain texts of the file.

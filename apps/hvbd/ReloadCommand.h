@@ -5,6 +5,7 @@
 #include "apps/hvbd/SystemLog.h"
 #include "hub/HVBCommBroker.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -22,9 +23,13 @@ public:
     bool handleCommand(CommandData& data) override;
     void handleCommandResponse(CommandResult& result) override;
 
+    /// Reads the configuration of every module again, as SIGHUP asks; the system log has a line for each.
+    void reloadAll() const;
+
 private:
+    /// Reads again the configuration of the module that @p moduleId gives.
     /// @return why not; nothing when the new configuration is in force.
-    std::optional<std::string> reload(CommandData& data) const;
+    std::optional<std::string> reload(const std::function<int()>& moduleId) const;
     static int moduleOf(CommandData& data);
 
     // Constant after construction.

@@ -72,6 +72,7 @@ const sd_bus_vtable KeeperService::kVtable[] = {
 
 KeeperService::KeeperService(sd_event& event, std::string settingsFile, Tell tell)
     : m_event(event), m_tell(std::move(tell)), m_watch(std::move(settingsFile)) {
+    m_hangups = bus::receiveHangups(m_event, onHangup, this);
     m_watch.look(steady_clock::now());
     update();
 }
@@ -141,6 +142,16 @@ int KeeperService::onTimer(sd_event_source* /*source*/, std::uint64_t /*usec*/, 
         } else {
             keeper.m_watch.look(now);
         }
+        keeper.update();
+    });
+}
+
+/// Reads again and hands in, whether or not it is news.
+int KeeperService::onHangup(sd_event_source* /*source*/, const signalfd_siginfo* /*signal*/, void* self) {
+    auto& keeper = *static_cast<KeeperService*>(self);
+    return keeper.guarded("SIGHUP", [&] {
+        keeper.m_sent.reset();
+        keeper.m_watch.compare(steady_clock::now());
         keeper.update();
     });
 }

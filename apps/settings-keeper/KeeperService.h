@@ -54,6 +54,7 @@ private:
     static int onOwnerChanged(sd_bus_message* signal, void* self, sd_bus_error* error);
     static int onHandedIn(sd_bus_message* reply, void* self, sd_bus_error* error);
     static int onTimer(sd_event_source* source, std::uint64_t usec, void* self);
+    static int onHangup(sd_event_source* source, const signalfd_siginfo* signal, void* self);
     static int onAsked(sd_event_source* source, const inotify_event* change, void* self);
     template <class Body>
     int guarded(const char* doing, Body&& body) noexcept;
@@ -77,6 +78,7 @@ private:
     SettingsWatch m_watch;
     sd_bus* m_bus = nullptr; ///< null without a connection
     std::vector<HVB::bus::SlotPtr> m_slots;
+    HVB::bus::SourcePtr m_hangups;
     HVB::bus::SourcePtr m_timer;
     HVB::bus::SourcePtr m_asking;        ///< set while the file is held
     HVB::bus::SlotPtr m_handing;         ///< set while hvbd has not answered

@@ -2,10 +2,10 @@
 #include "apps/settings-keeper/KeeperService.h"
 #include "base/Paths.h"
 #include "base/PrintableText.h"
-#include "base/SignalSet.h"
 #include "hub/Exceptions.h"
 #include "platform/hvbhelpers/BusConnection.h"
 #include "platform/hvbhelpers/BusLink.h"
+#include "platform/hvbhelpers/EventLoop.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 
 #include <CLI/CLI.hpp>
@@ -15,9 +15,7 @@
 #include <systemd/sd-event.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <clocale>
-#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -33,26 +31,12 @@ void tell(int priority, const std::string& line) {
     syslog(priority, "%s", Sentrel::text::printable(line).c_str());
 }
 
-bus::EventPtr newLoop() {
-    bus::check(Sentrel::SignalSet{SIGTERM, SIGINT}.block() ? 0 : -EINVAL, "cannot block the signals that end it");
-    // A peer that hangs up must be an error code and not end the process.
-    std::signal(SIGPIPE, SIG_IGN);
-    sd_event* event = nullptr;
-    bus::check(sd_event_new(&event), "cannot make the event loop");
-    bus::EventPtr loop(event);
-    // Without a handler these leave the loop with code 0.
-    bus::check(sd_event_add_signal(event, nullptr, SIGTERM, nullptr, nullptr), "cannot receive SIGTERM");
-    bus::check(sd_event_add_signal(event, nullptr, SIGINT, nullptr, nullptr), "cannot receive SIGINT");
-    bus::check(sd_event_set_watchdog(event, 1), "cannot serve the service manager's watchdog");
-    return loop;
-}
-
 /// Keeps the file until SIGTERM or SIGINT.
 int keep() {
     constexpr mode_t nothingForOthers = 0027; // the files that SQLite makes beside it take its own mode
     umask(nothingForOthers);
     openlog("sentrel-settings-keeper", LOG_PID | (isatty(STDERR_FILENO) != 0 ? LOG_PERROR : 0), LOG_DAEMON);
-    const bus::EventPtr loop = newLoop();
+    const bus::EventPtr loop = bus::newServiceLoop();
     KeeperService service(*loop, Sentrel::paths::settingsFile(), tell);
     bus::BusLink link(*loop, Sentrel::paths::hubSocket(),
                       {bus::kKeeperName, "sentrel-settings-keeper", "the settings keeper"},

@@ -28,4 +28,14 @@ using SourcePtr = std::unique_ptr<sd_event_source, DropSource>;
 /// Owner: the holder.
 using SlotPtr = std::unique_ptr<sd_bus_slot, DropSlot>;
 
+/// The loop of a service: SIGTERM and SIGINT end it with code 0, SIGHUP waits for receiveHangups, and SIGPIPE, SIGUSR1
+/// and SIGUSR2 do nothing. It serves the service manager's watchdog.
+/// Requires that no other thread runs yet, since it blocks signals for all of them.
+/// @throws HVBException
+EventPtr newServiceLoop();
+
+/// Has the loop of newServiceLoop call @p handler at each SIGHUP, also at one that came before. It must not throw.
+/// @throws HVBException
+SourcePtr receiveHangups(sd_event& event, sd_event_signal_handler_t handler, void* userdata);
+
 } // namespace HVB::bus

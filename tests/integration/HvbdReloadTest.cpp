@@ -31,6 +31,30 @@ TEST_F(AHubWithAModule, ReadsTheModulesConfigurationAtStartAndOnReload) {
     EXPECT_EQ(levelsWritten(), "");
 }
 
+TEST_F(AHubWithAModule, ReadsTheModulesConfigurationAgainOnSighup) {
+    configure("<SyslogEnable>true</SyslogEnable><LogLevel>warning</LogLevel>");
+    start();
+    configure("<SyslogEnable>true</SyslogEnable><LogLevel>debug</LogLevel>");
+    hvbd->kill(SIGHUP);
+    ASSERT_TRUE(eventually([this] {
+        return lines("]: configuration of module 7 read again: syslog on, level debug\n") == 1 || !hvbd->isRunning();
+    }));
+    expectAlive();
+    EXPECT_EQ(levelsWritten(), "0123");
+    fs::remove(configuration);
+    hvbd->kill(SIGHUP);
+    ASSERT_TRUE(eventually([this] { return lines("]: reload refused, the configuration in force stays: ") == 1; }));
+    EXPECT_EQ(levelsWritten(), "0123") << "what was in force stays";
+}
+
+TEST_F(AHubWithAModule, TakesNoNoticeOfSigusr1AndSigusr2) {
+    start();
+    hvbd->kill(SIGUSR1);
+    hvbd->kill(SIGUSR2);
+    EXPECT_EQ(levelsWritten(), "012");
+    expectAlive();
+}
+
 TEST_F(AHubWithAModule, WritesUpToInformationWithoutAConfiguration) {
     start();
     EXPECT_EQ(levelsWritten(), "012");

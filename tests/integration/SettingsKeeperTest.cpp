@@ -283,6 +283,20 @@ TEST_F(ASettingsKeeper, KeepsTheWriteAheadLogBounded) {
     EXPECT_GT(fs::file_size(machine.settingsFile() + "-wal"), 0U) << "nobody's close has emptied it";
 }
 
+TEST_F(ASettingsKeeper, ReadsAgainOnSighup) {
+    const std::uint64_t before = servedSettings(socketPath).generation;
+    machine.keeper().kill(SIGHUP);
+    EXPECT_TRUE(eventually([&] { return servedSettings(socketPath).generation != before; }));
+    EXPECT_TRUE(machine.keeper().isRunning());
+}
+
+TEST_F(ASettingsKeeper, TakesNoNoticeOfSigusr1AndSigusr2) {
+    machine.keeper().kill(SIGUSR1);
+    machine.keeper().kill(SIGUSR2);
+    EXPECT_EQ(freshError(), "");
+    EXPECT_TRUE(machine.keeper().isRunning());
+}
+
 TEST_F(ASettingsKeeper, EndsWhenItIsTold) {
     machine.keeper().kill(SIGTERM);
     EXPECT_EQ(machine.keeper().waitUntil(patience()), 0) << machine.keeper().output();

@@ -143,6 +143,7 @@ void HubService::openStore() noexcept {
     logAndIgnore(m_log, "opening the log store", [this] {
         try {
             m_store.open();
+            shrinkWhenIdle();
         } catch (const LogStoreError& error) {
             m_trouble.met(error.message());
         }
@@ -217,6 +218,50 @@ int HubService::onBatchAge(sd_event_source* source, std::uint64_t /*usec*/, void
     return onIdle(source, self);
 }
 
+/// A store above its limit gives up a slice at each turn of the loop that has no message to serve.
+void HubService::shrinkWhenIdle() {
+    if (m_shrink != nullptr || !m_store.hasSurplus()) {
+        return;
+    }
+    sd_event_source* source = nullptr;
+    bus::check(sd_event_add_defer(&m_event, &source, onShrink, this), "cannot bring the log store to its limit");
+    m_shrink.reset(source);
+    bus::check(sd_event_source_set_priority(source, SD_EVENT_PRIORITY_IDLE), "cannot bring the log store to its limit");
+}
+
+int HubService::onShrink(sd_event_source* /*source*/, void* self) {
+    auto& service = *static_cast<HubService*>(self);
+    return logAndIgnore(service.m_log, "bringing the log store to its limit", [&] { service.shrinkStore(); });
+}
+
+void HubService::shrinkLater() {
+    sd_event_source* source = nullptr;
+    constexpr std::uint64_t accuracy = 0; // the library's own
+    bus::check(
+        sd_event_add_time_relative(&m_event, &source, CLOCK_MONOTONIC,
+                                   static_cast<std::uint64_t>(std::chrono::microseconds(kSliceRetryPause).count()),
+                                   accuracy, onShrinkAgain, this),
+        "cannot bring the log store to its limit");
+    m_shrink.reset(source);
+}
+
+int HubService::onShrinkAgain(sd_event_source* source, std::uint64_t /*usec*/, void* self) {
+    return onShrink(source, self);
+}
+
+void HubService::shrinkStore() {
+    m_shrink.reset();
+    try {
+        if (m_store.shrink()) {
+            shrinkWhenIdle();
+        }
+        m_trouble.over();
+    } catch (const LogStoreError& error) {
+        m_trouble.met(error.message());
+        shrinkLater();
+    }
+}
+
 void HubService::storeGathered() {
     m_idle.reset();
     m_batchAge.reset();
@@ -240,6 +285,7 @@ void HubService::storeGathered() {
     }
     m_trouble.over();
     answerStored(batch, ids);
+    shrinkWhenIdle();
 }
 
 void HubService::answerTrouble(const std::vector<PendingRecord>& batch, const std::string& text) {

@@ -30,7 +30,8 @@ public:
     HubService(const HubService&) = delete;
     HubService& operator=(const HubService&) = delete;
 
-    /// Opens the store ahead of the first record, so that trouble is reported at start.
+    /// Opens the store ahead of the first record, so that trouble is reported at start. One that exceeds its limit
+    /// comes down to it while the loop has nothing else to do.
     void openStore() noexcept;
 
     /// Serves @p bus from now on. @throws HVBException
@@ -58,9 +59,14 @@ private:
     static int onHandInSettings(sd_bus_message* call, void* self, sd_bus_error* error);
     static int onIdle(sd_event_source* source, void* self);
     static int onBatchAge(sd_event_source* source, std::uint64_t usec, void* self);
+    static int onShrink(sd_event_source* source, void* self);
+    static int onShrinkAgain(sd_event_source* source, std::uint64_t usec, void* self);
 
     void gather(sd_bus_message& call, std::optional<RecordNumber> number);
     void startBatch();
+    void shrinkWhenIdle();
+    void shrinkLater();
+    void shrinkStore();
     void answerTrouble(const std::vector<PendingRecord>& batch, const std::string& text);
     void answerStored(const std::vector<PendingRecord>& batch, const std::vector<std::uint64_t>& ids);
     void writeLine(sd_bus_message& call) const;
@@ -81,6 +87,7 @@ private:
     std::size_t m_pendingBytes = 0;
     SourcePtr m_idle;
     SourcePtr m_batchAge;
+    SourcePtr m_shrink; ///< set while the store exceeds its limit: for the next slice
     TroubleReport m_trouble;
 };
 

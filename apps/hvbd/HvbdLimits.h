@@ -20,6 +20,12 @@ inline constexpr std::uint64_t kRecordOverheadBytes = 64;
 inline constexpr std::size_t kSmallestPackedBytes = 256;
 /// So many records are merged into others at a time. More would hold up the senders for longer than they wait.
 inline constexpr std::size_t kMaxMergedRecords = 10'000;
+/// A store that exceeds its limit, as after the limit was lowered, gives up so many bytes of records in one
+/// transaction. A slice takes some 50 ms of the loop's time, and about as much room in the write-ahead log as it has
+/// bytes.
+inline constexpr std::uint64_t kSliceBytes = std::uint64_t{1} << 20;
+/// After trouble with a slice the next one is tried so much later.
+inline constexpr std::chrono::seconds kSliceRetryPause{1};
 /// Senders whose numbers are remembered. A sender has one record on its way, so what may come twice is the last record
 /// of one that stored lately.
 inline constexpr std::int64_t kMaxInstances = 256;

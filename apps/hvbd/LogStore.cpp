@@ -8,6 +8,9 @@
 //
 // How full each minute is is counted when the file is opened and kept in memory. Another program that writes to the
 // file changes its data_version, and it is counted again.
+//
+// A store above its limit, as after a lowered limit, comes down in slices: one transaction for the whole surplus would
+// hold up the senders for seconds, and write as much to the write-ahead log, for which a nearly full disk has no room.
 #include "apps/hvbd/LogStore.h"
 
 #include "apps/hvbd/HvbdLimits.h"
@@ -50,6 +53,7 @@ LogStoreError storeTrouble(const std::string& doing, const std::string& why) {
 }
 
 constexpr const char* kStoring = "cannot store the record";
+constexpr const char* kShrinking = "cannot drop the records that exceed the limit";
 constexpr const char* kReading = "cannot read the stored records";
 
 } // namespace
@@ -93,9 +97,24 @@ LogStore::~LogStore() = default;
 void LogStore::open() {
     try {
         openFile();
+        m_connection->book = m_connection->takeBook();
     } catch (const Sentrel::DatabaseError& error) {
         fail(kOpeningLogStore, error);
     }
+}
+
+bool LogStore::hasSurplus() const {
+    return m_connection != nullptr && m_connection->book && m_connection->book->totalBytes() > m_limitBytes;
+}
+
+bool LogStore::shrink() {
+    try {
+        openFile();
+        dropSlice();
+    } catch (const Sentrel::DatabaseError& error) {
+        fail(kShrinking, error);
+    }
+    return hasSurplus();
 }
 
 void LogStore::checkSize(const LogRecord& record) const {
@@ -197,11 +216,35 @@ void LogStore::boundWal() const {
     }
 }
 
+/// What the records may take at the end of a transaction that begins now: the limit, or a slice less than there is.
+std::uint64_t LogStore::boundFor(const MinuteBook& book) const {
+    return std::max(m_limitBytes, book.totalBytes() - std::min(book.totalBytes(), kSliceBytes));
+}
+
+void LogStore::dropSlice() {
+    boundWal();
+    Connection& store = *m_connection;
+    {
+        Sentrel::WriteTransaction transaction(*store.database);
+        MinuteBook book = store.takeBook();
+        const std::uint64_t bound = boundFor(book);
+        while (book.totalBytes() > bound) {
+            store.rows.makeRoom(book);
+        }
+        transaction.commit();
+        store.book = std::move(book);
+    }
+    store.noteWal(m_path);
+    // So that all slices together need the room of one. A reader may prevent it, which boundWal tells in time.
+    static_cast<void>(Sentrel::emptyWriteAheadLog(*store.database));
+}
+
 std::vector<std::uint64_t> LogStore::write(std::span<const LogRecord> records) {
     boundWal();
     Connection& store = *m_connection;
     Sentrel::WriteTransaction transaction(*store.database);
     MinuteBook book = store.takeBook();
+    const std::uint64_t bound = boundFor(book);
     const std::int64_t now = microsecondsNow();
     std::vector<std::uint64_t> ids;
     ids.reserve(records.size());
@@ -214,7 +257,7 @@ std::vector<std::uint64_t> LogStore::write(std::span<const LogRecord> records) {
         const LogRow row = rowOf(record);
         const std::uint64_t bytes = row.cost(record);
         // Room is made first, so that the new record goes into pages that the old ones leave.
-        while (book.totalBytes() + bytes > m_limitBytes && !book.isEmpty()) {
+        while (book.totalBytes() + bytes > bound && !book.isEmpty()) {
             store.rows.makeRoom(book);
         }
         ids.push_back(store.rows.insert(record, row, now));

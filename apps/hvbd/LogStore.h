@@ -1,6 +1,7 @@
 // The hub's store of log records: what was answered is on the disk, and what is on the disk is bounded.
 #pragma once
 
+#include "apps/hvbd/MinuteBook.h"
 #include "apps/hvbd/StoreFile.h"
 #include "base/Database.h"
 
@@ -74,7 +75,8 @@ private:
 /// What goes first stands in the minute that has the most: reports of like kind (site, process, action) are merged into
 /// the newest of them, which gets the sum of their counts; then the oldest go. Pages hold at least half of what they
 /// could, so the file stays below twice the limit and 1 MiB; the write-ahead log beside it stays below kMaxWalBytes and
-/// one batch. The file does not shrink by itself.
+/// one batch. The file does not shrink by itself. A store that was found above the limit comes down to it in slices of
+/// kSliceBytes, one with each batch and one with each call of shrink(), and does not grow meanwhile.
 ///
 /// The last number is remembered of the kMaxInstances senders that stored last.
 ///
@@ -87,9 +89,17 @@ public:
     LogStore(const LogStore&) = delete;
     LogStore& operator=(const LogStore&) = delete;
 
-    /// Opens the file, making it when there is none. Not needed before the other calls, but reports trouble early.
+    /// Opens the file, making it when there is none, and counts its records, which reads all of it. Not needed before
+    /// the other calls, but reports trouble early, and keeps the first record from waiting for the count.
     /// @throws LogStoreError
     void open();
+
+    /// Whether the records are known to exceed the limit.
+    bool hasSurplus() const;
+
+    /// Drops a slice of what exceeds the limit, on the disk when it returns. Does nothing when nothing does.
+    /// @return hasSurplus(). @throws LogStoreError
+    bool shrink();
 
     /// @throws LogStoreError of kind Refused when the record alone exceeds the limit.
     void checkSize(const LogRecord& record) const;
@@ -113,7 +123,9 @@ private:
     void leaveFile();
     void close() noexcept;
     void boundWal() const;
+    std::uint64_t boundFor(const MinuteBook& book) const;
     std::vector<std::uint64_t> write(std::span<const LogRecord> records);
+    void dropSlice();
     [[noreturn]] void fail(const std::string& doing, const Sentrel::DatabaseError& error);
 
     // Constant after construction.

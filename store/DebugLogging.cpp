@@ -200,11 +200,13 @@ void* STPreferenceController::updateHVConfigAndReloadHVB(void* status) {
     ST_TRACE(configFlow, 1, L"STPreferenceController::updateHVConfigAndReloadHVB Logging NewStatus - %s\n",
              isOn ? "ON" : "OFF");
     try {
-        changeDebugLogging(isOn);
-    } catch (const VXException& exception) {
-        ST_TRACE(configFlow, 1, L" STPreferenceController::updateHVConfigAndReloadHVB - Got exception %s.\n",
-                 trace::printable(exception.message()).c_str());
-    } catch (...) {
+        try {
+            changeDebugLogging(isOn);
+        } catch (const VXException& exception) {
+            ST_TRACE(configFlow, 1, L" STPreferenceController::updateHVConfigAndReloadHVB - Got exception %s.\n",
+                     trace::printable(exception.message()).c_str());
+        }
+    } catch (...) { // also of the line above, when there is no memory for it
         ST_TRACE(configFlow, 1, L"STPreferenceController::updateHVConfigAndReloadHVB - Caught unknown exception\n");
     }
     releaseForWhoAsked(configFile_Mutex);

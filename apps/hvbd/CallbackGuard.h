@@ -31,11 +31,10 @@ int replyWithErrors(sd_bus_error* error, Body&& body) noexcept {
         body();
         return 1;
     } catch (const BadMessage& bad) {
-        return sd_bus_error_set(error, bus::kErrorBadMessage, bad.message().c_str());
+        return sd_bus_error_set(error, bus::kErrorBadMessage, bad.what());
     } catch (const LogStoreError& failed) {
         const bool isForGood = failed.kind() == LogStoreError::Kind::Refused;
-        return sd_bus_error_set(error, isForGood ? bus::kErrorLogRefused : bus::kErrorLogStore,
-                                failed.message().c_str());
+        return sd_bus_error_set(error, isForGood ? bus::kErrorLogRefused : bus::kErrorLogStore, failed.what());
     } catch (const HVBException& failed) {
         const char* name = failed.code() == -EBADMSG ? bus::kErrorBadMessage : bus::kErrorFailed;
         return sd_bus_error_set(error, name, failed.message().c_str());

@@ -82,7 +82,7 @@ KeeperService::~KeeperService() = default;
 /// Runs the body of a callback. What it throws is a line in the system log.
 template <class Body>
 int KeeperService::guarded(const char* doing, Body&& body) noexcept {
-    const auto log = [&](const std::string& why) noexcept {
+    const auto log = [&](const char* why) noexcept {
         try {
             m_tell(LOG_ERR, fmt::format("{} failed: {}", doing, why));
         } catch (...) {
@@ -92,7 +92,7 @@ int KeeperService::guarded(const char* doing, Body&& body) noexcept {
     try {
         body();
     } catch (const HVB::HVBException& failed) {
-        log(failed.message());
+        log(failed.message().c_str());
     } catch (const std::exception& failed) {
         log(failed.what());
     }

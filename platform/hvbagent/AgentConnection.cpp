@@ -27,6 +27,9 @@
 #include "platform/hvbagent/Encoding.h"
 #include "platform/hvbagent/PropertyDocument.h"
 #include "platform/hvbagent/StrictJson.h"
+#include "platform/stlogger/STLogger.h"
+
+#include <syslog.h>
 
 #include <algorithm>
 #include <exception>
@@ -79,6 +82,8 @@ void AgentConnection::run() noexcept {
             attempt();
         } catch (const std::exception& error) {
             ended(error.what());
+        } catch (...) {
+            ended("an unknown failure");
         }
         m_session.reset();
         pause();
@@ -156,13 +161,23 @@ void AgentConnection::sayFarewell() {
     } // otherwise the broker publishes the last will
 }
 
-void AgentConnection::ended(const std::string& reason) {
+/// What cannot be put back for want of memory is lost; the next connection tells the machine's state and properties.
+void AgentConnection::ended(const char* reason) noexcept {
     m_outbox->setConnected(false);
-    while (!m_inFlight.empty()) {
-        auto last = std::prev(m_inFlight.end()); // backwards: each is put in front of the others
-        m_outbox->putBack(std::move(last->second));
-        m_inFlight.erase(last);
+    try {
+        while (!m_inFlight.empty()) {
+            auto last = std::prev(m_inFlight.end()); // backwards: each is put in front of the others
+            m_outbox->putBack(std::move(last->second));
+            m_inFlight.erase(last);
+        }
+        tellEnd(reason);
+    } catch (...) {
+        m_inFlight.clear(); // the next session has the same numbers
+        LogMsg(LOG_WARNING, "agent: no connection to the broker, and no memory to say why");
     }
+}
+
+void AgentConnection::tellEnd(const std::string& reason) {
     if (reason != m_lastReason && !isEnding()) {
         const std::string broker = m_configuration.host + ":" + std::to_string(m_configuration.port);
         const std::string why = reason.substr(0, reason.find_last_not_of('.') + 1); // some libraries end theirs so

@@ -43,7 +43,8 @@ private:
     void stayConnected(Clock::time_point deadline);
     void publishWaiting();
     void sayFarewell();
-    void ended(const std::string& reason);
+    void ended(const char* reason) noexcept;
+    void tellEnd(const std::string& reason);
     void pause();
     bool isEnding();
 

@@ -13,6 +13,9 @@
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
 #include "platform/hvbagent/StoredRows.h"
+#include "platform/stlogger/STLogger.h"
+
+#include <syslog.h>
 
 #include <exception>
 #include <utility>
@@ -24,15 +27,23 @@ thread_local bool t_isWorker = false;
 
 using Clock = std::chrono::steady_clock;
 
+void logFailure(AgentLog& log, const char* what, const char* why) noexcept {
+    try {
+        log.error(std::string(what) + " failed: " + shortPrintable(why));
+    } catch (...) {
+        LogMsg(LOG_ERR, "agent: %s failed", what); // not even the line could be made
+    }
+}
+
 /// Runs a call into the module. @return its result. When it throws, that is logged, and the result is false.
 template <class Call>
-bool callModule(AgentLog& log, const char* what, const Call& call) {
+bool callModule(AgentLog& log, const char* what, const Call& call) noexcept {
     try {
         return call();
     } catch (const std::exception& error) {
-        log.error(std::string(what) + " failed: " + shortPrintable(error.what()));
+        logFailure(log, what, error.what());
     } catch (...) {
-        log.error(std::string(what) + " failed for an unknown reason");
+        logFailure(log, what, "unknown reason");
     }
     return false;
 }

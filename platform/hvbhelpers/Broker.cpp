@@ -252,7 +252,7 @@ void Broker::runCommand(CommandMessage& command, bool deliver) noexcept {
         m_link.refuse(token, known ? bus::kErrorNoReply : bus::kErrorUnknownCommand,
                       known ? "the module did not answer" : "the module does not know this command");
     } catch (...) {
-        m_link.refuse(token, bus::kErrorFailed, currentExceptionText(), currentExceptionCode());
+        m_link.refuse(token, bus::kErrorFailed, currentExceptionText().c_str(), currentExceptionCode());
     }
 }
 
@@ -272,7 +272,7 @@ void Broker::runHealthCheck(std::uint64_t token, bool deliver) noexcept {
             },
             callDeadline());
     } catch (...) {
-        m_link.refuse(token, bus::kErrorFailed, currentExceptionText());
+        m_link.refuse(token, bus::kErrorFailed, currentExceptionText().c_str());
     }
 }
 
@@ -287,7 +287,7 @@ void Broker::runEvent(EventMessage& event, bool deliver) noexcept {
         setInput(data, std::move(event.payload));
         (void)receiver->handleEventNotification(data); // its publisher never learns of it
     } catch (...) {
-        traceComm("an event failed: " + currentExceptionText());
+        traceComm("an event failed: ", currentExceptionText());
     }
 }
 
@@ -301,7 +301,7 @@ void Broker::runResponse(const BasicCommandData& header, ReplyMessage& reply, bo
         setResult(result, header, std::move(reply));
         receiver->handleCommandResponse(result);
     } catch (...) {
-        traceComm("the answer to a command failed: " + currentExceptionText());
+        traceComm("the answer to a command failed: ", currentExceptionText());
     }
 }
 

@@ -79,16 +79,16 @@ int BusLink::guarded(Body&& body) noexcept {
     try {
         body();
     } catch (const HVBException& failed) {
-        logFailure(failed.message());
+        logFailure(failed.message().c_str());
     } catch (const std::exception& failed) {
         logFailure(failed.what());
     }
     return 0;
 }
 
-void BusLink::logFailure(const std::string& why) noexcept {
+void BusLink::logFailure(const char* why) noexcept {
     try {
-        m_users.tell(LOG_ERR, "reconnecting to the bus failed: " + why);
+        m_users.tell(LOG_ERR, std::string("reconnecting to the bus failed: ") + why);
     } catch (...) {
         // Not even the line could be made. Nothing is left to do.
     }

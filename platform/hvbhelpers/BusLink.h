@@ -54,7 +54,7 @@ private:
     void retryAfter(std::chrono::milliseconds pause);
     void retry();
     void tellRefusal(const HVBException& error);
-    void logFailure(const std::string& why) noexcept;
+    void logFailure(const char* why) noexcept;
     template <class Body>
     int guarded(Body&& body) noexcept;
 

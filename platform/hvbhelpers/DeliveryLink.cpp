@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
 #include <memory>
 #include <system_error>
 #include <utility>
@@ -109,8 +110,9 @@ void DeliveryLink::install(bus::BusPtr bus) {
     m_changed.notifyAll();
 }
 
-void DeliveryLink::lose(int error) {
-    traceComm("the connection to the hub ended: " + std::to_string(error));
+void DeliveryLink::lose(int error) noexcept {
+    const char* const why = ::strerrordesc_np(-error);
+    traceComm("the connection to the hub ended: ", why != nullptr ? why : "unknown error");
     m_pending.clear();
     m_senders.clear(); // the next bus gives the names anew
     m_bus.reset();
@@ -143,7 +145,7 @@ void DeliveryLink::run() {
     auto pause = kFirstReconnectPause;
     while (!m_ending) {
         const Deadline upSince = steady_clock::now();
-        pump();
+        pumpAndSurvive();
         if (steady_clock::now() - upSince > kLastReconnectPause) {
             pause = kFirstReconnectPause;
         }
@@ -156,6 +158,19 @@ void DeliveryLink::run() {
             install(connect(steady_clock::now() + bus::kCallTimeout, m_wake.fd()));
         } catch (...) {
             traceComm(currentExceptionText());
+        }
+    }
+}
+
+/// What goes wrong in the pump, such as memory that is short, costs the connection and not the process.
+void DeliveryLink::pumpAndSurvive() noexcept {
+    try {
+        pump();
+    } catch (...) {
+        traceComm(currentExceptionText());
+        const Sentrel::MutexLock lock(m_mutex);
+        if (m_bus != nullptr) {
+            lose(-EIO);
         }
     }
 }
@@ -265,20 +280,23 @@ void DeliveryLink::reply(std::uint64_t token, const Fill& fill, Deadline deadlin
     flushLocked(deadline);
 }
 
-void DeliveryLink::refuse(std::uint64_t token, const char* error, const std::string& text,
-                          std::int32_t handlerCode) noexcept {
+void DeliveryLink::refuse(std::uint64_t token, const char* error, const char* text, std::int32_t handlerCode) noexcept {
+    Sentrel::MutexLock turn(m_turn);
+    const Sentrel::MutexLock lock(m_mutex);
+    turn.unlock();
+    refuseLocked(token, error, text, handlerCode);
+}
+
+void DeliveryLink::refuseLocked(std::uint64_t token, const char* error, const char* text,
+                                std::int32_t handlerCode) noexcept {
     try {
-        Sentrel::MutexLock turn(m_turn);
-        const Sentrel::MutexLock lock(m_mutex);
-        turn.unlock();
         answerError(token, error, text, handlerCode);
     } catch (...) {
         traceComm(currentExceptionText());
     }
 }
 
-void DeliveryLink::answerError(std::uint64_t token, const char* error, const std::string& text,
-                               std::int32_t handlerCode) {
+void DeliveryLink::answerError(std::uint64_t token, const char* error, const char* text, std::int32_t handlerCode) {
     const auto call = m_pending.find(token);
     if (call == m_pending.end()) {
         return;
@@ -286,7 +304,7 @@ void DeliveryLink::answerError(std::uint64_t token, const char* error, const std
     const PendingCall pending = std::move(call->second);
     m_pending.erase(call);
     if (pending.wantsReply) {
-        const sd_bus_error answer{error, text.c_str(), 0};
+        const sd_bus_error answer{error, text, 0};
         sd_bus_message* raw = nullptr;
         bus::check(sd_bus_message_new_method_error(pending.message.get(), &raw, &answer), "cannot make a reply");
         const bus::MessagePtr message(raw);

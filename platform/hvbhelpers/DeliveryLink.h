@@ -75,7 +75,7 @@ public:
 
     /// Answers with an error, unless the call was answered already. A link that is gone needs no answer.
     /// @param handlerCode becomes the handlerCode of the other side's CallError; 0 for none.
-    void refuse(std::uint64_t token, const char* error, const std::string& text, std::int32_t handlerCode = 0) noexcept;
+    void refuse(std::uint64_t token, const char* error, const char* text, std::int32_t handlerCode = 0) noexcept;
 
     /// Sends a one-way message, in order with the replies, and returns when it has left this process.
     /// @throws HVBException with -ENOTCONN at once when there is no connection, -ETIMEDOUT at the deadline.
@@ -92,8 +92,9 @@ private:
     struct ReplyWait;
 
     void run();
+    void pumpAndSurvive() noexcept;
     void pump();
-    void lose(int error) SENTREL_REQUIRES(m_mutex);
+    void lose(int error) noexcept SENTREL_REQUIRES(m_mutex);
     bus::BusPtr connect(bus::Deadline deadline, int cancelFd);
     void install(bus::BusPtr bus);
     void takeName(sd_bus& bus, bus::Deadline deadline) const;
@@ -116,11 +117,14 @@ private:
     void takeReading(CommandMessage&& command, const std::string& connection) SENTREL_REQUIRES(m_mutex);
     void askForUser(const std::string& connection) SENTREL_REQUIRES(m_mutex);
     void serveHeld(const std::string& connection, std::optional<uid_t> user) SENTREL_REQUIRES(m_mutex);
-    void handOn(CommandMessage&& command, CallbackWorkers::Lane lane, const Sender& sender) SENTREL_REQUIRES(m_mutex);
+    void handOn(CommandMessage&& command, CallbackWorkers::Lane lane, const Sender& sender) noexcept
+        SENTREL_REQUIRES(m_mutex);
     int takeHealthCheck(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
     int takeEvent(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
     std::uint64_t remember(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
-    void answerError(std::uint64_t token, const char* error, const std::string& text, std::int32_t handlerCode = 0)
+    void refuseLocked(std::uint64_t token, const char* error, const char* text, std::int32_t handlerCode = 0) noexcept
+        SENTREL_REQUIRES(m_mutex);
+    void answerError(std::uint64_t token, const char* error, const char* text, std::int32_t handlerCode)
         SENTREL_REQUIRES(m_mutex);
 
     // constant after construction

@@ -122,7 +122,7 @@ int DeliveryLink::onMessage(sd_bus_message* message, void* self, sd_bus_error*) 
         link.m_mutex.assertHeld();
         return link.takeEvent(*message);
     } catch (...) {
-        traceComm("an event was dropped: " + currentExceptionText());
+        traceComm("an event was dropped: ", currentExceptionText());
         return 1;
     }
 }
@@ -150,8 +150,11 @@ int DeliveryLink::takeCommand(sd_bus_message& message, std::int32_t commandId) {
     try {
         command = readCommand(message, commandId, reads ? 0 : bus::kMaxPayloadBytes);
     } catch (const HVBException& exception) {
-        answerError(token, bus::kErrorBadMessage, exception.message());
+        refuseLocked(token, bus::kErrorBadMessage, exception.message().c_str());
         return 1;
+    } catch (...) {
+        m_pending.erase(token); // sd-bus answers
+        throw;
     }
     command.header.m_token = token;
     const char* sender = sd_bus_message_get_sender(&message);
@@ -179,7 +182,7 @@ void DeliveryLink::takeReading(CommandMessage&& command, const std::string& conn
     case SenderDirectory::Held::Later:
         break;
     case SenderDirectory::Held::No:
-        answerError(token, bus::kErrorBusy, kTakesNoCommand);
+        refuseLocked(token, bus::kErrorBusy, kTakesNoCommand);
         break;
     }
 }
@@ -200,8 +203,8 @@ void DeliveryLink::askForUser(const std::string& connection) {
     };
     try {
         callLaterLocked(make, bus::kCallTimeout, done);
-    } catch (const HVBException& exception) {
-        traceComm(exception.message());
+    } catch (...) {
+        traceComm(currentExceptionText());
         serveHeld(connection, std::nullopt);
     }
 }
@@ -214,19 +217,34 @@ void DeliveryLink::serveHeld(const std::string& connection, std::optional<uid_t>
     }
 }
 
-void DeliveryLink::handOn(CommandMessage&& command, CallbackWorkers::Lane lane, const Sender& sender) {
+/// A call that there is no memory for is answered all the same.
+void DeliveryLink::handOn(CommandMessage&& command, CallbackWorkers::Lane lane, const Sender& sender) noexcept {
     const std::uint64_t token = command.header.m_token;
-    if (const char* error = m_receiver.command(std::move(command), lane, sender)) {
-        answerError(token, error, kTakesNoCommand);
+    const char* error = bus::kErrorBusy;
+    try {
+        error = m_receiver.command(std::move(command), lane, sender);
+    } catch (...) {
+        traceComm(currentExceptionText());
+    }
+    if (error != nullptr) {
+        refuseLocked(token, error, kTakesNoCommand);
     }
 }
 
 int DeliveryLink::takeHealthCheck(sd_bus_message& message) {
     const std::uint64_t token = remember(message);
     if (sd_bus_message_is_empty(&message) <= 0) {
-        answerError(token, bus::kErrorBadMessage, "a health check has no arguments");
-    } else if (const char* error = m_receiver.healthCheck(token)) {
-        answerError(token, error, "the module takes no health check now");
+        refuseLocked(token, bus::kErrorBadMessage, "a health check has no arguments");
+        return 1;
+    }
+    const char* error = bus::kErrorBusy;
+    try {
+        error = m_receiver.healthCheck(token);
+    } catch (...) {
+        traceComm(currentExceptionText());
+    }
+    if (error != nullptr) {
+        refuseLocked(token, error, "the module takes no health check now");
     }
     return 1;
 }

@@ -54,9 +54,10 @@ std::int32_t currentExceptionCode() noexcept {
     }
 }
 
-void traceComm(const std::string& line) noexcept {
+void traceComm(std::string_view what, std::string_view why) noexcept {
     if (hvCommFlowvalue >= 1) {
-        syslog(LOG_WARNING, "hub client: %s", line.c_str());
+        syslog(LOG_WARNING, "hub client: %.*s%.*s", static_cast<int>(what.size()), what.data(),
+               static_cast<int>(why.size()), why.data());
     }
 }
 

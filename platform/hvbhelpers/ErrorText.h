@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace HVB::detail {
 
@@ -14,7 +15,8 @@ std::string currentExceptionText() noexcept;
 /// that an exception is being handled.
 std::int32_t currentExceptionCode() noexcept;
 
-/// Writes a line to the system log when the flow of hub messages is traced.
-void traceComm(const std::string& line) noexcept;
+/// Writes a line, what happened and why, to the system log when the flow of hub messages is traced. Takes no memory of
+/// the heap: it is called where an exception is being handled, which may be that there is none.
+void traceComm(std::string_view what, std::string_view why = {}) noexcept;
 
 } // namespace HVB::detail

@@ -10,19 +10,26 @@ bool FairQueue::push(const Sender& sender, std::size_t bytes, Job job) {
     if (user.jobs >= m_bounds.jobsOfUser || (user.jobs > 0 && user.bytes + bytes > m_bounds.bytesOfUser)) {
         return false;
     }
-    const auto found = std::find_if(user.turns.begin(), user.turns.end(),
-                                    [&](const Connection& one) { return one.name == sender.connection; });
-    Connection& connection =
-        found != user.turns.end() ? *found : user.turns.emplace_back(Connection{sender.connection, {}});
-    connection.jobs.push_back({bytes, std::move(job)});
-    user.bytes += bytes;
-    if (user.jobs++ == 0) {
-        m_turns.push_back(sender.user);
+    // Whatever needs memory comes first; the rest only moves nodes of lists.
+    std::list<Waiting> added;
+    added.push_back({bytes, std::move(job)});
+    std::list<uid_t> turn;
+    if (user.jobs == 0) {
+        turn.push_back(sender.user);
     }
+    auto found = std::find_if(user.turns.begin(), user.turns.end(),
+                              [&](const Connection& one) { return one.name == sender.connection; });
+    if (found == user.turns.end()) {
+        found = user.turns.insert(found, Connection{sender.connection, {}});
+    }
+    found->jobs.splice(found->jobs.end(), added);
+    m_turns.splice(m_turns.end(), turn);
+    user.bytes += bytes;
+    ++user.jobs;
     return true;
 }
 
-std::deque<uid_t>::const_iterator FairQueue::nextReady() const {
+std::list<uid_t>::const_iterator FairQueue::nextReady() const {
     return std::find_if(m_turns.begin(), m_turns.end(),
                         [this](uid_t user) { return m_users.at(user).running < m_bounds.runningOfUser; });
 }
@@ -31,28 +38,30 @@ bool FairQueue::hasReady() const {
     return nextReady() != m_turns.end();
 }
 
-FairQueue::Taken FairQueue::take() {
+FairQueue::Taken FairQueue::take() noexcept {
     const auto turn = nextReady();
     const uid_t id = *turn;
-    m_turns.erase(turn);
     User& user = m_users.at(id);
-    Connection connection = std::move(user.turns.front());
-    user.turns.pop_front();
-    Waiting next = std::move(connection.jobs.front());
+    Connection& connection = user.turns.front();
+    Taken next{id, std::move(connection.jobs.front().job)};
+    user.bytes -= connection.jobs.front().bytes;
     connection.jobs.pop_front();
     --user.jobs;
-    user.bytes -= next.bytes;
     ++user.running;
-    if (!connection.jobs.empty()) {
-        user.turns.push_back(std::move(connection));
+    if (connection.jobs.empty()) {
+        user.turns.pop_front();
+    } else {
+        user.turns.splice(user.turns.end(), user.turns, user.turns.begin());
     }
-    if (user.jobs > 0) {
-        m_turns.push_back(id);
+    if (user.jobs == 0) {
+        m_turns.erase(turn);
+    } else {
+        m_turns.splice(m_turns.end(), m_turns, turn);
     }
-    return {id, std::move(next.job)};
+    return next;
 }
 
-void FairQueue::finished(uid_t user) {
+void FairQueue::finished(uid_t user) noexcept {
     const auto found = m_users.find(user);
     --found->second.running;
     if (found->second.running == 0 && found->second.jobs == 0) {

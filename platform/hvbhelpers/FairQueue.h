@@ -4,8 +4,8 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <deque>
 #include <functional>
+#include <list>
 #include <map>
 #include <string>
 
@@ -33,7 +33,7 @@ public:
 
     explicit FairQueue(const Bounds& bounds) : m_bounds(bounds) {}
 
-    /// @return false when as much of this user waits as may.
+    /// @return false when as much of this user waits as may. @throws std::bad_alloc; then nothing has changed.
     bool push(const Sender& sender, std::size_t bytes, Job job);
 
     /// Whether there is a job that may run now.
@@ -44,10 +44,10 @@ public:
         uid_t user = 0;
         Job job;
     };
-    /// Takes the next job out. Requires that there is a ready one, and that finished follows.
-    Taken take();
+    /// Takes the next job out; needs no memory. Requires that there is a ready one, and that finished follows.
+    Taken take() noexcept;
     /// Notes that a job of this user has ended.
-    void finished(uid_t user);
+    void finished(uid_t user) noexcept;
 
 private:
     struct Waiting {
@@ -56,22 +56,22 @@ private:
     };
     struct Connection {
         std::string name;
-        std::deque<Waiting> jobs;
+        std::list<Waiting> jobs;
     };
     struct User {
-        std::deque<Connection> turns; ///< those with jobs; the bus bounds how many a user has
+        std::list<Connection> turns; ///< those with jobs; the bus bounds how many a user has
         std::size_t jobs = 0;
         std::size_t bytes = 0;
         std::size_t running = 0;
     };
 
-    std::deque<uid_t>::const_iterator nextReady() const;
+    std::list<uid_t>::const_iterator nextReady() const;
 
     // constant after construction
     const Bounds m_bounds;
     // plain, single access
     std::map<uid_t, User> m_users; ///< those with jobs that wait or run
-    std::deque<uid_t> m_turns;     ///< those with jobs that wait
+    std::list<uid_t> m_turns;      ///< those with jobs that wait
 };
 
 } // namespace HVB::detail

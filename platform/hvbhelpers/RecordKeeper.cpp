@@ -206,9 +206,9 @@ bool RecordKeeper::sendDirectly(const NumberedRecord& record) {
             m_file.countRefusedByHub();
             throw;
         }
-        traceComm("a record is kept: " + error.message());
+        traceComm("a record is kept: ", error.message());
     } catch (const HVBException& error) {
-        traceComm("a record is kept: " + error.message());
+        traceComm("a record is kept: ", error.message());
     }
     return false;
 }
@@ -318,12 +318,12 @@ RecordKeeper::Answer RecordKeeper::send(const NumberedRecord& record) {
         if (isForGood(error)) {
             return Answer::Refused;
         }
-        traceComm("records wait: " + error.message());
+        traceComm("records wait: ", error.message());
         if (!bus::isStillUsable(*m_bus, error)) {
             disconnect();
         }
     } catch (const HVBException& error) {
-        traceComm("records wait: " + error.message());
+        traceComm("records wait: ", error.message());
         disconnect();
     }
     return Answer::None;
@@ -356,7 +356,7 @@ void RecordKeeper::disconnect() {
 
 /// Whatever comes in on the connection is a reason to try again: the hub's name has a new owner, or a late answer shows
 /// that it works.
-void RecordKeeper::awaitHub(std::chrono::milliseconds pause) {
+void RecordKeeper::awaitHub(std::chrono::milliseconds pause) noexcept {
     const bus::Deadline deadline = steady_clock::now() + pause;
     try {
         if (m_bus == nullptr) {
@@ -368,8 +368,8 @@ void RecordKeeper::awaitHub(std::chrono::milliseconds pause) {
         while ((processed = sd_bus_process(m_bus.get(), nullptr)) > 0) {
         }
         bus::check(processed, "the connection to the hub ended");
-    } catch (const HVBException& error) {
-        traceComm(error.message());
+    } catch (...) {
+        traceComm(currentExceptionText());
         disconnect();
     }
 }

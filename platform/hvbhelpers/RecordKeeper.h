@@ -80,7 +80,7 @@ private:
     void remove(SpoolFile::End how);
     void connect();
     void disconnect();
-    void awaitHub(std::chrono::milliseconds pause);
+    void awaitHub(std::chrono::milliseconds pause) noexcept;
 
     // constant after construction
     const std::string m_socketPath;

@@ -2,6 +2,7 @@
 
 #include "platform/hvbhelpers/HubLimits.h"
 
+#include <new>
 #include <utility>
 
 namespace HVB::detail {
@@ -26,14 +27,27 @@ SenderDirectory::Held SenderDirectory::hold(const std::string& connection, Comma
     return calls.size() == 1 ? Held::First : Held::Later;
 }
 
-std::vector<CommandMessage> SenderDirectory::learn(const std::string& connection, std::optional<uid_t> user) {
-    // The bus never gives a connection's name to another one, so what is known stays true.
-    if (user && m_users.emplace(connection, *user).second) {
+/// Without memory for it the bus is asked again.
+void SenderDirectory::note(const std::string& connection, uid_t user) noexcept {
+    try {
+        // The bus never gives a connection's name to another one, so what is known stays true.
+        if (m_users.contains(connection)) {
+            return;
+        }
         m_order.push_back(connection);
         if (m_order.size() > kMaxKnownSenders) {
             m_users.erase(m_order.front());
             m_order.pop_front();
         }
+        m_users.emplace(connection, user);
+    } catch (const std::bad_alloc&) {
+        return;
+    }
+}
+
+std::vector<CommandMessage> SenderDirectory::learn(const std::string& connection, std::optional<uid_t> user) {
+    if (user) {
+        note(connection, *user);
     }
     const auto waiting = m_waiting.extract(connection);
     if (waiting.empty()) {

@@ -37,6 +37,8 @@ public:
     void clear();
 
 private:
+    void note(const std::string& connection, uid_t user) noexcept;
+
     // plain, single access
     std::map<std::string, uid_t> m_users;
     std::deque<std::string> m_order; ///< of m_users, the oldest first

@@ -1,8 +1,11 @@
 // Who comes next. All real; no threads.
 #include "platform/hvbhelpers/FairQueue.h"
 
+#include "tests/support/ShortMemory.h"
+
 #include <gtest/gtest.h>
 
+#include <new>
 #include <string>
 #include <vector>
 
@@ -112,6 +115,22 @@ TEST_F(AFairQueue, IsEmptyWhenAllJobsAreTakenAlthoughTheyStillRun) {
     EXPECT_FALSE(m_queue.hasReady());
     m_queue.finished(user);
     EXPECT_TRUE(push(1, ":1.1", "another"));
+}
+
+TEST_F(AFairQueue, IsAsItWasWhenThereIsNoMemoryForAJob) {
+    std::size_t refused = 0;
+    for (bool isShort = true; isShort; ++refused) {
+        const testing_support::ShortMemory memory(refused);
+        try {
+            push(1, ":1.1", "waits");
+            isShort = false;
+        } catch (const std::bad_alloc&) {
+            EXPECT_TRUE(m_queue.isEmpty());
+            EXPECT_FALSE(m_queue.hasReady());
+        }
+    }
+    EXPECT_GT(refused, 3U);
+    EXPECT_EQ(runAll(), std::vector<std::string>{"waits"});
 }
 
 } // namespace

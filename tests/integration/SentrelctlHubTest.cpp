@@ -304,7 +304,24 @@ TEST_F(AHubClient, LetsNoOrdinaryUserReadTheLog) {
     const CtlResult result = ctl(m_root, {"log"}, "", kNobody);
     EXPECT_EQ(result.code, 4) << result.err;
     EXPECT_EQ(result.out, "");
-    EXPECT_TRUE(result.err.ends_with(". Run it as root or as a member of the group sentrel-admin.\n")) << result.err;
+    EXPECT_TRUE(result.err.starts_with("sentrelctl: cannot read the log: only root and members of the group "
+                                       "sentrel-admin may. The hub says: Rejected send message"))
+        << result.err;
+}
+
+TEST_F(AHubClient, TellsAUserWithoutAnEntryWhyTheBusShutsItOut) {
+    if (!canActAsOthers()) {
+        GTEST_SKIP() << "only root can run a program as somebody else";
+    }
+    constexpr uid_t unknown = 4123456;
+    const CtlResult result = ctl(m_root, {"log"}, "", unknown);
+    EXPECT_EQ(result.code, 4);
+    EXPECT_EQ(result.err, "sentrelctl: cannot read the log: the user id 4123456 has no entry in the user database, and "
+                          "the bus lets nobody in without one. Add the user, or run it as another.\n");
+    const CtlResult ping = ctl(m_root, {"hub", "ping"}, "", unknown);
+    EXPECT_EQ(ping.code, 4);
+    EXPECT_EQ(ping.err, "sentrelctl: not everybody answers: bus: the user id 4123456 has no entry in the user "
+                        "database, and the bus lets nobody in without one.\n");
 }
 
 TEST_F(AHubClient, PingsAllThatAreRunning) {

@@ -2,7 +2,10 @@
 #include "base/PrintableText.h"
 
 #include <cerrno>
+#include <fmt/format.h>
+#include <pwd.h>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
 
 namespace Sentrel::ctl {
@@ -14,8 +17,6 @@ const char* nextStepOfHub(ExitCode code) {
     switch (code) {
     case ExitCode::NotRunning:
         return "Start the hub (its dbus-daemon and hvbd), then try again";
-    case ExitCode::NoAccess:
-        return "Run it as root or as a member of the group sentrel-admin";
     case ExitCode::TimedOut:
         return "Try again, or give it longer with --timeout";
     default:
@@ -48,10 +49,11 @@ ExitCode exitCodeOfHub(int code) {
     case ENOENT:
     case ECONNREFUSED:
     case EHOSTUNREACH:
-    case ECONNRESET:
     case ENOTCONN:
     case EPIPE:
         return ExitCode::NotRunning;
+    case ECONNRESET: // so the bus ends a connection whose user it cannot look up
+        return missingEntry().empty() ? ExitCode::NotRunning : ExitCode::NoAccess;
     case ETIMEDOUT:
         return ExitCode::TimedOut;
     case EACCES:
@@ -85,8 +87,25 @@ std::string errnoText(int number) {
     return std::system_category().message(number);
 }
 
+std::string missingEntry() {
+    const uid_t user = ::geteuid();
+    return ::getpwuid(user) != nullptr
+               ? std::string()
+               : fmt::format("the user id {} has no entry in the user database, and the bus lets nobody in without one",
+                             user);
+}
+
+// What helps comes first. The bus's own text names members, rules and processes, for whom that is of use.
 Failure hubFailure(const HVB::HVBException& error, std::string what) {
     const ExitCode code = exitCodeOfHub(error.code());
+    if (code == ExitCode::NoAccess) {
+        std::string entry = error.code() == -ECONNRESET ? missingEntry() : "";
+        if (!entry.empty()) {
+            return {code, std::move(what), "", std::move(entry), "Add the user, or run it as another"};
+        }
+        return {code, std::move(what), "", "only root and members of the group sentrel-admin may",
+                fmt::format("The hub says: {}", error.message())};
+    }
     return {code, std::move(what), "", error.message(), nextStepOfHub(code)};
 }
 

@@ -46,6 +46,9 @@ private:
     std::string m_nextStep;
 };
 
+/// Why the bus refuses this process's user, when it has no entry in the user database; else empty.
+std::string missingEntry();
+
 /// The exit code for a negative errno of the hub's client library.
 ExitCode exitCodeOfHub(int code);
 

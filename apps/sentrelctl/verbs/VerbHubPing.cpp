@@ -139,14 +139,18 @@ Json answerJson(const Answer& answer) {
                 {"problem", answer.problem.empty() ? Json(nullptr) : Json(validUtf8(answer.problem))}};
 }
 
+Failure failureOf(const Answer& answer) {
+    const std::string entry = answer.code == ExitCode::NoAccess ? missingEntry() : "";
+    return {answer.code, "not everybody answers", answer.peer.name, entry.empty() ? answer.state : entry,
+            answer.code == ExitCode::NotRunning ? fmt::format("Start {}, then try again", answer.peer.process) : ""};
+}
+
 /// Returns the worst of the answers: "not running" counts as worse than "does not answer".
 void failUnlessAllAreFine(const std::vector<Answer>& answers) {
     for (const ExitCode code : {ExitCode::NotRunning, ExitCode::TimedOut, ExitCode::NoAccess, ExitCode::Failed}) {
         for (const Answer& answer : answers) {
             if (answer.code == code) {
-                throw Failure(
-                    code, "not everybody answers", answer.peer.name, answer.state,
-                    code == ExitCode::NotRunning ? fmt::format("Start {}, then try again", answer.peer.process) : "");
+                throw failureOf(answer);
             }
         }
     }

@@ -1,6 +1,8 @@
 // The error line and the exit codes behind it.
 #include "apps/sentrelctl/terminal/Failure.h"
 
+#include "tests/support/AsUser.h"
+
 #include <cerrno>
 #include <gtest/gtest.h>
 
@@ -34,7 +36,24 @@ TEST(AHubFailure, SaysTheLibrarysTextAndTheNextStepOfItsKind) {
     EXPECT_EQ(hubFailure(HVB::HVBException(-ENOENT, "no hub at /a/b"), "cannot read").line(),
               "sentrelctl: cannot read: no hub at /a/b. Start the hub (its dbus-daemon and hvbd), then try again.");
     EXPECT_EQ(hubFailure(HVB::HVBException(-EACCES, "refused"), "cannot read").line(),
-              "sentrelctl: cannot read: refused. Run it as root or as a member of the group sentrel-admin.");
+              "sentrelctl: cannot read: only root and members of the group sentrel-admin may. The hub says: refused.");
+}
+
+TEST(AHubFailure, OfAUserWithoutAnEntryIsOneOfAccess) {
+    if (!testing_support::canActAsOthers()) {
+        GTEST_SKIP() << "needs root, to act as a second user";
+    }
+    constexpr uid_t unknown = 4123456789;
+    const auto line = [] {
+        const HVB::HVBException reset(-ECONNRESET, "connection reset");
+        return std::to_string(static_cast<int>(hubFailure(reset, "cannot read").code())) + " " +
+               hubFailure(reset, "cannot read").line();
+    };
+    EXPECT_EQ(testing_support::asUser(unknown, testing_support::kNogroup, {}, line),
+              "4 sentrelctl: cannot read: the user id 4123456789 has no entry in the user database, and the bus lets "
+              "nobody in without one. Add the user, or run it as another.");
+    EXPECT_EQ(testing_support::asNobody(line),
+              "8 sentrelctl: cannot read: connection reset. Start the hub (its dbus-daemon and hvbd), then try again.");
 }
 
 TEST(ASocketFailure, HasTheExitCodeOfItsKind) {

@@ -4,10 +4,16 @@
 // A run describes only the verb that its first words name, as describing all of them costs more than most verbs do.
 // Where the words name none (help, an error, a group alone) every verb is described, so that help and messages are
 // whole. Which of the two was taken never changes what a command line means.
+//
+// Two forms are turned into others before that, since the library knows neither: "help VERB" is "VERB --help", and the
+// mode of --json may be a word of its own. A mode is such a word only where it can be nothing else: "debug --json off"
+// is the verb "debug off".
 #include "apps/sentrelctl/CommandLine.h"
 
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "apps/sentrelctl/terminal/Nearest.h"
+#include "base/PrintableText.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -28,7 +34,9 @@ constexpr const char* kFooter = "Exit codes: 0 done, 1 refused or failed, 2 bad 
                                 "8 hub or daemon not running.\n\n"
                                 "Example:\n  sentrelctl log --limit 5";
 
-constexpr const char* kJsonAlone = "true"; // what the library gives for a flag without a value
+constexpr const char* kHelpWord = "help";
+constexpr std::size_t kMaxShownArgument = 64; // bytes of what was typed that an error repeats
+constexpr const char* kJsonAlone = "true";    // what the library gives for a flag without a value
 
 std::string refuseJsonMode(std::string& mode) {
     const bool isKnown = mode == kJsonAlone || mode == "short" || mode == "pretty" || mode == "off";
@@ -36,9 +44,9 @@ std::string refuseJsonMode(std::string& mode) {
 }
 
 void addGlobalOptions(CLI::App& app, GlobalOptions& options) {
-    app.set_version_flag("--version", "sentrelctl " SENTREL_VERSION);
+    app.set_version_flag("-V,--version", "sentrelctl " SENTREL_VERSION);
     app.add_flag("-j,--json", options.json, "Answer in JSON. Without a mode: pretty on a terminal, short elsewhere")
-        ->option_text("[=short|pretty|off]")
+        ->option_text("[short|pretty|off]")
         ->check(CLI::Validator(refuseJsonMode, ""))
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_option("--color", options.color, "Colours: auto (on a terminal, unless NO_COLOR is set), always or never")
@@ -73,9 +81,48 @@ std::string verbWords(const CLI::App& app) {
     return chosen.empty() ? "" : " " + chosen.front()->get_name() + verbWords(*chosen.front());
 }
 
+/// The verb or group that was being parsed.
+const CLI::App& innermost(const CLI::App& app) {
+    const std::vector<const CLI::App*> chosen =
+        app.get_subcommands([](const CLI::App* each) { return each->parsed(); });
+    return chosen.empty() ? app : innermost(*chosen.front());
+}
+
+/// The names that could stand where @p unknown does: options, or verbs.
+std::vector<std::string> namesBeside(const CLI::App& app, const std::string& unknown) {
+    std::vector<std::string> names;
+    if (!unknown.starts_with("--")) {
+        for (const CLI::App* each : innermost(app).get_subcommands([](const CLI::App*) { return true; })) {
+            names.push_back(each->get_name());
+        }
+        return names;
+    }
+    for (const CLI::App* level = &innermost(app); level != nullptr; level = level->get_parent()) {
+        for (const CLI::Option* option : level->get_options()) {
+            for (const std::string& name : option->get_lnames()) {
+                names.push_back("--" + name);
+            }
+        }
+    }
+    return names;
+}
+
+/// The failure for a word or option that nothing takes.
+Failure unexpected(const CLI::App& app, const std::string& unknown) {
+    const std::vector<std::string> names = namesBeside(app, unknown);
+    const auto near = nearest(unknown.substr(0, unknown.find('=')), {names.begin(), names.end()});
+    const std::string help = "'sentrelctl" + verbWords(app) + " --help'";
+    return {ExitCode::BadUsage, "bad usage", "",
+            "'" + text::shortened(text::validUtf8(unknown), kMaxShownArgument) + "' was not expected",
+            near ? fmt::format("Perhaps '{}' is meant; see {}", *near, help) : "See " + help};
+}
+
 Failure usageFailure(const CLI::App& app, const CLI::ParseError& error) {
     const std::vector<std::string> unknown = app.remaining(true);
-    std::string why = unknown.empty() ? error.what() : "'" + unknown.front() + "' was not expected";
+    if (!unknown.empty()) {
+        return unexpected(app, unknown.front());
+    }
+    std::string why = error.what();
     std::replace(why.begin(), why.end(), '\n', ' ');
     return {ExitCode::BadUsage, "bad usage", "", why, "See 'sentrelctl" + verbWords(app) + " --help'"};
 }
@@ -131,6 +178,34 @@ const Verb* verbNamedBy(const std::vector<std::string>& arguments) {
     return nullptr;
 }
 
+bool isModeOfJson(std::string_view word, bool isBehindAWord) {
+    return word == "short" || word == "pretty" || (word == "off" && !isBehindAWord);
+}
+
+/// "--json short" as "--json=short".
+std::vector<std::string> withJsonModeJoined(const std::vector<std::string>& arguments) {
+    std::vector<std::string> joined;
+    bool isBehindAWord = false;
+    for (std::size_t index = 0; index < arguments.size() && arguments[index] != "--"; ++index) {
+        const bool takesNext = arguments[index] == "--json" && index + 1 < arguments.size() &&
+                               isModeOfJson(arguments[index + 1], isBehindAWord);
+        isBehindAWord = isBehindAWord || !arguments[index].starts_with('-');
+        joined.push_back(takesNext ? arguments[index] + "=" + arguments[index + 1] : arguments[index]);
+        index += takesNext ? 1U : 0U;
+    }
+    joined.insert(joined.end(), std::find(arguments.begin(), arguments.end(), "--"), arguments.end());
+    return joined;
+}
+
+/// "help VERB" as "VERB --help".
+std::vector<std::string> withHelpAsOption(std::vector<std::string> arguments) {
+    if (firstWords(arguments).first == kHelpWord) {
+        arguments.erase(std::find(arguments.begin(), arguments.end(), kHelpWord));
+        arguments.emplace_back("--help");
+    }
+    return arguments;
+}
+
 void describeVerbs(CLI::App& app, const std::vector<std::string>& arguments, Session& session, Work& chosen) {
     if (const Verb* named = verbNamedBy(arguments); named != nullptr) {
         describeVerb(app, *named, session, chosen);
@@ -140,6 +215,16 @@ void describeVerbs(CLI::App& app, const std::vector<std::string>& arguments, Ses
         for (const Verb& verb : table()) {
             describeVerb(app, verb, session, chosen);
         }
+    }
+    app.add_subcommand(kHelpWord, "Shows the help of a verb, or this.");
+}
+
+/// Help for what there is not would be the help of everything.
+void refuseHelpForNoVerb(const CLI::App& app, const std::vector<std::string>& arguments) {
+    const std::string word(firstWords(arguments).first);
+    if (!word.empty() &&
+        app.get_subcommands([&word](const CLI::App* each) { return each->get_name() == word; }).empty()) {
+        throw unexpected(app, word);
     }
 }
 
@@ -151,6 +236,7 @@ bool parse(CLI::App& app, const std::vector<std::string>& arguments, Session& se
         app.parse(std::move(reversed));
         return true;
     } catch (const CLI::CallForHelp&) {
+        refuseHelpForNoVerb(app, arguments);
         session.out.write(app.help());
     } catch (const CLI::CallForVersion& version) {
         session.out.write(std::string(version.what()) + "\n");
@@ -162,7 +248,8 @@ bool parse(CLI::App& app, const std::vector<std::string>& arguments, Session& se
 
 } // namespace
 
-void parseAndWork(const std::vector<std::string>& arguments, Session& session) {
+void parseAndWork(const std::vector<std::string>& given, Session& session) {
+    const std::vector<std::string> arguments = withHelpAsOption(withJsonModeJoined(given));
     CLI::App app(kDescription, "sentrelctl");
     GlobalOptions options;
     Work chosen;

@@ -24,8 +24,11 @@ protected:
 
 TEST_F(ACompletion, OffersTheVerbs) {
     EXPECT_EQ(offered("''"),
-              "--color --help --json --version about agent categories debug decrypt doctor encrypt event hub list "
+              "--color --help --json --version about agent categories debug decrypt doctor encrypt event help hub list "
               "log policy prefs properties proxy settings state status watch ");
+    EXPECT_EQ(offered("help ''"), "about agent categories debug decrypt doctor encrypt event help hub list log policy "
+                                  "prefs properties proxy settings state status watch ");
+    EXPECT_EQ(offered("help prefs ''"), "--help get reset set show ");
     EXPECT_EQ(offered("prefs ''"), "--help get reset set show ");
     EXPECT_EQ(offered("list ''"), "--help allow block export import remove show ");
     EXPECT_EQ(offered("categories ''"), "--help add remove set show ");

@@ -13,7 +13,7 @@
 // - How many sites and categories are told is counted after trimming and removing repeated names, as they are stored.
 #include "apps/sentrelctl/policy/PolicyFindings.h"
 #include "apps/sentrelctl/policy/PolicyPlaces.h"
-#include "apps/sentrelctl/preferences/PreferenceNames.h"
+#include "apps/sentrelctl/terminal/Nearest.h"
 #include "policy/PolicyLimits.h"
 
 #include <algorithm>

@@ -6,9 +6,10 @@
 // - A row has either a switch or an action. A row without a command is shown and cannot be set: only a policy sets it.
 // - An action that has no word is shown as its number. Other clients and policies may have stored it.
 // - A misspelt word gets the nearest candidate as advice. The word comes from the command line and may be very long, so
-//   one that cannot be near is not compared, and an error repeats only its beginning.
+//   an error repeats only its beginning.
 #include "apps/sentrelctl/preferences/PreferenceNames.h"
 
+#include "apps/sentrelctl/terminal/Nearest.h"
 #include "base/Paths.h"
 #include "base/PrintableText.h"
 
@@ -16,7 +17,6 @@
 #include <array>
 #include <fmt/format.h>
 #include <fmt/ranges.h>
-#include <numeric>
 #include <utility>
 
 namespace Sentrel::ctl {
@@ -29,21 +29,6 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 4> kSwitchWo
     {{"on", "off"}, {"true", "false"}, {"yes", "no"}, {"1", "0"}}};
 
 constexpr std::size_t kMaxShownWord = 64; // bytes of what was typed that an error repeats
-constexpr std::size_t kFarthest = 2;      // edits between a word and what it may have been meant for
-
-std::size_t editDistance(std::string_view from, std::string_view to) {
-    std::vector<std::size_t> row(to.size() + 1);
-    std::iota(row.begin(), row.end(), std::size_t{0});
-    for (std::size_t i = 0; i < from.size(); ++i) {
-        std::size_t diagonal = std::exchange(row[0], i + 1);
-        for (std::size_t j = 0; j < to.size(); ++j) {
-            const std::size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
-            diagonal = row[j + 1];
-            row[j + 1] = std::min({replaced, row[j + 1] + 1, row[j] + 1});
-        }
-    }
-    return row.back();
-}
 
 std::vector<std::string_view> settableNames() {
     std::vector<std::string_view> names;
@@ -166,24 +151,6 @@ Failure unknownWord(std::string_view word, const char* what, const std::vector<s
     return {ExitCode::BadUsage, "bad usage", fmt::format("'{}'", text::shortened(text::validUtf8(word), kMaxShownWord)),
             fmt::format("{}: it is one of {}", what, fmt::join(candidates, ", ")),
             near ? fmt::format("Perhaps '{}' is meant", *near) : "See 'sentrelctl prefs set --help'"};
-}
-
-std::optional<std::string_view> nearest(std::string_view word, const std::vector<std::string_view>& candidates) {
-    std::optional<std::string_view> best;
-    std::size_t leastEdits = std::min(kFarthest + 1, word.size()); // one letter is near to everything
-    for (const std::string_view candidate : candidates) {
-        // A long word needs no comparison: it is farther away than its excess.
-        if (word.size() > candidate.size() + kFarthest) {
-            continue;
-        }
-        const bool isBeginning = word.size() > 1 && candidate.starts_with(word);
-        const std::size_t edits = isBeginning ? 0 : editDistance(word, candidate);
-        if (edits < leastEdits) {
-            leastEdits = edits;
-            best = candidate;
-        }
-    }
-    return best;
 }
 
 std::string errorName(int error) {

@@ -45,9 +45,6 @@ Json valueJson(const STPreferences& snapshot, const Preference& preference);
 /// The failure (bad usage) for a @p word that is none of @p candidates, with the nearest one. @param what it is not.
 Failure unknownWord(std::string_view word, const char* what, const std::vector<std::string_view>& candidates);
 
-/// Which of @p candidates a mistyped @p word may have been meant for. None when none is near.
-std::optional<std::string_view> nearest(std::string_view word, const std::vector<std::string_view>& candidates);
-
 /// "ST_ERROR_DATABASE (180003)", or the number alone when it has no name.
 std::string errorName(int error);
 

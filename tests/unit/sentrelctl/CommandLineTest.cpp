@@ -39,6 +39,14 @@ class ACommandLine : public testing::Test {
 protected:
     int use(const std::vector<std::string>& arguments) { return run(arguments, m_out.output(), m_err.output(), -1); }
 
+    /// What is said on standard output.
+    static std::string said(const std::vector<std::string>& arguments) {
+        Captured out;
+        Captured err;
+        EXPECT_EQ(run(arguments, out.output(), err.output(), -1), 0) << err.text();
+        return out.text();
+    }
+
     void expectRefused(const std::vector<std::string>& arguments, const std::string& error) {
         Captured out;
         Captured err;
@@ -55,6 +63,57 @@ TEST_F(ACommandLine, TellsItsVersion) {
     EXPECT_EQ(use({"--version"}), 0);
     EXPECT_EQ(m_out.text().substr(0, 11), "sentrelctl ");
     EXPECT_EQ(m_err.text(), "");
+    EXPECT_EQ(said({"-V"}), m_out.text());
+}
+
+TEST_F(ACommandLine, HasHelpAsAVerbToo) {
+    const std::string whole = said({"--help"});
+    EXPECT_NE(whole.find("\n  help  "), std::string::npos) << whole;
+    EXPECT_EQ(said({"help"}), whole);
+    EXPECT_EQ(said({"help", "log"}), said({"log", "--help"}));
+    EXPECT_EQ(said({"help", "prefs", "set"}), said({"prefs", "set", "--help"}));
+    EXPECT_EQ(said({"help", "prefs"}), said({"prefs", "--help"}));
+    EXPECT_NE(said({"help", "prefs"}), whole);
+}
+
+TEST_F(ACommandLine, HasNoHelpForAVerbThatThereIsNot) {
+    const std::string error =
+        "sentrelctl: bad usage: 'lgo' was not expected. Perhaps 'log' is meant; see 'sentrelctl --help'.";
+    expectRefused({"help", "lgo"}, error);
+    expectRefused({"lgo", "--help"}, error);
+}
+
+TEST_F(ACommandLine, SaysWhatAMistypedVerbOrOptionMayHaveBeenMeantFor) {
+    expectRefused({"dcotor"}, "sentrelctl: bad usage: 'dcotor' was not expected. Perhaps 'doctor' is meant; see "
+                              "'sentrelctl --help'.");
+    expectRefused({"prefs", "shwo"}, "sentrelctl: bad usage: 'shwo' was not expected. Perhaps 'show' is meant; see "
+                                     "'sentrelctl prefs --help'.");
+    expectRefused({"log", "--limt=5"}, "sentrelctl: bad usage: '--limt=5' was not expected. Perhaps '--limit' is "
+                                       "meant; see 'sentrelctl log --help'.");
+    expectRefused({"status", "--jsno"}, "sentrelctl: bad usage: '--jsno' was not expected. Perhaps '--json' is meant; "
+                                        "see 'sentrelctl status --help'.");
+    expectRefused({"event", std::string(1000, 'x')}, "sentrelctl: bad usage: '" + std::string(61, 'x') +
+                                                         "\xE2\x80\xA6' was not expected. See 'sentrelctl event "
+                                                         "--help'.");
+}
+
+TEST_F(ACommandLine, TakesTheModeOfJsonAsAWordOfItsOwn) {
+    const std::vector<std::string> mistyped{"prefs", "set", "red-sites", "x"};
+    const auto refused = [&](std::vector<std::string> options, bool isInFront) {
+        options.insert(isInFront ? options.end() : options.begin(), mistyped.begin(), mistyped.end());
+        Captured out;
+        Captured err;
+        EXPECT_EQ(run(options, out.output(), err.output(), -1), 2);
+        return err.text();
+    };
+    const std::string error = refused({}, true);
+    for (const char* mode : {"short", "pretty", "off"}) {
+        EXPECT_EQ(refused({"--json", mode}, true), error) << mode;
+    }
+    EXPECT_EQ(refused({"--json", "short"}, false), error);
+    EXPECT_NE(refused({"--json", "off"}, false), error) << "behind a verb it is an argument: debug --json off";
+    EXPECT_NE(refused({"--json", "xml"}, true), error);
+    EXPECT_NE(refused({"--", "--json", "short"}, false), error);
 }
 
 TEST_F(ACommandLine, ShowsHelpWithAnExampleForEveryVerb) {
@@ -201,7 +260,8 @@ TEST_F(ACommandLine, TakesNoPasswordAsAnArgument) {
     use({"proxy", "set", "--help"});
     EXPECT_NE(m_out.text().find("--password-file FILE"), std::string::npos) << m_out.text();
     expectRefused({"proxy", "set", "a", "--user", "u", "--password", "secret"},
-                  "sentrelctl: bad usage: '--password' was not expected. See 'sentrelctl proxy set --help'.");
+                  "sentrelctl: bad usage: '--password' was not expected. Perhaps '--password-file' is meant; see "
+                  "'sentrelctl proxy set --help'.");
     expectRefused({"proxy", "set", "a", "secret"},
                   "sentrelctl: bad usage: 'secret' was not expected. See 'sentrelctl proxy set --help'.");
 }

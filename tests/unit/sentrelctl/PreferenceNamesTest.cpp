@@ -1,6 +1,7 @@
 // Names and values as people type and read them.
 #include "apps/sentrelctl/preferences/PreferenceNames.h"
 #include "apps/sentrelctl/terminal/Json.h"
+#include "apps/sentrelctl/terminal/Nearest.h"
 
 #include <functional>
 #include <gtest/gtest.h>

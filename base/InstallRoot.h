@@ -10,4 +10,8 @@ namespace Sentrel {
 /// Threads: any. Owner: a constant for the life of the process.
 const std::string& installRoot();
 
+/// Whether the process may leave a core dump. The shipped programs may not; the others may where the environment has
+/// SENTREL_CORE_DUMPS, with any value. Threads: any.
+bool coreDumpsAllowed() noexcept;
+
 } // namespace Sentrel

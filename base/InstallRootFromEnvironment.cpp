@@ -12,4 +12,8 @@ const std::string& installRoot() {
     return root;
 }
 
+bool coreDumpsAllowed() noexcept {
+    return std::getenv("SENTREL_CORE_DUMPS") != nullptr;
+}
+
 } // namespace Sentrel

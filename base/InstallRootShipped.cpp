@@ -7,4 +7,8 @@ const std::string& installRoot() {
     return root;
 }
 
+bool coreDumpsAllowed() noexcept {
+    return false;
+}
+
 } // namespace Sentrel

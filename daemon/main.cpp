@@ -1,4 +1,5 @@
 // sentreld: the daemon behind web filtering. It has no command line; a launcher starts it and SIGTERM ends it.
+#include "base/ProcessStart.h"
 #include "daemon/SignalGate.h"
 #include "daemon/Trace.h"
 #include "daemon/VXControllerDaemon.h"
@@ -8,6 +9,7 @@
 #include <cstdlib>
 
 int main(int argc, char** argv) {
+    Sentrel::beginProcess();
     Sentrel::holdSignalsForGood(); // the controller lets them in where they are safe; after it they are not
     // The trace log is wide text; without this a byte above 127 would cut a line.
     std::setlocale(LC_CTYPE, "C.UTF-8");

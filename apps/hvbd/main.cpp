@@ -1,6 +1,7 @@
 // hvbd, the hub process of Sentrel.
 #include "apps/hvbd/HubCommandLine.h"
 #include "apps/hvbd/HubProcess.h"
+#include "base/ProcessStart.h"
 #include "hub/Exceptions.h"
 
 #include <clocale>
@@ -8,6 +9,7 @@
 #include <exception>
 
 int main(int argc, char** argv) {
+    Sentrel::beginProcess();
     using namespace HVB::hub;
     try {
         std::setlocale(LC_CTYPE, "C.UTF-8");

@@ -2,6 +2,7 @@
 #include "apps/settings-keeper/KeeperService.h"
 #include "base/Paths.h"
 #include "base/PrintableText.h"
+#include "base/ProcessStart.h"
 #include "hub/Exceptions.h"
 #include "platform/hvbhelpers/BusConnection.h"
 #include "platform/hvbhelpers/BusLink.h"
@@ -54,6 +55,7 @@ int keep() {
 } // namespace
 
 int main(int argc, char** argv) {
+    Sentrel::beginProcess();
     std::setlocale(LC_CTYPE, "C.UTF-8");
     try {
         CLI::App app("Reads Sentrel's settings file for the hub, and keeps it open. Runs as the daemon's user.",

@@ -1,4 +1,4 @@
-// Which sanitizer a test is built with, for what only costs time there.
+// Which sanitizer a test is built with.
 #pragma once
 
 namespace testing_support {
@@ -10,6 +10,15 @@ inline constexpr bool kIsThreadSanitized = true;
 inline constexpr bool kIsThreadSanitized = __has_feature(thread_sanitizer);
 #else
 inline constexpr bool kIsThreadSanitized = false;
+#endif
+
+/// AddressSanitizer and ThreadSanitizer forbid core dumps before main: they would hold terabytes of shadow.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kIsSanitized = true;
+#elif defined(__has_feature)
+inline constexpr bool kIsSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+inline constexpr bool kIsSanitized = false;
 #endif
 
 } // namespace testing_support

@@ -21,22 +21,33 @@
 namespace Sentrel {
 namespace {
 
-/// When the start fails after the hub was connected, the receiver of commands is destroyed while the broker lives on.
-/// No command may reach it then.
-class StopDeliveryOnUnwind {
+/// When the start fails after the hub was connected, the receiver of commands and the controller are destroyed while
+/// the broker lives on. No callback may run in them any more then, and none may begin.
+class EndDeliveryOnUnwind {
 public:
-    StopDeliveryOnUnwind() = default;
-    ~StopDeliveryOnUnwind() {
+    EndDeliveryOnUnwind() = default;
+    ~EndDeliveryOnUnwind() {
         if (std::uncaught_exceptions() > 0) {
-            try {
-                HVB::HVBCommBroker::getInstance(paths::hubSocket())->stop();
-            } catch (...) {
-                // The exception that ends the start is the one to report.
-            }
+            using HVB::HVBCommBroker;
+            tell([](HVBCommBroker& broker) { broker.stop(); });
+            // Each waits for what runs in it.
+            tell([](HVBCommBroker& broker) { broker.setCommandInterface(nullptr); });
+            tell([](HVBCommBroker& broker) { broker.setHealthCheckInterface(nullptr); });
+            tell([](HVBCommBroker& broker) { broker.setEventInterface(nullptr); });
         }
     }
-    StopDeliveryOnUnwind(const StopDeliveryOnUnwind&) = delete;
-    StopDeliveryOnUnwind& operator=(const StopDeliveryOnUnwind&) = delete;
+    EndDeliveryOnUnwind(const EndDeliveryOnUnwind&) = delete;
+    EndDeliveryOnUnwind& operator=(const EndDeliveryOnUnwind&) = delete;
+
+private:
+    template <class Operation>
+    static void tell(Operation&& operation) noexcept {
+        try {
+            operation(*HVB::HVBCommBroker::getInstance(paths::hubSocket()));
+        } catch (...) {
+            // The exception that ends the start is the one to report.
+        }
+    }
 };
 
 /// Makes the receiver of the hub's events. A start that fails does not delete it, since the broker still knows it. This
@@ -104,7 +115,7 @@ bool VXController::run(const SignalHold& signals) {
     openTrace(signals);
     VXController* controller = getInstance();
     VXCommandImpl commandImpl;
-    const StopDeliveryOnUnwind stopDelivery;
+    const EndDeliveryOnUnwind endDelivery;
     HVBEventNotificationImpl* eventNotification = makeEventReceiver();
     ST_TRACE(stDaemonFlow, 3, L"VXController::main - started tracing\n");
     signals.letIn();

@@ -35,7 +35,9 @@ public:
     void setHVId(int moduleId);
 
     /// The receivers are not owned and must outlive delivery, which ends with releaseInstance. Without a receiver
-    /// commands and health checks are answered as unknown, and events are dropped.
+    /// commands and health checks are answered as unknown, and events are dropped. Null takes a receiver away before
+    /// that: a callback that runs in it is waited for, and the calls that callbacks wait in are ended, now and later.
+    /// Requires then that no callback is the caller.
     void setCommandInterface(CommandInterface* receiver);
     void setHealthCheckInterface(HealthCheckInterface* receiver);
     void setEventInterface(EventInterface* receiver);

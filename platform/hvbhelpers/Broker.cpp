@@ -242,7 +242,8 @@ void Broker::runCommand(CommandMessage& command, bool deliver) noexcept {
         return;
     }
     try {
-        CommandInterface* const receiver = m_commandInterface;
+        const ReceiverSlot<CommandInterface>::Use use(m_commandInterface);
+        CommandInterface* const receiver = use.get();
         CommandData data(command.header.m_commandId, command.header.m_targetId, command.header.m_bFlag);
         static_cast<BasicCommandData&>(data) = command.header;
         if (receiver != nullptr) {
@@ -257,7 +258,8 @@ void Broker::runCommand(CommandMessage& command, bool deliver) noexcept {
 }
 
 void Broker::runHealthCheck(std::uint64_t token, bool deliver) noexcept {
-    HealthCheckInterface* const receiver = m_healthCheckInterface;
+    const ReceiverSlot<HealthCheckInterface>::Use use(m_healthCheckInterface);
+    HealthCheckInterface* const receiver = use.get();
     if (!deliver || receiver == nullptr) {
         m_link.refuse(token, deliver ? bus::kErrorUnknownCommand : bus::kErrorStopped,
                       deliver ? "the module has no health check" : "the module takes nothing any more");
@@ -277,7 +279,8 @@ void Broker::runHealthCheck(std::uint64_t token, bool deliver) noexcept {
 }
 
 void Broker::runEvent(EventMessage& event, bool deliver) noexcept {
-    EventInterface* const receiver = m_eventInterface;
+    const ReceiverSlot<EventInterface>::Use use(m_eventInterface);
+    EventInterface* const receiver = use.get();
     if (!deliver || receiver == nullptr) {
         return;
     }
@@ -292,7 +295,8 @@ void Broker::runEvent(EventMessage& event, bool deliver) noexcept {
 }
 
 void Broker::runResponse(const BasicCommandData& header, ReplyMessage& reply, bool deliver) noexcept {
-    CommandInterface* const receiver = m_commandInterface;
+    const ReceiverSlot<CommandInterface>::Use use(m_commandInterface);
+    CommandInterface* const receiver = use.get();
     if (!deliver || receiver == nullptr) {
         return;
     }

@@ -7,6 +7,7 @@
 #include "platform/hvbhelpers/CallbackWorkers.h"
 #include "platform/hvbhelpers/ConnectionPool.h"
 #include "platform/hvbhelpers/DeliveryLink.h"
+#include "platform/hvbhelpers/ReceiverSlot.h"
 
 #include <boost/logic/tribool.hpp>
 
@@ -30,9 +31,9 @@ public:
     Broker& operator=(const Broker&) = delete;
 
     void setModuleId(int moduleId) { m_moduleId = moduleId; }
-    void setCommandInterface(CommandInterface* receiver) { m_commandInterface = receiver; }
-    void setHealthCheckInterface(HealthCheckInterface* receiver) { m_healthCheckInterface = receiver; }
-    void setEventInterface(EventInterface* receiver) { m_eventInterface = receiver; }
+    void setCommandInterface(CommandInterface* receiver) { setReceiver(m_commandInterface, receiver); }
+    void setHealthCheckInterface(HealthCheckInterface* receiver) { setReceiver(m_healthCheckInterface, receiver); }
+    void setEventInterface(EventInterface* receiver) { setReceiver(m_eventInterface, receiver); }
 
     void start(boost::logic::tribool waitForHub);
     void stop() { m_workers.stop(); }
@@ -48,6 +49,15 @@ public:
                         std::wstring_view line);
 
 private:
+    template <class Interface>
+    void setReceiver(ReceiverSlot<Interface>& slot, Interface* receiver) {
+        if (receiver == nullptr) {
+            // A callback that waits for another module would keep its receiver for as long.
+            m_pool.endCallsOfCallbacks();
+        }
+        slot.set(receiver);
+    }
+
     LinkReceiver receiver();
     const char* whyNotTaken() const;
     CommandMessage outgoing(const CommandData& data);
@@ -65,9 +75,9 @@ private:
 
     // own locking
     std::atomic<int> m_moduleId{-1};
-    std::atomic<CommandInterface*> m_commandInterface{nullptr};
-    std::atomic<HealthCheckInterface*> m_healthCheckInterface{nullptr};
-    std::atomic<EventInterface*> m_eventInterface{nullptr};
+    ReceiverSlot<CommandInterface> m_commandInterface;
+    ReceiverSlot<HealthCheckInterface> m_healthCheckInterface;
+    ReceiverSlot<EventInterface> m_eventInterface;
     std::atomic<std::int32_t> m_sequence{0};
     std::atomic<bool> m_ended{false};
     CallbackWorkers m_workers;

@@ -54,9 +54,10 @@ public:
     Lease(const Lease&) = delete;
     Lease& operator=(const Lease&) = delete;
     ~Lease() {
-        if (m_enlisted) {
+        if (m_enlisted != -1) {
             const Sentrel::MutexLock lock(m_pool.m_mutex);
-            std::erase(m_pool.m_callbackSockets, sd_bus_get_fd(m_bus.get()));
+            const auto own = std::find(m_pool.m_callbackSockets.begin(), m_pool.m_callbackSockets.end(), m_enlisted);
+            m_pool.m_callbackSockets.erase(own);
         }
         if (m_reusable) {
             m_pool.giveBack(std::move(m_bus));
@@ -72,13 +73,15 @@ private:
         if (m_pool.m_callbacksEnded) {
             throw HVBException(-ECANCELED, "the hub client has ended");
         }
-        m_pool.m_callbackSockets.push_back(sd_bus_get_fd(m_bus.get()));
-        m_enlisted = true;
+        const int socket = sd_bus_get_fd(m_bus.get());
+        bus::check(socket, "the connection to the hub is closed");
+        m_pool.m_callbackSockets.push_back(socket);
+        m_enlisted = socket;
     }
 
     ConnectionPool& m_pool;
     bus::BusPtr m_bus;
-    bool m_enlisted = false;
+    int m_enlisted = -1; ///< the socket in the pool's list; a connection that was closed does not know it any more
     bool m_reusable = false;
 };
 

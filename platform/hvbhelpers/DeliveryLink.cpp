@@ -61,14 +61,14 @@ DeliveryLink::DeliveryLink(std::string socketPath, LinkReceiver receiver)
 // The connection.
 
 void DeliveryLink::connectNow(Deadline deadline) {
-    install(connect(deadline, -1));
+    subscribeAndInstall(connect(deadline, -1), deadline);
 }
 
 bus::BusPtr DeliveryLink::connect(Deadline deadline, int cancelFd) {
     bus::BusPtr bus = bus::openBus(m_socketPath, deadline, cancelFd);
     addObjects(*bus);
     takeName(*bus, deadline);
-    return subscribeAll(std::move(bus), deadline);
+    return bus;
 }
 
 /// Queues for the name behind another process of the same module, and gets it when that one ends.
@@ -83,7 +83,9 @@ void DeliveryLink::takeName(sd_bus& bus, Deadline deadline) const {
     (void)bus::call(bus, *request, deadline);
 }
 
-bus::BusPtr DeliveryLink::subscribeAll(bus::BusPtr bus, Deadline deadline) {
+/// Makes the subscriptions that were noted down, and has the connection used. That there are no more of them is seen
+/// under the lock under which it comes into use: whoever subscribes later finds it.
+void DeliveryLink::subscribeAndInstall(bus::BusPtr bus, Deadline deadline) {
     std::set<std::int32_t> done;
     for (;;) {
         std::set<std::int32_t> wanted;
@@ -91,9 +93,12 @@ bus::BusPtr DeliveryLink::subscribeAll(bus::BusPtr bus, Deadline deadline) {
             const Sentrel::MutexLock lock(m_mutex);
             std::set_difference(m_subscriptions.begin(), m_subscriptions.end(), done.begin(), done.end(),
                                 std::inserter(wanted, wanted.end()));
-        }
-        if (wanted.empty()) {
-            return bus;
+            if (wanted.empty()) {
+                m_bus = std::move(bus);
+                ++m_generation;
+                m_changed.notifyAll();
+                return;
+            }
         }
         for (const std::int32_t eventId : wanted) {
             const bus::MessagePtr request = addMatchCall(*bus, eventId);
@@ -101,13 +106,6 @@ bus::BusPtr DeliveryLink::subscribeAll(bus::BusPtr bus, Deadline deadline) {
             done.insert(eventId);
         }
     }
-}
-
-void DeliveryLink::install(bus::BusPtr bus) {
-    const Sentrel::MutexLock lock(m_mutex);
-    m_bus = std::move(bus);
-    ++m_generation;
-    m_changed.notifyAll();
 }
 
 void DeliveryLink::lose(int error) noexcept {
@@ -155,7 +153,8 @@ void DeliveryLink::run() {
         }
         pause = std::min(pause * 2, kLastReconnectPause);
         try {
-            install(connect(steady_clock::now() + bus::kCallTimeout, m_wake.fd()));
+            const Deadline deadline = steady_clock::now() + bus::kCallTimeout;
+            subscribeAndInstall(connect(deadline, m_wake.fd()), deadline);
         } catch (...) {
             traceComm(currentExceptionText());
         }
@@ -336,6 +335,10 @@ int DeliveryLink::onReply(sd_bus_message* message, void* wait, sd_bus_error*) {
 }
 
 void DeliveryLink::callLaterLocked(const Make& make, std::chrono::microseconds timeout, Done done) {
+    if (timeout.count() <= 0) {
+        // Zero would mean the library's own 25 s, and less than that for ever.
+        throw HVBException(-ETIMEDOUT, "no time left for the call");
+    }
     const bus::MessagePtr request = make(requireBus());
     auto wait = std::make_unique<ReplyWait>(ReplyWait{std::move(done)});
     sd_bus_slot* slot = nullptr;

@@ -66,7 +66,7 @@ public:
     void awaitConnected(bus::Deadline deadline);
 
     /// Adds a subscription, which stays across reconnects. Without a connection it is only noted down.
-    /// @throws HVBException when the bus refuses it or does not answer; then it is not added.
+    /// @throws HVBException when the bus refuses it or does not answer, or no time is left; then it is not added.
     void subscribe(std::int32_t eventId, bus::Deadline deadline);
 
     /// Answers the call that was handed on with @p token.
@@ -81,7 +81,7 @@ public:
     /// @throws HVBException with -ENOTCONN at once when there is no connection, -ETIMEDOUT at the deadline.
     void post(const Make& make, bus::Deadline deadline);
 
-    /// Sends a call whose reply goes to @p done. @throws HVBException as post does.
+    /// Sends a call whose reply goes to @p done. @throws HVBException as post does; -ETIMEDOUT for a time of 0 or less.
     void callLater(const Make& make, std::chrono::seconds timeout, Done done);
 
 private:
@@ -96,9 +96,8 @@ private:
     void pump();
     void lose(int error) noexcept SENTREL_REQUIRES(m_mutex);
     bus::BusPtr connect(bus::Deadline deadline, int cancelFd);
-    void install(bus::BusPtr bus);
+    void subscribeAndInstall(bus::BusPtr bus, bus::Deadline deadline);
     void takeName(sd_bus& bus, bus::Deadline deadline) const;
-    bus::BusPtr subscribeAll(bus::BusPtr bus, bus::Deadline deadline);
     void addObjects(sd_bus& bus);
 
     sd_bus& requireBus() const SENTREL_REQUIRES(m_mutex);

@@ -69,6 +69,11 @@ struct ADaemon : testing::Test {
 
     std::string getBrokerCall() const { return "getInstance " + root.hubSocket(); }
     Lines stopCalls() const { return {getBrokerCall(), "stop"}; }
+    /// Of a start that failed: delivery is stopped, and each receiver taken away, which waits for what runs in it.
+    Lines endDeliveryCalls() const {
+        return {getBrokerCall(),           "stop",          getBrokerCall(),    "setCommandInterface", getBrokerCall(),
+                "setHealthCheckInterface", getBrokerCall(), "setEventInterface"};
+    }
     Lines createCalls() const { return {getBrokerCall(), "setEventInterface"}; }
     Lines connectCalls() const {
         return {getBrokerCall(),           "setHVId 7",  "setCommandInterface",

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <functional>
@@ -83,8 +84,8 @@ TEST_P(ADaemonWhoseHubFailsAtTheConnect, TracesItOnceReleasesAllAndEndsWithZero)
     const Lines before = textsOf(linesBeforePidFile() + pidFileLines() + agentLines() + hubLines());
     EXPECT_EQ(root.traceLines(),
               withoutLast(before) + Lines{"VXCommandImpl::~VXCommandImpl"} + kind().lines + textsOf(releaseLines()));
-    // Delivery is stopped, as the receiver of commands is gone; the broker itself is left alone.
-    EXPECT_EQ(hub.calls(), createCalls() + callsThrough(connectCalls(), GetParam().operation) + stopCalls());
+    // Delivery has ended, as the receiver of commands is gone; the broker itself is left alone.
+    EXPECT_EQ(hub.calls(), createCalls() + callsThrough(connectCalls(), GetParam().operation) + endDeliveryCalls());
     EXPECT_FALSE(std::filesystem::exists(root.pidFile()));
     EXPECT_FALSE(std::filesystem::exists(root.eventSocket()));
     EXPECT_TRUE(traceIsOff());
@@ -95,6 +96,18 @@ INSTANTIATE_TEST_SUITE_P(At, ADaemonWhoseHubFailsAtTheConnect,
                                                        "start", "subscribeForEvent"})),
                          nameOf);
 
+TEST_P(ADaemonWhoseHubFailsAtTheConnect, TakesItsReceiversBackBeforeTheyAreFreed) {
+    bool wereFreed = true;
+    doDuring("setEventInterface", [] {}); // at the start
+    doDuring("setEventInterface",
+             [&] { wereFreed = std::ranges::count(root.traceLines(), "VXCommandImpl::~VXCommandImpl") > 0; });
+    EXPECT_EQ(runDaemon(), 0);
+    EXPECT_FALSE(wereFreed);
+    EXPECT_EQ(hub.commandInterface, nullptr);
+    EXPECT_EQ(hub.healthCheckInterface, nullptr);
+    EXPECT_EQ(hub.eventInterface, nullptr);
+}
+
 using ADaemonWhoseHubFailsBeforeThePidStep = AFailingDaemon;
 
 TEST_P(ADaemonWhoseHubFailsBeforeThePidStep, UnlinksThePidFileEvenOfARunningDaemon) {
@@ -104,7 +117,7 @@ TEST_P(ADaemonWhoseHubFailsBeforeThePidStep, UnlinksThePidFileEvenOfARunningDaem
     const Lines before = textsOf(linesBeforePidFile()); // the last one comes behind what failed
     EXPECT_EQ(root.traceLines(),
               withoutLast(before) + Lines{"VXCommandImpl::~VXCommandImpl"} + kind().lines + textsOf(releaseLines()));
-    EXPECT_EQ(hub.calls(), callsThrough(createCalls(), GetParam().operation) + stopCalls());
+    EXPECT_EQ(hub.calls(), callsThrough(createCalls(), GetParam().operation) + endDeliveryCalls());
     EXPECT_TRUE(agent.calls().empty());
 }
 
@@ -130,7 +143,7 @@ TEST_P(ADaemonWhoseAgentFails, TracesItAndEndsWithZeroWithoutAWrapper) {
     EXPECT_EQ(runDaemon(), 0);
     EXPECT_EQ(root.traceLines(), textsOf(linesBeforePidFile() + pidFileLines() + agentLines()) +
                                      Lines{"VXCommandImpl::~VXCommandImpl"} + kind().lines + textsOf(releaseLines()));
-    EXPECT_EQ(hub.calls(), createCalls() + stopCalls());
+    EXPECT_EQ(hub.calls(), createCalls() + endDeliveryCalls());
 }
 
 INSTANTIATE_TEST_SUITE_P(At, ADaemonWhoseAgentFails, testing::ValuesIn(failuresAt({"agent createInstance"})),

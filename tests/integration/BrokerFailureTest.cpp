@@ -47,6 +47,27 @@ protected:
     HubBus m_bus{m_root};
 };
 
+/// Bounds the size of the files that this process writes, for as long as it lives.
+/// Threads: the test's. Owner: a local of it.
+class SmallFiles {
+public:
+    explicit SmallFiles(std::size_t bytes) : m_handler(::signal(SIGXFSZ, SIG_IGN)) {
+        ::getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit small{bytes, m_before.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &small);
+    }
+    ~SmallFiles() {
+        ::setrlimit(RLIMIT_FSIZE, &m_before);
+        static_cast<void>(::signal(SIGXFSZ, m_handler)); // as it was, which cannot fail
+    }
+    SmallFiles(const SmallFiles&) = delete;
+    SmallFiles& operator=(const SmallFiles&) = delete;
+
+private:
+    void (*m_handler)(int);
+    rlimit m_before{};
+};
+
 using ABrokerWithAFailingHandler = ABrokerOnAFailingBus;
 
 TEST_F(ABrokerWithAFailingHandler, AnswersAnErrorOfItsOwnForEachFailureAtOnce) {
@@ -141,9 +162,7 @@ TEST_F(ABrokerWithAFailingHandler, TakesOneReplyForEachCommand) {
 
 TEST_F(ABrokerWithAFailingHandler, LetsTheHandlerAnswerAgainWhenItsReplyCouldNotBeSent) {
     std::promise<int> first;
-    ASSERT_NE(::signal(SIGXFSZ, SIG_IGN), SIG_ERR);
-    const rlimit small{kMaxTextBytes, kMaxTextBytes}; // of a file, also of one in memory
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    const SmallFiles smallFiles(kMaxTextBytes); // also those in memory
     m_module.onCommand = [&](HVB::CommandData& command) {
         HVB::CommandResult large;
         large.m_commandData = command;
@@ -458,8 +477,9 @@ TEST_F(ABrokerOnAFailingBus, IsStoppedBySignalHandlers) {
     const Life life = startModule7();
     EXPECT_TRUE(answers());
     stoppedByTheSignal = &broker();
-    std::signal(SIGTERM, [](int) { stoppedByTheSignal->stop(); });
+    auto* const before = std::signal(SIGTERM, [](int) { stoppedByTheSignal->stop(); });
     std::raise(SIGTERM);
+    std::signal(SIGTERM, before);
     RawClient client(m_bus.socketPath());
     EXPECT_EQ(client.errorOf(*client.command(1003)), kErrorStopped);
 }

@@ -15,16 +15,20 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <linux/limits.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace Sentrel {
 namespace {
@@ -85,10 +89,14 @@ public:
 
     void becomePrivate() const { setMode(kPrivate); }
 
-    /// The owner comes first: changing it clears the set-id bits.
-    void copyOwnerAndMode(const struct stat& original) const {
-        setOwner(original.st_uid, original.st_gid);
-        setMode(original.st_mode & kModeBits);
+    /// The owner comes first: changing it clears the set-id bits. An access list comes after the mode, which is a part
+    /// of it.
+    void becomeLike(int original, const struct stat& facts) const {
+        setOwner(facts.st_uid, facts.st_gid);
+        setMode(facts.st_mode & kModeBits);
+        for (const std::string& attribute : attributesOf(original)) {
+            copyAttribute(original, attribute);
+        }
     }
 
     /// Closes it too: some file systems report a failed write only then.
@@ -115,13 +123,37 @@ private:
         }
     }
 
-    /// A process that may not give files away may still set a group that it belongs to.
     void setOwner(uid_t owner, gid_t group) const {
-        constexpr auto sameOwner = static_cast<uid_t>(-1);
-        const bool isGiven = ::fchown(m_fd.get(), owner, group) == 0 ||
-                             (errno == EPERM && (::fchown(m_fd.get(), sameOwner, group) == 0 || errno == EPERM));
-        if (!isGiven) {
-            failFile(errno, m_directory.path(), "cannot get its owner");
+        struct stat facts {};
+        const bool isAsWanted = ::fstat(m_fd.get(), &facts) == 0 && facts.st_uid == owner && facts.st_gid == group;
+        if (!isAsWanted && ::fchown(m_fd.get(), owner, group) != 0) {
+            failFile(
+                errno, m_directory.path(),
+                fmt::format("its owner {} and group {} cannot be kept by user {}", owner, group, ::geteuid()).c_str());
+        }
+    }
+
+    std::vector<std::string> attributesOf(int file) const {
+        std::array<char, XATTR_LIST_MAX> names{};
+        const ssize_t size = ::flistxattr(file, names.data(), names.size());
+        if (size < 0 && errno != ENOTSUP) {
+            failFile(errno, m_directory.path(), "its attributes cannot be read");
+        }
+        std::vector<std::string> wanted;
+        for (ssize_t at = 0; at < size; at += static_cast<ssize_t>(std::strlen(names.data() + at)) + 1) {
+            const std::string_view name = names.data() + at;
+            if (!name.starts_with("security.")) {
+                wanted.emplace_back(name);
+            }
+        }
+        return wanted;
+    }
+
+    void copyAttribute(int original, const std::string& name) const {
+        std::vector<char> value(XATTR_SIZE_MAX);
+        const ssize_t size = ::fgetxattr(original, name.c_str(), value.data(), value.size());
+        if (size < 0 || ::fsetxattr(m_fd.get(), name.c_str(), value.data(), static_cast<std::size_t>(size), 0) != 0) {
+            failFile(errno, m_directory.path(), fmt::format("its attribute {} cannot be kept", name).c_str());
         }
     }
 
@@ -149,13 +181,27 @@ std::string freePrivateName(const DirectoryOf& directory) {
     return name;
 }
 
-struct stat factsOfRegularFile(const DirectoryOf& directory) {
+/// Opens the file that is to be replaced. What it is is looked at first: opening a device may do something.
+UniqueFd openRegularFile(const DirectoryOf& directory) {
     struct stat facts {};
     if (::fstatat(directory.get(), directory.name().c_str(), &facts, AT_SYMLINK_NOFOLLOW) != 0) {
         failFile(errno, directory.path(), "cannot be seen");
     }
     if (!S_ISREG(facts.st_mode)) {
         failFile(S_ISLNK(facts.st_mode) ? ELOOP : EINVAL, directory.path(), "is not a regular file");
+    }
+    UniqueFd file(::openat(directory.get(), directory.name().c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file.isOpen()) {
+        failFile(errno, directory.path(), "cannot be opened");
+    }
+    return file;
+}
+
+/// Of a file that was opened as a regular one. Another may have come to its name between the look and the opening.
+struct stat factsOf(const UniqueFd& file, const DirectoryOf& directory) {
+    struct stat facts {};
+    if (::fstat(file.get(), &facts) != 0 || !S_ISREG(facts.st_mode)) {
+        failFile(EINVAL, directory.path(), "is not a regular file");
     }
     return facts;
 }
@@ -175,9 +221,9 @@ void writeAll(int fd, std::string_view bytes, const std::string& name) {
 void replaceFile(const std::string& path, std::string_view bytes, Replace how) {
     const DirectoryOf directory(path);
     if (how == Replace::KeepingModeAndOwner) {
-        const struct stat original = factsOfRegularFile(directory);
+        const UniqueFd original = openRegularFile(directory);
         NewFile file(directory, unguessableName(directory));
-        file.copyOwnerAndMode(original);
+        file.becomeLike(original.get(), factsOf(original, directory));
         file.fill(bytes);
         file.takePlaceOf(directory.name());
     } else {

@@ -14,10 +14,11 @@ void writeAll(int fd, std::string_view bytes, const std::string& name);
 
 /// What a replaced file is like afterwards.
 enum class Replace {
-    /// Requires a regular file. It keeps its mode, and its owner and group where this process may give files away.
-    /// Anything else, a link too, stays as it is and is EINVAL or ELOOP. When several writers replace it at once, the
-    /// last rename wins. A writer that is killed leaves its new file behind under a hidden name, where it disturbs
-    /// nobody.
+    /// Requires a regular file that this process may read. It keeps its mode, owner, group, access list and other
+    /// attributes; only labels of the security.* kind are the system's to give. What this process may not give it is
+    /// EPERM, and the old file stays: another program may depend on it to read the file. Anything else, a link too,
+    /// stays as it is and is EINVAL or ELOOP. When several writers replace it at once, the last rename wins. A writer
+    /// that is killed leaves its new file behind under a hidden name, where it disturbs nobody.
     KeepingModeAndOwner,
     /// The file is this user's, with mode 0600. Whatever was there is replaced, a link too. One writer at a time: what
     /// a writer that was killed left behind is removed.

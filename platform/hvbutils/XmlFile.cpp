@@ -14,6 +14,7 @@
 #include <libxml/parser.h>
 #include <libxml/parserInternals.h>
 #include <libxml/xpath.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -380,7 +381,8 @@ bool XmlFile::saveTo(const char* path) const {
     try {
         Sentrel::replaceFile(path, m_document->text, Sentrel::Replace::KeepingModeAndOwner);
         return true;
-    } catch (const std::system_error&) {
-        return false; // its interface says no more
+    } catch (const std::system_error& error) {
+        syslog(LOG_WARNING, "%s", error.what()); // its interface says no more than that it failed
+        return false;
     }
 }

@@ -10,17 +10,22 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <barrier>
 #include <csignal>
+#include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <string>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -128,6 +133,64 @@ TEST_F(AFileThatIsWritten, KeepsItsOwnerWhenRootReplacesIt) {
     EXPECT_EQ(facts().st_uid, kNobody);
     EXPECT_EQ(facts().st_gid, kNogroup);
     EXPECT_EQ(mode(), 0640U);
+}
+
+/// Another program may read the file by its group alone.
+TEST_F(AFileThatIsWritten, StaysWhenItsGroupOrOwnerCannotBeKept) {
+    if (!canActAsOthers()) {
+        GTEST_SKIP() << "needs root to act as another user";
+    }
+    constexpr gid_t readers = 54321;
+    PrivateRoot::giveTo(m_root.varDirectory(), kNobody, kNogroup);
+    const auto replaceAs = [this](const std::vector<gid_t>& groups) {
+        return testing_support::asUser(kNobody, kNogroup, groups, [this] {
+            try {
+                replaceFile(m_path, "new", Replace::KeepingModeAndOwner);
+                return std::string("replaced");
+            } catch (const std::system_error& error) {
+                return std::string(error.what());
+            }
+        });
+    };
+    const auto refusal = [this](uid_t owner, gid_t group) {
+        return m_path + ": its owner " + std::to_string(owner) + " and group " + std::to_string(group) +
+               " cannot be kept by user 65534: Operation not permitted";
+    };
+    write("old", 0644);
+    PrivateRoot::giveTo(m_path, kNobody, readers);
+    EXPECT_EQ(replaceAs({}), refusal(kNobody, readers));
+    EXPECT_EQ(text(), "old");
+    EXPECT_EQ(facts().st_gid, readers);
+    EXPECT_EQ(filesInTheDirectory(), 1U);
+    EXPECT_EQ(replaceAs({readers}), "replaced") << "by a member of the group";
+    EXPECT_EQ(facts().st_gid, readers);
+    EXPECT_EQ(mode(), 0644U);
+    write("old", 0644);
+    PrivateRoot::giveTo(m_path, 0, kNogroup);
+    EXPECT_EQ(replaceAs({}), refusal(0, kNogroup));
+    EXPECT_EQ(text(), "old");
+}
+
+TEST_F(AFileThatIsWritten, KeepsItsAccessList) {
+    write("old", 0640);
+    // User 54321 may read it, as linux/posix_acl_xattr.h has it: a version, then tag, rights and id of each entry.
+    const std::vector<std::uint8_t> list{2,    0, 0, 0,                          //
+                                         1,    0, 6, 0, 0xFF, 0xFF, 0xFF, 0xFF,  // the owner
+                                         2,    0, 4, 0, 0x31, 0xD4, 0,    0,     // user 54321
+                                         4,    0, 4, 0, 0xFF, 0xFF, 0xFF, 0xFF,  // the group
+                                         0x10, 0, 4, 0, 0xFF, 0xFF, 0xFF, 0xFF,  // the mask
+                                         0x20, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}; // others
+    constexpr const char* name = "system.posix_acl_access";
+    if (::setxattr(m_path.c_str(), name, list.data(), list.size(), 0) != 0) {
+        GTEST_SKIP() << "this file system has no access lists: " << std::strerror(errno);
+    }
+    replaceFile(m_path, "new", Replace::KeepingModeAndOwner);
+    std::vector<std::uint8_t> kept(100);
+    const ssize_t size = ::getxattr(m_path.c_str(), name, kept.data(), kept.size());
+    kept.resize(size > 0 ? static_cast<std::size_t>(size) : 0);
+    EXPECT_EQ(kept, list);
+    EXPECT_EQ(mode(), 0640U);
+    EXPECT_EQ(text(), "new");
 }
 
 TEST_F(AFileThatIsWritten, IsNotReplacedKeepingItsModeWhereNoRegularFileIs) {

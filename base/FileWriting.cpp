@@ -34,6 +34,7 @@ namespace Sentrel {
 namespace {
 
 constexpr mode_t kPrivate = 0600;
+constexpr mode_t kReadable = 0644;
 constexpr mode_t kModeBits = 07777;
 
 /// The directory of a file, opened before the file is touched; every step goes through it, so that all happen in the
@@ -88,6 +89,16 @@ public:
     }
 
     void becomePrivate() const { setMode(kPrivate); }
+    void becomeReadable() const { setMode(kReadable); }
+
+    /// Only root may give a file away; anybody else's stays its maker's.
+    void belongToDirectorysOwner() const {
+        struct stat facts {};
+        if (::geteuid() == 0 &&
+            (::fstat(m_directory.get(), &facts) != 0 || ::fchown(m_fd.get(), facts.st_uid, facts.st_gid) != 0)) {
+            failFile(errno, m_directory.path(), "cannot get its owner");
+        }
+    }
 
     /// The owner comes first: changing it clears the set-id bits. An access list comes after the mode, which is a part
     /// of it.
@@ -235,10 +246,20 @@ void replaceFile(const std::string& path, std::string_view bytes, Replace how) {
     directory.sync(how);
 }
 
-void makePrivateFile(const std::string& path, std::string_view bytes) {
+void makeFile(const std::string& path, std::string_view bytes, NewFileFor whom) {
     const DirectoryOf directory(path);
     NewFile file(directory, directory.name());
-    file.becomePrivate();
+    switch (whom) {
+    case NewFileFor::DirectoryOwner:
+        file.belongToDirectorysOwner();
+        [[fallthrough]];
+    case NewFileFor::Maker:
+        file.becomePrivate();
+        break;
+    case NewFileFor::MakerAndReaders:
+        file.becomeReadable();
+        break;
+    }
     file.fill(bytes);
     file.keep();
     directory.sync(Replace::AsPrivate);

@@ -31,8 +31,15 @@ enum class Replace {
 /// only the directory's sync failed.
 void replaceFile(const std::string& path, std::string_view bytes, Replace how);
 
-/// Makes the file with mode 0600, synced with its directory. A file that is already there stays as it is: EEXIST. A
-/// process that is killed meanwhile may leave a part of the file.
-void makePrivateFile(const std::string& path, std::string_view bytes);
+/// Whose a new file is.
+enum class NewFileFor {
+    Maker,           ///< this user's alone, mode 0600
+    DirectoryOwner,  ///< mode 0600; from root it goes to the owner and the group of its directory
+    MakerAndReaders, ///< this user's, with mode 0644
+};
+
+/// Makes the file, synced with its directory. A file that is already there stays as it is: EEXIST. Owner and mode are
+/// set by descriptor, before there is anything in it. A process that is killed meanwhile may leave a part of the file.
+void makeFile(const std::string& path, std::string_view bytes, NewFileFor whom);
 
 } // namespace Sentrel

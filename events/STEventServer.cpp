@@ -14,6 +14,7 @@
 
 #include "base/Paths.h"
 #include "base/SignalSet.h"
+#include "base/WipeAtEnd.h"
 #include "daemon/Trace.h"
 #include "events/EventReporter.h"
 #include "events/STEventData.h"
@@ -82,11 +83,13 @@ void traceRecord(const STEventData& event) {
 
 void answerDecryptRequest(int client, const Message& message) {
     const std::string encPass = textAt(message, kDecryptRequest.size());
-    const std::string clearText = VXHVBAgentWrapper::getInstance()->decrpytPass(encPass);
+    std::string clearText = VXHVBAgentWrapper::getInstance()->decrpytPass(encPass);
+    const WipeAtEnd wiped(clearText);
     Message reply{};
     std::strncpy(reply.data(), clearText.c_str(), std::min(clearText.size(), reply.size()));
     ST_TRACE(ipcFlow, 4, L"STEventServer::processSocketEvent - encPass: %s\n", printable(encPass).c_str());
     std::ignore = write(client, reply.data(), reply.size()); // a client that has gone wants no answer
+    explicit_bzero(reply.data(), reply.size());
 }
 
 void reportEvent(const Message& message) {

@@ -15,12 +15,12 @@
 #include "platform/hvbagent/AgentConfiguration.h"
 
 #include "base/FileReading.h"
+#include "base/WipeAtEnd.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/StrictJson.h"
 #include "platform/hvbagent/Topics.h"
 
 #include <nlohmann/json.hpp>
-#include <sodium.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -199,6 +199,24 @@ std::optional<PublicKey> policyKeyOf(Members& members) {
     return key;
 }
 
+/// Wipes the texts of an object's members at its own end. Threads: as the object. Owner: a local behind the object.
+class WipeTexts {
+public:
+    explicit WipeTexts(json& object) : m_object(object) {}
+    ~WipeTexts() {
+        for (json& member : m_object) {
+            if (member.is_string()) {
+                const Sentrel::WipeAtEnd wiped(member.get_ref<std::string&>());
+            }
+        }
+    }
+    WipeTexts(const WipeTexts&) = delete;
+    WipeTexts& operator=(const WipeTexts&) = delete;
+
+private:
+    json& m_object;
+};
+
 /// Runs @p body. An error that names only the place in the document gets the file's name in front.
 template <class Body>
 auto nameFileInErrors(const std::string& path, const Body& body) {
@@ -212,8 +230,8 @@ auto nameFileInErrors(const std::string& path, const Body& body) {
 } // namespace
 
 Credentials::~Credentials() {
-    sodium_memzero(user.data(), user.size());
-    sodium_memzero(password.data(), password.size());
+    const Sentrel::WipeAtEnd wipedUser(user);
+    const Sentrel::WipeAtEnd wipedPassword(password);
 }
 
 AgentConfiguration readAgentConfiguration(std::string_view text, const std::string& machineIdFile) {
@@ -253,8 +271,10 @@ std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path
 
 Credentials loadCredentials(const std::string& path) {
     std::string text = Sentrel::readRegularFile(path, kMaxConfigurationBytes, Sentrel::FileAccess::OwnerAlone);
-    Credentials credentials = nameFileInErrors(path, [&] {
+    const Sentrel::WipeAtEnd wipedText(text);
+    return nameFileInErrors(path, [&] {
         json document = smallJson(text);
+        const WipeTexts wipedDocument(document);
         Members members(document, "");
         Credentials read;
         read.user = members.text("user", kMaxCredentialBytes);
@@ -262,8 +282,6 @@ Credentials loadCredentials(const std::string& path) {
         members.refuseUnknown();
         return read;
     });
-    sodium_memzero(text.data(), text.size());
-    return credentials;
 }
 
 } // namespace HVBEnterprise::agent

@@ -2,6 +2,7 @@
 
 #include "base/FileReading.h"
 #include "base/FileWriting.h"
+#include "base/WipeAtEnd.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
 
@@ -20,12 +21,6 @@ constexpr std::size_t kLongestText = kForm.size() + (kOverhead + kMaxClearText +
 
 static_assert(SecretKey::kBytes == crypto_secretbox_KEYBYTES);
 
-/// Wipes a text at the end of its own life.
-struct Wiped {
-    std::string& text;
-    ~Wiped() { sodium_memzero(text.data(), text.size()); }
-};
-
 unsigned char* bytesOf(std::string& text) {
     return reinterpret_cast<unsigned char*>(text.data());
 }
@@ -42,13 +37,13 @@ SecretKey SecretKey::generate() {
 SecretKey SecretKey::load(const std::string& path) {
     requireSodium();
     std::string text = Sentrel::readRegularFile(path, kMaxKeyFileBytes, Sentrel::FileAccess::OwnerAlone);
-    const Wiped wipedText{text};
+    const Sentrel::WipeAtEnd wipedText(text);
     std::string_view line = text;
     if (line.ends_with('\n')) {
         line.remove_suffix(1);
     }
     std::string bytes = bytesOfBase64(line).value_or("");
-    const Wiped wipedBytes{bytes};
+    const Sentrel::WipeAtEnd wipedBytes(bytes);
     if (bytes.size() != kBytes) {
         throw std::runtime_error(path + ": is not the base64 of " + std::to_string(kBytes) + " bytes");
     }
@@ -58,11 +53,13 @@ SecretKey SecretKey::load(const std::string& path) {
 }
 
 void SecretKey::save(const std::string& path) const {
-    std::string text = base64Of({reinterpret_cast<const char*>(m_bytes.data()), m_bytes.size()});
+    std::string encoded = base64Of({reinterpret_cast<const char*>(m_bytes.data()), m_bytes.size()});
+    const Sentrel::WipeAtEnd wipedEncoded(encoded);
+    std::string text;
     text.reserve(kMaxKeyFileBytes);
-    const Wiped wiped{text};
-    text += '\n';
-    Sentrel::makePrivateFile(path, text);
+    const Sentrel::WipeAtEnd wipedText(text);
+    text.append(encoded).append("\n");
+    Sentrel::makeFile(path, text, Sentrel::NewFileFor::DirectoryOwner);
 }
 
 SecretKey::SecretKey(SecretKey&& other) noexcept : m_bytes(other.m_bytes) {

@@ -21,8 +21,8 @@ public:
     /// @throws std::runtime_error that says what is wrong with the file.
     static SecretKey load(const std::string& path);
 
-    /// Writes it to a file that is not there yet, with mode 0600. @throws std::system_error; EEXIST keeps what is
-    /// there.
+    /// Writes it to a file that is not there yet, with mode 0600; root gives it to the owner of the directory, who is
+    /// to read it. @throws std::system_error; EEXIST keeps what is there.
     void save(const std::string& path) const;
 
     SecretKey(SecretKey&& other) noexcept;

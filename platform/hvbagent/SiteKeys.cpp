@@ -2,13 +2,13 @@
 
 #include "base/FileReading.h"
 #include "base/FileWriting.h"
+#include "base/WipeAtEnd.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <fmt/format.h>
 #include <sodium.h>
 #include <stdexcept>
-#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -41,14 +41,14 @@ std::string_view textOf(const Bytes& bytes) {
 template <class Bytes>
 void load(const std::string& path, Sentrel::FileAccess access, Bytes& bytes) {
     std::string text = Sentrel::readRegularFile(path, kMaxKeyFileBytes, access);
+    const Sentrel::WipeAtEnd wipedText(text);
     const std::string_view line(text.data(), text.ends_with('\n') ? text.size() - 1 : text.size());
     std::string read = bytesOfBase64(line).value_or("");
+    const Sentrel::WipeAtEnd wipedRead(read);
     const bool fits = read.size() == bytes.size();
     if (fits) {
         std::transform(read.begin(), read.end(), bytes.begin(), [](char c) { return static_cast<unsigned char>(c); });
     }
-    sodium_memzero(text.data(), text.size());
-    sodium_memzero(read.data(), read.size());
     if (!fits) {
         throw std::runtime_error(path + ": is not the base64 of " + std::to_string(bytes.size()) + " bytes");
     }
@@ -63,15 +63,15 @@ std::string makeSigningPair(const SigningFiles& files) {
     Pair pair;
     randombytes_buf(pair.seed.data(), pair.seed.size());
     pair.derive();
-    std::string secret = base64Of(textOf(pair.seed)) + "\n";
-    Sentrel::makePrivateFile(files.secret, secret);
-    sodium_memzero(secret.data(), secret.size());
+    std::string seed = base64Of(textOf(pair.seed));
+    const Sentrel::WipeAtEnd wipedSeed(seed);
+    std::string secret;
+    secret.reserve(kMaxKeyFileBytes);
+    const Sentrel::WipeAtEnd wipedSecret(secret);
+    secret.append(seed).append("\n");
+    Sentrel::makeFile(files.secret, secret, Sentrel::NewFileFor::Maker);
     std::string open = base64Of(textOf(pair.open));
-    Sentrel::makePrivateFile(files.open, open + "\n");
-    constexpr mode_t forEverybody = 0644;
-    if (::chmod(files.open.c_str(), forEverybody) != 0) {
-        throw std::system_error(errno, std::generic_category(), files.open);
-    }
+    Sentrel::makeFile(files.open, open + "\n", Sentrel::NewFileFor::MakerAndReaders);
     return open;
 }
 

@@ -3,6 +3,7 @@
 // ManagedDaemonTest's to show.
 #include "platform/hvbagent/SecretBox.h"
 #include "tests/integration/SentrelctlRun.h"
+#include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/Files.h"
 #include "tests/support/MqttBroker.h"
@@ -85,6 +86,18 @@ TEST_F(AnAdministrator, MakesAKeyOnce) {
     EXPECT_THAT(second.err, HasSubstr(agentKey()));
     EXPECT_EQ(readFile(agentKey()), before);
     EXPECT_EQ(run({"agent", "keygen", "--signing", m_root.file("site"), "elsewhere"}).code, 2);
+}
+
+TEST_F(AnAdministrator, MakesAKeyThatTheOwnerOfItsDirectoryCanUse) {
+    if (!canActAsOthers()) {
+        GTEST_SKIP() << "needs root, which makes a key for another user";
+    }
+    PrivateRoot::giveTo(m_root.hubConfigDirectory(), kNobody, kNogroup);
+    ASSERT_EQ(run({"agent", "keygen"}).code, 0);
+    EXPECT_EQ(modeOf(agentKey()), 0600U);
+    EXPECT_EQ(
+        asNobody([this] { return std::to_string(HVBEnterprise::agent::SecretKey::load(agentKey()).bytes().size()); }),
+        "32");
 }
 
 TEST_F(AnAdministrator, EncryptsATextThatOnlyTheKeyOpens) {

@@ -2,9 +2,9 @@
 
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "apps/sentrelctl/terminal/Input.h"
+#include "base/WipeAtEnd.h"
 #include "platform/hvbagent/SiteKeys.h"
 
-#include <sodium.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -80,6 +80,7 @@ std::string secretFromInput(Session& session, std::string_view prompt, std::size
         return text;
     }
     session.err.write(prompt);
+    text.reserve(limit + 1); // a text that grows leaves copies behind
     for (char c = 0; text.size() <= limit && ::read(session.inputFd, &c, 1) == 1 && c != '\n';) {
         text += c;
     }
@@ -88,10 +89,9 @@ std::string secretFromInput(Session& session, std::string_view prompt, std::size
 }
 
 std::string encryptedWith(const std::string& keyFile, std::string& clear) {
+    const WipeAtEnd wiped(clear);
     const agent::SecretKey key = keyIn(keyFile);
-    std::string text = agent::encrypted(key, clear);
-    sodium_memzero(clear.data(), clear.size());
-    return text;
+    return agent::encrypted(key, clear);
 }
 
 } // namespace Sentrel::ctl

@@ -22,6 +22,7 @@
 #include "apps/sentrelctl/terminal/Input.h"
 #include "apps/sentrelctl/terminal/SecretInput.h"
 #include "base/Paths.h"
+#include "base/WipeAtEnd.h"
 #include "hub/HubIds.h"
 #include "platform/hvbagent/SiteKeys.h"
 #include "platform/hvbhelpers/HubProtocol.h"
@@ -86,9 +87,11 @@ std::string givenPassword(Session& session, const SetOptions& options) {
 
 /// As it is to be stored: a copy of the settings file must not tell it.
 std::string passwordOf(Session& session, const SetOptions& options) {
-    std::string given = storable("password", givenPassword(session, options), kMaxPasswordBytes);
+    std::string given = givenPassword(session, options);
+    const WipeAtEnd wiped(given);
+    storable("password", given, kMaxPasswordBytes);
     if (options.isAsIs) {
-        return given;
+        return std::string(given);
     }
     if (::access(paths::agentConfiguration().c_str(), F_OK) != 0) {
         throw Failure(ExitCode::Failed, kCannotSet, "the password would be encrypted",

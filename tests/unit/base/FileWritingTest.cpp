@@ -218,7 +218,7 @@ TEST_F(AFileThatIsWritten, StaysAsItWasWhenTheDiskTakesNoMore) {
         const std::string large(1000, 'x');
         const bool isRefused = ::setrlimit(RLIMIT_FSIZE, &aFewBytes) == 0 && errorOfKeepingReplace(large) == EFBIG &&
                                errorOf([&] { replaceFile(m_path, large, Replace::AsPrivate); }) == EFBIG &&
-                               errorOf([&] { makePrivateFile(m_path + "2", large); }) == EFBIG;
+                               errorOf([&] { makeFile(m_path + "2", large, NewFileFor::Maker); }) == EFBIG;
         ::_exit(isRefused ? 0 : 1);
     }
     int status = -1;
@@ -287,7 +287,7 @@ TEST_F(AFileThatIsWritten, IsMadeByOnlyOneOfTwoWhoComeAtOnce) {
         const auto make = [&](const std::string& text) {
             together.arrive_and_wait();
             try {
-                makePrivateFile(m_path, text);
+                makeFile(m_path, text, NewFileFor::Maker);
                 ++made;
             } catch (const std::system_error& error) {
                 EXPECT_EQ(error.code().value(), EEXIST);
@@ -302,14 +302,46 @@ TEST_F(AFileThatIsWritten, IsMadeByOnlyOneOfTwoWhoComeAtOnce) {
     }
 }
 
+struct stat factsOf(const std::string& path) {
+    struct stat facts {};
+    EXPECT_EQ(::stat(path.c_str(), &facts), 0);
+    return facts;
+}
+
+TEST_F(AFileThatIsWritten, HasTheModeOfThoseItIsMadeFor) {
+    const mode_t before = ::umask(0077);
+    makeFile(m_path, "text", NewFileFor::MakerAndReaders);
+    EXPECT_EQ(factsOf(m_path).st_mode & 0777U, 0644U) << "whatever the mask";
+    ::unlink(m_path.c_str());
+    ::umask(0);
+    makeFile(m_path, "text", NewFileFor::DirectoryOwner);
+    EXPECT_EQ(factsOf(m_path).st_mode & 0777U, 0600U);
+    ::umask(before);
+}
+
+TEST_F(AFileThatIsWritten, GoesFromRootToTheOwnerOfItsDirectory) {
+    if (!testing_support::canActAsOthers()) {
+        GTEST_SKIP() << "only root can give files away";
+    }
+    ASSERT_EQ(::chown(std::filesystem::path(m_path).parent_path().c_str(), testing_support::kNobody,
+                      testing_support::kNogroup),
+              0);
+    makeFile(m_path, "text", NewFileFor::DirectoryOwner);
+    EXPECT_EQ(factsOf(m_path).st_uid, testing_support::kNobody);
+    EXPECT_EQ(factsOf(m_path).st_gid, testing_support::kNogroup);
+    ::unlink(m_path.c_str());
+    makeFile(m_path, "text", NewFileFor::Maker);
+    EXPECT_EQ(factsOf(m_path).st_uid, 0U) << "a file for its maker stays the maker's";
+}
+
 TEST_F(AFileThatIsWritten, IsMadeOnlyWhereNoneIs) {
-    makePrivateFile(m_path, "first");
+    makeFile(m_path, "first", NewFileFor::Maker);
     EXPECT_EQ(text(), "first");
-    EXPECT_THROW(makePrivateFile(m_path, "second"), std::system_error);
+    EXPECT_THROW(makeFile(m_path, "second", NewFileFor::Maker), std::system_error);
     EXPECT_EQ(text(), "first");
     ::unlink(m_path.c_str());
     ASSERT_EQ(::symlink("nowhere", m_path.c_str()), 0);
-    EXPECT_THROW(makePrivateFile(m_path, "second"), std::system_error);
+    EXPECT_THROW(makeFile(m_path, "second", NewFileFor::Maker), std::system_error);
     EXPECT_TRUE(std::filesystem::is_symlink(m_path));
 }
 

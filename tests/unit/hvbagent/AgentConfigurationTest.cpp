@@ -1,6 +1,7 @@
 // agent.json and the credentials file. Real files.
 #include "platform/hvbagent/AgentConfiguration.h"
 #include "platform/hvbagent/StrictJson.h"
+#include "tests/support/FreedMemory.h"
 #include "tests/support/PrivateRoot.h"
 
 #include <gtest/gtest.h>
@@ -187,6 +188,22 @@ TEST_F(AConfiguration, NeverTellsAPassword) {
         } catch (const std::runtime_error& error) {
             EXPECT_EQ(std::string(error.what()).find("hunter2"), std::string::npos) << error.what();
         }
+    }
+}
+
+/// The parser's own copies are the library's, and small; the text of the file is not.
+TEST_F(AConfiguration, LeavesNoFileOfCredentialsInMemory) {
+    constexpr std::size_t sizeOfAFile = 32 << 10;
+    for (const char* file :
+         {R"({"user": "u", "password": "hunter2hunter2"})", R"({"user": "u", "password": "hunter2hunter2", "x": 1})",
+          R"({"user": 1, "password": "hunter2hunter2"})", R"({"user": "u", "password": "hunter2hunter2)"}) {
+        const std::string path = write("credentials", file, 0600);
+        const testing_support::FreedMemory memory("hunter2hunter2", sizeOfAFile);
+        try {
+            (void)loadCredentials(path);
+        } catch (const std::runtime_error&) {
+        }
+        EXPECT_EQ(memory.found(), 0U) << file;
     }
 }
 

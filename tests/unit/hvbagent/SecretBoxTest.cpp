@@ -2,13 +2,18 @@
 #include "platform/hvbagent/SecretBox.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
+#include "platform/hvbagent/SiteKeys.h"
+#include "tests/support/FreedMemory.h"
 #include "tests/support/PrivateRoot.h"
 
 #include <gtest/gtest.h>
 #include <sodium.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cstdint>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <system_error>
@@ -113,6 +118,58 @@ TEST_F(ASecretBox, RefusesAKeyFileOfAnotherForm) {
     }
     EXPECT_EQ(SecretKey::load(write(base64Of(std::string(32, 'k')))).bytes()[31], 'k');
     EXPECT_THROW((void)SecretKey::load(m_root.file("none")), std::system_error);
+}
+
+TEST_F(ASecretBox, LeavesNoKeyInMemory) {
+    m_key.save(m_file);
+    std::ifstream file(m_file);
+    std::string line;
+    std::getline(file, line);
+    const std::string_view bytes(reinterpret_cast<const char*>(m_key.bytes().data()), SecretKey::kBytes);
+    const testing_support::FreedMemory text(line.substr(0, 24));
+    ::unlink(m_file.c_str());
+    m_key.save(m_file);
+    { const SecretKey loaded = SecretKey::load(m_file); }
+    EXPECT_THROW(m_key.save(m_file), std::system_error);
+    EXPECT_EQ(text.found(), 0U) << "as base64";
+    ::unlink(m_file.c_str());
+    const testing_support::FreedMemory raw{std::string(bytes)};
+    m_key.save(m_file);
+    { const SecretKey loaded = SecretKey::load(m_file); }
+    EXPECT_EQ(raw.found(), 0U) << "as bytes";
+}
+
+/// While it lives, libsodium draws one byte again and again, so that the test knows a secret that nobody gets.
+class DrawsTheSame {
+public:
+    DrawsTheSame() { randombytes_set_implementation(&m_implementation); }
+    ~DrawsTheSame() { randombytes_set_implementation(&randombytes_sysrandom_implementation); }
+    DrawsTheSame(const DrawsTheSame&) = delete;
+    DrawsTheSame& operator=(const DrawsTheSame&) = delete;
+
+    static constexpr const char* kSeedText = "QUFBQUFBQUFBQUFBQUFB"; ///< of the byte in base64
+
+private:
+    randombytes_implementation m_implementation{
+        .implementation_name = [] { return "the same"; },
+        .random = [] { return std::uint32_t{0x41414141}; },
+        .stir = nullptr,
+        .uniform = nullptr,
+        .buf = [](void* buffer, std::size_t size) { std::memset(buffer, 'A', size); },
+        .close = nullptr};
+};
+
+TEST_F(ASecretBox, LeavesNoSigningKeyInMemory) {
+    const DrawsTheSame draws;
+    const SigningFiles files(m_root.file("site"));
+    ASSERT_EQ(::mkdir(files.secret.c_str(), 0700), 0) << "in the way";
+    const testing_support::FreedMemory text(DrawsTheSame::kSeedText);
+    EXPECT_THROW(makeSigningPair(files), std::system_error);
+    EXPECT_EQ(text.found(), 0U) << "of a pair that could not be made";
+    ::rmdir(files.secret.c_str());
+    makeSigningPair(files);
+    (void)signedMessage("document", files.secret);
+    EXPECT_EQ(text.found(), 0U);
 }
 
 } // namespace

@@ -33,9 +33,13 @@ protected:
         std::string result;
         std::string what;
         std::string advice;
-        bool operator==(const Finding&) const = default;
+        std::string id = {}; ///< compared where a test names it
+        bool operator==(const Finding& other) const {
+            return result == other.result && what == other.what && advice == other.advice &&
+                   (id.empty() || other.id.empty() || id == other.id);
+        }
         friend void PrintTo(const Finding& finding, std::ostream* out) {
-            *out << finding.result << ": " << finding.what << " -> " << finding.advice;
+            *out << finding.id << " " << finding.result << ": " << finding.what << " -> " << finding.advice;
         }
     };
 
@@ -56,24 +60,32 @@ protected:
     }
 
     /// Asks, and looks whether the exit code is what the findings ask for.
-    Finding finding(const std::string& check, std::optional<uid_t> uid = {}) {
-        const CtlResult result = ask({"--json=short"}, uid);
+    Finding finding(const std::string& check, std::optional<uid_t> uid = {},
+                    const std::vector<std::string>& options = {}) {
+        std::vector<std::string> arguments{"--json=short"};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        const CtlResult result = ask(arguments, uid);
         const nlohmann::json answer = nlohmann::json::parse(result.out);
         EXPECT_EQ(result.code, answer.at("ok").get<bool>() ? 0 : 1) << result.err;
         Finding found;
         bool anyFailed = false;
         for (const nlohmann::json& each : answer.at("checks")) {
             anyFailed = anyFailed || each.at("result") == "failed";
+            EXPECT_EQ(each.at("id").is_null(), each.at("result") == "ok" || each.at("result") == "unseen") << each;
             if (each.at("check") == check) {
-                found = {each.at("result"), each.at("what"), each.at("advice").is_null() ? "" : each.at("advice")};
+                const auto textIn = [&each](const char* name) {
+                    return each.at(name).is_null() ? std::string() : each.at(name).get<std::string>();
+                };
+                found = {each.at("result"), each.at("what"), textIn("advice"), textIn("id")};
             }
         }
         EXPECT_EQ(answer.at("ok").get<bool>(), !anyFailed);
         return found;
     }
 
-    void expectFailed(const std::string& check, const std::string& what, const std::string& advice) {
-        EXPECT_EQ(finding(check), (Finding{"failed", what, advice})) << check;
+    void expectFailed(const std::string& check, const std::string& what, const std::string& advice,
+                      const std::string& id = "") {
+        EXPECT_EQ(finding(check), (Finding{"failed", what, advice, id})) << check;
     }
     void expectWarning(const std::string& check, const std::string& what, const std::string& advice) {
         EXPECT_EQ(finding(check), (Finding{"warning", what, advice})) << check;

@@ -75,7 +75,7 @@ TEST_F(ACompletion, OffersTheOptionsOfAVerb) {
     EXPECT_EQ(offered("state --m"), "--machine ");
     EXPECT_EQ(offered("proxy set host --a"), "--as-is --auth ");
     EXPECT_EQ(offered("debug on --t"), "--timeout ");
-    EXPECT_EQ(offered("doctor --"), "--color --help --json --timeout ");
+    EXPECT_EQ(offered("doctor --"), "--color --help --json --probe --timeout ");
     EXPECT_EQ(offered("proxy show --"), "--color --help --json ");
 }
 

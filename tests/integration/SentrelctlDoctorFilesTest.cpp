@@ -1,5 +1,13 @@
-// What sentrelctl doctor finds in the directories and the settings file.
+// What sentrelctl doctor finds in the directories, in the settings file and on the disk.
+//
+// Each test breaks one thing and asks. What must stay so: a disk is a file system in memory that this process alone
+// sees, and a file that was made immutable is made mutable again before anything is expected, or the root could not be
+// removed. Some of it only root can break; elsewhere the test skips itself and says so.
 #include "tests/integration/DoctorFixture.h"
+#include "tests/support/ChildProcess.h"
+#include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
+#include "tests/support/OwnDisk.h"
 
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -51,6 +59,42 @@ TEST_F(AnInstallation, FailsWithDirectoriesOfTwoUsers) {
                  "Give both to the user whom sentreld runs as, with chown");
 }
 
+/// The bus as one user and hvbd as another, who share a directory by a group of their own.
+class ASharedHubDirectory : public AnInstallation {
+protected:
+    static constexpr gid_t kGroupOfNobodyElse = 54'321;
+
+    void SetUp() override {
+        if (!canActAsOthers()) {
+            GTEST_SKIP() << "only root can give files away";
+        }
+        PrivateRoot::giveTo(at(kHubVar), kNobody, kGroupOfNobodyElse); // the bus is nobody's here, hvbd is root's
+        setMode(kHubVar, 0775);
+    }
+};
+
+TEST_F(ASharedHubDirectory, IsFineWhenItsGroupHasTheTwoAlone) {
+    m_machine.startHub();
+    EXPECT_EQ(finding("hub-directory"), (Finding{"ok", std::string(kHubVar) + " is nobody's, mode 0775", ""}));
+    EXPECT_EQ(finding("log-store").result, "ok") << "it is hvbd's, as it must be";
+}
+
+TEST_F(ASharedHubDirectory, FailsWhenItsGroupHasSomebodyElse) {
+    constexpr gid_t games = 60; // of Debian's own users, one has it
+    PrivateRoot::giveTo(at(kHubVar), kNobody, games);
+    const Finding found = finding("hub-directory");
+    EXPECT_EQ(found.id, "directory-open");
+    EXPECT_EQ(found.what, std::string("others than the users of the bus and of hvbd can write into ") + kHubVar +
+                              ": its group has games");
+    EXPECT_EQ(found.advice, "Give it a group that has nobody and root alone");
+}
+
+TEST_F(ASharedHubDirectory, FailsWhenEverybodyCanWriteIntoIt) {
+    setMode(kHubVar, 0777);
+    EXPECT_EQ(finding("hub-directory").what,
+              std::string("others than its owner can write into ") + kHubVar + ": it has mode 0777");
+}
+
 // The settings file.
 
 TEST_F(AnInstallation, FailsWithoutTheSettingsFile) {
@@ -91,7 +135,148 @@ TEST_F(AnInstallation, FailsWithoutATableOrWithAFileThatIsNone) {
     expectFailed("settings-tables", path + " lacks catblockinginfo, privateIPRange",
                  "Make them with 'sentrelctl settings init'");
     write(path, std::string(200, 'x'));
-    expectFailed("settings-tables", "it is no database", "Nothing was changed; move the file away if it is not needed");
+    const std::string makeOne = "Move it away, with what begins with its name; then make one with 'sentrelctl settings "
+                                "init', and restart sentreld";
+    expectFailed("settings-tables", path + " is no settings file: it is no database", makeOne, "settings-foreign");
+    expectUnseen("settings-content", "it has none of the tables: 'settings-tables' tells what to do");
+}
+
+TEST_F(AnInstallation, AdvisesSettingsInitForAnEmptySettingsFileAndForAForeignOne) {
+    const std::string path = std::string(kShared) + "/product.db";
+    const auto replaceBy = [&](const std::string& statement) {
+        for (const char* ending : {"", "-wal", "-shm"}) {
+            fs::remove(at(path + ending));
+        }
+        write(path, "");
+        setMode(path, 0640);
+        if (!statement.empty()) {
+            m_machine.sql(statement);
+        }
+    };
+    replaceBy("");
+    expectFailed("settings-tables", path + " lacks vxsetting, catblockinginfo, allowblocksettings, privateIPRange",
+                 "Make them with 'sentrelctl settings init'", "settings-tables-missing");
+    EXPECT_EQ(finding("settings-content").result, "unseen") << "nothing is whole in an empty file";
+    for (const char* statement : {"create table notes(line text)", "create table vxsetting(key, data)"}) {
+        replaceBy(statement);
+        const Finding foreign = finding("settings-tables");
+        EXPECT_EQ(foreign.id, "settings-foreign") << statement;
+        EXPECT_TRUE(foreign.advice.starts_with("Move it away, with what begins with its name; then make one with "
+                                               "'sentrelctl settings init'"))
+            << foreign.advice;
+    }
+}
+
+/// A single setting's row, its key with the terminator.
+std::string row(const std::string& key, const std::string& value) {
+    return "insert or replace into vxsetting values(cast('" + key + "' || char(0) as text), " + value + ")";
+}
+
+TEST_F(AnInstallation, FailsWithASettingThatHasTheWrongSize) {
+    const std::string path = std::string(kShared) + "/product.db";
+    m_machine.sql(row("Enabled", "x'00'"));
+    const Finding found = finding("settings-values");
+    EXPECT_EQ(found.what, path + ": Enabled has 1 bytes and not 4");
+    EXPECT_EQ(found.id, "settings-value");
+    m_machine.sql(row("Enabled", "'off!'"));
+    EXPECT_EQ(finding("settings-values").what, path + ": Enabled is of the type text and no blob");
+    m_machine.sql(row("Enabled", "x'01000000'"));
+    EXPECT_EQ(finding("settings-values").result, "ok");
+}
+
+TEST_F(AnInstallation, FailsWithASettingOutOfItsRange) {
+    const std::string path = std::string(kShared) + "/product.db";
+    m_machine.sql(row("RedSiteAction", "x'07000000'") + ";" + row("SSOn", "x'02000000'") + ";" +
+                  row("RPXProxyPort", "x'00000100'") + ";" + row("CAT_Enabled", "x'ffffffff'"));
+    const Finding found = finding("settings-values");
+    EXPECT_EQ(found.what, path + ": RedSiteAction is 7 and not from 1 to 3; SSOn is 2 and not from 0 to 1; "
+                                 "RPXProxyPort is 65536 and not from 0 to 65535; and 1 more");
+    EXPECT_EQ(found.id, "settings-value");
+}
+
+TEST_F(AnInstallation, FailsWithAListWhoseRowsHoldNoNumber) {
+    m_machine.sql("insert into catblockinginfo values('ga', 1), ('al', x'01000000');"
+                  "insert into allowblocksettings values('a.example', 'block'), ('b.example', 4294967296), ('c', 1)");
+    EXPECT_EQ(finding("settings-values").what,
+              std::string(kShared) + "/product.db: 1 row of catblockinginfo has no number of four bytes; 2 rows of "
+                                     "allowblocksettings have no number of 32 bits");
+}
+
+TEST_F(AnInstallation, WarnsOfASettingThatNothingReads) {
+    m_machine.sql("insert into vxsetting values('Enabled', x'00000000')");
+    const Finding found = finding("settings-values");
+    EXPECT_EQ(found.result, "warning");
+    EXPECT_EQ(found.what, std::string(kShared) + "/product.db has rows that nothing reads: Enabled");
+    EXPECT_EQ(found.id, "settings-key");
+}
+
+/// Marks a file as the system does for nobody to change it. @return whether this file system has such a mark.
+bool markImmutable(const std::string& path, bool isOn) {
+    return ChildProcess(
+               "chattr",
+               {.arguments = {isOn ? "+i" : "-i", path}, .environment = {}, .outputFile = "", .uid = {}, .gid = {}})
+               .waitUntil(patience()) == 0;
+}
+
+TEST_F(AnInstallation, FailsWithAnImmutableSettingsFile) {
+    const std::string path = std::string(kShared) + "/product.db";
+    if (!markImmutable(at(path), true)) {
+        GTEST_SKIP() << "no file can be made immutable here";
+    }
+    const Finding found = finding("settings-file");
+    EXPECT_TRUE(markImmutable(at(path), false));
+    EXPECT_EQ(found, (Finding{"failed", path + " is immutable: no change can be stored",
+                              "chattr -i -a " + path + ", and ask who set that", "settings-immutable"}));
+    EXPECT_EQ(finding("settings-file").result, "ok");
+}
+
+// The disk.
+
+TEST_F(AnInstallation, FailsWithAFullDiskAndWarnsOfANearlyFullOne) {
+    OwnDisk disk;
+    if (const std::string why = disk.mount(at(kShared), "size=40m,mode=0755"); !why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    const Finding low = finding("disk-space");
+    EXPECT_EQ(low.id, "disk-low");
+    EXPECT_EQ(low.what, std::string("the disk of the settings file is nearly full: 40.0 MiB are free, and 64.0 MiB "
+                                    "should be: ") +
+                            kShared + "/product.db");
+    disk.fill();
+    expectFailed("disk-space",
+                 std::string("the disk of the settings file is full: 0.0 MiB are free, and 8.0 MiB is the least: ") +
+                     kShared + "/product.db",
+                 "Make room on that file system; 'df' and 'du -x' tell what takes it", "disk-full");
+}
+
+TEST_F(AnInstallation, FailsWithADiskOnWhichTheSpoolDoesNotFit) {
+    OwnDisk disk;
+    if (const std::string why = disk.mount(at(kVar), "size=15m,mode=0755"); !why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    expectFailed("disk-space",
+                 std::string("the disk of the spool is full: 15.0 MiB are free, and 16.0 MiB is the least: ") + kVar +
+                     "/reports.spool",
+                 "Make room on that file system; 'df' and 'du -x' tell what takes it", "disk-full");
+}
+
+TEST_F(AnInstallation, FailsWithADiskThatHasRoomForNoMoreFiles) {
+    OwnDisk disk;
+    if (const std::string why = disk.mount(at(kHubVar), "size=100m,nr_inodes=8,mode=0755"); !why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    const Finding found = finding("disk-space");
+    EXPECT_EQ(found.id, "disk-full");
+    EXPECT_TRUE(found.what.starts_with("the disk of the log store has room for ")) << found.what;
+}
+
+TEST_F(AnInstallation, FailsWithADiskThatCanOnlyBeRead) {
+    OwnDisk disk;
+    if (const std::string why = disk.mount(at(kHubVar), "size=100m,mode=0755"); !why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    ASSERT_EQ(::mount("none", at(kHubVar).c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    EXPECT_EQ(finding("disk-space").id, "disk-read-only");
 }
 
 TEST_F(AnInstallation, FailsWithASettingsFileThatHasABrokenPage) {

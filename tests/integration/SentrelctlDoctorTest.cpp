@@ -18,6 +18,7 @@ TEST_F(ARunningInstallation, IsFoundHealthyInATable) {
     EXPECT_EQ(result.err, "");
     std::string text = std::regex_replace(result.out, std::regex("host-name .*\n( +->.*\n)?"), "");
     text = std::regex_replace(text, std::regex("the process \\d+\n"), "the process <pid>\n");
+    text = std::regex_replace(text, std::regex("[0-9.]+ MiB for"), "<free> for");
     text = std::regex_replace(text, std::regex("health .*\n"), "");
     const std::string user = ::geteuid() == 0 ? "root" : "";
     if (user.empty()) {
@@ -37,17 +38,24 @@ TEST_F(ARunningInstallation, IsFoundHealthyInATable) {
         "traced\n"
         "management-agent       ok       there is no /usr/local/Orvanta/hvb/config/agent.json: the machine is not "
         "managed\n"
+        "disk-space             ok       free: <free> for the settings file, <free> for the log store, <free> for the "
+        "spool; 8.0 MiB is the least\n"
         "settings-file          ok       /Users/Shared/.orvanta/product.db is root's, mode 0640\n"
         "settings-tables        ok       /Users/Shared/.orvanta/product.db has all 4 tables\n"
         "settings-content       ok       /Users/Shared/.orvanta/product.db is whole\n"
+        "settings-values        ok       every setting is one that the daemon reads\n"
         "hub-socket             ok       the bus answers at /usr/local/Orvanta/hvb/var/hvbdsocket64\n"
         "bus-policy             ok       the bus refuses an ordinary user what it should\n"
         "hvbd                   ok       hvbd answers as com.orvanta.hvb1.Hub\n"
         "log-store              ok       /usr/local/Orvanta/hvb/var/hvblog.db is root's, mode 0640\n"
+        "log-content            ok       /usr/local/Orvanta/hvb/var/hvblog.db is whole\n"
         "sentreld               ok       sentreld answers as com.orvanta.hvb1.Module7\n"
+        "broker                 ok       the machine is not managed, and needs none\n"
         "event-socket           ok       sentreld listens at /Users/Shared/.orvanta/STIPC\n"
         "pid-file               ok       sentreld is the process <pid>\n"
-        "21 checks: "))
+        "one-daemon             ok       the PID file, the event socket, the hub's name Module7 are those of the "
+        "process <pid>\n"
+        "26 checks: "))
         << text;
 }
 
@@ -85,13 +93,14 @@ TEST_F(AnInstallation, NamesTheStepsThatBringItUpWhenItIsDown) {
     const CtlResult result = ask({});
     EXPECT_EQ(result.code, 1);
     EXPECT_TRUE(std::regex_match(result.err, std::regex("sentrelctl: something is wrong with this installation: \\d of "
-                                                        "21 checks failed\\. Mend the first of them, then ask again: "
+                                                        "26 checks failed\\. Mend the first of them, then ask again: "
                                                         "others may come from it\\.\n")))
         << result.err;
     for (const char* row :
          {"\nhub-socket             FAILED   nobody listens at /usr/local/Orvanta/hvb/var/hvbdsocket64\n"
           "                                -> Start the hub's bus: dbus-daemon --nofork "
-          "--config-file=/usr/local/Orvanta/hvb/config/hub-bus.conf\n",
+          "--config-file=/usr/local/Orvanta/hvb/config/hub-bus.conf\n"
+          "                                (bus-absent)\n",
           "\nbus-policy             unseen   the bus cannot be reached\n",
           "\nhvbd                   unseen   the bus cannot be reached\n",
           "\nsentreld               unseen   the bus cannot be reached\n",

@@ -78,6 +78,13 @@ void EventSocket::limitSending() const {
     }
 }
 
+std::optional<pid_t> EventSocket::listener() const {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    const bool isKnown = ::getsockopt(m_fd.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.pid > 0;
+    return isKnown ? std::optional(peer.pid) : std::nullopt;
+}
+
 void EventSocket::sendOnce(std::string_view message) {
     if (message.empty()) {
         return;

@@ -4,8 +4,10 @@
 #include "base/UniqueFd.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 
 namespace Sentrel::ctl {
 
@@ -20,6 +22,9 @@ public:
     EventSocket(std::string path, Deadline deadline);
     EventSocket(const EventSocket&) = delete;
     EventSocket& operator=(const EventSocket&) = delete;
+
+    /// The process that listens, as the system noted it then. None when it is not one that this process can name.
+    std::optional<pid_t> listener() const;
 
     /// Writes all of @p message in one call. Nothing is written for an empty message.
     /// @throws Failure when the peer took less than all of it.

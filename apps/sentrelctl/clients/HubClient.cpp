@@ -108,6 +108,15 @@ std::chrono::microseconds HubClient::ping(const std::string& name, const std::st
     return timedCall(name, path, kPeerInterface, "Ping");
 }
 
+pid_t HubClient::processOf(const std::string& name) {
+    const auto request = HVB::bus::newCall(*m_bus, kBusName, kBusPath, kBusName, "GetConnectionUnixProcessID");
+    check(sd_bus_message_append(request.get(), "s", name.c_str()), "asking for a process");
+    const auto reply = HVB::bus::call(*m_bus, *request, deadline());
+    std::uint32_t process = 0;
+    check(sd_bus_message_read(reply.get(), "u", &process), "reading the number of a process");
+    return static_cast<pid_t>(process);
+}
+
 std::vector<ModuleHealth> HubClient::moduleHealth() {
     const auto request = HVB::bus::newCall(*m_bus, HVB::bus::kHubName, HVB::bus::kHubPath, HVB::bus::kHubInterface,
                                            HVB::bus::kStatusMember);

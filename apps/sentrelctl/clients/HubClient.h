@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace Sentrel::ctl {
@@ -36,6 +37,9 @@ public:
 
     /// Asks the process behind @p name whether it is there. @return how long the answer took.
     std::chrono::microseconds ping(const std::string& name, const std::string& path);
+
+    /// The process behind @p name: the bus tells root, and the services' users.
+    pid_t processOf(const std::string& name);
 
     /// What hvbd knows of the modules' health: only root, the administrators and hvbd's user may ask.
     std::vector<ModuleHealth> moduleHealth();

@@ -94,14 +94,14 @@ Diagnosis examined(const Check& check, double timeout) {
     try {
         return check.examine(timeout);
     } catch (const CannotSee& error) {
-        return {Verdict::Unseen, error.what(), ""};
+        return unseen(error.what());
     } catch (const Failure& failure) {
         if (failure.code() == ExitCode::NoAccess) {
-            return {Verdict::Unseen, "cannot be seen as this user: " + failure.why(), ""};
+            return unseen("cannot be seen as this user: " + failure.why());
         }
-        return {Verdict::Failed, failure.why(), failure.nextStep()};
+        return failed("check-failed", failure.why(), failure.nextStep());
     } catch (const std::exception& error) {
-        return {Verdict::Failed, error.what(), ""};
+        return failed("check-failed", error.what(), "");
     }
 }
 
@@ -112,12 +112,16 @@ std::string diagnosisText(std::string_view name, const Diagnosis& diagnosis, con
     if (!diagnosis.advice.empty()) {
         text += fmt::format("{:<32}-> {}\n", "", printable(diagnosis.advice));
     }
+    if (!diagnosis.id.name().empty()) {
+        text += fmt::format("{:<32}{}({}){}\n", "", palette.faint, diagnosis.id.name(), palette.plain);
+    }
     return text;
 }
 
 Json diagnosisJson(std::string_view name, const Diagnosis& diagnosis) {
     return Json{{"check", name},
                 {"result", textsOf(diagnosis.verdict).jsonWord},
+                {"id", diagnosis.id.name().empty() ? Json(nullptr) : Json(diagnosis.id.name())},
                 {"what", validUtf8(diagnosis.what)},
                 {"advice", diagnosis.advice.empty() ? Json(nullptr) : Json(validUtf8(diagnosis.advice))}};
 }
@@ -132,6 +136,17 @@ std::string summaryText(const std::vector<Diagnosis>& diagnoses) {
     return fmt::format("{} checks: {} ok, {} {}, {} failed, {} unseen.\n", diagnoses.size(),
                        countOf(diagnoses, Verdict::Ok), warnings, warnings == 1 ? "warning" : "warnings",
                        countOf(diagnoses, Verdict::Failed), countOf(diagnoses, Verdict::Unseen));
+}
+
+std::vector<Check> allChecks(bool withProbes) {
+    std::vector<Check> all;
+    for (const auto* const checks : {&fileChecks(), &diskChecks(), &settingsChecks(), &processChecks()}) {
+        all.insert(all.end(), checks->begin(), checks->end());
+    }
+    if (withProbes) {
+        all.insert(all.end(), probeChecks().begin(), probeChecks().end());
+    }
+    return all;
 }
 
 std::optional<struct stat> factsOf(const std::string& path) {

@@ -2,6 +2,7 @@
 // how to mend it.
 #pragma once
 
+#include "apps/sentrelctl/doctor/Findings.h"
 #include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 
@@ -28,20 +29,25 @@ enum class Verdict {
 /// What a check found.
 struct Diagnosis {
     Verdict verdict;
+    FindingId id; ///< of a warning or a failure; else empty
     std::string what;
     std::string advice; ///< how to mend it; empty when nothing is to be done
 };
 
 inline Diagnosis healthy(std::string what) {
-    return {Verdict::Ok, std::move(what), ""};
+    return {Verdict::Ok, {}, std::move(what), ""};
 }
 
-inline Diagnosis warning(std::string what, std::string advice) {
-    return {Verdict::Warning, std::move(what), std::move(advice)};
+inline Diagnosis unseen(std::string why) {
+    return {Verdict::Unseen, {}, std::move(why), ""};
 }
 
-inline Diagnosis failed(std::string what, std::string advice) {
-    return {Verdict::Failed, std::move(what), std::move(advice)};
+inline Diagnosis warning(FindingId id, std::string what, std::string advice) {
+    return {Verdict::Warning, id, std::move(what), std::move(advice)};
+}
+
+inline Diagnosis failed(FindingId id, std::string what, std::string advice) {
+    return {Verdict::Failed, id, std::move(what), std::move(advice)};
 }
 
 /// Thrown by a check that cannot see what it is about.
@@ -62,8 +68,14 @@ struct Check {
 const std::vector<Check>& fileChecks();
 /// The settings file: what it is, what it holds, and whether it is whole.
 const std::vector<Check>& settingsChecks();
+/// Whether there is room for what is written.
+const std::vector<Check>& diskChecks();
 /// The bus, the processes and what they leave behind.
 const std::vector<Check>& processChecks();
+/// What is tried out only when somebody asks for it, since it leaves a trace.
+const std::vector<Check>& probeChecks();
+/// All of them, in the order in which faults are best mended.
+std::vector<Check> allChecks(bool withProbes);
 
 /// Runs @p check. What it throws becomes its diagnosis.
 Diagnosis examined(const Check& check, double timeout);
@@ -88,6 +100,10 @@ std::string directoryOf(const std::string& path);
 std::string userName(uid_t uid);
 /// Whom the daemon runs as: the owner of the directory of its socket. None without that.
 std::optional<uid_t> daemonUser();
+/// Whom hvbd runs as: the last user of the bus's configuration. None when that cannot be read or names nobody.
+std::optional<uid_t> hubUser();
+/// "immutable", "append-only" or both, where the file system has marked what is at @p path so; else empty.
+std::string lockedBits(const std::string& path);
 /// Whether others than the owner can write there.
 bool othersCanWrite(const struct stat& facts);
 /// "mode 0755".

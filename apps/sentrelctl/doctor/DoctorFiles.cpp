@@ -26,6 +26,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <regex>
+#include <set>
 #include <unistd.h>
 
 namespace Sentrel::ctl {
@@ -33,29 +34,40 @@ namespace {
 
 namespace agent = HVBEnterprise::agent;
 
-Diagnosis missingFile(const std::string& path, std::string advice) {
-    return {Verdict::Failed, "there is no " + path, std::move(advice)};
+constexpr std::size_t kUsersOfTheBus = 3; // root, the daemon's and hvbd's
+
+Diagnosis missingFile(FindingId id, const std::string& path, std::string advice) {
+    return {Verdict::Failed, id, "there is no " + path, std::move(advice)};
 }
 
 // Directories.
 
+/// Whether users besides the owner can write into a directory, as far as @p mayGroup lets them.
+bool canOthersWriteInto(const struct stat& facts, bool mayGroup) {
+    return (facts.st_mode & (mayGroup ? S_IWOTH : S_IWGRP | S_IWOTH)) != 0;
+}
+
 /// What every directory must be. @param isForAll whether other users reach something in it.
-Diagnosis directoryDiagnosis(const std::string& path, bool isForAll) {
+/// @param mayGroup whether its group may write into it.
+Diagnosis directoryDiagnosis(const std::string& path, bool isForAll, bool mayGroup = false) {
     constexpr mode_t everybodyIn = S_IXUSR | S_IXGRP | S_IXOTH;
     const std::optional<struct stat> facts = factsOf(path);
     if (!facts) {
-        return missingFile(path,
+        return missingFile("directory-missing", path,
                            fmt::format("Make it for the user whose it is to be: install -d -m 0755 -o USER {}", path));
     }
     if (!S_ISDIR(facts->st_mode)) {
-        return failed(path + " is no directory", "Move away what is there, and make the directory with mode 0755");
+        return failed("directory-no-directory", path + " is no directory",
+                      "Move away what is there, and make the directory with mode 0755");
     }
-    if (othersCanWrite(*facts)) {
-        return failed(fmt::format("others than its owner can write into {}: it has {}", path, modeText(*facts)),
+    if (canOthersWriteInto(*facts, mayGroup)) {
+        return failed("directory-open",
+                      fmt::format("others than its owner can write into {}: it has {}", path, modeText(*facts)),
                       "chmod go-w " + path + ", and look whether what is in it is yours");
     }
     if (isForAll && (facts->st_mode & everybodyIn) != everybodyIn) {
-        return failed(fmt::format("other users cannot reach what is in {}: it has {}", path, modeText(*facts)),
+        return failed("directory-unreachable",
+                      fmt::format("other users cannot reach what is in {}: it has {}", path, modeText(*facts)),
                       "chmod a+rx " + path);
     }
     return healthy(fmt::format("{} is {}'s, {}", path, userName(facts->st_uid), modeText(*facts)));
@@ -71,15 +83,54 @@ Diagnosis varDirectory(double /*timeout*/) {
     const std::optional<struct stat> facts = factsOf(path);
     const std::optional<uid_t> daemon = daemonUser();
     if (diagnosis.verdict == Verdict::Ok && daemon && facts->st_uid != *daemon) {
-        return failed(fmt::format("{} is {}'s and {} is {}'s: both must be the daemon's", path, userName(facts->st_uid),
+        return failed("directory-owner",
+                      fmt::format("{} is {}'s and {} is {}'s: both must be the daemon's", path, userName(facts->st_uid),
                                   paths::sharedDirectory(), userName(*daemon)),
                       "Give both to the user whom sentreld runs as, with chown");
     }
     return diagnosis;
 }
 
+/// Who else is in a group, as the users' and the groups' tables have it.
+std::vector<std::string> membersBeside(gid_t gid, const std::set<uid_t>& known) {
+    std::set<std::string> members;
+    const group* const entry = ::getgrgid(gid);
+    for (char** name = entry != nullptr ? entry->gr_mem : nullptr; name != nullptr && *name != nullptr; ++name) {
+        members.insert(*name);
+    }
+    std::set<std::string> knownNames;
+    ::setpwent();
+    while (const passwd* const user = ::getpwent()) {
+        if (known.count(user->pw_uid) > 0) {
+            knownNames.insert(user->pw_name);
+        } else if (user->pw_gid == gid) {
+            members.insert(user->pw_name);
+        }
+    }
+    ::endpwent();
+    std::vector<std::string> strangers;
+    std::set_difference(members.begin(), members.end(), knownNames.begin(), knownNames.end(),
+                        std::back_inserter(strangers));
+    return strangers;
+}
+
 Diagnosis hubDirectory(double /*timeout*/) {
-    return directoryDiagnosis(paths::hubVarDirectory(), true);
+    const std::string path = paths::hubVarDirectory();
+    const std::optional<struct stat> facts = factsOf(path);
+    const std::optional<uid_t> hub = hubUser();
+    const bool isShared = facts && hub && *hub != facts->st_uid && (facts->st_mode & S_IWGRP) != 0;
+    if (!isShared) {
+        return directoryDiagnosis(path, true);
+    }
+    // The bus makes its socket in it, and hvbd its store. Where they are two users, a group of these two is the way.
+    const std::vector<std::string> strangers = membersBeside(facts->st_gid, {0, facts->st_uid, *hub});
+    if (!strangers.empty()) {
+        return failed("directory-open",
+                      fmt::format("others than the users of the bus and of hvbd can write into {}: its group has {}",
+                                  path, fmt::join(strangers, ", ")),
+                      fmt::format("Give it a group that has {} and {} alone", userName(facts->st_uid), userName(*hub)));
+    }
+    return directoryDiagnosis(path, true, true);
 }
 
 Diagnosis configurationDirectory(double /*timeout*/) {
@@ -92,13 +143,16 @@ Diagnosis busConfiguration(double /*timeout*/) {
     const std::string path = paths::hubBusConfiguration();
     const std::optional<struct stat> facts = factsOf(path);
     if (!facts) {
-        return missingFile(path, "Make it with 'hvbd --print-bus-config', see 'hvbd --help'");
+        return missingFile("bus-configuration-missing", path,
+                           "Make it with 'hvbd --print-bus-config', see 'hvbd --help'");
     }
     if (!S_ISREG(facts->st_mode)) {
-        return failed(path + " is no regular file", "Make it with 'hvbd --print-bus-config', see 'hvbd --help'");
+        return failed("bus-configuration-no-file", path + " is no regular file",
+                      "Make it with 'hvbd --print-bus-config', see 'hvbd --help'");
     }
     if (othersCanWrite(*facts)) {
-        return failed(fmt::format("others than its owner can write {}: it has {}", path, modeText(*facts)),
+        return failed("bus-configuration-open",
+                      fmt::format("others than its owner can write {}: it has {}", path, modeText(*facts)),
                       fmt::format("chmod go-w {}, and make it anew with 'hvbd --print-bus-config'", path));
     }
     needReadable(path);
@@ -181,7 +235,8 @@ std::optional<Diagnosis> unreadableForDaemon(const std::string& path) {
     if (!daemon || ::stat(path.c_str(), &facts) != 0 || mayByMode(facts, *daemon, kMayRead)) {
         return std::nullopt;
     }
-    return failed(fmt::format("the daemon's user {} cannot read {}: it is {}'s, {}", userName(*daemon), path,
+    return failed("module-configuration-unreadable",
+                  fmt::format("the daemon's user {} cannot read {}: it is {}'s, {}", userName(*daemon), path,
                               userName(facts.st_uid), modeText(facts)),
                   fmt::format("chown {} {}", userName(*daemon), path));
 }
@@ -191,7 +246,8 @@ Diagnosis moduleConfiguration(double /*timeout*/) {
     const std::string path = paths::moduleConfiguration();
     const std::optional<struct stat> facts = factsOf(path);
     if (!facts) {
-        return missingFile(path, "Put one there: an example, HVConfig.example.xml, comes with the package");
+        return missingFile("module-configuration-missing", path,
+                           "Put one there: an example, HVConfig.example.xml, comes with the package");
     }
     if (std::optional<Diagnosis> unreadable = unreadableForDaemon(path)) {
         return *unreadable;
@@ -201,10 +257,10 @@ Diagnosis moduleConfiguration(double /*timeout*/) {
         const XmlFile document = HVB::openModuleConfiguration(path);
         const std::string shortcoming = shortcomingOf(document, HVB::loggingIn(document), S_ISLNK(facts->st_mode));
         if (!shortcoming.empty()) {
-            return warning(path + " " + shortcoming, advice);
+            return warning("module-configuration-incomplete", path + " " + shortcoming, advice);
         }
     } catch (const LibXmlError& error) {
-        return failed(std::string("the daemon cannot use ") + error.what(), advice);
+        return failed("module-configuration-unusable", std::string("the daemon cannot use ") + error.what(), advice);
     }
     return healthy(path + " is complete");
 }
@@ -218,7 +274,8 @@ Diagnosis debugSwitch(double /*timeout*/) {
     }
     const std::string name = userName(*daemon);
     if (!mayByMode(*facts, *daemon, kMayWrite)) {
-        return warning(fmt::format("the daemon's user {} cannot replace files in {}: debug logging cannot be switched",
+        return warning("debug-switch-stuck",
+                       fmt::format("the daemon's user {} cannot replace files in {}: debug logging cannot be switched",
                                    name, directory),
                        fmt::format("chown {} {}, if debug logging is to be switched on this machine", name, directory));
     }
@@ -253,11 +310,13 @@ Diagnosis traceLevelsDiagnosis(const XmlFile& document, const std::string& path)
         tellsPasswords = tellsPasswords || (flow == "configFlow" && level.value_or(0) >= levelThatTellsPasswords);
     }
     if (!unusable.empty()) {
-        return warning(fmt::format("{} has no level from 0 to 5 for {}", path, fmt::join(unusable, ", ")),
+        return warning("trace-levels-incomplete",
+                       fmt::format("{} has no level from 0 to 5 for {}", path, fmt::join(unusable, ", ")),
                        "Mend it: an example, traceValues.example.xml, comes with the package");
     }
     if (tellsPasswords) {
-        return warning("with configFlow at 3 and above the proxy's password goes to the trace log as it is stored",
+        return warning("trace-levels-password",
+                       "with configFlow at 3 and above the proxy's password goes to the trace log as it is stored",
                        fmt::format("Lower it in {} when nobody needs it, and restart the daemon", path));
     }
     return healthy(path + " is complete");
@@ -272,7 +331,7 @@ Diagnosis traceLevels(double /*timeout*/) {
     try {
         return traceLevelsDiagnosis(XmlFile(path), path);
     } catch (const LibXmlError& error) {
-        return failed(error.what(), "Mend it, or remove it, which ends tracing");
+        return failed("trace-levels-malformed", error.what(), "Mend it, or remove it, which ends tracing");
     }
 }
 
@@ -308,7 +367,8 @@ Diagnosis privateFilesDiagnosis(const agent::AgentConfiguration& configuration) 
     }
     for (const auto& [path, mayBeMissing] : files) {
         if (std::string problem = problemOfPrivateFile(path, mayBeMissing); !problem.empty()) {
-            return failed(std::move(problem), fmt::format("It must be the daemon's user's with mode 0600: {}", path));
+            return failed("enrolment-secret", std::move(problem),
+                          fmt::format("It must be the daemon's user's with mode 0600: {}", path));
         }
     }
     return healthy(fmt::format("enrolled as {} of {} at {}:{}", configuration.machine, configuration.site,
@@ -325,16 +385,17 @@ Diagnosis managementAgent(double /*timeout*/) {
         return healthy("there is no " + path + ": the machine is not managed");
     }
     if (othersCanWrite(*facts)) {
-        return failed(fmt::format("others than its owner can write {}: it has {}", path, modeText(*facts)),
+        return failed("enrolment-open",
+                      fmt::format("others than its owner can write {}: it has {}", path, modeText(*facts)),
                       "chmod go-w " + path + ", and look whether it is still what you wrote");
     }
     needReadable(path);
     try {
         return privateFilesDiagnosis(agent::readEnrolment(path));
     } catch (const agent::DocumentError& error) { // names the place in the document, not the file
-        return failed(path + ": " + error.what(), kMendEnrolment);
+        return failed("enrolment-wrong", path + ": " + error.what(), kMendEnrolment);
     } catch (const std::system_error& error) {
-        return failed(error.what(), kMendEnrolment);
+        return failed("enrolment-wrong", error.what(), kMendEnrolment);
     }
 }
 
@@ -350,6 +411,27 @@ std::vector<std::string> sectionsFor(const char* kind, const std::string& text) 
 
 } // namespace
 
+std::optional<uid_t> hubUser() {
+    std::vector<std::string> users;
+    try {
+        users = sectionsFor(
+            "user", readRegularFile(paths::hubBusConfiguration(), kMaxBusConfigurationBytes, FileAccess::Anybody));
+    } catch (const std::system_error&) {
+        return std::nullopt; // 'bus-configuration' tells why
+    }
+    if (users.size() != kUsersOfTheBus) {
+        return std::nullopt;
+    }
+    uid_t uid = 0;
+    const std::string& name = users.back();
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), uid);
+    if (error == std::errc() && end == name.data() + name.size()) {
+        return uid;
+    }
+    const passwd* const entry = ::getpwnam(name.c_str());
+    return entry != nullptr ? std::optional(entry->pw_uid) : std::nullopt;
+}
+
 std::string administratorsIn(const std::string& text) {
     const std::vector<std::string> groups = sectionsFor("group", text);
     return groups.empty() ? "" : groups.back();
@@ -362,12 +444,12 @@ Diagnosis busConfigurationDiagnosis(const std::string& path, const std::string& 
     const std::vector<std::string> users = sectionsFor("user", text);
     HVB::bus::BusConfigurationOptions options;
     options.adminGroup = administratorsIn(text);
-    constexpr std::size_t rootDaemonAndHub = 3;
-    if (users.size() != rootDaemonAndHub) {
-        return failed(path + " is no configuration of this hub's bus", advice);
+    if (users.size() != kUsersOfTheBus) {
+        return failed("bus-configuration-foreign", path + " is no configuration of this hub's bus", advice);
     }
     if (!options.adminGroup.empty() && !groupExists(options.adminGroup)) {
         return failed(
+            "bus-configuration-group",
             fmt::format("{} names the group {}, which there is not on this machine", path, options.adminGroup),
             fmt::format("addgroup --system {}, then restart the bus and all on it", options.adminGroup));
     }
@@ -375,7 +457,7 @@ Diagnosis busConfigurationDiagnosis(const std::string& path, const std::string& 
     options.daemonUser = users[1];
     options.hubUser = users[2];
     if (HVB::bus::busConfiguration(options) != text) {
-        return warning(path + " is not as this version's hvbd makes it", advice);
+        return warning("bus-configuration-changed", path + " is not as this version's hvbd makes it", advice);
     }
     return healthy(fmt::format("{}: sentreld runs as {}, hvbd as {}, administrators are {}", path, users[1], users[2],
                                options.adminGroup.empty() ? "root alone" : options.adminGroup));

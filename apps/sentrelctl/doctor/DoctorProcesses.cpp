@@ -10,14 +10,12 @@
 //   its own, an administrator among them, cannot try it.
 // - What is tried does no harm where it is allowed: a question about health, and an event that no module sends or
 //   hears. The event is needed when hvbd is away, since the question then reaches nobody.
-// - The event socket is opened and closed without a message. The daemon reports nothing for that.
 // - The host's own name is looked up because the reporter does so for every event. A slow name service holds up all
 //   events.
 // - Each question gets the whole timeout for itself, so a check with several questions multiplies it.
+#include "apps/sentrelctl/doctor/DoctorProcesses.h"
 #include "apps/sentrelctl/Session.h"
-#include "apps/sentrelctl/clients/EventSocket.h"
 #include "apps/sentrelctl/clients/HubClient.h"
-#include "apps/sentrelctl/doctor/Doctor.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/FileReading.h"
 #include "base/Paths.h"
@@ -61,21 +59,24 @@ Diagnosis hubSocket(double timeout) {
     const std::string path = paths::hubSocket();
     const std::optional<struct stat> facts = factsOf(path);
     if (!facts) {
-        return failed("there is no " + path, startOfTheBus());
+        return failed("bus-socket-missing", "there is no " + path, startOfTheBus());
     }
     if (!S_ISSOCK(facts->st_mode)) {
-        return failed(path + " is no socket", "Find out who put it there, remove it, and start the hub's bus");
+        return failed("bus-socket-no-socket", path + " is no socket",
+                      "Find out who put it there, remove it, and start the hub's bus");
     }
     try {
         HubClient(path, timeout).pingBus();
     } catch (const HVB::HVBException& error) {
         switch (exitCodeOfHub(error.code())) {
         case ExitCode::NotRunning:
-            return failed("nobody listens at " + path, startOfTheBus());
+            return failed("bus-absent", "nobody listens at " + path, startOfTheBus());
         case ExitCode::TimedOut:
-            return failed("the bus does not answer at " + path, "Look at its dbus-daemon, and restart it");
+            return failed("bus-silent", "the bus does not answer at " + path,
+                          "Look at its dbus-daemon, and restart it");
         default:
-            return failed(error.message(), "Look at 'bus-configuration' above, and at the bus's own messages");
+            return failed("bus-refuses", error.message(),
+                          "Look at 'bus-configuration' above, and at the bus's own messages");
         }
     }
     return healthy("the bus answers at " + path);
@@ -101,14 +102,6 @@ int probePolicy(double timeout) {
         return HubClient(paths::hubSocket(), timeout).publish(event) ? PolicyLetsSignal : PolicyRefuses;
     } catch (const HVB::HVBException&) {
         return PolicyUnreachable;
-    }
-}
-
-void needTheBus(double timeout) {
-    try {
-        HubClient(paths::hubSocket(), timeout).pingBus();
-    } catch (const HVB::HVBException&) {
-        throw CannotSee("the bus cannot be reached");
     }
 }
 
@@ -143,35 +136,24 @@ Diagnosis busPolicy(double timeout) {
 
 // The processes.
 
+struct PeerFindings {
+    FindingId absent;
+    FindingId silent;
+};
+
 /// Asks a process on the bus whether it is there.
-Diagnosis peerDiagnosis(const char* process, const std::string& name, const std::string& path, double timeout) {
+Diagnosis peerDiagnosis(const PeerFindings& findings, const char* process, const std::string& name,
+                        const std::string& path, double timeout) {
     needTheBus(timeout);
     try {
         HubClient(paths::hubSocket(), timeout).ping(name, path);
         return healthy(fmt::format("{} answers as {}", process, name));
     } catch (const HVB::HVBException& error) {
         return exitCodeOfHub(error.code()) == ExitCode::NotRunning
-                   ? failed(fmt::format("{} is not on the bus", process),
+                   ? failed(findings.absent, fmt::format("{} is not on the bus", process),
                             fmt::format("Start {}; its messages are in the system log", process))
-                   : failed(fmt::format("{} does not answer: {}", process, error.message()),
+                   : failed(findings.silent, fmt::format("{} does not answer: {}", process, error.message()),
                             fmt::format("Restart {}", process));
-    }
-}
-
-Diagnosis hvbd(double timeout) {
-    return peerDiagnosis("hvbd", HVB::bus::kHubName, HVB::bus::kHubPath, timeout);
-}
-
-Diagnosis sentreld(double timeout) {
-    return peerDiagnosis("sentreld", HVB::bus::moduleName(HVB::MODULE_SENTREL),
-                         HVB::bus::modulePath(HVB::MODULE_SENTREL), timeout);
-}
-
-bool isOk(Diagnosis (*check)(double), double timeout) {
-    try {
-        return check(timeout).verdict == Verdict::Ok;
-    } catch (const CannotSee&) {
-        return false;
     }
 }
 
@@ -186,7 +168,8 @@ Diagnosis moduleHealth(double timeout) {
                             : "hvbd does not tell");
     }
     if (daemon && !daemon->configurationProblem.empty()) {
-        return failed(fmt::format("hvbd finds that sentreld cannot use {}: {}", paths::moduleConfiguration(),
+        return failed("health-configuration",
+                      fmt::format("hvbd finds that sentreld cannot use {}: {}", paths::moduleConfiguration(),
                                   daemon->configurationProblem),
                       "Mend that file: 'module-configuration' above looks at it too");
     }
@@ -194,129 +177,48 @@ Diagnosis moduleHealth(double timeout) {
         throw CannotSee("hvbd has not seen sentreld yet");
     }
     if (daemon->state != "well") {
-        return failed(fmt::format("hvbd found sentreld {} at {}", daemon->state, daemon->since),
+        return failed("health-not-well", fmt::format("hvbd found sentreld {} at {}", daemon->state, daemon->since),
                       "Restart sentreld, unless it has just been started");
     }
     return healthy(fmt::format("hvbd finds sentreld well since {}", daemon->since));
 }
 
-// What the processes leave behind.
-
-Diagnosis logStore(double timeout) {
-    constexpr mode_t others = S_IRWXO;
-    const std::string path = paths::hubLogStore();
-    const std::optional<struct stat> facts = factsOf(path);
-    if (!facts) {
-        if (!isOk(hvbd, timeout)) {
-            throw CannotSee("there is no " + path + " yet; hvbd makes it");
-        }
-        return failed(fmt::format("there is no {}, although hvbd runs", path),
-                      "Let hvbd's user write into its directory, and restart hvbd");
-    }
-    if (!S_ISREG(facts->st_mode)) {
-        return failed(path + " is no regular file", "Find out who put it there, and move it away");
-    }
-    if ((facts->st_mode & others) != 0) {
-        return failed(
-            fmt::format("other users may use {}, which holds what people browsed: it has {}", path, modeText(*facts)),
-            "chmod o= " + path + "*");
-    }
-    const std::optional<struct stat> directory = factsOf(directoryOf(path));
-    if (directory && directory->st_uid != 0 && directory->st_uid != facts->st_uid) {
-        return failed(fmt::format("{} is {}'s and its directory {}'s", path, userName(facts->st_uid),
-                                  userName(directory->st_uid)),
-                      fmt::format("chown {} {}*", userName(directory->st_uid), path));
-    }
-    return healthy(fmt::format("{} is {}'s, {}", path, userName(facts->st_uid), modeText(*facts)));
-}
-
-Diagnosis eventSocketAnswer(const std::string& path, double timeout) {
-    try {
-        EventSocket(path, deadlineAfter(timeout)).endSending();
-        return healthy("sentreld listens at " + path);
-    } catch (const Failure& failure) {
-        return failure.code() == ExitCode::TimedOut
-                   ? failed("sentreld takes no connection at " + path,
-                            "A client may hold it up: look who is connected, with 'ss -xp'; or restart sentreld")
-                   : failed(fmt::format("nobody listens at {}: {}", path, failure.why()), "Start sentreld");
-    }
-}
-
-Diagnosis eventSocket(double timeout) {
-    constexpr mode_t everybody = S_IRWXU | S_IRWXG | S_IRWXO;
-    const std::string path = paths::eventSocket();
-    const std::optional<struct stat> facts = factsOf(path);
-    if (!facts) {
-        return failed("there is no " + path, "Start sentreld, which makes it");
-    }
-    if (!S_ISSOCK(facts->st_mode)) {
-        return failed(path + " is no socket", "Find out who put it there, remove it, and start sentreld");
-    }
-    if ((facts->st_mode & everybody) != everybody) {
-        return failed(fmt::format("browsers of other users cannot report to {}: it has {}", path, modeText(*facts)),
-                      "chmod 0777 " + path + ", or restart sentreld");
-    }
-    return eventSocketAnswer(path, timeout);
-}
-
-/// The first line of a short file; empty when it cannot be read or is long.
-std::string firstLineOf(const std::string& path) {
-    constexpr std::size_t longest = 4096;
-    try {
-        const std::string text = readRegularFile(path, longest, FileAccess::Anybody);
-        return text.substr(0, text.find('\n'));
-    } catch (const std::system_error&) {
-        return {}; // the caller tells what it means that there is nothing
-    }
-}
-
-/// The number in the PID file; none when there is no such.
-std::optional<pid_t> pidIn(const std::string& path) {
-    const std::string text = firstLineOf(path);
-    pid_t pid = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), pid);
-    return error == std::errc() && end == text.data() + text.size() && pid > 0 ? std::optional(pid) : std::nullopt;
-}
-
-std::string commandOf(pid_t pid) {
-    return firstLineOf(fmt::format("/proc/{}/comm", pid));
-}
-
-Diagnosis pidFile(double timeout) {
-    const std::string path = paths::pidFile();
-    if (!factsOf(path)) {
-        return isOk(sentreld, timeout) ? Diagnosis{Verdict::Warning, "there is no " + path + ", although sentreld runs",
-                                                   "Restart sentreld, lest a second one is started beside it"}
-                                       : failed("there is no " + path + ": sentreld does not run", "Start sentreld");
-    }
-    needReadable(path);
-    const std::optional<pid_t> pid = pidIn(path);
-    if (!pid) {
-        return failed(path + " holds no process id", "Restart sentreld, which writes it");
-    }
-    if (::kill(*pid, 0) != 0 && errno == ESRCH) {
-        return failed(fmt::format("{} names the process {}, which has ended without a clean stop", path, *pid),
-                      "Start sentreld");
-    }
-    const std::string command = commandOf(*pid);
-    if (!command.empty() && !command.starts_with("sentreld")) {
-        return failed(fmt::format("{} names the process {}, which is {} and not sentreld", path, *pid, command),
-                      "Start sentreld");
-    }
-    return healthy(fmt::format("sentreld is the process {}", *pid));
-}
-
 } // namespace
+
+void needTheBus(double timeout) {
+    try {
+        HubClient(paths::hubSocket(), timeout).pingBus();
+    } catch (const HVB::HVBException&) {
+        throw CannotSee("the bus cannot be reached");
+    }
+}
+
+Diagnosis hvbd(double timeout) {
+    return peerDiagnosis({"hvbd-absent", "hvbd-silent"}, "hvbd", HVB::bus::kHubName, HVB::bus::kHubPath, timeout);
+}
+
+Diagnosis sentreld(double timeout) {
+    return peerDiagnosis({"sentreld-absent", "sentreld-silent"}, "sentreld", HVB::bus::moduleName(HVB::MODULE_SENTREL),
+                         HVB::bus::modulePath(HVB::MODULE_SENTREL), timeout);
+}
+
+bool isOk(Diagnosis (*check)(double), double timeout) {
+    try {
+        return check(timeout).verdict == Verdict::Ok;
+    } catch (const CannotSee&) {
+        return false;
+    }
+}
 
 Diagnosis hostNameDiagnosis(const std::string& name, std::optional<int> answer) {
     constexpr const char* advice = "Put the name into /etc/hosts, or install libnss-myhostname";
     if (!answer) {
-        return {Verdict::Warning,
+        return {Verdict::Warning, "host-name-silent",
                 fmt::format("nobody answers for the host's own name {}: every browser event waits for that", name),
                 advice};
     }
     if (*answer != 0) {
-        return {Verdict::Warning,
+        return {Verdict::Warning, "host-name-unresolved",
                 fmt::format("the host's own name {} does not resolve: reports lack the address", name), advice};
     }
     return healthy(fmt::format("the host's own name {} resolves", name));
@@ -332,20 +234,20 @@ Diagnosis busPolicyDiagnosis(std::optional<int> answer) {
     case PolicyRefuses:
         return healthy("the bus refuses an ordinary user what it should");
     case PolicyLetsAsk:
-        return failed("the bus lets an ordinary user ask for the health", advice);
+        return failed("bus-policy-asks", "the bus lets an ordinary user ask for the health", advice);
     case PolicyLetsSignal:
-        return failed("the bus lets an ordinary user send events", advice);
+        return failed("bus-policy-signals", "the bus lets an ordinary user send events", advice);
     default:
-        return failed("an ordinary user cannot connect to the bus",
+        return failed("bus-policy-unreachable", "an ordinary user cannot connect to the bus",
                       "See that every user can reach " + paths::hubSocket());
     }
 }
 
 const std::vector<Check>& processChecks() {
     static const std::vector<Check> all{
-        {"host-name", hostName},  {"hub-socket", hubSocket},     {"bus-policy", busPolicy},
-        {"hvbd", hvbd},           {"log-store", logStore},       {"sentreld", sentreld},
-        {"health", moduleHealth}, {"event-socket", eventSocket}, {"pid-file", pidFile},
+        {"host-name", hostName}, {"hub-socket", hubSocket},     {"bus-policy", busPolicy}, {"hvbd", hvbd},
+        {"log-store", logStore}, {"log-content", logContent},   {"sentreld", sentreld},    {"health", moduleHealth},
+        {"broker", broker},      {"event-socket", eventSocket}, {"pid-file", pidFile},     {"one-daemon", oneDaemon},
     };
     return all;
 }

@@ -183,8 +183,8 @@ bool canPrepare(const CVXDBSettings& settings, std::string_view sql) {
     return row.Open(settings, sql.data(), sql.size());
 }
 
-Failure foreignFailure(const std::string& path, std::string why) {
-    return failure(path, std::move(why), "Nothing was changed; move the file away if it is not needed");
+ForeignFile foreignFailure(const std::string& path, std::string why) {
+    return ForeignFile(failure(path, std::move(why), "Nothing was changed; move the file away if it is not needed"));
 }
 
 /// Which tables are there. @throws Failure for a file that cannot be read or has something else under their names.
@@ -294,6 +294,8 @@ SettingsTables findSettingsTables(const std::string& path, const char* what) {
                                   : systemFailure(path, errno);
         }
         return lookBefore(path);
+    } catch (const ForeignFile& failure) {
+        throw ForeignFile(failure.of(what));
     } catch (const Failure& failure) {
         throw failure.of(what);
     }

@@ -2,9 +2,11 @@
 #pragma once
 
 #include "apps/sentrelctl/preferences/SettingsForm.h"
+#include "apps/sentrelctl/terminal/Failure.h"
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Sentrel::ctl {
@@ -15,9 +17,15 @@ struct SettingsTables {
     std::vector<std::string> created;
 };
 
+/// The failure at a file that is there and is no settings file, so that nothing in it is this program's.
+class ForeignFile : public Failure {
+public:
+    explicit ForeignFile(Failure failure) : Failure(std::move(failure)) {}
+};
+
 /// Looks which of the tables the settings file at @p path has, and which it lacks. Nothing is changed.
 /// @param what could not be done, for a failure.
-/// @throws Failure when there is no such file, it is no settings file, or it cannot be read.
+/// @throws ForeignFile when it is no settings file; another Failure when there is none, or it cannot be read.
 SettingsTables findSettingsTables(const std::string& path, const char* what);
 
 /// The bytes that the settings file has under each of @p keys; none for a key that it does not have. Nothing is

@@ -12,19 +12,18 @@ namespace {
 
 struct DoctorOptions {
     double timeout = 2;
+    bool probe = false;
 };
 
 void doctor(Session& session, const DoctorOptions& options) {
     std::vector<Diagnosis> diagnoses;
     Json list = Json::array();
-    for (const auto* const checks : {&fileChecks(), &settingsChecks(), &processChecks()}) {
-        for (const Check& check : *checks) {
-            diagnoses.push_back(examined(check, options.timeout));
-            if (session.json == JsonMode::Off) { // at once: on a broken machine some take their time
-                session.out.write(diagnosisText(check.name, diagnoses.back(), session.palette));
-            }
-            list.push_back(diagnosisJson(check.name, diagnoses.back()));
+    for (const Check& check : allChecks(options.probe)) {
+        diagnoses.push_back(examined(check, options.timeout));
+        if (session.json == JsonMode::Off) { // at once: on a broken machine some take their time
+            session.out.write(diagnosisText(check.name, diagnoses.back(), session.palette));
         }
+        list.push_back(diagnosisJson(check.name, diagnoses.back()));
     }
     const std::size_t failed = countOf(diagnoses, Verdict::Failed);
     session.out.write(session.json == JsonMode::Off
@@ -40,6 +39,9 @@ void doctor(Session& session, const DoctorOptions& options) {
 Work describeDoctor(OptionSet& set, Session& session) {
     const auto options = std::make_shared<DoctorOptions>();
     set.addTimeout(options->timeout);
+    set.addFlag("--probe", options->probe,
+                "Also send a marked record and look for it in the log, and take the settings file's write lock for a "
+                "moment");
     return [options, &session] { doctor(session, *options); };
 }
 
@@ -49,9 +51,11 @@ Verbs doctorVerbs() {
     static constexpr std::array<Verb, 1> verbs{{
         {"", "doctor",
          "Checks directories, files, bus and processes of this installation, and says what is "
-         "wrong and how to mend it. It changes nothing, and needs nothing that runs. Root sees "
-         "the most.",
+         "wrong and how to mend it. It changes nothing without --probe, and needs nothing that "
+         "runs. Root sees the most. Each finding has a name, in brackets below it, under which "
+         "docs/troubleshooting.md says more.",
          "  sentrelctl doctor\n"
+         "  sentrelctl doctor --probe\n"
          "  sentrelctl doctor --json=short | jq '.checks[] | select(.result == \"failed\")'",
          describeDoctor},
     }};

@@ -5,11 +5,17 @@
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/Paths.h"
 #include "platform/hvbhelpers/BusConfiguration.h"
+#include "tests/support/Files.h"
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <set>
+#include <string>
+#include <string_view>
 #include <unistd.h>
+#include <vector>
 
 namespace Sentrel::ctl {
 namespace {
@@ -17,26 +23,26 @@ namespace {
 TEST(ADiagnosis, IsARowWithTheAdviceBelow) {
     EXPECT_EQ(diagnosisText("hvbd", healthy("hvbd answers"), Palette()), "hvbd                   ok       hvbd "
                                                                          "answers\n");
-    EXPECT_EQ(diagnosisText("management-agent", {Verdict::Failed, "\x1b[2J", "Mend it"}, Palette()),
+    EXPECT_EQ(diagnosisText("management-agent", {Verdict::Failed, "enrolment-wrong", "\x1b[2J", "Mend it"}, Palette()),
               "management-agent       FAILED   \\x1b[2J\n"
-              "                                -> Mend it\n");
-    EXPECT_EQ(diagnosisText("a", {Verdict::Warning, "b", ""}, Palette()), "a                      warning  b\n");
-    EXPECT_EQ(diagnosisText("a", {Verdict::Unseen, "b", ""}, Palette()), "a                      unseen   b\n");
+              "                                -> Mend it\n"
+              "                                (enrolment-wrong)\n");
+    EXPECT_EQ(diagnosisText("a", {Verdict::Warning, {}, "b", ""}, Palette()), "a                      warning  b\n");
+    EXPECT_EQ(diagnosisText("a", unseen("b"), Palette()), "a                      unseen   b\n");
 }
 
 TEST(ADiagnosis, IsAnObjectForPrograms) {
     EXPECT_EQ(jsonText(diagnosisJson("hvbd", healthy("\xff")), JsonMode::Short),
-              R"({"check":"hvbd","result":"ok","what":"\\xff","advice":null})"
+              R"({"check":"hvbd","result":"ok","id":null,"what":"\\xff","advice":null})"
               "\n");
-    EXPECT_EQ(jsonText(diagnosisJson("hvbd", {Verdict::Failed, "down", "Start it"}), JsonMode::Short),
-              R"({"check":"hvbd","result":"failed","what":"down","advice":"Start it"})"
+    EXPECT_EQ(jsonText(diagnosisJson("hvbd", failed("hvbd-absent", "down", "Start it")), JsonMode::Short),
+              R"({"check":"hvbd","result":"failed","id":"hvbd-absent","what":"down","advice":"Start it"})"
               "\n");
 }
 
 TEST(Diagnoses, AreCounted) {
-    EXPECT_EQ(
-        summaryText({healthy(""), {Verdict::Warning, "", ""}, {Verdict::Failed, "", ""}, {Verdict::Unseen, "", ""}}),
-        "4 checks: 1 ok, 1 warning, 1 failed, 1 unseen.\n");
+    EXPECT_EQ(summaryText({healthy(""), {Verdict::Warning, {}, "", ""}, {Verdict::Failed, {}, "", ""}, unseen("")}),
+              "4 checks: 1 ok, 1 warning, 1 failed, 1 unseen.\n");
     EXPECT_EQ(summaryText({}), "0 checks: 0 ok, 0 warnings, 0 failed, 0 unseen.\n");
 }
 
@@ -61,12 +67,41 @@ TEST(ACheck, ThatThrowsFailsWithTheReasonAndTheNextStep) {
 
 TEST(TheChecks, HaveNamesOfTheirOwn) {
     std::set<std::string> names;
-    for (const auto* const checks : {&fileChecks(), &settingsChecks(), &processChecks()}) {
-        for (const Check& check : *checks) {
-            EXPECT_TRUE(names.insert(check.name).second) << check.name;
+    for (const Check& check : allChecks(true)) {
+        EXPECT_TRUE(names.insert(check.name).second) << check.name;
+    }
+    EXPECT_EQ(names.size(), 28U);
+    EXPECT_EQ(allChecks(false).size(), 26U);
+}
+
+/// The names under which docs/troubleshooting.md has sections, in its order.
+std::vector<std::string> sectionsOfTroubleshooting() {
+    constexpr std::string_view heading = "### ";
+    std::ifstream page(SENTREL_SOURCE_DIR "/docs/troubleshooting.md");
+    std::vector<std::string> names;
+    for (std::string line; std::getline(page, line);) {
+        if (line.starts_with(heading)) {
+            names.push_back(line.substr(heading.size()));
         }
     }
-    EXPECT_EQ(names.size(), 21U);
+    return names;
+}
+
+TEST(TheFindings, HaveASectionEachInTroubleshootingWhichHasNoOther) {
+    EXPECT_EQ(sectionsOfTroubleshooting(), (std::vector<std::string>{kFindings.begin(), kFindings.end()}));
+    EXPECT_EQ(std::set<std::string_view>(kFindings.begin(), kFindings.end()).size(), kFindings.size());
+}
+
+TEST(TheFindings, AreAllFoundSomewhere) {
+    std::string sources;
+    for (const auto& file : std::filesystem::directory_iterator(SENTREL_SOURCE_DIR "/apps/sentrelctl/doctor")) {
+        if (file.path().extension() == ".cpp") {
+            sources += testing_support::readFile(file.path());
+        }
+    }
+    for (const std::string_view name : kFindings) {
+        EXPECT_NE(sources.find("\"" + std::string(name) + "\""), std::string::npos) << name;
+    }
 }
 
 TEST(AQuestionInAChild, IsAnswered) {

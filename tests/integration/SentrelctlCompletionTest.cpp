@@ -71,6 +71,8 @@ TEST_F(ACompletion, OffersTheOptionsOfAVerb) {
     EXPECT_EQ(offered("list remove --a"), "--all ");
     EXPECT_EQ(offered("categories set --n"), "--none ");
     EXPECT_EQ(offered("log --json = p"), "pretty ");
+    EXPECT_EQ(offered("log --u"), "--until --url --user ");
+    EXPECT_EQ(offered("log --since y"), "yesterday ");
     EXPECT_EQ(offered("policy push p.json --g"), "--group ");
     EXPECT_EQ(offered("state --m"), "--machine ");
     EXPECT_EQ(offered("proxy set host --a"), "--as-is --auth ");

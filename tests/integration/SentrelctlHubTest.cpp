@@ -170,6 +170,50 @@ TEST_F(AHubClient, ListsOnPastARecordThatCannotBeDecoded) {
                   visitText(3, "https://two.example/"));
 }
 
+TEST_F(AHubClient, ListsTheReportsThatAFilterWants) {
+    for (int at = 1; at <= 30; ++at) {
+        storeVisit(at % 10 == 0 ? L"https://Tenth.example/" : L"https://other.example/");
+    }
+    using Ids = std::vector<std::uint64_t>;
+    EXPECT_EQ(idsIn(use({"log", "-j"}).out).size(), 20U);
+    EXPECT_EQ(idsIn(use({"log", "-j", "--url", "tenth."}).out), (Ids{10, 20, 30}));
+    EXPECT_EQ(idsIn(use({"log", "-j", "--url", "other", "--since", "1h"}).out).size(), 27U) << "all of them";
+    EXPECT_EQ(idsIn(use({"log", "-j", "--url", "tenth.", "-n", "2"}).out), (Ids{20, 30}));
+    EXPECT_EQ(idsIn(use({"log", "-j", "--since", "1h", "--until", "now"}).out).size(), 30U);
+    EXPECT_EQ(use({"log", "--until", "1h"}).out, "");
+    EXPECT_EQ(use({"log", "--user", "nobody-here"}).out, "");
+}
+
+TEST_F(AHubClient, ShowsTheOneRecordOfAnId) {
+    storeVisit(L"https://one.example/");
+    storeVisit(L"https://two.example/");
+    EXPECT_EQ(withoutTimes(use({"log", "--id", "1"}).out), visitText(1, "https://one.example/"));
+    const CtlResult none = use({"log", "--id", "3"});
+    EXPECT_EQ(none.code, 1);
+    EXPECT_EQ(none.err,
+              "sentrelctl: cannot show the record: 3: there is none. It was never stored, or the hub has made "
+              "room since, or made one of several like it.\n");
+}
+
+TEST_F(AHubClient, ListsReportsAsATableOfOneLineEach) {
+    storeVisit(L"https://one.example/");
+    storeVisit(L"https://two.example/");
+    std::istringstream lines(use({"log", "--table"}).out);
+    std::vector<std::string> words;
+    for (std::string line; std::getline(lines, line);) {
+        words.push_back(line.substr(0, line.find(' ')) + " " + line.substr(line.rfind(' ') + 1));
+    }
+    EXPECT_EQ(words, (std::vector<std::string>{"ID URL", "1 https://one.example/", "2 https://two.example/"}));
+}
+
+TEST_F(AHubClient, FollowsWhatAFilterWants) {
+    storeVisit(L"https://a.example/");
+    CtlRun run(m_root, {"log", "--follow", "--url", "b.example"});
+    storeVisit(L"https://c.example/");
+    storeVisit(L"https://b.example/");
+    EXPECT_TRUE(eventually([&] { return withoutTimes(run.out()) == visitText(3, "https://b.example/"); })) << run.out();
+}
+
 TEST_F(AHubClient, ShowsAUrlFromOutsideWithoutLettingItDriveTheTerminal) {
     storeVisit({L'h', L'\x1b', L'[', L'2', L'J', static_cast<wchar_t>(0xFFFFFFC3), static_cast<wchar_t>(0xFFFFFFA9),
                 static_cast<wchar_t>(0xFFFFFFFF)});

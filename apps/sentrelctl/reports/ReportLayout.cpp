@@ -10,6 +10,7 @@
 // - JSON has every field under a fixed name, null when it is missing, and times in UTC. People see their local time.
 #include "apps/sentrelctl/reports/ReportLayout.h"
 
+#include "apps/sentrelctl/reports/ReportFields.h"
 #include "apps/sentrelctl/terminal/Times.h"
 #include "base/PrintableText.h"
 
@@ -54,14 +55,8 @@ std::string inWords(const std::array<Word, size>& words, const std::string& code
     return word != nullptr && !code.empty() ? fmt::format("{} ({})", word, code) : code;
 }
 
-std::string valueOf(const DetailReportData::Attributes& pairs, const wchar_t* key) {
-    const auto found = pairs.find(key);
-    return found != pairs.end() ? printable(narrowed(found->second)) : std::string();
-}
-
-std::string valueOf(const DetailReportData::Information& pairs, const wchar_t* key) {
-    const auto found = pairs.lower_bound(key);
-    return found != pairs.end() && found->first == key ? printable(narrowed(found->second)) : std::string();
+std::string valueOf(const DetailReportData& detail, const wchar_t* key) {
+    return printable(informationOf(detail, key));
 }
 
 /// The text of one report while it grows.
@@ -88,45 +83,29 @@ private:
     std::string m_text;
 };
 
-/// "host\user" as user@host.
-std::string userAtHost(const std::string& target) {
-    const std::size_t split = target.find('\\');
-    return split == std::string::npos ? target : target.substr(split + 1) + "@" + target.substr(0, split);
-}
-
-std::string who(const DetailReportData::Attributes& attributes) {
-    const std::string user = userAtHost(valueOf(attributes, L"TargetUserName"));
-    const std::string address = valueOf(attributes, L"SourceIPV4");
+std::string who(const DetailReportData& detail) {
+    const std::string user = printable(userAtHostOf(detail));
+    const std::string address = printable(attributeOf(detail, L"SourceIPV4"));
     return address.empty() ? user : fmt::format("{} ({})", user, address);
 }
 
 void layBrowserEvent(Block& block, const StoredRecord& record, const DetailReportData& detail, const Palette& palette) {
-    const std::string kind = valueOf(detail.attributes, L"ThreatCategory");
-    const std::string action = valueOf(detail.info, L"ActionID");
-    const std::string severity = valueOf(detail.attributes, L"ThreatSeverity");
+    const std::string kind = printable(attributeOf(detail, L"ThreatCategory"));
+    const std::string action = valueOf(detail, L"ActionID");
+    const std::string severity = printable(attributeOf(detail, L"ThreatSeverity"));
     const char* kindWord = wordFor(kKinds, kind, kind.c_str());
     block.headline(record, std::string_view(kindWord) == "threat" ? palette.alarm : "",
                    fmt::format("{}, {}{}", wordFor(kActionWords, action, "answered by the user"), kindWord,
                                severity.empty() ? "" : fmt::format(" (severity {})", severity)));
-    block.line("URL", valueOf(detail.info, L"URL"));
-    block.line("Browser", valueOf(detail.attributes, L"SourceProcessName"));
-    block.line("User", who(detail.attributes));
-    block.line("Rating", inWords(kRatings, valueOf(detail.info, L"RatingID")));
-    block.line("Reason", inWords(kReasons, valueOf(detail.info, L"ReasonID")));
+    block.line("URL", valueOf(detail, L"URL"));
+    block.line("Browser", printable(attributeOf(detail, L"SourceProcessName")));
+    block.line("User", who(detail));
+    block.line("Rating", inWords(kRatings, valueOf(detail, L"RatingID")));
+    block.line("Reason", inWords(kReasons, valueOf(detail, L"ReasonID")));
     block.line("Action", inWords(kActionWords, action, "answer to a warning"));
-    block.line("List", inWords(kLists, valueOf(detail.info, L"ListID")));
-    block.line("Category", valueOf(detail.info, L"ContentID"));
-    block.line("Count", valueOf(detail.info, L"Count"));
-}
-
-std::string title(const StoredRecord& record, const DecodedReport& decoded) {
-    std::string name = "record";
-    if (decoded.report && !decoded.report->m_reportName.empty()) {
-        name = printable(narrowed(decoded.report->m_reportName));
-    } else if (decoded.detail && !decoded.detail->m_name.empty()) {
-        name = printable(narrowed(decoded.detail->m_name));
-    }
-    return fmt::format("{}, type {} from module {}", name, record.type, record.source);
+    block.line("List", inWords(kLists, valueOf(detail, L"ListID")));
+    block.line("Category", valueOf(detail, L"ContentID"));
+    block.line("Count", valueOf(detail, L"Count"));
 }
 
 template <class Pairs>
@@ -136,10 +115,6 @@ void layPairs(Block& block, const Pairs& pairs) {
         const std::string shown = printable(narrowed(value));
         block.line(printable(narrowed(key)), shown.empty() ? "-" : shown);
     }
-}
-
-bool isBrowserEvent(const DecodedReport& decoded) {
-    return decoded.detail && decoded.detail->info.count(L"URL") > 0 && decoded.detail->info.count(L"ActionID") > 0;
 }
 
 template <class Pairs>
@@ -188,7 +163,7 @@ std::string reportText(const StoredRecord& record, const DecodedReport& decoded,
     if (isBrowserEvent(decoded)) {
         layBrowserEvent(block, record, *decoded.detail, palette);
     } else {
-        block.headline(record, decoded.error.empty() ? "" : palette.caution, title(record, decoded));
+        block.headline(record, decoded.error.empty() ? "" : palette.caution, titleOf(record, decoded));
         if (decoded.detail) {
             layPairs(block, decoded.detail->attributes);
             layPairs(block, decoded.detail->info);

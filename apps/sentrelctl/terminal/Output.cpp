@@ -4,6 +4,7 @@
 #include "base/FileWriting.h"
 
 #include <cerrno>
+#include <sys/ioctl.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -11,6 +12,11 @@ namespace Sentrel::ctl {
 
 bool Output::isTerminal() const {
     return ::isatty(m_fd) == 1;
+}
+
+std::size_t Output::columns() const {
+    winsize size{};
+    return isTerminal() && ::ioctl(m_fd, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 void Output::write(std::string_view text) {

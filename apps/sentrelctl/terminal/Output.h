@@ -1,6 +1,7 @@
 // Where sentrelctl writes: a file descriptor without a buffer, so that what was written is seen at once.
 #pragma once
 
+#include <cstddef>
 #include <exception>
 #include <string_view>
 
@@ -21,6 +22,8 @@ public:
 
     int fd() const { return m_fd; }
     bool isTerminal() const;
+    /// How many columns the terminal has; 0 when this is none, or it does not tell.
+    std::size_t columns() const;
 
     /// Writes all of @p text. Requires that SIGPIPE is ignored.
     /// @throws OutputClosed when nobody reads any more, Failure when it cannot be written (a full disk).

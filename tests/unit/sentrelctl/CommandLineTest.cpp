@@ -192,6 +192,18 @@ TEST_F(ACommandLine, RefusesValuesThatAreNone) {
                   "See 'sentrelctl event send --help'.");
 }
 
+TEST_F(ACommandLine, RefusesFiltersOfTheLogThatCannotBeMeant) {
+    expectRefused({"log", "--since", "soon"},
+                  "sentrelctl: bad usage: --since: 'soon' is no time. Give one as '2023-11-14 22:13', 22:13, today, "
+                  "yesterday, or 30min, 2h, 3d for so long ago.");
+    expectRefused({"log", "--id", "5", "--url", "x"},
+                  "sentrelctl: bad usage: --url excludes --id. See 'sentrelctl log --help'.");
+    expectRefused({"log", "--follow", "--until", "now"},
+                  "sentrelctl: bad usage: --follow goes on for ever, and --until and --id end. Leave out one of them.");
+    expectRefused({"log", "--table", "--json"},
+                  "sentrelctl: bad usage: a table is no JSON. Leave out --table or --json.");
+}
+
 TEST_F(ACommandLine, RefusesAnActionThatIsNone) {
     expectRefused({"event", "send", "--action", "deny"},
                   "sentrelctl: bad usage: --action: 'deny' is no action. Use allow, warn, block or a number.");

@@ -64,6 +64,32 @@ TEST_F(AnAdministrator, IsToldWhatTheExamplePolicyDoes) {
     EXPECT_TRUE(result.out.ends_with("It would be put into force as a whole.\n")) << result.out;
 }
 
+/// The example without one of its sites, the action of which is still there.
+std::string policyWithAGap() {
+    json policy = json::parse(readFile(kExample));
+    policy["features"]["KPF_BlockAndAllowList"]["BlockAndAllowList"].erase("szSite1");
+    return policy.dump();
+}
+
+TEST_F(AnAdministrator, IsRefusedAPolicyWhoseActionsGoToOtherSites) {
+    const std::string why = "/features/KPF_BlockAndAllowList/BlockAndAllowList/szSite1: is missing, and Action1 is "
+                            "there: from it on, sites and actions do not fit";
+    CtlResult result = run({"policy", "check", "-"}, policyWithAGap());
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(result.err, "sentrelctl: the policy has a gap: standard input: " + why +
+                              ". Mend it, or let it through with --allow-gaps.\n");
+    EXPECT_TRUE(result.out.ends_with("It would be put into force with sites and actions that do not fit.\n"))
+        << result.out;
+    result = run({"policy", "check", "-", "--json=short"}, policyWithAGap());
+    EXPECT_EQ(result.code, 1);
+    EXPECT_EQ(json::parse(result.out)["verdict"], "gap");
+    EXPECT_EQ(json::parse(result.out)["gap"], why);
+    EXPECT_EQ(json::parse(run({"policy", "check", kExample, "--json=short"}).out)["gap"], nullptr);
+    result = run({"policy", "check", "-", "--allow-gaps"}, policyWithAGap());
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_TRUE(result.out.ends_with("that do not fit.\n")) << "the verdict stays what it is";
+}
+
 TEST_F(AnAdministrator, IsToldOnStandardErrorWhyAPolicyIsNoGood) {
     CtlResult result = run({"policy", "check", "-"}, R"({"version": 1})");
     EXPECT_EQ(result.code, 1);
@@ -203,6 +229,21 @@ TEST_F(AFleetAdministrator, PushesNothingThatIsNoGoodUnlessForcedTo) {
     const auto heard = m_machines.next(kPolicyTopic);
     ASSERT_TRUE(heard);
     EXPECT_EQ(heard->payload, R"({"version": 2})") << "the first never went";
+}
+
+TEST_F(AFleetAdministrator, PushesNoPolicyWhoseActionsGoToOtherSitesUnlessToldTo) {
+    const CtlResult refused = run({"policy", "push", "-", "--machine", "desk-1"}, policyWithAGap());
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.err,
+                HasSubstr("sentrelctl: nothing was pushed: standard input: /features/KPF_BlockAndAllowList/"
+                          "BlockAndAllowList/szSite1: is missing, and Action1 is there"));
+    EXPECT_THAT(refused.err, HasSubstr("Mend it, or let it through with --allow-gaps.\n"));
+    for (const char* option : {"--allow-gaps", "--force"}) {
+        EXPECT_EQ(run({"policy", "push", "-", "--machine", "desk-1", option}, policyWithAGap()).code, 0) << option;
+        const auto heard = m_machines.next(kPolicyTopic);
+        ASSERT_TRUE(heard);
+        EXPECT_EQ(heard->payload, policyWithAGap()) << "the first never went";
+    }
 }
 
 TEST_F(AFleetAdministrator, SignsWhatIsPushed) {

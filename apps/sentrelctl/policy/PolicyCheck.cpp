@@ -165,6 +165,11 @@ void PolicyFindings::warnOfSurplus(const PolicyKey& key, const PolicyKey& countK
     }
 }
 
+void PolicyFindings::noteGap(const PolicyKey& missing, const PolicyKey& there, int index) {
+    m_check.gap = fmt::format("{}: is missing, and {} is there: from it on, sites and actions do not fit",
+                              placeOf(m_document, missing, index), policy::nameOf(there, index));
+}
+
 void PolicyFindings::note(bool isFatal, const PolicyKey& key, std::string what, int index) const {
     m_check.problems.push_back({isFatal, placeOf(m_document, key, index), std::move(what)});
 }
@@ -195,6 +200,7 @@ PolicyCheck checkPolicy(const HVBEnterprise::SectionsHandle& document) {
     checkNames(findings);
     if (!check.isEnforced) { // then no pass runs that could fail
         check.effects.clear();
+        check.gap.clear();
         for (PolicyProblem& problem : check.problems) {
             problem.isFatal = false;
         }

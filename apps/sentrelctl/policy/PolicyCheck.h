@@ -19,6 +19,9 @@ struct PolicyCheck {
     bool isEnforced = true;           ///< the policy does not switch its own enforcement off
     std::vector<std::string> effects; ///< in words, in the order in which they happen
     std::vector<PolicyProblem> problems;
+    /// Where a site is missing and its action is not, or the other way round, and what comes of it: the actions behind
+    /// it go to other sites. Empty when there is no such place. A machine reports success all the same.
+    std::string gap;
 
     /// Whether enforcement would report success.
     bool isWhole() const;

@@ -3,7 +3,8 @@
 // The daemon reads a list in parts that belong together by position: actions and codes of categories, sites and actions
 // of the list. So most problems here are about counts that do not fit each other. Too few actions or codes fail the
 // pass, and too many are cut off. A gap in the list of sites fails nothing, but moves the actions behind it to other
-// sites, which is worse; so it is told with both numbers.
+// sites, which is worse; so it is told with both numbers, and the verbs refuse it unless they are told to let it
+// through.
 //
 // What must stay so:
 // - A missing switch of the categories ends the second pass, as in the daemon; so does a missing rating value.
@@ -170,13 +171,23 @@ void checkSiteActions(PolicyFindings& findings, const policy::NumberEntries& act
     }
 }
 
-void warnOfShift(PolicyFindings& findings, std::size_t sites, std::size_t actions, int count) {
-    const auto wanted = static_cast<std::size_t>(count);
-    if (sites < wanted || actions < wanted) {
+/// Compares the entries that are missing: where only one of the two is, the other ones move against each other.
+void checkGaps(PolicyFindings& findings, const policy::TextEntries& sites, const policy::NumberEntries& actions,
+               int count) {
+    const auto [site, action] =
+        std::mismatch(sites.missing.begin(), sites.missing.end(), actions.missing.begin(), actions.missing.end());
+    const bool isSite = site != sites.missing.end() && (action == actions.missing.end() || *site < *action);
+    const bool isAction = !isSite && action != actions.missing.end();
+    if (isSite) {
+        findings.noteGap(keys::kSite, keys::kSiteAction, *site);
+    } else if (isAction) {
+        findings.noteGap(keys::kSiteAction, keys::kSite, *action);
+    }
+    if (!sites.missing.empty() || !actions.missing.empty()) {
         findings.warn(keys::kSiteCount,
-                      fmt::format("is {}, but there are {} sites and {} actions: the actions behind a "
-                                  "gap go to other sites",
-                                  count, sites, actions));
+                      fmt::format("is {}, but there are {} sites and {} actions{}", count, sites.found.size(),
+                                  actions.found.size(),
+                                  isSite || isAction ? ": the actions behind a gap go to other sites" : ""));
     }
 }
 
@@ -261,7 +272,7 @@ void checkSites(PolicyFindings& findings, bool isReached) {
     const policy::NumberEntries actions = policy::readNumbers(findings, keys::kSiteAction, count);
     findings.warnOfEntries(keys::kSite, sites);
     checkSiteActions(findings, actions);
-    warnOfShift(findings, sites.found.size(), actions.found.size(), count);
+    checkGaps(findings, sites, actions, count);
     findings.warnOfSurplus(keys::kSite, keys::kSiteCount, count);
     findings.warnOfSurplus(keys::kSiteAction, keys::kSiteCount, count);
     findings.effect(

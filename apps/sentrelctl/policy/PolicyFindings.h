@@ -23,6 +23,8 @@ public:
     void effect(std::string words) { m_check.effects.push_back(std::move(words)); }
     void warn(const PolicyKey& key, std::string what, int index = 0) { note(false, key, std::move(what), index); }
     void fail(const PolicyKey& key, std::string what, int index = 0) { note(true, key, std::move(what), index); }
+    /// Notes that the actions of the list do not fit its sites, from an entry on of which only one of the two is there.
+    void noteGap(const PolicyKey& missing, const PolicyKey& there, int index);
     void warnAt(std::string place, std::string what) {
         m_check.problems.push_back({false, std::move(place), std::move(what)});
     }

@@ -19,6 +19,9 @@ std::string verdictText(const CheckedPolicy& policy) {
     if (verdict == "enforced") {
         return "It would be put into force as a whole.\n";
     }
+    if (verdict == "gap") {
+        return "It would be put into force with sites and actions that do not fit.\n";
+    }
     if (verdict == "not enforced") {
         return "It would be taken, but nothing of it would be put into force.\n";
     }
@@ -34,7 +37,10 @@ const char* CheckedPolicy::verdict() const {
     if (!check.isEnforced) {
         return "not enforced";
     }
-    return check.isWhole() ? "enforced" : "fails";
+    if (!check.isWhole()) {
+        return "fails";
+    }
+    return check.gap.empty() ? "enforced" : "gap";
 }
 
 CheckedPolicy checkedPolicy(std::string message, const std::optional<HVBEnterprise::agent::PublicKey>& key) {
@@ -93,6 +99,7 @@ Json policyJson(const CheckedPolicy& policy) {
     if (!policy.reading.refused.empty()) {
         json["refused"] = validUtf8(policy.reading.refused);
     }
+    json["gap"] = policy.check.gap.empty() ? Json(nullptr) : Json(validUtf8(policy.check.gap));
     json["problems"] = Json::array();
     for (const PolicyProblem& each : policy.check.problems) {
         json["problems"].push_back(
@@ -107,7 +114,7 @@ std::string whyNotFine(const CheckedPolicy& policy) {
     }
     const auto fatal = std::find_if(policy.check.problems.begin(), policy.check.problems.end(),
                                     [](const PolicyProblem& each) { return each.isFatal; });
-    return fatal == policy.check.problems.end() ? "" : fatal->place + ": " + fatal->what;
+    return fatal == policy.check.problems.end() ? policy.check.gap : fatal->place + ": " + fatal->what;
 }
 
 } // namespace Sentrel::ctl

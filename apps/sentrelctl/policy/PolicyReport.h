@@ -17,8 +17,11 @@ struct CheckedPolicy {
     HVBEnterprise::agent::PolicyReading reading;
     PolicyCheck check; ///< empty when it is refused
 
-    bool isFine() const { return reading.refused.empty() && check.isWhole(); }
-    /// "enforced", "not enforced", "fails" or "refused".
+    /// @param mayHaveGap whether it is also fine when actions of the list go to other sites.
+    bool isFine(bool mayHaveGap) const {
+        return reading.refused.empty() && check.isWhole() && (mayHaveGap || check.gap.empty());
+    }
+    /// "enforced", "gap", "not enforced", "fails" or "refused".
     const char* verdict() const;
 };
 
@@ -35,7 +38,7 @@ std::string problemsText(const CheckedPolicy& policy, const Palette& palette);
 /// The same for programs.
 Json policyJson(const CheckedPolicy& policy);
 
-/// Why it is not fine, in a few words.
+/// Why it is not fine, in a few words. A gap is named when there is nothing worse.
 std::string whyNotFine(const CheckedPolicy& policy);
 
 } // namespace Sentrel::ctl

@@ -2,7 +2,7 @@
 //
 // A push begins with the same check: the message is signed first, then read and checked as the machines will, so that
 // what is checked is byte for byte what is sent. What they would refuse, or could not put into force as a whole, is not
-// sent without --force.
+// sent without --force. Nor is a list with a gap, which they would put into force as nobody meant it.
 //
 // What must stay so:
 // - --wait subscribes to the result before it publishes, so that a fast answer is not missed. A retained result is what
@@ -34,9 +34,14 @@ namespace agent = HVBEnterprise::agent;
 constexpr std::size_t kMaxRead = 2 * agent::kMaxPolicyMessageBytes;
 constexpr double kPushTimeout = 30;
 
+constexpr const char* kAllowGaps = "--allow-gaps";
+constexpr const char* kAllowGapsHelp = "Let a policy through in which a site is missing and its action is not, so that "
+                                       "actions go to other sites";
+
 struct CheckOptions {
     std::string file;
     std::string publicKey;
+    bool allowGaps = false;
 };
 
 struct PushOptions {
@@ -44,6 +49,7 @@ struct PushOptions {
     std::string file;
     std::string group;
     std::string signingKey;
+    bool allowGaps = false;
     bool force = false;
     bool wait = false;
 };
@@ -51,6 +57,20 @@ struct PushOptions {
 std::string shownName(const std::string& file) {
     return file == "-" ? "standard input" : file;
 }
+
+/// Whether nothing else keeps a policy from being fine.
+bool hasOnlyAGap(const CheckedPolicy& policy) {
+    return policy.isFine(true);
+}
+
+std::string wordsFor(const CheckedPolicy& policy) {
+    if (hasOnlyAGap(policy)) {
+        return "has a gap";
+    }
+    return policy.reading.refused.empty() ? "fails" : "would be refused";
+}
+
+constexpr const char* kMendTheGap = "Mend it, or let it through with --allow-gaps";
 
 void policyCheck(Session& session, const CheckOptions& options) {
     std::optional<agent::PublicKey> key;
@@ -60,10 +80,9 @@ void policyCheck(Session& session, const CheckOptions& options) {
     const CheckedPolicy policy = checkedPolicy(contentOf(options.file, session.inputFd, kMaxRead), key);
     session.out.write(session.json == JsonMode::Off ? policyText(policy, session.palette)
                                                     : jsonText(policyJson(policy), session.json));
-    if (!policy.isFine()) {
-        throw Failure(ExitCode::Failed,
-                      std::string("the policy ") + (policy.reading.refused.empty() ? "fails" : "would be refused"),
-                      shownName(options.file), whyNotFine(policy), "");
+    if (!policy.isFine(options.allowGaps)) {
+        throw Failure(ExitCode::Failed, "the policy " + wordsFor(policy), shownName(options.file), whyNotFine(policy),
+                      hasOnlyAGap(policy) ? kMendTheGap : "");
     }
 }
 
@@ -75,9 +94,9 @@ CheckedPolicy policyToPush(Session& session, const PushOptions& options, const F
     }
     CheckedPolicy policy = checkedPolicy(std::move(message), fleet.policyKey);
     session.err.write(problemsText(policy, Palette::of(false)));
-    if (!policy.isFine() && !options.force) {
+    if (!policy.isFine(options.allowGaps) && !options.force) {
         throw Failure(ExitCode::Failed, "nothing was pushed", shownName(options.file), whyNotFine(policy),
-                      "Mend it, or push it all the same with --force");
+                      hasOnlyAGap(policy) ? kMendTheGap : "Mend it, or push it all the same with --force");
     }
     return policy;
 }
@@ -164,6 +183,7 @@ Work describeCheck(OptionSet& set, Session& session) {
     set.add("file", options->file, "The policy; -: standard input").required().shownAs("FILE|-");
     set.add("--public-key", options->publicKey, "Take it only when it is signed with this key's other half")
         .shownAs("FILE");
+    set.addFlag(kAllowGaps, options->allowGaps, kAllowGapsHelp);
     return [options, &session] { policyCheck(session, *options); };
 }
 
@@ -175,6 +195,7 @@ Work describePush(OptionSet& set, Session& session) {
     set.add("--group", options->group, "A group of machines; all: every machine of the site").shownAs("NAME");
     set.add("--sign", options->signingKey, "Sign it with this key, as 'agent keygen --signing' makes it")
         .shownAs("FILE");
+    set.addFlag(kAllowGaps, options->allowGaps, kAllowGapsHelp);
     set.addFlag("--force", options->force, "Push it although the machines will refuse it or a part of it");
     set.addFlag("--wait", options->wait, "Wait for the machine's result");
     return [options, &session] { policyPush(session, *options); };

@@ -205,6 +205,34 @@ TEST(APolicyCheck, ComparesTheCountOfSitesWithSitesAndActions) {
                                                 std::string(kSitesPlace) + "Action2: is not read: uiSiteCount is 1"));
 }
 
+TEST(APolicyCheck, TellsThatActionsMoveWhenASiteOrAnActionAloneIsMissing) {
+    for (const char* key : {"szSite0", "Action0", "szSite1"}) {
+        json policy = wholePolicy();
+        sites(policy).erase(key);
+        const std::string gap = checked(policy).gap;
+        EXPECT_TRUE(gap.starts_with(kSitesPlace + std::string(key) + ": is missing, and ")) << gap;
+        EXPECT_TRUE(gap.ends_with(" is there: from it on, sites and actions do not fit")) << gap;
+        EXPECT_TRUE(checked(policy).isWhole()) << "the machine reports success all the same";
+    }
+}
+
+TEST(APolicyCheck, IsNoMatterOfGapsInAPolicyThatLeavesTheListAlone) {
+    json policy = wholePolicy();
+    sites(policy).erase("szSite0");
+    policy["sections"]["NODE_ST_1070UNIX"]["EnforcePolicy"] = 0;
+    EXPECT_EQ(checked(policy).gap, "");
+}
+
+TEST(APolicyCheck, HasNoGapWhereSiteAndActionAreMissingTogether) {
+    json policy = wholePolicy();
+    EXPECT_EQ(checked(policy).gap, "");
+    sites(policy).erase("szSite0");
+    sites(policy).erase("Action0");
+    EXPECT_EQ(checked(policy).gap, "");
+    EXPECT_THAT(problemsOf(policy),
+                Contains(std::string(kSitesPlace) + "uiSiteCount: is 2, but there are 1 sites and 1 actions"));
+}
+
 TEST(APolicyCheck, LeavesOutASiteThatIsTooLongAndKeepsTheOthersInPlace) {
     json policy = wholePolicy();
     sites(policy)["szSite0"] = std::string(1024, 'x');

@@ -31,6 +31,9 @@ inline constexpr std::chrono::seconds kSliceRetryPause{1};
 inline constexpr std::int64_t kMaxInstances = 256;
 /// How long a write waits for another program's lock. Two such waits still fit into the sender's 1.5 s.
 inline constexpr std::chrono::milliseconds kStoreLockWait{300};
+/// Write-ahead logs that are kept of store files that were moved away. With so many nobody looks after them, and
+/// records are refused rather than one of them lost.
+inline constexpr int kMaxOrphans = 100;
 /// The write-ahead log is given back to the file system down to this size whenever it starts anew, in bytes.
 inline constexpr std::int64_t kKeptWalBytes = std::int64_t{4} << 20;
 /// A program that reads without end keeps the write-ahead log from starting anew. Beyond this size records are refused.

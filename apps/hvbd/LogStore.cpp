@@ -18,6 +18,7 @@
 #include "apps/hvbd/LogStoreTexts.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 
@@ -190,15 +191,31 @@ void LogStore::openFile() {
 /// into the old file is in it alone.
 void LogStore::leaveFile() {
     const bool moved = !regularFileAt(m_path) || regularFileAt(m_path)->identity != m_connection->file;
-    const std::optional<FileIdentity> wal = m_connection->wal;
+    const auto wal = regularFileAt(walOf(m_path));
+    if (!moved || !wal || m_connection->wal != wal->identity) {
+        close();
+        return;
+    }
+    const std::string aside = freeOrphanName(); // before the file is closed: without a name it stays as it is
     close();
     const auto left = regularFileAt(walOf(m_path));
-    if (moved && left && wal == left->identity) {
-        const std::string aside = walOf(m_path) + ".orphan";
-        if (rename(walOf(m_path).c_str(), aside.c_str()) != 0) {
-            throw storeTrouble(kOpeningLogStore, explainFile(aside, errno));
+    if (left && left->identity == wal->identity &&
+        renameat2(AT_FDCWD, walOf(m_path).c_str(), AT_FDCWD, aside.c_str(), RENAME_NOREPLACE) != 0) {
+        throw storeTrouble(kOpeningLogStore, explainFile(aside, errno));
+    }
+}
+
+/// Each file that was moved away has a log of its own, and none of them takes another's place.
+std::string LogStore::freeOrphanName() const {
+    const std::string first = walOf(m_path) + ".orphan";
+    for (int number = 1; number <= kMaxOrphans; ++number) {
+        std::string name = number == 1 ? first : fmt::format("{}-{}", first, number);
+        struct stat facts {};
+        if (lstat(name.c_str(), &facts) != 0 && errno == ENOENT) {
+            return name;
         }
     }
+    throw storeTrouble(kOpeningLogStore, explainOrphans(m_path, kMaxOrphans));
 }
 
 void LogStore::close() noexcept {

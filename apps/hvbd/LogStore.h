@@ -67,7 +67,8 @@ private:
 /// The file is opened with the first use and again after any trouble, so that the store works again with the first
 /// call after the trouble was mended. A file that is damaged, of a newer layout or somebody else's is never written
 /// to, moved or deleted. When the file is taken away or replaced, the records go on in the file that is at the path
-/// from then on, and the old one's write-ahead log is kept beside it under the ending "-wal.orphan".
+/// from then on, and the old one's write-ahead log is kept beside it under the ending "-wal.orphan", that of
+/// the next one under "-wal.orphan-2", up to kMaxOrphans of them.
 ///
 /// The texts are packed where that makes them smaller (base/PackedText.h), and come back as they were.
 ///
@@ -121,6 +122,7 @@ private:
     bool stillInPlace() const;
     void openFile();
     void leaveFile();
+    std::string freeOrphanName() const;
     void close() noexcept;
     void boundWal() const;
     std::uint64_t boundFor(const MinuteBook& book) const;

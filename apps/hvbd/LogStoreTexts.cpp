@@ -90,4 +90,10 @@ std::string explainPinned(const std::string& path) {
         path);
 }
 
+std::string explainOrphans(const std::string& path, int kept) {
+    return fmt::format("{0} was moved away {1} times, and its write-ahead logs are kept as {0}-wal.orphan to "
+                       "-wal.orphan-{2}. Put each beside its file or remove it.",
+                       path, kept + 1, kept);
+}
+
 } // namespace HVB::hub

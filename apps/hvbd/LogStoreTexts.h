@@ -18,5 +18,6 @@ std::string explainNewer(const std::string& path, std::int64_t version);
 std::string explainForeign(const std::string& path);
 std::string explainReplaced(const std::string& path);
 std::string explainPinned(const std::string& path);
+std::string explainOrphans(const std::string& path, int kept);
 
 } // namespace HVB::hub

@@ -9,6 +9,8 @@
 // - SIGPIPE is blocked before the thread is made, which inherits it: a client that has gone is a failed write.
 // - The thread is stopped by m_stop and then by shutdown, which wakes select; closing alone does not. The descriptor is
 //   closed after the thread has gone, or another open of the process could get its number while select still waits.
+// - Without a descriptor for the next client there is a tenth of a second between two tries, or their traces would fill
+//   the disk.
 // - A client that is connected and silent holds up the others, and the stop too.
 #include "events/STEventServer.h"
 
@@ -20,6 +22,7 @@
 #include "events/STEventData.h"
 #include "managed/VXHVBAgentWrapper.h"
 
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -263,6 +266,16 @@ bool STEventServer::mayGoOnAfterSelectFailed(int error) const {
     return false;
 }
 
+/// The client that the system has no descriptor for stays in the queue, so that select gives it at once again. Nothing
+/// is polled for: a client ends the wait no sooner, and the shutdown of a stop does at once.
+void STEventServer::waitAfterFailedAccept(int error) const {
+    if (error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM) {
+        constexpr int milliseconds = 100;
+        pollfd stopped{m_socketFd, 0, 0};
+        std::ignore = poll(&stopped, 1, milliseconds); // a signal may cut it short
+    }
+}
+
 void STEventServer::processSocketEvent() {
     ST_TRACE(ipcFlow, 2, L"STEventServer::processSocketEvent - Entered\n");
     try {
@@ -277,6 +290,7 @@ void STEventServer::processSocketEvent() {
             ST_TRACE(ipcFlow, 1,
                      L"STEventServer::processSocketEvent - Error in accept coonection. errno = %d and error = %s\n",
                      error, std::strerror(error));
+            waitAfterFailedAccept(error);
             return;
         }
         Message buffer;

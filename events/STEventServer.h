@@ -49,6 +49,7 @@ private:
     bool removeStaleNode() const;
     bool openSocket();
     bool mayGoOnAfterSelectFailed(int error) const;
+    void waitAfterFailedAccept(int error) const;
 
     // Written by main before the thread exists and after it has ended.
     pthread_t m_thread{};

@@ -1,4 +1,5 @@
 // The event server's start and stop, and what its one thread outlives.
+#include "tests/support/FreshStart.h"
 #include "tests/unit/eventserver/EventServerFixture.h"
 
 #include <fcntl.h>
@@ -7,11 +8,13 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -152,6 +155,77 @@ TEST_F(AnEventServer, GoesOnAfterAConnectionThatItHadNoDescriptorFor) {
     setrlimit(RLIMIT_NOFILE, &before);
     EXPECT_EQ(next.readToTheEnd(), "");
     expectService();
+}
+
+/// A server that has a connection waiting and no descriptor for it.
+class AnEventServerWithoutDescriptors : public AnEventServer {
+protected:
+    AnEventServerWithoutDescriptors() {
+        getrlimit(RLIMIT_NOFILE, &m_before);
+        m_log.open(log.path());
+    }
+    ~AnEventServerWithoutDescriptors() override { setrlimit(RLIMIT_NOFILE, &m_before); }
+
+    /// Starts it, and takes the descriptors away while a client waits.
+    void runOut() {
+        start();
+        exchange("x"); // everything exists from here on, so that only the connection wants a descriptor
+        silent.emplace(root.eventSocket());
+        waiting.emplace(root.eventSocket());
+        const rlimit almostNone{1, m_before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &almostNone);
+        EXPECT_TRUE(silent->send("x")); // which frees the thread for the next one, if it was accepted already
+    }
+    void stop() {
+        STEventServer::releaseInstance();
+        setrlimit(RLIMIT_NOFILE, &m_before);
+        makeEverythingFresh(); // the trace log, too
+        setAllFlows(5);
+        Sentrel::trace::openTraceLog(log.path());
+    }
+
+    /// Lines of failed accepts so far. Opens nothing.
+    std::size_t failedAccepts() {
+        m_log.clear();
+        for (std::string line; std::getline(m_log, line);) {
+            m_failed += line.find("Error in accept coonection. errno = 24") != std::string::npos ? 1U : 0U;
+        }
+        return m_failed;
+    }
+
+    std::optional<Client> silent;
+    std::optional<Client> waiting;
+
+private:
+    rlimit m_before{};
+    std::ifstream m_log;
+    std::size_t m_failed = 0;
+};
+
+TEST_F(AnEventServerWithoutDescriptors, TriesTenTimesASecondAndTracesEachTime) {
+    runOut();
+    ASSERT_TRUE(eventually([&] { return failedAccepts() >= 1; }));
+    const auto begin = std::chrono::steady_clock::now();
+    const std::size_t before = failedAccepts();
+    ASSERT_TRUE(eventually([&] { return failedAccepts() >= before + 5; }));
+    const auto taken = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(taken, std::chrono::milliseconds(400));
+    // One for each tenth of a second, and the one that was about to come.
+    EXPECT_LE(failedAccepts() - before, static_cast<std::size_t>(taken / std::chrono::milliseconds(100)) + 2);
+}
+
+/// Several times, since the machine may be busy with something else just then.
+TEST_F(AnEventServerWithoutDescriptors, StopsAtOnceBetweenTwoTries) {
+    auto shortest = std::chrono::steady_clock::duration::max();
+    for (int round = 0; round < 5; ++round) {
+        runOut();
+        const std::size_t before = failedAccepts();
+        ASSERT_TRUE(eventually([&] { return failedAccepts() > before; }));
+        const auto begin = std::chrono::steady_clock::now();
+        stop();
+        shortest = std::min(shortest, std::chrono::steady_clock::now() - begin);
+    }
+    EXPECT_LT(shortest, std::chrono::milliseconds(50));
 }
 
 } // namespace

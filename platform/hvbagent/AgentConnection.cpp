@@ -18,11 +18,14 @@
 // - An empty policy message clears the topic and not the policy in force.
 // - A retained request to collect is ignored, since it would come again at each connection.
 // - Without an acknowledged "offline" the session takes no leave, and the broker publishes the last will instead.
+// - When another process has taken over, this one ends by itself: the broker gives a machine's one session to whoever
+//   connected last, so two would take it from each other for ever.
 // - The name service can hold the thread up for longer than anybody waits. The thread is then detached, and shares the
 //   ownership of everything it uses.
 #include "platform/hvbagent/AgentConnection.h"
 
 #include "base/StartThread.h"
+#include "base/Takeover.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
 #include "platform/hvbagent/PropertyDocument.h"
@@ -73,7 +76,7 @@ void AgentConnection::end() {
 
 bool AgentConnection::isEnding() {
     const Sentrel::MutexLock lock(m_mutex);
-    return m_ending;
+    return m_ending || Sentrel::isTakenOver();
 }
 
 void AgentConnection::run() noexcept {

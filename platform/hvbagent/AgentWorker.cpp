@@ -10,6 +10,7 @@
 #include "platform/hvbagent/AgentWorker.h"
 
 #include "base/StartThread.h"
+#include "base/Takeover.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
 #include "platform/hvbagent/StoredRows.h"
@@ -141,6 +142,9 @@ void AgentWorker::end() {
 }
 
 bool AgentWorker::hasWork() const {
+    if (Sentrel::isTakenOver()) {
+        return false; // the policy is the other process's to enforce
+    }
     return (m_enforcement != nullptr && (m_savedIsDue || !m_policies.empty())) ||
            (m_collection != nullptr && m_collect.has_value());
 }

@@ -14,10 +14,13 @@
 // link.
 #include "platform/hvbhelpers/Broker.h"
 
+#include "base/Takeover.h"
 #include "hub/HubIds.h"
 #include "platform/hvbhelpers/ErrorText.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "platform/hvbhelpers/RecordKeeper.h"
+
+#include <syslog.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -75,6 +78,7 @@ void Broker::start(boost::logic::tribool waitForHub) {
         return;
     }
     m_link.configure(m_moduleId);
+    Sentrel::setTakenOver(false);
     if (wait) {
         m_link.connectNow(callDeadline());
     }
@@ -229,6 +233,12 @@ LinkReceiver Broker::receiver() {
         if (!taken) {
             traceComm("an event was dropped: too much waits");
         }
+    };
+    receiver.takenOver = [this] {
+        Sentrel::setTakenOver(true);
+        giveRecordsUp();
+        syslog(LOG_WARNING, "hub client: another process of module %d has taken over; this one takes nothing any more",
+               m_moduleId.load());
     };
     return receiver;
 }

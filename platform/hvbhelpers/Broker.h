@@ -99,6 +99,10 @@ std::shared_ptr<Broker> currentBroker();
 /// is one of. When the spool cannot be had, the system log says so, and records go to the hub or are lost.
 void keepRecords(const std::string& socketPath);
 
+/// Ends that, because another process of the module is to have the spool. What is logged afterwards goes to the hub, or
+/// is lost.
+void giveRecordsUp() noexcept;
+
 /// Where log records go. @return nothing when they are not kept.
 std::shared_ptr<RecordKeeper> currentKeeper();
 

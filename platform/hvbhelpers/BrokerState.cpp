@@ -5,11 +5,14 @@
 #include "base/Mutex.h"
 #include "base/Paths.h"
 #include "base/SignalSet.h"
+#include "platform/hvbhelpers/BusConnection.h"
+#include "platform/hvbhelpers/HubLimits.h"
 #include "platform/hvbhelpers/RecordKeeper.h"
 
 #include <syslog.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <utility>
 
@@ -34,6 +37,22 @@ State& state() {
 
 void writeToSystemLog(const std::string& line) {
     syslog(LOG_WARNING, "hub client: %s", line.c_str());
+}
+
+/// The process from which this one has just taken the module's name gives the spool up then, and needs a moment for it.
+std::shared_ptr<RecordKeeper> newKeeper(const std::string& socketPath) {
+    const auto deadline = std::chrono::steady_clock::now() + kSpoolPatience;
+    for (;;) {
+        try {
+            return std::make_shared<RecordKeeper>(socketPath, Sentrel::paths::reportSpool(), &writeToSystemLog);
+        } catch (const HVBException& error) {
+            const auto again = std::chrono::steady_clock::now() + kSpoolPause;
+            if (error.code() != -EBUSY || again > deadline) {
+                throw;
+            }
+            (void)bus::sleepUntilReady({{-1, 0, 0}, again}, again, -1);
+        }
+    }
 }
 
 } // namespace
@@ -68,13 +87,25 @@ void keepRecords(const std::string& socketPath) {
     const Sentrel::MutexLock lock(process.mutex);
     try {
         if (process.keeper == nullptr) {
-            process.keeper =
-                std::make_shared<RecordKeeper>(socketPath, Sentrel::paths::reportSpool(), &writeToSystemLog);
+            process.keeper = newKeeper(socketPath);
         }
         process.keeper->begin();
     } catch (const HVBException& error) {
         process.keeper.reset();
         writeToSystemLog("reports are lost while the hub is away, there is no spool: " + error.message());
+    }
+}
+
+void giveRecordsUp() noexcept {
+    const Sentrel::SignalsBlocked held({SIGTERM, SIGHUP, SIGUSR2});
+    State& process = state();
+    std::shared_ptr<RecordKeeper> keeper;
+    {
+        const Sentrel::MutexLock lock(process.mutex);
+        keeper.swap(process.keeper);
+    }
+    if (keeper != nullptr) {
+        keeper->end(); // the file is free when the last operation has given its share back
     }
 }
 

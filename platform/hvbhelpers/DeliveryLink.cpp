@@ -10,6 +10,9 @@
 //
 // When a connection ends, for whatever reason, the reader drops it with all that belonged to it and tries to connect
 // again, with longer and longer pauses. Whoever waits for something of that connection sees m_generation change.
+//
+// The newest process of a module has its name. Who loses it answers what it has taken, closes the connection and never
+// connects again: two processes that take the name from each other would share the work in halves.
 #include "platform/hvbhelpers/DeliveryLink.h"
 
 #include "base/StartThread.h"
@@ -71,16 +74,27 @@ bus::BusPtr DeliveryLink::connect(Deadline deadline, int cancelFd) {
     return bus;
 }
 
-/// Queues for the name behind another process of the same module, and gets it when that one ends.
+/// The newest process of a module has its name, and lets the next one have it. Behind one that does not give it up, as
+/// a process of an earlier version, this one queues.
 void DeliveryLink::takeName(sd_bus& bus, Deadline deadline) const {
-    if (m_moduleId < 0) {
-        return;
+    constexpr std::uint32_t allowReplacement = 1;
+    constexpr std::uint32_t replaceExisting = 2;
+    constexpr std::uint32_t doNotQueue = 4;
+    if (m_moduleId >= 0 && !requestName(bus, allowReplacement | replaceExisting | doNotQueue, deadline)) {
+        (void)requestName(bus, allowReplacement, deadline);
     }
+}
+
+/// @return whether this connection has the name now.
+bool DeliveryLink::requestName(sd_bus& bus, std::uint32_t flags, Deadline deadline) const {
+    constexpr std::uint32_t isOwner = 1;
     const bus::MessagePtr request = bus::newCall(bus, bus::kDriver, bus::kDriverPath, bus::kDriver, "RequestName");
-    constexpr std::uint32_t queue = 0;
-    bus::check(sd_bus_message_append(request.get(), "su", bus::moduleName(m_moduleId).c_str(), queue),
+    bus::check(sd_bus_message_append(request.get(), "su", bus::moduleName(m_moduleId).c_str(), flags),
                "cannot fill a message");
-    (void)bus::call(bus, *request, deadline);
+    const bus::MessagePtr reply = bus::call(bus, *request, deadline);
+    std::uint32_t result = 0;
+    bus::check(sd_bus_message_read(reply.get(), "u", &result), "cannot read an answer of the bus");
+    return result == isOwner;
 }
 
 /// Makes the subscriptions that were noted down, and has the connection used. That there are no more of them is seen
@@ -141,13 +155,14 @@ void DeliveryLink::end() {
 
 void DeliveryLink::run() {
     auto pause = kFirstReconnectPause;
-    while (!m_ending) {
+    while (!m_ending && !m_isTakenOver) {
         const Deadline upSince = steady_clock::now();
         pumpAndSurvive();
         if (steady_clock::now() - upSince > kLastReconnectPause) {
             pause = kFirstReconnectPause;
         }
-        if (m_ending || bus::sleepUntilReady({{-1, 0, 0}, steady_clock::now() + pause}, Deadline::max(), m_wake.fd())) {
+        if (m_ending || m_isTakenOver ||
+            bus::sleepUntilReady({{-1, 0, 0}, steady_clock::now() + pause}, Deadline::max(), m_wake.fd())) {
             m_wake.take();
             continue;
         }
@@ -158,6 +173,9 @@ void DeliveryLink::run() {
         } catch (...) {
             traceComm(currentExceptionText());
         }
+    }
+    if (m_isTakenOver) {
+        m_receiver.takenOver();
     }
 }
 
@@ -195,6 +213,10 @@ void DeliveryLink::pump() {
             }
             if (!hasUnsent()) {
                 m_changed.notifyAll();
+                if (m_isTakenOver && m_pending.empty()) {
+                    lose(-EOWNERDEAD);
+                    return;
+                }
             }
             wait = bus::busWait(*m_bus);
         }
@@ -207,7 +229,7 @@ void DeliveryLink::pump() {
 void DeliveryLink::awaitConnected(Deadline deadline) {
     const Sentrel::MutexLock lock(m_mutex);
     while (m_bus == nullptr) {
-        if (!m_changed.waitUntil(m_mutex, deadline) && m_bus == nullptr) {
+        if (m_isTakenOver || (!m_changed.waitUntil(m_mutex, deadline) && m_bus == nullptr)) {
             throw HVBException(-ETIMEDOUT, "cannot reach the hub at " + m_socketPath);
         }
     }
@@ -276,7 +298,15 @@ void DeliveryLink::reply(std::uint64_t token, const Fill& fill, Deadline deadlin
         sendLocked(*message);
     }
     m_pending.erase(call);
+    wakeWhenTakenOver();
     flushLocked(deadline);
+}
+
+/// The reader waits for the last answer before it gives the connection up.
+void DeliveryLink::wakeWhenTakenOver() const noexcept {
+    if (m_isTakenOver) {
+        m_wake.wake();
+    }
 }
 
 void DeliveryLink::refuse(std::uint64_t token, const char* error, const char* text, std::int32_t handlerCode) noexcept {
@@ -302,6 +332,7 @@ void DeliveryLink::answerError(std::uint64_t token, const char* error, const cha
     }
     const PendingCall pending = std::move(call->second);
     m_pending.erase(call);
+    wakeWhenTakenOver();
     if (pending.wantsReply) {
         const sd_bus_error answer{error, text, 0};
         sd_bus_message* raw = nullptr;

@@ -29,11 +29,14 @@ struct LinkReceiver {
     std::function<const char*(CommandMessage&&, CallbackWorkers::Lane, const Sender&)> command;
     std::function<const char*(std::uint64_t token)> healthCheck;
     std::function<void(EventMessage&&)> event;
+    /// Another process has the module's name, and nothing arrives any more. Called once, on the link's thread without
+    /// its lock. Must not throw.
+    std::function<void()> takenOver;
 };
 
 /// One connection that carries the module's name and its subscriptions, read by a thread of its own, and made anew
-/// whenever the bus comes back. Its long story is at the top of DeliveryLink.cpp.
-/// Threads: thread-safe, except that one thread at a time calls configure, connectNow, begin and end.
+/// whenever the bus comes back, until another process takes the name over. Its long story is at the top of
+/// DeliveryLink.cpp. Threads: thread-safe, except that one thread at a time calls configure, connectNow, begin and end.
 /// Owner: the broker.
 class DeliveryLink {
 public:
@@ -98,6 +101,8 @@ private:
     bus::BusPtr connect(bus::Deadline deadline, int cancelFd);
     void subscribeAndInstall(bus::BusPtr bus, bus::Deadline deadline);
     void takeName(sd_bus& bus, bus::Deadline deadline) const;
+    bool requestName(sd_bus& bus, std::uint32_t flags, bus::Deadline deadline) const;
+    void wakeWhenTakenOver() const noexcept;
     void addObjects(sd_bus& bus);
 
     sd_bus& requireBus() const SENTREL_REQUIRES(m_mutex);
@@ -119,6 +124,7 @@ private:
     void handOn(CommandMessage&& command, CallbackWorkers::Lane lane, const Sender& sender) noexcept
         SENTREL_REQUIRES(m_mutex);
     int takeHealthCheck(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
+    bool noteLostName(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
     int takeEvent(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
     std::uint64_t remember(sd_bus_message& message) SENTREL_REQUIRES(m_mutex);
     void refuseLocked(std::uint64_t token, const char* error, const char* text, std::int32_t handlerCode = 0) noexcept
@@ -140,6 +146,7 @@ private:
     Sentrel::WakeUp m_wake;
     std::atomic<bool> m_ending{false};
     std::atomic<bool> m_begun{false};
+    std::atomic<bool> m_isTakenOver{false};
     std::thread m_reader;
 
     /// Held by a sender until it has m_mutex, and passed through by the reader before it takes that: without it the

@@ -249,14 +249,30 @@ int DeliveryLink::takeHealthCheck(sd_bus_message& message) {
     return 1;
 }
 
+/// Who has the module's name the bus alone says.
+bool DeliveryLink::noteLostName(sd_bus_message& message) {
+    const char* const sender = sd_bus_message_get_sender(&message);
+    const char* name = nullptr;
+    if (sd_bus_message_is_signal(&message, bus::kDriver, "NameLost") <= 0 || sender == nullptr ||
+        std::strcmp(sender, bus::kDriver) != 0 || sd_bus_message_read(&message, "s", &name) <= 0 ||
+        name != bus::moduleName(m_moduleId)) {
+        return false;
+    }
+    m_isTakenOver = true;
+    return true;
+}
+
 int DeliveryLink::takeEvent(sd_bus_message& message) {
+    if (noteLostName(message)) {
+        return 1;
+    }
     if (sd_bus_message_is_signal(&message, bus::kEventsInterface, nullptr) <= 0) {
         return 0;
     }
     const char* member = sd_bus_message_get_member(&message);
     const std::optional<int> eventId = bus::memberId(member != nullptr ? member : "", "Event");
     // One that was not asked for was sent to us alone; who may send at all is the bus's affair.
-    if (eventId && m_subscriptions.contains(*eventId)) {
+    if (eventId && !m_isTakenOver && m_subscriptions.contains(*eventId)) {
         m_receiver.event(readEvent(message, *eventId));
     }
     return 1;

@@ -42,6 +42,11 @@ inline constexpr std::size_t kMaxIdleConnections = 4;
 inline constexpr std::chrono::milliseconds kFirstReconnectPause{50};
 inline constexpr std::chrono::milliseconds kLastReconnectPause{2000};
 
+/// How long a start waits for the spool that another process of the module has yet to give up, and how often it looks.
+/// Longer than that process may need for a call to a hub that does not answer.
+inline constexpr std::chrono::milliseconds kSpoolPatience{2000};
+inline constexpr std::chrono::milliseconds kSpoolPause{10};
+
 /// Longest text in an error reply, in bytes.
 inline constexpr std::size_t kMaxErrorText = 1024;
 

@@ -21,6 +21,16 @@ using testing_support::HubBus;
 
 class ABrokerOnABus : public ABroker {
 protected:
+    /// The code of what sending throws; 0 when it is sent.
+    int codeOfSending(HVB::EventData& event) {
+        try {
+            broker().sendEventNotification(event);
+            return 0;
+        } catch (const HVB::HVBException& error) {
+            return error.code();
+        }
+    }
+
     HubBus m_bus{m_root};
 };
 
@@ -406,6 +416,40 @@ TEST_F(ABrokerOnABus, ShowsItsCommandsToAnyUser) {
     EXPECT_NE(text.find(".Command100001 "), std::string::npos) << text;
     EXPECT_NE(busctl(m_root, m_bus, {"list"}, testing_support::kNobody).find("com.orvanta.hvb1.Module7"),
               std::string::npos);
+}
+
+/// Takes module 7's name as a newer process of it does.
+void takeOver(RawClient& client) {
+    const auto request =
+        HVB::bus::newCall(client.bus(), HVB::bus::kDriver, HVB::bus::kDriverPath, HVB::bus::kDriver, "RequestName");
+    constexpr std::uint32_t replaceExisting = 2;
+    HVB::bus::check(sd_bus_message_append(request.get(), "su", HVB::bus::moduleName(7).c_str(), replaceExisting),
+                    "append");
+    client.call(*request);
+}
+
+TEST_F(ABrokerOnABus, AnswersWhatItHasTakenWhenAnotherProcessTakesItsNameOver) {
+    std::latch begun(1);
+    std::latch goOn(1);
+    m_module.onCommand = [&](HVB::CommandData& command) {
+        begun.count_down();
+        await(goOn, "the takeover");
+        return echo(command);
+    };
+    const Life life = startModule7();
+    auto answer = std::async(std::launch::async, [this] {
+        RawClient client(m_bus.socketPath());
+        return client.errorOf(*client.command(100001));
+    });
+    await(begun, "the command");
+    RawClient newer(m_bus.socketPath());
+    takeOver(newer);
+    goOn.count_down();
+    EXPECT_EQ(await(answer, "the answer"), "");
+    EXPECT_TRUE(eventually([this] {
+        HVB::EventData event(1002);
+        return codeOfSending(event) == -ENOTCONN;
+    })) << "and then it is not on the bus any more";
 }
 
 } // namespace

@@ -9,15 +9,7 @@ namespace {
 /// A shell that knows the completion.
 class ACompletion : public testing::Test {
 protected:
-    /// What is offered for the last of @p words, sorted.
-    std::string offered(const std::string& words) {
-        return shell(m_root, "source '" SENTREL_SOURCE_DIR "/packaging/sentrelctl.bash-completion'; "
-                             "COMP_WORDS=(sentrelctl " +
-                                 words +
-                                 "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); COMPREPLY=(); _sentrelctl; "
-                                 "printf '%s\\n' \"${COMPREPLY[@]}\" | sort | tr '\\n' ' '")
-            .out;
-    }
+    std::string offered(const std::string& words) { return offeredInBash(m_root, words); }
 
     PrivateRoot m_root;
 };

@@ -213,6 +213,15 @@ TEST_F(AFleetAdministrator, PushesAPolicyToAMachineWhereItStays) {
     EXPECT_TRUE(kept->retained);
 }
 
+TEST_F(AFleetAdministrator, HasTheMachinesOfTheSiteOfferedByBash) {
+    for (const char* machine : {"desk-1", "desk-2", "lap"}) {
+        m_machines.publish(std::string("orvanta/v1/demo/") + machine + "/state", R"({"state": "online"})");
+    }
+    EXPECT_EQ(offeredInBash(m_root, "state --machine ''"), "desk-1 desk-2 lap ");
+    EXPECT_EQ(offeredInBash(m_root, "policy push p.json --machine = d"), "desk-1 desk-2 ");
+    EXPECT_EQ(offeredInBash(m_root, "state --site other --machine ''"), " ");
+}
+
 TEST_F(AFleetAdministrator, PushesAPolicyToAGroup) {
     const CtlResult result = run({"policy", "push", kExample, "--group", "all", "--json=short"});
     EXPECT_EQ(result.code, 0) << result.err;

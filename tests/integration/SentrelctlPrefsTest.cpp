@@ -147,6 +147,31 @@ TEST_F(APreferenceClient, GivesUpOnAHubThatHangs) {
     m_machine.bus().cont();
 }
 
+TEST_F(APreferenceClient, HasTheUrlsOfTheListOfferedToRemove) {
+    does({"list", "block", "http://b.example/x", "http://b.example/y", "other.example", "http://c.example/?a&b=$(x)"});
+    const auto offered = [this](const std::string& words, const std::string& line) {
+        return offeredInBash(m_machine.root(), words, "sentrelctl " + line);
+    };
+    EXPECT_EQ(offered("list remove o", "list remove o"), "other.example ");
+    EXPECT_EQ(offered("list remove ''", "list remove "),
+              "http://b.example/x http://b.example/y http://c.example/\\?a\\&b=\\$\\(x\\) other.example ");
+    EXPECT_EQ(offered("list remove http : //b", "list remove http://b"), "//b.example/x //b.example/y ")
+        << "bash parts words at a colon";
+    EXPECT_EQ(offered("list remove http : //c", "list remove http://c"), "//c.example/\\?a\\&b=\\$\\(x\\) ")
+        << "a shell that takes it runs nothing";
+    EXPECT_EQ(offered("list remove x", "list remove x"), " ");
+    EXPECT_EQ(offered("list remove --a", "list remove --a"), "--all ");
+}
+
+TEST_F(APreferenceClient, HasTheBlockedCategoriesOfferedToRemove) {
+    does({"categories", "set", "Gambling", "Social Networking", "Social Life"});
+    const auto offered = [this](const std::string& words) { return offeredInBash(m_machine.root(), words); };
+    EXPECT_EQ(offered("categories remove ''"), "Gambling Social\\ Life Social\\ Networking ");
+    EXPECT_EQ(offered("categories remove 'Social\\ N'"), "Social\\ Networking ");
+    m_machine.stopDaemon();
+    EXPECT_EQ(offered("categories remove ''"), " ") << "nobody knows";
+}
+
 TEST_F(APreferenceClient, LetsEverybodyReadAndAdministratorsWrite) {
     if (!canActAsOthers()) {
         GTEST_SKIP() << "needs root to act as another user";

@@ -120,6 +120,15 @@ CtlResult shell(const PrivateRoot& root, const std::string& command) {
     return {code, process.output(), ""};
 }
 
+std::string offeredInBash(const PrivateRoot& root, const std::string& words, const std::string& line) {
+    const std::string typed = line.empty() ? "" : "COMP_LINE='" + line + "'; COMP_POINT=${#COMP_LINE}; ";
+    return shell(root, "source '" SENTREL_SOURCE_DIR "/packaging/sentrelctl.bash-completion'; " + typed +
+                           "COMP_WORDS=(\"$CTL\" " + words +
+                           "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); COMPREPLY=(); _sentrelctl; "
+                           "printf '%s\\n' \"${COMPREPLY[@]}\" | sort | tr '\\n' ' '")
+        .out;
+}
+
 std::string withoutTimes(const std::string& text) {
     const std::regex local(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d [+-]\d{4})");
     const std::regex utc(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");

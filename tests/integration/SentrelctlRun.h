@@ -44,6 +44,10 @@ CtlResult ctl(const PrivateRoot& root, const std::vector<std::string>& arguments
 /// Runs a command of the shell, in which $CTL is sentrelctl. Its output and error are one. The shell is bash.
 CtlResult shell(const PrivateRoot& root, const std::string& command);
 
+/// What the completion for bash offers for the last of @p words, which are quoted as for a shell, each with a blank
+/// behind it and sorted. @param line the command line up to the cursor as it was typed; words as bash parts them.
+std::string offeredInBash(const PrivateRoot& root, const std::string& words, const std::string& line = "");
+
 /// Whether this machine has pseudo-terminals; a bare chroot has none. A test that needs one skips itself then.
 bool hasTerminals();
 

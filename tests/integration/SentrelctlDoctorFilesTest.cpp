@@ -79,6 +79,14 @@ TEST_F(ASharedHubDirectory, IsFineWhenItsGroupHasTheTwoAlone) {
     EXPECT_EQ(finding("log-store").result, "ok") << "it is hvbd's, as it must be";
 }
 
+TEST_F(ASharedHubDirectory, IsFineWhenItIsHvbdsAndTheBusWritesIntoItByItsGroup) {
+    PrivateRoot::giveTo(at(kHubVar), 0, kGroupOfNobodyElse);
+    expectFailed("hub-directory", std::string("others than its owner can write into ") + kHubVar + ": it has mode 0775",
+                 std::string("chmod go-w ") + kHubVar + ", and look whether what is in it is yours");
+    giveToNobody(std::string(kHubVar) + "/hvbdsocket64"); // as that of a bus that runs as nobody
+    EXPECT_EQ(finding("hub-directory"), (Finding{"ok", std::string(kHubVar) + " is root's, mode 0775", ""}));
+}
+
 TEST_F(ASharedHubDirectory, FailsWhenItsGroupHasSomebodyElse) {
     constexpr gid_t games = 60; // of Debian's own users, one has it
     PrivateRoot::giveTo(at(kHubVar), kNobody, games);
@@ -176,7 +184,7 @@ TEST_F(AnInstallation, FailsWithASettingThatHasTheWrongSize) {
     const std::string path = std::string(kShared) + "/product.db";
     m_machine.sql(row("Enabled", "x'00'"));
     const Finding found = finding("settings-values");
-    EXPECT_EQ(found.what, path + ": Enabled has 1 bytes and not 4");
+    EXPECT_EQ(found.what, path + ": Enabled has a size of 1 and not of 4 bytes");
     EXPECT_EQ(found.id, "settings-value");
     m_machine.sql(row("Enabled", "'off!'"));
     EXPECT_EQ(finding("settings-values").what, path + ": Enabled is of the type text and no blob");

@@ -175,7 +175,7 @@ TEST_F(ADaemonsLeavings, AreWarnedOfWhenThePidFileIsGone) {
     fs::remove(at(std::string(kVar) + "/.STPid"));
     expectWarning("pid-file",
                   std::string("there is no ") + kVar + "/.STPid" + whileItRuns() +
-                      ": a second sentreld that has ended took it away",
+                      ": another sentreld that has ended took it away",
                   m_restart);
 }
 
@@ -190,12 +190,19 @@ TEST_F(ADaemonsLeavings, AreRestartedWhenThePidFileIsStale) {
     EXPECT_EQ(finding("one-daemon").result, "ok") << "what has ended is nobody's";
 }
 
-TEST_F(ADaemonsLeavings, AreWarnedOfWhenASecondDaemonTookThePidFileAlong) {
-    second().terminate();
+TEST_F(ADaemonsLeavings, AreWarnedOfWhenTheOlderOfTwoDaemonsTookThePidFileAlong) {
+    ChildProcess newer = second();
+    awaitUntil("the newer to listen", [&] {
+        return finding("pid-file").what == "sentreld is the process " + std::to_string(newer.pid()) &&
+               finding("event-socket").result == "ok";
+    });
+    m_machine.stopDaemon();
     ASSERT_FALSE(fs::exists(at(m_pidFile)));
-    const Finding found = finding("pid-file");
-    EXPECT_EQ(found.id, "pid-file-gone");
-    EXPECT_TRUE(found.what.ends_with(": a second sentreld that has ended took it away")) << found.what;
+    EXPECT_EQ(finding("pid-file"),
+              (Finding{"warning",
+                       "there is no " + m_pidFile + ", while sentreld runs as the process " +
+                           std::to_string(newer.pid()) + ": another sentreld that has ended took it away",
+                       m_restart, "pid-file-gone"}));
 }
 
 TEST_F(ADaemonsLeavings, FailWhenTheyBelongToDifferentProcesses) {

@@ -99,10 +99,10 @@ Diagnosis missingPidFile(const std::string& path, double timeout) {
     const PidFileMatter matter = pidFileMatter(timeout);
     return matter.beside.empty()
                ? failed("pid-file-missing", fmt::format("there is no {}: sentreld does not run", path), matter.advice)
-               : warning("pid-file-gone",
-                         fmt::format("there is no {}{}: a second sentreld that has ended took it away", path,
-                                     matter.beside),
-                         matter.advice);
+               : warning(
+                     "pid-file-gone",
+                     fmt::format("there is no {}{}: another sentreld that has ended took it away", path, matter.beside),
+                     matter.advice);
 }
 
 /// A part of what is sentreld's, and who has it.

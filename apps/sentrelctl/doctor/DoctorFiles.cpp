@@ -118,12 +118,16 @@ Diagnosis hubDirectory(double /*timeout*/) {
     const std::string path = paths::hubVarDirectory();
     const std::optional<struct stat> facts = factsOf(path);
     const std::optional<uid_t> hub = hubUser();
-    const bool isShared = facts && hub && *hub != facts->st_uid && (facts->st_mode & S_IWGRP) != 0;
-    if (!isShared) {
+    if (!facts || !hub || (facts->st_mode & S_IWGRP) == 0) {
+        return directoryDiagnosis(path, true);
+    }
+    const std::optional<struct stat> socket = factsOf(paths::hubSocket());
+    const uid_t bus = socket ? socket->st_uid : facts->st_uid;
+    if (*hub == facts->st_uid && bus == facts->st_uid) {
         return directoryDiagnosis(path, true);
     }
     // The bus makes its socket in it, and hvbd its store. Where they are two users, a group of these two is the way.
-    const std::vector<std::string> strangers = membersBeside(facts->st_gid, {0, facts->st_uid, *hub});
+    const std::vector<std::string> strangers = membersBeside(facts->st_gid, {0, facts->st_uid, *hub, bus});
     if (!strangers.empty()) {
         return failed("directory-open",
                       fmt::format("others than the users of the bus and of hvbd can write into {}: its group has {}",

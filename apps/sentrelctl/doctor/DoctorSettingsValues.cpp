@@ -71,7 +71,7 @@ std::string problemOf(std::string_view key, std::string_view type, std::string_v
         return fmt::format("{} is of the type {} and no blob", key, type);
     }
     if (value.size() != sizeof number) {
-        return fmt::format("{} has {} bytes and not {}", key, value.size(), sizeof number);
+        return fmt::format("{} has a size of {} and not of {} bytes", key, value.size(), sizeof number);
     }
     std::memcpy(&number, value.data(), sizeof number);
     const std::optional<Range> range = rangeOf(key);

@@ -208,10 +208,10 @@ TEST_F(ADaemonsLeavings, AreWarnedOfWhenTheOlderOfTwoDaemonsTookThePidFileAlong)
 TEST_F(ADaemonsLeavings, FailWhenTheyBelongToDifferentProcesses) {
     const std::string first = std::to_string(m_machine.daemon().pid());
     ChildProcess other = second();
-    awaitUntil("the second to listen", [&] {
-        return finding("one-daemon")
-                   .what.find("the event socket is that of sentreld-rooted (" + std::to_string(other.pid()) + ")") !=
-               std::string::npos;
+    awaitUntil("the second to have all", [&] {
+        return finding("one-daemon").what ==
+               "the PID file, the event socket, the hub's name Module7 are those of the process " +
+                   std::to_string(other.pid());
     });
     write(m_pidFile, first);
     const Finding found = finding("one-daemon");

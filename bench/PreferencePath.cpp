@@ -291,6 +291,7 @@ int measure(const Sizes& sizes) {
     Machine machine;
     machine.setTraceLevels(0);
     machine.initSettings();
+    machine.sql("pragma journal_mode=delete"); // as the bare file; kept_settings shows the other mode
     const std::string socketPath = machine.bus().socketPath();
     const OtherProcess bareModule(::geteuid(), ::getegid(), {},
                                   [&](const auto& ready) { serveBareCalls(socketPath, ready); });

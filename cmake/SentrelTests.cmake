@@ -20,14 +20,36 @@ macro(sentrel_needs target)
     endforeach()
 endmacro()
 
+# sentrel_compile_as_test(<target>): as tests' own sources are compiled. These are compiled together in every build; that the
+# product's stand on their own is what release shows. Optimising them, sanitized, is half of a cold build; what they test is
+# optimised as usual. Their lines in a stack are not worth a tenth of the time: a failed expectation names its own.
+function(sentrel_compile_as_test target)
+    target_link_libraries(${target} PRIVATE sentrel::options GTest::gtest GTest::gmock)
+    set_target_properties(${target} PROPERTIES SENTREL_TEST_PROGRAM ON UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 12)
+    target_compile_options(${target} PRIVATE -O0 -g0 -U_FORTIFY_SOURCE)
+endfunction()
+
+# What the tests include of other libraries, compiled once: a fifth of their time. Clang alone takes it where definitions differ.
+if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    file(TOUCH ${CMAKE_BINARY_DIR}/test-headers.cpp)
+    add_library(sentrel_test_headers OBJECT ${CMAKE_BINARY_DIR}/test-headers.cpp)
+    sentrel_compile_as_test(sentrel_test_headers)
+    target_link_libraries(sentrel_test_headers PRIVATE fmt::fmt)
+    # Without the time in it, what was compiled with the same one is found again.
+    target_compile_options(sentrel_test_headers PRIVATE "SHELL:-Xclang -fno-pch-timestamp")
+    target_precompile_headers(sentrel_test_headers PRIVATE <gtest/gtest.h> <gmock/gmock.h> <fmt/format.h> <nlohmann/json.hpp>
+        <algorithm> <array> <chrono> <condition_variable> <filesystem> <fstream> <functional> <future> <map> <memory> <mutex>
+        <optional> <random> <regex> <set> <sstream> <string> <thread> <variant> <vector>)
+endif()
+
 function(sentrel_test name)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "SOURCES;LINK;NEEDS")
     add_executable(${name} ${arg_SOURCES})
-    target_link_libraries(${name} PRIVATE sentrel::options ${arg_LINK} GTest::gtest GTest::gmock GTest::gtest_main)
-    # The tests' sources are compiled together in every build; that the product's stand on their own is what release shows.
-    set_target_properties(${name} PROPERTIES SENTREL_TEST_PROGRAM ON UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 12)
-    # Optimising the tests themselves, sanitized, is half of a cold build; what they test is optimised as usual.
-    target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
+    sentrel_compile_as_test(${name})
+    target_link_libraries(${name} PRIVATE ${arg_LINK} GTest::gtest_main)
+    if(TARGET sentrel_test_headers)
+        target_precompile_headers(${name} REUSE_FROM sentrel_test_headers)
+    endif()
     set(environment "TSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/tsan-suppressions.txt halt_on_error=1"
         "LSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/lsan-suppressions.txt:print_suppressions=0"
         "UBSAN_OPTIONS=print_stacktrace=1")

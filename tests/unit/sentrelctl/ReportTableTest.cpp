@@ -26,7 +26,7 @@ protected:
         return record;
     }
 
-    const Palette m_plain;
+    const Palette m_plain{};
 };
 
 TEST_F(AReportTable, HasALineForEachReportAndOneHead) {

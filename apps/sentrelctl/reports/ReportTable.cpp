@@ -15,25 +15,25 @@ using Sentrel::text::printable;
 using Sentrel::text::shortened;
 namespace {
 
-constexpr std::size_t kMaxCellBytes = 40;    // of all columns but the last
+constexpr std::size_t kMaxReportCell = 40;   // of all columns but the last
 constexpr std::size_t kShortestUrl = 20;     // columns that a URL has on the narrowest terminal
 constexpr std::size_t kExcessOfEllipsis = 2; // it has three bytes and takes one column
-constexpr std::string_view kGap = "  ";
+constexpr std::string_view kReportGap = "  ";
 
-using Codes = std::array<std::pair<std::string_view, std::string_view>, 5>;
+using CellWords = std::array<std::pair<std::string_view, std::string_view>, 5>;
 // Another action is what the user answered to a warning.
-constexpr Codes kActions{{{"1", "allowed"}, {"2", "warned"}, {"4", "blocked"}, {"", "-"}, {"", "-"}}};
-constexpr Codes kRatings{{{"1", "minimal"}, {"2", "yellow"}, {"3", "red"}, {"4", "unrated"}, {"6", "unrated"}}};
+constexpr CellWords kActionCells{{{"1", "allowed"}, {"2", "warned"}, {"4", "blocked"}, {"", "-"}, {"", "-"}}};
+constexpr CellWords kRatingCells{{{"1", "minimal"}, {"2", "yellow"}, {"3", "red"}, {"4", "unrated"}, {"6", "unrated"}}};
 
 /// The word for a code, or the code itself behind @p otherwise.
-std::string wordOf(const Codes& words, const std::string& code, const char* otherwise = "") {
+std::string cellWord(const CellWords& words, const std::string& code, const char* otherwise = "") {
     const auto* const found =
         std::find_if(words.begin(), words.end(), [&code](const auto& each) { return each.first == code; });
     return found != words.end() ? std::string(found->second) : otherwise + code;
 }
 
-std::string cell(const std::string& value) {
-    return value.empty() ? "-" : shortened(printable(value), kMaxCellBytes);
+std::string reportCell(const std::string& value) {
+    return value.empty() ? "-" : shortened(printable(value), kMaxReportCell);
 }
 
 } // namespace
@@ -52,9 +52,9 @@ ReportTable::Row ReportTable::rowOf(const StoredRecord& record) const {
         row.mark = decoded.error.empty() ? "" : m_palette.caution;
         return row;
     }
-    action = cell(wordOf(kActions, informationOf(*decoded.detail, L"ActionID"), "answer "));
-    rating = cell(wordOf(kRatings, informationOf(*decoded.detail, L"RatingID")));
-    user = cell(userAtHostOf(*decoded.detail));
+    action = reportCell(cellWord(kActionCells, informationOf(*decoded.detail, L"ActionID"), "answer "));
+    rating = reportCell(cellWord(kRatingCells, informationOf(*decoded.detail, L"RatingID")));
+    user = reportCell(userAtHostOf(*decoded.detail));
     url = printable(informationOf(*decoded.detail, L"URL"));
     row.mark = attributeOf(*decoded.detail, L"ThreatCategory") == "st.detect.url" ? m_palette.alarm : "";
     return row;
@@ -62,12 +62,12 @@ ReportTable::Row ReportTable::rowOf(const StoredRecord& record) const {
 
 std::string ReportTable::line(const Row& row) const {
     std::string text;
-    std::size_t before = 0;
+    std::size_t taken = 0;
     for (std::size_t at = 0; at + 1 < kColumns; ++at) {
-        text += fmt::format("{:<{}}{}", row.cells[at], m_widths[at], kGap);
-        before += m_widths[at] + kGap.size();
+        text += fmt::format("{:<{}}{}", row.cells[at], m_widths[at], kReportGap);
+        taken += m_widths[at] + kReportGap.size();
     }
-    const std::size_t room = m_lineWidth > before + kShortestUrl ? m_lineWidth - before : kShortestUrl;
+    const std::size_t room = m_lineWidth > taken + kShortestUrl ? m_lineWidth - taken : kShortestUrl;
     const std::string& url = row.cells.back();
     text += m_lineWidth == 0 || url.size() <= room ? url : shortened(url, room + kExcessOfEllipsis);
     return fmt::format("{}{}{}\n", row.mark, text, *row.mark != '\0' ? m_palette.plain : "");

@@ -46,9 +46,10 @@ std::int64_t microsecondsNow() {
 /// None when there is no file.
 std::optional<FileStamp> stampOf(const std::string& path) {
     struct stat facts {};
-    return ::lstat(path.c_str(), &facts) == 0 ? std::optional(FileStamp{facts.st_dev, facts.st_ino, facts.st_size,
-                                                                        facts.st_mtim.tv_sec, facts.st_mtim.tv_nsec})
-                                              : std::nullopt;
+    return ::lstat(path.c_str(), &facts) == 0
+               ? std::optional(FileStamp{facts.st_dev, facts.st_ino, facts.st_size, facts.st_mtim.tv_sec,
+                                         facts.st_mtim.tv_nsec, facts.st_ctim.tv_sec, facts.st_ctim.tv_nsec})
+               : std::nullopt;
 }
 
 bool isLocked(const DatabaseError& error) {

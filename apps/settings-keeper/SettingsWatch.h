@@ -20,6 +20,9 @@ struct FileStamp {
     off_t size;
     std::int64_t changedSeconds;
     std::int64_t changedNanoseconds;
+    // Of the file's facts, which no program can set: another content may have the size and the time of the one before.
+    std::int64_t factsChangedSeconds;
+    std::int64_t factsChangedNanoseconds;
 
     bool operator==(const FileStamp&) const = default;
 };

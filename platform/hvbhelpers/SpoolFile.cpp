@@ -66,11 +66,19 @@ void writeFully(int fd, std::string_view bytes, std::uint64_t offset) {
     }
 }
 
-/// Whether the file is new, or was left by a process that ended before it had written a head.
+/// Whether the file is new, or was left by a process that ended before it had written a head. Such a file has nothing
+/// but zeroes, to its end: one whose heads alone were zeroed may have records, and stays for somebody to look at.
 bool isBlank(int fd) {
-    std::array<char, kSpoolDataOffset> start{};
-    const ssize_t got = ::pread(fd, start.data(), start.size(), 0);
-    return got >= 0 && std::all_of(start.begin(), start.begin() + got, [](char c) { return c == '\0'; });
+    std::array<char, std::size_t{64} << 10U> part{};
+    off_t at = 0;
+    ssize_t got = 0;
+    while ((got = ::pread(fd, part.data(), part.size(), at)) > 0) {
+        if (!std::all_of(part.begin(), part.begin() + got, [](char c) { return c == '\0'; })) {
+            return false;
+        }
+        at += got;
+    }
+    return got == 0;
 }
 
 void syncDirectoryOf(const std::string& path) {

@@ -134,5 +134,14 @@ TEST_F(APreferenceClient, SaysWhenNobodyCanTellWhatIsStored) {
         << result.err;
 }
 
+TEST_F(APreferenceClient, SaysWhenTheFileCannotBeReadAndNotThatNothingIsStored) {
+    m_machine.sql("pragma wal_checkpoint(truncate)");
+    std::ofstream(m_machine.settingsFile(), std::ios::binary) << std::string(20'000, 'x');
+    const CtlResult result = use({"prefs", "set", "red-sites", "warn"});
+    EXPECT_EQ(result.code, 0) << result.out;
+    EXPECT_TRUE(result.err.starts_with("sentrelctl: whether it is stored cannot be seen: ")) << result.err;
+    EXPECT_NE(result.err.find("is not a database"), std::string::npos) << result.err;
+}
+
 } // namespace
 } // namespace testing_support

@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
+#include <map>
 #include <nlohmann/json.hpp>
 
 namespace Sentrel::ctl {
@@ -124,6 +125,23 @@ MachineDocument machineDocument(std::string machine, std::string_view payload) {
         document.error = error.what();
     }
     return document;
+}
+
+std::vector<MachineDocument> newestOfEach(const std::deque<MqttMessage>& messages, std::string_view site) {
+    std::map<std::string_view, const MqttMessage*> newest;
+    for (const MqttMessage& message : messages) {
+        const std::string_view topic = message.topic;
+        if (topic.starts_with(site)) {
+            const std::string_view rest = topic.substr(site.size());
+            newest[rest.substr(0, rest.find('/'))] = &message;
+        }
+    }
+    std::vector<MachineDocument> documents;
+    documents.reserve(newest.size());
+    for (const auto& [machine, message] : newest) {
+        documents.push_back(machineDocument(std::string(machine), message->payload));
+    }
+    return documents;
 }
 
 bool isAbout(const MachineDocument& document, std::string_view sha256) {

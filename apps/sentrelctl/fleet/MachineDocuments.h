@@ -5,6 +5,7 @@
 #include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
 
+#include <deque>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
@@ -22,6 +23,10 @@ struct MachineDocument {
 
 /// Reads a document. Whatever is in it, this returns.
 MachineDocument machineDocument(std::string machine, std::string_view payload);
+
+/// The newest document of each machine, in the order of the machines. A topic is @p site, the machine and more; others
+/// are passed over.
+std::vector<MachineDocument> newestOfEach(const std::deque<MqttMessage>& messages, std::string_view site);
 
 /// Whether the result of a policy is about the document with this hash.
 bool isAbout(const MachineDocument& document, std::string_view sha256);

@@ -32,6 +32,7 @@ using text::validUtf8;
 
 constexpr const char* kNotStored = "in force until the next start, not stored";
 constexpr const char* kNoRow = "not set";
+constexpr const char* kNoNumber = "no number";
 constexpr const char* kNotTold = "not told";
 
 const Preference* toldPreference(const StoredPreference& stored) {
@@ -44,6 +45,16 @@ const Preference* toldPreference(const StoredPreference& stored) {
 std::optional<std::int32_t> rowOf(const SettingsSnapshot& stored, const StoredPreference& preference) {
     const auto found = stored.numbers.find(std::string(preference.key));
     return found != stored.numbers.end() ? std::optional(found->second) : std::nullopt;
+}
+
+/// Whether there is a row and its value is no number, so that what the daemon makes of it is not known.
+bool isUnreadable(const SettingsSnapshot& stored, const StoredPreference& preference) {
+    return std::find(stored.unreadable.begin(), stored.unreadable.end(), preference.key) != stored.unreadable.end();
+}
+
+std::string storedText(const SettingsSnapshot& stored, const StoredPreference& preference) {
+    const std::optional<std::int32_t> row = rowOf(stored, preference);
+    return row ? valueWord(preference.isSwitch, *row) : isUnreadable(stored, preference) ? kNoNumber : kNoRow;
 }
 
 Json numberJson(std::optional<std::int32_t> number, const StoredPreference& preference) {
@@ -161,9 +172,8 @@ std::string settingsText(const Snapshot& inForce, const SettingsSnapshot& stored
     std::string text = bothText("", "in force", "stored", palette);
     for (const StoredPreference& preference : storedPreferences()) {
         const Preference* const told = toldPreference(preference);
-        const std::optional<std::int32_t> row = rowOf(stored, preference);
         text += bothText(preference.name, told != nullptr ? valueText(inForce.values, *told) : kNotTold,
-                         row ? valueWord(preference.isSwitch, *row) : kNoRow, palette);
+                         storedText(stored, preference), palette);
     }
     text += bothText("list", countText(inForce.list), countText(listOf(stored)), palette);
     text += bothText("categories", std::to_string(inForce.values.m_categoryBlockDetails.size()),
@@ -178,6 +188,9 @@ Json settingsJson(const Snapshot& inForce, const SettingsSnapshot& stored) {
         json[std::string(preference.jsonName)] =
             Json{{"in_force", told != nullptr ? valueJson(inForce.values, *told) : Json(nullptr)},
                  {"stored", numberJson(rowOf(stored, preference), preference)}};
+        if (isUnreadable(stored, preference)) {
+            json[std::string(preference.jsonName)]["error"] = kNoNumber;
+        }
     }
     json["list"] = Json{{"in_force", entriesJson(inForce.list)}, {"stored", entriesJson(listOf(stored))}};
     json["categories"] =
@@ -201,8 +214,10 @@ void needStored(Session& session, double timeout, const std::string& where, cons
         HubClient hub(paths::hubSocket(), timeout);
         for (;;) {
             const SettingsSnapshot stored = hub.settings(true);
-            const std::optional<std::string> lacking =
-                stored.state == settings::SnapshotState::None ? stored.reason : shortfall(stored);
+            if (stored.state == settings::SnapshotState::None) {
+                throw HVB::HVBException(-EIO, stored.reason); // the file may have it all the same
+            }
+            const std::optional<std::string> lacking = shortfall(stored);
             if (lacking && !lacking->empty()) {
                 throw notStoredFailure(where, *lacking, isInForce());
             }
@@ -223,6 +238,9 @@ Shortfall shortfallOf(const Preference& preference, const STPreferences& wanted)
     const StoredPreference& stored = storedPreference(std::string(preference.name));
     const std::string value = valueText(wanted, preference);
     return [&stored, value](const SettingsSnapshot& file) {
+        if (isUnreadable(file, stored)) {
+            return std::string("the row in the settings file is no number");
+        }
         const std::string there = valueWord(stored.isSwitch, numberOf(file, stored));
         return there == value ? std::string() : fmt::format("the settings file has {}", there);
     };

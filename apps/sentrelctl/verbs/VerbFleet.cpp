@@ -4,7 +4,6 @@
 #include "apps/sentrelctl/fleet/MachineDocuments.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 
-#include <algorithm>
 #include <array>
 #include <fmt/format.h>
 #include <functional>
@@ -26,19 +25,7 @@ Documents documentsOf(const FleetOptions& options, const std::string& topic) {
     const Fleet fleet = fleetOf(options);
     const std::string site = "orvanta/v1/" + fleet.site + "/";
     const auto broker = connected(fleet.broker, deadlineAfter(options.timeout));
-    Documents documents;
-    for (const MqttMessage& message : broker->collect(fmt::format("{}{}/{}", site, machine, topic))) {
-        if (!message.topic.starts_with(site)) {
-            continue;
-        }
-        const std::string rest = message.topic.substr(site.size());
-        const std::string name = rest.substr(0, rest.find('/'));
-        std::erase_if(documents,
-                      [&](const MachineDocument& each) { return each.machine == name; }); // it has a newer one
-        documents.push_back(machineDocument(name, message.payload));
-    }
-    std::sort(documents.begin(), documents.end(),
-              [](const MachineDocument& one, const MachineDocument& other) { return one.machine < other.machine; });
+    Documents documents = newestOfEach(broker->collect(fmt::format("{}{}/{}", site, machine, topic)), site);
     if (documents.empty() && !options.machine.empty()) {
         throw Failure(ExitCode::Failed, "nothing to show", options.machine,
                       fmt::format("the broker has nothing from this machine at site {}", fleet.site),

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -300,6 +301,21 @@ TEST_F(AFileThatIsNoSpool, IsLeftAsItIs) {
     EXPECT_EQ(refusal(), -EBADMSG);
     EXPECT_EQ(readFile(path), content);
     EXPECT_THROW(HVB::detail::spoolCounts(path), HVB::HVBException);
+}
+
+/// Its records cannot be read without the key of the head, but nobody said that they may go.
+TEST_F(AFileThatIsNoSpool, IsLeftAsItIsThoughItsHeadsAreZero) {
+    std::string content = fileWith({"one", "two"});
+    std::fill_n(content.begin(), kSpoolDataOffset, '\0');
+    write(content);
+    EXPECT_EQ(refusal(), -EBADMSG);
+    EXPECT_TRUE(readFile(path) == content);
+}
+
+TEST_F(ASpoolFile, IsMadeInAFileOfZeroes) {
+    write(std::string(2 * kSmall, '\0')); // as a process leaves it that ended before it had written a head
+    EXPECT_EQ(refusal(), 0);
+    EXPECT_EQ(drain(), std::vector<std::string>{});
 }
 
 TEST_F(AFileThatIsNoSpool, IsNotWrittenThroughASymbolicLink) {

@@ -5,6 +5,7 @@
 #include "apps/sentrelctl/preferences/SettingsTables.h"
 #include "tests/support/TemporaryDirectory.h"
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 namespace Sentrel::ctl {
@@ -46,6 +47,20 @@ TEST(AShortfall, OfASingleValueDoesNotWaitForAList) {
     wanted.m_yellowSiteAction = 2;
     EXPECT_EQ(shortfallOf(settablePreference("yellow-sites"), wanted)(fileWith(true)), "")
         << "a first value without a row";
+}
+
+TEST(ASettingWhoseRowIsNoNumber, IsShownAsThatAndNotAsOneThatIsNotSet) {
+    settings::SettingsSnapshot file = fileWith(false);
+    file.unreadable = {"Enabled"};
+    const std::string text = settingsText({}, file, Palette{});
+    EXPECT_NE(text.find(fmt::format("{:<25} {:<33} no number\n", "protection", "on")), std::string::npos) << text;
+    EXPECT_NE(text.find(fmt::format("{:<25} {:<33} not set\n", "safe-search", "off")), std::string::npos) << text;
+    const std::string json = jsonText(settingsJson({}, file), JsonMode::Short);
+    EXPECT_NE(json.find(R"("protection":{"in_force":true,"stored":null,"error":"no number"})"), std::string::npos)
+        << json;
+    EXPECT_NE(json.find(R"("safe_search":{"in_force":false,"stored":null})"), std::string::npos) << json;
+    EXPECT_EQ(shortfallOf(settablePreference("protection"), STPreferences())(file),
+              "the row in the settings file is no number");
 }
 
 TEST(ARepair, AddsWhatTheHubKnowsToBrokenTablesAlone) {

@@ -4,9 +4,12 @@
 
 #include "KeptFileFixture.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 
 #include <gmock/gmock.h>
 
+#include <array>
+#include <fcntl.h>
 #include <future>
 #include <sys/stat.h>
 
@@ -234,6 +237,29 @@ TEST_F(ASettingsWatch, SaysThatAFileCannotBeReadOnceItFailedTwice) {
     pass(kBetweenLooks);
     EXPECT_EQ(served().state, SnapshotState::None);
     EXPECT_THAT(served().reason, HasSubstr("file is not a database"));
+}
+
+/// As a copy that keeps the times puts one back.
+TEST_F(ASettingsWatch, ReadsAtOnceAFileThatWasMendedWithItsSizeAndTimeOfBefore) {
+    ASSERT_TRUE(emptyWriteAheadLog(*m_writer));
+    m_writer.reset();
+    const std::string sound = testing_support::readFile(m_path);
+    const auto write = [this](const std::string& content) {
+        std::fstream(m_path, std::ios::binary | std::ios::in | std::ios::out) << content;
+        const std::array<timespec, 2> times{timespec{1'000'000'000, 0}, timespec{1'000'000'000, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, m_path.c_str(), times.data(), 0), 0);
+    };
+    std::filesystem::rename(m_path, m_path + ".old");
+    std::filesystem::copy_file(m_path + ".old", m_path);
+    write(std::string(sound.size(), 'x'));
+    m_watch.look(m_now);
+    pass(kBetweenLooks);
+    ASSERT_EQ(served().state, SnapshotState::None);
+    write(sound);
+    pass(kBetweenLooks);
+    pass(kQuietAfterOpening);
+    EXPECT_EQ(served().state, SnapshotState::Whole) << served().reason;
+    EXPECT_LT(kBetweenLooks + kQuietAfterOpening, kTroublePause);
 }
 
 TEST_F(ASettingsWatch, ServesWhatItHasWhileAnotherProcessHoldsTheFile) {

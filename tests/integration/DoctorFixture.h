@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <ostream>
@@ -59,28 +60,30 @@ protected:
         return result;
     }
 
-    /// Asks, and looks whether the exit code is what the findings ask for.
-    Finding finding(const std::string& check, std::optional<uid_t> uid = {},
-                    const std::vector<std::string>& options = {}) {
+    /// Asks, and looks whether the exit code is what the findings ask for. @return them by their checks.
+    std::map<std::string, Finding> findings(std::optional<uid_t> uid = {},
+                                            const std::vector<std::string>& options = {}) {
         std::vector<std::string> arguments{"--json=short"};
         arguments.insert(arguments.end(), options.begin(), options.end());
         const CtlResult result = ask(arguments, uid);
         const nlohmann::json answer = nlohmann::json::parse(result.out);
         EXPECT_EQ(result.code, answer.at("ok").get<bool>() ? 0 : 1) << result.err;
-        Finding found;
+        std::map<std::string, Finding> found;
         bool anyFailed = false;
         for (const nlohmann::json& each : answer.at("checks")) {
             anyFailed = anyFailed || each.at("result") == "failed";
             EXPECT_EQ(each.at("id").is_null(), each.at("result") == "ok" || each.at("result") == "unseen") << each;
-            if (each.at("check") == check) {
-                const auto textIn = [&each](const char* name) {
-                    return each.at(name).is_null() ? std::string() : each.at(name).get<std::string>();
-                };
-                found = {each.at("result"), each.at("what"), textIn("advice"), textIn("id")};
-            }
+            const auto textIn = [&each](const char* name) {
+                return each.at(name).is_null() ? std::string() : each.at(name).get<std::string>();
+            };
+            found[each.at("check")] = {each.at("result"), each.at("what"), textIn("advice"), textIn("id")};
         }
         EXPECT_EQ(answer.at("ok").get<bool>(), !anyFailed);
         return found;
+    }
+    Finding finding(const std::string& check, std::optional<uid_t> uid = {},
+                    const std::vector<std::string>& options = {}) {
+        return findings(uid, options)[check];
     }
 
     void expectFailed(const std::string& check, const std::string& what, const std::string& advice,

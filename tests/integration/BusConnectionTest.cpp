@@ -1,5 +1,6 @@
 // One connection to a real bus, and what it says when there is none, or one that does not answer.
 #include "platform/hvbhelpers/BusConnection.h"
+#include "base/UniqueFd.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
@@ -17,7 +18,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 
 namespace {
@@ -117,6 +120,34 @@ TEST_F(AConnectionToABus, IsGivenUpAtTheDeadlineWhenTheListenQueueIsFull) {
     for (const int fd : knocking) {
         ::close(fd);
     }
+}
+
+/// Connections to the bus that never say a word.
+class SilentClients {
+public:
+    SilentClients(const std::string& socketPath, std::size_t count) {
+        rlimit files{};
+        EXPECT_EQ(::getrlimit(RLIMIT_NOFILE, &files), 0);
+        files.rlim_cur = files.rlim_max;
+        EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &files), 0);
+        while (m_clients.size() < count) {
+            Sentrel::UniqueFd client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            if (!connectSocket(client.get(), socketPath)) {
+                throw std::runtime_error("cannot connect: " + std::string(std::strerror(errno)));
+            }
+            m_clients.push_back(std::move(client));
+        }
+    }
+
+private:
+    std::vector<Sentrel::UniqueFd> m_clients;
+};
+
+TEST_F(AConnectionToABus, IsMadeWithinASecondBesideThreeThousandSilentOnes) {
+    const SilentClients clients(m_bus.socketPath(), 3000);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_NE(openBus(m_bus.socketPath(), patience()), nullptr);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
 }
 
 TEST_F(AConnectionToABus, IsGivenUpAtOnceWhenItIsCancelled) {

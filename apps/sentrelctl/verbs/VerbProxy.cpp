@@ -220,7 +220,7 @@ Work describeProxySet(OptionSet& set, Session& session) {
     set.add("--password-file", options->passwordFile, "The password (-: standard input, or a prompt)").shownAs("FILE");
     set.addFlag(
         "--as-is", options->isAsIs,
-        "Do not encrypt the password: 'sentrelctl encrypt' has done so, or nobody but the daemon is to have it");
+        "Do not encrypt the password: 'sentrelctl encrypt' has done so, or a copy of the settings file may tell it");
     set.addTimeout(options->timeout);
     return [options, &session] { proxySet(session, *options); };
 }

@@ -128,17 +128,24 @@ void SettingsService::waitForReading(sd_bus_message& call) {
     }
 }
 
+/// Whom a call that cannot be sent would have served learns it at once: nothing else would end their wait.
 void SettingsService::startReading() {
     m_asked = std::exchange(m_waiting, {});
+    try {
+        askKeeper();
+    } catch (const HVBException& failed) {
+        const std::string why = failed.message();
+        const sd_bus_error error{bus::kErrorKeeper, why.c_str(), 0};
+        logAndIgnore(m_log, "asking the settings keeper", [&] { answer(std::exchange(m_asked, {}), &error); });
+    }
+}
+
+void SettingsService::askKeeper() {
     const bus::MessagePtr request =
         bus::newCall(*m_bus, bus::kKeeperName, bus::kKeeperPath, bus::kKeeperInterface, bus::kReadNowMember);
     sd_bus_slot* slot = nullptr;
     const auto deadline = static_cast<std::uint64_t>(std::chrono::microseconds(kFreshDeadline).count());
-    const int result = sd_bus_call_async(m_bus, &slot, request.get(), onRead, this, deadline);
-    if (result < 0) {
-        m_asked.clear(); // the caller of the last one gets the exception
-    }
-    bus::check(result, "cannot ask the settings keeper");
+    bus::check(sd_bus_call_async(m_bus, &slot, request.get(), onRead, this, deadline), "cannot send the call");
     m_reading.reset(slot);
 }
 

@@ -50,6 +50,7 @@ private:
     void reply(sd_bus_message& call, const std::optional<Held>& held, const char* whatIsMissing) const;
     void waitForReading(sd_bus_message& call);
     void startReading();
+    void askKeeper();
     void endReading(const sd_bus_error* error);
     void answer(const Calls& calls, const sd_bus_error* error) const;
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 
 namespace Sentrel::keeper {
 
@@ -21,6 +22,8 @@ inline constexpr std::chrono::milliseconds kQuietAfterEvent{50};
 inline constexpr std::chrono::milliseconds kBetweenEvents{50};
 /// A list that differs for so long is said to be changing.
 inline constexpr std::chrono::milliseconds kChangeToTell{500};
+/// How far a list is, is told with a text of all lists: of so many entries a second. Short lists are told at each look.
+inline constexpr std::size_t kProgressEntries = 20'000;
 /// How long a call for a fresh reading waits for the end of a change. Below hvbd's own deadline.
 inline constexpr std::chrono::milliseconds kFreshWait{4000};
 /// How long a read waits for a lock, which only the rollback journal's mode knows. The loop stands still meanwhile.

@@ -241,19 +241,26 @@ void SettingsWatch::look(Time now) {
         if (m_isPending && !m_isJustOpened && !m_snapshot->isChanging && isLong) {
             setChanging(!areListsServed());
         }
-        followReplacement();
+        followReplacement(now);
     });
 }
 
 /// How far the list is that somebody replaces. A note without a change says nothing yet.
-void SettingsWatch::followReplacement() {
+void SettingsWatch::followReplacement(Time now) {
     if (!m_snapshot || m_isJustOpened) {
         return;
     }
     std::optional<settings::Replacement> next;
     if (m_note && m_isPending) {
+        if (m_snapshot->replacement && m_snapshot->replacement->list == m_note->list &&
+            m_snapshot->replacement->of == m_note->of && now < m_progressAgainAt) {
+            return;
+        }
         next = *m_note;
         next->stored = m_file->rowsOf(next->list);
+        const std::size_t entries =
+            m_snapshot->categories.size() + m_snapshot->allowBlock.size() + m_snapshot->privateRanges.size();
+        m_progressAgainAt = now + std::chrono::milliseconds(entries * 1000 / kProgressEntries);
     }
     m_revision += m_snapshot->replacement != next ? 1U : 0U;
     m_snapshot->replacement = next;

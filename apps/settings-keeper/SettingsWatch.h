@@ -80,7 +80,7 @@ private:
     void readSingles();
     bool areListsServed();
     void setChanging(bool isChanging);
-    void followReplacement();
+    void followReplacement(Time now);
     void settle(bool isShort);
     void serve(settings::SettingsSnapshot&& next);
     void noteFailure(const DatabaseError& error, Time now);
@@ -106,6 +106,7 @@ private:
     Time m_tryAgainAt;                     ///< after a file that could not be read
     std::optional<FileStamp> m_unreadable; ///< the file that could not be read
     Time m_checkAt;
+    Time m_progressAgainAt;
 };
 
 } // namespace Sentrel::keeper

@@ -148,6 +148,30 @@ TEST_F(ASettingsWatch, TellsHowFarAListIsThatSomebodyReplaces) {
     EXPECT_EQ(urls(), 3U);
 }
 
+/// Each telling is a text of all lists, to the hub and to everybody who follows.
+TEST_F(ASettingsWatch, TellsTheMoreSeldomHowFarAListIsTheLongerTheListsAre) {
+    constexpr int categories = 30'000;
+    run("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < " + std::to_string(categories) +
+        ") INSERT INTO catblockinginfo SELECT 'category ' || i, x'01000000' FROM n");
+    m_watch.daemonTold(m_now);
+    pass(kQuietAfterEvent);
+    ASSERT_EQ(served().categories.size(), static_cast<std::size_t>(categories));
+    constexpr int looks = 20;
+    m_watch.note(settings::Replacement{"allow_block", 100, 0}, m_now);
+    const std::uint64_t before = m_watch.revision();
+    for (int look = 0; look < looks; ++look) {
+        addUrl("http://" + std::to_string(look) + ".example/");
+        pass(kBetweenLooks);
+    }
+    const std::uint64_t tellings = m_watch.revision() - before;
+    EXPECT_GE(tellings, 3U);
+    EXPECT_LE(tellings,
+              looks * std::chrono::duration<double>(kBetweenLooks).count() * kProgressEntries / categories + 2);
+    m_watch.daemonTold(m_now);
+    pass(kQuietAfterEvent);
+    EXPECT_EQ(served().replacement, std::nullopt) << "the end is told at once";
+}
+
 TEST_F(ASettingsWatch, ForgetsANoteThatIsTakenBack) {
     m_watch.note(settings::Replacement{"allow_block", 3, 0}, m_now);
     dropUrls();

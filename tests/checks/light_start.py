@@ -1,14 +1,15 @@
 #!/usr/bin/env python3
-"""Programs that start without the MQTT and TLS libraries. Usage: light_start.py PROGRAM …
+"""Programs that start without the MQTT and TLS libraries, and without ICU. Usage: light_start.py PROGRAM …
 
-A machine that is not managed, and a verb that asks no broker, need none of them; they are loaded at the first connection.
+A machine that is not managed, and a verb that asks no broker, need none of the first; they are loaded at the first connection. The
+shared Boost.Regex loads ICU whether or not it is used.
 """
 
 import re
 import subprocess
 import sys
 
-HEAVY = re.compile(r"lib(mosquitto|ssl|crypto)\.")
+HEAVY = re.compile(r"lib(mosquitto|ssl|crypto|boost_regex|icui18n)\.")
 
 
 def heavy_libraries(program):

@@ -2,6 +2,7 @@
 #include "platform/hvbagent/SecretBox.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/Files.h"
 #include "tests/support/Machine.h"
 #include "tests/support/MqttBroker.h"
 #include "tests/support/MqttObserver.h"
@@ -78,6 +79,21 @@ TEST_F(AManagedMachine, TellsHowManyRowsOfAPolicyAreNotStored) {
     const json result = next(observer, "policy/result");
     EXPECT_EQ(result["enforced"], true);
     EXPECT_EQ(result["rows_missing"], 2) << "both sites of the policy";
+}
+
+TEST_F(AManagedMachine, LoadsTheMqttAndTlsLibrariesOnlyWhenItIsEnrolled) {
+    const auto has = [this](const char* library) {
+        return readFile("/proc/" + std::to_string(machine.daemon().pid()) + "/maps").find(library) != std::string::npos;
+    };
+    std::filesystem::remove(machine.root().hubConfigDirectory() + "/agent.json");
+    start();
+    for (const char* library : {"/libmosquitto.", "/libssl.", "/libcrypto.", "/libboost_regex.", "/libicui18n."}) {
+        EXPECT_FALSE(has(library)) << library;
+    }
+    enrol();
+    machine.daemon().kill(SIGUSR2);
+    ASSERT_EQ(next(observer, "state")["state"], "online");
+    EXPECT_TRUE(has("/libmosquitto."));
 }
 
 TEST_F(AManagedMachine, EnforcesStoresAndReportsAPolicy) {

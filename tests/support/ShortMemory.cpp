@@ -70,6 +70,11 @@ void* operator new(std::size_t size) {
     return memory;
 }
 
+// A sanitizer's own would not go with the delete below.
+void* operator new(std::size_t size, const std::nothrow_t& /*none*/) noexcept {
+    return failsHere() ? nullptr : std::malloc(std::max<std::size_t>(size, 1));
+}
+
 void operator delete(void* memory) noexcept {
     std::free(memory);
 }

@@ -1,4 +1,5 @@
 // A machine that is managed, on real parts: the daemon with its hub, an MQTT broker, the settings file, kill -9.
+#include "base/Database.h"
 #include "platform/hvbagent/SecretBox.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/Eventually.h"
@@ -94,6 +95,26 @@ TEST_F(AManagedMachine, LoadsTheMqttAndTlsLibrariesOnlyWhenItIsEnrolled) {
     machine.daemon().kill(SIGUSR2);
     ASSERT_EQ(next(observer, "state")["state"], "online");
     EXPECT_TRUE(has("/libmosquitto."));
+}
+
+/// A client replaces the list at the same time. Readers cannot hold a write up any more; who writes can.
+TEST_F(AManagedMachine, TellsHowManyRowsOfAPolicyAnotherWriterKeptOut) {
+    start();
+    machine.startKeeper();
+    observer.publish(std::string(kTopic) + "policy", policy(1, "bad.example").dump());
+    ASSERT_EQ(next(observer, "policy/result")["rows_missing"], 0);
+    const std::vector<std::string> before = blocked();
+    const Sentrel::DatabasePtr writer = Sentrel::openDatabase(machine.settingsFile());
+    Sentrel::execute(*writer, "BEGIN IMMEDIATE");
+    observer.publish(std::string(kTopic) + "policy", policy(2, "worse.example").dump());
+    WireClient client(machine.bus().socketPath());
+    EXPECT_EQ(client.code(Sentrel::ST_SET_PREFS_INDIVIDUAL, payloadOf(withUrls({{"http://client.example/", 1}}))),
+              Sentrel::ST_ERROR_NONE);
+    const json result = next(observer, "policy/result");
+    Sentrel::execute(*writer, "ROLLBACK");
+    EXPECT_EQ(result["rows_missing"], 1) << "the one site that was not there before";
+    EXPECT_EQ(blocked(), before) << "what is in force is what is stored";
+    EXPECT_EQ(machine.sql("select count(*) from allowblocksettings where name like '%client%'"), "0\n");
 }
 
 TEST_F(AManagedMachine, EnforcesStoresAndReportsAPolicy) {

@@ -1,6 +1,7 @@
 // The settings as everybody reads them: daemon, keeper, hvbd and bus are real, and are killed. The settings file is in
 // write-ahead mode and its owner's alone.
 #include "AccessFixture.h"
+#include "base/Database.h"
 #include "base/SettingsHandover.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "tests/support/AsUser.h"
@@ -14,6 +15,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <future>
@@ -157,6 +159,45 @@ TEST_F(ASettingsKeeper, TellsHowFarAListIsUntilWhoReplacesItLeaves) {
     noter.reset();
     EXPECT_TRUE(isTold(false));
     EXPECT_EQ(servedSettings(socketPath).snapshot.allowBlock.size(), 3U) << "the change has not rested yet";
+}
+
+/// Readers cannot hold a write up any more. A program that writes to the file can, for as long as it holds the lock.
+TEST_F(ASettingsKeeper, ServesWhatIsInForceAlsoAfterAnotherWriterHeldUpTwoListsThatWereSetAtOnce) {
+    const auto categories = [](const std::string& name) {
+        return CategoryBlockDetails{{name + "1", 1}, {name + "2", 1}, {name + "3", 1}};
+    };
+    ASSERT_EQ(set(withCategories(categories("old"))), ST_ERROR_NONE);
+    ASSERT_EQ(fresh().categories.size(), 3U);
+    const DatabasePtr writer = openDatabase(machine.settingsFile());
+    execute(*writer, "BEGIN IMMEDIATE");
+    const auto lockedUntil = std::chrono::steady_clock::now() + 2s;
+    const auto replace = [&](const std::string& name) {
+        return std::async(std::launch::async, [this, list = categories(name)] {
+            WireClient other(socketPath);
+            return other.code(ST_SET_PREFS_INDIVIDUAL, payloadOf(withCategories(list)));
+        });
+    };
+    std::future<int> first = replace("a");
+    std::future<int> second = replace("b");
+    static_cast<void>(first.wait_until(lockedUntil));
+    static_cast<void>(second.wait_until(lockedUntil));
+    execute(*writer, "ROLLBACK");
+    EXPECT_EQ(await(first, "the first reply"), ST_ERROR_NONE);
+    EXPECT_EQ(await(second, "the second reply"), ST_ERROR_NONE);
+    std::vector<std::string> inForce;
+    for (const auto& [name, action] : client->snapshot(ST_GET_PREFS).m_categoryBlockDetails) {
+        inForce.push_back(name);
+    }
+    const SettingsSnapshot stored = fresh();
+    std::vector<std::string> inFile;
+    for (const settings::ListEntry& entry : stored.categories) {
+        inFile.push_back(entry.name);
+    }
+    std::sort(inFile.begin(), inFile.end());
+    EXPECT_EQ(inFile, inForce) << "what is in force is what is stored";
+    EXPECT_FALSE(stored.isChanging);
+    EXPECT_FALSE(inFile.empty());
+    EXPECT_EQ(machine.sql("select count(*) from catblockinginfo"), std::to_string(inFile.size()) + "\n");
 }
 
 TEST_F(ASettingsKeeper, MarksAListAsShortWhenTheDaemonDiedInItsMidst) {

@@ -8,7 +8,10 @@ import re
 import sys
 
 DAEMON_FOLDERS = ["daemon", "store", "hub", "managed", "events"]
-CODE_FOLDERS = ["base", "policy", *DAEMON_FOLDERS, "platform", "apps", "tests", "bench", "fuzz"]
+PRODUCT_FOLDERS = ["base", "policy", *DAEMON_FOLDERS, "platform", "browser", "apps"]
+CODE_FOLDERS = [*PRODUCT_FOLDERS, "tests", "bench", "fuzz"]
+# Folders whose folders are units of their own.
+GROUPS = ("platform", "browser", "apps")
 TEST_FOLDERS = ["tests", "bench", "fuzz"]
 # The row of the table in docs/architecture.md that says what a folder, or a single source, may include.
 INCLUDE_ROW = re.compile(r"^\| `([\w/.-]+)`(?: alone)? \| ((?:`[\w/.-]+`(?:, )?)+|nothing) \|$", re.M)
@@ -62,9 +65,9 @@ def document_paths(root, _build):
 
 
 def room_of(path):
-    """The unit that the include table speaks of: a top folder, or a library or program below platform/ and apps/."""
+    """The unit that the include table speaks of: a top folder, or a library or program below platform/, browser/ and apps/."""
     parts = path.split("/")
-    return "/".join(parts[:2]) if parts[0] in ("platform", "apps") else parts[0]
+    return "/".join(parts[:2]) if parts[0] in GROUPS else parts[0]
 
 
 def include_table(root):
@@ -77,7 +80,7 @@ def include_table(root):
 def include_rules(root, _build):
     """Who may include whom, and no permission that nobody uses."""
     table, used = include_table(root), set()
-    for path in sources(root, ["base", "policy", *DAEMON_FOLDERS, "platform", "apps"], {".h", ".cpp"}):
+    for path in sources(root, PRODUCT_FOLDERS, {".h", ".cpp"}):
         relative = str(path.relative_to(root))
         own = room_of(relative)
         for target in re.findall(r'^#include "([^"]+)"', path.read_text(), re.M):
@@ -194,7 +197,7 @@ def benches(root, _build):
 
 def head_comments(root, _build):
     """A source that is longer than a few screens begins with its story."""
-    for path in sources(root, ["base", "policy", *DAEMON_FOLDERS, "platform", "apps"], {".cpp"}):
+    for path in sources(root, PRODUCT_FOLDERS, {".cpp"}):
         lines = path.read_text().splitlines()
         head = next((number for number, line in enumerate(lines) if not line.startswith("//")), len(lines))
         if len(lines) > LONG_SOURCE and head < SHORTEST_STORY:

@@ -12,7 +12,8 @@
 // again, with longer and longer pauses. Whoever waits for something of that connection sees m_generation change.
 //
 // The newest process of a module has its name. Who loses it answers what it has taken, closes the connection and never
-// connects again: two processes that take the name from each other would share the work in halves.
+// connects again: two processes that take the name from each other would share the work in halves. Who was away from
+// the bus when that happened finds the name taken when it comes back, and does the same.
 #include "platform/hvbhelpers/DeliveryLink.h"
 
 #include "base/StartThread.h"
@@ -26,6 +27,7 @@
 #include <cstring>
 #include <memory>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
 
 namespace HVB::detail {
@@ -75,14 +77,37 @@ bus::BusPtr DeliveryLink::connect(Deadline deadline, int cancelFd) {
 }
 
 /// The newest process of a module has its name, and lets the next one have it. Behind one that does not give it up, as
-/// a process of an earlier version, this one queues.
-void DeliveryLink::takeName(sd_bus& bus, Deadline deadline) const {
+/// a process of an earlier version, this one queues. Who had the name before does not take it from another process: it
+/// was away from the bus when that one came, and did not hear of it.
+void DeliveryLink::takeName(sd_bus& bus, Deadline deadline) {
     constexpr std::uint32_t allowReplacement = 1;
     constexpr std::uint32_t replaceExisting = 2;
     constexpr std::uint32_t doNotQueue = 4;
-    if (m_moduleId >= 0 && !requestName(bus, allowReplacement | replaceExisting | doNotQueue, deadline)) {
+    if (m_moduleId < 0) {
+        return;
+    }
+    if (m_hadName && requestName(bus, allowReplacement | doNotQueue, deadline)) {
+        return;
+    }
+    if (m_hadName && !isNameOurs(bus, deadline)) {
+        m_isTakenOver = true;
+        throw HVBException(-EOWNERDEAD, "another process has taken the module's name");
+    }
+    m_hadName = requestName(bus, allowReplacement | replaceExisting | doNotQueue, deadline);
+    if (!m_hadName) {
         (void)requestName(bus, allowReplacement, deadline);
     }
+}
+
+/// Whether a connection of this process has the name: an earlier one whose end the bus has not seen yet.
+bool DeliveryLink::isNameOurs(sd_bus& bus, Deadline deadline) const {
+    const bus::MessagePtr request =
+        bus::newCall(bus, bus::kDriver, bus::kDriverPath, bus::kDriver, "GetConnectionUnixProcessID");
+    bus::check(sd_bus_message_append(request.get(), "s", bus::moduleName(m_moduleId).c_str()), "cannot fill a message");
+    const bus::MessagePtr reply = bus::call(bus, *request, deadline);
+    std::uint32_t process = 0;
+    bus::check(sd_bus_message_read(reply.get(), "u", &process), "cannot read an answer of the bus");
+    return static_cast<pid_t>(process) == ::getpid();
 }
 
 /// @return whether this connection has the name now.

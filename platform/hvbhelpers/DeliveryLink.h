@@ -100,7 +100,8 @@ private:
     void lose(int error) noexcept SENTREL_REQUIRES(m_mutex);
     bus::BusPtr connect(bus::Deadline deadline, int cancelFd);
     void subscribeAndInstall(bus::BusPtr bus, bus::Deadline deadline);
-    void takeName(sd_bus& bus, bus::Deadline deadline) const;
+    void takeName(sd_bus& bus, bus::Deadline deadline);
+    bool isNameOurs(sd_bus& bus, bus::Deadline deadline) const;
     bool requestName(sd_bus& bus, std::uint32_t flags, bus::Deadline deadline) const;
     void wakeWhenTakenOver() const noexcept;
     void addObjects(sd_bus& bus);
@@ -148,6 +149,7 @@ private:
     std::atomic<bool> m_begun{false};
     std::atomic<bool> m_isTakenOver{false};
     std::thread m_reader;
+    bool m_hadName = false; ///< whoever connects: connectNow, and the reader when that has begun
 
     /// Held by a sender until it has m_mutex, and passed through by the reader before it takes that: without it the
     /// reader, which has always more to read under a flood, would keep the senders out.

@@ -146,6 +146,20 @@ TEST_F(ASecondDaemon, IsNotWaitedForByTheFirst) {
     EXPECT_TRUE(first().isRunning());
 }
 
+/// The first was held up and has not heard of the second, and the bus on which it would have is gone.
+TEST_F(ASecondDaemon, IsLeftTheNameByAFirstThatComesBackToTheBus) {
+    start();
+    ASSERT_EQ(::kill(first().pid(), SIGSTOP), 0);
+    m_machine.bus().kill9();
+    m_machine.bus().restart();
+    const auto second = startAnother();
+    ASSERT_EQ(::kill(first().pid(), SIGCONT), 0);
+    EXPECT_TRUE(eventually([this] { return !hasThread(first(), "hvb-reader"); }));
+    EXPECT_EQ(owner(), second->pid());
+    EXPECT_EQ(owners(), 1U);
+    expectReports("http://host.example/second");
+}
+
 TEST_F(ASecondDaemon, ServesOnWhenTheFirstEnds) {
     start();
     const auto second = startAnother();

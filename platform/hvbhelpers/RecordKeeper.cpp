@@ -165,6 +165,7 @@ void RecordKeeper::end() {
             (void)::shutdown(m_socket, SHUT_RDWR);
         }
     }
+    const Sentrel::MutexLock ending(m_endMutex);
     if (m_thread.joinable()) {
         m_thread.join();
     }

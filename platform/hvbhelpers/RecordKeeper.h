@@ -35,9 +35,8 @@ std::optional<NumberedRecord> unpackRecord(std::string_view bytes);
 
 /// Hands records to the hub, and keeps those that it does not take in a spool until it does. Its long story is at the
 /// top of RecordKeeper.cpp.
-/// Threads: thread-safe, except that one thread at a time calls begin and end. A thread that works here has the signals
-/// blocked whose handlers may call the broker.
-/// Owner: the process-wide state of the broker.
+/// Threads: thread-safe, except that begin is called by one thread at a time, and not while end is. A thread that works
+/// here has the signals blocked whose handlers may call the broker. Owner: the process-wide state of the broker.
 class RecordKeeper {
 public:
     /// Writes a line to the system log.
@@ -93,6 +92,7 @@ private:
     std::atomic<bool> m_ending{false};
     std::atomic<bool> m_saidFull{false};    ///< since the spool was empty
     std::atomic<bool> m_saidRefused{false}; ///< since the hub stored one
+    Sentrel::Mutex m_endMutex;              ///< held by the one who waits for m_thread; the next finds it gone
     std::thread m_thread;
 
     /// Held while a record is handed over, so that records keep their order. Only hand takes it.

@@ -14,6 +14,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -196,6 +197,19 @@ TEST_F(ARecordKeeper, GoesOnTakingRecordsWhenDeliveringHasEnded) {
     keeper->begin();
     ASSERT_TRUE(eventually([&] { return keeper->counts().waiting == 0; }));
     EXPECT_EQ(texts(hub), (std::vector<std::wstring>{L"one", L"two"}));
+}
+
+/// The end of the process and the loss of the module's name may come at once, each on a thread of its own.
+TEST_F(ARecordKeeper, MayBeEndedByTwoThreadsAtOnce) {
+    const auto keeper = make();
+    constexpr int rounds = 200;
+    for (int round = 0; round < rounds; ++round) {
+        keeper->begin();
+        std::thread other([&keeper] { keeper->end(); });
+        keeper->end();
+        other.join();
+    }
+    EXPECT_EQ(keeper->counts().waiting, 0U);
 }
 
 TEST_F(ARecordKeeper, DropsAWaitingRecordThatMakesNoSense) {

@@ -21,6 +21,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -104,8 +105,14 @@ public:
     /// of it.
     void becomeLike(int original, const struct stat& facts) const {
         setOwner(facts.st_uid, facts.st_gid);
+        const std::vector<std::string> wanted = attributesOf(original);
+        for (const std::string& given : attributesOf(m_fd.get())) { // by its directory
+            if (std::find(wanted.begin(), wanted.end(), given) == wanted.end()) {
+                removeAttribute(given);
+            }
+        }
         setMode(facts.st_mode & kModeBits);
-        for (const std::string& attribute : attributesOf(original)) {
+        for (const std::string& attribute : wanted) {
             copyAttribute(original, attribute);
         }
     }
@@ -158,6 +165,12 @@ private:
             }
         }
         return wanted;
+    }
+
+    void removeAttribute(const std::string& name) const {
+        if (::fremovexattr(m_fd.get(), name.c_str()) != 0) {
+            failFile(errno, m_directory.path(), fmt::format("the attribute {} cannot be removed", name).c_str());
+        }
     }
 
     void copyAttribute(int original, const std::string& name) const {

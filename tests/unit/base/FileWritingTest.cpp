@@ -193,6 +193,25 @@ TEST_F(AFileThatIsWritten, KeepsItsAccessList) {
     EXPECT_EQ(text(), "new");
 }
 
+/// What is made in such a directory begins with the directory's list, which the old file need not have had.
+TEST_F(AFileThatIsWritten, GetsNoAccessListOfItsDirectory) {
+    write("old", 0640);
+    const std::vector<std::uint8_t> list{2,    0, 0, 0,                          //
+                                         1,    0, 6, 0, 0xFF, 0xFF, 0xFF, 0xFF,  // the owner
+                                         2,    0, 6, 0, 0x31, 0xD4, 0,    0,     // user 54321
+                                         4,    0, 4, 0, 0xFF, 0xFF, 0xFF, 0xFF,  // the group
+                                         0x10, 0, 6, 0, 0xFF, 0xFF, 0xFF, 0xFF,  // the mask
+                                         0x20, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}; // others
+    const std::string directory = std::filesystem::path(m_path).parent_path();
+    if (::setxattr(directory.c_str(), "system.posix_acl_default", list.data(), list.size(), 0) != 0) {
+        GTEST_SKIP() << "this file system has no access lists: " << std::strerror(errno);
+    }
+    replaceFile(m_path, "new", Replace::KeepingModeAndOwner);
+    EXPECT_EQ(::getxattr(m_path.c_str(), "system.posix_acl_access", nullptr, 0), -1) << "nobody else may read it";
+    EXPECT_EQ(mode(), 0640U);
+    EXPECT_EQ(text(), "new");
+}
+
 TEST_F(AFileThatIsWritten, IsNotReplacedKeepingItsModeWhereNoRegularFileIs) {
     EXPECT_EQ(errorOfKeepingReplace("new"), ENOENT);
     const std::string victim = m_root.file("victim");

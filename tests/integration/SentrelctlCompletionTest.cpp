@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+
 namespace testing_support {
 namespace {
 
@@ -55,6 +58,21 @@ TEST_F(ACompletion, OffersFilesToImportAndExport) {
     EXPECT_EQ(offered("state --credentials " + prefix), prefix + ".txt ");
     EXPECT_EQ(offered("encrypt --key " + prefix), prefix + ".txt ");
     EXPECT_EQ(offered("proxy set host --password-file " + prefix), prefix + ".txt ");
+}
+
+/// A directory that others can write into may have files with names made for this.
+TEST_F(ACompletion, QuotesTheNamesOfFiles) {
+    const std::string made = m_root.file("made");
+    const std::string name = m_root.file("a-list $(touch made);touch made");
+    shell(m_root, "touch '" + name + "'");
+    const std::string keys = "cd '" + m_root.path().string() +
+                             "'; source '" SENTREL_SOURCE_DIR "/packaging/sentrelctl.bash-completion'; "
+                             "sentrelctl() { printf \"<%s>\" \"$@\"; }\nsentrelctl list import ./a-\t\nexit\n";
+    std::ofstream(m_root.file("keys")) << keys;
+    const std::string shown =
+        shell(m_root, "script -qec 'bash --norc --noprofile -i' /dev/null < '" + m_root.file("keys") + "'").out;
+    EXPECT_NE(shown.find("<list><import><./a-list $(touch made);touch made>"), std::string::npos) << shown;
+    EXPECT_FALSE(std::filesystem::exists(made));
 }
 
 TEST_F(ACompletion, OffersTheOptionsOfAVerb) {

@@ -57,8 +57,11 @@ const VerdictTexts& textsOf(Verdict verdict) {
 }
 
 /// Becomes the user and gives up every right that comes with another one.
+/// What the user makes has its own group: another one with the user's number has no right to it.
 bool become(uid_t uid) {
-    return ::setgroups(0, nullptr) == 0 && ::setresgid(uid, uid, uid) == 0 && ::setresuid(uid, uid, uid) == 0;
+    const passwd* const entry = ::getpwuid(uid);
+    const gid_t gid = entry != nullptr ? entry->pw_gid : uid;
+    return ::setgroups(0, nullptr) == 0 && ::setresgid(gid, gid, gid) == 0 && ::setresuid(uid, uid, uid) == 0;
 }
 
 [[noreturn]] void answerInChild(std::optional<uid_t> uid, const std::function<int()>& question) {

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <set>
 #include <string>
 #include <string_view>
@@ -114,6 +115,24 @@ TEST(AQuestionInAChild, IsAskedAsAnotherUser) {
     }
     constexpr uid_t nobody = 65534;
     EXPECT_EQ(inChild(nobody, 30, [] { return ::geteuid() == nobody && ::getegid() == nobody ? 1 : 0; }), 1);
+}
+
+/// What a child makes beside a file would otherwise be readable for a group that happens to have the user's number.
+TEST(AQuestionInAChild, IsAskedWithTheUsersOwnGroup) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can act as others";
+    }
+    const passwd* other = nullptr;
+    ::setpwent();
+    while ((other = ::getpwent()) != nullptr && other->pw_uid == other->pw_gid) {
+    }
+    if (other == nullptr) {
+        GTEST_SKIP() << "each user here has the number of its group";
+    }
+    const uid_t user = other->pw_uid;
+    const gid_t group = other->pw_gid;
+    ::endpwent();
+    EXPECT_EQ(inChild(user, 30, [=] { return ::geteuid() == user && ::getegid() == group ? 1 : 0; }), 1);
 }
 
 TEST(AQuestionInAChild, HasNoAnswerWhenItThrowsDiesOrTakesTooLong) {

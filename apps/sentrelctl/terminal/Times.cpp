@@ -61,7 +61,7 @@ std::optional<std::int64_t> dayMeant(const std::string& text, std::int64_t now) 
 std::optional<std::int64_t> agoMeant(std::string_view text, std::int64_t now) {
     static constexpr std::array<std::pair<std::string_view, std::int64_t>, 6> units{
         {{"s", 1}, {"m", 60}, {"min", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}}};
-    constexpr std::int64_t longest = 1000000000; // of any unit; far below an overflow
+    constexpr std::int64_t longest = 10000000; // of any unit; of weeks it is still far below an overflow
     std::int64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
     if (error != std::errc() || number < 0 || number > longest) {

@@ -167,6 +167,13 @@ protected:
         return process;
     }
 
+    /// Whether PID file, event socket and the hub's name are this process's.
+    bool hasAll(const ChildProcess& daemon) {
+        return finding("one-daemon")
+            .what.starts_with("the PID file, the event socket, the hub's name Module7 are those of the process " +
+                              std::to_string(daemon.pid()));
+    }
+
     std::string m_pidFile = std::string(kVar) + "/.STPid";
     std::string m_restart = "Restart sentreld, which writes the file; until then do not start another";
 };
@@ -208,11 +215,7 @@ TEST_F(ADaemonsLeavings, AreWarnedOfWhenTheOlderOfTwoDaemonsTookThePidFileAlong)
 TEST_F(ADaemonsLeavings, FailWhenTheyBelongToDifferentProcesses) {
     const std::string first = std::to_string(m_machine.daemon().pid());
     ChildProcess other = second();
-    awaitUntil("the second to have all", [&] {
-        return finding("one-daemon").what ==
-               "the PID file, the event socket, the hub's name Module7 are those of the process " +
-                   std::to_string(other.pid());
-    });
+    awaitUntil("the second to have all", [&] { return hasAll(other); });
     write(m_pidFile, first);
     const Finding found = finding("one-daemon");
     EXPECT_EQ(found.id, "two-daemons");
@@ -220,7 +223,24 @@ TEST_F(ADaemonsLeavings, FailWhenTheyBelongToDifferentProcesses) {
                                        "), the event socket is that of sentreld-rooted (" +
                                        std::to_string(other.pid()) + "), the hub's name Module7 is that of "))
         << found.what;
-    EXPECT_EQ(found.advice, "End all of these that are sentreld, and start it once");
+    EXPECT_EQ(found.advice,
+              "A sentreld that has just been started takes all of these: look again. Otherwise end all of "
+              "these that are sentreld, and start it once");
+}
+
+TEST_F(ADaemonsLeavings, AreWarnedOfWhileAnOlderDaemonRunsOnWithoutThem) {
+    const std::string older = std::to_string(m_machine.daemon().pid());
+    EXPECT_EQ(finding("one-daemon").result, "ok");
+    ChildProcess newer = second();
+    awaitUntil("the second to have all", [&] { return hasAll(newer); });
+    EXPECT_EQ(
+        finding("one-daemon"),
+        (Finding{"warning",
+                 "the PID file, the event socket, the hub's name Module7 are those of the process " +
+                     std::to_string(newer.pid()) + "; an older sentreld runs on without them as the process " + older,
+                 "End the older one, then restart sentreld: the PID file goes with the older one", "older-daemon"}));
+    m_machine.stopDaemon();
+    EXPECT_EQ(finding("one-daemon").result, "ok");
 }
 
 TEST_F(ADaemonsLeavings, FailWhenSomethingElseListensAtTheEventSocket) {

@@ -1,8 +1,8 @@
 // What sentreld leaves behind: its event socket and its PID file, and whether one process has all that is sentreld's.
 //
-// A second sentreld may start beside the first. It takes the event socket and the PID file, and either of the two takes
-// the PID file away when it ends. So what the PID file says is compared with who listens, before anything is advised:
-// "start sentreld" beside one that runs would make a second.
+// A second sentreld may start beside the first. It takes everything: event socket, PID file, the hub's name. The older
+// one goes on without, and takes the PID file away when it ends. So what the PID file says is compared with who
+// listens, before anything is advised: "start sentreld" beside one that runs would make a second.
 //
 // What must stay so:
 // - The event socket is opened, and closed without a message. The daemon reports nothing for that, but it closes its
@@ -126,6 +126,13 @@ std::vector<Holding> holdings(double timeout) {
     return all;
 }
 
+/// The daemons that still have a socket from which another took the path. Root alone sees them.
+std::vector<pid_t> daemonsBeside(pid_t newest) {
+    std::vector<pid_t> all = listeningProcesses(paths::eventSocket(), "sentreld");
+    all.erase(std::remove(all.begin(), all.end(), newest), all.end());
+    return all;
+}
+
 } // namespace
 
 std::optional<pid_t> listenerOfEvents(double timeout) {
@@ -197,11 +204,20 @@ Diagnosis oneDaemon(double timeout) {
     });
     if (std::any_of(all.begin(), all.end(), [&](const Holding& each) { return each.process != all.front().process; })) {
         return failed("two-daemons", fmt::format("{}", fmt::join(parts, ", ")),
-                      "End all of these that are sentreld, and start it once");
+                      "A sentreld that has just been started takes all of these: look again. Otherwise end all of "
+                      "these that are sentreld, and start it once");
     }
     std::vector<const char*> names;
     std::transform(all.begin(), all.end(), std::back_inserter(names), [](const Holding& each) { return each.what; });
-    return healthy(fmt::format("{} are those of the process {}", fmt::join(names, ", "), all.front().process));
+    const std::string what = fmt::format("{} are those of the process {}", fmt::join(names, ", "), all.front().process);
+    const std::vector<pid_t> older = daemonsBeside(all.front().process);
+    if (!older.empty()) {
+        return warning(
+            "older-daemon",
+            fmt::format("{}; an older sentreld runs on without them as the process {}", what, fmt::join(older, ", ")),
+            "End the older one, then restart sentreld: the PID file goes with the older one");
+    }
+    return healthy(what);
 }
 
 } // namespace Sentrel::ctl

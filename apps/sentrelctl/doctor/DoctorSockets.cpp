@@ -178,19 +178,65 @@ std::set<std::uint64_t> connectionsTo(std::uint16_t port, const char* table) {
     return inodes;
 }
 
+/// The inodes of the sockets that listen at that path, where a process is. One that another took the path from keeps it
+/// in this table.
+std::set<std::uint64_t> listenersWhere(pid_t process, const std::string& path) {
+    constexpr std::size_t largest = std::size_t{16} << 20U;
+    std::set<std::uint64_t> inodes;
+    std::string text;
+    try {
+        text = readRegularFile(fmt::format("/proc/{}/net/unix", process), largest, FileAccess::Anybody);
+    } catch (const std::system_error&) {
+        return inodes; // it has ended meanwhile
+    }
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::string address, references, protocol, flags, type, state, inode, name;
+        words >> address >> references >> protocol >> flags >> type >> state >> inode >> std::ws;
+        if (std::getline(words, name) && flags == "00010000" && name == path) { // __SO_ACCEPTCON: it listens
+            inodes.insert(numberIn(inode).value_or(0));
+        }
+    }
+    inodes.erase(0);
+    return inodes;
+}
+
+std::vector<pid_t> allProcesses() {
+    std::vector<pid_t> all;
+    std::error_code error;
+    for (fs::directory_iterator each("/proc", error); !error && each != fs::directory_iterator();
+         each.increment(error)) {
+        if (const auto process = numberIn(each->path().filename().string())) {
+            all.push_back(static_cast<pid_t>(*process));
+        }
+    }
+    return all;
+}
+
 } // namespace
+
+std::vector<pid_t> listeningProcesses(const std::string& path, std::string_view command) {
+    std::vector<pid_t> found;
+    for (const pid_t process : allProcesses()) {
+        if (!commandOf(process).starts_with(command)) {
+            continue;
+        }
+        const auto sockets = socketsOf(process);
+        if (sockets && haveCommon(*sockets, listenersWhere(process, path))) {
+            found.push_back(process);
+        }
+    }
+    return found;
+}
 
 TakenClients takenClients(const std::string& path) {
     const std::set<std::uint64_t> inodes = clientInodes(path);
     TakenClients clients{inodes.size(), {}};
-    std::error_code error;
-    for (fs::directory_iterator each("/proc", error); !error && each != fs::directory_iterator();
-         each.increment(error)) {
-        const auto process = numberIn(each->path().filename().string());
-        if (!process || inodes.empty()) {
-            continue;
-        }
-        const auto pid = static_cast<pid_t>(*process);
+    if (inodes.empty()) {
+        return clients;
+    }
+    for (const pid_t pid : allProcesses()) {
         const auto sockets = socketsOf(pid);
         if (!sockets || !haveCommon(*sockets, inodes)) {
             continue;

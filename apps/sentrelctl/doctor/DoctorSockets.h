@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 #include <vector>
 
@@ -19,6 +20,10 @@ struct TakenClients {
 /// Asks the system for the clients of the Unix socket at @p path. It asks nobody else, so that this works whatever the
 /// listener does. Nobody when the system does not tell.
 TakenClients takenClients(const std::string& path);
+
+/// The processes whose command begins so and that listen at @p path, also those from which another took it. Without
+/// those whose descriptors this user may not see.
+std::vector<pid_t> listeningProcesses(const std::string& path, std::string_view command);
 
 /// Whether a process has a TCP connection to that port somewhere. None when this user may not see its descriptors.
 std::optional<bool> hasConnectionTo(pid_t process, std::uint16_t port);

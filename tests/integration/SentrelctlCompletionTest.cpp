@@ -75,6 +75,17 @@ TEST_F(ACompletion, QuotesTheNamesOfFiles) {
     EXPECT_FALSE(std::filesystem::exists(made));
 }
 
+/// "list remove --all" would remove more than an entry of that name.
+TEST_F(ACompletion, OffersNoEntryThatWouldBeAnOption) {
+    const std::string program = m_root.file("program");
+    std::ofstream(program) << "#!/bin/sh\nprintf 'allow --all\\nallow -x\\nallow a-b.example\\n'\n";
+    std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+    EXPECT_EQ(shell(m_root, "source '" SENTREL_SOURCE_DIR "/packaging/sentrelctl.bash-completion'; COMP_WORDS=('" +
+                                program + "' list remove ''); COMP_CWORD=3; _sentrelctl; echo \"${COMPREPLY[@]}\"")
+                  .out,
+              "a-b.example\n");
+}
+
 TEST_F(ACompletion, OffersTheOptionsOfAVerb) {
     EXPECT_EQ(offered("watch --"), "--color --help --json --timeout ");
     EXPECT_EQ(offered("prefs reset --y"), "--yes ");

@@ -30,10 +30,10 @@ const char* groupDescription(std::string_view group) {
 }
 
 std::span<const VerbTable> allVerbs() {
-    static constexpr std::array<VerbTable, 17> tables{
-        statusVerbs,     doctorVerbs,   hubVerbs,      eventVerbs,    decryptVerbs, logVerbs,
-        preferenceVerbs, listVerbs,     listFileVerbs, categoryVerbs, watchVerbs,   debugVerbs,
-        proxyVerbs,      settingsVerbs, policyVerbs,   fleetVerbs,    agentVerbs};
+    static constexpr std::array<VerbTable, 18> tables{
+        statusVerbs,     doctorVerbs, hubVerbs,      eventVerbs,    decryptVerbs, logVerbs,
+        preferenceVerbs, listVerbs,   listFileVerbs, categoryVerbs, checkVerbs,   watchVerbs,
+        debugVerbs,      proxyVerbs,  settingsVerbs, policyVerbs,   fleetVerbs,   agentVerbs};
     return tables;
 }
 

@@ -22,6 +22,7 @@ Verbs preferenceVerbs();
 Verbs listVerbs();
 Verbs listFileVerbs();
 Verbs categoryVerbs();
+Verbs checkVerbs();
 Verbs watchVerbs();
 Verbs debugVerbs();
 Verbs proxyVerbs();

@@ -39,7 +39,7 @@ struct SiteCategory {
 /// Threads: a plain value. Owner: the holder.
 struct SiteStanding {
     std::int32_t rating = kNoRating;
-    std::vector<SiteCategory> categories;
+    std::vector<SiteCategory> categories{};
     bool isPhishing = false;
     bool isReachable = true; ///< whoever rates sites could be asked
 };

@@ -18,11 +18,13 @@ protected:
 };
 
 TEST_F(ACompletion, OffersTheVerbs) {
-    EXPECT_EQ(offered("''"),
-              "--color --help --json --version about agent categories debug decrypt doctor encrypt event help hub list "
-              "log policy prefs properties proxy settings state status watch ");
-    EXPECT_EQ(offered("help ''"), "about agent categories debug decrypt doctor encrypt event help hub list log policy "
-                                  "prefs properties proxy settings state status watch ");
+    EXPECT_EQ(
+        offered("''"),
+        "--color --help --json --version about agent categories check debug decrypt doctor encrypt event help hub "
+        "list log policy prefs properties proxy settings state status watch ");
+    EXPECT_EQ(offered("help ''"),
+              "about agent categories check debug decrypt doctor encrypt event help hub list log policy "
+              "prefs properties proxy settings state status watch ");
     EXPECT_EQ(offered("help prefs ''"), "--help get reset set show ");
     EXPECT_EQ(offered("prefs ''"), "--help get reset set show ");
     EXPECT_EQ(offered("list ''"), "--help allow block export import remove show ");
@@ -100,6 +102,8 @@ TEST_F(ACompletion, OffersTheOptionsOfAVerb) {
     EXPECT_EQ(offered("debug on --t"), "--timeout ");
     EXPECT_EQ(offered("doctor --"), "--color --help --json --probe --timeout ");
     EXPECT_EQ(offered("proxy show --"), "--color --help --json ");
+    EXPECT_EQ(offered("check https://site.example/ --"),
+              "--category --color --help --json --phishing --rating --timeout --unreachable ");
 }
 
 } // namespace

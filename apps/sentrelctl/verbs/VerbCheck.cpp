@@ -1,0 +1,95 @@
+// sentrelctl check: what would happen to a page, and why.
+#include "apps/sentrelctl/Verbs.h"
+#include "apps/sentrelctl/decisions/DecisionLayout.h"
+#include "apps/sentrelctl/preferences/StoredSettings.h"
+#include "apps/sentrelctl/terminal/Failure.h"
+#include "base/Paths.h"
+#include "base/PrintableText.h"
+
+#include <array>
+#include <fmt/format.h>
+#include <memory>
+
+namespace Sentrel::ctl {
+namespace {
+
+constexpr const char* kChecking = "cannot check the page";
+
+struct PageCheckOptions {
+    std::string url;
+    std::int32_t rating = browsing::kNoRating;
+    std::vector<std::string> categories;
+    bool isPhishing = false;
+    bool isUnreachable = false;
+    double timeout = kDefaultTimeout;
+};
+
+browsing::SiteStanding standingIn(const PageCheckOptions& options) {
+    browsing::SiteStanding standing{.rating = options.rating,
+                                    .categories = {},
+                                    .isPhishing = options.isPhishing,
+                                    .isReachable = !options.isUnreachable};
+    for (const std::string& name : options.categories) {
+        standing.categories.push_back({name, 0});
+    }
+    return standing;
+}
+
+/// The settings that browsers are told, which are the stored ones.
+browsing::PageRules rulesOfThisMachine(double timeout) {
+    const settings::SettingsSnapshot stored = freshSettings(timeout, kChecking);
+    if (stored.state == settings::SnapshotState::None) {
+        throw Failure(ExitCode::Failed, kChecking, paths::settingsFile(), stored.reason,
+                      "'sentrelctl doctor' looks at the settings file");
+    }
+    return browsing::PageRules(stored);
+}
+
+void refuseWithoutScheme(const std::string& url) {
+    const auto reading = browsing::parseWebUrl(url);
+    const auto* const fault = std::get_if<browsing::UrlFault>(&reading);
+    if (fault != nullptr && *fault == browsing::UrlFault::NoScheme) {
+        constexpr std::size_t longest = 200;
+        throw Failure(ExitCode::BadUsage, "not an address", text::shortened(text::validUtf8(url), longest),
+                      browsing::faultText(*fault), "Give it whole, as a browser shows it");
+    }
+}
+
+void checkPage(Session& session, const PageCheckOptions& options) {
+    refuseWithoutScheme(options.url);
+    const browsing::SiteStanding standing = standingIn(options);
+    const browsing::PageRules rules = rulesOfThisMachine(options.timeout);
+    const browsing::PageDecision decision = rules.decide(options.url, standing);
+    const LocalPolicy policy = localPolicy();
+    const ExplainedDecision explained{rules, standing, decision, policy};
+    session.out.write(session.json == JsonMode::Off ? decisionText(explained, session.palette)
+                                                    : jsonText(decisionJson(explained), session.json));
+}
+
+Work describePageCheck(OptionSet& set, Session& session) {
+    const auto options = std::make_shared<PageCheckOptions>();
+    set.add("url", options->url, "The page's address").required().shownAs("URL");
+    set.add("--rating", options->rating, "The site's rating; -100 when it has none").shownAs("N");
+    set.add("--category", options->categories, "A content category that the site is in; may stand more than once")
+        .shownAs("NAME");
+    set.addFlag("--phishing", options->isPhishing, "It is a phishing page");
+    set.addFlag("--unreachable", options->isUnreachable, "Nobody can be asked for ratings");
+    set.addTimeout(options->timeout);
+    return [options, &session] { checkPage(session, *options); };
+}
+
+} // namespace
+
+Verbs checkVerbs() {
+    static constexpr std::array<Verb, 1> verbs{{
+        {"", "check",
+         "Shows what would happen to a page, step by step, and which setting or entry decides. Nothing is opened, "
+         "nothing is reported.",
+         "  sentrelctl check https://site.example/page\n  sentrelctl check https://site.example/ --rating 60 "
+         "--category Games",
+         describePageCheck},
+    }};
+    return verbs;
+}
+
+} // namespace Sentrel::ctl

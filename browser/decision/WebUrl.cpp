@@ -174,6 +174,11 @@ std::string dottedAddress(std::uint32_t address) {
     return text.data();
 }
 
+/// Whether there is nothing between two dots of a name, at its begin, or at its end.
+bool hasEmptyLabel(std::string_view name) {
+    return name.empty() || name.starts_with('.') || name.ends_with('.') || name.find("..") != std::string_view::npos;
+}
+
 /// Fills in host and address. @return whether there can be such a host.
 bool takeName(WebUrl& url, std::string_view hostText) {
     std::string name = withoutEscapes(hostText);
@@ -185,7 +190,7 @@ bool takeName(WebUrl& url, std::string_view hostText) {
     if (name.ends_with('.')) {
         name.pop_back();
     }
-    if (name.empty() || name.ends_with('.') || !std::all_of(name.begin(), name.end(), mayBeInHost)) {
+    if (hasEmptyLabel(name) || !std::all_of(name.begin(), name.end(), mayBeInHost)) {
         return false;
     }
     url.address = addressOf(name);

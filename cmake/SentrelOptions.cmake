@@ -10,7 +10,7 @@ target_include_directories(sentrel_options INTERFACE ${CMAKE_SOURCE_DIR})
 target_compile_options(sentrel_options INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wnon-virtual-dtor -Woverloaded-virtual
     -Wcast-align -Wundef -Wimplicit-fallthrough -Werror
-    -fstack-protector-strong -fno-strict-aliasing
+    -fno-strict-aliasing
     $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety> # the annotations of base/Mutex.h
     # In a unity build GCC takes a source's own namespace for a header's.
     $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>>:-Wno-subobject-linkage>
@@ -30,6 +30,9 @@ if(SENTREL_SANITIZE)
         -fno-sanitize-recover=all -fno-omit-frame-pointer
         $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>) # GCC 12 sees ghosts in sanitized library code
     target_link_options(sentrel_options INTERFACE -fsanitize=${SENTREL_SANITIZE})
+else()
+    # Not beside AddressSanitizer, which sees more: the guard is a seventh of a sanitized build's time.
+    target_compile_options(sentrel_options INTERFACE -fstack-protector-strong)
 endif()
 if(SENTREL_SANITIZE STREQUAL "thread" AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     # A runtime that is a library of its own: the linker's --wrap in the tests must not reach into it.

@@ -172,6 +172,11 @@ TEST(AText, OfExactlyTheDeclaredLengthIsRead) {
     EXPECT_EQ(valueIn<std::wstring>(archiveOf(L"3 xyz")), L"xyz");
 }
 
+TEST(AText, ThatIsEmptyNeedsNoSeparatorAtTheEnd) {
+    EXPECT_EQ(valueIn<std::wstring>(archiveOf(L"0")), L"");
+    EXPECT_EQ(valueIn<std::wstring>(archiveOf(L"0 ")), L"");
+}
+
 struct AHead : testing::TestWithParam<std::wstring> {};
 
 TEST_P(AHead, ThatIsNotAnArchivesIsRefused) {

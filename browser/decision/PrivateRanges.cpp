@@ -63,14 +63,10 @@ PrivateRanges::PrivateRanges(const std::vector<std::string>& texts) {
     }
     std::stable_sort(all.begin(), all.end(),
                      [](const Stretch& a, const Stretch& b) { return a.range.first < b.range.first; });
-    for (Stretch stretch : all) {
-        if (!m_stretches.empty() && stretch.range.first <= m_stretches.back().range.last) {
-            if (stretch.range.last <= m_stretches.back().range.last) {
-                continue;
-            }
-            stretch.range.first = m_stretches.back().range.last + 1;
+    for (const Stretch& stretch : all) { // one that lies within an earlier one adds nothing
+        if (m_stretches.empty() || stretch.range.last > m_stretches.back().range.last) {
+            m_stretches.push_back(stretch);
         }
-        m_stretches.push_back(stretch);
     }
 }
 

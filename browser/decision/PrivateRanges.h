@@ -41,7 +41,7 @@ private:
         std::size_t place;
     };
 
-    std::vector<Stretch> m_stretches; ///< by address, none meets another
+    std::vector<Stretch> m_stretches; ///< by their first addresses, and by their last ones too
     std::vector<std::size_t> m_unreadable;
 };
 

@@ -212,6 +212,14 @@ TEST(TheRecordOfADecision, CutsALongAddressWhereTheFieldEnds) {
     EXPECT_EQ(decision.url, url);
 }
 
+TEST(TheRecordOfADecision, HasTheRatingOfAPrivateAddressThatAnEntryNames) {
+    SettingsSnapshot snapshot;
+    snapshot.privateRanges = {"10.0.0.0/8"};
+    EXPECT_EQ(PageRules(snapshot).decide("http://10.0.0.1/", {.rating = 60}).record.urlRating, 0);
+    snapshot.allowBlock = {{"10.0.0.1", 1}};
+    EXPECT_EQ(PageRules(snapshot).decide("http://10.0.0.1/", {.rating = 60}).record.urlRating, 60);
+}
+
 TEST(UserActions, AreNoneOfTheDaemonsOwn) {
     for (const UserAction action : {UserAction::WentOn, UserAction::TurnedBack}) {
         EXPECT_GE(static_cast<std::int32_t>(action), 5);

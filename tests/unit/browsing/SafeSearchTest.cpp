@@ -24,6 +24,8 @@ TEST(SafeSearch, TakesThePlaceOfAnotherValue) {
     EXPECT_EQ(safe("https://www.google.com/search?safe=off&q=a"), "https://www.google.com/search?q=a&safe=active");
     EXPECT_EQ(safe("https://www.google.com/search?q=a&safe=active&safe=off"),
               "https://www.google.com/search?q=a&safe=active");
+    EXPECT_EQ(safe("https://www.google.com/search?safe=off&q=a&safe=active"),
+              "https://www.google.com/search?q=a&safe=active");
     EXPECT_EQ(safe("https://www.google.com/search?%73afe=off&q=a"), "https://www.google.com/search?q=a&safe=active");
 }
 

@@ -143,7 +143,7 @@ bool isAscii(std::string_view text) {
 }
 
 /// The name in ASCII and lower case; empty when it cannot be a host's.
-std::string asciiName(std::string name) {
+std::string asciiName(const std::string& name) {
     constexpr int flags = IDN2_NONTRANSITIONAL | IDN2_NFC_INPUT;
     const bool needsLibrary = !isAscii(name) || name.find("xn--") != std::string::npos;
     char* raw = nullptr;
@@ -186,7 +186,7 @@ bool takeName(WebUrl& url, std::string_view hostText) {
         return false;
     }
     std::transform(name.begin(), name.end(), name.begin(), lowered);
-    name = asciiName(std::move(name));
+    name = asciiName(name);
     if (name.ends_with('.')) {
         name.pop_back();
     }

@@ -134,7 +134,7 @@ void SettingsService::startReading() {
     try {
         askKeeper();
     } catch (const HVBException& failed) {
-        const std::string why = failed.message();
+        const std::string& why = failed.message();
         const sd_bus_error error{bus::kErrorKeeper, why.c_str(), 0};
         logAndIgnore(m_log, "asking the settings keeper", [&] { answer(std::exchange(m_asked, {}), &error); });
     }

@@ -27,7 +27,8 @@ namespace {
 constexpr std::string_view kHexDigits = "0123456789ABCDEF";
 constexpr std::size_t kDigitsOfEscape = 2;
 constexpr std::string_view kUnreserved = "-._~";
-constexpr std::string_view kReserved = "!$&'()*+,;=:@/?"; // may stand in a target as they are
+constexpr std::string_view kReservedInPath = "!$&'()*+,;=:@/"; // may stand there as they are
+constexpr std::string_view kReservedInQuery = "!$&()*+,;=:@/?"; // browsers escape the apostrophe here alone
 
 /// uriparser's view of a text, with its path normalised. Threads: one. Owner: a local; the text outlives it.
 class ParsedUri {
@@ -198,13 +199,24 @@ bool takeName(WebUrl& url, std::string_view hostText) {
     return url.address || !endsInNumber(name);
 }
 
+/// The address as browsers write it: its last four bytes are never dotted.
+std::string versionSixText(const unsigned char* bytes) {
+    std::array<char, INET6_ADDRSTRLEN> buffer{};
+    inet_ntop(AF_INET6, bytes, buffer.data(), buffer.size());
+    const std::string text = buffer.data();
+    if (text.find('.') == std::string::npos) {
+        return text;
+    }
+    constexpr std::size_t dotted = 12; // where they begin
+    const auto group = [&](std::size_t at) { return static_cast<unsigned>(bytes[at] << 8U | bytes[at + 1]); };
+    return fmt::format("{}{:x}:{:x}", text.substr(0, text.rfind(':') + 1), group(dotted), group(dotted + 2));
+}
+
 bool takeHost(WebUrl& url, const UriUriA& uri) {
     if (uri.hostData.ip6 == nullptr) {
         return uri.hostData.ipFuture.first == nullptr && takeName(url, textOf(uri.hostText));
     }
-    std::array<char, INET6_ADDRSTRLEN> text{};
-    inet_ntop(AF_INET6, uri.hostData.ip6->data, text.data(), text.size());
-    url.host = fmt::format("[{}]", text.data());
+    url.host = fmt::format("[{}]", versionSixText(uri.hostData.ip6->data));
     return true;
 }
 
@@ -241,8 +253,11 @@ std::string mended(const std::string& scheme, std::string_view rest) {
     const std::size_t end = std::min(rest.find_first_of("/?"), rest.size());
     std::string_view authority = rest.substr(0, end);
     authority.remove_prefix(authority.rfind('@') + 1); // userinfo; nothing when there is none
+    const std::string_view target = rest.substr(end);
+    const std::size_t path = pathLength(target);
     return scheme + "://" + withNeededEscapes(authority, "!$&'()*+,;=:[]") +
-           withNeededEscapes(rest.substr(end), kReserved);
+           withNeededEscapes(target.substr(0, path), kReservedInPath) +
+           (path < target.size() ? "?" + withNeededEscapes(target.substr(path + 1), kReservedInQuery) : "");
 }
 
 } // namespace

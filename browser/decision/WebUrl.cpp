@@ -27,7 +27,7 @@ namespace {
 constexpr std::string_view kHexDigits = "0123456789ABCDEF";
 constexpr std::size_t kDigitsOfEscape = 2;
 constexpr std::string_view kUnreserved = "-._~";
-constexpr std::string_view kReservedInPath = "!$&'()*+,;=:@/"; // may stand there as they are
+constexpr std::string_view kReservedInPath = "!$&'()*+,;=:@/";  // may stand there as they are
 constexpr std::string_view kReservedInQuery = "!$&()*+,;=:@/?"; // browsers escape the apostrophe here alone
 
 /// uriparser's view of a text, with its path normalised. Threads: one. Owner: a local; the text outlives it.

@@ -50,8 +50,6 @@ inline constexpr std::size_t kMaxModuleNameBytes = 64;
 
 /// The text of a LogLevel that is no level, in bytes of UTF-8, where a line quotes it.
 inline constexpr std::size_t kMaxQuotedLevelBytes = 64;
-/// A file that changed less than this ago is read at each look: the next change may leave no trace but its content.
-inline constexpr std::chrono::seconds kFileRest{1};
 
 /// A module that has not answered its health check by then, or by the next check, counts as silent.
 inline constexpr std::chrono::seconds kHealthCheckDeadline{5};

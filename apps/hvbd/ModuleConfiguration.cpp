@@ -85,7 +85,7 @@ std::string ModuleConfigurations::look(int moduleId) {
     }
     const Sentrel::MutexLock oneAtATime(m_reading);
     const Reading& last = m_readings[moduleId];
-    if (!last.stamp || stampOf(file->second) != last.stamp) {
+    if (!last.stamp || Sentrel::stampOf(file->second) != last.stamp) {
         try {
             read(moduleId, file->second);
         } catch (const ConfigurationError&) {
@@ -104,7 +104,8 @@ void ModuleConfigurations::lookAtAll() {
 /// Only a file that can be used is left unread while its stamp stays: what keeps it from being used may be elsewhere,
 /// such as in the rights to its directory.
 ModuleConfiguration ModuleConfigurations::read(int moduleId, const std::string& path) {
-    const std::optional<FileStamp> stamp = stampOf(path); // before the content, so that a change meanwhile is seen
+    const std::optional<Sentrel::FileStamp> stamp =
+        Sentrel::stampOf(path); // before the content, so that a change meanwhile is seen
     m_readings[moduleId].stamp.reset();
     try {
         ModuleConfiguration configuration = readModuleConfiguration(path);

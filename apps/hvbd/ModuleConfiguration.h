@@ -1,7 +1,7 @@
 // Which of a module's log lines are wanted, by its configuration file, and whether the module can use that file.
 #pragma once
 
-#include "apps/hvbd/FileStamp.h"
+#include "base/FileStamp.h"
 #include "base/Mutex.h"
 #include "hub/HubIds.h"
 
@@ -84,8 +84,8 @@ public:
 private:
     /// What the last reading of a file came to.
     struct Reading {
-        std::optional<FileStamp> stamp; ///< set when a file with this stamp needs no further reading
-        std::string problem;            ///< empty when there is none
+        std::optional<Sentrel::FileStamp> stamp; ///< set when a file with this stamp needs no further reading
+        std::string problem;                     ///< empty when there is none
     };
 
     ModuleConfiguration read(int moduleId, const std::string& path) SENTREL_REQUIRES(m_reading);

@@ -70,8 +70,8 @@ const sd_bus_vtable KeeperService::kVtable[] = {
     SD_BUS_VTABLE_END,
 };
 
-KeeperService::KeeperService(sd_event& event, std::string settingsFile, Tell tell)
-    : m_event(event), m_tell(std::move(tell)), m_watch(std::move(settingsFile)) {
+KeeperService::KeeperService(sd_event& event, std::string settingsFile, PolicyWatch policy, Tell tell)
+    : m_event(event), m_tell(std::move(tell)), m_watch(std::move(settingsFile), std::move(policy)) {
     m_hangups = bus::receiveHangups(m_event, onHangup, this);
     m_watch.look(steady_clock::now());
     update();

@@ -25,7 +25,7 @@ public:
     using Tell = std::function<void(int priority, const std::string& line)>;
 
     /// Looks for the first time. @throws HVB::HVBException when the loop takes no timer.
-    KeeperService(sd_event& event, std::string settingsFile, Tell tell);
+    KeeperService(sd_event& event, std::string settingsFile, PolicyWatch policy, Tell tell);
     ~KeeperService();
     KeeperService(const KeeperService&) = delete;
     KeeperService& operator=(const KeeperService&) = delete;

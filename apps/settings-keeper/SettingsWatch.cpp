@@ -23,7 +23,6 @@
 #include "base/PrintableText.h"
 
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <exception>
@@ -43,15 +42,6 @@ std::int64_t microsecondsNow() {
     return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
 }
 
-/// None when there is no file.
-std::optional<FileStamp> stampOf(const std::string& path) {
-    struct stat facts {};
-    return ::lstat(path.c_str(), &facts) == 0
-               ? std::optional(FileStamp{facts.st_dev, facts.st_ino, facts.st_size, facts.st_mtim.tv_sec,
-                                         facts.st_mtim.tv_nsec, facts.st_ctim.tv_sec, facts.st_ctim.tv_nsec})
-               : std::nullopt;
-}
-
 bool isLocked(const DatabaseError& error) {
     return error.code() == SQLITE_BUSY || error.code() == SQLITE_LOCKED;
 }
@@ -65,13 +55,15 @@ std::string explain(const std::string& path, const DatabaseError& error) {
 
 } // namespace
 
-SettingsWatch::SettingsWatch(std::string path) : m_path(std::move(path)), m_hold(m_path) {}
+SettingsWatch::SettingsWatch(std::string path, std::optional<PolicyWatch> policy)
+    : m_path(std::move(path)), m_hold(m_path), m_policy(std::move(policy)) {}
 
 /// Runs what needs the open file, after a look. What it throws closes the file.
 template <class Work>
 void SettingsWatch::guarded(Time now, const Work& work) {
     try {
         m_trouble.clear();
+        lookAtPolicy();
         if (holdFile(now) && openFile(now)) {
             lookInto(now);
             work();
@@ -171,6 +163,13 @@ void SettingsWatch::readSingles() {
     }
 }
 
+void SettingsWatch::lookAtPolicy() {
+    if (m_policy && m_policy->look() && m_snapshot) {
+        m_snapshot->policy = m_policy->policy();
+        ++m_revision;
+    }
+}
+
 /// Whether the lists of the file are those of the snapshot. Then nothing is pending.
 bool SettingsWatch::areListsServed() {
     SettingsSnapshot lists;
@@ -213,6 +212,7 @@ void SettingsWatch::settle(bool isShort) {
 }
 
 void SettingsWatch::serve(SettingsSnapshot&& next) {
+    next.policy = m_policy ? m_policy->policy() : std::nullopt;
     if (m_snapshot) {
         m_snapshot->readAt = next.readAt; // alone it is no news
     }

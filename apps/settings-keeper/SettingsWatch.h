@@ -2,6 +2,8 @@
 #pragma once
 
 #include "apps/settings-keeper/KeptFile.h"
+#include "apps/settings-keeper/PolicyWatch.h"
+#include "base/FileStamp.h"
 #include "base/SettingsHandover.h"
 #include "platform/settings/SettingsSnapshot.h"
 
@@ -11,21 +13,6 @@
 #include <string>
 
 namespace Sentrel::keeper {
-
-/// Which file it is, and which state of it: what could not be read is tried again at once when either changes.
-/// Threads: a plain value. Owner: the holder.
-struct FileStamp {
-    dev_t device;
-    ino_t inode;
-    off_t size;
-    std::int64_t changedSeconds;
-    std::int64_t changedNanoseconds;
-    // Of the file's facts, which no program can set: another content may have the size and the time of the one before.
-    std::int64_t factsChangedSeconds;
-    std::int64_t factsChangedNanoseconds;
-
-    bool operator==(const FileStamp&) const = default;
-};
 
 /// Follows the settings file. The daemon replaces a list row by row, so the file shows a part of it meanwhile: the
 /// lists that are served are those of the last whole state. A state is whole when the daemon has told of a change and
@@ -37,7 +24,8 @@ class SettingsWatch {
 public:
     using Time = std::chrono::steady_clock::time_point;
 
-    explicit SettingsWatch(std::string path);
+    /// @param policy when there is one, the snapshot says what it rules.
+    explicit SettingsWatch(std::string path, std::optional<PolicyWatch> policy = std::nullopt);
 
     // Each looks at the file first. None of them throws: what goes wrong is in the snapshot or in trouble. Each takes
     // the current time.
@@ -78,6 +66,7 @@ private:
     void letGo() noexcept;
     void lookInto(Time now);
     void readSingles();
+    void lookAtPolicy();
     bool areListsServed();
     void setChanging(bool isChanging);
     void followReplacement(Time now);
@@ -91,6 +80,7 @@ private:
     // Plain, single access.
     SettingsHold m_hold;
     std::optional<KeptFile> m_file; ///< open only while held
+    std::optional<PolicyWatch> m_policy;
     std::optional<settings::SettingsSnapshot> m_snapshot;
     std::uint64_t m_revision = 0;
     std::optional<settings::Replacement> m_note; ///< its rows are counted for the snapshot's

@@ -24,6 +24,7 @@
 namespace {
 
 using Sentrel::keeper::KeeperService;
+using Sentrel::keeper::PolicyWatch;
 namespace bus = HVB::bus;
 
 enum ExitCode : int { EXIT_DONE = 0, EXIT_FAILED = 1, EXIT_USAGE = 2 };
@@ -38,9 +39,10 @@ int keep() {
     umask(nothingForOthers);
     openlog("sentrel-settings-keeper", LOG_PID | (isatty(STDERR_FILENO) != 0 ? LOG_PERROR : 0), LOG_DAEMON);
     const bus::EventPtr loop = bus::newServiceLoop();
-    KeeperService service(*loop, Sentrel::paths::settingsFile(), tell);
-    bus::BusLink link(*loop, Sentrel::paths::hubSocket(),
-                      {bus::kKeeperName, "sentrel-settings-keeper", "the settings keeper"},
+    namespace paths = Sentrel::paths;
+    KeeperService service(*loop, paths::settingsFile(), PolicyWatch(paths::agentConfiguration(), paths::agentPolicy()),
+                          tell);
+    bus::BusLink link(*loop, paths::hubSocket(), {bus::kKeeperName, "sentrel-settings-keeper", "the settings keeper"},
                       {[&](sd_bus& connection) { service.connected(connection); }, [&] { service.lost(); }, tell});
     link.connectSoon();
     tell(LOG_NOTICE, "started");

@@ -74,6 +74,14 @@ json jsonOfProxy(const ProxySettings& proxy) {
     return object;
 }
 
+json jsonOfPolicy(const MachinePolicy& policy) {
+    json object{{"managed", policy.isManaged}, {"trouble", policy.trouble}, {"rules", policy.rules}};
+    if (policy.version) {
+        object["version"] = *policy.version;
+    }
+    return object;
+}
+
 json documentOf(const SettingsSnapshot& snapshot) {
     json document{{"format", kFormat},
                   {"read_at", snapshot.readAt},
@@ -95,6 +103,9 @@ json documentOf(const SettingsSnapshot& snapshot) {
         document["replacing"] = {{"list", snapshot.replacement->list},
                                  {"of", snapshot.replacement->of},
                                  {"stored", snapshot.replacement->stored}};
+    }
+    if (snapshot.policy) {
+        document["policy"] = jsonOfPolicy(*snapshot.policy);
     }
     return document;
 }
@@ -260,6 +271,18 @@ Replacement replacementIn(const json& value, const std::string& place) {
     return replacement;
 }
 
+MachinePolicy policyIn(const json& value, const std::string& place) {
+    MachinePolicy policy;
+    Members members(value, place);
+    policy.isManaged = boolIn(members.require("managed"), members.placeOf("managed"));
+    members.readInto(policy.version, "version", numberIn<std::int64_t>);
+    policy.trouble = textIn(members.require("trouble"), members.placeOf("trouble"));
+    const std::string rules = members.placeOf("rules");
+    eachIn(members.require("rules"), rules, [&](const json& key) { policy.rules.push_back(textIn(key, rules)); });
+    members.requireNoOthers();
+    return policy;
+}
+
 SnapshotState stateIn(const json& value, const std::string& place) {
     const std::string word = textIn(value, place);
     const auto* const found =
@@ -278,6 +301,7 @@ void readHead(Members& members, SettingsSnapshot& snapshot) {
     snapshot.isChanging = boolIn(members.require("changing"), "/changing");
     members.readInto(snapshot.check, "check", checkIn);
     members.readInto(snapshot.replacement, "replacing", replacementIn);
+    members.readInto(snapshot.policy, "policy", policyIn);
 }
 
 void readValues(Members& members, SettingsSnapshot& snapshot) {

@@ -66,6 +66,18 @@ struct Replacement {
     bool operator==(const Replacement&) const = default;
 };
 
+/// What is known of the policy that the management server gave this machine. Threads: a plain value. Owner: its
+/// snapshot.
+struct MachinePolicy {
+    bool isManaged = false;
+    std::optional<std::int64_t> version; ///< of the policy in store; none when there is none
+    std::string trouble;                 ///< printable; why the policy in store cannot be read
+    /// Keys of the settings that it rules; "allow_block" and "private_ranges" stand for those lists.
+    std::vector<std::string> rules;
+
+    bool operator==(const MachinePolicy&) const = default;
+};
+
 enum class SnapshotState {
     Whole, ///< every list is as a whole change left it
     Short, ///< the daemon ended while a list was replaced; what is there is what it reads at its next start
@@ -85,6 +97,7 @@ struct SettingsSnapshot {
     /// A list is changing. The lists are as they last were whole; everything else is as the file has it.
     bool isChanging = false;
     std::optional<Replacement> replacement;
+    std::optional<MachinePolicy> policy; ///< none: not known
 
     std::map<std::string, std::int32_t> numbers; ///< of kNumberKeys; a missing row is missing here
     std::vector<std::string> unreadable;         ///< keys whose row holds no number of four bytes

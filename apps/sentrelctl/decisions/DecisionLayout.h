@@ -16,7 +16,7 @@ struct ExplainedDecision {
     const browsing::PageRules& rules;
     const browsing::SiteStanding& standing;
     const browsing::PageDecision& decision;
-    const LocalPolicy& policy;
+    const std::optional<settings::MachinePolicy>& policy;
 };
 
 /// What a policy would have to set to rule this decision: as rulingOf takes it.

@@ -2,27 +2,13 @@
 #pragma once
 
 #include "apps/sentrelctl/terminal/Json.h"
-#include "platform/hvbagent/PolicyDocument.h"
+#include "platform/settings/SettingsSnapshot.h"
 
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace Sentrel::ctl {
-
-/// The policy in force on this machine, or why there is none or it is not known.
-/// Threads: a plain value. Owner: the holder.
-struct LocalPolicy {
-    std::optional<bool> isManaged; ///< none: not known
-    bool isThereNone = false;      ///< it is known that there is no policy
-    std::optional<HVBEnterprise::agent::PolicyReading> policy;
-    std::string why; ///< why there is no policy here, as a sentence without its end; empty when there is one
-};
-
-/// Looks at this machine's enrolment and at the policy that the daemon has saved. Only root and the daemon's user may
-/// read that.
-LocalPolicy localPolicy();
 
 /// Whether a policy says something of a setting.
 struct PolicyRuling {
@@ -31,10 +17,10 @@ struct PolicyRuling {
 };
 
 /// @param setting the key of a setting in the settings file; "allow_block" and "private_ranges" stand for those lists.
-/// Empty: no setting decided.
-PolicyRuling rulingOf(std::string_view setting, const LocalPolicy& local);
+/// Empty: no setting decided. @param policy what the settings keeper knows of it; none: nothing.
+PolicyRuling rulingOf(std::string_view setting, const std::optional<settings::MachinePolicy>& policy);
 
 /// "ruled", "managed" and "text".
-Json rulingJson(const PolicyRuling& ruling, const LocalPolicy& local);
+Json rulingJson(const PolicyRuling& ruling, const std::optional<settings::MachinePolicy>& policy);
 
 } // namespace Sentrel::ctl

@@ -36,13 +36,13 @@ browsing::SiteStanding standingIn(const PageCheckOptions& options) {
 }
 
 /// The settings that browsers are told, which are the stored ones.
-browsing::PageRules rulesOfThisMachine(double timeout) {
-    const settings::SettingsSnapshot stored = freshSettings(timeout, kChecking);
+settings::SettingsSnapshot settingsOfThisMachine(double timeout) {
+    settings::SettingsSnapshot stored = freshSettings(timeout, kChecking);
     if (stored.state == settings::SnapshotState::None) {
         throw Failure(ExitCode::Failed, kChecking, paths::settingsFile(), stored.reason,
                       "'sentrelctl doctor' looks at the settings file");
     }
-    return browsing::PageRules(stored);
+    return stored;
 }
 
 void refuseWithoutScheme(const std::string& url) {
@@ -58,10 +58,10 @@ void refuseWithoutScheme(const std::string& url) {
 void checkPage(Session& session, const PageCheckOptions& options) {
     refuseWithoutScheme(options.url);
     const browsing::SiteStanding standing = standingIn(options);
-    const browsing::PageRules rules = rulesOfThisMachine(options.timeout);
+    const settings::SettingsSnapshot stored = settingsOfThisMachine(options.timeout);
+    const browsing::PageRules rules(stored);
     const browsing::PageDecision decision = rules.decide(options.url, standing);
-    const LocalPolicy policy = localPolicy();
-    const ExplainedDecision explained{rules, standing, decision, policy};
+    const ExplainedDecision explained{rules, standing, decision, stored.policy};
     session.out.write(session.json == JsonMode::Off ? decisionText(explained, session.palette)
                                                     : jsonText(decisionJson(explained), session.json));
 }

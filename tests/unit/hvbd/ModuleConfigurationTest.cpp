@@ -138,7 +138,7 @@ protected:
     /// Waits until a look may take the file for the same without reading it.
     void rest() {
         ASSERT_TRUE(testing_support::eventually([&] {
-            const std::optional<FileStamp> stamp = stampOf(path);
+            const std::optional<Sentrel::FileStamp> stamp = Sentrel::stampOf(path);
             return stamp && hasRested(*stamp);
         }));
     }

@@ -10,7 +10,7 @@ using browsing::PageRules;
 using browsing::SiteStanding;
 using settings::SettingsSnapshot;
 
-const LocalPolicy kUnmanaged{false, true, std::nullopt, "this machine is not managed"};
+const std::optional<settings::MachinePolicy> kUnmanaged = settings::MachinePolicy();
 
 std::string shown(const SettingsSnapshot& snapshot, const std::string& url, const SiteStanding& standing = {}) {
     const PageRules rules(snapshot);
@@ -110,37 +110,32 @@ TEST(ADecision, HasAllForProgramsToo) {
               "\n");
 }
 
-LocalPolicy policyWith(const std::string& document) {
-    return {true, false, HVBEnterprise::agent::readPolicyDocument(document), ""};
+std::string rulingText(std::string_view setting, const std::optional<settings::MachinePolicy>& policy) {
+    return rulingOf(setting, policy).text;
 }
 
-TEST(APolicy, RulesASettingWhoseKeyItHas) {
-    const LocalPolicy local = policyWith(
-        R"({"version": 7, "id": "a", "sections": {}, "features": {"KPF_General": {"ActionEnforcement": {"bPhishingBlock": 1}},)"
-        R"( "KPF_ContentFiltering": {"RatingActions": {"uiOverall": 0}}}})");
-    ASSERT_EQ(local.policy->refused, "");
-    const PolicyRuling phishing = rulingOf("GenPolicyBlockPhishingAction", local);
-    EXPECT_EQ(phishing.isRuled, true);
-    EXPECT_EQ(phishing.text, "the policy in force, version 7, sets it (bPhishingBlock)");
-    const PolicyRuling red = rulingOf("RedSiteAction", local);
-    EXPECT_EQ(red.isRuled, false) << "0 leaves the actions as they are";
-    EXPECT_EQ(red.text, "the policy in force, version 7, leaves it (uiOverall)");
-    EXPECT_EQ(rulingOf("allow_block", local).isRuled, false);
-    EXPECT_EQ(rulingOf("", local).text, "no policy says anything of this");
+TEST(APolicyRuling, SaysWhichKeySetsASettingOrLeavesIt) {
+    const settings::MachinePolicy policy{true, 7, "", {"GenPolicyBlockPhishingAction"}};
+    EXPECT_EQ(rulingText("GenPolicyBlockPhishingAction", policy),
+              "the policy in force, version 7, sets it (bPhishingBlock)");
+    EXPECT_EQ(rulingOf("GenPolicyBlockPhishingAction", policy).isRuled, true);
+    EXPECT_EQ(rulingText("RedSiteAction", policy), "the policy in force, version 7, leaves it (uiOverall)");
+    EXPECT_EQ(rulingOf("RedSiteAction", policy).isRuled, false);
+    EXPECT_EQ(rulingText("", policy), "no policy says anything of this");
 }
 
-TEST(APolicy, ThatIsNotEnforcedRulesNothing) {
-    const LocalPolicy local =
-        policyWith(R"({"version": 7, "id": "a", "sections": {"NODE_ST_1070UNIX": {"EnforcePolicy": 0}},)"
-                   R"( "features": {"KPF_General": {"ActionEnforcement": {"bPhishingBlock": 1}}}})");
-    ASSERT_EQ(local.policy->refused, "");
-    EXPECT_EQ(rulingOf("GenPolicyBlockPhishingAction", local).isRuled, false);
+TEST(APolicyRuling, SaysWhyThereIsNone) {
+    EXPECT_EQ(rulingText("Enabled", settings::MachinePolicy()), "this machine is not managed");
+    const settings::MachinePolicy waiting{true, std::nullopt, "", {}};
+    EXPECT_EQ(rulingText("Enabled", waiting), "this machine is managed, and no policy has come yet");
+    EXPECT_EQ(rulingOf("Enabled", waiting).isRuled, false);
 }
 
-TEST(APolicy, ThatCannotBeSeenIsNotTakenForNone) {
-    const LocalPolicy local{true, false, std::nullopt, "not known"};
-    EXPECT_EQ(rulingOf("RedSiteAction", local).isRuled, std::nullopt);
-    EXPECT_EQ(rulingOf("RedSiteAction", local).text, "not known");
+TEST(APolicyRuling, OfAPolicyThatCannotBeSeenIsNotTakenForNone) {
+    EXPECT_EQ(rulingOf("Enabled", std::nullopt).isRuled, std::nullopt);
+    const settings::MachinePolicy spoilt{true, std::nullopt, "line 1: no JSON", {}};
+    EXPECT_EQ(rulingOf("Enabled", spoilt).isRuled, std::nullopt);
+    EXPECT_EQ(rulingText("Enabled", spoilt), "not known: the saved policy cannot be read: line 1: no JSON");
 }
 
 } // namespace

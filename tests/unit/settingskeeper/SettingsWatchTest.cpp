@@ -55,6 +55,26 @@ protected:
     SettingsWatch::Time m_now = std::chrono::steady_clock::now();
 };
 
+TEST_F(ASettingsWatch, SaysWhatThePolicyRulesAndTellsOfItsChanges) {
+    const std::string enrolment = m_path + ".agent";
+    const std::string policy = m_path + ".policy";
+    SettingsWatch watch(m_path, PolicyWatch(enrolment, policy));
+    watch.look(m_now);
+    watch.look(m_now + kBetweenLooks);
+    ASSERT_TRUE(watch.snapshot());
+    ASSERT_TRUE(watch.snapshot()->policy);
+    EXPECT_FALSE(watch.snapshot()->policy->isManaged);
+    const std::uint64_t revision = watch.revision();
+    testing_support::writeFile(enrolment, "{}");
+    watch.look(m_now + 2 * kBetweenLooks);
+    EXPECT_GT(watch.revision(), revision);
+    EXPECT_TRUE(watch.snapshot()->policy->isManaged);
+    setNumber("Enabled", 0);
+    watch.look(m_now + 3 * kBetweenLooks);
+    watch.look(m_now + 3 * kBetweenLooks + kQuiet);
+    EXPECT_TRUE(watch.snapshot()->policy->isManaged) << "it stays when the settings change";
+}
+
 TEST_F(ASettingsWatch, ServesNothingBeforeItHasSeenTheFileRest) {
     SettingsWatch watch(m_path);
     watch.look(m_now);

@@ -1,13 +1,11 @@
-#include "apps/hvbd/FileStamp.h"
-
-#include "apps/hvbd/HvbdLimits.h"
+#include "base/FileStamp.h"
 
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
 
-namespace HVB::hub {
+namespace Sentrel {
 namespace {
 
 using std::chrono::nanoseconds;
@@ -38,4 +36,4 @@ bool hasRested(const FileStamp& stamp) {
                        [now](const auto& facts) { return facts.changed < now - nanoseconds(kFileRest).count(); });
 }
 
-} // namespace HVB::hub
+} // namespace Sentrel

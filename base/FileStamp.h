@@ -4,11 +4,12 @@
 #include <sys/types.h>
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 
-namespace HVB::hub {
+namespace Sentrel {
 
 /// What the file system tells of what is at a path, and of the file behind it where that is a link. Two stamps that are
 /// equal mean the same content, when the first was taken of a file that had rested.
@@ -30,8 +31,11 @@ struct FileStamp {
 /// The stamp of what is at @p path; none when nothing is, or it cannot be seen.
 std::optional<FileStamp> stampOf(const std::string& path);
 
+/// The coarsest clock of a file system that is stored on here: later changes have later times.
+inline constexpr std::chrono::seconds kFileRest{1};
+
 /// Whether the last change behind @p stamp is so long ago that another one would have given another time. Right after a
 /// change the file system's clock may not have gone on yet.
 bool hasRested(const FileStamp& stamp);
 
-} // namespace HVB::hub
+} // namespace Sentrel

@@ -73,12 +73,16 @@ function(sentrel_library name)
 endfunction()
 
 # sentrel_program(<name> SOURCES … LINK …): a program in its two forms. <name> has fixed paths and is what is shipped;
-# <name>-rooted is the same objects behind the install root of the environment, for tests and ./run.
+# <name>-rooted is the same objects behind the install root of the environment, for tests and ./run. It is installed with those
+# that people start, unless DESTINATION names another directory.
 function(sentrel_program name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LINK")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "DESTINATION" "SOURCES;LINK")
+    if(NOT arg_DESTINATION)
+        set(arg_DESTINATION ${CMAKE_INSTALL_SBINDIR})
+    endif()
     add_executable(${name} ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE sentrel::options ${arg_LINK} sentrel_root_shipped)
     add_executable(${name}-rooted ${arg_SOURCES})
     target_link_libraries(${name}-rooted PRIVATE sentrel::options ${arg_LINK} sentrel_root_environment)
-    install(TARGETS ${name} DESTINATION ${CMAKE_INSTALL_SBINDIR})
+    install(TARGETS ${name} DESTINATION ${arg_DESTINATION})
 endfunction()

@@ -99,10 +99,16 @@ public:
     bool isProtecting() const { return m_isProtecting; }
     bool allowsFirst() const { return m_allowsFirst; }
     bool blocksCategories() const { return m_blocksCategories; }
+    bool blocksUncategorised() const { return m_blocksUncategorised; }
+    bool reportsGreen() const { return m_reportsGreen; }
+    bool reportsAllowed() const { return m_reportsAllowed; }
+    bool searchesSafely() const { return m_searchesSafely; }
     /// The action for each rating, as the events' rules take it.
     const NPlgHelper::RateActionMap& actions() const { return m_actions; }
     const std::vector<settings::ListEntry>& entries() const { return m_entries; }
     const std::vector<std::string>& ranges() const { return m_rangeTexts; }
+    /// The names of the blocked ones.
+    const std::set<std::string, std::less<>>& categories() const { return m_categories; }
     const SiteList& list() const { return m_list; }
     const PrivateRanges& privateRanges() const { return m_ranges; }
 

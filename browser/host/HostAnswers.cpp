@@ -1,0 +1,190 @@
+// The host's messages as JSON texts.
+//
+// What must stay so:
+// - Entries are bytes of the settings file. They are made valid UTF-8 where a text is written, and nowhere before: what
+//   decides is what the file has.
+// - The entries of the list are written one by one. As one tree of JSON a hundred thousand of them take ten times the
+//   memory of their text.
+#include "browser/host/HostAnswers.h"
+
+#include "platform/settings/SettingsSnapshot.h"
+
+#include <fmt/chrono.h>
+#include <nlohmann/json.hpp>
+
+#include <array>
+#include <chrono>
+#include <string_view>
+#include <variant>
+
+namespace Sentrel::host {
+namespace {
+
+using browsing::PageDecision;
+using browsing::PageRules;
+using nlohmann::json;
+
+/// On one line, with U+FFFD for each byte that is not UTF-8.
+std::string lineOf(const json& value) {
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+std::string timeOf(std::int64_t microseconds) {
+    const std::chrono::system_clock::time_point time{std::chrono::microseconds(microseconds)};
+    return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(std::chrono::system_clock::to_time_t(time)));
+}
+
+/// Adds members, which are JSON already, to the text of an object that has some.
+void addMember(std::string& object, std::string_view name, std::string_view value) {
+    object.pop_back();
+    object += fmt::format(R"(,"{}":{}}})", name, value);
+}
+
+template <class List, class Shown>
+std::string arrayOf(const List& list, Shown shown) {
+    std::string text = "[";
+    for (const auto& each : list) {
+        text += text.size() > 1 ? "," : "";
+        text += lineOf(shown(each));
+    }
+    return text + "]";
+}
+
+json entryArray(const settings::ListEntry& entry) {
+    const bool allows = entry.value == 0;
+    const auto reading = browsing::parseSitePattern(entry.name);
+    const auto* const pattern = std::get_if<browsing::SitePattern>(&reading);
+    return pattern == nullptr ? json::array({allows, entry.name})
+                              : json::array({allows, entry.name, pattern->scheme, pattern->host,
+                                             pattern->coversNamesBelow, pattern->port, pattern->target});
+}
+
+json rangeArray(const std::string& text) {
+    const auto range = browsing::parseAddressRange(text);
+    return range ? json::array({text, range->first, range->last}) : json::array({text});
+}
+
+std::string rulesText(const PageRules& rules) {
+    std::string text = lineOf(json{{"protecting", rules.isProtecting()},
+                                   {"allowsFirst", rules.allowsFirst()},
+                                   {"blocksCategories", rules.blocksCategories()},
+                                   {"blocksUncategorised", rules.blocksUncategorised()},
+                                   {"reportsGreen", rules.reportsGreen()},
+                                   {"reportsAllowed", rules.reportsAllowed()},
+                                   {"searchesSafely", rules.searchesSafely()},
+                                   {"actions", rules.actions()}});
+    addMember(text, "entries", arrayOf(rules.entries(), entryArray));
+    addMember(text, "ranges", arrayOf(rules.ranges(), rangeArray));
+    addMember(text, "categories", arrayOf(rules.categories(), [](const std::string& name) { return json(name); }));
+    return text;
+}
+
+constexpr std::array<const char*, 3> kStateWords{"waiting", "current", "kept"};
+constexpr std::array<const char*, 4> kActionWords{"", "allow", "warn", "block"};
+constexpr std::array<const char*, 3> kReportingWords{"never", "at once", "when answered"};
+constexpr std::array<const char*, 8> kStageWords{"address",      "protection", "list",     "private range",
+                                                 "reachability", "category",   "phishing", "rating"};
+
+json entryIn(const PageRules& rules, std::size_t place) {
+    if (place == browsing::SiteList::kNone) {
+        return nullptr;
+    }
+    const settings::ListEntry& entry = rules.entries()[place];
+    return json{{"place", place}, {"text", entry.name}, {"allows", entry.value == 0}};
+}
+
+json summaryOf(const WholeSettings* whole) {
+    const PageRules* const rules = whole != nullptr ? &whole->rules : nullptr;
+    return json{{"entries", rules != nullptr ? rules->entries().size() : 0},
+                {"ranges", rules != nullptr ? rules->ranges().size() : 0},
+                {"categories", rules != nullptr ? rules->categories().size() : 0},
+                {"numbers", whole != nullptr ? json(whole->numbers) : json::object()}};
+}
+
+} // namespace
+
+std::string welcomeText(const std::string& release) {
+    return lineOf(json{{"type", "welcome"}, {"version", kProtocolVersion}, {"host", release}});
+}
+
+std::string errorText(const RequestError& error) {
+    json message{{"type", "error"}, {"code", error.code()}, {"text", error.what()}};
+    if (error.id()) {
+        message["id"] = *error.id();
+    }
+    if (error.code() == std::string_view("version")) {
+        message["version"] = kProtocolVersion;
+    }
+    return lineOf(message);
+}
+
+std::string settingsText(const HeldSettings& held, std::uint64_t generation, bool rules) {
+    const WholeSettings* const whole = held.whole.get();
+    const json ratings{{"reachable", true}, {"because", "there are no rating lists"}, {"lists", json::array()}};
+    std::string text = lineOf(json{{"type", "settings"},
+                                   {"state", kStateWords.at(static_cast<std::size_t>(held.state))},
+                                   {"because", held.because},
+                                   {"generation", generation},
+                                   {"since", whole != nullptr ? timeOf(whole->readAt) : ""},
+                                   {"protecting", whole == nullptr || whole->rules.isProtecting()},
+                                   {"managed", nullptr},
+                                   {"ratings", ratings},
+                                   {"summary", summaryOf(whole)}});
+    if (rules && whole != nullptr) {
+        addMember(text, "rules", rulesText(whole->rules));
+    }
+    return text;
+}
+
+std::string decisionText(std::uint64_t id, const PageRules& rules, const PageDecision& decision) {
+    json message{{"type", "decision"},
+                 {"id", id},
+                 {"url", decision.url},
+                 {"action", kActionWords.at(static_cast<std::size_t>(decision.action()))},
+                 {"by", kStageWords.at(static_cast<std::size_t>(decision.decidedBy()))},
+                 {"reporting", kReportingWords.at(static_cast<std::size_t>(decision.reporting))},
+                 {"setting", decision.setting},
+                 {"entry", entryIn(rules, decision.entry)},
+                 {"overruled", entryIn(rules, decision.overruled)},
+                 {"range", nullptr},
+                 {"category", nullptr},
+                 {"rating", decision.record.urlRating},
+                 {"ratingName", NPlgHelper::GetRatingStr(decision.record.urlRating)},
+                 {"ratedBy", ""},
+                 {"safeSearch", decision.safeSearch.value_or("")},
+                 {"ruled", nullptr}};
+    if (decision.range != browsing::PrivateRanges::kNone) {
+        message["range"] = json{{"place", decision.range}, {"text", rules.ranges()[decision.range]}};
+    }
+    if (decision.category) {
+        message["category"] = json{{"name", decision.category->name}, {"number", decision.category->number}};
+    }
+    return lineOf(message);
+}
+
+std::string waitText(const DecideRequest& request) {
+    const auto reading = browsing::parseWebUrl(request.url);
+    const auto* const url = std::get_if<browsing::WebUrl>(&reading);
+    return lineOf(json{{"type", "decision"},
+                       {"id", request.id},
+                       {"url", url != nullptr ? url->text() : request.url},
+                       {"action", "wait"},
+                       {"by", ""},
+                       {"reporting", "never"},
+                       {"setting", ""},
+                       {"entry", nullptr},
+                       {"overruled", nullptr},
+                       {"range", nullptr},
+                       {"category", nullptr},
+                       {"rating", browsing::kNoRating},
+                       {"ratingName", NPlgHelper::GetRatingStr(browsing::kNoRating)},
+                       {"ratedBy", ""},
+                       {"safeSearch", ""},
+                       {"ruled", nullptr}});
+}
+
+std::string reportedText(std::uint64_t id, const char* outcome, std::uint64_t lost) {
+    return lineOf(json{{"type", "reported"}, {"id", id}, {"outcome", outcome}, {"lost", lost}});
+}
+
+} // namespace Sentrel::host

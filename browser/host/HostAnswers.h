@@ -1,0 +1,28 @@
+// What the host says: its messages, written as JSON. docs/browser-host.md has them.
+#pragma once
+
+#include "browser/decision/PageDecision.h"
+#include "browser/host/HeldSettings.h"
+#include "browser/host/HostMessages.h"
+
+#include <cstdint>
+#include <string>
+
+/// Free functions without state. Threads: any. Owner: none. What they return is valid UTF-8.
+namespace Sentrel::host {
+
+std::string welcomeText(const std::string& release);
+std::string errorText(const RequestError& error);
+
+/// @param rules whether what decides is told, too.
+std::string settingsText(const HeldSettings& held, std::uint64_t generation, bool rules);
+
+/// @param rules those that decided.
+std::string decisionText(std::uint64_t id, const browsing::PageRules& rules, const browsing::PageDecision& decision);
+/// The answer while there are no settings.
+std::string waitText(const DecideRequest& request);
+
+/// @param lost how many reports were dropped until now, because the queue was full.
+std::string reportedText(std::uint64_t id, const char* outcome, std::uint64_t lost);
+
+} // namespace Sentrel::host

@@ -1,0 +1,115 @@
+#include "browser/host/HostSession.h"
+
+#include "browser/host/HostAnswers.h"
+#include "events/NPlgHelper.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace Sentrel::host {
+namespace {
+
+using browsing::PageDecision;
+using browsing::Reporting;
+using browsing::SiteStanding;
+using browsing::UserAction;
+
+/// What is known of a site. Nobody rates sites yet.
+SiteStanding standingOf(const std::string& /*url*/) {
+    return {};
+}
+
+template <std::size_t size>
+void fillField(char (&field)[size], std::string_view text) {
+    std::copy_n(text.begin(), std::min(text.size(), size - 1), field);
+}
+
+/// The record to send, when @p answer is what the decision waits for.
+std::optional<STEventData> recordOf(const PageDecision& decision, WarningAnswer answer, const std::string& browser) {
+    const Reporting due = answer == WarningAnswer::None ? Reporting::AtOnce : Reporting::WhenAnswered;
+    if (decision.reporting != due) {
+        return std::nullopt;
+    }
+    STEventData record = decision.record;
+    fillField(record.eventId, "browser-host");
+    fillField(record.browserProcessName, browser);
+    const UserAction action = answer == WarningAnswer::WentOn       ? UserAction::WentOn
+                              : answer == WarningAnswer::TurnedBack ? UserAction::TurnedBack
+                                                                    : UserAction::None;
+    record.userAction = static_cast<std::int32_t>(action);
+    return record;
+}
+
+std::optional<std::uint64_t> requestId(const HostRequest& request) {
+    if (const auto* const decide = std::get_if<DecideRequest>(&request)) {
+        return decide->id;
+    }
+    const auto* const report = std::get_if<ReportRequest>(&request);
+    return report != nullptr ? std::optional(report->id) : std::nullopt;
+}
+
+} // namespace
+
+HostSession::HostSession(std::string release, Users users) : m_release(std::move(release)), m_users(std::move(users)) {}
+
+void HostSession::take(std::string_view message) {
+    try {
+        const HostRequest request = readRequest(message);
+        const auto* const hello = std::get_if<Hello>(&request);
+        if ((hello != nullptr) == m_hello.has_value()) {
+            throw RequestError("order", m_hello ? "'hello' comes once" : "'hello' comes first", requestId(request));
+        }
+        if (hello != nullptr) {
+            greet(*hello);
+        } else if (const auto* const decideRequest = std::get_if<DecideRequest>(&request)) {
+            decide(*decideRequest);
+        } else {
+            report(std::get<ReportRequest>(request));
+        }
+    } catch (const RequestError& error) {
+        m_users.send(errorText(error));
+    }
+}
+
+void HostSession::hold(HeldSettings held) {
+    if (held == m_held) {
+        return;
+    }
+    m_held = std::move(held);
+    m_owesSettings = m_hello.has_value();
+}
+
+std::optional<std::string> HostSession::owedSettings() {
+    if (!std::exchange(m_owesSettings, false)) {
+        return std::nullopt;
+    }
+    return settingsText(m_held, ++m_generation, m_hello->wantsRules);
+}
+
+void HostSession::greet(const Hello& hello) {
+    m_hello = hello;
+    m_owesSettings = true;
+    m_users.send(welcomeText(m_release));
+}
+
+void HostSession::decide(const DecideRequest& request) {
+    if (m_held.whole == nullptr) {
+        m_users.send(waitText(request));
+        return;
+    }
+    const browsing::PageRules& rules = m_held.whole->rules;
+    m_users.send(decisionText(request.id, rules, rules.decide(request.url, standingOf(request.url))));
+}
+
+void HostSession::report(const ReportRequest& request) {
+    const char* outcome = "dropped";
+    if (m_held.whole != nullptr) {
+        const PageDecision decision = m_held.whole->rules.decide(request.url, standingOf(request.url));
+        const std::optional<STEventData> record = recordOf(decision, request.answer, m_hello->browser);
+        outcome = record ? "queued" : "not needed";
+        m_lost = record ? m_users.report(*record) : m_lost;
+    }
+    m_users.send(reportedText(request.id, outcome, m_lost));
+}
+
+} // namespace Sentrel::host

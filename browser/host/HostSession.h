@@ -1,0 +1,52 @@
+// One browser's conversation: which message may come when, and what answers it.
+#pragma once
+
+#include "browser/host/HeldSettings.h"
+#include "browser/host/HostMessages.h"
+#include "events/STEventData.h"
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace Sentrel::host {
+
+/// Threads: one at a time. Owner: the loop; what it was given outlives it.
+class HostSession {
+public:
+    struct Users {
+        /// Gets each answer.
+        std::function<void(std::string message)> send;
+        /// Takes a record to be sent to the daemon. @return how many were dropped until now for want of room.
+        std::function<std::uint64_t(const STEventData& record)> report;
+    };
+
+    HostSession(std::string release, Users users);
+
+    /// Deals with one message of the browser. @throws FramingError when it is no JSON object.
+    void take(std::string_view message);
+
+    /// From now on these decide.
+    void hold(HeldSettings held);
+
+    /// The settings, once, when the browser is to be told of them; none when it knows them. Settings that were
+    /// overtaken by others before anybody asked are never told.
+    std::optional<std::string> owedSettings();
+
+private:
+    void greet(const Hello& hello);
+    void decide(const DecideRequest& request);
+    void report(const ReportRequest& request);
+
+    const std::string m_release;
+    const Users m_users;
+    HeldSettings m_held;
+    std::optional<Hello> m_hello;
+    bool m_owesSettings = false;
+    std::uint64_t m_generation = 0;
+    std::uint64_t m_lost = 0;
+};
+
+} // namespace Sentrel::host

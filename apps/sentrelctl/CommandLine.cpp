@@ -316,7 +316,9 @@ Option OptionSet::add(const std::string& name, std::uint64_t& value, const std::
 }
 
 Option OptionSet::add(const std::string& name, std::vector<std::string>& values, const std::string& help) {
-    return Option(*m_verb.add_option(name, values, help));
+    CLI::Option* const option = m_verb.add_option(name, values, help);
+    option->allow_extra_args(name[0] != '-'); // an option takes one a time; what follows it is an argument
+    return Option(*option);
 }
 
 Option OptionSet::addFlag(const std::string& name, bool& isSet, const std::string& help) {

@@ -52,7 +52,7 @@ public:
     Option add(const std::string& name, std::int32_t& value, const std::string& help);
     Option add(const std::string& name, std::uint32_t& value, const std::string& help);
     Option add(const std::string& name, std::uint64_t& value, const std::string& help);
-    /// Takes as many values as there are.
+    /// An argument takes as many values as there are; an option one each time it stands there.
     Option add(const std::string& name, std::vector<std::string>& values, const std::string& help);
     /// Has no value; sets @p isSet when it is there.
     Option addFlag(const std::string& name, bool& isSet, const std::string& help);

@@ -41,6 +41,22 @@ TEST_F(APreferenceClient, ChecksAPageWithWhatIsSaidOfItsSite) {
     EXPECT_EQ(decidedBy({"--unreachable"}), "rating");
 }
 
+TEST_F(APreferenceClient, ChecksTheAddressesInAFileOneALine) {
+    does({"list", "block", "bad.example"});
+    const CtlResult result =
+        use({"check", "--from", "-"}, "https://bad.example/a\n\nabout:blank\nhttps://Good.example");
+    EXPECT_EQ(result.code, 0) << result.err;
+    EXPECT_EQ(result.out, "block  list           https://bad.example/a\n"
+                          "allow  address        about:blank\n"
+                          "allow  rating         https://good.example/\n");
+    const CtlResult json = use({"check", "--from", "-", "--json=short"}, "https://bad.example/a\n");
+    EXPECT_EQ(nlohmann::json::parse(json.out).at(0)["decided_by"], "list");
+    const CtlResult wrong = use({"check", "--from", "-"}, "https://bad.example/a\nsite.example\n");
+    EXPECT_EQ(wrong.code, 2);
+    EXPECT_EQ(wrong.out, "");
+    EXPECT_NE(wrong.err.find("-, line 2: site.example: it does not begin"), std::string::npos) << wrong.err;
+}
+
 TEST_F(APreferenceClient, ChecksAPageForEveryUser) {
     const CtlResult result = use({"check", "https://site.example/"}, "", kNobody);
     EXPECT_EQ(result.code, 0) << result.err;
@@ -70,6 +86,7 @@ TEST_F(AClientAlone, RefusesToCheckWhatIsNoWholeAddress) {
         "not an address: site.example: it does not begin with http:// or https://. Give it whole, as a browser "
         "shows it");
     EXPECT_EQ(use({"check"}).code, 2);
+    EXPECT_EQ(use({"check", "https://site.example/", "--from", "-"}).code, 2);
 }
 
 TEST_F(AClientAlone, SaysThatThereAreNoSettingsToCheckAPageWith) {

@@ -190,6 +190,12 @@ std::string decisionText(const ExplainedDecision& explained, const Palette& pale
     return text + rowOf(false, "policy", rulingOf(ruledSetting(decision), explained.policy).text, palette);
 }
 
+std::string decisionLine(const PageDecision& decision, const Palette& palette) {
+    const char* color = decision.action() == PageAction::Allow ? palette.plain : palette.caution;
+    return fmt::format("{}{:<5}{}  {:<13}  {}\n", color, pageActionWord(decision.action()), palette.plain,
+                       stageWord(decision.decidedBy()), printable(decision.url));
+}
+
 Json decisionJson(const ExplainedDecision& explained) {
     const PageDecision& decision = explained.decision;
     const PageRules& rules = explained.rules;

@@ -25,7 +25,10 @@ std::string_view ruledSetting(const browsing::PageDecision& decision);
 /// The decision, then a row for each stage that was looked at; the one that decided is marked.
 std::string decisionText(const ExplainedDecision& explained, const Palette& palette);
 
-/// The same for programs.
+/// The decision in one line, with the stage that decided.
+std::string decisionLine(const browsing::PageDecision& decision, const Palette& palette);
+
+/// The same as decisionText for programs.
 Json decisionJson(const ExplainedDecision& explained);
 
 } // namespace Sentrel::ctl

@@ -3,12 +3,14 @@
 #include "apps/sentrelctl/decisions/DecisionLayout.h"
 #include "apps/sentrelctl/preferences/StoredSettings.h"
 #include "apps/sentrelctl/terminal/Failure.h"
+#include "apps/sentrelctl/terminal/Input.h"
 #include "base/Paths.h"
 #include "base/PrintableText.h"
 
 #include <array>
 #include <fmt/format.h>
 #include <memory>
+#include <sstream>
 
 namespace Sentrel::ctl {
 namespace {
@@ -17,6 +19,7 @@ constexpr const char* kChecking = "cannot check the page";
 
 struct PageCheckOptions {
     std::string url;
+    std::string file; ///< with addresses, in place of one
     std::int32_t rating = browsing::kNoRating;
     std::vector<std::string> categories;
     bool isPhishing = false;
@@ -45,18 +48,33 @@ settings::SettingsSnapshot settingsOfThisMachine(double timeout) {
     return stored;
 }
 
-void refuseWithoutScheme(const std::string& url) {
+void refuseWithoutScheme(const std::string& url, const std::string& place) {
     const auto reading = browsing::parseWebUrl(url);
     const auto* const fault = std::get_if<browsing::UrlFault>(&reading);
     if (fault != nullptr && *fault == browsing::UrlFault::NoScheme) {
         constexpr std::size_t longest = 200;
-        throw Failure(ExitCode::BadUsage, "not an address", text::shortened(text::validUtf8(url), longest),
+        throw Failure(ExitCode::BadUsage, "not an address", place + text::shortened(text::validUtf8(url), longest),
                       browsing::faultText(*fault), "Give it whole, as a browser shows it");
     }
 }
 
+/// The addresses in a file, one a line. Empty lines do not count.
+std::vector<std::string> addressesIn(const std::string& file, int inputFd) {
+    constexpr std::size_t mostBytes = std::size_t{64} << 20U;
+    std::istringstream lines(contentOf(file, inputFd, mostBytes));
+    std::vector<std::string> addresses;
+    std::string line;
+    for (std::size_t number = 1; std::getline(lines, line); ++number) {
+        if (!line.empty()) {
+            refuseWithoutScheme(line, fmt::format("{}, line {}: ", file, number));
+            addresses.push_back(line);
+        }
+    }
+    return addresses;
+}
+
 void checkPage(Session& session, const PageCheckOptions& options) {
-    refuseWithoutScheme(options.url);
+    refuseWithoutScheme(options.url, "");
     const browsing::SiteStanding standing = standingIn(options);
     const settings::SettingsSnapshot stored = settingsOfThisMachine(options.timeout);
     const browsing::PageRules rules(stored);
@@ -66,16 +84,49 @@ void checkPage(Session& session, const PageCheckOptions& options) {
                                                     : jsonText(decisionJson(explained), session.json));
 }
 
+/// A line each, or a list of what checkPage shows.
+void checkPages(Session& session, const PageCheckOptions& options) {
+    const std::vector<std::string> addresses = addressesIn(options.file, session.inputFd);
+    const browsing::SiteStanding standing = standingIn(options);
+    const settings::SettingsSnapshot stored = settingsOfThisMachine(options.timeout);
+    const browsing::PageRules rules(stored);
+    Json list = Json::array();
+    for (const std::string& address : addresses) {
+        const browsing::PageDecision decision = rules.decide(address, standing);
+        const ExplainedDecision explained{rules, standing, decision, stored.policy};
+        if (session.json == JsonMode::Off) {
+            session.out.write(decisionLine(decision, session.palette));
+        } else {
+            list.push_back(decisionJson(explained));
+        }
+    }
+    if (session.json != JsonMode::Off) {
+        session.out.write(jsonText(list, session.json));
+    }
+}
+
 Work describePageCheck(OptionSet& set, Session& session) {
     const auto options = std::make_shared<PageCheckOptions>();
-    set.add("url", options->url, "The page's address").required().shownAs("URL");
+    const Option url = set.add("url", options->url, "The page's address").shownAs("URL");
+    const Option from = set.add("--from", options->file, "Checks the addresses in this file, one a line; - reads input")
+                            .shownAs("FILE")
+                            .excludes(url);
     set.add("--rating", options->rating, "The site's rating; -100 when it has none").shownAs("N");
     set.add("--category", options->categories, "A content category that the site is in; may stand more than once")
         .shownAs("NAME");
     set.addFlag("--phishing", options->isPhishing, "It is a phishing page");
     set.addFlag("--unreachable", options->isUnreachable, "Nobody can be asked for ratings");
     set.addTimeout(options->timeout);
-    return [options, &session] { checkPage(session, *options); };
+    return [options, url, from, &session] {
+        if (from.isGiven()) {
+            checkPages(session, *options);
+        } else if (url.isGiven()) {
+            checkPage(session, *options);
+        } else {
+            throw Failure(ExitCode::BadUsage, "nothing to check", "", "no address was given",
+                          "Give one, or a file of them with --from");
+        }
+    };
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "apps/settings-keeper/PolicyWatch.h"
 
 #include "base/PrintableText.h"
+#include "platform/hvbagent/AgentConfiguration.h"
 #include "platform/hvbagent/PolicyDocument.h"
 #include "platform/hvbagent/PolicyStore.h"
 #include "policy/RuledSettings.h"
@@ -39,6 +40,7 @@ std::optional<settings::MachinePolicy> PolicyWatch::read() const {
         return errno == ENOENT ? std::optional(known) : std::nullopt;
     }
     known.isManaged = true;
+    known.allowsLocalGrants = agent::enrolmentAllowsLocalGrants(m_enrolmentFile);
     try {
         const std::optional<std::string> message = agent::PolicyStore(m_policyFile).load();
         if (!message) {

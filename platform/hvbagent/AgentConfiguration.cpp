@@ -76,6 +76,17 @@ public:
         return find(name) != nullptr ? integer(name, least, most) : otherwise;
     }
 
+    bool switchOr(const char* name, bool otherwise) {
+        const json* const found = find(name);
+        if (found == nullptr) {
+            return otherwise;
+        }
+        if (!found->is_boolean()) {
+            throw DocumentError(placeOf(name), "is neither true nor false");
+        }
+        return found->get<bool>();
+    }
+
     std::string path(const char* name) {
         std::string path = text(name, kMaxPathBytes);
         if (path.empty() || path.front() != '/') {
@@ -217,6 +228,10 @@ private:
     json& m_object;
 };
 
+std::string textOfConfiguration(const std::string& path) {
+    return Sentrel::readRegularFile(path, kMaxConfigurationBytes, Sentrel::FileAccess::OwnerWrites);
+}
+
 /// Runs @p body. An error that names only the place in the document gets the file's name in front.
 template <class Body>
 auto nameFileInErrors(const std::string& path, const Body& body) {
@@ -247,6 +262,7 @@ AgentConfiguration readAgentConfiguration(std::string_view text, const std::stri
     configuration.keepalive =
         std::chrono::seconds(members.integerOr("keepalive", kMinKeepalive, kMaxKeepalive, kDefaultKeepalive));
     configuration.policyKey = policyKeyOf(members);
+    configuration.allowsLocalGrants = members.switchOr("local_grants", false);
     members.refuseUnknown();
     return configuration;
 }
@@ -254,7 +270,7 @@ AgentConfiguration readAgentConfiguration(std::string_view text, const std::stri
 std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path, const std::string& machineIdFile) {
     std::string text;
     try {
-        text = Sentrel::readRegularFile(path, kMaxConfigurationBytes, Sentrel::FileAccess::OwnerWrites);
+        text = textOfConfiguration(path);
     } catch (const std::system_error& error) {
         if (error.code().value() == ENOENT) {
             return std::nullopt;
@@ -267,6 +283,14 @@ std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path
         (void)loadCredentials(configuration.credentialsFile);
     }
     return configuration;
+}
+
+bool enrolmentAllowsLocalGrants(const std::string& path) {
+    try {
+        return readAgentConfiguration(textOfConfiguration(path)).allowsLocalGrants;
+    } catch (const std::runtime_error&) {
+        return false; // the daemon tells what is wrong with it
+    }
 }
 
 Credentials loadCredentials(const std::string& path) {

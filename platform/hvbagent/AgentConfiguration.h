@@ -42,6 +42,8 @@ struct AgentConfiguration {
     std::chrono::seconds interval{};
     std::chrono::seconds keepalive{};
     std::optional<PublicKey> policyKey; ///< when there is one, policies must be signed
+    /// Whether this machine's administrators may grant what its users ask for, beside the policy.
+    bool allowsLocalGrants = false;
 };
 
 /// The machine's own id, which a configuration need not repeat.
@@ -56,6 +58,10 @@ AgentConfiguration readAgentConfiguration(std::string_view text, const std::stri
 /// @throws std::runtime_error that names the file, the place and what is wrong there.
 std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path,
                                                          const std::string& machineIdFile = kMachineIdFile);
+
+/// Whether the enrolment in the file at @p path lets this machine's administrators grant requests. False where there is
+/// none, or none that could be used. The credentials do not count. Nothing is thrown but for want of memory.
+bool enrolmentAllowsLocalGrants(const std::string& path);
 
 /// Reads {"user", "password"} from a file that its owner alone may access.
 /// @throws std::runtime_error as above; it never quotes a value.

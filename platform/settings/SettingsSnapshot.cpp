@@ -75,7 +75,10 @@ json jsonOfProxy(const ProxySettings& proxy) {
 }
 
 json jsonOfPolicy(const MachinePolicy& policy) {
-    json object{{"managed", policy.isManaged}, {"trouble", policy.trouble}, {"rules", policy.rules}};
+    json object{{"managed", policy.isManaged},
+                {"trouble", policy.trouble},
+                {"rules", policy.rules},
+                {"local_grants", policy.allowsLocalGrants}};
     if (policy.version) {
         object["version"] = *policy.version;
     }
@@ -279,6 +282,10 @@ MachinePolicy policyIn(const json& value, const std::string& place) {
     policy.trouble = textIn(members.require("trouble"), members.placeOf("trouble"));
     const std::string rules = members.placeOf("rules");
     eachIn(members.require("rules"), rules, [&](const json& key) { policy.rules.push_back(textIn(key, rules)); });
+    // A text that was kept from before has no such member.
+    if (const json* allowed = members.find("local_grants")) {
+        policy.allowsLocalGrants = boolIn(*allowed, members.placeOf("local_grants"));
+    }
     members.requireNoOthers();
     return policy;
 }

@@ -74,6 +74,8 @@ struct MachinePolicy {
     std::string trouble;                 ///< printable; why the policy in store cannot be read
     /// Keys of the settings that it rules; "allow_block" and "private_ranges" stand for those lists.
     std::vector<std::string> rules;
+    /// Whether the enrolment of a managed machine lets its administrators grant what users ask for.
+    bool allowsLocalGrants = false;
 
     bool operator==(const MachinePolicy&) const = default;
 };

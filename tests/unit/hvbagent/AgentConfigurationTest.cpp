@@ -55,6 +55,7 @@ TEST_F(AConfiguration, HasItsDefaults) {
     EXPECT_TRUE(read.groups.empty());
     EXPECT_FALSE(read.tls);
     EXPECT_FALSE(read.policyKey);
+    EXPECT_FALSE(read.allowsLocalGrants);
     EXPECT_EQ(read.credentialsFile, "");
 }
 
@@ -66,6 +67,7 @@ TEST_F(AConfiguration, GivesAllThatItSays) {
     m_document["interval"] = 10;
     m_document["keepalive"] = 5;
     m_document["policy_public_key"] = base64Of(key);
+    m_document["local_grants"] = true;
     const AgentConfiguration read = this->read();
     EXPECT_EQ(read.tls->authority, "/ca");
     EXPECT_EQ(read.tls->certificate, "/crt");
@@ -74,6 +76,7 @@ TEST_F(AConfiguration, GivesAllThatItSays) {
     EXPECT_EQ(read.groups, (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(read.interval.count(), 10);
     EXPECT_EQ(read.keepalive.count(), 5);
+    EXPECT_TRUE(read.allowsLocalGrants);
     EXPECT_EQ(std::string(read.policyKey->begin(), read.policyKey->end()), key);
 }
 
@@ -142,6 +145,24 @@ TEST_F(AConfiguration, IsRefusedForAPublicKeyThatIsNone) {
          {std::string(), std::string("????"), base64Of(std::string(31, 'k')), base64Of(std::string(33, 'k'))}) {
         EXPECT_EQ(errorWith("/policy_public_key", bad), "/policy_public_key: is not the base64 of 32 bytes");
     }
+}
+
+TEST_F(AConfiguration, IsRefusedForALeaveToGrantThatIsNoSwitch) {
+    for (const json& bad : {json(1), json("true"), json(nullptr)}) {
+        EXPECT_EQ(errorWith("/local_grants", bad), "/local_grants: is neither true nor false");
+    }
+    EXPECT_EQ(errorWith("/local_grants", false), "");
+}
+
+TEST_F(AConfiguration, GivesLeaveToGrantOnlyWhereItCanBeReadAndSaysSo) {
+    EXPECT_FALSE(enrolmentAllowsLocalGrants(write("agent.json", m_document.dump(), 0644)));
+    EXPECT_FALSE(enrolmentAllowsLocalGrants(m_root.file("none.json")));
+    m_document["local_grants"] = true;
+    EXPECT_TRUE(enrolmentAllowsLocalGrants(write("agent.json", m_document.dump(), 0644)));
+    EXPECT_FALSE(enrolmentAllowsLocalGrants(write("open.json", m_document.dump(), 0666)))
+        << "another user may have written it";
+    m_document["unknown"] = true;
+    EXPECT_FALSE(enrolmentAllowsLocalGrants(write("agent.json", m_document.dump(), 0644)));
 }
 
 TEST_F(AConfiguration, IsLoadedFromItsFile) {

@@ -24,7 +24,7 @@ SettingsSnapshot everything() {
     snapshot.check = FileCheck{1'767'225'500'000'000, "row 3 missing from index"};
     snapshot.isChanging = true;
     snapshot.replacement = Replacement{"allow_block", 1000, 371};
-    snapshot.policy = MachinePolicy{true, 5, "line 3: no text", {"Enabled", "allow_block"}};
+    snapshot.policy = MachinePolicy{true, 5, "line 3: no text", {"Enabled", "allow_block"}, true};
     snapshot.numbers = {{"Enabled", 1}, {"RedSiteAction", -3}, {"AllowBlockListChecksum", 48}};
     snapshot.unreadable = {"SSOn"};
     snapshot.categories = {{"Caf\xC3\xA9", 4}, {"Games", 0}};
@@ -108,6 +108,7 @@ TEST(ASettingsSnapshot, RefusesAValueOfAnotherType) {
     EXPECT_EQ(refusalOf(changed("/replacing/list", "others")), "/replacing: names no list");
     EXPECT_EQ(refusalOf(changed("/policy/managed", 1)), "/policy/managed: is neither true nor false");
     EXPECT_EQ(refusalOf(changed("/policy/rules", "Enabled")), "/policy/rules: is no list");
+    EXPECT_EQ(refusalOf(changed("/policy/local_grants", 1)), "/policy/local_grants: is neither true nor false");
     EXPECT_EQ(refusalOf(changed("/policy/news", 1)), "/policy: has a member that no snapshot has");
 }
 

@@ -57,6 +57,16 @@ TEST_F(APolicyWatch, NamesNoneOfAPolicyThatIsNotEnforced) {
     EXPECT_EQ(m_watch.policy(), (MachinePolicy{true, 8, "", {}}));
 }
 
+TEST_F(APolicyWatch, TellsWhetherTheEnrolmentLeavesGrantsToTheMachine) {
+    const std::string enrolment = R"({"broker": {"host": "hub.example", "port": 1883}, "site": "a", "machine": "m")";
+    testing_support::writeFile(m_enrolment, enrolment + "}");
+    m_watch.look();
+    EXPECT_FALSE(m_watch.policy()->allowsLocalGrants);
+    testing_support::writeFile(m_enrolment, enrolment + R"(, "local_grants": true})");
+    EXPECT_TRUE(m_watch.look());
+    EXPECT_EQ(m_watch.policy(), (MachinePolicy{true, std::nullopt, "", {}, true}));
+}
+
 TEST_F(APolicyWatch, SaysWhyAPolicyCannotBeRead) {
     testing_support::writeFile(m_enrolment, "{}");
     save("no policy");

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace Sentrel::host {
@@ -15,10 +16,11 @@ namespace Sentrel::host {
 struct WholeSettings {
     /// Requires that the snapshot has values.
     explicit WholeSettings(const settings::SettingsSnapshot& snapshot)
-        : readAt(snapshot.readAt), numbers(snapshot.numbers), rules(snapshot) {}
+        : readAt(snapshot.readAt), numbers(snapshot.numbers), policy(snapshot.policy), rules(snapshot) {}
 
     std::int64_t readAt; ///< microseconds since the epoch
     std::map<std::string, std::int32_t> numbers;
+    std::optional<settings::MachinePolicy> policy; ///< none: not known
     browsing::PageRules rules;
 };
 

@@ -12,9 +12,12 @@
 #include <fmt/chrono.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
+#include <optional>
 #include <string_view>
+#include <utility>
 #include <variant>
 
 namespace Sentrel::host {
@@ -101,6 +104,34 @@ json summaryOf(const WholeSettings* whole) {
                 {"numbers", whole != nullptr ? json(whole->numbers) : json::object()}};
 }
 
+json ratingsOf(const ratings::RatingStatus& status) {
+    json lists = json::array();
+    for (const ratings::ListFacts& list : status.lists) {
+        lists.push_back(json{{"name", list.name},
+                             {"source", list.source},
+                             {"date", timeOf(std::chrono::microseconds(list.date.time_since_epoch()).count())},
+                             {"count", list.count},
+                             {"licence", list.licence}});
+    }
+    return json{{"reachable", status.isReachable}, {"because", status.because}, {"lists", std::move(lists)}};
+}
+
+/// The keys of the settings that the policy rules; null when that is not known.
+json ruledKeys(const std::optional<settings::MachinePolicy>& policy) {
+    return policy && policy->trouble.empty() ? json(policy->rules) : json(nullptr);
+}
+
+/// Whether the policy rules what decided; null when that is not known.
+json ruledOf(const PageDecision& decision, const std::optional<settings::MachinePolicy>& policy) {
+    if (!policy || !policy->trouble.empty()) {
+        return nullptr;
+    }
+    const std::string_view key = decision.decidedBy() == browsing::Stage::List           ? "allow_block"
+                                 : decision.decidedBy() == browsing::Stage::PrivateRange ? "private_ranges"
+                                                                                         : decision.setting;
+    return std::find(policy->rules.begin(), policy->rules.end(), key) != policy->rules.end();
+}
+
 } // namespace
 
 std::string welcomeText(const std::string& release) {
@@ -118,17 +149,19 @@ std::string errorText(const RequestError& error) {
     return lineOf(message);
 }
 
-std::string settingsText(const HeldSettings& held, std::uint64_t generation, bool rules) {
+std::string settingsText(const HeldSettings& held, const ratings::RatingStatus& status, std::uint64_t generation,
+                         bool rules) {
     const WholeSettings* const whole = held.whole.get();
-    const json ratings{{"reachable", true}, {"because", "there are no rating lists"}, {"lists", json::array()}};
+    const std::optional<settings::MachinePolicy> policy = whole != nullptr ? whole->policy : std::nullopt;
     std::string text = lineOf(json{{"type", "settings"},
                                    {"state", kStateWords.at(static_cast<std::size_t>(held.state))},
                                    {"because", held.because},
                                    {"generation", generation},
                                    {"since", whole != nullptr ? timeOf(whole->readAt) : ""},
                                    {"protecting", whole == nullptr || whole->rules.isProtecting()},
-                                   {"managed", nullptr},
-                                   {"ratings", ratings},
+                                   {"managed", policy ? json(policy->isManaged) : json(nullptr)},
+                                   {"ruled", ruledKeys(policy)},
+                                   {"ratings", ratingsOf(status)},
                                    {"summary", summaryOf(whole)}});
     if (rules && whole != nullptr) {
         addMember(text, "rules", rulesText(whole->rules));
@@ -136,7 +169,9 @@ std::string settingsText(const HeldSettings& held, std::uint64_t generation, boo
     return text;
 }
 
-std::string decisionText(std::uint64_t id, const PageRules& rules, const PageDecision& decision) {
+std::string decisionText(std::uint64_t id, const WholeSettings& whole, const PageDecision& decision,
+                         const std::string& ratedBy) {
+    const PageRules& rules = whole.rules;
     json message{{"type", "decision"},
                  {"id", id},
                  {"url", decision.url},
@@ -150,9 +185,9 @@ std::string decisionText(std::uint64_t id, const PageRules& rules, const PageDec
                  {"category", nullptr},
                  {"rating", decision.record.urlRating},
                  {"ratingName", NPlgHelper::GetRatingStr(decision.record.urlRating)},
-                 {"ratedBy", ""},
+                 {"ratedBy", ratedBy},
                  {"safeSearch", decision.safeSearch.value_or("")},
-                 {"ruled", nullptr}};
+                 {"ruled", ruledOf(decision, whole.policy)}};
     if (decision.range != browsing::PrivateRanges::kNone) {
         message["range"] = json{{"place", decision.range}, {"text", rules.ranges()[decision.range]}};
     }

@@ -4,6 +4,7 @@
 #include "browser/decision/PageDecision.h"
 #include "browser/host/HeldSettings.h"
 #include "browser/host/HostMessages.h"
+#include "browser/ratings/RatingProvider.h"
 
 #include <cstdint>
 #include <string>
@@ -15,10 +16,12 @@ std::string welcomeText(const std::string& release);
 std::string errorText(const RequestError& error);
 
 /// @param rules whether what decides is told, too.
-std::string settingsText(const HeldSettings& held, std::uint64_t generation, bool rules);
+std::string settingsText(const HeldSettings& held, const ratings::RatingStatus& status, std::uint64_t generation,
+                         bool rules);
 
-/// @param rules those that decided.
-std::string decisionText(std::uint64_t id, const browsing::PageRules& rules, const browsing::PageDecision& decision);
+/// @param whole those that decided. @param ratedBy name of the list that rated the site, or empty.
+std::string decisionText(std::uint64_t id, const WholeSettings& whole, const browsing::PageDecision& decision,
+                         const std::string& ratedBy);
 /// The answer while there are no settings.
 std::string waitText(const DecideRequest& request);
 

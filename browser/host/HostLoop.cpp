@@ -35,6 +35,7 @@ using Moment = steady_clock::time_point;
 /// Answers that wait for the browser, in bytes, before its questions wait.
 constexpr std::size_t kMaxWaitingAnswers = std::size_t{4} << 20U;
 constexpr std::chrono::seconds kFarewell{2};
+constexpr std::chrono::seconds kBetweenRefreshes{1};
 
 void tellLine(const std::string& line) {
     std::fprintf(stderr, "sentrel-browser-host: %s.\n", text::printable(line).c_str());
@@ -42,21 +43,23 @@ void tellLine(const std::string& line) {
 
 class HostLoop {
 public:
-    explicit HostLoop(const HostPlaces& places)
+    HostLoop(const HostPlaces& places, ratings::RatingProvider* rater)
         : m_places(places), m_output(places.output), m_reports(places.eventSocket, tellLine),
-          m_session(places.release, {[this](std::string message) { m_output.put(std::move(message)); },
-                                     [this](const STEventData& record) {
-                                         m_reports.add(record);
-                                         return m_reports.lost();
-                                     }}),
-          m_source(places.hubSocket, SettingsCache(places.cacheFile), tellLine) {}
+          m_session(places.release, rater,
+                    {[this](std::string message) { m_output.put(std::move(message)); },
+                     [this](const STEventData& record) {
+                         m_reports.add(record);
+                         return m_reports.lost();
+                     }}),
+          m_source(places.hubSocket, SettingsCache(places.cacheFile), tellLine),
+          m_nextRefresh(rater != nullptr ? steady_clock::now() : Moment::max()) {}
 
     bool run();
 
 private:
     enum Place : std::size_t { Input, Output, Stop, Settings, Daemon, Count };
 
-    Moment nextMoment() const { return std::min(m_reports.until(), m_end.value_or(Moment::max())); }
+    Moment nextMoment() const { return std::min({m_reports.until(), m_nextRefresh, m_end.value_or(Moment::max())}); }
     bool isOver() const;
     void waitForWork();
     void work();
@@ -73,6 +76,7 @@ private:
     SettingsSource m_source;
     FrameReader m_frames;
     std::array<pollfd, Count> m_polled{};
+    Moment m_nextRefresh;        ///< of the ratings
     std::optional<Moment> m_end; ///< when it is over in any case; set once nothing more is read
     bool m_canWrite = true;
     bool m_isWell = true;
@@ -117,6 +121,10 @@ void HostLoop::waitForWork() {
 void HostLoop::work() {
     if (m_polled[Settings].revents != 0) {
         m_session.hold(m_source.take());
+    }
+    if (steady_clock::now() >= m_nextRefresh) {
+        m_session.refreshRatings();
+        m_nextRefresh = steady_clock::now() + kBetweenRefreshes;
     }
     if (m_polled[Stop].revents != 0) {
         end();
@@ -194,8 +202,8 @@ void HostLoop::end() {
 
 } // namespace
 
-bool serveBrowser(const HostPlaces& places) {
-    return HostLoop(places).run();
+bool serveBrowser(const HostPlaces& places, ratings::RatingProvider* rater) {
+    return HostLoop(places, rater).run();
 }
 
 } // namespace Sentrel::host

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "browser/host/SettingsCache.h"
+#include "browser/ratings/RatingProvider.h"
 
 #include <string>
 
@@ -20,8 +21,9 @@ struct HostPlaces {
 
 /// Serves one browser until its input ends, nothing can be written to it, or the host is to end; then sends what is
 /// queued for two seconds at the most.
+/// @param rater who rates sites; null: nobody does.
 /// Threads: the main thread's; makes one more. @return whether the input ended as it is to; a line on the standard
 /// error says why not. @throws std::exception when the system gives no thread or descriptor.
-bool serveBrowser(const HostPlaces& places);
+bool serveBrowser(const HostPlaces& places, ratings::RatingProvider* rater);
 
 } // namespace Sentrel::host

@@ -11,13 +11,7 @@ namespace {
 
 using browsing::PageDecision;
 using browsing::Reporting;
-using browsing::SiteStanding;
 using browsing::UserAction;
-
-/// What is known of a site. Nobody rates sites yet.
-SiteStanding standingOf(const std::string& /*url*/) {
-    return {};
-}
 
 template <std::size_t size>
 void fillField(char (&field)[size], std::string_view text) {
@@ -50,7 +44,8 @@ std::optional<std::uint64_t> requestId(const HostRequest& request) {
 
 } // namespace
 
-HostSession::HostSession(std::string release, Users users) : m_release(std::move(release)), m_users(std::move(users)) {}
+HostSession::HostSession(std::string release, ratings::RatingProvider* rater, Users users)
+    : m_release(std::move(release)), m_rater(rater), m_users(std::move(users)) {}
 
 void HostSession::take(std::string_view message) {
     try {
@@ -79,11 +74,17 @@ void HostSession::hold(HeldSettings held) {
     m_owesSettings = m_hello.has_value();
 }
 
+void HostSession::refreshRatings() {
+    if (m_rater != nullptr && m_rater->refresh()) {
+        m_owesSettings = m_hello.has_value();
+    }
+}
+
 std::optional<std::string> HostSession::owedSettings() {
     if (!std::exchange(m_owesSettings, false)) {
         return std::nullopt;
     }
-    return settingsText(m_held, ++m_generation, m_hello->wantsRules);
+    return settingsText(m_held, ratingStatus(), ++m_generation, m_hello->wantsRules);
 }
 
 void HostSession::greet(const Hello& hello) {
@@ -97,19 +98,38 @@ void HostSession::decide(const DecideRequest& request) {
         m_users.send(waitText(request));
         return;
     }
-    const browsing::PageRules& rules = m_held.whole->rules;
-    m_users.send(decisionText(request.id, rules, rules.decide(request.url, standingOf(request.url))));
+    const ratings::SiteRating rating = ratingOf(request.url);
+    const PageDecision decision = m_held.whole->rules.decide(request.url, rating.standing);
+    m_users.send(decisionText(request.id, *m_held.whole, decision, rating.ratedBy));
 }
 
 void HostSession::report(const ReportRequest& request) {
     const char* outcome = "dropped";
     if (m_held.whole != nullptr) {
-        const PageDecision decision = m_held.whole->rules.decide(request.url, standingOf(request.url));
+        const PageDecision decision = m_held.whole->rules.decide(request.url, ratingOf(request.url).standing);
         const std::optional<STEventData> record = recordOf(decision, request.answer, m_hello->browser);
         outcome = record ? "queued" : "not needed";
         m_lost = record ? m_users.report(*record) : m_lost;
     }
     m_users.send(reportedText(request.id, outcome, m_lost));
+}
+
+/// What is known of a page's site. Nobody knows anything of what is no address.
+ratings::SiteRating HostSession::ratingOf(const std::string& url) const {
+    const auto reading = browsing::parseWebUrl(url);
+    const auto* const page = std::get_if<browsing::WebUrl>(&reading);
+    ratings::SiteRating rating;
+    if (m_rater != nullptr && page != nullptr) {
+        rating = m_rater->rate(*page);
+    } else if (m_rater != nullptr) {
+        rating.standing.isReachable = m_rater->status().isReachable;
+    }
+    return rating;
+}
+
+ratings::RatingStatus HostSession::ratingStatus() const {
+    return m_rater != nullptr ? m_rater->status()
+                              : ratings::RatingStatus{.isReachable = true, .because = "nobody rates sites here"};
 }
 
 } // namespace Sentrel::host

@@ -3,6 +3,7 @@
 
 #include "browser/host/HeldSettings.h"
 #include "browser/host/HostMessages.h"
+#include "browser/ratings/RatingProvider.h"
 #include "events/STEventData.h"
 
 #include <cstdint>
@@ -23,13 +24,16 @@ public:
         std::function<std::uint64_t(const STEventData& record)> report;
     };
 
-    HostSession(std::string release, Users users);
+    /// @param rater who rates sites; null: nobody does.
+    HostSession(std::string release, ratings::RatingProvider* rater, Users users);
 
     /// Deals with one message of the browser. @throws FramingError when it is no JSON object.
     void take(std::string_view message);
 
     /// From now on these decide.
     void hold(HeldSettings held);
+    /// Has who rates sites look whether there is something newer.
+    void refreshRatings();
 
     /// The settings, once, when the browser is to be told of them; none when it knows them. Settings that were
     /// overtaken by others before anybody asked are never told.
@@ -39,8 +43,11 @@ private:
     void greet(const Hello& hello);
     void decide(const DecideRequest& request);
     void report(const ReportRequest& request);
+    ratings::SiteRating ratingOf(const std::string& url) const;
+    ratings::RatingStatus ratingStatus() const;
 
     const std::string m_release;
+    ratings::RatingProvider* const m_rater;
     const Users m_users;
     HeldSettings m_held;
     std::optional<Hello> m_hello;

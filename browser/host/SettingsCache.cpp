@@ -97,6 +97,7 @@ settings::SettingsSnapshot whatDecides(const settings::SettingsSnapshot& snapsho
     settings::SettingsSnapshot kept;
     kept.readAt = snapshot.readAt;
     kept.state = settings::SnapshotState::Whole;
+    kept.policy = snapshot.policy;
     kept.numbers = snapshot.numbers;
     kept.unreadable = snapshot.unreadable;
     kept.categories = snapshot.categories;

@@ -35,13 +35,15 @@ Sentrel::UniqueFd stopDescriptor() {
 
 int serve() {
     const Sentrel::UniqueFd stop = stopDescriptor();
+    Sentrel::ratings::RatingProvider* const nobody = nullptr; // no lists are there to ask
     const bool isWell = Sentrel::host::serveBrowser({.input = STDIN_FILENO,
                                                      .output = STDOUT_FILENO,
                                                      .stopFd = stop.get(),
                                                      .release = SENTREL_VERSION,
                                                      .hubSocket = Sentrel::paths::hubSocket(),
                                                      .eventSocket = Sentrel::paths::eventSocket(),
-                                                     .cacheFile = Sentrel::host::settingsCachePath()});
+                                                     .cacheFile = Sentrel::host::settingsCachePath()},
+                                                    nobody);
     return isWell ? kDone : kFailed;
 }
 

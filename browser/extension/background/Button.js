@@ -1,0 +1,33 @@
+// The button says whether pages are decided, and why not when they are not.
+// @ts-check
+
+/** @typedef {import('./messages.js').State} State */
+
+const attention = '#b3261e';
+const quiet = '#5f6368';
+
+/** @param {State} state @returns {{ key: string, because: string, badge: string, color: string }} */
+export function describe(state) {
+    if (!state.connected) {
+        return { key: 'buttonAway', because: state.because || chrome.i18n.getMessage('noReasonYet'), badge: '!', color: attention };
+    }
+    if (state.settings === null || state.settings.state === 'waiting') {
+        return { key: 'buttonWaiting', because: state.settings?.because ?? '', badge: '…', color: attention };
+    }
+    if (!state.holds) {
+        return { key: 'buttonCannotHold', because: '', badge: '!', color: attention };
+    }
+    if (state.settings.state === 'kept') {
+        return { key: 'buttonKept', because: state.settings.because, badge: '', color: quiet };
+    }
+    return state.settings.protecting ? { key: 'buttonOn', because: '', badge: '', color: quiet }
+        : { key: 'buttonOff', because: '', badge: 'off', color: quiet };
+}
+
+/** @param {State} state */
+export function showOnButton(state) {
+    const { key, because, badge, color } = describe(state);
+    chrome.action.setTitle({ title: chrome.i18n.getMessage(key, [because]) });
+    chrome.action.setBadgeText({ text: badge });
+    chrome.action.setBadgeBackgroundColor({ color });
+}

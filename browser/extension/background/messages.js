@@ -1,0 +1,38 @@
+// The types of the host's messages (docs/browser-host.md), and of those between our pages and the background.
+// @ts-check
+
+/** @typedef {import('../decision/PageRules.js').Decision} Decision */
+/** @typedef {import('../decision/PageRules.js').RulesMessage} RulesMessage */
+
+/** Nothing can be said yet: the page waits.
+ * @typedef {{ action: 'wait', url: string }} Wait */
+
+/** @typedef {(Decision & { ruled?: boolean | null }) | Wait} HostDecision */
+
+/**
+ * @typedef {object} Settings
+ * @property {'waiting' | 'current' | 'kept'} state
+ * @property {string} because
+ * @property {number} generation
+ * @property {string} since
+ * @property {boolean} protecting
+ * @property {boolean | null} managed
+ * @property {{ reachable: boolean, because: string, lists: { name: string, source: string, date: string, count: number, licence: string }[] }} [ratings]
+ * @property {{ entries: number, ranges: number, categories: number, numbers?: Record<string, number> }} [summary]
+ * @property {RulesMessage} [rules]
+ */
+
+/** What a page of ours asks.
+ * @typedef {{ ask: 'page', url: string } | { ask: 'answer', url: string, answer: 'went-on' | 'turned-back' } | { ask: 'status' }} PageQuestion */
+
+/** Whether and how pages are decided.
+ * @typedef {object} State
+ * @property {boolean} connected
+ * @property {string} because
+ * @property {boolean} holds whether pages can be held back until they are decided
+ * @property {Omit<Settings, 'rules'> | null} settings
+ */
+
+/** @typedef {{ state: State, decision: HostDecision }} PageAnswer */
+
+export {};

@@ -1,0 +1,87 @@
+// What each file of tests begins with: a machine, a web site and a browser that is ready, for each browser of the run.
+// @ts-check
+
+import { after, afterEach, before, beforeEach, describe } from 'node:test';
+import { browsers, TestBrowser } from './Browser.mjs';
+import { awaitThat } from './deadline.mjs';
+import { Machine } from './Machine.mjs';
+import { WebSite } from './WebSite.mjs';
+
+/** @typedef {import('./Browser.mjs').Tab} Tab */
+/** What the tests of one browser share. Each test begins with first settings and leaves no tab.
+ * @typedef {object} Surroundings
+ * @property {Machine} machine
+ * @property {WebSite} site
+ * @property {TestBrowser} browser
+ */
+
+/**
+ * @param {string} subject what the tests are about, as it reads in front of "in firefox"
+ * @param {(surroundings: Surroundings, name: import('./Browser.mjs').BrowserName) => void} addTests
+ */
+export function inEachBrowser(subject, addTests) {
+    for (const name of browsers) {
+        describe(`${subject}, in ${name}`, () => {
+            const surroundings = /** @type {Surroundings} */ ({});
+            before(async () => {
+                surroundings.machine = await Machine.started();
+                surroundings.site = await WebSite.started();
+                surroundings.browser = await TestBrowser.ready(name, surroundings.machine, surroundings.site.port);
+            });
+            beforeEach(() => surroundings.machine.reset());
+            afterEach(async (test) => {
+                if (/** @type {any} */ (test).passed === false) {
+                    console.error(surroundings.machine.messages());
+                }
+                await closeTabs(surroundings.browser);
+            });
+            after(async () => {
+                await surroundings.browser?.close();
+                await surroundings.site?.stop();
+                await surroundings.machine?.remove();
+            });
+            addTests(surroundings, name);
+        });
+    }
+}
+
+/** All but one empty tab: a browser without any would end. @param {TestBrowser} browser */
+async function closeTabs(browser) {
+    const before = await browser.allTabs();
+    await browser.tab();
+    for (const tab of before) {
+        await tab.close();
+    }
+}
+
+/**
+ * Changes what decides, and waits until this browser does as it says.
+ * @param {Surroundings} surroundings
+ * @param {string[]} words of sentrelctl
+ * @param {string} address a page that the change is seen by
+ * @param {Outcome} outcome
+ */
+export async function changeUntil({ browser, machine }, words, address, outcome) {
+    const tab = await browser.tab();
+    machine.ctl(...words);
+    await awaitThat(`${address} to be ${outcome} after sentrelctl ${words.join(' ')}`,
+        async () => (await visit(tab, address)) === outcome);
+    await tab.close();
+}
+
+/** One of our pages by its name, or a page of the web.
+ * @typedef {'blocked' | 'warning' | 'waiting' | 'open'} Outcome */
+
+/** Goes there and waits until the tab shows something. @param {Tab} tab @param {string} address @returns {Promise<Outcome>} */
+export async function visit(tab, address) {
+    await tab.go('about:blank');
+    await tab.go(address);
+    const outcome = await awaitThat(`something to be shown in place of ${address}`, () => outcomeOf(tab));
+    return /** @type {Outcome} */ (outcome);
+}
+
+/** What the tab shows; nothing while that changes. @param {Tab} tab @returns {Promise<Outcome | undefined>} */
+export async function outcomeOf(tab) {
+    return await tab.ask(`/-extension:/.test(location.protocol) ? location.pathname.replace(/.*\\/|\\.html$/g, '')
+        : /^http/.test(location.protocol) && document.readyState !== 'loading' ? 'open' : ''`);
+}

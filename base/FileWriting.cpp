@@ -117,9 +117,15 @@ public:
         }
     }
 
-    /// Closes it too: some file systems report a failed write only then.
+    int get() const { return m_fd.get(); }
+
     void fill(std::string_view bytes) {
         writeAll(m_fd.get(), bytes, m_directory.path());
+        store();
+    }
+
+    /// Closes it too: some file systems report a failed write only then.
+    void store() {
         if (::fsync(m_fd.get()) != 0 || !m_fd.close()) {
             failFile(errno, m_directory.path(), "cannot be stored");
         }
@@ -257,6 +263,29 @@ void replaceFile(const std::string& path, std::string_view bytes, Replace how) {
         file.takePlaceOf(directory.name());
     }
     directory.sync(how);
+}
+
+/// Threads: one. Owner: its FileReplacement.
+struct FileReplacement::Files {
+    explicit Files(const std::string& path) : directory(path), file(directory, freePrivateName(directory)) {}
+
+    const DirectoryOf directory;
+    NewFile file;
+};
+
+FileReplacement::FileReplacement(const std::string& path) : m_files(std::make_unique<Files>(path)) {}
+
+FileReplacement::~FileReplacement() = default;
+
+int FileReplacement::fd() const {
+    return m_files->file.get();
+}
+
+void FileReplacement::commit() {
+    m_files->file.becomeReadable();
+    m_files->file.store();
+    m_files->file.takePlaceOf(m_files->directory.name());
+    m_files->directory.sync(Replace::AsPrivate);
 }
 
 void makeFile(const std::string& path, std::string_view bytes, NewFileFor whom) {

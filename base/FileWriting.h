@@ -1,6 +1,7 @@
 // Writing files: all of a text, and a file's new content in one step.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -30,6 +31,29 @@ enum class Replace {
 /// promise that on a file system that cannot sync directories. When it throws, the old content is still there, unless
 /// only the directory's sync failed.
 void replaceFile(const std::string& path, std::string_view bytes, Replace how);
+
+/// The new content of a file that is too long for memory: a new file beside it takes its place once it is whole. Every
+/// user may read it (mode 0644), and whatever was there is replaced, a link too. One writer at a time: what a writer
+/// that was killed left behind is removed.
+/// Threads: one at a time. Owner: the operation. Without a commit nothing is changed.
+class FileReplacement {
+public:
+    explicit FileReplacement(const std::string& path);
+    ~FileReplacement();
+    FileReplacement(const FileReplacement&) = delete;
+    FileReplacement& operator=(const FileReplacement&) = delete;
+
+    /// Where the content is written to. It stays this object's.
+    int fd() const;
+
+    /// Syncs, closes and renames it, then syncs the directory. When it throws, the old content is still there, unless
+    /// only the directory's sync failed. Requires that it was not called before.
+    void commit();
+
+private:
+    struct Files;
+    const std::unique_ptr<Files> m_files;
+};
 
 /// Whose a new file is.
 enum class NewFileFor {

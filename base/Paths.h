@@ -29,6 +29,13 @@ inline std::string settingsFile() {
 inline std::string reportSpool() {
     return underRoot("/usr/local/Orvanta/Sentrel/var/reports.spool");
 }
+/// Sites that are rated. The lists, and what is compiled of them for every local user.
+inline std::string ratingsDirectory() {
+    return underRoot("/usr/local/Orvanta/Sentrel/var/ratings");
+}
+inline std::string ratingDatabase() {
+    return underRoot("/usr/local/Orvanta/Sentrel/var/ratings/ratings.cdb");
+}
 inline std::string traceLevels() {
     return underRoot("/usr/local/Orvanta/Sentrel/var/traceValues.xml");
 }

@@ -289,6 +289,34 @@ TEST_F(AFileThatIsWritten, IsReplacedWithoutFollowingALink) {
     EXPECT_EQ(text(), "policy");
 }
 
+TEST_F(AFileThatIsWritten, IsReplacedPieceByPieceForEveryReader) {
+    write("old");
+    ASSERT_EQ(::symlink("victim", (m_path + ".new").c_str()), 0);
+    const mode_t before = ::umask(0077);
+    {
+        FileReplacement replacement(m_path);
+        writeAll(replacement.fd(), "one", m_path);
+        writeAll(replacement.fd(), "two", m_path);
+        EXPECT_EQ(text(), "old");
+        replacement.commit();
+    }
+    ::umask(before);
+    EXPECT_EQ(text(), "onetwo");
+    EXPECT_EQ(mode(), 0644U);
+    EXPECT_EQ(filesInTheDirectory(), 1U);
+}
+
+TEST_F(AFileThatIsWritten, StaysWhenItsReplacementIsGivenUp) {
+    write("old");
+    {
+        FileReplacement replacement(m_path);
+        writeAll(replacement.fd(), "half", m_path);
+        EXPECT_EQ(filesInTheDirectory(), 2U);
+    }
+    EXPECT_EQ(text(), "old");
+    EXPECT_EQ(filesInTheDirectory(), 1U);
+}
+
 TEST_F(AFileThatIsWritten, StaysWhenItCannotBeReplaced) {
     write("old");
     std::filesystem::create_directories(m_path + ".new/in-the-way");

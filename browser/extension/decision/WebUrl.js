@@ -13,6 +13,8 @@
 
 const unreserved = /[A-Za-z0-9\-._~]/;
 const otherThanTarget = /%[0-9A-Fa-f]{2}|[^A-Za-z0-9\-._~!$&'()*+,;=:@/?]/g;
+/** Browsers do not agree on these in a name: one refuses them, another one escapes them. None is in the name of a host. */
+const neverInName = /[\0- #%/:<>?@[\\\]^|\x7f]/;
 const versionFour = /^\d+\.\d+\.\d+\.\d+$/;
 
 /**
@@ -61,7 +63,8 @@ export function parseWebUrl(text) {
     }
     const scheme = url.protocol.slice(0, -1);
     const host = url.hostname.endsWith('.') ? url.hostname.slice(0, -1) : url.hostname;
-    if ((scheme !== 'http' && scheme !== 'https') || host.split('.').includes('')) {
+    const isName = !host.startsWith('[');
+    if ((scheme !== 'http' && scheme !== 'https') || (isName && (neverInName.test(host) || host.split('.').includes('')))) {
         return null;
     }
     const port = url.port === '' ? ownPortOf(scheme) : Number(url.port);

@@ -20,7 +20,7 @@ const programs = {
     daemon: `${build}/daemon/sentreld-rooted`,
 };
 const sentrelctl = `${build}/apps/sentrelctl/sentrelctl-rooted`;
-const browserHost = `${build}/browser/host/sentrel-browser-host-rooted`;
+export const browserHost = `${build}/browser/host/sentrel-browser-host-rooted`;
 
 /** @typedef {{ id: number, url: string }} Report */
 /** @typedef {'bus' | 'hub' | 'keeper' | 'daemon'} ProgramName */
@@ -63,7 +63,7 @@ export class Machine {
         this.start('hub');
         this.start('keeper');
         this.start('daemon');
-        await awaitThat('hub and daemon to answer', () => this.tryCtl('hub', 'ping').status === 0);
+        await awaitThat('hub and daemon to answer', () => this.tryCtl(['hub', 'ping']).status === 0);
     }
 
     /** @param {'hub' | 'keeper' | 'daemon'} name */
@@ -78,16 +78,21 @@ export class Machine {
 
     /** Runs sentrelctl. @param {string[]} words @returns {string} its answer */
     ctl(...words) {
-        const done = this.tryCtl(...words);
+        return this.ctlWithInput('', ...words);
+    }
+
+    /** The same with this on its standard input. @param {string} input @param {string[]} words */
+    ctlWithInput(input, ...words) {
+        const done = this.tryCtl(words, input);
         if (done.status !== 0) {
             throw new Error(`sentrelctl ${words.join(' ')}: code ${done.status}: ${done.stderr}`);
         }
         return done.stdout;
     }
 
-    /** @param {string[]} words */
-    tryCtl(...words) {
-        return spawnSync(sentrelctl, words, { env: this.environment, encoding: 'utf8', timeout: 30000 });
+    /** @param {string[]} words @param {string} [input] */
+    tryCtl(words, input) {
+        return spawnSync(sentrelctl, words, { env: this.environment, encoding: 'utf8', input, timeout: 30000, maxBuffer: 1 << 26 });
     }
 
     /** The stored reports, the oldest first: the number of each, and what it says of the page. @returns {Report[]} */
@@ -104,9 +109,13 @@ export class Machine {
         return this.log().some((report) => report.url === url);
     }
 
+    get settingsFile() {
+        return `${this.root}/Users/Shared/.orvanta/product.db`;
+    }
+
     /** Changes the settings file itself, for what no verb of sentrelctl sets. @param {string} statement */
     sql(statement) {
-        this.#mustRun('sqlite3', ['-cmd', '.timeout 5000', `${this.root}/Users/Shared/.orvanta/product.db`, statement]);
+        this.#mustRun('sqlite3', ['-cmd', '.timeout 5000', this.settingsFile, statement]);
     }
 
     /** Empties the list and puts the preferences back. */

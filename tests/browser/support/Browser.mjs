@@ -138,6 +138,10 @@ export class TestBrowser {
         if (this.driver) {
             const closing = this.driver;
             this.driver = undefined;
+            // The driver would put these back, as its own user's, and Firefox could not read its profile again.
+            for (const name of ['prefs.js.puppeteer', 'user.js.puppeteer']) {
+                fs.rmSync(path.join(this.profile, name), { force: true });
+            }
             await within(`${this.name} to close`, closing.close(), 20000);
         }
     }

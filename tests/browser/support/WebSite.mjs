@@ -30,6 +30,11 @@ export class WebSite {
         return this.#asked.some((address) => address.startsWith(start));
     }
 
+    /** Forgets what was asked for. */
+    forget() {
+        this.#asked = [];
+    }
+
     /** A page of HTML there. @param {string} address without the scheme @param {string} html */
     page(address, html) {
         this.#pages.set(address, (response) => {

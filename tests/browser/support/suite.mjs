@@ -18,22 +18,30 @@ import { WebSite } from './WebSite.mjs';
 /**
  * @param {string} subject what the tests are about, as it reads in front of "in firefox"
  * @param {(surroundings: Surroundings, name: import('./Browser.mjs').BrowserName) => void} addTests
+ * @param {{ startsBrowser: boolean }} [options] without the browser, which each test then starts itself
  */
-export function inEachBrowser(subject, addTests) {
+export function inEachBrowser(subject, addTests, { startsBrowser } = { startsBrowser: true }) {
     for (const name of browsers) {
         describe(`${subject}, in ${name}`, () => {
             const surroundings = /** @type {Surroundings} */ ({});
             before(async () => {
                 surroundings.machine = await Machine.started();
                 surroundings.site = await WebSite.started();
-                surroundings.browser = await TestBrowser.ready(name, surroundings.machine, surroundings.site.port);
+                if (startsBrowser) {
+                    surroundings.browser = await TestBrowser.ready(name, surroundings.machine, surroundings.site.port);
+                }
             });
-            beforeEach(() => surroundings.machine.reset());
+            beforeEach(() => {
+                surroundings.machine.reset();
+                surroundings.site.forget();
+            });
             afterEach(async (test) => {
                 if (/** @type {any} */ (test).passed === false) {
                     console.error(surroundings.machine.messages());
                 }
-                await closeTabs(surroundings.browser);
+                if (startsBrowser) {
+                    await closeTabs(surroundings.browser);
+                }
             });
             after(async () => {
                 await surroundings.browser?.close();

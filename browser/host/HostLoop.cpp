@@ -15,6 +15,7 @@
 #include "browser/host/ReportQueue.h"
 #include "browser/host/SettingsSource.h"
 
+#include <fmt/format.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -61,6 +62,7 @@ private:
 
     Moment nextMoment() const { return std::min({m_reports.until(), m_nextRefresh, m_end.value_or(Moment::max())}); }
     bool isOver() const;
+    void tellLosses() const;
     void waitForWork();
     void work();
     void readInput();
@@ -87,11 +89,18 @@ bool HostLoop::run() {
         waitForWork();
         work();
     }
-    if (m_reports.lost() > 0 || !m_reports.isEmpty()) {
-        tellLine(std::to_string(m_reports.lost()) + " reports were dropped, and it is not known whether " +
-                 std::to_string(m_reports.unread()) + " more were read");
-    }
+    tellLosses();
     return m_isWell;
+}
+
+void HostLoop::tellLosses() const {
+    if (m_reports.lost() > 0) {
+        tellLine(fmt::format("{} reports were dropped for want of room", m_reports.lost()));
+    }
+    if (!m_reports.isEmpty()) {
+        tellLine(fmt::format("{} reports were not delivered; the daemon may still read the first of them",
+                             m_reports.unread()));
+    }
 }
 
 bool HostLoop::isOver() const {

@@ -11,14 +11,13 @@
 
 #include "base/PrintableText.h"
 #include "base/StartThread.h"
-#include "platform/hvbagent/Encoding.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "platform/hvbhelpers/SnapshotText.h"
 
-#include <array>
-#include <cerrno>
 #include <chrono>
 #include <exception>
+#include <functional>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -39,10 +38,15 @@ bus::Deadline callDeadline() {
     return steady_clock::now() + bus::kCallTimeout;
 }
 
-std::string hashOf(const SettingsSnapshot& snapshot) {
-    SettingsSnapshot timeless = whatDecides(snapshot);
-    timeless.readAt = 0;
-    return HVBEnterprise::agent::sha256Of(settings::textOf(timeless));
+/// Whether @p whole decides as @p snapshot says. What decides has no category's number and no order of them.
+bool decidesAs(const WholeSettings& whole, const SettingsSnapshot& snapshot) {
+    std::set<std::string, std::less<>> names;
+    for (const settings::ListEntry& category : snapshot.categories) {
+        names.insert(category.name);
+    }
+    return whole.numbers == snapshot.numbers && whole.policy == snapshot.policy &&
+           whole.rules.entries() == snapshot.allowBlock && whole.rules.ranges() == snapshot.privateRanges &&
+           whole.rules.categories() == names;
 }
 
 void addMatch(sd_bus& connection, const std::string& rule) {
@@ -185,14 +189,12 @@ void SettingsSource::takeText(const std::string& text) {
 }
 
 void SettingsSource::takeSnapshot(const SettingsSnapshot& snapshot) {
-    std::string hash = hashOf(snapshot);
-    if (m_whole == nullptr || hash != m_wholeHash) {
+    if (m_whole == nullptr || !decidesAs(*m_whole, snapshot)) {
         m_whole = std::make_shared<const WholeSettings>(snapshot);
-        m_wholeHash = std::move(hash);
     }
     publish({HeldSettings::State::Current, "", m_whole});
     m_told.clear();
-    if (m_wholeHash != m_cachedHash) {
+    if (m_whole != m_cached) {
         writeCache(snapshot);
     }
 }
@@ -211,8 +213,7 @@ void SettingsSource::keepWhatThereIs(const std::string& because) {
 void SettingsSource::readCache() {
     try {
         if (const std::optional<SettingsSnapshot> snapshot = m_cache.read()) {
-            m_whole = std::make_shared<const WholeSettings>(*snapshot);
-            m_wholeHash = m_cachedHash = hashOf(*snapshot);
+            m_whole = m_cached = std::make_shared<const WholeSettings>(*snapshot);
         }
     } catch (const std::exception& error) {
         m_tell(std::string("the copy of the last settings is passed over: ") + text::printable(error.what()));
@@ -220,7 +221,7 @@ void SettingsSource::readCache() {
 }
 
 void SettingsSource::writeCache(const SettingsSnapshot& snapshot) {
-    m_cachedHash = m_wholeHash; // a copy that cannot be made is not tried again before the next change
+    m_cached = m_whole; // a copy that cannot be made is not tried again before the next change
     try {
         m_cache.write(snapshot);
     } catch (const std::exception& error) {

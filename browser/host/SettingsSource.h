@@ -54,9 +54,8 @@ private:
     WakeUp m_stop;
     WakeUp m_news;
     // Of the source's thread.
-    std::shared_ptr<const WholeSettings> m_whole; ///< the last ones, or null
-    std::string m_wholeHash;                      ///< of what decides in them
-    std::string m_cachedHash;                     ///< of what the file has, as far as is known
+    std::shared_ptr<const WholeSettings> m_whole;  ///< the last ones, or null
+    std::shared_ptr<const WholeSettings> m_cached; ///< those in the file, as far as is known, or null
     bool m_hasReadCache = false;
     std::string m_told;
 

@@ -8,7 +8,7 @@
 namespace Sentrel::ctl {
 
 const char* groupDescription(std::string_view group) {
-    static constexpr std::array<std::pair<std::string_view, const char*>, 11> descriptions{{
+    static constexpr std::array<std::pair<std::string_view, const char*>, 12> descriptions{{
         {"hub", "The hub that connects the modules"},
         {"event", "Browser events"},
         {"prefs", "The preferences"},
@@ -17,6 +17,7 @@ const char* groupDescription(std::string_view group) {
         {"debug", "The debug logging of the daemon"},
         {"proxy", "The proxy to the reputation service"},
         {"settings", "The daemon's settings file"},
+        {"ratings", "The lists of rated sites"},
         {"policy", "The policies of managed machines"},
         {"properties", "What managed machines tell of themselves"},
         {"agent", "The management agent of this machine"},
@@ -30,10 +31,10 @@ const char* groupDescription(std::string_view group) {
 }
 
 std::span<const VerbTable> allVerbs() {
-    static constexpr std::array<VerbTable, 18> tables{
-        statusVerbs,     doctorVerbs, hubVerbs,      eventVerbs,    decryptVerbs, logVerbs,
-        preferenceVerbs, listVerbs,   listFileVerbs, categoryVerbs, checkVerbs,   watchVerbs,
-        debugVerbs,      proxyVerbs,  settingsVerbs, policyVerbs,   fleetVerbs,   agentVerbs};
+    static constexpr std::array<VerbTable, 19> tables{
+        statusVerbs, doctorVerbs,   hubVerbs,      eventVerbs, decryptVerbs, logVerbs,   preferenceVerbs,
+        listVerbs,   listFileVerbs, categoryVerbs, checkVerbs, ratingVerbs,  watchVerbs, debugVerbs,
+        proxyVerbs,  settingsVerbs, policyVerbs,   fleetVerbs, agentVerbs};
     return tables;
 }
 

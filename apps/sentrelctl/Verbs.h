@@ -23,6 +23,7 @@ Verbs listVerbs();
 Verbs listFileVerbs();
 Verbs categoryVerbs();
 Verbs checkVerbs();
+Verbs ratingVerbs();
 Verbs watchVerbs();
 Verbs debugVerbs();
 Verbs proxyVerbs();

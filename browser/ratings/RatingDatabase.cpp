@@ -53,6 +53,14 @@ bool hasWholeTables(const cdb& map) {
     return pointers != nullptr;
 }
 
+UniqueFd openedDatabase(const std::string& path) {
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!file.isOpen()) {
+        failFile(errno, path, "cannot be opened");
+    }
+    return file;
+}
+
 } // namespace
 
 std::uint64_t hashOfName(std::string_view name, const NameKey& key) {
@@ -67,17 +75,17 @@ std::uint64_t hashOfName(std::string_view name, const NameKey& key) {
 
 /// Threads: any; each look-up works on a copy. Owner: its database.
 struct RatingDatabase::Map {
-    explicit Map(const std::string& path) : file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)) {
+    explicit Map(int fd) {
         struct stat facts {};
-        if (!file.isOpen() || ::fstat(file.get(), &facts) != 0) {
-            failFile(errno, path, "cannot be opened");
+        if (::fstat(fd, &facts) != 0) {
+            failFile(errno, "the rating database", "cannot be seen");
         }
         const bool isTrusted =
             (facts.st_uid == 0 || facts.st_uid == ::geteuid()) && (facts.st_mode & kOthersWrite) == 0;
         if (!S_ISREG(facts.st_mode) || !isTrusted) {
             throw UnusableList("others than root may write it");
         }
-        if (facts.st_size > std::numeric_limits<std::uint32_t>::max() || cdb_init(&records, file.get()) != 0) {
+        if (facts.st_size > std::numeric_limits<std::uint32_t>::max() || cdb_init(&records, fd) != 0) {
             throw UnusableList("it is no database");
         }
         if (!hasWholeTables(records)) {
@@ -89,11 +97,12 @@ struct RatingDatabase::Map {
     Map(const Map&) = delete;
     Map& operator=(const Map&) = delete;
 
-    UniqueFd file;
     cdb records{};
 };
 
-RatingDatabase::RatingDatabase(const std::string& path) : m_map(std::make_unique<Map>(path)) {
+RatingDatabase::RatingDatabase(const std::string& path) : RatingDatabase(openedDatabase(path).get()) {}
+
+RatingDatabase::RatingDatabase(int fd) : m_map(std::make_unique<Map>(fd)) {
     readHead();
 }
 

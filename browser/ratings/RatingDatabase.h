@@ -27,6 +27,8 @@ public:
     /// Maps the file. It has to be a regular one of root's or this user's that nobody else may write.
     /// @throws UnusableList when it is no database, and std::system_error when the system refuses it.
     explicit RatingDatabase(const std::string& path);
+    /// The same of a file that is open; it may be closed afterwards.
+    explicit RatingDatabase(int fd);
     ~RatingDatabase();
     RatingDatabase(const RatingDatabase&) = delete;
     RatingDatabase& operator=(const RatingDatabase&) = delete;

@@ -21,10 +21,10 @@ TEST_F(ACompletion, OffersTheVerbs) {
     EXPECT_EQ(
         offered("''"),
         "--color --help --json --version about agent categories check debug decrypt doctor encrypt event help hub "
-        "list log policy prefs properties proxy settings state status watch ");
+        "list log policy prefs properties proxy ratings settings state status watch ");
     EXPECT_EQ(offered("help ''"),
               "about agent categories check debug decrypt doctor encrypt event help hub list log policy "
-              "prefs properties proxy settings state status watch ");
+              "prefs properties proxy ratings settings state status watch ");
     EXPECT_EQ(offered("help prefs ''"), "--help get reset set show ");
     EXPECT_EQ(offered("prefs ''"), "--help get reset set show ");
     EXPECT_EQ(offered("list ''"), "--help allow block export import remove show ");
@@ -33,6 +33,9 @@ TEST_F(ACompletion, OffersTheVerbs) {
     EXPECT_EQ(offered("policy ''"), "--help check push results ");
     EXPECT_EQ(offered("properties ''"), "--help show ");
     EXPECT_EQ(offered("agent ''"), "--help keygen ");
+    EXPECT_EQ(offered("ratings ''"), "--help import list remove show update ");
+    EXPECT_EQ(offered("ratings import a b --format ''"), "adblock domains hosts rpz ");
+    EXPECT_EQ(offered("ratings list --"), "--color --help --json ");
     EXPECT_EQ(offered("debug ''"), "--help off on show ");
     EXPECT_EQ(offered("proxy ''"), "--help set show ");
 }

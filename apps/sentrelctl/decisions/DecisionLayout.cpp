@@ -113,7 +113,8 @@ std::string switchWords(bool applies, const char* otherwise, const char* words, 
 
 std::string ratingWords(const ExplainedDecision& explained) {
     const std::int32_t rating = explained.decision.record.urlRating;
-    const std::string name = NPlgHelper::GetRatingStr(rating);
+    const std::string name = NPlgHelper::GetRatingStr(rating) +
+                             (explained.ratedBy.empty() ? "" : " by the list " + printable(explained.ratedBy));
     const std::string_view setting = browsing::settingOfRating(rating);
     return setting.empty() ? fmt::format("{} is {}, which is allowed", rating, name)
                            : fmt::format("{} is {}, and {} is {}", rating, name, settingName(setting),
@@ -214,6 +215,7 @@ Json decisionJson(const ExplainedDecision& explained) {
         {"category", textOrNull(decision.category.has_value(), decision.category ? decision.category->name : "")},
         {"rating", decision.record.urlRating},
         {"rating_name", NPlgHelper::GetRatingStr(decision.record.urlRating)},
+        {"rated_by", textOrNull(!explained.ratedBy.empty(), explained.ratedBy)},
         {"report", reportingWord(decision.reporting)},
         {"safe_search", textOrNull(decision.safeSearch.has_value(), decision.safeSearch.value_or(""))},
         {"unreadable_entries", rules.list().unreadable().size()},

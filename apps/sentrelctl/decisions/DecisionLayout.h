@@ -17,6 +17,7 @@ struct ExplainedDecision {
     const browsing::SiteStanding& standing;
     const browsing::PageDecision& decision;
     const std::optional<settings::MachinePolicy>& policy;
+    std::string ratedBy{}; ///< name of the list that rated the site; empty when none did
 };
 
 /// What a policy would have to set to rule this decision: as rulingOf takes it.

@@ -6,7 +6,9 @@
 #include "apps/sentrelctl/terminal/Input.h"
 #include "base/Paths.h"
 #include "base/PrintableText.h"
+#include "browser/ratings/RatingLists.h"
 
+#include <algorithm>
 #include <array>
 #include <fmt/format.h>
 #include <memory>
@@ -24,10 +26,12 @@ struct PageCheckOptions {
     std::vector<std::string> categories;
     bool isPhishing = false;
     bool isUnreachable = false;
+    bool isSaid = false; ///< one of these four, so that they are what is known of the site
     double timeout = kDefaultTimeout;
 };
 
-browsing::SiteStanding standingIn(const PageCheckOptions& options) {
+/// What is said of the site on the command line.
+ratings::SiteRating ratingIn(const PageCheckOptions& options) {
     browsing::SiteStanding standing{.rating = options.rating,
                                     .categories = {},
                                     .isPhishing = options.isPhishing,
@@ -35,8 +39,32 @@ browsing::SiteStanding standingIn(const PageCheckOptions& options) {
     for (const std::string& name : options.categories) {
         standing.categories.push_back({name, 0});
     }
-    return standing;
+    return {standing, ""};
 }
+
+/// What browsers are told of the page's site.
+ratings::SiteRating ratingOfThisMachine(const ratings::RatingLists& lists, const std::string& url) {
+    const auto reading = browsing::parseWebUrl(url);
+    const auto* const page = std::get_if<browsing::WebUrl>(&reading);
+    ratings::SiteRating rating;
+    rating.standing.isReachable = lists.status().isReachable;
+    return page == nullptr ? rating : lists.rate(*page);
+}
+
+/// Knows what is known of each page's site.
+/// Threads: one. Owner: the verb.
+class Rater {
+public:
+    explicit Rater(const PageCheckOptions& options) : m_lists(paths::ratingDatabase()), m_options(options) {}
+
+    ratings::SiteRating rate(const std::string& url) const {
+        return m_options.isSaid ? ratingIn(m_options) : ratingOfThisMachine(m_lists, url);
+    }
+
+private:
+    const ratings::RatingLists m_lists;
+    const PageCheckOptions& m_options;
+};
 
 /// The settings that browsers are told, which are the stored ones.
 settings::SettingsSnapshot settingsOfThisMachine(double timeout) {
@@ -75,11 +103,11 @@ std::vector<std::string> addressesIn(const std::string& file, int inputFd) {
 
 void checkPage(Session& session, const PageCheckOptions& options) {
     refuseWithoutScheme(options.url, "");
-    const browsing::SiteStanding standing = standingIn(options);
+    const ratings::SiteRating rating = Rater(options).rate(options.url);
     const settings::SettingsSnapshot stored = settingsOfThisMachine(options.timeout);
     const browsing::PageRules rules(stored);
-    const browsing::PageDecision decision = rules.decide(options.url, standing);
-    const ExplainedDecision explained{rules, standing, decision, stored.policy};
+    const browsing::PageDecision decision = rules.decide(options.url, rating.standing);
+    const ExplainedDecision explained{rules, rating.standing, decision, stored.policy, rating.ratedBy};
     session.out.write(session.json == JsonMode::Off ? decisionText(explained, session.palette)
                                                     : jsonText(decisionJson(explained), session.json));
 }
@@ -87,13 +115,14 @@ void checkPage(Session& session, const PageCheckOptions& options) {
 /// A line each, or a list of what checkPage shows.
 void checkPages(Session& session, const PageCheckOptions& options) {
     const std::vector<std::string> addresses = addressesIn(options.file, session.inputFd);
-    const browsing::SiteStanding standing = standingIn(options);
+    const Rater rater(options);
     const settings::SettingsSnapshot stored = settingsOfThisMachine(options.timeout);
     const browsing::PageRules rules(stored);
     Json list = Json::array();
     for (const std::string& address : addresses) {
-        const browsing::PageDecision decision = rules.decide(address, standing);
-        const ExplainedDecision explained{rules, standing, decision, stored.policy};
+        const ratings::SiteRating rating = rater.rate(address);
+        const browsing::PageDecision decision = rules.decide(address, rating.standing);
+        const ExplainedDecision explained{rules, rating.standing, decision, stored.policy, rating.ratedBy};
         if (session.json == JsonMode::Off) {
             session.out.write(decisionLine(decision, session.palette));
         } else {
@@ -111,13 +140,16 @@ Work describePageCheck(OptionSet& set, Session& session) {
     const Option from = set.add("--from", options->file, "Checks the addresses in this file, one a line; - reads input")
                             .shownAs("FILE")
                             .excludes(url);
-    set.add("--rating", options->rating, "The site's rating; -100 when it has none").shownAs("N");
-    set.add("--category", options->categories, "A content category that the site is in; may stand more than once")
-        .shownAs("NAME");
-    set.addFlag("--phishing", options->isPhishing, "It is a phishing page");
-    set.addFlag("--unreachable", options->isUnreachable, "Nobody can be asked for ratings");
+    const std::array said{
+        set.add("--rating", options->rating, "The site's rating; -100 when it has none").shownAs("N"),
+        set.add("--category", options->categories, "A content category that the site is in; may stand more than once")
+            .shownAs("NAME"),
+        set.addFlag("--phishing", options->isPhishing, "It is a phishing page"),
+        set.addFlag("--unreachable", options->isUnreachable, "Nobody can be asked for ratings"),
+    };
     set.addTimeout(options->timeout);
-    return [options, url, from, &session] {
+    return [options, url, from, said, &session] {
+        options->isSaid = std::any_of(said.begin(), said.end(), [](const Option& each) { return each.isGiven(); });
         if (from.isGiven()) {
             checkPages(session, *options);
         } else if (url.isGiven()) {
@@ -134,8 +166,9 @@ Work describePageCheck(OptionSet& set, Session& session) {
 Verbs checkVerbs() {
     static constexpr std::array<Verb, 1> verbs{{
         {"", "check",
-         "Shows what would happen to a page, step by step, and which setting or entry decides. Nothing is opened, "
-         "nothing is reported.",
+         "Shows what would happen to a page, step by step, and which setting or entry decides. What is known of its "
+         "site comes from the rating lists, or from the options when one is given. Nothing is opened, nothing is "
+         "reported.",
          "  sentrelctl check https://site.example/page\n  sentrelctl check https://site.example/ --rating 60 "
          "--category Games",
          describePageCheck},

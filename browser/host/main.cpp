@@ -4,6 +4,7 @@
 #include "base/SignalSet.h"
 #include "base/UniqueFd.h"
 #include "browser/host/HostLoop.h"
+#include "browser/ratings/RatingLists.h"
 
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -35,7 +36,7 @@ Sentrel::UniqueFd stopDescriptor() {
 
 int serve() {
     const Sentrel::UniqueFd stop = stopDescriptor();
-    Sentrel::ratings::RatingProvider* const nobody = nullptr; // no lists are there to ask
+    Sentrel::ratings::RatingLists lists(Sentrel::paths::ratingDatabase());
     const bool isWell = Sentrel::host::serveBrowser({.input = STDIN_FILENO,
                                                      .output = STDOUT_FILENO,
                                                      .stopFd = stop.get(),
@@ -43,7 +44,7 @@ int serve() {
                                                      .hubSocket = Sentrel::paths::hubSocket(),
                                                      .eventSocket = Sentrel::paths::eventSocket(),
                                                      .cacheFile = Sentrel::host::settingsCachePath()},
-                                                    nobody);
+                                                    &lists);
     return isWell ? kDone : kFailed;
 }
 

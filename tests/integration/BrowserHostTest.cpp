@@ -2,6 +2,7 @@
 // its two pipes, the bus, hvbd, the settings keeper, the daemon and the settings file.
 #include "tests/integration/BrowserHostFixture.h"
 #include "tests/support/AsUser.h"
+#include "tests/support/Files.h"
 
 #include <chrono>
 
@@ -108,6 +109,39 @@ TEST_F(ABrowserHost, ReportsWhatItBlocked) {
     ASSERT_TRUE(eventually([&] { return m_machine.stored().size() == 1; }));
     const json record = json::parse(does({"log", "--json=short"}));
     EXPECT_NE(record.dump().find(kBlockedPage), std::string::npos) << record;
+}
+
+TEST_F(ABrowserHost, DecidesByARatingListAsSoonAsItIsImported) {
+    BrowserPeer browser(m_machine.root());
+    browser.greet();
+    const json before = browser.settingsOfState("current");
+    EXPECT_EQ(before.at("ratings").at("reachable"), false);
+    EXPECT_NE(before.at("ratings").at("because"), "");
+    const std::string file = m_machine.root().file("list.txt");
+    writeFile(file, "bad.example\n");
+    does({"ratings", "import", "ours", file, "--format", "domains", "--rating", "60"});
+    const json settings =
+        browser.settingsWhen([](const json& each) { return !each.at("ratings").at("lists").empty(); });
+    EXPECT_EQ(settings.at("ratings").at("reachable"), true);
+    EXPECT_EQ(settings.at("ratings").at("lists").at(0).at("name"), "ours");
+    const json decision = browser.decide("https://bad.example/");
+    EXPECT_EQ(decision.at("action"), "block");
+    EXPECT_EQ(decision.at("by"), "rating");
+    EXPECT_EQ(decision.at("ratedBy"), "ours");
+}
+
+TEST_F(ABrowserHost, SpeaksWithABrowserThatKnowsItsMessagesFromTheDocumentAlone) {
+    does(kBlockIt);
+    ChildOptions options{.arguments = {programUnderTest("SENTREL_BROWSER_HOST_ROOTED"), kBlockedPage},
+                         .environment = {"SENTREL_INSTALL_ROOT=" + m_machine.root().path().string(),
+                                         "XDG_CACHE_HOME=" + m_machine.root().file("python-cache")},
+                         .outputFile = m_machine.root().file("python.out"),
+                         .uid = {},
+                         .gid = {}};
+    ChildProcess browser(std::string(SENTREL_SOURCE_DIR) + "/tests/peers/browser_peer.py", options);
+    EXPECT_EQ(browser.waitUntil(patience()), 0) << browser.output();
+    EXPECT_EQ(browser.output(), "current block queued 0\n");
+    EXPECT_TRUE(eventually([&] { return m_machine.stored().size() == 1; }));
 }
 
 TEST_F(ABrowserHost, EndsWithItsInput) {

@@ -43,7 +43,7 @@ inEachBrowser('Browsing', (here, browserName) => {
         assert.equal(await visit(tab, 'http://blocked.example/'), 'blocked');
         assert.equal(await visit(tab, 'http://free.example/'), 'open');
         here.machine.start('hub');
-        await awaitThat('the hub', () => here.machine.tryCtl('hub', 'ping').status === 0);
+        await awaitThat('the hub', () => here.machine.tryCtl(['hub', 'ping']).status === 0);
         await changeUntil(here, ['list', 'remove', 'blocked.example'], 'http://blocked.example/', 'open');
     });
 
@@ -54,7 +54,7 @@ inEachBrowser('Browsing', (here, browserName) => {
         assert.equal(await visit(tab, 'http://quiet.example/a'), 'blocked');
         assert.equal(await visit(tab, 'http://free.example/'), 'open');
         here.machine.start('daemon');
-        await awaitThat('the daemon', () => here.machine.tryCtl('hub', 'ping').status === 0);
+        await awaitThat('the daemon', () => here.machine.tryCtl(['hub', 'ping']).status === 0);
         await awaitThat('a report', async () => {
             await visit(tab, 'http://loud.example/b');
             return here.machine.hasReported('http://loud.example/b');

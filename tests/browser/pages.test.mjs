@@ -139,6 +139,14 @@ inEachBrowser('Pages', (here, browserName) => {
         await changeUntil(here, ['prefs', 'set', 'protection', 'on'], 'http://guarded.example/', 'blocked');
     });
 
+    test('an address within a private range is opened while pages without a rating are blocked', async () => {
+        here.machine.sql("insert or ignore into privateIPRange values('192.168.0.0/16')");
+        await changeUntil(here, ['prefs', 'set', 'unrated-sites', 'block'], 'http://198.51.100.1/', 'blocked');
+        await changeUntil(here, ['list', 'show'], 'http://192.168.7.8/', 'open');
+        const tab = await here.browser.open('http://198.51.100.1/');
+        await tab.awaitOwnPage('blocked');
+    });
+
     test('a search of a known engine becomes a safe one', async () => {
         await changeUntil(here, ['list', 'block', 'settled.example'], 'http://settled.example/', 'blocked');
         here.machine.ctl('prefs', 'set', 'safe-search', 'on');

@@ -5,6 +5,7 @@ import assert from 'node:assert/strict';
 import { afterEach, test } from 'node:test';
 import { TestBrowser } from './support/Browser.mjs';
 import { awaitThat } from './support/deadline.mjs';
+import { lookAt } from './support/looks.mjs';
 import { inEachBrowser, outcomeOf } from './support/suite.mjs';
 
 /** How often a browser is started for the test of cold starts. */
@@ -51,8 +52,9 @@ inEachBrowser('A start', (here, browserName) => {
         await browser.awaitExtension();
         const tab = await browser.open('http://early.example/');
         await tab.awaitOwnPage('waiting');
-        assert.match(await tab.text(), /The settings of this machine are not there yet/);
+        assert.match(await tab.text(), /The settings of this machine are not there yet: \S/);
         assert.ok(!here.site.wasAsked('early.example'));
+        await lookAt(tab, 'waiting', browserName);
         here.machine.start('hub');
         here.machine.start('keeper');
         await tab.awaitPage('http://early.example/', 20000);

@@ -39,15 +39,28 @@ export function ask(question) {
     return chrome.runtime.sendMessage(question);
 }
 
+/** How soon it is asked again when nothing could be said. */
+const nextLook = 1000; // ms
+
 /**
- * Shows what the background says, now and whenever that may have changed.
+ * Shows what the background says, now and whenever that may have changed. While it cannot say anything, or is being started and
+ * answers nobody, it is asked again.
  * @param {PageQuestion} question
  * @param {(answer: any) => void} show
  */
 export function keepShowing(question, show) {
+    /** @type {ReturnType<typeof setTimeout> | undefined} */
+    let timer;
     const look = async () => {
-        show(await ask(question));
-        document.documentElement.dataset.state = 'told';
+        const answer = await ask(question).catch(() => undefined);
+        if (answer) {
+            show(answer);
+            document.documentElement.dataset.state = 'told';
+        }
+        clearTimeout(timer);
+        if (!answer || answer.decision?.action === 'wait') {
+            timer = setTimeout(look, nextLook);
+        }
     };
     chrome.runtime.onMessage.addListener((message) => {
         if (message.tell === 'changed') {

@@ -13,7 +13,7 @@ const states = { current: 'stateCurrent', kept: 'stateKept', waiting: 'stateWait
 /** @param {NonNullable<State['settings']>} settings @returns {Fact[]} */
 function factsOfSettings({ state, because, since, protecting, managed, summary, ratings }) {
     /** @type {Fact[]} */
-    const facts = [['factState', text(states[state], because)]];
+    const facts = [['factState', text(states[state], because || text('noReasonYet'))]];
     if (state === 'waiting') {
         return facts;
     }

@@ -12,7 +12,7 @@ function reasonToWait(state) {
         return text('whyAway', state.because || text('noReasonYet'));
     }
     if (state.settings === null || state.settings.state === 'waiting') {
-        return text('whyNoSettings', state.settings?.because ?? '');
+        return text('whyNoSettings', state.settings?.because || text('noReasonYet'));
     }
     return text('whyDeciding');
 }

@@ -26,16 +26,21 @@ export class Gate {
     /**
      * @param {import('./WarnedSites.js').WarnedSites} warned
      * @param {(url: string, answer: 'none') => void} report
+     * @param {(decision: HostDecision, tab: number) => void} note takes each decision on a page that is shown in a tab
      */
-    constructor(warned, report) {
+    constructor(warned, report, note) {
         this.warned = warned;
         this.report = report;
+        this.note = note;
     }
 
     /** @param {Request} request @param {HostDecision} decision @returns {Verdict} */
     act(request, decision) {
         const page = this.#pageInPlaceOf(decision);
         const isShown = request.type === 'main_frame' && request.tabId >= 0 && request.documentLifecycle !== 'prerender';
+        if (isShown) {
+            this.note(decision, request.tabId);
+        }
         if (page === null) {
             if (isShown) {
                 this.#passed.set(request.tabId, withoutFragment(request.url));
@@ -64,6 +69,7 @@ export class Gate {
         const decision = await decide(url);
         await this.warned.loaded;
         const page = this.#pageInPlaceOf(decision);
+        this.note(decision, tab);
         if (page === null) {
             this.#passed.set(tab, withoutFragment(url));
             return;

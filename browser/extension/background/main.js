@@ -7,6 +7,7 @@
 
 import { showOnButton } from './Button.js';
 import { Gate } from './Gate.js';
+import { History } from './History.js';
 import { HostLink } from './HostLink.js';
 import { KeptRules } from './KeptRules.js';
 import { WarnedSites } from './WarnedSites.js';
@@ -32,7 +33,8 @@ let waiters = [];
 const kept = new KeptRules();
 const warned = new WarnedSites();
 const link = new HostLink(isFirefox ? 'firefox' : 'chromium', !isFirefox, { settings: takeSettings, changed: stateChanged });
-const gate = new Gate(warned, (url, answer) => link.report(url, answer).catch(() => undefined));
+const history = new History();
+const gate = new Gate(warned, (url, answer) => link.report(url, answer).catch(() => undefined), note);
 
 /** @param {Settings} arrived */
 function takeSettings(arrived) {
@@ -51,6 +53,11 @@ function takeSettings(arrived) {
 /** @returns {State} */
 function state() {
     return { connected: link.connected, because: link.because, holds: true, settings };
+}
+
+/** For the dashboard; a page in a private window is nobody's business. @param {HostDecision} decision @param {number} tab */
+function note(decision, tab) {
+    chrome.tabs.get(tab).then((shown) => (shown.incognito ? undefined : history.add(decision))).catch(() => undefined);
 }
 
 function stateChanged() {

@@ -1,7 +1,8 @@
 // Following the database.
 //
-// - No database, or one whose newest list is too old, is "not reachable": what is known of no site must not look like a
-//   site of which nothing is known. What that leads to is a setting's, and by default nothing.
+// - A database that cannot be used, or one whose newest list is too old, is "not reachable": what is known of no site
+//   must not look like a site of which nothing is known. What that leads to is a setting's, and by default nothing.
+// - Where no list was ever imported nobody is there who could be out of reach.
 // - A new file that cannot be used changes nothing: the old one stays mapped and in use.
 #include "browser/ratings/RatingLists.h"
 
@@ -54,7 +55,7 @@ bool RatingLists::refresh() {
 
 std::string RatingLists::whyUnreachable() const {
     if (m_database == nullptr) {
-        return m_fault.empty() ? "no rating list was imported" : m_fault;
+        return m_fault;
     }
     std::chrono::sys_seconds newest{};
     for (const ListFacts& list : m_database->lists()) {
@@ -67,12 +68,14 @@ std::string RatingLists::whyUnreachable() const {
 SiteRating RatingLists::rate(const browsing::WebUrl& url) const {
     const SiteRating* const found = m_database == nullptr ? nullptr : m_database->find(url);
     SiteRating rating = found == nullptr ? SiteRating() : *found;
-    rating.standing.isReachable = found != nullptr && m_because.empty();
+    rating.standing.isReachable = m_because.empty() && (found != nullptr || m_database == nullptr);
     return rating;
 }
 
 RatingStatus RatingLists::status() const {
-    return {m_because.empty(), m_because, m_database == nullptr ? std::vector<ListFacts>() : m_database->lists()};
+    const bool isNobodyThere = m_database == nullptr && m_because.empty();
+    return {m_because.empty(), isNobodyThere ? "no rating list was imported" : m_because,
+            m_database == nullptr ? std::vector<ListFacts>() : m_database->lists()};
 }
 
 std::optional<RatingTable> RatingLists::table() const {

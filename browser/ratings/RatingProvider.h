@@ -36,7 +36,7 @@ struct ListFacts {
 /// Threads: a plain value. Owner: the holder.
 struct RatingStatus {
     bool isReachable = false;
-    std::string because; ///< why it is not, as a sentence without its end; empty when it is
+    std::string because; ///< why it is not, or why nobody rates sites here, as a sentence without its end; else empty
     std::vector<ListFacts> lists{};
 };
 

@@ -106,7 +106,7 @@ TEST_F(ACompletion, OffersTheOptionsOfAVerb) {
     EXPECT_EQ(offered("doctor --"), "--color --help --json --probe --timeout ");
     EXPECT_EQ(offered("proxy show --"), "--color --help --json ");
     EXPECT_EQ(offered("check https://site.example/ --"),
-              "--category --color --help --json --phishing --rating --timeout --unreachable ");
+              "--category --color --from --help --json --phishing --rating --timeout --unreachable ");
 }
 
 } // namespace

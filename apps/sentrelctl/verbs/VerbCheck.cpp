@@ -1,4 +1,8 @@
 // sentrelctl check: what would happen to a page, and why.
+//
+// What must stay so:
+// - Settings and ratings are those that browsers are told, by the same libraries, so that the answer is the browser's.
+// - One option that says something of the site is all that is known of it; lists and options are never mixed.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/decisions/DecisionLayout.h"
 #include "apps/sentrelctl/preferences/StoredSettings.h"

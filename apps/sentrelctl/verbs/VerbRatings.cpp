@@ -126,10 +126,17 @@ Json reportJson(const ListReport& report) {
     return json;
 }
 
-/// Says it when what is there now does not count as reachable.
+/// Whether ratings can be had, in words.
+std::string reachText(const ratings::RatingStatus& status) {
+    return status.because.empty() ? "Ratings can be had.\n"
+           : status.isReachable   ? fmt::format("Nobody rates sites here: {}.\n", status.because)
+                                  : fmt::format("Ratings cannot be had: {}.\n", status.because);
+}
+
+/// Says it when what is there now does not rate.
 std::string unreachableText() {
     const ratings::RatingStatus status = ratings::RatingLists(paths::ratingDatabase()).status();
-    return status.isReachable ? "" : fmt::format("Ratings cannot be had: {}.\n", status.because);
+    return status.because.empty() ? "" : reachText(status);
 }
 
 [[noreturn]] void refuse(const std::string& why, const char* nextStep) {
@@ -189,8 +196,7 @@ std::string listText(const ratings::RatingStatus& status) {
         text.erase(text.find_last_not_of(" \n") + 1);
         text += '\n';
     }
-    return text +
-           (status.isReachable ? "Ratings can be had.\n" : fmt::format("Ratings cannot be had: {}.\n", status.because));
+    return text + reachText(status);
 }
 
 void listRatings(Session& session) {

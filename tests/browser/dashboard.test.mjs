@@ -4,9 +4,10 @@
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
 import { awaitThat } from './support/deadline.mjs';
+import { lookAt } from './support/looks.mjs';
 import { changeUntil, inEachBrowser } from './support/suite.mjs';
 
-inEachBrowser('The dashboard', (here) => {
+inEachBrowser('The dashboard', (here, browserName) => {
     /** A tab with it. No program may send a tab there: the way is from a page of ours. @param {string} blocked a page that is */
     async function openDashboard(blocked) {
         const tab = await here.browser.open(blocked);
@@ -35,6 +36,7 @@ inEachBrowser('The dashboard', (here) => {
         await awaitThat('the counts', async () => /Last 24 hours: 1 opened, 0 warned of, 3 blocked\./.test(await tab.text()));
         assert.deepEqual(await rowsOf(tab, 'sites'), [['bets.example', '', '2'], ['games.example', '', '1']]);
         assert.deepEqual(await rowsOf(tab, 'reasons'), [['The list of sites', '', '3']]);
+        await lookAt(tab, 'dashboard', browserName);
         await tab.press('month');
         await awaitThat('the counts of the month', async () => /Last 30 days: 1 opened, 0 warned of, 3 blocked\./.test(await tab.text()));
     });

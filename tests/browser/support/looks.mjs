@@ -22,7 +22,7 @@ const leastContrast = `(() => {
         return 'rgb(255, 255, 255)';
     };
     let least = 21;
-    for (const element of document.querySelectorAll('h1, p, button, dt, dd')) {
+    for (const element of document.querySelectorAll('h1, h2, p, button, dt, dd, th, td')) {
         if (element.textContent.trim() === '' || element.hidden) continue;
         const [a, b] = [light(getComputedStyle(element).color), light(ground(element))];
         least = Math.min(least, (Math.max(a, b) + 0.05) / (Math.min(a, b) + 0.05));
@@ -47,6 +47,7 @@ const unnamed = `[
  */
 export async function lookAt(tab, name, browserName) {
     assert.deepEqual(await tab.ask(unnamed), []);
+    await tab.page.bringToFront(); // a tab behind others is not painted
     for (const theme of browserName === 'chromium' ? ['light', 'dark'] : ['']) {
         if (theme !== '') {
             await tab.page.emulateMediaFeatures([{ name: 'prefers-color-scheme', value: theme }]);

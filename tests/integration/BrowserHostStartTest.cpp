@@ -86,7 +86,7 @@ TEST_F(ABrowserHost, SaysWhyThereAreNoSettings) {
     std::filesystem::remove(m_machine.settingsFile());
     BrowserPeer browser(m_machine.root());
     browser.greet();
-    const json waiting = browser.settingsWhen([this](const json& settings) {
+    const json waiting = browser.settingsWhen([](const json& settings) {
         return settings.at("because").get<std::string>().find("product.db") != std::string::npos;
     });
     EXPECT_NE(waiting.at("state"), "current");

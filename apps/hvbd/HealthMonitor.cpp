@@ -59,9 +59,9 @@ std::set<int> modulesAmong(sd_bus_message& names) {
 
 } // namespace
 
-HealthMonitor::HealthMonitor(sd_event& event, std::chrono::seconds interval, const SystemLog& log,
+HealthMonitor::HealthMonitor(sd_event& event, std::chrono::seconds interval, const SystemLog& log, SilenceMarks& marks,
                              std::function<void()> eachRound)
-    : m_event(event), m_interval(interval), m_log(log), m_eachRound(std::move(eachRound)) {}
+    : m_event(event), m_interval(interval), m_log(log), m_marks(marks), m_eachRound(std::move(eachRound)) {}
 
 HealthMonitor::~HealthMonitor() = default;
 
@@ -224,6 +224,7 @@ void HealthMonitor::takeAnswer(int moduleId, sd_bus_message& reply) {
 }
 
 void HealthMonitor::note(int moduleId, Health health, const std::string& detail) {
+    m_marks.note(moduleId, health);
     if (const auto news = m_board.note(moduleId, health, detail, std::chrono::system_clock::now())) {
         tell(*news);
     }

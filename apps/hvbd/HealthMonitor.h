@@ -3,6 +3,7 @@
 
 #include "apps/hvbd/HealthBoard.h"
 #include "apps/hvbd/LoopHandles.h"
+#include "apps/hvbd/SilenceMarks.h"
 #include "apps/hvbd/SystemLog.h"
 
 #include <chrono>
@@ -19,7 +20,8 @@ namespace HVB::hub {
 class HealthMonitor {
 public:
     /// @param eachRound is called at the begin of each round.
-    HealthMonitor(sd_event& event, std::chrono::seconds interval, const SystemLog& log,
+    /// @param marks hears of the outcome of each check.
+    HealthMonitor(sd_event& event, std::chrono::seconds interval, const SystemLog& log, SilenceMarks& marks,
                   std::function<void()> eachRound);
     ~HealthMonitor();
     HealthMonitor(const HealthMonitor&) = delete;
@@ -68,6 +70,7 @@ private:
     sd_event& m_event;
     const std::chrono::seconds m_interval;
     const SystemLog& m_log;
+    SilenceMarks& m_marks;
     const std::function<void()> m_eachRound;
     // Plain, single access.
     sd_bus* m_bus = nullptr; ///< null without a connection

@@ -35,6 +35,10 @@ void describe(CLI::App& app, Raw& raw, CommandLine& line) {
     app.add_option("--health-interval", raw.intervalSeconds, "Seconds from one health check of the modules to the next")
         ->check(CLI::Range(std::int64_t{1}, kLargestIntervalSeconds))
         ->capture_default_str();
+    app.add_option("--silence-marks", line.silenceMarks,
+                   "Directory for a file module-N when module N has missed three health checks in a row")
+        ->type_name("DIRECTORY")
+        ->check(CLI::ExistingDirectory);
     app.add_option("--log-limit-mib", raw.logMebibytes, "Most that the stored records may take, in MiB; the oldest go")
         ->check(CLI::Range(std::uint64_t{1}, kLargestLogMebibytes))
         ->capture_default_str();

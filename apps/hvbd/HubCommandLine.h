@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <string>
 
 namespace HVB::hub {
 
@@ -20,6 +21,7 @@ enum ExitCode : int {
 
 struct CommandLine {
     std::chrono::seconds healthInterval{60};
+    std::string silenceMarks; ///< the directory for marks of silent modules; empty for none
     std::uint64_t logLimitBytes = 0;
     bool logToStderr = false;
     /// Set: print the bus's configuration and do nothing else.

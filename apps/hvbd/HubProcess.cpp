@@ -37,9 +37,9 @@ public:
           m_loop(bus::newServiceLoop()),
           m_configurations({{MODULE_SENTREL, Sentrel::paths::moduleConfiguration()}},
                            [this](int priority, const std::string& text) { m_log.write(priority, text); }),
-          m_store(Sentrel::paths::hubLogStore(), line.logLimitBytes),
-          m_monitor(*m_loop, line.healthInterval, m_log, [this] { m_configurations.lookAtAll(); }), m_settings(m_log),
-          m_service(*m_loop, m_store, m_configurations, m_monitor, m_settings, m_log),
+          m_store(Sentrel::paths::hubLogStore(), line.logLimitBytes), m_marks(line.silenceMarks, m_log),
+          m_monitor(*m_loop, line.healthInterval, m_log, m_marks, [this] { m_configurations.lookAtAll(); }),
+          m_settings(m_log), m_service(*m_loop, m_store, m_configurations, m_monitor, m_settings, m_log),
           m_link(*m_loop, Sentrel::paths::hubSocket(), {bus::kHubName, "hvbd", "the hub"}, linkUsers()),
           m_broker(*HVBCommBroker::getInstance(Sentrel::paths::hubSocket())),
           m_reload(m_broker, m_configurations, m_log) {}
@@ -103,6 +103,7 @@ private:
     EventPtr m_loop;
     ModuleConfigurations m_configurations;
     LogStore m_store;
+    SilenceMarks m_marks;
     HealthMonitor m_monitor;
     SettingsService m_settings;
     HubService m_service;

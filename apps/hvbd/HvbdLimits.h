@@ -53,6 +53,9 @@ inline constexpr std::size_t kMaxQuotedLevelBytes = 64;
 
 /// A module that has not answered its health check by then, or by the next check, counts as silent.
 inline constexpr std::chrono::seconds kHealthCheckDeadline{5};
+/// So many missed checks in a row are no accident, such as a machine that was asleep: the module is marked for a
+/// restart.
+inline constexpr int kMissedForMark = 3;
 /// After hvbd came back to the bus the modules get this long to come as well, before they count as gone.
 inline constexpr std::chrono::seconds kFirstHealthCheck{5};
 /// A module that has just come and answers with an error is asked again for this long, with this pause. Only then does

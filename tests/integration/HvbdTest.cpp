@@ -225,6 +225,17 @@ TEST_F(AHubThatChecksHealth, LogsThatAModuleIsGoneAndThatItIsBack) {
     EXPECT_EQ(lines("module 7 is back and is well\n"), 1U);
 }
 
+TEST_F(AHubThatChecksHealth, MarksAModuleForARestartThatGoesOnHanging) {
+    start({"--health-interval", "1", "--silence-marks", root.hubVarDirectory()});
+    startModule();
+    EXPECT_TRUE(becomes("well"));
+    pulse.set(true, true);
+    const std::string mark = root.hubVarDirectory() + "/module-7";
+    EXPECT_TRUE(eventually([&] { return std::filesystem::exists(mark); })) << hvbd->output();
+    pulse.set(true, false);
+    EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(mark); })) << hvbd->output();
+}
+
 /// hvbd whose rounds are an hour apart: what it learns here, the bus has told it.
 class AHubThatHearsOfModules : public AHubThatChecksHealth {
 protected:

@@ -56,6 +56,10 @@ inline std::string hubVarDirectory() {
 inline std::string hubLogStore() {
     return underRoot("/usr/local/Orvanta/hvb/var/hvblog.db");
 }
+/// What users ask for, and what is granted.
+inline std::string hubRequestStore() {
+    return underRoot("/usr/local/Orvanta/hvb/var/requests.db");
+}
 inline std::string hubBusConfiguration() {
     return underRoot("/usr/local/Orvanta/hvb/config/hub-bus.conf");
 }

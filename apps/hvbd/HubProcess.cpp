@@ -6,9 +6,12 @@
 // that goes away later is waited for.
 #include "apps/hvbd/HubProcess.h"
 
+#include "apps/hvbd/AccessBook.h"
+#include "apps/hvbd/AccessService.h"
 #include "apps/hvbd/CallbackGuard.h"
 #include "apps/hvbd/HealthMonitor.h"
 #include "apps/hvbd/HubService.h"
+#include "apps/hvbd/ListWorker.h"
 #include "apps/hvbd/LogStore.h"
 #include "apps/hvbd/ModuleConfiguration.h"
 #include "apps/hvbd/ReloadCommand.h"
@@ -40,6 +43,8 @@ public:
           m_store(Sentrel::paths::hubLogStore(), line.logLimitBytes), m_marks(line.silenceMarks, m_log),
           m_monitor(*m_loop, line.healthInterval, m_log, m_marks, [this] { m_configurations.lookAtAll(); }),
           m_settings(m_log), m_service(*m_loop, m_store, m_configurations, m_monitor, m_settings, m_log),
+          m_book(Sentrel::paths::hubRequestStore()), m_worker(*m_loop, Sentrel::paths::hubSocket(), m_log),
+          m_access(*m_loop, m_book, m_worker, m_log),
           m_link(*m_loop, Sentrel::paths::hubSocket(), {bus::kHubName, "hvbd", "the hub"}, linkUsers()),
           m_broker(*HVBCommBroker::getInstance(Sentrel::paths::hubSocket())),
           m_reload(m_broker, m_configurations, m_log) {}
@@ -79,8 +84,10 @@ private:
         return {[this](sd_bus& bus) {
                     m_service.connected(bus);
                     m_monitor.connected(bus);
+                    m_access.connected(bus);
                 },
                 [this] {
+                    m_access.lost();
                     m_monitor.lost();
                     m_service.lost();
                 },
@@ -107,6 +114,9 @@ private:
     HealthMonitor m_monitor;
     SettingsService m_settings;
     HubService m_service;
+    AccessBook m_book;
+    ListWorker m_worker;
+    AccessService m_access;
     bus::BusLink m_link;
     HVBCommBroker& m_broker;
     ReloadCommand m_reload;

@@ -70,4 +70,27 @@ inline constexpr std::chrono::seconds kFreshDeadline{8};
 inline constexpr std::ptrdiff_t kMaxFreshCallsOfConnection = 4;
 inline constexpr std::size_t kMaxFreshCalls = 1024;
 
+/// Requests of one user that wait for an answer: more nobody reads.
+inline constexpr std::int64_t kMaxOpenRequestsOfUser = 20;
+/// Requests of all users, answered ones included: 50 users at their bound. With the longest texts 2 MiB.
+inline constexpr std::int64_t kMaxRequests = 1000;
+/// Grants, for a time and for good.
+inline constexpr std::int64_t kMaxGrants = 1000;
+/// Grants that end with one change of the list.
+inline constexpr std::int64_t kMaxEndsOfChange = 200;
+/// Calls that wait for the bus to say whose they are: of one connection, and together.
+inline constexpr std::ptrdiff_t kMaxUnknownCallsOfConnection = 4;
+inline constexpr std::size_t kMaxUnknownCalls = 256;
+/// Changes of grants that wait for their turn.
+inline constexpr std::size_t kMaxGrantChanges = 32;
+/// How long the daemon may take for a list: it writes each entry to the disk. Below the bus's own limit for a reply.
+inline constexpr std::chrono::seconds kListDeadline{45};
+/// How long anything else of such a change may take.
+inline constexpr std::chrono::seconds kListReadDeadline{10};
+/// How often a change begins anew because others changed the list meanwhile.
+inline constexpr int kListAttempts = 3;
+/// Pause before an entry that could not be taken out is tried again; doubled each time.
+inline constexpr std::chrono::seconds kFirstEndPause{1};
+inline constexpr std::chrono::seconds kLastEndPause{60};
+
 } // namespace HVB::hub

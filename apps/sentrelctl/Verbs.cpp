@@ -8,12 +8,13 @@
 namespace Sentrel::ctl {
 
 const char* groupDescription(std::string_view group) {
-    static constexpr std::array<std::pair<std::string_view, const char*>, 12> descriptions{{
+    static constexpr std::array<std::pair<std::string_view, const char*>, 13> descriptions{{
         {"hub", "The hub that connects the modules"},
         {"event", "Browser events"},
         {"prefs", "The preferences"},
         {"list", "The list of URLs that are allowed or blocked"},
         {"categories", "The content categories that are blocked"},
+        {"requests", "What users ask for access to, and what is granted"},
         {"debug", "The debug logging of the daemon"},
         {"proxy", "The proxy to the reputation service"},
         {"settings", "The daemon's settings file"},
@@ -31,10 +32,10 @@ const char* groupDescription(std::string_view group) {
 }
 
 std::span<const VerbTable> allVerbs() {
-    static constexpr std::array<VerbTable, 19> tables{
-        statusVerbs, doctorVerbs,   hubVerbs,      eventVerbs, decryptVerbs, logVerbs,   preferenceVerbs,
-        listVerbs,   listFileVerbs, categoryVerbs, checkVerbs, ratingVerbs,  watchVerbs, debugVerbs,
-        proxyVerbs,  settingsVerbs, policyVerbs,   fleetVerbs, agentVerbs};
+    static constexpr std::array<VerbTable, 20> tables{
+        statusVerbs, doctorVerbs,   hubVerbs,      eventVerbs,   decryptVerbs, logVerbs,    preferenceVerbs,
+        listVerbs,   listFileVerbs, categoryVerbs, requestVerbs, checkVerbs,   ratingVerbs, watchVerbs,
+        debugVerbs,  proxyVerbs,    settingsVerbs, policyVerbs,  fleetVerbs,   agentVerbs};
     return tables;
 }
 

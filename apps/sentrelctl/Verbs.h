@@ -22,6 +22,7 @@ Verbs preferenceVerbs();
 Verbs listVerbs();
 Verbs listFileVerbs();
 Verbs categoryVerbs();
+Verbs requestVerbs();
 Verbs checkVerbs();
 Verbs ratingVerbs();
 Verbs watchVerbs();

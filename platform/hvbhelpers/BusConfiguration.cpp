@@ -145,6 +145,9 @@ void writeEveryone(Writer& out) {
     for (const char* member : {kSettingsMember, kLastWholeSettingsMember}) {
         out.allowCall(kHubName, kHubInterface, member);
     }
+    for (const char* member : {kAskForAccessMember, kReadOwnRequestsMember}) {
+        out.allowCall(kHubName, kRequestsInterface, member);
+    }
     out.close();
 }
 
@@ -153,6 +156,10 @@ void writeAdministrators(Writer& out, const std::string& group) {
     allowCommands(out, true);
     for (const char* member : {kReadLogMember, kStatusMember}) {
         out.allowCall(kHubName, kHubInterface, member);
+    }
+    for (const char* member :
+         {kReadRequestsMember, kGrantRequestMember, kDenyRequestMember, kReadGrantsMember, kRevokeGrantMember}) {
+        out.allowCall(kHubName, kRequestsInterface, member);
     }
     out.allowCall(moduleName(MODULE_SENTREL), kModuleInterface, kHealthCheckMember);
     out.allowCall(kKeeperName, kKeeperInterface, kNoteReplacementMember);
@@ -188,6 +195,7 @@ void writeHub(Writer& out, const std::string& user) {
     out.allow("send_type=\"method_call\"");
     out.allowSignals(kEventsInterface);
     out.allowSignals(kHubInterface);
+    out.allowSignals(kRequestsInterface);
     out.close();
 }
 

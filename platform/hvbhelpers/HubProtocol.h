@@ -104,6 +104,47 @@ inline constexpr const char* kHandInSettingsSignature = "sv";
 inline constexpr const char* kHandInSettingsReplySignature = "t";
 inline constexpr const char* kStateWhole = "whole"; ///< the one state that the hub asks for
 
+// Requests for access to pages that are blocked, and what is granted: an object of its own, of the hub's name. The
+// caller's user is the one that the bus tells. Times are microseconds since the epoch.
+inline constexpr const char* kRequestsPath = "/com/orvanta/hvb1/Requests";
+inline constexpr const char* kRequestsInterface = "com.orvanta.hvb1.Requests";
+// AskForAccess: URL, reason → id of the request. The same URL of the same user, while it is open: the same request.
+inline constexpr const char* kAskForAccessMember = "AskForAccess";
+inline constexpr const char* kAskForAccessSignature = "ss";
+inline constexpr const char* kAskForAccessReplySignature = "t";
+// ReadOwnRequests and ReadRequests: after this id, at most so many → requests in ascending order, each: id, user, when
+// asked, URL, reason, state, when answered (0: not yet), answer, until when it is granted (0: for good, or not at all).
+inline constexpr const char* kReadOwnRequestsMember = "ReadOwnRequests";
+inline constexpr const char* kReadRequestsMember = "ReadRequests";
+inline constexpr const char* kReadPageSignature = "tu";
+inline constexpr const char* kReadRequestsReplySignature = "a(tuxsssxsx)";
+// GrantRequest: id, entry for the list of allowed and blocked sites, seconds (0: for good) → id of the grant, its end.
+inline constexpr const char* kGrantRequestMember = "GrantRequest";
+inline constexpr const char* kGrantRequestSignature = "tst";
+inline constexpr const char* kGrantRequestReplySignature = "tx";
+// DenyRequest: id, why → nothing.
+inline constexpr const char* kDenyRequestMember = "DenyRequest";
+inline constexpr const char* kDenyRequestSignature = "ts";
+// ReadGrants: after this id, at most so many → grants in ascending order, each: id, request, user who asked, entry,
+// when granted, end (0: for good), whether its entry is being taken out.
+inline constexpr const char* kReadGrantsMember = "ReadGrants";
+inline constexpr const char* kReadGrantsReplySignature = "a(ttusxxb)";
+// RevokeGrant: id → nothing, when the entry is taken out.
+inline constexpr const char* kRevokeGrantMember = "RevokeGrant";
+inline constexpr const char* kRevokeGrantSignature = "t";
+// RequestsChanged: a number that rises with each change of a request or a grant. Everybody hears it, so it says no
+// more.
+inline constexpr const char* kRequestsChangedMember = "RequestsChanged";
+inline constexpr const char* kRequestsChangedSignature = "t";
+/// Most bytes of a request's URL and reason together, and of an answer.
+inline constexpr std::size_t kMaxRequestBytes = 500;
+/// Longest entry of a grant, in bytes: as in a policy.
+inline constexpr std::size_t kMaxGrantEntryBytes = 1023;
+/// Longest time of a grant that ends, in seconds: ten years.
+inline constexpr std::uint64_t kMaxGrantSeconds = 315'360'000;
+/// Most requests or grants of one reply. With the longest texts they stay below half of a message.
+inline constexpr std::uint32_t kMaxRequestsOfReply = 200;
+
 // The settings keeper, which reads the settings file for the hub.
 inline constexpr const char* kKeeperName = "com.orvanta.hvb1.SettingsKeeper";
 inline constexpr const char* kKeeperPath = "/com/orvanta/hvb1/SettingsKeeper";
@@ -126,6 +167,8 @@ inline constexpr const char* kErrorNoSettings = "com.orvanta.hvb1.Error.NoSettin
 inline constexpr const char* kErrorKeeper = "com.orvanta.hvb1.Error.Keeper"; ///< the settings keeper cannot read now
 inline constexpr const char* kErrorLogStore = "com.orvanta.hvb1.Error.LogStore";     ///< the record could not be stored
 inline constexpr const char* kErrorLogRefused = "com.orvanta.hvb1.Error.LogRefused"; ///< it can never be stored
+inline constexpr const char* kErrorRequestRefused = "com.orvanta.hvb1.Error.RequestRefused"; ///< cannot be done so
+inline constexpr const char* kErrorRequestStore = "com.orvanta.hvb1.Error.RequestStore"; ///< their file cannot be used
 
 /// Largest text inside a message, in bytes. What a user can make the bus hold is a multiple of a message.
 inline constexpr std::size_t kMaxTextBytes = std::size_t{256} << 10U;

@@ -284,6 +284,23 @@ TEST_F(TheBusPolicy, LetsTheServicesDoTheirWork) {
     EXPECT_EQ(asHub([&] { return checkHealth(m_socket, 7); }), "ok");
 }
 
+TEST_F(TheBusPolicy, LetsAnyUserAskForAccessAndOnlyAdministratorsAnswer) {
+    const auto callRequests = [&](const char* member) {
+        return callWithoutArguments(m_socket, kHubName, kRequestsPath, kRequestsInterface, member);
+    };
+    for (const char* member : {kAskForAccessMember, kReadOwnRequestsMember}) {
+        EXPECT_EQ(asNobody([&] { return callRequests(member); }), "ok") << member;
+        EXPECT_EQ(asAdministrator([&] { return callRequests(member); }), "ok") << member;
+    }
+    for (const char* member :
+         {kReadRequestsMember, kGrantRequestMember, kDenyRequestMember, kReadGrantsMember, kRevokeGrantMember}) {
+        EXPECT_EQ(asNobody([&] { return callRequests(member); }), refused) << member;
+        EXPECT_EQ(asDaemon([&] { return callRequests(member); }), refused) << member;
+        EXPECT_EQ(asAdministrator([&] { return callRequests(member); }), "ok") << member;
+        EXPECT_EQ(callRequests(member), "ok") << member << ", by root";
+    }
+}
+
 TEST_F(TheBusPolicy, LetsAnyUserReadTheSettingsAndOnlyTheDaemonsHandThemIn) {
     for (const char* member : {kSettingsMember, kLastWholeSettingsMember}) {
         EXPECT_EQ(asNobody([&] { return callHub(m_socket, member); }), "ok") << member;

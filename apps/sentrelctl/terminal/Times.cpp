@@ -59,21 +59,8 @@ std::optional<std::int64_t> dayMeant(const std::string& text, std::int64_t now) 
 
 /// "2h": so long before @p now.
 std::optional<std::int64_t> agoMeant(std::string_view text, std::int64_t now) {
-    static constexpr std::array<std::pair<std::string_view, std::int64_t>, 6> units{
-        {{"s", 1}, {"m", 60}, {"min", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}}};
-    constexpr std::int64_t longest = 10000000; // of any unit; of weeks it is still far below an overflow
-    std::int64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || number < 0 || number > longest) {
-        return std::nullopt;
-    }
-    text.remove_prefix(static_cast<std::size_t>(end - text.data()));
-    for (const auto& [unit, seconds] : units) {
-        if (text == unit) {
-            return now - number * seconds * kMicroseconds;
-        }
-    }
-    return std::nullopt;
+    const std::optional<std::int64_t> seconds = durationMeant(text);
+    return seconds ? std::optional(now - *seconds * kMicroseconds) : std::nullopt;
 }
 
 /// A fraction of a second at the beginning of @p rest, which is taken off.
@@ -131,6 +118,24 @@ std::optional<std::int64_t> dateMeant(const std::string& text, std::int64_t now)
 }
 
 } // namespace
+
+std::optional<std::int64_t> durationMeant(std::string_view text) {
+    static constexpr std::array<std::pair<std::string_view, std::int64_t>, 6> units{
+        {{"s", 1}, {"m", 60}, {"min", 60}, {"h", 3600}, {"d", 86400}, {"w", 604800}}};
+    constexpr std::int64_t longest = 10000000; // of any unit; of weeks it is still far below an overflow
+    std::int64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || number < 0 || number > longest) {
+        return std::nullopt;
+    }
+    text.remove_prefix(static_cast<std::size_t>(end - text.data()));
+    for (const auto& [unit, seconds] : units) {
+        if (text == unit) {
+            return number * seconds;
+        }
+    }
+    return std::nullopt;
+}
 
 std::optional<std::int64_t> timeMeant(const std::string& text, std::int64_t now) {
     for (const auto& meant : {dayMeant(text, now), agoMeant(text, now), dateMeant(text, now)}) {

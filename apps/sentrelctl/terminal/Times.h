@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace Sentrel::ctl {
 
@@ -17,6 +18,9 @@ std::string localTableTime(std::int64_t microseconds);
 /// "T22:13:20.5", each with "Z" or an offset behind it or in the local time zone; "22:13", today; "now", "today",
 /// "yesterday"; "90s", "30min", "2h", "3d", "1w", so long ago. None when it is no time.
 std::optional<std::int64_t> timeMeant(const std::string& text, std::int64_t now);
+
+/// The length of "90s", "30min", "2h", "3d" or "1w", in seconds. None when it is none.
+std::optional<std::int64_t> durationMeant(std::string_view text);
 
 /// The same for programs: to the microsecond, in UTC.
 std::string utcTime(std::int64_t microseconds);

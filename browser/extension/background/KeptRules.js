@@ -30,8 +30,8 @@ export class KeptRules {
         }
     }
 
-    /** @param {string} url @returns {HostDecision} */
-    decide(url) {
-        return this.#rules?.decide(url) ?? { action: 'wait', url };
+    /** @param {string} url @param {boolean} isReachable whether ratings can be had @returns {HostDecision} */
+    decide(url, isReachable) {
+        return this.#rules?.decide(url, { isReachable }) ?? { action: 'wait', url };
     }
 }

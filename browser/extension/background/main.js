@@ -90,15 +90,20 @@ async function decisionInTime(url, frame) {
     }
 }
 
+/** @param {string} url */
+function decideFromMemory(url) {
+    return kept.decide(url, settings?.ratings?.reachable ?? true);
+}
+
 /** @param {string} url @returns {HostDecision | Promise<HostDecision>} */
 function decidePage(url) {
-    return isFirefox ? decisionInTime(url, 'main') : kept.decide(url);
+    return isFirefox ? decisionInTime(url, 'main') : decideFromMemory(url);
 }
 
 chrome.webRequest.onBeforeRequest.addListener(
     (request) => {
         if (!isFirefox) {
-            return gate.act(request, kept.decide(request.url));
+            return gate.act(request, decideFromMemory(request.url));
         }
         const decided = decisionInTime(request.url, request.type === 'main_frame' ? 'main' : 'sub');
         // Firefox keeps the request until this is kept; the types are those of the other browser.
@@ -123,7 +128,7 @@ async function answer(question) {
     switch (question.ask) {
         case 'page': {
             const told = await askHost(question.url, 'main', pageDeadline);
-            const decision = told.action === 'wait' && !isFirefox ? kept.decide(question.url) : told;
+            const decision = told.action === 'wait' && !isFirefox ? decideFromMemory(question.url) : told;
             return { state: state(), decision };
         }
         case 'answer':

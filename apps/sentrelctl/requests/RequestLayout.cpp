@@ -15,13 +15,13 @@ using HVB::bus::RequestState;
 using text::printable;
 using text::validUtf8;
 
-std::string userName(std::uint32_t user) {
+std::string nameOfUser(std::uint32_t user) {
     const passwd* const entry = ::getpwuid(user);
     return entry != nullptr ? entry->pw_name : "";
 }
 
 std::string userText(std::uint32_t user) {
-    const std::string name = userName(user);
+    const std::string name = nameOfUser(user);
     return name.empty() ? std::to_string(user) : fmt::format("{} ({})", printable(name), user);
 }
 
@@ -106,7 +106,7 @@ Json requestJson(const AccessRequest& request, std::int64_t now) {
     const bool isDenied = request.state == RequestState::Denied;
     return Json{{"id", request.id},
                 {"user", request.user},
-                {"user_name", validUtf8(userName(request.user))},
+                {"user_name", validUtf8(nameOfUser(request.user))},
                 {"asked_at", utcTime(request.askedAt)},
                 {"url", request.url},
                 {"reason", request.reason},
@@ -121,7 +121,7 @@ Json grantJson(const AccessGrant& grant) {
     return Json{{"id", grant.id},
                 {"request", grant.request},
                 {"user", grant.user},
-                {"user_name", validUtf8(userName(grant.user))},
+                {"user_name", validUtf8(nameOfUser(grant.user))},
                 {"entry", grant.entry},
                 {"granted_at", utcTime(grant.grantedAt)},
                 {"until", timeOrNull(grant.until)},

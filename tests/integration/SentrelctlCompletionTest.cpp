@@ -21,10 +21,10 @@ TEST_F(ACompletion, OffersTheVerbs) {
     EXPECT_EQ(
         offered("''"),
         "--color --help --json --version about agent categories check debug decrypt doctor encrypt event help hub "
-        "list log policy prefs properties proxy ratings settings state status watch ");
+        "list log policy prefs properties proxy ratings requests settings state status watch ");
     EXPECT_EQ(offered("help ''"),
               "about agent categories check debug decrypt doctor encrypt event help hub list log policy "
-              "prefs properties proxy ratings settings state status watch ");
+              "prefs properties proxy ratings requests settings state status watch ");
     EXPECT_EQ(offered("help prefs ''"), "--help get reset set show ");
     EXPECT_EQ(offered("prefs ''"), "--help get reset set show ");
     EXPECT_EQ(offered("list ''"), "--help allow block export import remove show ");
@@ -36,6 +36,9 @@ TEST_F(ACompletion, OffersTheVerbs) {
     EXPECT_EQ(offered("ratings ''"), "--help import list remove show update ");
     EXPECT_EQ(offered("ratings import a b --format ''"), "adblock domains hosts rpz ");
     EXPECT_EQ(offered("ratings list --"), "--color --help --json ");
+    EXPECT_EQ(offered("requests ''"), "--help ask deny grant grants list revoke show ");
+    EXPECT_EQ(offered("requests grant 5 --"), "--color --for --help --host --json --page --timeout ");
+    EXPECT_EQ(offered("requests grant 5 --for ''"), "1d 1h 1w 30min ");
     EXPECT_EQ(offered("debug ''"), "--help off on show ");
     EXPECT_EQ(offered("proxy ''"), "--help set show ");
 }

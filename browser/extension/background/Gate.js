@@ -22,6 +22,8 @@ const withoutFragment = (url) => url.split('#', 1)[0];
 export class Gate {
     /** The page that each tab was let go to. @type {Map<number, string>} */
     #passed = new Map();
+    /** The page that each tab was sent to ours for, until ours is there. @type {Map<number, string>} */
+    #away = new Map();
 
     /**
      * @param {import('./WarnedSites.js').WarnedSites} warned
@@ -63,7 +65,11 @@ export class Gate {
      * @param {(url: string) => HostDecision | Promise<HostDecision>} decide
      */
     async lookAgain(tab, url, decide) {
-        if (!isOfTheWeb.test(url) || this.#passed.get(tab) === withoutFragment(url)) {
+        if (!isOfTheWeb.test(url)) {
+            this.#away.delete(tab);
+            return;
+        }
+        if (this.#passed.get(tab) === withoutFragment(url)) {
             return;
         }
         const decision = await decide(url);
@@ -74,15 +80,23 @@ export class Gate {
             this.#passed.set(tab, withoutFragment(url));
             return;
         }
+        const isNews = this.#away.get(tab) !== url;
+        this.#away.set(tab, url);
         await show(tab, page, url);
-        if (page === 'blocked') {
+        if (page === 'blocked' && isNews) {
             this.report(url, 'none');
         }
+    }
+
+    /** The tab goes to another page, which may be the same address again. @param {number} tab */
+    leaves(tab) {
+        this.#passed.delete(tab);
     }
 
     /** @param {number} tab */
     forget(tab) {
         this.#passed.delete(tab);
+        this.#away.delete(tab);
     }
 
     /** New settings: what passed by the old ones is looked at again when it comes back. */

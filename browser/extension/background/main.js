@@ -10,6 +10,7 @@ import { Gate } from './Gate.js';
 import { History } from './History.js';
 import { HostLink } from './HostLink.js';
 import { KeptRules } from './KeptRules.js';
+import { giveAhead } from './RulesAhead.js';
 import { WarnedSites } from './WarnedSites.js';
 
 /** @typedef {import('./messages.js').HostDecision} HostDecision */
@@ -30,6 +31,8 @@ const theWeb = ['http://*/*', 'https://*/*'];
 let settings = null;
 /** @type {(() => void)[]} */
 let waiters = [];
+/** Whether this browser lets pages be held back. Chromium does so only for an extension that came by policy. */
+let holds = true;
 const kept = new KeptRules();
 const warned = new WarnedSites();
 const link = new HostLink(isFirefox ? 'firefox' : 'chromium', !isFirefox, { settings: takeSettings, changed: stateChanged });
@@ -43,6 +46,9 @@ function takeSettings(arrived) {
     }
     const { rules, ...rest } = arrived;
     settings = rest;
+    if (rules && !holds) {
+        giveAhead(rules);
+    }
     gate.forgetAll();
     for (const wake of waiters.splice(0)) {
         wake();
@@ -52,7 +58,7 @@ function takeSettings(arrived) {
 
 /** @returns {State} */
 function state() {
-    return { connected: link.connected, because: link.because, holds: true, settings };
+    return { connected: link.connected, because: link.because, holds, settings };
 }
 
 /** For the dashboard; a page in a private window is nobody's business. @param {HostDecision} decision @param {number} tab */
@@ -120,6 +126,21 @@ function arrived({ frameId, tabId, url, documentLifecycle }) {
     }
 }
 chrome.webNavigation.onCommitted.addListener(arrived);
+// These see to what was not held back: pages before their first byte, and frames that the browser refused by the rules it was given.
+chrome.webNavigation.onBeforeNavigate.addListener((navigation) => {
+    if (!holds) {
+        gate.leaves(navigation.tabId);
+        arrived(navigation);
+    }
+});
+chrome.webRequest.onErrorOccurred.addListener(
+    ({ url, type, error }) => {
+        if (!holds && type !== 'main_frame' && error === 'net::ERR_BLOCKED_BY_CLIENT') {
+            link.report(url, 'none').catch(() => undefined);
+        }
+    },
+    { urls: theWeb, types: frames },
+);
 chrome.webNavigation.onHistoryStateUpdated.addListener(arrived);
 chrome.tabs.onRemoved.addListener((tab) => gate.forget(tab));
 
@@ -151,6 +172,7 @@ chrome.runtime.onMessage.addListener((question, sender, reply) => {
 });
 
 async function start() {
+    holds = isFirefox || ((await chrome.permissions.getAll()).permissions ?? []).includes('webRequestBlocking');
     stateChanged();
     link.connect();
     if (!isFirefox) {

@@ -14,6 +14,7 @@ import { browserUser } from './Machine.mjs';
 
 /** @type {typeof import('puppeteer-core')} */
 const puppeteer = createRequire(`${process.env.SENTREL_NODE_MODULES}/`)('puppeteer-core');
+const extension = fileURLToPath(new URL('../../../browser/extension', import.meta.url));
 const asInstalled = fileURLToPath(new URL('as-installed', import.meta.url));
 
 /** @typedef {'firefox' | 'chromium'} BrowserName */
@@ -58,9 +59,11 @@ function optionsOf(name, port) {
 }
 
 export class TestBrowser {
-    /** @param {BrowserName} name @param {Machine} machine @param {number} port of the web site */
-    constructor(name, machine, port) {
+    /** @param {BrowserName} name @param {Machine} machine @param {number} port of the web site
+     * @param {{ byPolicy: boolean }} [options] without the policy Chromium gets the extension from a directory, as a user would give it */
+    constructor(name, machine, port, { byPolicy } = { byPolicy: true }) {
         this.name = name;
+        this.byPolicy = byPolicy;
         this.machine = machine;
         this.port = port;
         this.home = fs.mkdtempSync(path.join(machine.home, `${name}.`));
@@ -95,6 +98,9 @@ export class TestBrowser {
         const start = path.join(this.home, 'start');
         fs.writeFileSync(start, `#!/bin/sh\nexec ${asInstalled} ${this.machine.root} ${browserUser} ${program} "$@"\n`,
             { mode: 0o755 });
+        if (!this.byPolicy) {
+            fs.rmSync(`${this.machine.root}/etc/chromium/policies/managed/sentrel.json`, { force: true });
+        }
         this.driver = await puppeteer.launch({
             headless: true,
             timeout: 30000,
@@ -106,6 +112,20 @@ export class TestBrowser {
             ...options,
             args: [...(options.args ?? []), ...words],
         });
+        if (!this.byPolicy) {
+            await this.installWithoutPolicy();
+        }
+    }
+
+    /** As a user loads an extension that no policy has brought; the host is told that it may call. */
+    async installWithoutPolicy() {
+        const places = `${this.machine.root}/etc/chromium`;
+        const copy = path.join(this.home, 'extension');
+        fs.cpSync(extension, copy, { recursive: true });
+        const id = await within('the installation', this.tabs.installExtension(copy));
+        const host = `${places}/native-messaging-hosts/sentrel.browser_host.json`;
+        const told = JSON.parse(fs.readFileSync(host, 'utf8'));
+        fs.writeFileSync(host, JSON.stringify({ ...told, allowed_origins: [`chrome-extension://${id}/`] }));
     }
 
     /** Until the extension is connected to its host, as it tells on its status page. */

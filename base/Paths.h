@@ -63,6 +63,10 @@ inline std::string hubRequestStore() {
 inline std::string hubBusConfiguration() {
     return underRoot("/usr/local/Orvanta/hvb/config/hub-bus.conf");
 }
+/// The bus configuration of an installation by package, in a directory that is root's alone.
+inline std::string packagedBusConfiguration() {
+    return underRoot("/etc/sentrel/hub-bus.conf");
+}
 inline std::string moduleConfiguration() {
     return underRoot("/usr/local/Orvanta/hvb/config/Sentrel/HVConfig.xml");
 }
@@ -73,6 +77,10 @@ inline std::string agentConfiguration() {
 }
 inline std::string agentKey() {
     return underRoot("/usr/local/Orvanta/hvb/config/agent.key");
+}
+/// What the daemon's unit may reach of the network: a drop-in of systemd.
+inline std::string daemonNetworkDropIn() {
+    return underRoot("/etc/systemd/system/sentreld.service.d/50-agent-network.conf");
 }
 inline std::string agentPolicy() {
     return underRoot("/usr/local/Orvanta/Sentrel/var/policy.json");

@@ -32,7 +32,7 @@ TEST_F(ACompletion, OffersTheVerbs) {
     EXPECT_EQ(offered("settings ''"), "--help init ");
     EXPECT_EQ(offered("policy ''"), "--help check push results ");
     EXPECT_EQ(offered("properties ''"), "--help show ");
-    EXPECT_EQ(offered("agent ''"), "--help keygen ");
+    EXPECT_EQ(offered("agent ''"), "--help keygen network ");
     EXPECT_EQ(offered("ratings ''"), "--help import list remove show update ");
     EXPECT_EQ(offered("ratings import a b --format ''"), "adblock domains hosts rpz ");
     EXPECT_EQ(offered("ratings list --"), "--color --help --json ");

@@ -22,6 +22,18 @@ TEST_F(AnInstallation, FailsWithoutTheBusConfiguration) {
                  "Make it with 'hvbd --print-bus-config', see 'hvbd --help'");
 }
 
+TEST_F(AnInstallation, IsLookedAtInThePackagesPlaceWhenItHasOne) {
+    const std::string made = std::string(kConfig) + "/hub-bus.conf";
+    const std::string packaged = "/etc/sentrel/hub-bus.conf";
+    fs::create_directories(at("/etc/sentrel"));
+    fs::copy_file(at(made), at(packaged));
+    fs::remove(at(made));
+    EXPECT_EQ(finding("bus-configuration").result, "ok");
+    setMode(packaged, 0666);
+    expectFailed("bus-configuration", "others than its owner can write " + packaged + ": it has mode 0666",
+                 "chmod go-w " + packaged + ", and make it anew with 'hvbd --print-bus-config'");
+}
+
 TEST_F(AnInstallation, FailsWithABusConfigurationThatOthersCanWrite) {
     const std::string path = std::string(kConfig) + "/hub-bus.conf";
     setMode(path, 0664);

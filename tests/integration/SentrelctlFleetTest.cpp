@@ -114,6 +114,51 @@ TEST_F(AnAdministrator, MakesAKeyOnce) {
     EXPECT_EQ(run({"agent", "keygen", "--signing", m_root.file("site"), "elsewhere"}).code, 2);
 }
 
+/// What the drop-in of the daemon's unit says after the machine was enrolled at @p host.
+class ADaemonsNetwork : public AnAdministrator {
+protected:
+    std::string dropInFor(const std::string& host) {
+        std::ofstream(m_enrolment) << R"({"broker": {"host": ")" << host
+                                   << R"(", "port": 8883}, "site": "demo", "machine": "desk-1"})";
+        const CtlResult result = run({"agent", "network"});
+        EXPECT_EQ(result.code, 0) << result.err;
+        return readFile(m_dropIn);
+    }
+
+    const std::string m_enrolment = m_root.hubConfigDirectory() + "/agent.json";
+    const std::string m_dropIn = m_root.file("etc/systemd/system/sentreld.service.d/50-agent-network.conf");
+};
+
+TEST_F(ADaemonsNetwork, IsTheBrokersAddressAndNothingElse) {
+    EXPECT_THAT(dropInFor("192.0.2.7"),
+                HasSubstr("[Service]\nPrivateNetwork=no\n"
+                          "RestrictAddressFamilies=AF_INET AF_INET6\nIPAddressAllow=192.0.2.7\n"));
+    EXPECT_EQ(modeOf(m_dropIn), 0644U);
+    EXPECT_THAT(dropInFor("2001:db8::7"), HasSubstr("IPAddressAllow=2001:db8::7\n"));
+}
+
+TEST_F(ADaemonsNetwork, IsEveryAddressWhenTheBrokerHasAName) {
+    EXPECT_THAT(dropInFor("broker.example"), HasSubstr("IPAddressAllow=any\n"));
+    EXPECT_THAT(run({"agent", "network"}).out, HasSubstr("since broker.example is a name"));
+}
+
+TEST_F(ADaemonsNetwork, IsNothingOnceTheMachineIsNotEnrolled) {
+    dropInFor("192.0.2.7");
+    std::filesystem::remove(m_enrolment);
+    const CtlResult result = run({"agent", "network", "--json=short"});
+    EXPECT_EQ(json::parse(result.out), (json{{"file", nullptr}, {"host", nullptr}, {"any_address", false}}));
+    EXPECT_FALSE(std::filesystem::exists(m_dropIn));
+}
+
+TEST_F(ADaemonsNetwork, StaysAsItIsWhenTheEnrolmentCannotBeUsed) {
+    const std::string before = dropInFor("192.0.2.7");
+    std::ofstream(m_enrolment) << "{";
+    const CtlResult result = run({"agent", "network"});
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(result.err, StartsWith("sentrelctl: the daemon's network was not changed: " + m_enrolment));
+    EXPECT_EQ(readFile(m_dropIn), before);
+}
+
 TEST_F(AnAdministrator, MakesAKeyThatTheOwnerOfItsDirectoryCanUse) {
     if (!canActAsOthers()) {
         GTEST_SKIP() << "needs root, which makes a key for another user";

@@ -98,6 +98,8 @@ void needReadable(const std::string& path);
 std::string directoryOf(const std::string& path);
 /// The user's name, or the number of one that has none.
 std::string userName(uid_t uid);
+/// The configuration that the bus is started with: the package's, where there is one, or else the one made by hand.
+std::string busConfigurationFile();
 /// Whom the daemon runs as: the owner of the directory of its socket. None without that.
 std::optional<uid_t> daemonUser();
 /// Whom hvbd runs as: the last user of the bus's configuration. None when that cannot be read or names nobody.

@@ -144,7 +144,7 @@ Diagnosis configurationDirectory(double /*timeout*/) {
 // Configuration.
 
 Diagnosis busConfiguration(double /*timeout*/) {
-    const std::string path = paths::hubBusConfiguration();
+    const std::string path = busConfigurationFile();
     const std::optional<struct stat> facts = factsOf(path);
     if (!facts) {
         return missingFile("bus-configuration-missing", path,
@@ -415,11 +415,16 @@ std::vector<std::string> sectionsFor(const char* kind, const std::string& text) 
 
 } // namespace
 
+std::string busConfigurationFile() {
+    const std::string packaged = paths::packagedBusConfiguration();
+    return factsOf(packaged) ? packaged : paths::hubBusConfiguration();
+}
+
 std::optional<uid_t> hubUser() {
     std::vector<std::string> users;
     try {
-        users = sectionsFor(
-            "user", readRegularFile(paths::hubBusConfiguration(), kMaxBusConfigurationBytes, FileAccess::Anybody));
+        users = sectionsFor("user",
+                            readRegularFile(busConfigurationFile(), kMaxBusConfigurationBytes, FileAccess::Anybody));
     } catch (const std::system_error&) {
         return std::nullopt; // 'bus-configuration' tells why
     }

@@ -52,7 +52,10 @@ Diagnosis hostName(double timeout) {
 // The bus.
 
 std::string startOfTheBus() {
-    return fmt::format("Start the hub's bus: dbus-daemon --nofork --config-file={}", paths::hubBusConfiguration());
+    const std::string configuration = busConfigurationFile();
+    return configuration == paths::packagedBusConfiguration()
+               ? "Start the hub's bus: systemctl start sentrel.target"
+               : fmt::format("Start the hub's bus: dbus-daemon --nofork --config-file={}", configuration);
 }
 
 Diagnosis hubSocket(double timeout) {
@@ -109,7 +112,7 @@ int probePolicy(double timeout) {
 std::string administratorsGroup() {
     try {
         return administratorsIn(
-            readRegularFile(paths::hubBusConfiguration(), kMaxBusConfigurationBytes, FileAccess::Anybody));
+            readRegularFile(busConfigurationFile(), kMaxBusConfigurationBytes, FileAccess::Anybody));
     } catch (const std::system_error&) {
         return {}; // 'bus-configuration' tells why
     }

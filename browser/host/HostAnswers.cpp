@@ -7,6 +7,7 @@
 //   memory of their text.
 #include "browser/host/HostAnswers.h"
 
+#include "platform/hvbagent/Encoding.h"
 #include "platform/settings/SettingsSnapshot.h"
 
 #include <fmt/chrono.h>
@@ -116,6 +117,36 @@ json ratingsOf(const ratings::RatingStatus& status) {
     return json{{"reachable", status.isReachable}, {"because", status.because}, {"lists", std::move(lists)}};
 }
 
+/// The numbers that @p take gives of each name, the lowest byte first, in base64.
+template <class Take>
+std::string columnOf(const std::vector<ratings::RatedName>& names, Take take) {
+    using Number = decltype(take(names.front()));
+    std::string bytes;
+    bytes.reserve(names.size() * sizeof(Number));
+    for (const ratings::RatedName& name : names) {
+        std::uint64_t rest = take(name);
+        for (std::size_t byte = 0; byte < sizeof(Number); ++byte, rest >>= 8U) {
+            bytes += static_cast<char>(rest & 0xFFU);
+        }
+    }
+    return HVBEnterprise::agent::base64Of(bytes);
+}
+
+json classesOf(const std::vector<ratings::SiteRating>& classes) {
+    json list = json::array();
+    for (const ratings::SiteRating& each : classes) {
+        json categories = json::array();
+        for (const browsing::SiteCategory& category : each.standing.categories) {
+            categories.push_back(json{{"name", category.name}, {"number", category.number}});
+        }
+        list.push_back(json{{"rating", each.standing.rating},
+                            {"categories", std::move(categories)},
+                            {"phishing", each.standing.isPhishing},
+                            {"ratedBy", each.ratedBy}});
+    }
+    return list;
+}
+
 /// The keys of the settings that the policy rules; null when that is not known.
 json ruledKeys(const std::optional<settings::MachinePolicy>& policy) {
     return policy && policy->trouble.empty() ? json(policy->rules) : json(nullptr);
@@ -166,6 +197,21 @@ std::string settingsText(const HeldSettings& held, const ratings::RatingStatus& 
     if (rules && whole != nullptr) {
         addMember(text, "rules", rulesText(whole->rules));
     }
+    return text;
+}
+
+std::string ratingsText(const ratings::RatingTable& table, bool isReachable) {
+    const std::string_view key(reinterpret_cast<const char*>(table.key.data()), table.key.size());
+    std::string text = lineOf(json{{"type", "ratings"},
+                                   {"reachable", isReachable},
+                                   {"key", HVBEnterprise::agent::base64Of(key)},
+                                   {"classes", classesOf(table.classes)}});
+    const auto add = [&](const char* name, auto take) {
+        addMember(text, name, '"' + columnOf(table.names, take) + '"');
+    };
+    add("hashes", [](const ratings::RatedName& name) { return name.hash; });
+    add("itself", [](const ratings::RatedName& name) { return name.itself; });
+    add("below", [](const ratings::RatedName& name) { return name.below; });
     return text;
 }
 

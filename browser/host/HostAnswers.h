@@ -19,6 +19,9 @@ std::string errorText(const RequestError& error);
 std::string settingsText(const HeldSettings& held, const ratings::RatingStatus& status, std::uint64_t generation,
                          bool rules);
 
+/// All that is known of sites, for who looks them up in memory.
+std::string ratingsText(const ratings::RatingTable& table, bool isReachable);
+
 /// @param whole those that decided. @param ratedBy name of the list that rated the site, or empty.
 std::string decisionText(std::uint64_t id, const WholeSettings& whole, const browsing::PageDecision& decision,
                          const std::string& ratedBy);

@@ -181,9 +181,11 @@ void HostLoop::takeMessages() {
 }
 
 void HostLoop::tellSettings() {
-    if (m_canWrite && !m_output.hasLong() && m_output.waiting() < kMaxWholeBytes) {
-        if (std::optional<std::string> message = m_session.owedSettings()) {
-            m_output.put(*std::move(message));
+    for (const auto owed : {&HostSession::owedSettings, &HostSession::owedRatings}) {
+        if (m_canWrite && !m_output.hasLong() && m_output.waiting() < kMaxWholeBytes) {
+            if (std::optional<std::string> message = (m_session.*owed)()) {
+                m_output.put(*std::move(message));
+            }
         }
     }
 }

@@ -11,6 +11,7 @@ namespace {
 
 using browsing::PageDecision;
 using browsing::Reporting;
+using browsing::Stage;
 using browsing::UserAction;
 
 template <std::size_t size>
@@ -75,8 +76,9 @@ void HostSession::hold(HeldSettings held) {
 }
 
 void HostSession::refreshRatings() {
-    if (m_rater != nullptr && m_rater->refresh()) {
-        m_owesSettings = m_hello.has_value();
+    if (m_rater != nullptr && m_rater->refresh() && m_hello) {
+        m_owesSettings = true;
+        m_owesRatings = m_hello->wantsRatings;
     }
 }
 
@@ -87,9 +89,20 @@ std::optional<std::string> HostSession::owedSettings() {
     return settingsText(m_held, ratingStatus(), ++m_generation, m_hello->wantsRules);
 }
 
+std::optional<std::string> HostSession::owedRatings() {
+    if (!std::exchange(m_owesRatings, false)) {
+        return std::nullopt;
+    }
+    ratings::RatingTable nothing;
+    nothing.classes.emplace_back(); // a site of which nothing is known
+    const std::optional<ratings::RatingTable> table = m_rater != nullptr ? m_rater->table() : std::nullopt;
+    return ratingsText(table ? *table : nothing, ratingStatus().isReachable);
+}
+
 void HostSession::greet(const Hello& hello) {
     m_hello = hello;
     m_owesSettings = true;
+    m_owesRatings = hello.wantsRatings;
     m_users.send(welcomeText(m_release));
 }
 
@@ -100,7 +113,9 @@ void HostSession::decide(const DecideRequest& request) {
     }
     const ratings::SiteRating rating = ratingOf(request.url);
     const PageDecision decision = m_held.whole->rules.decide(request.url, rating.standing);
-    m_users.send(decisionText(request.id, *m_held.whole, decision, rating.ratedBy));
+    // Stages in front of these leave what is known of the site out.
+    const bool isRated = decision.decidedBy() == Stage::List || decision.decidedBy() > Stage::PrivateRange;
+    m_users.send(decisionText(request.id, *m_held.whole, decision, isRated ? rating.ratedBy : ""));
 }
 
 void HostSession::report(const ReportRequest& request) {

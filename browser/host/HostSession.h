@@ -38,6 +38,8 @@ public:
     /// The settings, once, when the browser is to be told of them; none when it knows them. Settings that were
     /// overtaken by others before anybody asked are never told.
     std::optional<std::string> owedSettings();
+    /// The same of all that is known of sites, when the browser asked for that.
+    std::optional<std::string> owedRatings();
 
 private:
     void greet(const Hello& hello);
@@ -52,6 +54,7 @@ private:
     HeldSettings m_held;
     std::optional<Hello> m_hello;
     bool m_owesSettings = false;
+    bool m_owesRatings = false;
     std::uint64_t m_generation = 0;
     std::uint64_t m_lost = 0;
 };

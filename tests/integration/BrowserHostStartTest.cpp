@@ -116,8 +116,8 @@ TEST_F(ABrowserHost, DecidesWhileTheHubHangs) {
     m_machine.bus().cont();
 }
 
-TEST_F(ABrowserHost, TellsAHundredThousandEntriesInPieces) {
-    constexpr int count = 100'000;
+TEST_F(ABrowserHost, TellsALongListInPieces) {
+    constexpr int count = 40'000;
     m_machine.stopDaemon();
     m_machine.sql("with recursive n(i) as (select 1 union all select i+1 from n where i<" + std::to_string(count) +
                   ") insert into allowblocksettings select printf('https://host%06d.example/a/path', i), 1 from n");
@@ -128,12 +128,12 @@ TEST_F(ABrowserHost, TellsAHundredThousandEntriesInPieces) {
         browser.settingsWhen([](const json& each) { return each.at("summary").at("entries") == count; });
     const json& entries = settings.at("rules").at("entries");
     ASSERT_EQ(entries.size(), std::size_t{count});
-    EXPECT_EQ(entries.at(99'999),
-              json::parse(R"([false, "https://host100000.example/a/path", "https", "host100000.example", false, 0,
+    EXPECT_EQ(entries.at(39'999),
+              json::parse(R"([false, "https://host040000.example/a/path", "https", "host040000.example", false, 0,
                               "/a/path"])"));
-    EXPECT_GT(browser.frames(), 10U);
+    EXPECT_GT(browser.frames(), 6U);
     EXPECT_LE(browser.longestFrame(), std::size_t{1} << 20U);
-    EXPECT_EQ(browser.decide("https://host054321.example/a/path/b").at("entry").at("place"), 54320);
+    EXPECT_EQ(browser.decide("https://host034321.example/a/path/b").at("entry").at("place"), 34320);
 }
 
 TEST_F(ABrowserHost, GoesOnReadingSettingsForABrowserThatDoesNotRead) {

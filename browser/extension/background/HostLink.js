@@ -5,6 +5,7 @@
 // costs a question some milliseconds and no report. A host that refuses our version is asked again like one that is missing.
 // @ts-check
 
+/** @typedef {import('../decision/Ratings.js').RatingsMessage} RatingsMessage */
 /** @typedef {import('./messages.js').Settings} Settings */
 /** @typedef {import('./messages.js').HostDecision} HostDecision */
 /** @typedef {{ message: any, done: (answer: any) => void, timer: ReturnType<typeof setTimeout> }} Question */
@@ -35,11 +36,11 @@ export class HostLink {
 
     /**
      * @param {'firefox' | 'chromium'} browser
-     * @param {boolean} wantsRules
-     * @param {{ settings: (settings: Settings) => void, changed: () => void }} listener
+     * @param {boolean} decidesHere whether everything that decides is wanted
+     * @param {{ settings: (settings: Settings) => void, ratings: (ratings: RatingsMessage) => void, changed: () => void }} listener
      */
-    constructor(browser, wantsRules, listener) {
-        this.hello = { type: 'hello', version: messageVersion, browser, rules: wantsRules, ratings: false };
+    constructor(browser, decidesHere, listener) {
+        this.hello = { type: 'hello', version: messageVersion, browser, rules: decidesHere, ratings: decidesHere };
         this.listener = listener;
     }
 
@@ -102,6 +103,8 @@ export class HostLink {
             this.#welcomed();
         } else if (message.type === 'settings') {
             this.listener.settings(message);
+        } else if (message.type === 'ratings') {
+            this.listener.ratings(message);
         } else if (message.type === 'error' && message.id === undefined) {
             this.because = message.text;
             this.#port?.disconnect(); // tells nobody on this side

@@ -35,7 +35,9 @@ let waiters = [];
 let holds = true;
 const kept = new KeptRules();
 const warned = new WarnedSites();
-const link = new HostLink(isFirefox ? 'firefox' : 'chromium', !isFirefox, { settings: takeSettings, changed: stateChanged });
+const link = new HostLink(isFirefox ? 'firefox' : 'chromium', !isFirefox, {
+    settings: takeSettings, ratings: takeRatings, changed: stateChanged,
+});
 const history = new History();
 const gate = new Gate(warned, (url, answer) => link.report(url, answer).catch(() => undefined), note);
 
@@ -49,6 +51,17 @@ function takeSettings(arrived) {
     if (rules && !holds) {
         giveAhead(rules);
     }
+    decideAnew();
+}
+
+/** @param {import('../decision/Ratings.js').RatingsMessage} arrived */
+function takeRatings(arrived) {
+    kept.takeRatings(arrived);
+    decideAnew();
+}
+
+/** What decides is another. */
+function decideAnew() {
     gate.forgetAll();
     for (const wake of waiters.splice(0)) {
         wake();
@@ -96,20 +109,15 @@ async function decisionInTime(url, frame) {
     }
 }
 
-/** @param {string} url */
-function decideFromMemory(url) {
-    return kept.decide(url, settings?.ratings?.reachable ?? true);
-}
-
 /** @param {string} url @returns {HostDecision | Promise<HostDecision>} */
 function decidePage(url) {
-    return isFirefox ? decisionInTime(url, 'main') : decideFromMemory(url);
+    return isFirefox ? decisionInTime(url, 'main') : kept.decide(url);
 }
 
 chrome.webRequest.onBeforeRequest.addListener(
     (request) => {
         if (!isFirefox) {
-            return gate.act(request, decideFromMemory(request.url));
+            return gate.act(request, kept.decide(request.url));
         }
         const decided = decisionInTime(request.url, request.type === 'main_frame' ? 'main' : 'sub');
         // Firefox keeps the request until this is kept; the types are those of the other browser.
@@ -149,7 +157,7 @@ async function answer(question) {
     switch (question.ask) {
         case 'page': {
             const told = await askHost(question.url, 'main', pageDeadline);
-            const decision = told.action === 'wait' && !isFirefox ? decideFromMemory(question.url) : told;
+            const decision = told.action === 'wait' && !isFirefox ? kept.decide(question.url) : told;
             return { state: state(), decision };
         }
         case 'answer':

@@ -86,10 +86,10 @@ export class PageRules {
     /**
      * Decides on the page at an address. What is no web page is allowed and never reported.
      * @param {string} address
-     * @param {Standing} [standing]
+     * @param {(url: WebUrl | null) => Standing} [rate] what is known of a site; null: of one that cannot be read
      * @returns {Decision}
      */
-    decide(address, standing = {}) {
+    decide(address, rate = () => ({})) {
         const url = parseWebUrl(address);
         const decision = emptyDecision(url === null ? address : textOf(url));
         if (url === null && !/^https?$/.test(schemeOf(address))) {
@@ -101,7 +101,7 @@ export class PageRules {
         if (url !== null) {
             this.#lookUp(decision, url);
         }
-        this.#judge(decision, standing);
+        this.#judge(decision, rate(url));
         this.#sayWhenToReport(decision);
         if (this.rules.searchesSafely && url !== null && decision.action !== 'block') {
             decision.safeSearch = withSafeSearch(url);

@@ -9,6 +9,8 @@ import { awaitThat } from './deadline.mjs';
 export class HostPeer {
     /** Its settings as they last came; null before. @type {Message | null} */
     settings = null;
+    /** What it knows of sites, as it last came. @type {Message | null} */
+    ratings = null;
     /** The answers by their id. @type {Map<number, Message>} */
     #answers = new Map();
     #input = Buffer.alloc(0);
@@ -75,6 +77,8 @@ export class HostPeer {
             }
         } else if (message.type === 'settings') {
             this.settings = message;
+        } else if (message.type === 'ratings') {
+            this.ratings = message;
         } else if (message.id !== undefined) {
             this.#answers.set(message.id, message);
         }

@@ -20,10 +20,11 @@ public:
     bool refresh() override { return std::exchange(hasNews, false); }
     ratings::SiteRating rate(const browsing::WebUrl& /*url*/) const override { return rating; }
     ratings::RatingStatus status() const override { return state; }
-    std::optional<ratings::RatingTable> table() const override { return std::nullopt; }
+    std::optional<ratings::RatingTable> table() const override { return names; }
 
     ratings::SiteRating rating;
     ratings::RatingStatus state;
+    std::optional<ratings::RatingTable> names{};
     bool hasNews = false;
 };
 
@@ -231,6 +232,14 @@ TEST_F(ARatedHostSession, DecidesByTheRating) {
     EXPECT_EQ(decision.at("reporting"), "when answered");
 }
 
+TEST_F(ARatedHostSession, NamesNoListWhereTheRatingDoesNotCount) {
+    EXPECT_EQ(decide("about:blank").at("ratedBy"), "");
+    m_snapshot.privateRanges = {"192.0.2.0/24"};
+    hold();
+    EXPECT_EQ(decide("http://192.0.2.1/").at("ratedBy"), "");
+    EXPECT_EQ(decide("http://blocked.example/").at("ratedBy"), "our list");
+}
+
 TEST_F(ARatedHostSession, ReportsAWarningWithItsAnswer) {
     EXPECT_EQ(report("http://a.example/").at("outcome"), "not needed") << "nobody has answered";
     report("http://a.example/", "went-on");
@@ -257,6 +266,39 @@ TEST_F(ARatedHostSession, TellsAChangeOfTheRatings) {
     EXPECT_EQ(ratings.at("because"), "it is too old");
     EXPECT_EQ(ratings.at("lists").at(0).at("name"), "our list");
     EXPECT_EQ(ratings.at("lists").at(0).at("count"), 3);
+}
+
+json ratingsOwed(HostSession& session) {
+    const std::optional<std::string> ratings = session.owedRatings();
+    return ratings ? json::parse(*ratings) : json();
+}
+
+TEST(AHostSessionThatIsAskedForRatings, TellsAllThatIsKnownOfSitesAndEachChange) {
+    OneRating rater;
+    rater.state.isReachable = true;
+    HostSession session("1.2.3", &rater, {[](const std::string&) {}, [](const STEventData&) { return 0; }});
+    EXPECT_TRUE(ratingsOwed(session).is_null()) << "nobody has said hello";
+    session.take(R"({"type":"hello","version":1,"browser":"chromium","rules":true,"ratings":true})");
+    const json nothing = ratingsOwed(session);
+    EXPECT_EQ(nothing.at("classes").size(), 1U);
+    EXPECT_EQ(nothing.at("classes").at(0).at("rating"), browsing::kNoRating);
+    EXPECT_EQ(nothing.at("hashes"), "");
+    EXPECT_TRUE(ratingsOwed(session).is_null()) << "once is enough";
+    ratings::RatingTable table{{1, 2, 3}, {{}, {{60, {{"Games", 7}}, true, true}, "our list"}}, {}};
+    table.names = {{0x0102030405060708, 1, 0}, {0x1112131415161718, 0, 0x0201}};
+    rater.names = table;
+    rater.hasNews = true;
+    session.refreshRatings();
+    EXPECT_EQ(ratingsOwed(session), json::parse(R"({"type":"ratings","reachable":true,"key":"AQIDAAAAAAAAAAAAAAAAAA==",
+                "classes":[{"rating":-100,"categories":[],"phishing":false,"ratedBy":""},
+                           {"rating":60,"categories":[{"name":"Games","number":7}],"phishing":true,"ratedBy":"our list"}],
+                "hashes":"CAcGBQQDAgEYFxYVFBMSEQ==","itself":"AQAAAA==","below":"AAABAg=="})"));
+}
+
+TEST_F(ARatedHostSession, TellsNoNamesToABrowserThatDidNotAskForThem) {
+    m_rater.hasNews = true;
+    m_session.refreshRatings();
+    EXPECT_TRUE(ratingsOwed(m_session).is_null());
 }
 
 } // namespace

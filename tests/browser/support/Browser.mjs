@@ -173,9 +173,11 @@ export class Tab {
         this.page = page;
     }
 
-    /** Goes there; a page that is held back or replaced meanwhile is no failure. @param {string} address */
+    /** Goes there. A page that is held back or replaced meanwhile is no failure; Firefox's driver may then never say that it has
+     * come to an end. What is shown is for the caller to wait for. @param {string} address */
     async go(address) {
-        await within(`a load of ${address.slice(0, 80)}`, this.page.goto(address, { waitUntil: 'domcontentloaded', timeout: 20000 }).catch(() => undefined), 25000);
+        const load = this.page.goto(address, { waitUntil: 'domcontentloaded', timeout: 20000 }).catch(() => undefined);
+        await within('a load', load, 5000).catch(() => undefined);
     }
 
     /** The address that it shows. @returns {Promise<string>} */

@@ -37,6 +37,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                [](const STEventData& record) -> std::uint64_t {
                                    require(record.url[sizeof record.url - 1] == '\0');
                                    return 0;
+                               },
+                               [](const host::AccessQuestion& question) {
+                                   require(question.url.size() + question.reason.size() <= 500);
+                                   return false; // so it is answered at once
                                }});
     session.hold(settings);
     host::FrameReader reader;

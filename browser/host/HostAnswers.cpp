@@ -86,6 +86,7 @@ std::string rulesText(const PageRules& rules) {
 constexpr std::array<const char*, 3> kStateWords{"waiting", "current", "kept"};
 constexpr std::array<const char*, 4> kActionWords{"", "allow", "warn", "block"};
 constexpr std::array<const char*, 3> kReportingWords{"never", "at once", "when answered"};
+constexpr std::array<const char*, 5> kOutcomeWords{"asked", "known", "told", "refused", "away"};
 constexpr std::array<const char*, 8> kStageWords{"address",      "protection", "list",     "private range",
                                                  "reachability", "category",   "phishing", "rating"};
 
@@ -266,6 +267,24 @@ std::string waitText(const DecideRequest& request) {
 
 std::string reportedText(std::uint64_t id, const char* outcome, std::uint64_t lost) {
     return lineOf(json{{"type", "reported"}, {"id", id}, {"outcome", outcome}, {"lost", lost}});
+}
+
+std::string requestedText(const AccessAnswer& answer) {
+    const auto timeOrNone = [](std::int64_t microseconds) { return microseconds == 0 ? "" : timeOf(microseconds); };
+    const LastRequest& last = answer.last;
+    return lineOf(json{{"type", "requested"},
+                       {"id", answer.id},
+                       {"outcome", kOutcomeWords.at(static_cast<std::size_t>(answer.outcome))},
+                       {"url", answer.url},
+                       {"number", answer.number},
+                       {"because", answer.because},
+                       {"last", last.number == 0 ? json(nullptr)
+                                                 : json{{"number", last.number},
+                                                        {"state", last.state},
+                                                        {"asked", timeOrNone(last.askedAt)},
+                                                        {"answered", timeOrNone(last.answeredAt)},
+                                                        {"answer", last.answer},
+                                                        {"until", timeOrNone(last.until)}}}});
 }
 
 } // namespace Sentrel::host

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "browser/decision/PageDecision.h"
+#include "browser/host/AccessMessages.h"
 #include "browser/host/HeldSettings.h"
 #include "browser/host/HostMessages.h"
 #include "browser/ratings/RatingProvider.h"
@@ -30,5 +31,7 @@ std::string waitText(const DecideRequest& request);
 
 /// @param lost how many reports were dropped until now, because the queue was full.
 std::string reportedText(std::uint64_t id, const char* outcome, std::uint64_t lost);
+
+std::string requestedText(const AccessAnswer& answer);
 
 } // namespace Sentrel::host

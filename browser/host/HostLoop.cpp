@@ -1,6 +1,6 @@
-// One loop that waits for five descriptors: the browser's two, the settings, the daemon, and the end. Nothing in it
-// waits for anything else, so a browser that does not read, a hub that hangs and an event socket that somebody holds
-// stall only what is theirs.
+// One loop that waits for six descriptors: the browser's two, the settings, the requests for access, the daemon, and
+// the end. Nothing in it waits for anything else, so a browser that does not read, a hub that hangs and an event socket
+// that somebody holds stall only what is theirs.
 //
 // What must stay so:
 // - While the browser does not read its answers, no more questions are read. The settings go on all the same: of those
@@ -9,6 +9,7 @@
 #include "browser/host/HostLoop.h"
 
 #include "base/PrintableText.h"
+#include "browser/host/AccessDesk.h"
 #include "browser/host/Framing.h"
 #include "browser/host/HostOutput.h"
 #include "browser/host/HostSession.h"
@@ -45,20 +46,21 @@ void tellLine(const std::string& line) {
 class HostLoop {
 public:
     HostLoop(const HostPlaces& places, ratings::RatingProvider* rater)
-        : m_places(places), m_output(places.output), m_reports(places.eventSocket, tellLine),
+        : m_places(places), m_output(places.output), m_reports(places.eventSocket, tellLine), m_desk(places.hubSocket),
           m_session(places.release, rater,
                     {[this](std::string message) { m_output.put(std::move(message)); },
                      [this](const STEventData& record) {
                          m_reports.add(record);
                          return m_reports.lost();
-                     }}),
+                     },
+                     [this](AccessQuestion question) { return m_desk.add(std::move(question)); }}),
           m_source(places.hubSocket, SettingsCache(places.cacheFile), tellLine),
           m_nextRefresh(rater != nullptr ? steady_clock::now() : Moment::max()) {}
 
     bool run();
 
 private:
-    enum Place : std::size_t { Input, Output, Stop, Settings, Daemon, Count };
+    enum Place : std::size_t { Input, Output, Stop, Settings, Access, Daemon, Count };
 
     Moment nextMoment() const { return std::min({m_reports.until(), m_nextRefresh, m_end.value_or(Moment::max())}); }
     bool isOver() const;
@@ -74,6 +76,7 @@ private:
     const HostPlaces& m_places;
     HostOutput m_output;
     ReportQueue m_reports;
+    AccessDesk m_desk;
     HostSession m_session;
     SettingsSource m_source;
     FrameReader m_frames;
@@ -116,6 +119,7 @@ void HostLoop::waitForWork() {
     m_polled[Output] = {m_canWrite ? m_output.fd() : -1, static_cast<short>(writes ? POLLOUT : 0), 0};
     m_polled[Stop] = {m_end ? -1 : m_places.stopFd, POLLIN, 0};
     m_polled[Settings] = {m_source.fd(), POLLIN, 0};
+    m_polled[Access] = {m_desk.fd(), POLLIN, 0};
     m_polled[Daemon] = m_reports.descriptor();
     int timeout = -1;
     if (const Moment next = nextMoment(); next != Moment::max()) {
@@ -130,6 +134,11 @@ void HostLoop::waitForWork() {
 void HostLoop::work() {
     if (m_polled[Settings].revents != 0) {
         m_session.hold(m_source.take());
+    }
+    if (m_polled[Access].revents != 0) {
+        for (const AccessAnswer& answer : m_desk.take()) {
+            m_session.tell(answer);
+        }
     }
     if (steady_clock::now() >= m_nextRefresh) {
         m_session.refreshRatings();

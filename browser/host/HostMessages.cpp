@@ -121,6 +121,12 @@ HostRequest readRequest(std::string_view message) {
     if (type == "report") {
         return readReport(object);
     }
+    if (type == "request") {
+        return AccessMessage{neededId(object), neededText(object, "url"), neededText(object, "reason"), true};
+    }
+    if (type == "requests") {
+        return AccessMessage{neededId(object), neededText(object, "url"), "", false};
+    }
     throw RequestError("type", "there is no message of this type", idIn(object));
 }
 

@@ -31,7 +31,14 @@ struct ReportRequest {
     std::string url;
     WarningAnswer answer = WarningAnswer::None;
 };
-using HostRequest = std::variant<Hello, DecideRequest, ReportRequest>;
+/// Asks for access to a page, or only what came of asking.
+struct AccessMessage {
+    std::uint64_t id = 0;
+    std::string url;
+    std::string reason;
+    bool isAsking = false;
+};
+using HostRequest = std::variant<Hello, DecideRequest, ReportRequest, AccessMessage>;
 
 /// A message that is answered with an error. Its words are for the extension's author.
 class RequestError : public std::runtime_error {

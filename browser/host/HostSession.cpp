@@ -1,7 +1,16 @@
+// A message comes in, and what answers it goes out, at once for all but one: access is asked for at the hub, and its
+// answer comes by tell when there is one.
+//
+// What must stay so:
+// - What a message says of a page counts for nothing: it is decided here, anew, before it is reported or asked for.
+// - Nothing in here waits.
 #include "browser/host/HostSession.h"
 
 #include "browser/host/HostAnswers.h"
 #include "events/NPlgHelper.h"
+#include "platform/hvbhelpers/HubProtocol.h"
+
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <utility>
@@ -9,6 +18,7 @@
 namespace Sentrel::host {
 namespace {
 
+using browsing::PageAction;
 using browsing::PageDecision;
 using browsing::Reporting;
 using browsing::Stage;
@@ -39,8 +49,26 @@ std::optional<std::uint64_t> requestId(const HostRequest& request) {
     if (const auto* const decide = std::get_if<DecideRequest>(&request)) {
         return decide->id;
     }
+    if (const auto* const access = std::get_if<AccessMessage>(&request)) {
+        return access->id;
+    }
     const auto* const report = std::get_if<ReportRequest>(&request);
     return report != nullptr ? std::optional(report->id) : std::nullopt;
+}
+
+/// Most bytes of an address that is asked for as it is: they leave room for a reason.
+constexpr std::size_t kMaxAskedUrl = 200;
+constexpr std::size_t kMaxAskedBytes = HVB::bus::kMaxRequestBytes;
+
+/// The address that is asked for: the page's own, or without its query, or that of its site when it is too long.
+std::string askedUrl(browsing::WebUrl page) {
+    if (page.text().size() > kMaxAskedUrl) {
+        page.target.resize(browsing::pathLength(page.target));
+    }
+    if (page.text().size() > kMaxAskedUrl) {
+        page.target = "/";
+    }
+    return page.text();
 }
 
 } // namespace
@@ -59,6 +87,8 @@ void HostSession::take(std::string_view message) {
             greet(*hello);
         } else if (const auto* const decideRequest = std::get_if<DecideRequest>(&request)) {
             decide(*decideRequest);
+        } else if (const auto* const access = std::get_if<AccessMessage>(&request)) {
+            askForAccess(*access);
         } else {
             report(std::get<ReportRequest>(request));
         }
@@ -127,6 +157,31 @@ void HostSession::report(const ReportRequest& request) {
         m_lost = record ? m_users.report(*record) : m_lost;
     }
     m_users.send(reportedText(request.id, outcome, m_lost));
+}
+
+/// Asks only for what is blocked: any other page needs no administrator.
+void HostSession::askForAccess(const AccessMessage& message) {
+    const auto refuse = [&](AccessOutcome outcome, const std::string& because) {
+        tell({message.id, outcome, "", 0, because, {}});
+    };
+    const auto reading = browsing::parseWebUrl(message.url);
+    const auto* const page = std::get_if<browsing::WebUrl>(&reading);
+    if (m_held.whole == nullptr) {
+        refuse(AccessOutcome::Away, "there are no settings yet");
+    } else if (page == nullptr ||
+               m_held.whole->rules.decide(message.url, ratingOf(message.url).standing).action() != PageAction::Block) {
+        refuse(AccessOutcome::Refused, "this page is not blocked");
+    } else if (std::string url = askedUrl(*page); url.size() + message.reason.size() > kMaxAskedBytes) {
+        refuse(AccessOutcome::Refused,
+               fmt::format("the reason has {} bytes, and there is room for {}: shorten it", message.reason.size(),
+                           kMaxAskedBytes - std::min(url.size(), kMaxAskedBytes)));
+    } else if (!m_users.ask({message.id, std::move(url), message.reason, message.isAsking})) {
+        refuse(AccessOutcome::Refused, "too many requests of this browser wait: try again later");
+    }
+}
+
+void HostSession::tell(const AccessAnswer& answer) {
+    m_users.send(requestedText(answer));
 }
 
 /// What is known of a page's site. Nobody knows anything of what is no address.

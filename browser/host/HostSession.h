@@ -1,6 +1,7 @@
 // One browser's conversation: which message may come when, and what answers it.
 #pragma once
 
+#include "browser/host/AccessMessages.h"
 #include "browser/host/HeldSettings.h"
 #include "browser/host/HostMessages.h"
 #include "browser/ratings/RatingProvider.h"
@@ -22,6 +23,8 @@ public:
         std::function<void(std::string message)> send;
         /// Takes a record to be sent to the daemon. @return how many were dropped until now for want of room.
         std::function<std::uint64_t(const STEventData& record)> report;
+        /// Takes a question to the hub; its answer goes to tell. @return false when too many wait.
+        std::function<bool(AccessQuestion question)> ask;
     };
 
     /// @param rater who rates sites; null: nobody does.
@@ -32,6 +35,8 @@ public:
 
     /// From now on these decide.
     void hold(HeldSettings held);
+    /// Passes on what the hub said.
+    void tell(const AccessAnswer& answer);
     /// Has who rates sites look whether there is something newer.
     void refreshRatings();
 
@@ -45,6 +50,7 @@ private:
     void greet(const Hello& hello);
     void decide(const DecideRequest& request);
     void report(const ReportRequest& request);
+    void askForAccess(const AccessMessage& message);
     ratings::SiteRating ratingOf(const std::string& url) const;
     ratings::RatingStatus ratingStatus() const;
 

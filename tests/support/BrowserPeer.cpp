@@ -189,6 +189,16 @@ json BrowserPeer::report(const std::string& url, const std::string& answer) {
     return hear("reported");
 }
 
+json BrowserPeer::request(const std::string& url, const std::string& reason) {
+    say({{"type", "request"}, {"id", m_nextId++}, {"url", url}, {"reason", reason}});
+    return hear("requested");
+}
+
+json BrowserPeer::requests(const std::string& url) {
+    say({{"type", "requests"}, {"id", m_nextId++}, {"url", url}});
+    return hear("requested");
+}
+
 std::string BrowserPeer::errors() const {
     return readFile(m_errorFile);
 }

@@ -46,6 +46,10 @@ public:
     void greet(bool rules = false);
     nlohmann::json decide(const std::string& url);
     nlohmann::json report(const std::string& url, const std::string& answer = "none");
+    /// Asks for access to a page.
+    nlohmann::json request(const std::string& url, const std::string& reason = "");
+    /// What came of asking.
+    nlohmann::json requests(const std::string& url);
 
     /// Frames that have arrived since the start, and the longest of them.
     std::size_t frames() const { return m_frames; }

@@ -39,6 +39,14 @@ TEST(AHostMessage, IsReadWithItsMembers) {
     const auto report =
         std::get<ReportRequest>(readRequest(R"({"type": "report", "id": 0, "url": "", "answer": "turned-back"})"));
     EXPECT_EQ(report.answer, WarningAnswer::TurnedBack);
+    const auto request = std::get<AccessMessage>(
+        readRequest(R"({"type": "request", "id": 3, "url": "http://a.example/", "reason": "for work"})"));
+    EXPECT_EQ(request.reason, "for work");
+    EXPECT_TRUE(request.isAsking);
+    const auto look =
+        std::get<AccessMessage>(readRequest(R"({"type": "requests", "id": 4, "url": "http://a.example/"})"));
+    EXPECT_EQ(look.id, 4U);
+    EXPECT_FALSE(look.isAsking);
 }
 
 TEST(AHostMessage, EndsTheHostWhenItIsNoJsonObject) {
@@ -79,6 +87,9 @@ TEST(AHostMessage, IsToldWhatIsWrongWithItsId) {
     EXPECT_EQ(refusalOf(R"({"type": "decide", "id": 7, "url": "", "frame": "top"})"), "member 7");
     EXPECT_EQ(refusalOf(R"({"type": "decide", "id": 7, "url": ""})"), "member 7");
     EXPECT_EQ(refusalOf(R"({"type": "report", "id": 7, "url": "", "answer": "maybe"})"), "member 7");
+    EXPECT_EQ(refusalOf(R"({"type": "request", "id": 7, "url": ""})"), "member 7");
+    EXPECT_EQ(refusalOf(R"({"type": "request", "id": 7, "url": "", "reason": null})"), "member 7");
+    EXPECT_EQ(refusalOf(R"({"type": "requests", "id": 7})"), "member 7");
     EXPECT_EQ(refusalOf(R"({"type": "dance", "id": 7})"), "type 7");
     EXPECT_EQ(refusalOf(R"({"id": 7})"), "member 7");
 }

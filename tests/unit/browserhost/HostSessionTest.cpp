@@ -36,6 +36,10 @@ protected:
                      [this](const STEventData& record) {
                          m_records.push_back(record);
                          return m_lost;
+                     },
+                     [this](const AccessQuestion& question) {
+                         m_questions.push_back(question);
+                         return m_takesQuestions;
                      }}) {
         m_snapshot.state = settings::SnapshotState::Whole;
         m_snapshot.readAt = 1'700'000'000'000'000;
@@ -62,6 +66,17 @@ protected:
         return answer(json{{"type", "report"}, {"id", 6}, {"url", url}, {"answer", answered}}.dump());
     }
 
+    void request(const std::string& url, const std::string& reason) {
+        m_said.clear();
+        m_session.take(json{{"type", "request"}, {"id", 7}, {"url", url}, {"reason", reason}}.dump());
+    }
+    /// What it says without asking anybody.
+    json refusal() {
+        EXPECT_TRUE(m_questions.empty());
+        EXPECT_EQ(m_said.size(), 1U);
+        return m_said.empty() ? json() : m_said.front();
+    }
+
     void hold() {
         m_session.hold({HeldSettings::State::Current, "", std::make_shared<const WholeSettings>(m_snapshot)});
     }
@@ -75,6 +90,8 @@ protected:
     std::vector<json> m_said;
     std::vector<STEventData> m_records;
     std::uint64_t m_lost = 0;
+    std::vector<AccessQuestion> m_questions;
+    bool m_takesQuestions = true;
     HostSession m_session;
 };
 
@@ -207,6 +224,78 @@ TEST_F(AHostSession, ReportsWhatIsReportedAtOnce) {
     EXPECT_EQ(report("http://blocked.example/").at("lost"), 7);
 }
 
+TEST_F(AHostSession, AsksForAccessToABlockedPageAndDecidesMeanwhile) {
+    hold();
+    greet();
+    request("HTTP://Blocked.example/a?b=c#d", "for work");
+    EXPECT_TRUE(m_said.empty()) << "the hub has not answered";
+    ASSERT_EQ(m_questions.size(), 1U);
+    EXPECT_EQ(m_questions[0].url, "http://blocked.example/a?b=c");
+    EXPECT_EQ(m_questions[0].reason, "for work");
+    EXPECT_TRUE(m_questions[0].isAsking);
+    EXPECT_EQ(decide("http://blocked.example/").at("action"), "block");
+    m_said.clear();
+    m_session.tell({7,
+                    AccessOutcome::Asked,
+                    "http://blocked.example/a?b=c",
+                    12,
+                    "",
+                    {11, "denied", 1'700'000'000'000'000, 1'700'000'060'000'000, "not now", 0}});
+    EXPECT_EQ(m_said.at(0), json::parse(R"({"type": "requested", "id": 7, "outcome": "asked",
+        "url": "http://blocked.example/a?b=c", "number": 12, "because": "",
+        "last": {"number": 11, "state": "denied", "asked": "2023-11-14T22:13:20Z",
+                 "answered": "2023-11-14T22:14:20Z", "answer": "not now", "until": ""}})"));
+}
+
+TEST_F(AHostSession, LooksWhatCameOfARequestWithoutAsking) {
+    hold();
+    greet();
+    m_session.take(R"({"type": "requests", "id": 8, "url": "http://blocked.example/"})");
+    ASSERT_EQ(m_questions.size(), 1U);
+    EXPECT_FALSE(m_questions[0].isAsking);
+}
+
+TEST_F(AHostSession, AsksForNothingButBlockedPages) {
+    greet();
+    request("http://blocked.example/", "");
+    EXPECT_EQ(refusal().at("outcome"), "away") << "there are no settings";
+    hold();
+    for (const char* url : {"http://allowed.example/", "http://other.example/", "about:blank", ""}) {
+        request(url, "");
+        EXPECT_EQ(refusal().at("outcome"), "refused") << url;
+        EXPECT_EQ(refusal().at("because"), "this page is not blocked");
+        EXPECT_EQ(refusal().at("last"), nullptr);
+    }
+}
+
+TEST_F(AHostSession, AsksForAsMuchOfALongAddressAsLeavesRoomForAReason) {
+    hold();
+    greet();
+    request("http://blocked.example/a?" + std::string(400, 'q'), std::string(300, 'r'));
+    request("http://blocked.example/" + std::string(400, 'p') + "?q", "");
+    ASSERT_EQ(m_questions.size(), 2U);
+    EXPECT_EQ(m_questions[0].url, "http://blocked.example/a");
+    EXPECT_EQ(m_questions[1].url, "http://blocked.example/");
+}
+
+TEST_F(AHostSession, RefusesAReasonThatTheHubHasNoRoomFor) {
+    hold();
+    greet();
+    request("http://blocked.example/", std::string(478, 'r'));
+    EXPECT_EQ(refusal().at("outcome"), "refused");
+    EXPECT_EQ(refusal().at("because"), "the reason has 478 bytes, and there is room for 477: shorten it");
+}
+
+TEST_F(AHostSession, RefusesARequestWhenTooManyWait) {
+    hold();
+    greet();
+    m_takesQuestions = false;
+    request("http://blocked.example/", "");
+    ASSERT_EQ(m_said.size(), 1U);
+    EXPECT_EQ(m_said[0].at("outcome"), "refused");
+    EXPECT_EQ(m_said[0].at("id"), 7);
+}
+
 /// The same with somebody who rates sites.
 class ARatedHostSession : public AHostSession {
 protected:
@@ -276,7 +365,9 @@ json ratingsOwed(HostSession& session) {
 TEST(AHostSessionThatIsAskedForRatings, TellsAllThatIsKnownOfSitesAndEachChange) {
     OneRating rater;
     rater.state.isReachable = true;
-    HostSession session("1.2.3", &rater, {[](const std::string&) {}, [](const STEventData&) { return 0; }});
+    HostSession session(
+        "1.2.3", &rater,
+        {[](const std::string&) {}, [](const STEventData&) { return 0; }, [](const AccessQuestion&) { return false; }});
     EXPECT_TRUE(ratingsOwed(session).is_null()) << "nobody has said hello";
     session.take(R"({"type":"hello","version":1,"browser":"chromium","rules":true,"ratings":true})");
     const json nothing = ratingsOwed(session);

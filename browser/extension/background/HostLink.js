@@ -8,12 +8,15 @@
 /** @typedef {import('../decision/Ratings.js').RatingsMessage} RatingsMessage */
 /** @typedef {import('./messages.js').Settings} Settings */
 /** @typedef {import('./messages.js').HostDecision} HostDecision */
+/** @typedef {import('./messages.js').Requested} Requested */
 /** @typedef {{ message: any, done: (answer: any) => void, timer: ReturnType<typeof setTimeout> }} Question */
 
 const hostName = 'sentrel.browser_host';
 const messageVersion = 1;
 const firstPause = 50; // ms
 const longestPause = 5000; // ms
+/** The host gives a request 5 s. */
+const accessDeadline = 8000; // ms
 /** Reports that wait for a host; further ones are lost, as no page may make us grow. */
 const mostQuestions = 500;
 
@@ -73,6 +76,19 @@ export class HostLink {
      */
     report(url, answer) {
         return this.#ask({ type: 'report', url, answer }, 10 * 60 * 1000);
+    }
+
+    /**
+     * Asks an administrator for access to a page, or only what came of asking.
+     * @param {{ type: 'request', url: string, reason: string } | { type: 'requests', url: string }} message
+     * @returns {Promise<Requested>} it always has an answer
+     */
+    requestAccess(message) {
+        const away = (/** @type {string} */ because) => ({ outcome: /** @type {const} */ ('away'), url: '', number: 0, because, last: null });
+        return this.#ask(message, accessDeadline).then(
+            (answer) => (answer.type === 'requested' ? answer : away(answer.text)),
+            (error) => away(error.message),
+        );
     }
 
     /** @param {any} message @param {number} milliseconds @returns {Promise<any>} */

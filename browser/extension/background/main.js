@@ -166,6 +166,10 @@ async function answer(question) {
             }
             link.report(question.url, question.answer).catch(() => undefined);
             return {};
+        case 'request':
+            return link.requestAccess({ type: 'request', url: question.url, reason: question.reason });
+        case 'requests':
+            return link.requestAccess({ type: 'requests', url: question.url });
         default:
             return { state: state() };
     }

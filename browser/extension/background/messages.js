@@ -22,8 +22,23 @@
  * @property {RulesMessage} [rules]
  */
 
-/** What a page of ours asks.
- * @typedef {{ ask: 'page', url: string } | { ask: 'answer', url: string, answer: 'went-on' | 'turned-back' } | { ask: 'status' }} PageQuestion */
+/** What came of asking for access; `number`: of the request that is open, or 0. `last`: the one before, with its times in RFC 3339.
+ * @typedef {object} Requested
+ * @property {'asked' | 'known' | 'told' | 'refused' | 'away'} outcome
+ * @property {string} url
+ * @property {number} number
+ * @property {string} because
+ * @property {{ number: number, state: 'open' | 'granted' | 'denied', asked: string, answered: string, answer: string, until: string } | null} last
+ */
+
+/**
+ * What a page of ours asks.
+ * @typedef {{ ask: 'page', url: string }
+ *     | { ask: 'answer', url: string, answer: 'went-on' | 'turned-back' }
+ *     | { ask: 'request', url: string, reason: string }
+ *     | { ask: 'requests', url: string }
+ *     | { ask: 'status' }} PageQuestion
+ */
 
 /** Whether and how pages are decided.
  * @typedef {object} State

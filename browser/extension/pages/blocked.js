@@ -1,9 +1,13 @@
-// In the place of a page that is blocked: why it is, and by what.
+// In the place of a page that is blocked: why it is, and by what; and a way to ask an administrator for it.
+//
+// What came of asking is looked at when the page is shown, and when it is come back to. A grant needs no look: it changes the
+// settings, and the page is freed as by any other change.
 // @ts-check
 
-import { byId, factsOf, fillTexts, keepShowing, leave, pageAddress, reason, showFacts, text } from './common.js';
+import { ask, byId, dateText, factsOf, fillTexts, keepShowing, leave, pageAddress, reason, showFacts, text } from './common.js';
 
 /** @typedef {import('./common.js').PageAnswer} PageAnswer */
+/** @typedef {import('../background/messages.js').Requested} Requested */
 
 /** @param {PageAnswer} answer */
 function show({ decision, state }) {
@@ -13,6 +17,7 @@ function show({ decision, state }) {
     const isFreed = decision.action !== 'block';
     document.body.classList.toggle('freed', isFreed);
     byId('open').hidden = !isFreed;
+    byId('request').hidden = isFreed;
     byId('title').textContent = text(isFreed ? 'freedTitle' : 'blockedTitle');
     byId('lead').textContent = text(isFreed ? 'freedLead' : 'blockedLead');
     byId('why').textContent = isFreed ? '' : reason(decision);
@@ -20,7 +25,73 @@ function show({ decision, state }) {
     showFacts(isFreed ? [] : factsOf(decision, state));
 }
 
+/** @param {NonNullable<Requested['last']>} last */
+function lastText({ number, state, asked, answered, answer, until }) {
+    switch (state) {
+        case 'open':
+            return text('lastOpen', String(number), dateText(asked));
+        case 'denied':
+            return answer ? text('lastDenied', String(number), dateText(answered), answer)
+                : text('lastDeniedOnly', String(number), dateText(answered));
+        default:
+            return until ? text('lastGranted', String(number), dateText(until)) : text('lastGrantedForGood', String(number));
+    }
+}
+
+/** What came of asking, in sentences. @param {Requested} requested */
+function requestedTexts({ outcome, url, number, because, last }) {
+    const before = last && last.state !== 'open' ? [lastText(last)] : [];
+    switch (outcome) {
+        case 'asked':
+            return [text('askedFor', url, String(number)), ...before];
+        case 'known':
+            return [text('askedKnown', String(number))];
+        case 'told':
+            return last ? [lastText(last)] : [];
+        case 'refused':
+            return [text('askRefused', because)];
+        default:
+            return [text('askAway', because)];
+    }
+}
+
+/** @param {Requested | undefined} requested */
+function showRequested(requested) {
+    const came = requested ? requestedTexts(requested) : [text('askAway', text('noReasonYet'))];
+    byId('came').textContent = came.join(' ');
+    byId('ask').textContent = text(requested?.last?.state === 'denied' && requested.number === 0 ? 'askAgain' : 'askAccess');
+}
+
+async function request() {
+    const button = /** @type {HTMLButtonElement} */ (byId('ask'));
+    const field = /** @type {HTMLTextAreaElement} */ (byId('reason'));
+    if (button.getAttribute('aria-disabled') === 'true') {
+        return; // the one before has no answer yet; a disabled button would lose the focus
+    }
+    button.setAttribute('aria-disabled', 'true');
+    showRequested(await ask({ ask: 'request', url: pageAddress, reason: field.value.replace(/\s+/g, ' ').trim() }).catch(() => undefined));
+    button.removeAttribute('aria-disabled');
+}
+
+/** Says nothing of a host that is away: nobody has asked for anything yet. */
+async function look() {
+    const requested = await ask({ ask: 'requests', url: pageAddress }).catch(() => undefined);
+    if (requested?.outcome === 'told') {
+        showRequested(requested);
+    }
+}
+
 fillTexts();
 byId('back').addEventListener('click', leave);
 byId('open').addEventListener('click', () => location.replace(pageAddress));
+byId('request').addEventListener('submit', (event) => {
+    event.preventDefault();
+    request();
+});
+document.addEventListener('visibilitychange', () => {
+    if (!document.hidden) {
+        look();
+    }
+});
 keepShowing({ ask: 'page', url: pageAddress }, show);
+look();

@@ -22,8 +22,8 @@ const leastContrast = `(() => {
         return 'rgb(255, 255, 255)';
     };
     let least = 21;
-    for (const element of document.querySelectorAll('h1, h2, p, button, dt, dd, th, td')) {
-        if (element.textContent.trim() === '' || element.hidden) continue;
+    for (const element of document.querySelectorAll('h1, h2, p, button, label, textarea, dt, dd, th, td')) {
+        if ((element.value ?? element.textContent).trim() === '' || element.hidden) continue;
         const [a, b] = [light(getComputedStyle(element).color), light(ground(element))];
         least = Math.min(least, (Math.max(a, b) + 0.05) / (Math.min(a, b) + 0.05));
     }
@@ -33,6 +33,7 @@ const leastContrast = `(() => {
 /** What a screen reader could not tell, worked out in the page. */
 const unnamed = `[
     ...[...document.querySelectorAll('button:not([hidden])')].filter((button) => button.innerText.trim() === '').map((button) => button.id),
+    ...[...document.querySelectorAll('textarea')].filter(({ labels }) => !labels[0]?.innerText).map(({ id }) => id),
     ...(document.title === '' ? ['title'] : []),
     ...(document.documentElement.lang === '' ? ['lang'] : []),
     ...(document.querySelectorAll('main').length === 1 ? [] : ['main']),

@@ -38,6 +38,9 @@ function lastText({ number, state, asked, answered, answer, until }) {
     }
 }
 
+/** Our sentence has the stop. @param {string} because */
+const withoutStop = (because) => because.replace(/\.$/, '');
+
 /** What came of asking, in sentences. @param {Requested} requested */
 function requestedTexts({ outcome, url, number, because, last }) {
     const before = last && last.state !== 'open' ? [lastText(last)] : [];
@@ -49,9 +52,9 @@ function requestedTexts({ outcome, url, number, because, last }) {
         case 'told':
             return last ? [lastText(last)] : [];
         case 'refused':
-            return [text('askRefused', because)];
+            return [text('askRefused', withoutStop(because))];
         default:
-            return [text('askAway', because)];
+            return [text('askAway', withoutStop(because))];
     }
 }
 

@@ -86,7 +86,7 @@ private:
         if (!fs::path(linkIn(program, "exe")).filename().string().starts_with(GetParam().name)) {
             return false;
         }
-        constexpr int most = 12;
+        constexpr int most = 32;
         for (int fd = STDERR_FILENO + 1; fd < most; ++fd) {
             if (linkIn(program, "fd/" + std::to_string(fd)).starts_with("socket:")) {
                 return true;

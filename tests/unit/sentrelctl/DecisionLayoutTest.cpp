@@ -101,7 +101,7 @@ TEST(ADecision, HasAllForProgramsToo) {
     EXPECT_EQ(jsonText(decisionJson({rules, standing, decision, kUnmanaged}), JsonMode::Short),
               R"({"url":"https://site.example/","action":"block","decided_by":"list","setting":null,)"
               R"("entry":{"url":"site.example","action":"block","code":1},"overruled":null,"private_range":null,)"
-              R"("category":null,"rating":40,"rating_name":"YELLOW","report":"at once","safe_search":null,)"
+              R"("category":null,"rating":40,"rating_name":"YELLOW","rated_by":null,"report":"at once","safe_search":null,)"
               R"("unreadable_entries":0,)"
               R"("policy":{"managed":false,"ruled":false,"text":"this machine is not managed"},)"
               R"("steps":[{"stage":"address","decided":false,"text":"one of the web"},)"

@@ -98,16 +98,17 @@ TEST(ADecision, HasAllForProgramsToo) {
     const PageRules rules(snapshot);
     const SiteStanding standing{.rating = 40};
     const browsing::PageDecision decision = rules.decide("https://site.example/", standing);
-    EXPECT_EQ(jsonText(decisionJson({rules, standing, decision, kUnmanaged}), JsonMode::Short),
-              R"({"url":"https://site.example/","action":"block","decided_by":"list","setting":null,)"
-              R"("entry":{"url":"site.example","action":"block","code":1},"overruled":null,"private_range":null,)"
-              R"("category":null,"rating":40,"rating_name":"YELLOW","rated_by":null,"report":"at once","safe_search":null,)"
-              R"("unreadable_entries":0,)"
-              R"("policy":{"managed":false,"ruled":false,"text":"this machine is not managed"},)"
-              R"("steps":[{"stage":"address","decided":false,"text":"one of the web"},)"
-              R"({"stage":"protection","decided":false,"text":"on"},)"
-              R"({"stage":"list","decided":true,"text":"the entry block site.example"}]})"
-              "\n");
+    EXPECT_EQ(
+        jsonText(decisionJson({rules, standing, decision, kUnmanaged}), JsonMode::Short),
+        R"({"url":"https://site.example/","action":"block","decided_by":"list","setting":null,)"
+        R"("entry":{"url":"site.example","action":"block","code":1},"overruled":null,"private_range":null,)"
+        R"("category":null,"rating":40,"rating_name":"YELLOW","rated_by":null,"report":"at once","safe_search":null,)"
+        R"("unreadable_entries":0,)"
+        R"("policy":{"managed":false,"ruled":false,"text":"this machine is not managed"},)"
+        R"("steps":[{"stage":"address","decided":false,"text":"one of the web"},)"
+        R"({"stage":"protection","decided":false,"text":"on"},)"
+        R"({"stage":"list","decided":true,"text":"the entry block site.example"}]})"
+        "\n");
 }
 
 std::string rulingText(std::string_view setting, const std::optional<settings::MachinePolicy>& policy) {

@@ -116,10 +116,15 @@ void CallBreaker::trip() noexcept {
 
 void CallBreaker::watch(int socket) {
     const Sentrel::MutexLock lock(m_mutex);
-    m_socket = socket;
-    if (m_isTripped && socket >= 0) {
+    if (m_isTripped) {
         throw HVBException(-ECANCELED, "hvbd ends");
     }
+    m_socket = socket;
+}
+
+void CallBreaker::forget() noexcept {
+    const Sentrel::MutexLock lock(m_mutex);
+    m_socket = -1;
 }
 
 DaemonList::DaemonList(const std::string& socketPath, CallBreaker& breaker)
@@ -128,7 +133,7 @@ DaemonList::DaemonList(const std::string& socketPath, CallBreaker& breaker)
 }
 
 DaemonList::~DaemonList() {
-    m_breaker.watch(-1); // before the descriptor's number is another one's
+    m_breaker.forget(); // before the descriptor's number is another one's
 }
 
 void DaemonList::requireLocalGrants() {

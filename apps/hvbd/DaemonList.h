@@ -43,8 +43,10 @@ public:
 
     /// Can be read once this was tripped.
     int fd() const { return m_tripped.get(); }
-    /// The socket whose calls are to be ended; -1: none any more. @throws HVBException with -ECANCELED once tripped.
+    /// The socket whose calls are to be ended. @throws HVBException with -ECANCELED once tripped.
     void watch(int socket);
+    /// There is none any more.
+    void forget() noexcept;
 
 private:
     const Sentrel::UniqueFd m_tripped;

@@ -23,7 +23,7 @@ const sentrelctl = `${build}/apps/sentrelctl/sentrelctl-rooted`;
 export const browserHost = `${build}/browser/host/sentrel-browser-host-rooted`;
 
 /** @typedef {{ id: number, url: string }} Report */
-/** @typedef {'bus' | 'hub' | 'keeper' | 'daemon'} ProgramName */
+/** @typedef {'bus' | 'hub' | 'keeper' | 'daemon' | 'broker'} ProgramName */
 
 export class Machine {
     /** Laid out, with the extension installed, and nothing started. */
@@ -55,7 +55,7 @@ export class Machine {
 
     async startBus() {
         const hub = `${this.root}/usr/local/Orvanta/hvb`;
-        this.#start('bus', 'dbus-daemon', ['--nofork', `--config-file=${hub}/config/hub-bus.conf`]);
+        this.run('bus', 'dbus-daemon', ['--nofork', `--config-file=${hub}/config/hub-bus.conf`]);
         await awaitThat('the hub bus', () => fs.existsSync(`${hub}/var/hvbdsocket64`));
     }
 
@@ -68,7 +68,16 @@ export class Machine {
 
     /** @param {'hub' | 'keeper' | 'daemon'} name */
     start(name) {
-        this.#start(name, programs[name], []);
+        this.run(name, programs[name], []);
+    }
+
+    /** Starts any program, which ends with the machine. @param {ProgramName} name @param {string} program @param {string[]} words */
+    run(name, program, words) {
+        const output = fs.openSync(path.join(this.root, `${name}.out`), 'a');
+        const child = spawn(program, words, { env: this.environment, stdio: ['ignore', output, output] });
+        fs.closeSync(output);
+        this.running.set(name, child);
+        return child;
     }
 
     /** Ends a program at once, as a crash would. @param {ProgramName} name */
@@ -146,13 +155,6 @@ export class Machine {
             await this.#end(name, 'SIGTERM');
         }
         fs.rmSync(this.root, { recursive: true, force: true, maxRetries: 20, retryDelay: 100 });
-    }
-
-    /** @param {string} name @param {string} program @param {string[]} words */
-    #start(name, program, words) {
-        const output = fs.openSync(path.join(this.root, `${name}.out`), 'a');
-        this.running.set(name, spawn(program, words, { env: this.environment, stdio: ['ignore', output, output] }));
-        fs.closeSync(output);
     }
 
     /** @param {string} name @param {NodeJS.Signals} signal */

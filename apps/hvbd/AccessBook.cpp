@@ -11,11 +11,13 @@
 #include "apps/hvbd/HvbdLimits.h"
 #include "apps/hvbd/LogStoreTexts.h"
 #include "apps/hvbd/StoreFile.h"
+#include "base/PrintableText.h"
 
 #include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <limits>
 #include <system_error>
 #include <utility>
 
@@ -57,8 +59,7 @@ constexpr const char* kAnswerRequest =
 constexpr const char* kInsertGrant =
     "INSERT INTO granted(request, user, entry, granted_at, granted_by, until, state, was_there, action)"
     " SELECT id, user, ?2, ?3, ?4, ?5, 0, ?6, ?7 FROM request WHERE id = ?1";
-constexpr const char* kStandingOfEntry =
-    "SELECT was_there, action FROM granted WHERE entry = ?1 AND state = 1 ORDER BY id LIMIT 1";
+constexpr const char* kStandingOfEntry = "SELECT was_there, action FROM granted WHERE entry = ?1 ORDER BY id LIMIT 1";
 constexpr const char* kGrantById = "SELECT request, entry, until, granted_by FROM granted WHERE id = ?1";
 constexpr const char* kReplaceOthers = "DELETE FROM granted WHERE id != ?1 AND entry = ?2";
 constexpr const char* kSetGrantState = "UPDATE granted SET state = ?2 WHERE id = ?1";
@@ -66,8 +67,12 @@ constexpr const char* kEndRequest = "UPDATE request SET until = ?2 WHERE state =
 constexpr const char* kForgetGrant = "DELETE FROM granted WHERE id = ?1";
 constexpr const char* kReadGrants = "SELECT id, request, user, entry, granted_at, until, state FROM granted"
                                     " WHERE id > ?1 AND state != 0 ORDER BY id LIMIT ?2";
-constexpr const char* kDue = "SELECT id, entry, was_there, action FROM granted"
-                             " WHERE state != 1 OR (until != 0 AND until <= ?1) ORDER BY id LIMIT ?2";
+// The entry of one that came to nothing stays when it is that of another in force: as if allowed by hand before.
+constexpr const char* kDue =
+    "SELECT id, entry, was_there OR isOthers, CASE WHEN isOthers THEN 0 ELSE action END FROM"
+    " (SELECT *, state = 0 AND EXISTS(SELECT 1 FROM granted AS other WHERE other.entry = one.entry AND other.state = 1"
+    " AND (other.until = 0 OR other.until > ?1)) AS isOthers FROM granted AS one"
+    " WHERE state != 1 OR (until != 0 AND until <= ?1)) ORDER BY id LIMIT ?2";
 constexpr const char* kNextEnd = "SELECT count(*), min(CASE WHEN state = 1 THEN until ELSE 1 END) FROM granted"
                                  " WHERE state != 1 OR until != 0";
 
@@ -76,16 +81,36 @@ std::int64_t keyOf(std::uint64_t id) {
     return std::in_range<std::int64_t>(id) ? static_cast<std::int64_t>(id) : 0;
 }
 
+/// A number of a row. @throws DatabaseError when there can be no such number: the file is damaged, or somebody else
+/// wrote it.
+template <class Number>
+Number numberIn(Statement& row, int column, Number most = std::numeric_limits<Number>::max()) {
+    const std::int64_t number = row.integer(column);
+    if (!std::in_range<Number>(number) || std::cmp_greater(number, most)) {
+        throw Sentrel::DatabaseError(SQLITE_CORRUPT, 0, "a row has a number that cannot be");
+    }
+    return static_cast<Number>(number);
+}
+
+/// A text of a row, fit for the bus. @throws DatabaseError when it cannot have come from there.
+std::string textIn(Statement& row, int column) {
+    std::string text(row.bytes(column));
+    if (text.find('\0') != std::string::npos || Sentrel::text::validUtf8(text) != text) {
+        throw Sentrel::DatabaseError(SQLITE_CORRUPT, 0, "a row has a text that cannot be");
+    }
+    return text;
+}
+
 bus::AccessRequest requestIn(Statement& row) {
     bus::AccessRequest request;
-    request.id = static_cast<std::uint64_t>(row.integer(0));
-    request.user = static_cast<std::uint32_t>(row.integer(1));
+    request.id = numberIn<std::uint64_t>(row, 0);
+    request.user = numberIn<std::uint32_t>(row, 1);
     request.askedAt = row.integer(2);
-    request.url = row.bytes(3);
-    request.reason = row.bytes(4);
-    request.state = static_cast<bus::RequestState>(row.integer(5));
+    request.url = textIn(row, 3);
+    request.reason = textIn(row, 4);
+    request.state = static_cast<bus::RequestState>(numberIn<std::uint8_t>(row, 5, kDenied));
     request.answeredAt = row.integer(6);
-    request.answer = row.bytes(7);
+    request.answer = textIn(row, 7);
     request.until = row.integer(8);
     return request;
 }
@@ -137,7 +162,8 @@ void setGrantState(sqlite3& database, std::int64_t id, GrantState state) {
     run(update);
 }
 
-/// What stood in the list before this grant and those of the same entry that are in force.
+/// What stood in the list before this grant and all those of the same entry: also of one that is being taken out, or
+/// whose entry came after nobody waited for it any more.
 EntryStanding standingBefore(sqlite3& database, const NewGrant& grant) {
     Statement earlier(database, kStandingOfEntry);
     earlier.bind(1, grant.entry);
@@ -362,10 +388,10 @@ std::vector<bus::AccessGrant> AccessBook::grants(std::uint64_t after, std::uint3
         std::vector<bus::AccessGrant> found;
         while (rows.step()) {
             bus::AccessGrant grant;
-            grant.id = static_cast<std::uint64_t>(rows.integer(0));
-            grant.request = static_cast<std::uint64_t>(rows.integer(1));
-            grant.user = static_cast<std::uint32_t>(rows.integer(2));
-            grant.entry = rows.bytes(3);
+            grant.id = numberIn<std::uint64_t>(rows, 0);
+            grant.request = numberIn<std::uint64_t>(rows, 1);
+            grant.user = numberIn<std::uint32_t>(rows, 2);
+            grant.entry = textIn(rows, 3);
             grant.grantedAt = rows.integer(4);
             grant.until = rows.integer(5);
             grant.isEnding = rows.integer(6) == Ending;
@@ -385,9 +411,9 @@ std::vector<GrantEnd> AccessBook::due(std::int64_t now) {
         rows.bind(2, kMaxEndsOfChange);
         std::vector<GrantEnd> found;
         while (rows.step()) {
-            found.push_back({static_cast<std::uint64_t>(rows.integer(0)),
-                             std::string(rows.bytes(1)),
-                             {rows.integer(2) != 0, static_cast<std::int32_t>(rows.integer(3))}});
+            found.push_back({numberIn<std::uint64_t>(rows, 0),
+                             textIn(rows, 1),
+                             {rows.integer(2) != 0, numberIn<std::int32_t>(rows, 3)}});
         }
         return found;
     });

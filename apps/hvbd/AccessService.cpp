@@ -6,8 +6,11 @@
 // them, all of it with one change. goOn() is the one place that starts work: after each call, each end and each wake-up
 // it looks for what is to be done next.
 //
-// Taking out never gives up. The daemon may be away, its file locked, the list in somebody else's hands: then it is
-// tried again, with a longer pause each time. Its rows stay in the book until the entry is gone.
+// Taking out never gives up. The daemon may be away, its file locked, the list in somebody else's hands, no thread to
+// be had: then it is tried again, with a longer pause each time. Its rows stay in the book until the entry is gone.
+//
+// When a grant is over is a time of day, and follows the machine's clock when that is set. A pause is none, and does
+// not.
 #include "apps/hvbd/AccessService.h"
 
 #include "apps/hvbd/CallbackGuard.h"
@@ -20,6 +23,7 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <system_error>
 #include <utility>
 
 namespace HVB::hub {
@@ -28,13 +32,13 @@ namespace {
 constexpr const char* kReadingCall = "cannot read the message";
 constexpr const char* kAnswering = "cannot send the reply";
 
-std::int64_t timeNow() {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+template <class Time>
+std::int64_t microsecondsIn(Time time) {
+    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
 }
 
-std::int64_t microsecondsIn(std::chrono::seconds time) {
-    return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+ListOutcome notDone(const std::string& trouble) {
+    return {.isDone = false, .isRefused = false, .trouble = trouble, .standing = {}};
 }
 
 /// A sender that cannot be answered has gone.
@@ -141,11 +145,17 @@ const sd_bus_vtable AccessService::kVtable[] = {
     SD_BUS_VTABLE_END,
 };
 
-AccessService::AccessService(sd_event& event, AccessBook& book, ListWorker& worker, const SystemLog& log)
-    : m_event(event), m_book(book), m_worker(worker), m_log(log), m_changeCount(static_cast<std::uint64_t>(timeNow())),
-      m_pause(kFirstEndPause), m_trouble(log, "grants that are over are taken out again") {}
+AccessService::AccessService(sd_event& event, AccessBook& book, ListWorker& worker, const SystemLog& log, Clock clock)
+    : m_event(event), m_book(book), m_worker(worker), m_log(log), m_clock(std::move(clock)),
+      m_changeCount(static_cast<std::uint64_t>(m_clock())), m_pause(kFirstEndPause),
+      m_trouble(log, "grants that are over are taken out again") {}
 
 AccessService::~AccessService() = default;
+
+std::int64_t AccessService::systemTime() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+}
 
 void AccessService::connected(sd_bus& bus) {
     sd_bus_slot* slot = nullptr;
@@ -232,7 +242,7 @@ void AccessService::ask(sd_bus_message& call, uid_t user) {
     bus::check(sd_bus_message_read(&call, bus::kAskForAccessSignature, &url, &reason), kReadingCall);
     requireShort(std::strlen(url) + std::strlen(reason), "the address and the reason have together");
     requireAddress(url);
-    answerCall(call, bus::kAskForAccessReplySignature, m_book.ask(user, url, reason, timeNow()));
+    answerCall(call, bus::kAskForAccessReplySignature, m_book.ask(user, url, reason, m_clock()));
     tellOfChange();
 }
 
@@ -256,7 +266,11 @@ void AccessService::deny(sd_bus_message& call, uid_t user) {
     const char* why = nullptr;
     bus::check(sd_bus_message_read(&call, bus::kDenyRequestSignature, &id, &why), kReadingCall);
     requireShort(std::strlen(why), "the reason has");
-    m_book.deny(id, why, user, timeNow());
+    if (std::any_of(m_changes.begin(), m_changes.end(),
+                    [id](const Change& change) { return change.grant.request == id; })) {
+        throw AccessRefused(fmt::format("request {} is being granted just now: see what comes of that", id));
+    }
+    m_book.deny(id, why, user, m_clock());
     bus::check(sd_bus_reply_method_return(&call, ""), kAnswering);
     m_log.write(LOG_NOTICE, fmt::format("user {} denied request {}", user, id));
     tellOfChange();
@@ -290,12 +304,12 @@ void AccessService::revoke(sd_bus_message& call, uid_t user) {
         refuseCall(call, bus::kErrorBusy, "too many changes of grants wait; try again later");
         return;
     }
-    m_book.endGrant(change.id, timeNow());
+    m_book.endGrant(change.id, m_clock());
     m_log.write(LOG_NOTICE, fmt::format("user {} revoked grant {}", user, change.id));
     tellOfChange();
     change.call.reset(sd_bus_message_ref(&call));
     m_revokers.push_back(std::move(change));
-    m_retryAt = 0;
+    m_retryAt = {};
     goOn();
 }
 
@@ -315,12 +329,16 @@ void AccessService::goOn() noexcept {
 
 void AccessService::startChange() {
     m_changes.front().hasBegun = true;
-    m_worker.start(
-        [entry = m_changes.front().grant.entry](DaemonList& list) {
-            list.requireLocalGrants();
-            return list.standing(entry);
-        },
-        [this](const ListOutcome& outcome) { looked(outcome); });
+    try {
+        m_worker.start(
+            [entry = m_changes.front().grant.entry](DaemonList& list) {
+                list.requireLocalGrants();
+                return list.standing(entry);
+            },
+            [this](const ListOutcome& outcome) { looked(outcome); });
+    } catch (const std::system_error& error) { // no thread is to be had
+        looked(notDone(error.what()));
+    }
 }
 
 /// The list was looked at: the grant is written down, then its entry is made.
@@ -331,7 +349,7 @@ void AccessService::looked(const ListOutcome& outcome) {
     }
     Change& change = m_changes.front();
     try {
-        const std::int64_t now = timeNow();
+        const std::int64_t now = m_clock();
         change.grant.before = outcome.standing;
         change.grant.until = change.seconds == 0 ? 0 : now + microsecondsIn(std::chrono::seconds(change.seconds));
         change.id = m_book.beginGrant(change.grant, change.by, now);
@@ -367,7 +385,7 @@ void AccessService::entered(const ListOutcome& outcome) {
         return;
     }
     try {
-        m_book.confirmGrant(change.id, timeNow());
+        m_book.confirmGrant(change.id, m_clock());
     } catch (const std::exception& failed) {
         endChange(bus::kErrorRequestStore, failed.what());
         return;
@@ -395,30 +413,28 @@ void AccessService::endChange(const char* errorName, const std::string& trouble)
 }
 
 void AccessService::startEnding() {
-    const std::int64_t now = timeNow();
-    if (now < m_retryAt) {
-        wakeAt(m_retryAt);
+    if (std::chrono::steady_clock::now() < m_retryAt) {
+        wakeAt(CLOCK_MONOTONIC, microsecondsIn(m_retryAt.time_since_epoch()));
         return;
     }
     std::vector<GrantEnd> ends;
     try {
-        ends = m_book.due(now);
+        ends = m_book.due(m_clock());
         if (ends.empty()) {
             if (const std::optional<std::int64_t> next = m_book.nextEnd(); next) {
-                wakeAt(*next);
+                wakeAt(CLOCK_REALTIME, *next);
             }
             return;
         }
-    } catch (const AccessBookError& error) {
-        taken({}, {.isDone = false, .isRefused = false, .trouble = error.what(), .standing = {}});
-        return;
+        m_worker.start(
+            [ends](DaemonList& list) {
+                list.change([&](EntryList& entries) { return endGrants(entries, ends); });
+                return EntryStanding();
+            },
+            [this, ends](const ListOutcome& outcome) { taken(ends, outcome); });
+    } catch (const std::exception& error) { // the book, or no thread is to be had
+        taken(ends, notDone(error.what()));
     }
-    m_worker.start(
-        [ends](DaemonList& list) {
-            list.change([&](EntryList& entries) { return endGrants(entries, ends); });
-            return EntryStanding();
-        },
-        [this, ends](const ListOutcome& outcome) { taken(ends, outcome); });
 }
 
 /// The entries of @p ends are gone, or could not be taken out yet.
@@ -433,7 +449,7 @@ void AccessService::taken(const std::vector<GrantEnd>& ends, const ListOutcome& 
     }
     if (!trouble.empty() || !outcome.isDone) {
         m_trouble.met(fmt::format("grants that are over cannot be taken out of the list yet: {}", trouble));
-        m_retryAt = timeNow() + microsecondsIn(m_pause);
+        m_retryAt = std::chrono::steady_clock::now() + m_pause;
         m_pause = std::min(m_pause * 2, kLastEndPause);
         answerRevokers(ends, trouble.empty() ? "no reason is known" : trouble);
         goOn();
@@ -441,7 +457,7 @@ void AccessService::taken(const std::vector<GrantEnd>& ends, const ListOutcome& 
     }
     m_trouble.over();
     m_pause = kFirstEndPause;
-    m_retryAt = 0;
+    m_retryAt = {};
     for (const GrantEnd& end : ends) {
         m_log.write(LOG_NOTICE, fmt::format("grant {} is over: {}", end.grant, entryShown(end.entry)));
     }
@@ -466,12 +482,11 @@ void AccessService::answerRevokers(std::span<const GrantEnd> ends, const std::st
     });
 }
 
-void AccessService::wakeAt(std::int64_t time) {
+void AccessService::wakeAt(clockid_t clock, std::int64_t time) {
     constexpr std::uint64_t accuracy = 100'000; // microseconds
     sd_event_source* source = nullptr;
-    bus::check(sd_event_add_time(&m_event, &source, CLOCK_REALTIME,
-                                 static_cast<std::uint64_t>(std::max<std::int64_t>(time, 1)), accuracy, onEndTime,
-                                 this),
+    bus::check(sd_event_add_time(&m_event, &source, clock, static_cast<std::uint64_t>(std::max<std::int64_t>(time, 1)),
+                                 accuracy, onEndTime, this),
                "cannot wait for the end of a grant");
     m_timer.reset(source);
 }

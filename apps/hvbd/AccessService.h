@@ -9,7 +9,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <deque>
+#include <functional>
 #include <list>
 #include <span>
 #include <string>
@@ -27,7 +29,12 @@ namespace HVB::hub {
 /// Threads: the loop's. Owner: the program; what it was given outlives it.
 class AccessService {
 public:
-    AccessService(sd_event& event, AccessBook& book, ListWorker& worker, const SystemLog& log);
+    /// The time of day in microseconds since the epoch.
+    using Clock = std::function<std::int64_t()>;
+    static std::int64_t systemTime();
+
+    AccessService(sd_event& event, AccessBook& book, ListWorker& worker, const SystemLog& log,
+                  Clock clock = systemTime);
     ~AccessService();
     AccessService(const AccessService&) = delete;
     AccessService& operator=(const AccessService&) = delete;
@@ -82,7 +89,8 @@ private:
     void taken(const std::vector<GrantEnd>& ends, const ListOutcome& outcome);
     void endChange(const char* errorName, const std::string& trouble) noexcept;
     void answerRevokers(std::span<const GrantEnd> ends, const std::string& trouble);
-    void wakeAt(std::int64_t time);
+    /// @param time microseconds of @p clock.
+    void wakeAt(clockid_t clock, std::int64_t time);
     void tellOfChange() noexcept;
 
     // Constant after construction.
@@ -90,6 +98,7 @@ private:
     AccessBook& m_book;
     ListWorker& m_worker;
     const SystemLog& m_log;
+    const Clock m_clock;
     // Plain, single access.
     sd_bus* m_bus = nullptr; ///< null without a connection
     SlotPtr m_object;
@@ -97,8 +106,8 @@ private:
     std::deque<Change> m_changes; ///< grants to be made; the first one may be under way
     std::deque<Change> m_revokers;
     std::uint64_t m_changeCount;
-    std::chrono::seconds m_pause; ///< before the next try of an ending
-    std::int64_t m_retryAt = 0;   ///< microseconds since the epoch
+    std::chrono::seconds m_pause;                      ///< before the next try of an ending
+    std::chrono::steady_clock::time_point m_retryAt{}; ///< when that is
     SourcePtr m_timer;
     TroubleReport m_trouble;
 };

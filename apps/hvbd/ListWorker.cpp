@@ -1,6 +1,7 @@
 #include "apps/hvbd/ListWorker.h"
 
 #include "apps/hvbd/CallbackGuard.h"
+#include "base/StartThread.h"
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -28,7 +29,7 @@ ListWorker::~ListWorker() {
 
 void ListWorker::start(Work work, Done done) {
     m_done = std::move(done);
-    m_thread = std::thread([this, work = std::move(work)] {
+    m_thread = Sentrel::startThread("list", [this, work = std::move(work)] {
         m_outcome = outcomeOf(work);
         // The loop reads the counter before the next work adds to it.
         static_cast<void>(eventfd_write(m_ended.get(), 1));

@@ -179,6 +179,55 @@ TEST_F(AnAccessBook, RemembersWhatWasThereBeforeTheFirstOfTwoGrantsOfAnEntry) {
     EXPECT_THAT(m_book.due(1000), ElementsAre(GrantEnd{second, "a.example", {true, 1}}));
 }
 
+// A second grant that came to nothing: its entry is the first one's, which goes on.
+TEST_F(AnAccessBook, LeavesAGrantInForceWhenAnotherOfItsEntryFails) {
+    grant("a.example", 60);
+    const std::uint64_t request = m_book.ask(kBob, "http://a.example/", "", 1);
+    const std::uint64_t failed = m_book.beginGrant({request, "a.example", 90, {true, 0}}, kRoot, 4);
+    EXPECT_THAT(m_book.due(5), ElementsAre(GrantEnd{failed, "a.example", {true, 0}})) << "it takes nothing out";
+    m_book.takeOff(m_book.due(5));
+    EXPECT_THAT(m_book.due(60), ElementsAre(GrantEnd{1, "a.example", {}}));
+}
+
+TEST_F(AnAccessBook, TakesAnEntryOutWhenAllOfItsGrantsAreOver) {
+    const std::uint64_t first = grant("a.example", 60);
+    const std::uint64_t request = m_book.ask(kBob, "http://a.example/", "", 1);
+    const std::uint64_t failed = m_book.beginGrant({request, "a.example", 90, {true, 0}}, kRoot, 4);
+    EXPECT_THAT(m_book.due(60), ElementsAre(GrantEnd{first, "a.example", {}}, GrantEnd{failed, "a.example", {}}));
+}
+
+// Until its entry is taken out, what a revoked grant left in the list was not allowed by hand.
+TEST_F(AnAccessBook, RemembersWhatWasThereBeforeAGrantThatIsBeingTakenOut) {
+    m_book.endGrant(grant("a.example", 60, {true, 1}), 10);
+    const std::uint64_t second = grant("a.example", 90, {true, 0});
+    EXPECT_THAT(m_book.due(1000), ElementsAre(GrantEnd{second, "a.example", {true, 1}}));
+}
+
+// The daemon may take a list after hvbd has given up waiting for it.
+TEST_F(AnAccessBook, RemembersWhatWasThereBeforeAGrantWhoseEntryCameLate) {
+    const std::uint64_t request = m_book.ask(kAlice, "http://a.example/", "", 1);
+    m_book.beginGrant({request, "a.example", 50, {}}, kRoot, 2);
+    const std::uint64_t again = m_book.beginGrant({request, "a.example", 90, {true, 0}}, kRoot, 3);
+    m_book.confirmGrant(again, 4);
+    EXPECT_THAT(m_book.due(1000), ElementsAre(GrantEnd{again, "a.example", {}}));
+}
+
+TEST_F(AnAccessBook, SaysThatItIsDamagedWhereARowCannotBe) {
+    for (const char* const damage : {"UPDATE request SET state = 7", "UPDATE request SET url = x'FF'",
+                                     "UPDATE request SET reason = x'6100'", "UPDATE request SET user = -1"}) {
+        std::filesystem::remove(m_path);
+        AccessBook book(m_path);
+        book.ask(kAlice, "http://a.example/", "", 1);
+        Sentrel::execute(*Sentrel::openDatabase(m_path), damage);
+        try {
+            book.requests(0, 10);
+            ADD_FAILURE() << "taken: " << damage;
+        } catch (const AccessBookError& error) {
+            EXPECT_THAT(error.what(), HasSubstr(m_path + " is damaged")) << damage;
+        }
+    }
+}
+
 TEST_F(AnAccessBook, LeavesTheFileOfAnotherProgramAlone) {
     testing_support::writeFile(m_path, "");
     {

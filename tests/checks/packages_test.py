@@ -30,7 +30,8 @@ class ThePackages(unittest.TestCase):
     def test_have_every_manual_page_that_is_made(self):
         made = set(subprocess.run([ROOT / "packaging" / "make-manpages", "--list"], check=True, capture_output=True,
                                   text=True).stdout.split())
-        shipped = {pathlib.Path(line).name for line in text_of("debian/sentrel.manpages").split()}
+        shipped = {pathlib.Path(line).name for package in ("sentrel", "sentrel-browser")
+                   for line in text_of(f"debian/{package}.manpages").split()}
         self.assertEqual(shipped, {page for page in made if not page.startswith("sentrelctl")})
         self.assertIn("sentrelctl-log.1", made)
 

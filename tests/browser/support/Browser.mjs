@@ -26,10 +26,13 @@ export const browsers = /** @type {BrowserName[]} */ ((process.env.SENTREL_BROWS
 /** The places that a browser looks at, as they are on this machine, with what is installed below the root.
  * @param {Machine} machine */
 function layInstalledPlaces(machine) {
-    for (const place of ['/etc/chromium', '/usr/lib/mozilla']) {
-        fs.cpSync(place, machine.root + place, { recursive: true, force: false });
+    if (machine.root !== '/') {
+        for (const place of ['/etc/chromium', '/usr/lib/mozilla']) {
+            fs.cpSync(place, machine.root + place, { recursive: true, force: false });
+        }
     }
     // Without it Chromium shows no tool the pages of an extension that came by policy.
+    fs.mkdirSync(`${machine.root}/etc/chromium/policies/managed`, { recursive: true });
     fs.writeFileSync(`${machine.root}/etc/chromium/policies/managed/tests.json`, '{"DeveloperToolsAvailability": 1}\n');
 }
 

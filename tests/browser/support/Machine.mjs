@@ -25,6 +25,17 @@ export const browserHost = `${build}/browser/host/sentrel-browser-host-rooted`;
 /** @typedef {{ id: number, url: string }} Report */
 /** @typedef {'bus' | 'hub' | 'keeper' | 'daemon' | 'broker'} ProgramName */
 
+/** The processes whose program lies below a directory. @param {string} directory @returns {number[]} */
+export function hostProcessesBelow(directory) {
+    return fs.readdirSync('/proc').filter((name) => /^\d+$/.test(name)).map(Number).filter((pid) => {
+        try {
+            return fs.readlinkSync(`/proc/${pid}/exe`).replace(/ \(deleted\)$/, '').startsWith(directory);
+        } catch {
+            return false; // it has ended meanwhile
+        }
+    });
+}
+
 export class Machine {
     /** Laid out, with the extension installed, and nothing started. */
     constructor() {
@@ -134,13 +145,7 @@ export class Machine {
 
     /** The processes of the browser host that run now, with this machine's settings. @returns {number[]} */
     hostProcesses() {
-        return fs.readdirSync('/proc').filter((name) => /^\d+$/.test(name)).map(Number).filter((pid) => {
-            try {
-                return fs.readlinkSync(`/proc/${pid}/exe`).replace(/ \(deleted\)$/, '').startsWith(this.root);
-            } catch {
-                return false; // it has ended meanwhile
-            }
-        });
+        return hostProcessesBelow(this.root);
     }
 
     /** What the programs said, for a test that failed. */

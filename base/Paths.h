@@ -86,4 +86,24 @@ inline std::string agentPolicy() {
     return underRoot("/usr/local/Orvanta/Sentrel/var/policy.json");
 }
 
+// The browsers'. These are where each looks on its own, and Sentrel writes none of them but its installation.
+inline std::string firefoxExtension() {
+    return underRoot(
+        "/usr/share/mozilla/extensions/{ec8030f7-c20a-464f-9b0e-13a3a9e97384}/extension@sentrel.invalid.xpi");
+}
+inline std::string firefoxPolicies() {
+    return underRoot("/etc/firefox/policies/policies.json");
+}
+/// Read where there are no others.
+inline std::string firefoxOwnPolicies() {
+    return underRoot("/usr/lib/firefox-esr/distribution/policies.json");
+}
+/// Each file in it has some.
+inline std::string chromiumPolicies() {
+    return underRoot("/etc/chromium/policies/managed");
+}
+inline std::string chromiumExtensionPolicy() {
+    return underRoot("/etc/chromium/policies/managed/sentrel.json");
+}
+
 } // namespace Sentrel::paths

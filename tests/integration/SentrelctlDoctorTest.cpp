@@ -55,7 +55,8 @@ TEST_F(ARunningInstallation, IsFoundHealthyInATable) {
         "pid-file               ok       sentreld is the process <pid>\n"
         "one-daemon             ok       the PID file, the event socket, the hub's name Module7 are those of the "
         "process <pid>\n"
-        "26 checks: "))
+        "private-windows        ok       no browser has the extension for all users\n"
+        "27 checks: "))
         << text;
 }
 
@@ -93,7 +94,7 @@ TEST_F(AnInstallation, NamesTheStepsThatBringItUpWhenItIsDown) {
     const CtlResult result = ask({});
     EXPECT_EQ(result.code, 1);
     EXPECT_TRUE(std::regex_match(result.err, std::regex("sentrelctl: something is wrong with this installation: \\d of "
-                                                        "26 checks failed\\. Mend the first of them, then ask again: "
+                                                        "27 checks failed\\. Mend the first of them, then ask again: "
                                                         "others may come from it\\.\n")))
         << result.err;
     for (const char* row :

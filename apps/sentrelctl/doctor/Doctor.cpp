@@ -143,7 +143,8 @@ std::string summaryText(const std::vector<Diagnosis>& diagnoses) {
 
 std::vector<Check> allChecks(bool withProbes) {
     std::vector<Check> all;
-    for (const auto* const checks : {&fileChecks(), &diskChecks(), &settingsChecks(), &processChecks()}) {
+    for (const auto* const checks :
+         {&fileChecks(), &diskChecks(), &settingsChecks(), &processChecks(), &browserChecks()}) {
         all.insert(all.end(), checks->begin(), checks->end());
     }
     if (withProbes) {

@@ -72,6 +72,8 @@ const std::vector<Check>& settingsChecks();
 const std::vector<Check>& diskChecks();
 /// The bus, the processes and what they leave behind.
 const std::vector<Check>& processChecks();
+/// What the browsers are told of this installation.
+const std::vector<Check>& browserChecks();
 /// What is tried out only when somebody asks for it, since it leaves a trace.
 const std::vector<Check>& probeChecks();
 /// All of them, in the order in which faults are best mended.

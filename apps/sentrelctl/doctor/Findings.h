@@ -84,6 +84,7 @@ inline constexpr std::array kFindings{
     std::string_view("pid-file-other"),
     std::string_view("two-daemons"),
     std::string_view("older-daemon"),
+    std::string_view("private-windows-undecided"),
     std::string_view("probe-event"),
     std::string_view("probe-lock"),
     std::string_view("check-failed"),

@@ -30,7 +30,8 @@ export function describe(state) {
 /** @param {State} state */
 export function showOnButton(state) {
     const { key, because, badge, color } = describe(state);
-    chrome.action.setTitle({ title: chrome.i18n.getMessage(key, [because]) });
+    const outside = state.inPrivate ? [] : [chrome.i18n.getMessage('buttonNotPrivate')];
+    chrome.action.setTitle({ title: [chrome.i18n.getMessage(key, [because]), ...outside].join('\n') });
     chrome.action.setBadgeText({ text: badge });
     chrome.action.setBadgeBackgroundColor({ color });
 }

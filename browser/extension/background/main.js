@@ -33,6 +33,8 @@ let settings = null;
 let waiters = [];
 /** Whether this browser lets pages be held back. Chromium does so only for an extension that came by policy. */
 let holds = true;
+/** Neither browser does so on its own. A change of it starts this program anew. */
+let inPrivate = false;
 const kept = new KeptRules();
 const warned = new WarnedSites();
 const link = new HostLink(isFirefox ? 'firefox' : 'chromium', !isFirefox, {
@@ -71,7 +73,7 @@ function decideAnew() {
 
 /** @returns {State} */
 function state() {
-    return { connected: link.connected, because: link.because, holds, settings };
+    return { connected: link.connected, because: link.because, holds, inPrivate, settings };
 }
 
 /** For the dashboard; a page in a private window is nobody's business. @param {HostDecision} decision @param {number} tab */
@@ -187,6 +189,10 @@ async function start() {
     holds = isFirefox || ((await chrome.permissions.getAll()).permissions ?? []).includes('webRequestBlocking');
     stateChanged();
     link.connect();
+    chrome.extension.isAllowedIncognitoAccess().then((isAllowed) => {
+        inPrivate = isAllowed;
+        stateChanged();
+    });
     if (!isFirefox) {
         const before = await kept.load();
         if (before !== null) {

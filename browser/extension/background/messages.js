@@ -45,6 +45,7 @@
  * @property {boolean} connected
  * @property {string} because
  * @property {boolean} holds whether pages can be held back until they are decided
+ * @property {boolean} inPrivate whether the browser runs the extension in private windows too
  * @property {Omit<Settings, 'rules'> | null} settings
  */
 

@@ -41,6 +41,7 @@ function show({ state }) {
     showFacts([
         ['factConnection', state.connected ? text('connected') : text('notConnected', state.because || text('noReasonYet'))],
         ['factHolding', text(state.holds ? 'holdsPages' : 'cannotHold')],
+        ['factPrivate', text(state.inPrivate ? 'privateDecided' : 'privateUndecided')],
         ...(state.settings ? factsOfSettings(state.settings) : []),
     ]);
 }

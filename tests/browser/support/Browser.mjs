@@ -26,8 +26,9 @@ export const browsers = /** @type {BrowserName[]} */ ((process.env.SENTREL_BROWS
 /** The places that a browser looks at, as they are on this machine, with what is installed below the root.
  * @param {Machine} machine */
 function layInstalledPlaces(machine) {
-    if (machine.root !== '/') {
-        for (const place of ['/etc/chromium', '/usr/lib/mozilla']) {
+    for (const place of machine.root === '/' ? [] : ['/etc/chromium', '/etc/firefox', '/usr/lib/mozilla']) {
+        fs.mkdirSync(machine.root + place, { recursive: true });
+        if (fs.existsSync(place)) {
             fs.cpSync(place, machine.root + place, { recursive: true, force: false });
         }
     }

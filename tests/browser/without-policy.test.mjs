@@ -15,7 +15,7 @@ describe('Chromium without a policy', { skip: browsers.includes('chromium') ? fa
     before(async () => {
         here.machine = await Machine.started();
         here.site = await WebSite.started();
-        here.browser = new TestBrowser('chromium', here.machine, here.site.port, { byPolicy: false });
+        here.browser = new TestBrowser('chromium', here.machine, here.site.port, { extension: 'by its user' });
         await here.browser.start();
         await here.browser.awaitExtension();
     });

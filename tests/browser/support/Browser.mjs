@@ -14,7 +14,7 @@ import { browserUser } from './Machine.mjs';
 
 /** @type {typeof import('puppeteer-core')} */
 const puppeteer = createRequire(`${process.env.SENTREL_NODE_MODULES}/`)('puppeteer-core');
-const extension = fileURLToPath(new URL('../../../browser/extension', import.meta.url));
+const extensionTree = fileURLToPath(new URL('../../../browser/extension', import.meta.url));
 const asInstalled = fileURLToPath(new URL('as-installed', import.meta.url));
 
 /** @typedef {'firefox' | 'chromium'} BrowserName */
@@ -23,22 +23,26 @@ const asInstalled = fileURLToPath(new URL('as-installed', import.meta.url));
 /** The browsers that this run is for. @type {BrowserName[]} */
 export const browsers = /** @type {BrowserName[]} */ ((process.env.SENTREL_BROWSERS ?? 'firefox chromium').split(' '));
 
+/** How a browser gets the extension: as it is installed for all users, Chromium's by policy; in Chromium without the policy, from a
+ * directory, as a user would give it; or not at all, for comparison.
+ * @typedef {'installed' | 'by its user' | 'none'} Extension */
+
 /** The places that a browser looks at, as they are on this machine, with what is installed below the root.
- * @param {Machine} machine */
-function layInstalledPlaces(machine) {
-    for (const place of machine.root === '/' ? [] : ['/etc/chromium', '/etc/firefox', '/usr/lib/mozilla']) {
-        fs.mkdirSync(machine.root + place, { recursive: true });
-        if (fs.existsSync(place)) {
-            fs.cpSync(place, machine.root + place, { recursive: true, force: false });
+ * @param {string} root */
+function layInstalledPlaces(root) {
+    for (const place of root === '/' ? [] : ['/etc/chromium', '/etc/firefox', '/usr/lib/mozilla', '/usr/share/mozilla/extensions']) {
+        fs.mkdirSync(root + place, { recursive: true });
+        if (fs.existsSync(place) && !place.startsWith('/usr/share')) {
+            fs.cpSync(place, root + place, { recursive: true, force: false });
         }
     }
     // Without it Chromium shows no tool the pages of an extension that came by policy.
-    fs.mkdirSync(`${machine.root}/etc/chromium/policies/managed`, { recursive: true });
-    fs.writeFileSync(`${machine.root}/etc/chromium/policies/managed/tests.json`, '{"DeveloperToolsAvailability": 1}\n');
+    fs.mkdirSync(`${root}/etc/chromium/policies/managed`, { recursive: true });
+    fs.writeFileSync(`${root}/etc/chromium/policies/managed/tests.json`, '{"DeveloperToolsAvailability": 1}\n');
 }
 
-/** @param {BrowserName} name @param {number} port */
-function optionsOf(name, port) {
+/** @param {BrowserName} name @param {number} port @param {Record<string, unknown>} preferences of Firefox, further ones */
+function optionsOf(name, port, preferences) {
     if (name === 'firefox') {
         return {
             browser: /** @type {const} */ ('firefox'),
@@ -50,6 +54,7 @@ function optionsOf(name, port) {
                 'extensions.enabledScopes': 15,
                 'dom.security.https_first': false,
                 'browser.download.useDownloadDir': true,
+                ...preferences,
             },
         };
     }
@@ -64,10 +69,11 @@ function optionsOf(name, port) {
 
 export class TestBrowser {
     /** @param {BrowserName} name @param {Machine} machine @param {number} port of the web site
-     * @param {{ byPolicy: boolean }} [options] without the policy Chromium gets the extension from a directory, as a user would give it */
-    constructor(name, machine, port, { byPolicy } = { byPolicy: true }) {
+     * @param {{ extension?: Extension, preferences?: Record<string, unknown> }} [options] preferences: further ones of Firefox */
+    constructor(name, machine, port, { extension = 'installed', preferences = {} } = {}) {
         this.name = name;
-        this.byPolicy = byPolicy;
+        this.extension = extension;
+        this.preferences = preferences;
         this.machine = machine;
         this.port = port;
         this.home = fs.mkdtempSync(path.join(machine.home, `${name}.`));
@@ -76,18 +82,22 @@ export class TestBrowser {
             fs.mkdirSync(directory, { recursive: true });
             fs.chownSync(directory, browserUser, browserUser);
         }
-        layInstalledPlaces(machine);
+        this.places = extension === 'none' ? path.join(this.home, 'places') : machine.root;
+        layInstalledPlaces(this.places);
         /** @type {import('puppeteer-core').Browser | undefined} */
         this.driver = undefined;
     }
 
     /** Started, and with the extension ready: a page that was asked for is decided by it.
-     * @param {BrowserName} name @param {Machine} machine @param {number} port */
-    static async ready(name, machine, port) {
-        const browser = new TestBrowser(name, machine, port);
+     * @param {BrowserName} name @param {Machine} machine @param {number} port
+     * @param {ConstructorParameters<typeof TestBrowser>[3]} [options] */
+    static async ready(name, machine, port, options) {
+        const browser = new TestBrowser(name, machine, port, options);
         try {
             await browser.start();
-            await browser.awaitExtension();
+            if (browser.extension !== 'none') {
+                await browser.awaitExtension();
+            }
         } catch (error) {
             await browser.close();
             throw error;
@@ -97,13 +107,13 @@ export class TestBrowser {
 
     /** @param {string[]} words more on the command line, such as a first page */
     async start(words = []) {
-        const options = optionsOf(this.name, this.port);
+        const options = optionsOf(this.name, this.port, this.preferences);
         const program = this.name === 'firefox' ? 'firefox-esr' : 'chromium';
         const start = path.join(this.home, 'start');
-        fs.writeFileSync(start, `#!/bin/sh\nexec ${asInstalled} ${this.machine.root} ${browserUser} ${program} "$@"\n`,
+        fs.writeFileSync(start, `#!/bin/sh\nexec ${asInstalled} ${this.places} ${browserUser} ${program} "$@"\n`,
             { mode: 0o755 });
-        if (!this.byPolicy) {
-            fs.rmSync(`${this.machine.root}/etc/chromium/policies/managed/sentrel.json`, { force: true });
+        if (this.extension !== 'installed') {
+            fs.rmSync(`${this.places}/etc/chromium/policies/managed/sentrel.json`, { force: true });
         }
         this.driver = await puppeteer.launch({
             headless: true,
@@ -116,7 +126,7 @@ export class TestBrowser {
             ...options,
             args: [...(options.args ?? []), ...words],
         });
-        if (!this.byPolicy) {
+        if (this.extension === 'by its user') {
             await this.installWithoutPolicy();
         }
     }
@@ -125,7 +135,7 @@ export class TestBrowser {
     async installWithoutPolicy() {
         const places = `${this.machine.root}/etc/chromium`;
         const copy = path.join(this.home, 'extension');
-        fs.cpSync(extension, copy, { recursive: true });
+        fs.cpSync(extensionTree, copy, { recursive: true });
         const id = await within('the installation', this.tabs.installExtension(copy));
         const host = `${places}/native-messaging-hosts/sentrel.browser_host.json`;
         const told = JSON.parse(fs.readFileSync(host, 'utf8'));

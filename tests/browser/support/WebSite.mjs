@@ -8,11 +8,15 @@ import { within } from './deadline.mjs';
 export class WebSite {
     /** @type {string[]} */
     #asked = [];
-    /** @type {Map<string, (response: http.ServerResponse) => void>} */
+    /** @type {Map<string, (response: http.ServerResponse, host: string) => void>} */
     #pages = new Map();
+    /** @type {Map<string, (response: http.ServerResponse, host: string) => void>} */
+    #ofAll = new Map();
+    /** How long each answer is kept back, as a web that is further away does. */
+    milliseconds = 0;
 
     constructor() {
-        this.server = http.createServer((request, response) => this.#answer(request, response));
+        this.server = http.createServer((request, response) => this.#answerInTime(request, response));
     }
 
     static async started() {
@@ -43,6 +47,12 @@ export class WebSite {
         });
     }
 
+    /** What every host has at this path. @param {string} path
+     * @param {(response: http.ServerResponse, host: string) => void} answer */
+    everywhere(path, answer) {
+        this.#ofAll.set(path, answer);
+    }
+
     /** @param {string} address without the scheme @param {string} target */
     redirect(address, target) {
         this.#pages.set(address, (response) => response.writeHead(302, { location: target }).end());
@@ -63,14 +73,23 @@ export class WebSite {
     }
 
     /** @param {http.IncomingMessage} request @param {http.ServerResponse} response */
+    #answerInTime(request, response) {
+        if (this.milliseconds === 0) {
+            this.#answer(request, response);
+        } else {
+            setTimeout(() => this.#answer(request, response), this.milliseconds);
+        }
+    }
+
+    /** @param {http.IncomingMessage} request @param {http.ServerResponse} response */
     #answer(request, response) {
         const url = request.url ?? '';
         // A browser that takes this server for its proxy names the whole address.
         const address = url.startsWith('http://') ? url.slice(7) : (request.headers.host ?? '') + url;
         this.#asked.push(address);
-        const page = this.#pages.get(address);
+        const page = this.#pages.get(address) ?? this.#ofAll.get(address.slice(address.indexOf('/')));
         if (page) {
-            page(response);
+            page(response, address.slice(0, address.indexOf('/')));
             return;
         }
         response.setHeader('content-type', 'text/html; charset=utf-8');

@@ -19,7 +19,7 @@ function number32(number) {
 /**
  * Replaces the numbers and the three lists, in one commit.
  * @param {string} file
- * @param {ReturnType<import('./GeneratedPages.mjs').PageGenerator['settings']>} settings
+ * @param {{ numbers: Record<string, number>, entries: { text: string, action: number }[], categories: string[], ranges: string[] }} settings
  */
 export function writeSettings(file, settings) {
     const script = ['begin immediate;'];

@@ -5,9 +5,12 @@ import { after, afterEach, before, beforeEach, describe } from 'node:test';
 import { browsers, TestBrowser } from './Browser.mjs';
 import { awaitThat } from './deadline.mjs';
 import { Machine } from './Machine.mjs';
+import { visit } from './outcomes.mjs';
 import { WebSite } from './WebSite.mjs';
 
-/** @typedef {import('./Browser.mjs').Tab} Tab */
+export { outcomeOf, visit } from './outcomes.mjs';
+
+/** @typedef {import('./outcomes.mjs').Outcome} Outcome */
 /** What the tests of one browser share. Each test begins with first settings and leaves no tab.
  * @typedef {object} Surroundings
  * @property {Machine} machine
@@ -75,21 +78,4 @@ export async function changeUntil({ browser, machine }, words, address, outcome)
     await awaitThat(`${address} to be ${outcome} after sentrelctl ${words.join(' ')}`,
         async () => (await visit(tab, address)) === outcome);
     await tab.close();
-}
-
-/** One of our pages by its name, or a page of the web.
- * @typedef {'blocked' | 'warning' | 'waiting' | 'open'} Outcome */
-
-/** Goes there and waits until the tab shows something. @param {Tab} tab @param {string} address @returns {Promise<Outcome>} */
-export async function visit(tab, address) {
-    await tab.go('about:blank');
-    await tab.go(address);
-    const outcome = await awaitThat(`something to be shown in place of ${address}`, () => outcomeOf(tab));
-    return /** @type {Outcome} */ (outcome);
-}
-
-/** What the tab shows; nothing while that changes. @param {Tab} tab @returns {Promise<Outcome | undefined>} */
-export async function outcomeOf(tab) {
-    return await tab.ask(`/-extension:/.test(location.protocol) ? location.pathname.replace(/.*\\/|\\.html$/g, '')
-        : /^http/.test(location.protocol) && document.readyState !== 'loading' ? 'open' : ''`);
 }

@@ -1,4 +1,5 @@
-// What processes hold of the machine's memory: PSS, in which a page that several processes share counts for each by its part.
+// What processes take of the machine: memory as PSS, in which a page that several processes share counts for each by its part, and
+// processor time.
 // @ts-check
 
 import fs from 'node:fs';
@@ -23,6 +24,17 @@ export function familyOf(pid) {
         family.push(...[...parents].filter(([, parent]) => parent === member).map(([child]) => child));
     }
     return family;
+}
+
+const ticksOfSecond = 100;
+
+/** Milliseconds of processor time so far, with that of children that have ended and were waited for. @param {number[]} pids */
+export function processorMilliseconds(pids) {
+    const ticks = pids.map((pid) => {
+        const fields = told(`/proc/${pid}/stat`).replace(/^.*\) /, '').split(' ').map(Number);
+        return fields.length < 15 ? 0 : fields[11] + fields[12] + fields[13] + fields[14];
+    });
+    return ticks.reduce((sum, each) => sum + each, 0) * 1000 / ticksOfSecond;
 }
 
 /** MiB. @param {number[]} pids */

@@ -18,7 +18,7 @@ import { visit } from '../../tests/browser/support/outcomes.mjs';
 import { writeSettings } from '../../tests/browser/support/settingsFile.mjs';
 import { boundsOfMedian, median, pairwiseBeyond, quantile, table } from './figures.mjs';
 import { startHeavySite } from './HeavySite.mjs';
-import { familyOf, proportionalMebibytes } from './memory.mjs';
+import { familyOf, processorMilliseconds, proportionalMebibytes } from './memory.mjs';
 import { costsOfDecisions } from './roundTrips.mjs';
 
 /** @typedef {import('../../tests/browser/support/Browser.mjs').BrowserName} BrowserName */
@@ -27,7 +27,8 @@ import { costsOfDecisions } from './roundTrips.mjs';
 /** What is compared, by a name that the tables show; without entries it is a bare browser.
  * @typedef {{ name: string, entries?: number, ratedHosts?: number }} Variant */
 /** A variant's browser, its machine, its tab, and how long each page took, in ms: as the page tells, and as its driver saw it.
- * @typedef {{ variant: Variant, machine: Machine, browser: TestBrowser, tab: Tab, loads: number[], seen: number[] }} Contender */
+ * @typedef {{ variant: Variant, machine: Machine, browser: TestBrowser, tab: Tab, loads: number[], seen: number[],
+ * processor: number }} Contender processor: ms that it had used when the pages that count began */
 
 /** As the settings file has it. */
 const blocks = 1;
@@ -87,7 +88,7 @@ async function start(name, variant, machine, site) {
     for (const address of blocked) {
         await awaitThat(`${name} with ${variant.name} to block ${address}`, async () => (await visit(tab, address)) === 'blocked', 60000);
     }
-    return { variant, machine, browser, tab, loads: [], seen: [] };
+    return { variant, machine, browser, tab, loads: [], seen: [], processor: 0 };
 }
 
 /** @param {Contender} contender @param {number} page @param {boolean} counts */
@@ -106,10 +107,16 @@ async function load({ tab, loads, seen }, page, counts) {
     }
 }
 
+/** With the host that it has started. @param {Contender} contender */
+const processesOf = ({ browser }) => familyOf(browser.tabs.process()?.pid ?? 0);
+
 /** The first pages of each browser are not counted. @param {Contender[]} contenders */
 async function loadInTurns(contenders) {
     const warmUp = options.brief ? 1 : 10;
     for (let page = 0; page < warmUp + pages; ++page) {
+        if (page === warmUp) {
+            contenders.forEach((contender) => { contender.processor = processorMilliseconds(processesOf(contender)); });
+        }
         for (const place of orders[page % orders.length]) {
             await load(contenders[place], page, page >= warmUp);
         }
@@ -135,6 +142,13 @@ function loadRows(contenders, timesOf) {
     });
 }
 
+/** What a page takes of the processors, with all that a browser does meanwhile; who else wants them changes little of it.
+ * @param {Contender[]} contenders */
+function processorRows(contenders) {
+    const each = contenders.map((contender) => (processorMilliseconds(processesOf(contender)) - contender.processor) / pages);
+    return contenders.map(({ variant }, at) => [variant.name, `${each[at].toFixed(1)} ms`, `${(each[at] - each[0]).toFixed(1)} ms`, ratio(each[at] / each[0])]);
+}
+
 /** @param {BrowserName} name @param {Contender} contender */
 async function decisionRow(name, { variant, tab }) {
     await visit(tab, 'http://last.example/');
@@ -147,9 +161,10 @@ async function decisionRow(name, { variant, tab }) {
 
 /** @param {Contender[]} contenders @returns {string[][]} */
 function memoryRows(contenders) {
-    const weights = contenders.map(({ variant, machine, browser }) => {
+    const weights = contenders.map((contender) => {
+        const { variant, machine } = contender;
         const hosts = variant.entries === undefined ? [] : machine.hostProcesses();
-        const family = familyOf(browser.tabs.process()?.pid ?? 0).filter((pid) => !hosts.includes(pid));
+        const family = processesOf(contender).filter((pid) => !hosts.includes(pid));
         return { variant, browser: proportionalMebibytes(family), host: proportionalMebibytes(hosts) };
     });
     return weights.map(({ variant, browser, host }) => [variant.name, `${browser.toFixed(0)} MiB`, `${(browser - weights[0].browser).toFixed(0)} MiB`,
@@ -165,9 +180,11 @@ async function measure(name, machines, site) {
             contenders.push(await start(name, variant, variant.ratedHosts ? machines[1] : machines[0], site));
         }
         await loadInTurns(contenders);
+        const processor = processorRows(contenders);
         const heads = ['p50', 'by bare', 'p99', 'by bare', 'a page pays (95 %)', 'limit', 'of its load', 'limit'];
         say(`\n${table([`${name}: load as the page tells`, ...heads], loadRows(contenders, ({ loads }) => loads))}`);
         say(`\n${table([`${name}: load as the driver sees it`, ...heads], loadRows(contenders, ({ seen }) => seen))}`);
+        say(`\n${table([`${name}: processor time of a page`, 'used', 'beyond bare', 'by bare'], processor)}`);
         say(`\n${table([`${name}: memory (PSS)`, 'browser', 'beyond bare', 'by bare', 'host'], memoryRows(contenders))}`);
         const decisions = [];
         for (const contender of contenders.filter(({ variant }) => variant.entries !== undefined)) {

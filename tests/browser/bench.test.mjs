@@ -6,7 +6,7 @@ import { spawnSync } from 'node:child_process';
 import { test } from 'node:test';
 import { fileURLToPath } from 'node:url';
 import { boundsOfMedian, median, pairwiseBeyond, quantile, table } from '../../bench/browser/figures.mjs';
-import { familyOf, proportionalMebibytes } from '../../bench/browser/memory.mjs';
+import { familyOf, processorMilliseconds, proportionalMebibytes } from '../../bench/browser/memory.mjs';
 import { browsers } from './support/Browser.mjs';
 
 const pageLoads = fileURLToPath(new URL('../../bench/browser/pageLoads.mjs', import.meta.url));
@@ -41,15 +41,20 @@ test('The memory of a process is some of the machine\'s, and its family has it f
     assert.ok(mebibytes > 1 && mebibytes < 4096, `${mebibytes}`);
 });
 
+test('The processor time of a process is what it has used', () => {
+    const used = process.cpuUsage();
+    assert.ok(Math.abs(processorMilliseconds([process.pid]) - (used.user + used.system) / 1000) < 100);
+});
+
 for (const name of browsers) {
     test(`A brief run of the bench tells what a page pays, what memory is held and what a question costs, in ${name}`, { timeout: 240000 }, () => {
         const done = spawnSync(process.execPath, [pageLoads, '--brief', name], { encoding: 'utf8', timeout: 230000 });
         assert.equal(done.status, 0, done.stderr);
         const rows = done.stdout.split('\n').filter((line) => line.startsWith('| '));
         const rowsOf = (/** @type {string} */ start) => rows.filter((row) => row.startsWith(`| ${start}`)).length;
-        // In the tables of the page's clock, of the driver's, and of memory.
+        // In the tables of the page's clock, of the driver's, of processor time, and of memory.
         for (const variant of ['bare |', 'bare, a second one |', '10 entries |', '1,000 entries, 10,000 rated hosts |']) {
-            assert.equal(rowsOf(variant), 3, `${variant} in ${done.stdout}`);
+            assert.equal(rowsOf(variant), 4, `${variant} in ${done.stdout}`);
         }
         assert.equal(rowsOf(`${name}, `), 2, done.stdout);
         assert.doesNotMatch(done.stdout, /NaN|undefined|Infinity/);

@@ -29,8 +29,7 @@ static_assert(static_cast<std::wint_t>(kByte0xFF) == WEOF);
 
 /// What stands in front of every archive, with the number of the library's own format.
 std::wstring header() {
-    const boost::archive::library_version_type format = boost::archive::BOOST_ARCHIVE_VERSION();
-    return L"22 serialization::archive " + std::to_wstring(static_cast<unsigned>(format)) + L" ";
+    return testing_support::archiveHeader() + L" ";
 }
 
 /// Why a text is refused, nothing when it is read.

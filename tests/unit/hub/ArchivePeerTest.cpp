@@ -1,5 +1,5 @@
 // Payloads between this tree and programs that share no code with it. Real: the other programs (tests/peers), what
-// Debian 13's library wrote (tests/data/archives), the carriers, the bounded reader. No bus.
+// the libraries of Debian 12 and 13 wrote (tests/data/archives), the carriers, the bounded reader. No bus.
 #include "hub/Payloads.h"
 #include "hub/STPreferences.h"
 #include "tests/support/ChildProcess.h"
@@ -85,10 +85,14 @@ std::wstring recorded(const char* folder, const char* kind) {
 }
 
 const Source kSources[] = {
-    {"AProgramOfDebian12", kHeader + L" 0 0 ",
+    {"AProgramOfThisDebian", kHeader + L" 0 0 ",
      [](const char* kind) { return textIn(PeerRun("ARCHIVE_PEER", "write", kind).output()); }},
-    {"AProgramOfDebian12ThatTracks", kHeader + L" 1 0\n0 ",
+    {"AProgramOfThisDebianThatTracks", kHeader + L" 1 0\n0 ",
      [](const char* kind) { return textIn(PeerRun("ARCHIVE_PEER_TRACKED", "write", kind).output()); }},
+    {"AProgramOfDebian12", L"22 serialization::archive 18 0 0 ",
+     [](const char* kind) { return recorded("debian-12", kind); }},
+    {"AProgramOfDebian12ThatTracks", L"22 serialization::archive 18 1 0\n0 ",
+     [](const char* kind) { return recorded("debian-12-tracked", kind); }},
     {"AProgramOfDebian13", L"22 serialization::archive 19 0 0 ",
      [](const char* kind) { return recorded("debian-13", kind); }},
     {"AProgramOfDebian13ThatTracks", L"22 serialization::archive 19 1 0\n0 ",

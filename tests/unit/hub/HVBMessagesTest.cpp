@@ -43,7 +43,7 @@ void expectOnlyTheHeader(const HVB::SerializedData& carrier) {
     ASSERT_NE(carrier.m_pOutStream, nullptr);
     EXPECT_NE(carrier.m_pOutArchive, nullptr);
     const std::wstring text = carrier.m_pOutStream->str();
-    EXPECT_EQ(text, L"22 serialization::archive 18");
+    EXPECT_EQ(text, testing_support::archiveHeader());
 }
 
 void expectDefaults(const HVB::BasicCommandData& header) {

@@ -10,8 +10,7 @@
 #include <cstddef>
 #include <string>
 
-/// What every payload begins with: the archive's signature with its length, and the archive library's version.
-inline const std::wstring kHeader = L"22 serialization::archive 18";
+inline const std::wstring kHeader = testing_support::archiveHeader();
 
 template <class T>
 std::wstring payloadOf(const T& value) {

@@ -27,6 +27,13 @@ class ThePackages(unittest.TestCase):
         self.assertGreater(len(needed), 10)
         self.assertEqual(set(), needed - set(re.findall(r"^ ([a-z0-9.+-]+)", source, re.MULTILINE)))
 
+    def test_are_built_with_nothing_but_what_the_tree_installs(self):
+        installed = set(re.findall(r"^(?:run|package) (\S+)$", text_of("packaging/debian-packages.txt"), re.MULTILINE))
+        source = text_of("debian/control").split("\n\n")[0]
+        needed = set(re.findall(r"^ ([a-z0-9.+-]+)", source, re.MULTILINE)) - {"debhelper-compat"}
+        self.assertLessEqual({"libgtest-dev", "libgmock-dev"}, needed)
+        self.assertEqual(set(), needed - installed)
+
     def test_have_every_manual_page_that_is_made(self):
         made = set(subprocess.run([ROOT / "packaging" / "make-manpages", "--list"], check=True, capture_output=True,
                                   text=True).stdout.split())
@@ -55,6 +62,10 @@ class ThePackages(unittest.TestCase):
             self.assertEqual(["0"], settings_of(unit, "StartLimitIntervalSec"), unit.name)
             if settings_of(unit, "User"):
                 self.assertEqual(["always"], settings_of(unit, "Restart"), unit.name)
+
+    def test_start_a_silent_daemon_three_times_in_ten_minutes_at_the_most(self):
+        rest = re.search(r"^ExecStart=\S+sleep (\d+)$", text_of("packaging/units/sentreld-restart.service"), re.MULTILINE)
+        self.assertGreaterEqual(3 * int(rest.group(1)), 600)
 
 
 unittest.main()

@@ -89,6 +89,7 @@ class Machine:
         options = f"lowerdir={root},upperdir={self.place / 'upper'},workdir={self.place / 'work'}"
         run("mount", "-t", "overlay", "machine", "-o", options, str(self.root))
         self.container: subprocess.Popen | None = None
+        self.files_before: set[str] = set()
         self.console = open(self.place / "console", "ab")
 
     def __enter__(self):

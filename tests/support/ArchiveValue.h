@@ -10,8 +10,8 @@
 
 namespace testing_support {
 
-/// What every text begins with: the signature with its length, and the version that the library writes here, 18 on Debian 12 and
-/// 19 on Debian 13.
+/// What every text begins with: the signature with its length, and the version that the library writes here, 18 on
+/// Debian 12 and 19 on Debian 13.
 inline std::wstring archiveHeader() {
     const boost::archive::library_version_type version = boost::archive::BOOST_ARCHIVE_VERSION();
     return L"22 serialization::archive " + std::to_wstring(static_cast<unsigned>(version));

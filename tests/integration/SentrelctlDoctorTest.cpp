@@ -49,6 +49,9 @@ TEST_F(ARunningInstallation, IsFoundHealthyInATable) {
         "hvbd                   ok       hvbd answers as com.orvanta.hvb1.Hub\n"
         "log-store              ok       /usr/local/Orvanta/hvb/var/hvblog.db is root's, mode 0640\n"
         "log-content            ok       /usr/local/Orvanta/hvb/var/hvblog.db is whole\n"
+        "request-store          ok       there is no /usr/local/Orvanta/hvb/var/requests.db: nobody has asked for "
+        "access\n"
+        "rating-lists           ok       no rating list was imported: only the settings' own lists decide\n"
         "sentreld               ok       sentreld answers as com.orvanta.hvb1.Module7\n"
         "broker                 ok       the machine is not managed, and needs none\n"
         "event-socket           ok       sentreld listens at /Users/Shared/.orvanta/STIPC\n"
@@ -56,7 +59,7 @@ TEST_F(ARunningInstallation, IsFoundHealthyInATable) {
         "one-daemon             ok       the PID file, the event socket, the hub's name Module7 are those of the "
         "process <pid>\n"
         "private-windows        ok       no browser has the extension for all users\n"
-        "27 checks: "))
+        "29 checks: "))
         << text;
 }
 
@@ -94,7 +97,7 @@ TEST_F(AnInstallation, NamesTheStepsThatBringItUpWhenItIsDown) {
     const CtlResult result = ask({});
     EXPECT_EQ(result.code, 1);
     EXPECT_TRUE(std::regex_match(result.err, std::regex("sentrelctl: something is wrong with this installation: \\d of "
-                                                        "27 checks failed\\. Mend the first of them, then ask again: "
+                                                        "29 checks failed\\. Mend the first of them, then ask again: "
                                                         "others may come from it\\.\n")))
         << result.err;
     for (const char* row :

@@ -21,9 +21,6 @@ constexpr const char* kStartAnew =
     "Stop hvbd, move the file and what begins with its name away, and start hvbd, which makes a new one; the daemon "
     "keeps new reports until then";
 
-/// What a look into the store came to: inChild's answer.
-enum StoreProbe : int { StoreIsWhole, StoreIsDamaged, StoreIsLocked, StoreCannotBeOpened };
-
 int lookThrough(const std::string& path) {
     try {
         const DatabasePtr database = openDatabaseReadOnly(path);
@@ -65,6 +62,25 @@ std::optional<std::string> troubleOfHvbd(double timeout) {
 
 /// What the owner of the file sees in it. None when this user cannot look.
 std::optional<Diagnosis> ownersView(const std::string& path, const struct stat& facts, double timeout) {
+    const std::optional<StoreProbe> answer = probedStore(path, facts, timeout);
+    if (!answer) {
+        return std::nullopt;
+    }
+    switch (*answer) {
+    case StoreIsWhole:
+        return healthy(path + " is whole");
+    case StoreIsDamaged:
+        return failed("log-store-damaged", path + " is damaged: reports cannot be stored or shown", kStartAnew);
+    default:
+        return failed("log-store-unusable",
+                      fmt::format("{} cannot be opened by {}, its owner", path, userName(facts.st_uid)),
+                      "See that this user may write into its directory, and that the disk is not full");
+    }
+}
+
+} // namespace
+
+std::optional<StoreProbe> probedStore(const std::string& path, const struct stat& facts, double timeout) {
     const uid_t self = ::geteuid();
     if (self != 0 && self != facts.st_uid) {
         return std::nullopt;
@@ -74,30 +90,19 @@ std::optional<Diagnosis> ownersView(const std::string& path, const struct stat& 
     if (!answer) {
         throw CannotSee(fmt::format("{} takes longer than {} s to look through: give --timeout", path, timeout));
     }
-    switch (*answer) {
-    case StoreIsWhole:
-        return healthy(path + " is whole");
-    case StoreIsDamaged:
-        return failed("log-store-damaged", path + " is damaged: reports cannot be stored or shown", kStartAnew);
-    case StoreIsLocked:
+    if (*answer == StoreIsLocked) {
         throw CannotSee(path + " is locked: look again");
-    default:
-        return failed("log-store-unusable",
-                      fmt::format("{} cannot be opened by {}, its owner", path, userName(facts.st_uid)),
-                      "See that this user may write into its directory, and that the disk is not full");
     }
+    return static_cast<StoreProbe>(*answer);
 }
 
-/// Whom the log store must belong to: hvbd's user, or the owner of the directory when that is not known.
-std::optional<uid_t> ownerWanted(const std::string& path) {
+std::optional<uid_t> ownerOfStores(const std::string& path) {
     if (const std::optional<uid_t> hub = hubUser()) {
         return hub;
     }
     const std::optional<struct stat> directory = factsOf(directoryOf(path));
     return directory && directory->st_uid != 0 ? std::optional(directory->st_uid) : std::nullopt;
 }
-
-} // namespace
 
 Diagnosis logStore(double timeout) {
     constexpr mode_t others = S_IRWXO;
@@ -119,7 +124,7 @@ Diagnosis logStore(double timeout) {
             fmt::format("other users may use {}, which holds what people browsed: it has {}", path, modeText(*facts)),
             "chmod o= " + path + "*");
     }
-    if (const std::optional<uid_t> owner = ownerWanted(path); owner && *owner != facts->st_uid) {
+    if (const std::optional<uid_t> owner = ownerOfStores(path); owner && *owner != facts->st_uid) {
         return failed("log-store-owner", fmt::format("{} is {}'s and not hvbd's", path, userName(facts->st_uid)),
                       fmt::format("chown {} {}*", userName(*owner), path));
     }

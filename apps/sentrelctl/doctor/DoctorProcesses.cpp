@@ -248,9 +248,20 @@ Diagnosis busPolicyDiagnosis(std::optional<int> answer) {
 
 const std::vector<Check>& processChecks() {
     static const std::vector<Check> all{
-        {"host-name", hostName}, {"hub-socket", hubSocket},     {"bus-policy", busPolicy}, {"hvbd", hvbd},
-        {"log-store", logStore}, {"log-content", logContent},   {"sentreld", sentreld},    {"health", moduleHealth},
-        {"broker", broker},      {"event-socket", eventSocket}, {"pid-file", pidFile},     {"one-daemon", oneDaemon},
+        {"host-name", hostName},
+        {"hub-socket", hubSocket},
+        {"bus-policy", busPolicy},
+        {"hvbd", hvbd},
+        {"log-store", logStore},
+        {"log-content", logContent},
+        {"request-store", requestStore},
+        {"rating-lists", ratingLists},
+        {"sentreld", sentreld},
+        {"health", moduleHealth},
+        {"broker", broker},
+        {"event-socket", eventSocket},
+        {"pid-file", pidFile},
+        {"one-daemon", oneDaemon},
     };
     return all;
 }

@@ -19,6 +19,18 @@ Diagnosis sentreld(double timeout);
 Diagnosis logStore(double timeout);
 Diagnosis logContent(double timeout);
 
+/// What a look into a store of hvbd's came to.
+enum StoreProbe : int { StoreIsWhole, StoreIsDamaged, StoreIsLocked, StoreCannotBeOpened };
+/// Looks through the SQLite file at @p path as its owner, who the facts say it is. None when this user cannot.
+/// @throws CannotSee when it is locked, or takes too long.
+std::optional<StoreProbe> probedStore(const std::string& path, const struct stat& facts, double timeout);
+/// Whom such a store must belong to: hvbd's user, or the owner of the directory when that is not known.
+std::optional<uid_t> ownerOfStores(const std::string& path);
+
+// What users ask for, and what is known of sites.
+Diagnosis requestStore(double timeout);
+Diagnosis ratingLists(double timeout);
+
 /// Whether an enrolled machine reaches its broker.
 Diagnosis broker(double timeout);
 

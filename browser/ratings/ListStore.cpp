@@ -149,7 +149,9 @@ ListReport ListStore::takeFile(ListHead head, bool isFirst) {
 void ListStore::compile() {
     const std::vector<std::string> lists = listPaths();
     if (lists.empty()) {
-        ::unlink(databasePath().c_str());
+        if (::unlink(databasePath().c_str()) != 0 && errno != ENOENT) {
+            failFile(errno, databasePath(), "cannot be removed: its lists go on being used");
+        }
         return;
     }
     m_size = buildDatabase(lists, databasePath());

@@ -156,7 +156,8 @@ RatingTable RatingDatabase::table() const {
     cdb records = m_map->records;
     unsigned at = 0;
     cdb_seqinit(&at, &records);
-    while (cdb_seqnext(&at, &records) > 0) {
+    // Lengths of a damaged record may add up to nothing, or lead back.
+    for (unsigned before = at; cdb_seqnext(&at, &records) > 0 && at > before; before = at) {
         const auto* const name = static_cast<const char*>(cdb_getkey(&records));
         const auto* const value = static_cast<const unsigned char*>(cdb_getdata(&records));
         if (name == nullptr || value == nullptr || cdb_datalen(&records) != kValueBytes) {

@@ -2,13 +2,15 @@
 //
 // - A database that cannot be used, or one whose newest list is too old, is "not reachable": what is known of no site
 //   must not look like a site of which nothing is known. What that leads to is a setting's, and by default nothing.
-// - Where no list was ever imported nobody is there who could be out of reach.
+// - Where no list was ever imported nobody is there who could be out of reach. Where the file cannot be seen, nobody
+//   knows whether one was.
 // - A new file that cannot be used changes nothing: the old one stays mapped and in use.
 #include "browser/ratings/RatingLists.h"
 
 #include "base/PrintableText.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -24,9 +26,11 @@ RatingLists::FileMark RatingLists::markOfFile() const {
     constexpr std::int64_t nanoseconds = 1'000'000'000;
     struct stat facts {};
     if (::lstat(m_path.c_str(), &facts) != 0) {
-        return {};
+        FileMark none;
+        none.error = errno == ENOENT ? 0 : errno;
+        return none;
     }
-    return {facts.st_dev, facts.st_ino, facts.st_size, facts.st_ctim.tv_sec * nanoseconds + facts.st_ctim.tv_nsec};
+    return {facts.st_dev, facts.st_ino, facts.st_size, facts.st_ctim.tv_sec * nanoseconds + facts.st_ctim.tv_nsec, 0};
 }
 
 void RatingLists::open() {

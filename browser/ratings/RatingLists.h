@@ -36,6 +36,7 @@ private:
         std::uint64_t number = 0;
         std::int64_t size = -1;
         std::int64_t changed = 0; // nanoseconds
+        int error = 0;            // why it cannot be seen; 0: it can, or is not there
 
         bool operator==(const FileMark&) const = default;
     };

@@ -132,6 +132,14 @@ TEST_F(RatingLists, AreTakenOutOneByOne) {
     EXPECT_FALSE(fs::exists(databasePath()));
 }
 
+TEST_F(RatingLists, SayThatTheLastOneStaysInUse) {
+    import("a", ListFormat::Domains, 50, "a.example\n");
+    fs::remove(databasePath());
+    fs::create_directory(databasePath());
+    EXPECT_NE(refusal([this] { m_store.remove("a"); }).find("cannot be removed: its lists go on being used"),
+              std::string::npos);
+}
+
 TEST_F(RatingLists, KeepWhatWasSaidOfThem) {
     ListHead head = headOf("a", ListFormat::Hosts, -100);
     head.facts.source = "https://lists.example/\xFF";

@@ -186,6 +186,18 @@ TEST_F(RatingLists, AreReadWithoutHarmWhateverBytesAreWrong) {
     EXPECT_GT(refused, 2048U) << "a table pointer that is wrong leads out of the file";
 }
 
+// A record whose lengths add up to nothing leads to itself.
+TEST_F(RatingLists, EndThoughARecordLeadsBack) {
+    import("a", ListFormat::Domains, 50, "a.example\nb.example\n");
+    {
+        constexpr off_t firstRecord = 2048;
+        constexpr std::uint32_t lengths[] = {0xFFFFFFF8U, 0};
+        const Sentrel::UniqueFd file(::open(databasePath().c_str(), O_WRONLY | O_CLOEXEC));
+        ASSERT_EQ(::pwrite(file.get(), lengths, sizeof lengths, firstRecord), ssize_t{sizeof lengths});
+    }
+    EXPECT_TRUE(RatingDatabase(databasePath()).table().names.empty());
+}
+
 TEST_F(RatingLists, AreRefusedWhereOthersMayWriteThem) {
     import("a", ListFormat::Domains, 50, "a.example\n");
     ::chmod(databasePath().c_str(), 0666);

@@ -21,6 +21,19 @@ TEST_F(RatingLists, AreNotOutOfReachWhereThereAreNone) {
     EXPECT_FALSE(provider.refresh());
 }
 
+// Not to see them is not to have none: every site would look like one of which nothing is known.
+TEST_F(RatingLists, AreNotReachableWhereTheyCannotBeSeen) {
+    const std::string loop = m_directory.file("loop");
+    fs::create_symlink(loop, loop);
+    Provider provider(loop + "/ratings.cdb");
+    EXPECT_FALSE(provider.status().isReachable);
+    EXPECT_EQ(provider.status().because.find("the rating database cannot be used: "), 0U) << provider.status().because;
+    EXPECT_FALSE(provider.rate(pageOf("a.example")).standing.isReachable);
+    fs::remove(loop);
+    EXPECT_TRUE(provider.refresh());
+    EXPECT_TRUE(provider.status().isReachable);
+}
+
 TEST_F(RatingLists, AreFollowedWhenTheyChange) {
     Provider provider(databasePath());
     import("a", ListFormat::Domains, 50, "a.example\n");

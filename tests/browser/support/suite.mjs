@@ -21,11 +21,12 @@ export { outcomeOf, visit } from './outcomes.mjs';
 /**
  * @param {string} subject what the tests are about, as it reads in front of "in firefox"
  * @param {(surroundings: Surroundings, name: import('./Browser.mjs').BrowserName) => void} addTests
- * @param {{ startsBrowser: boolean }} [options] without the browser, which each test then starts itself
+ * @param {{ startsBrowser?: boolean, only?: import('./Browser.mjs').BrowserName }} [options] without the browser, which each test then
+ *     starts itself; in that one alone, for what the other has not
  */
-export function inEachBrowser(subject, addTests, { startsBrowser } = { startsBrowser: true }) {
-    for (const name of browsers) {
-        describe(`${subject}, in ${name}`, () => {
+export function inEachBrowser(subject, addTests, { startsBrowser = true, only } = {}) {
+    for (const name of only ? [only] : browsers) {
+        describe(`${subject}, in ${name}`, { skip: browsers.includes(name) ? false : 'this run is for the other browser' }, () => {
             const surroundings = /** @type {Surroundings} */ ({});
             before(async () => {
                 surroundings.machine = await Machine.started();

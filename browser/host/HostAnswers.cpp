@@ -287,4 +287,8 @@ std::string requestedText(const AccessAnswer& answer) {
                                                         {"until", timeOrNone(last.until)}}}});
 }
 
+std::string requestsChangedText() {
+    return lineOf(json{{"type", "requests-changed"}});
+}
+
 } // namespace Sentrel::host

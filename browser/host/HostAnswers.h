@@ -33,5 +33,7 @@ std::string waitText(const DecideRequest& request);
 std::string reportedText(std::uint64_t id, const char* outcome, std::uint64_t lost);
 
 std::string requestedText(const AccessAnswer& answer);
+/// That some request, of whomever, is another.
+std::string requestsChangedText();
 
 } // namespace Sentrel::host

@@ -134,6 +134,9 @@ void HostLoop::waitForWork() {
 void HostLoop::work() {
     if (m_polled[Settings].revents != 0) {
         m_session.hold(m_source.take());
+        if (m_source.takeRequestsChanged() && m_output.waiting() < kMaxWaitingAnswers) {
+            m_session.tellRequestsChanged(); // a browser that reads nothing looks again when it does
+        }
     }
     if (m_polled[Access].revents != 0) {
         for (const AccessAnswer& answer : m_desk.take()) {

@@ -184,6 +184,12 @@ void HostSession::tell(const AccessAnswer& answer) {
     m_users.send(requestedText(answer));
 }
 
+void HostSession::tellRequestsChanged() {
+    if (m_hello) {
+        m_users.send(requestsChangedText());
+    }
+}
+
 /// What is known of a page's site. Nobody knows anything of what is no address.
 ratings::SiteRating HostSession::ratingOf(const std::string& url) const {
     const auto reading = browsing::parseWebUrl(url);

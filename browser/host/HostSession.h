@@ -37,6 +37,8 @@ public:
     void hold(HeldSettings held);
     /// Passes on what the hub said.
     void tell(const AccessAnswer& answer);
+    /// Requests have changed: the browser may look again at those that it shows. Before its hello it shows none.
+    void tellRequestsChanged();
     /// Has who rates sites look whether there is something newer.
     void refreshRatings();
 

@@ -1,4 +1,5 @@
-// The hub says that the settings have changed, and is asked for them. Everything else is about a hub that does not
+// The hub says that the settings have changed, and is asked for them. Its word that requests for access have changed is
+// passed on: who shows one asks for it.  Everything else is about a hub that does not
 // answer: it is away, or hangs, or has not been given any settings yet, or there is no settings file.
 //
 // What must stay so:
@@ -61,6 +62,8 @@ void subscribe(sd_bus& connection) {
                "cannot set a deadline");
     addMatch(connection, std::string("type='signal',sender='") + bus::kHubName + "',interface='" + bus::kHubInterface +
                              "',member='" + bus::kSettingsChangedMember + "'");
+    addMatch(connection, std::string("type='signal',sender='") + bus::kHubName + "',interface='" +
+                             bus::kRequestsInterface + "',member='" + bus::kRequestsChangedMember + "'");
     addMatch(connection, std::string("type='signal',sender='") + bus::kDriver + "',interface='" + bus::kDriver +
                              "',member='NameOwnerChanged',arg0='" + bus::kHubName + "'");
 }
@@ -106,6 +109,11 @@ HeldSettings SettingsSource::take() {
     const MutexLock lock(m_mutex);
     static_cast<void>(m_news.take());
     return m_held;
+}
+
+bool SettingsSource::takeRequestsChanged() {
+    const MutexLock lock(m_mutex);
+    return std::exchange(m_requestsChanged, false);
 }
 
 void SettingsSource::run() {
@@ -174,6 +182,10 @@ void SettingsSource::receive(sd_bus& connection, bool& isDue) {
         if (isGone && *isGone) {
             keepWhatThereIs("the hub does not run");
         }
+        if ((isGone && !*isGone) ||
+            sd_bus_message_is_signal(message.get(), bus::kRequestsInterface, bus::kRequestsChangedMember) > 0) {
+            noteRequestsChanged();
+        }
         isDue = isDue || isGone ||
                 sd_bus_message_is_signal(message.get(), bus::kHubInterface, bus::kSettingsChangedMember) > 0;
     }
@@ -235,6 +247,12 @@ void SettingsSource::publish(HeldSettings held) {
         m_held = std::move(held);
         m_news.wake();
     }
+}
+
+void SettingsSource::noteRequestsChanged() {
+    const MutexLock lock(m_mutex);
+    m_requestsChanged = true;
+    m_news.wake();
 }
 
 } // namespace Sentrel::host

@@ -32,6 +32,9 @@ public:
     int fd() const { return m_news.fd(); }
     /// What holds now. Threads: any.
     HeldSettings take();
+    /// Whether the hub has said, since this was last asked, that requests for access changed; or has been away, so that
+    /// they may have. Changes that nobody has asked about yet are one. Threads: any.
+    bool takeRequestsChanged();
 
 private:
     // All of these run on the source's thread.
@@ -45,6 +48,7 @@ private:
     void readCache();
     void writeCache(const settings::SettingsSnapshot& snapshot);
     void publish(HeldSettings held);
+    void noteRequestsChanged();
 
     // Constant after construction.
     const std::string m_hubSocket;
@@ -61,6 +65,7 @@ private:
 
     Mutex m_mutex;
     HeldSettings m_held SENTREL_GUARDED_BY(m_mutex);
+    bool m_requestsChanged SENTREL_GUARDED_BY(m_mutex) = false;
 
     std::thread m_thread; ///< last: it uses all the others
 };

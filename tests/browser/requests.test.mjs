@@ -83,6 +83,17 @@ inEachBrowser('Requests for access', (here) => {
         await awaitWords(tab, /is asked for \(request \d+\).*was denied on .*: not in the office/);
     });
 
+    test('a denial is told by the page that is open, within a second', async () => {
+        await block('open.example');
+        const tab = await openBlocked('http://open.example/');
+        await tab.page.bringToFront();
+        await ask(tab);
+        await awaitWords(tab, /is asked for \(request \d+\)/);
+        here.machine.ctl('requests', 'deny', String(requestFor('http://open.example/').id), '--reason', 'ask your teacher');
+        await awaitThat('the page to say it', async () => /was denied on .*: ask your teacher/.test(await tab.text()), 1000);
+        assert.equal(await tab.ask("document.getElementById('ask').innerText"), 'Ask again');
+    });
+
     test('one for a page that a rating blocks is made and granted too', async () => {
         await changeUntil(here, ['prefs', 'set', 'unrated-sites', 'block'], 'http://unrated.example/', 'blocked');
         const tab = await openBlocked('http://unrated.example/');

@@ -67,6 +67,28 @@ TEST_F(ABrowserWithABlockedPage, SaysThatARequestWasDeniedAndWhy) {
     EXPECT_EQ(again.at("last").at("answer"), "not for work");
 }
 
+TEST_F(ABrowserWithABlockedPage, HearsOfADenialAndOfAGrantAsTheyHappen) {
+    const auto askElsewhere = [&] {
+        const std::string number = told({"requests", "ask", kBlockedPage}).at("id").dump();
+        m_browser.hear("requests-changed");
+        return number;
+    };
+    does({"requests", "deny", askElsewhere(), "--reason", "not for work"});
+    m_browser.hear("requests-changed");
+    EXPECT_EQ(m_browser.requests(kBlockedPage).at("last").at("answer"), "not for work");
+    does({"requests", "grant", askElsewhere(), "--for", "1h"});
+    m_browser.hear("requests-changed");
+    EXPECT_TRUE(eventually([&] { return m_browser.decide(kBlockedPage).at("action") == "allow"; }));
+}
+
+TEST_F(ABrowserWithABlockedPage, IsToldToLookAgainWhenTheHubIsBack) {
+    kill9Hub();
+    m_browser.settingsOfState("kept");
+    m_machine.startHub();
+    m_browser.hear("requests-changed");
+    m_browser.settingsOfState("current");
+}
+
 TEST_F(ABrowserWithABlockedPage, AllowsThePageWhenARequestIsGranted) {
     does({"requests", "grant", ask(), "--for", "1h"});
     EXPECT_TRUE(eventually([&] { return m_browser.decide(kBlockedPage).at("action") == "allow"; }));

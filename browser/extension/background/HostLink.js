@@ -40,7 +40,8 @@ export class HostLink {
     /**
      * @param {'firefox' | 'chromium'} browser
      * @param {boolean} decidesHere whether everything that decides is wanted
-     * @param {{ settings: (settings: Settings) => void, ratings: (ratings: RatingsMessage) => void, changed: () => void }} listener
+     * `requests`: some request for access, of whomever, is another.
+     * @param {{ requests: () => void, settings: (settings: Settings) => void, ratings: (ratings: RatingsMessage) => void, changed: () => void }} listener
      */
     constructor(browser, decidesHere, listener) {
         this.hello = { type: 'hello', version: messageVersion, browser, rules: decidesHere, ratings: decidesHere };
@@ -119,6 +120,8 @@ export class HostLink {
             this.#welcomed();
         } else if (message.type === 'settings') {
             this.listener.settings(message);
+        } else if (message.type === 'requests-changed') {
+            this.listener.requests();
         } else if (message.type === 'ratings') {
             this.listener.ratings(message);
         } else if (message.type === 'error' && message.id === undefined) {

@@ -38,7 +38,7 @@ let inPrivate = false;
 const kept = new KeptRules();
 const warned = new WarnedSites();
 const link = new HostLink(isFirefox ? 'firefox' : 'chromium', !isFirefox, {
-    settings: takeSettings, ratings: takeRatings, changed: stateChanged,
+    settings: takeSettings, ratings: takeRatings, changed: stateChanged, requests: () => tellPages('requests'),
 });
 const history = new History();
 const gate = new Gate(warned, (url, answer) => link.report(url, answer).catch(() => undefined), note);
@@ -83,7 +83,12 @@ function note(decision, tab) {
 
 function stateChanged() {
     showOnButton(state());
-    chrome.runtime.sendMessage({ tell: 'changed' }).catch(() => undefined); // no page of ours is open
+    tellPages('changed');
+}
+
+/** @param {'changed' | 'requests'} tell */
+function tellPages(tell) {
+    chrome.runtime.sendMessage({ tell }).catch(() => undefined); // no page of ours is open
 }
 
 /** @param {string} url @param {'main' | 'sub'} frame @param {number} milliseconds @returns {Promise<HostDecision>} */

@@ -1,7 +1,7 @@
 // In the place of a page that is blocked: why it is, and by what; and a way to ask an administrator for it.
 //
-// What came of asking is looked at when the page is shown, and when it is come back to. A grant needs no look: it changes the
-// settings, and the page is freed as by any other change.
+// What came of asking is looked at when the page is shown, when it is come back to, and when the hub says that requests have changed.
+// A grant needs no look: it changes the settings, and the page is freed as by any other change.
 // @ts-check
 
 import { ask, byId, dateText, factsOf, fillTexts, keepShowing, leave, pageAddress, reason, showFacts, text } from './common.js';
@@ -65,6 +65,9 @@ function showRequested(requested) {
     byId('ask').textContent = text(requested?.last?.state === 'denied' && requested.number === 0 ? 'askAgain' : 'askAccess');
 }
 
+/** The request that this page has made or was told of. The hub's word that it was made is no news then. */
+let asked = 0;
+
 async function request() {
     const button = /** @type {HTMLButtonElement} */ (byId('ask'));
     const field = /** @type {HTMLTextAreaElement} */ (byId('reason'));
@@ -72,14 +75,17 @@ async function request() {
         return; // the one before has no answer yet; a disabled button would lose the focus
     }
     button.setAttribute('aria-disabled', 'true');
-    showRequested(await ask({ ask: 'request', url: pageAddress, reason: field.value.replace(/\s+/g, ' ').trim() }).catch(() => undefined));
+    const requested = await ask({ ask: 'request', url: pageAddress, reason: field.value.replace(/\s+/g, ' ').trim() }).catch(() => undefined);
+    asked = requested?.number ?? 0;
+    showRequested(requested);
     button.removeAttribute('aria-disabled');
 }
 
 /** Says nothing of a host that is away: nobody has asked for anything yet. */
 async function look() {
     const requested = await ask({ ask: 'requests', url: pageAddress }).catch(() => undefined);
-    if (requested?.outcome === 'told') {
+    const isNews = requested?.last?.state !== 'open' || requested.number !== asked;
+    if (requested?.outcome === 'told' && isNews) {
         showRequested(requested);
     }
 }
@@ -91,9 +97,11 @@ byId('request').addEventListener('submit', (event) => {
     event.preventDefault();
     request();
 });
-document.addEventListener('visibilitychange', () => {
-    if (!document.hidden) {
-        look();
+const lookIfSeen = () => document.hidden || look();
+document.addEventListener('visibilitychange', lookIfSeen);
+chrome.runtime.onMessage.addListener((message) => {
+    if (message.tell === 'requests') {
+        lookIfSeen();
     }
 });
 keepShowing({ ask: 'page', url: pageAddress }, show);

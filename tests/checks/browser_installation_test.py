@@ -103,6 +103,40 @@ class AnInstallation(unittest.TestCase):
         self.assertLessEqual({"manifest.json", "background/main.js", "vendor/chart.min.js"}, set(names[0]))
         self.assertNotIn("README.md", names[0])
 
+    def version(self) -> str:
+        inside = json.loads(zipfile.ZipFile(self.root / XPI).read("manifest.json"))["version"]
+        self.assertIn(f"version='{inside}'/>", self.text(f"{BY_HAND}/update.xml"))
+        package = zipfile.ZipFile(self.root / BY_HAND / "extension.crx")
+        self.assertEqual(inside, json.loads(package.read("manifest.json"))["version"])
+        return inside
+
+    def test_has_the_trees_version_and_a_number_that_stays_while_nothing_changes(self):
+        self.run_it(HOST)
+        tree = re.search(r"^project\(sentrel VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text(), re.MULTILINE)[1]
+        self.assertRegex(self.version(), rf"^{re.escape(tree)}\.\d+$")
+        self.assertEqual(tree, json.loads((ROOT / "browser/extension/manifest.json").read_text())["version"])
+        before = self.version()
+        self.run_it(HOST)
+        self.assertEqual(before, self.version())
+
+    def test_has_a_higher_version_whenever_another_extension_was_there(self):
+        self.run_it(HOST)
+        numbers = []
+        for _ in range(3):
+            numbers.append([int(part) for part in self.version().split(".")])
+            with zipfile.ZipFile(self.root / XPI, "a") as package:
+                package.writestr(f"of-another-tree-{len(numbers)}", "")
+            self.run_it(HOST)
+        self.assertEqual(sorted(numbers), numbers)
+        self.assertEqual(3, len({tuple(each) for each in numbers}))
+
+    def test_has_a_version_when_what_is_there_is_damaged(self):
+        self.run_it(HOST)
+        before = self.version()
+        (self.root / XPI).write_bytes(b"PK damaged")
+        self.run_it(HOST)
+        self.assertEqual(before, self.version())
+
     def test_keeps_its_key_which_is_roots_alone(self):
         self.run_it(HOST)
         key = self.root / BY_HAND / "extension.pem"

@@ -17,7 +17,7 @@ inEachBrowser('The end of the service worker', (here) => {
         await within('the worker to be told', /** @type {import('puppeteer-core').WebWorker} */ (worker).close());
         await within('the worker to end', gone);
     };
-    /** A page may wait while the worker starts, and then goes on by itself. @param {import('./support/suite.mjs').Tab} tab
+    /** A page may wait while the worker starts, and then goes on by itself. @param {import('./support/Browser.mjs').Tab} tab
      * @param {string} address @param {'blocked' | 'open'} end */
     const endsAs = async (tab, address, end) => {
         const seen = [await visit(tab, address)];

@@ -21,6 +21,9 @@
 namespace testing_support {
 namespace {
 
+constexpr const char* kNoListsRow =
+    "ratings            none: only your own lists and categories act; 'sentrelctl ratings import' brings a list in\n";
+
 /// A machine on which nothing runs but the bus, and a client of it.
 class AClientOfAMachine : public testing::Test {
 protected:
@@ -49,15 +52,24 @@ protected:
         EXPECT_TRUE(m_machine.startDaemon());
     }
 
-    /// The status without the health, which hvbd finds out when it comes to that.
+    /// The status without the health, which hvbd finds out when it comes to that, and what else has tests of its own.
     std::string statusWithoutHealth() {
-        return std::regex_replace(does({"status"}), std::regex("(health|reports) .*\n"), "");
+        return std::regex_replace(does({"status"}), std::regex("(ratings|health|reports) .*\n"), "");
     }
 
     std::string configuration() { return readFile(m_machine.configurationFile()); }
 };
 
 // Status.
+
+TEST_F(AClientOfADaemon, TellsTheStatusOfAMachineWithoutARatingListAndHowToGetOne) {
+    EXPECT_NE(does({"status"}).find(kNoListsRow), std::string::npos);
+    const CtlResult imported =
+        ctl(m_machine.root(), {"ratings", "import", "bad", "-", "--format", "domains", "--rating", "60"},
+            "one.example\ntwo.example\n");
+    EXPECT_EQ(imported.code, 0) << imported.err;
+    EXPECT_NE(does({"status"}).find("ratings            1 list with 2 hosts\n"), std::string::npos);
+}
 
 TEST_F(AClientOfADaemon, TellsTheStatusOfAnUnmanagedMachine) {
     EXPECT_EQ(statusWithoutHealth(), "status             enabled\n"
@@ -75,7 +87,8 @@ TEST_F(AClientOfADaemon, TellsTheStatusInJson) {
     const nlohmann::ordered_json status = nlohmann::ordered_json::parse(does({"status", "--json=short"}));
     const std::string text = status.dump();
     EXPECT_TRUE(text.starts_with(R"({"status":"enabled","code":0,"token":"ENABLED_STRING","managed":false,)"
-                                 R"("protection":true,"reason":"the preference says on","health":)"))
+                                 R"("protection":true,"reason":"the preference says on",)"
+                                 R"("rating_lists":0,"rated_hosts":0,"ratings_error":null,"health":)"))
         << text;
 }
 
@@ -83,12 +96,14 @@ TEST_F(AClientOfADaemon, TellsTheStatusToEveryUserButNotTheHealthToAnOrdinaryOne
     if (!canActAsOthers()) {
         GTEST_SKIP() << "only root can act as others";
     }
-    EXPECT_EQ(does({"status"}, kNobody), "status             enabled\n"
-                                         "managed            no\n"
-                                         "protection         on\n"
-                                         "reason             the preference says on\n"
-                                         "health             unknown: hvbd tells it to root and the administrators\n"
-                                         "reports            unknown: root and the daemon's user may see them\n");
+    EXPECT_EQ(does({"status"}, kNobody),
+              "status             enabled\n"
+              "managed            no\n"
+              "protection         on\n"
+              "reason             the preference says on\n" +
+                  std::string(kNoListsRow) +
+                  "health             unknown: hvbd tells it to root and the administrators\n"
+                  "reports            unknown: root and the daemon's user may see them\n");
 }
 
 TEST(AnAdministrator, IsToldTheHealthAndCannotTryWhatAnOrdinaryUserMayNot) {
@@ -283,9 +298,10 @@ TEST_F(AModuleThatAnswers, HasEachStatusShownInWords) {
               "status             at risk\n"
               "managed            yes\n"
               "protection         off\n"
-              "reason             the policy says on, the preference says off\n"
-              "health             unknown: hvbd is not running\n"
-              "reports            unknown: the daemon has made no spool yet\n");
+              "reason             the policy says on, the preference says off\n" +
+                  std::string(kNoListsRow) +
+                  "health             unknown: hvbd is not running\n"
+                  "reports            unknown: the daemon has made no spool yet\n");
 }
 
 TEST_F(AModuleThatAnswers, IsQuotedWhenItsAnswerCannotBeRead) {

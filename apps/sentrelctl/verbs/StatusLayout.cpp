@@ -1,3 +1,10 @@
+// The status in words and for programs.
+//
+// What must stay so:
+// - The word, the protection and the reason follow from the daemon's number alone. What is known besides stands in rows
+//   of its own, and nothing of it changes that word: a machine without a rating list is enabled, and says what acts.
+// - Texts of the daemon, of hvbd and of lists come from others, so they are made printable.
+// - Programs get null for what cannot be known, never a number that looks like an answer.
 #include "apps/sentrelctl/verbs/StatusLayout.h"
 
 #include "apps/sentrelctl/preferences/PreferenceLayout.h"
@@ -6,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
+#include <numeric>
 
 namespace Sentrel::ctl {
 
@@ -61,10 +69,28 @@ std::string reportsText(const KnownReports& reports, const Palette& palette) {
                        palette.plain);
 }
 
+std::uint64_t hostsIn(const ratings::RatingStatus& ratings) {
+    return std::accumulate(ratings.lists.begin(), ratings.lists.end(), std::uint64_t{0},
+                           [](std::uint64_t sum, const ratings::ListFacts& list) { return sum + list.count; });
+}
+
+/// Without a list the machine is protected by what its administrator has entered, and by nothing else.
+std::string ratingsText(const ratings::RatingStatus& ratings, const Palette& palette) {
+    if (!ratings.isReachable) {
+        return fmt::format("{}out of use{}: {}", palette.alarm, palette.plain, printable(ratings.because));
+    }
+    if (ratings.lists.empty()) {
+        return "none: only your own lists and categories act; 'sentrelctl ratings import' brings a list in";
+    }
+    const std::size_t count = ratings.lists.size();
+    return fmt::format("{} {} with {} hosts", count, count == 1 ? "list" : "lists", hostsIn(ratings));
+}
+
 /// The rows that stand whatever the daemon answered.
-std::string furtherRows(const KnownHealth& health, const KnownReports& reports, const Palette& palette) {
-    return rowText("health", healthText(health, palette), palette) +
-           rowText("reports", reportsText(reports, palette), palette);
+std::string furtherRows(const KnownBesides& known, const Palette& palette) {
+    return rowText("ratings", ratingsText(known.ratings, palette), palette) +
+           rowText("health", healthText(known.health, palette), palette) +
+           rowText("reports", reportsText(known.reports, palette), palette);
 }
 
 /// A version item as the daemon gave it.
@@ -90,23 +116,22 @@ std::optional<DashBoardDispalyContents> statusLine(const DashBoardData& data) {
     return found == data.m_statusItems.end() ? std::nullopt : std::optional(found->second);
 }
 
-std::string statusText(const DashBoardDispalyContents& line, const KnownHealth& health, const KnownReports& reports,
-                       const Palette& palette) {
+std::string statusText(const DashBoardDispalyContents& line, const KnownBesides& known, const Palette& palette) {
     const Meaning* const meaning = meaningOf(line.m_status);
     if (meaning == nullptr) {
         const std::string what = fmt::format("{} ({})", static_cast<int>(line.m_status), narrowed(line.m_displayText));
         return rowText("status", printable(what), palette) +
-               rowText("reason", "this sentrelctl does not know that status", palette) +
-               furtherRows(health, reports, palette);
+               rowText("reason", "this sentrelctl does not know that status", palette) + furtherRows(known, palette);
     }
     const char* color = meaning->isProtected ? palette.plain : palette.alarm;
     return rowText("status", fmt::format("{}{}{}", color, meaning->word, palette.plain), palette) +
            rowText("managed", yesNo(meaning->isManaged), palette) +
            rowText("protection", meaning->isProtected ? "on" : "off", palette) +
-           rowText("reason", meaning->reason, palette) + furtherRows(health, reports, palette);
+           rowText("reason", meaning->reason, palette) + furtherRows(known, palette);
 }
 
-Json statusJson(const DashBoardDispalyContents& line, const KnownHealth& health, const KnownReports& reports) {
+Json statusJson(const DashBoardDispalyContents& line, const KnownBesides& besides) {
+    const auto& [health, reports, ratings] = besides;
     const Meaning* const meaning = meaningOf(line.m_status);
     const auto known = [meaning](const Json& value) { return meaning != nullptr ? value : Json(nullptr); };
     Json json{{"status", meaning != nullptr ? meaning->word : "unknown"},
@@ -115,11 +140,14 @@ Json statusJson(const DashBoardDispalyContents& line, const KnownHealth& health,
     json["managed"] = known(meaning != nullptr && meaning->isManaged);
     json["protection"] = known(meaning != nullptr && meaning->isProtected);
     json["reason"] = known(meaning != nullptr ? meaning->reason : "");
+    json["rating_lists"] = ratings.lists.size();
+    json["rated_hosts"] = hostsIn(ratings);
+    json["ratings_error"] = ratings.isReachable ? Json(nullptr) : Json(validUtf8(ratings.because));
     json["health"] = validUtf8(health.state);
     json["health_since"] = health.since.empty() ? Json(nullptr) : Json(validUtf8(health.since));
     json["health_error"] = health.error.empty() ? Json(nullptr) : Json(validUtf8(health.error));
-    const auto count = [&reports](std::uint64_t number) {
-        return reports.error.empty() ? Json(number) : Json(nullptr);
+    const auto count = [isKnown = reports.error.empty()](std::uint64_t number) {
+        return isKnown ? Json(number) : Json(nullptr);
     };
     json["reports_waiting"] = count(reports.waiting);
     json["reports_refused"] = count(reports.refused);

@@ -1,8 +1,10 @@
-// What the daemon says of itself, in words: the line of the dashboard, its health, the reports that wait, its versions.
+// What the daemon says of itself, in words: the line of the dashboard, its health, the reports that wait, its versions;
+// and what rates sites on this machine, which decides how much is blocked.
 #pragma once
 
 #include "apps/sentrelctl/terminal/Json.h"
 #include "apps/sentrelctl/terminal/Output.h"
+#include "browser/ratings/RatingLists.h"
 #include "hub/Payloads.h"
 
 #include <cstdint>
@@ -26,15 +28,21 @@ struct KnownReports {
     std::string error;         ///< why they are unknown; else empty
 };
 
+/// What is known beside the line of the dashboard.
+struct KnownBesides {
+    KnownHealth health;
+    KnownReports reports;
+    ratings::RatingStatus ratings; ///< lists of this machine
+};
+
 /// The one line of the dashboard in @p data. None when the daemon sent another.
 std::optional<DashBoardDispalyContents> statusLine(const DashBoardData& data);
 
-/// Rows of status, management, protection, the reason, the health and the reports.
-std::string statusText(const DashBoardDispalyContents& line, const KnownHealth& health, const KnownReports& reports,
-                       const Palette& palette);
+/// Rows of status, management, protection, the reason, the rating lists, the health and the reports.
+std::string statusText(const DashBoardDispalyContents& line, const KnownBesides& known, const Palette& palette);
 
 /// The same for programs.
-Json statusJson(const DashBoardDispalyContents& line, const KnownHealth& health, const KnownReports& reports);
+Json statusJson(const DashBoardDispalyContents& line, const KnownBesides& known);
 
 /// Rows of the version, the service pack and the hotfixes. A text that is missing or blank is "none".
 std::string aboutText(const AboutBoxData& data, const Palette& palette);

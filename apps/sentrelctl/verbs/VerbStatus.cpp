@@ -4,6 +4,7 @@
 #include "apps/sentrelctl/clients/HubClient.h"
 #include "apps/sentrelctl/verbs/StatusLayout.h"
 #include "base/Paths.h"
+#include "browser/ratings/RatingLists.h"
 #include "hub/HubIds.h"
 #include "platform/hvbhelpers/HubProtocol.h"
 #include "platform/hvbhelpers/SpoolHead.h"
@@ -77,10 +78,10 @@ void status(Session& session, const StatusOptions& options) {
     if (!line) {
         throw unreadableAnswer(kAskingStatus.what, "it has no status line");
     }
-    const KnownHealth known = health(options.timeout);
-    const KnownReports reports = waitingReports();
-    session.out.write(session.json == JsonMode::Off ? statusText(*line, known, reports, session.palette)
-                                                    : jsonText(statusJson(*line, known, reports), session.json));
+    const KnownBesides known{health(options.timeout), waitingReports(),
+                             ratings::RatingLists(paths::ratingDatabase()).status()};
+    session.out.write(session.json == JsonMode::Off ? statusText(*line, known, session.palette)
+                                                    : jsonText(statusJson(*line, known), session.json));
 }
 
 void about(Session& session, const StatusOptions& options) {
@@ -106,7 +107,8 @@ Work describeAbout(OptionSet& set, Session& session) {
 Verbs statusVerbs() {
     static constexpr std::array<Verb, 2> verbs{{
         {"", "status",
-         "Shows whether the machine is protected and managed, why, the daemon's health, and which reports wait.",
+         "Shows whether the machine is protected and managed, why, what rates sites, the daemon's health, and which "
+         "reports wait.",
          "  sentrelctl status\n  sentrelctl status --json=short | jq -r .status", describeStatus},
         {"", "about", "Shows the daemon's version, its service pack and its hotfixes.", "  sentrelctl about",
          describeAbout},

@@ -11,6 +11,14 @@ namespace {
 
 const KnownHealth kWell{"well", "2023-11-14T22:13:20Z", ""};
 const KnownReports kNoneWait{};
+const ratings::RatingStatus kNoLists{true, "no rating list was imported"};
+constexpr const char* kNoListsRow =
+    "ratings            none: only your own lists and categories act; 'sentrelctl ratings import' brings a list in\n";
+
+KnownBesides besides(const KnownHealth& health = kWell, const KnownReports& reports = kNoneWait,
+                     const ratings::RatingStatus& lists = kNoLists) {
+    return {health, reports, lists};
+}
 
 DashBoardDispalyContents line(int status, const wchar_t* token = L"ENABLED_STRING") {
     DashBoardDispalyContents contents;
@@ -40,39 +48,44 @@ TEST(AStatus, IsToldInWordsWithItsReason) {
             "reason             the policy says on, the preference says off\n"},
     };
     for (const auto& [status, text] : all) {
-        EXPECT_EQ(statusText(line(status), kWell, kNoneWait, Palette()),
-                  text + "health             well since 2023-11-14T22:13:20Z\n"
-                         "reports            0 waiting for the hub, 0 refused\n");
+        EXPECT_EQ(statusText(line(status), besides(), Palette()),
+                  text + kNoListsRow +
+                      "health             well since 2023-11-14T22:13:20Z\n"
+                      "reports            0 waiting for the hub, 0 refused\n");
     }
 }
 
 TEST(AStatus, IsToldToPrograms) {
-    EXPECT_EQ(jsonText(statusJson(line(5, L"DISABLED_STRING"), kWell, kNoneWait), JsonMode::Short),
+    EXPECT_EQ(jsonText(statusJson(line(5, L"DISABLED_STRING"), besides()), JsonMode::Short),
               R"({"status":"at risk","code":5,"token":"DISABLED_STRING","managed":true,"protection":false,)"
-              R"("reason":"the policy says on, the preference says off","health":"well",)"
+              R"("reason":"the policy says on, the preference says off",)"
+              R"("rating_lists":0,"rated_hosts":0,"ratings_error":null,"health":"well",)"
               R"("health_since":"2023-11-14T22:13:20Z","health_error":null,)"
               R"("reports_waiting":0,"reports_refused":0,"reports_damaged":0,"reports_error":null})"
               "\n");
 }
 
 TEST(AStatus, ThatIsNotKnownIsShownAsItCame) {
-    EXPECT_EQ(statusText(line(8, L"\x1b[2J"), kWell, kNoneWait, Palette()),
+    EXPECT_EQ(statusText(line(8, L"\x1b[2J"), besides(), Palette()),
               "status             8 (\\x1b[2J)\n"
-              "reason             this sentrelctl does not know that status\n"
-              "health             well since 2023-11-14T22:13:20Z\n"
-              "reports            0 waiting for the hub, 0 refused\n");
-    EXPECT_EQ(jsonText(statusJson(line(1), kWell, kNoneWait), JsonMode::Short),
-              R"({"status":"unknown","code":1,"token":"ENABLED_STRING","managed":null,"protection":null,)"
-              R"("reason":null,"health":"well","health_since":"2023-11-14T22:13:20Z","health_error":null,)"
-              R"("reports_waiting":0,"reports_refused":0,"reports_damaged":0,"reports_error":null})"
-              "\n");
+              "reason             this sentrelctl does not know that status\n" +
+                  std::string(kNoListsRow) +
+                  "health             well since 2023-11-14T22:13:20Z\n"
+                  "reports            0 waiting for the hub, 0 refused\n");
+    EXPECT_EQ(
+        jsonText(statusJson(line(1), besides()), JsonMode::Short),
+        R"({"status":"unknown","code":1,"token":"ENABLED_STRING","managed":null,"protection":null,)"
+        R"("reason":null,"rating_lists":0,"rated_hosts":0,"ratings_error":null,"health":"well","health_since":"2023-11-14T22:13:20Z","health_error":null,)"
+        R"("reports_waiting":0,"reports_refused":0,"reports_damaged":0,"reports_error":null})"
+        "\n");
 }
 
 TEST(AStatus, SaysWhyTheHealthIsNotKnown) {
     const KnownHealth unknown{"unknown", "", "hvbd is not running"};
-    EXPECT_TRUE(statusText(line(0), unknown, kNoneWait, Palette())
-                    .find("\nhealth             unknown: hvbd is not running\n") != std::string::npos);
-    Json json = statusJson(line(0), unknown, kNoneWait);
+    EXPECT_TRUE(
+        statusText(line(0), besides(unknown), Palette()).find("\nhealth             unknown: hvbd is not running\n") !=
+        std::string::npos);
+    Json json = statusJson(line(0), besides(unknown));
     EXPECT_EQ(json["health"], "unknown");
     EXPECT_EQ(json["health_since"], nullptr);
     EXPECT_EQ(json["health_error"], "hvbd is not running");
@@ -80,27 +93,48 @@ TEST(AStatus, SaysWhyTheHealthIsNotKnown) {
 
 TEST(AStatus, TellsWhatBecameOfTheReports) {
     const KnownReports some{.waiting = 3, .refused = 2, .damaged = 1, .error = ""};
-    EXPECT_TRUE(statusText(line(0), kWell, some, Palette())
+    EXPECT_TRUE(statusText(line(0), besides(kWell, some), Palette())
                     .ends_with("\nreports            3 waiting for the hub, 2 refused, 1 damaged\n"));
-    Json told = statusJson(line(0), kWell, some);
+    Json told = statusJson(line(0), besides(kWell, some));
     EXPECT_EQ(told["reports_waiting"], std::uint64_t{3});
     EXPECT_EQ(told["reports_refused"], std::uint64_t{2});
     EXPECT_EQ(told["reports_damaged"], std::uint64_t{1});
     const KnownReports unknown{.error = "no\nspool"};
-    EXPECT_TRUE(
-        statusText(line(0), kWell, unknown, Palette()).ends_with("\nreports            unknown: no\\x0aspool\n"));
-    Json untold = statusJson(line(0), kWell, unknown);
+    EXPECT_TRUE(statusText(line(0), besides(kWell, unknown), Palette())
+                    .ends_with("\nreports            unknown: no\\x0aspool\n"));
+    Json untold = statusJson(line(0), besides(kWell, unknown));
     EXPECT_EQ(untold["reports_waiting"], nullptr);
     EXPECT_EQ(untold["reports_error"], "no\nspool");
+}
+
+TEST(AStatus, CountsTheRatingListsAndTheirHosts) {
+    const ratings::RatingStatus two{true,
+                                    "",
+                                    {{.name = "bad", .source = "", .licence = "", .count = 3},
+                                     {.name = "ads", .source = "", .licence = "", .count = 4}}};
+    EXPECT_NE(statusText(line(0), besides(kWell, kNoneWait, two), Palette())
+                  .find("\nratings            2 lists with 7 hosts\n"),
+              std::string::npos);
+    Json told = statusJson(line(0), besides(kWell, kNoneWait, two));
+    EXPECT_EQ(told["rating_lists"], std::uint64_t{2});
+    EXPECT_EQ(told["rated_hosts"], std::uint64_t{7});
+    EXPECT_EQ(told["ratings_error"], nullptr);
+}
+
+TEST(AStatus, SaysWhyTheRatingsAreOutOfUse) {
+    const ratings::RatingStatus old{false, "the newest\nlist is old"};
+    EXPECT_NE(statusText(line(0), besides(kWell, kNoneWait, old), Palette())
+                  .find("\nratings            out of use: the newest\\x0alist is old\n"),
+              std::string::npos);
+    EXPECT_EQ(statusJson(line(0), besides(kWell, kNoneWait, old))["ratings_error"], "the newest\nlist is old");
 }
 
 TEST(AStatus, CatchesTheEyeWhenTheMachineIsNotProtectedOrNotWell) {
     const Palette palette = Palette::of(true);
     const std::string alarm = palette.alarm;
-    EXPECT_NE(statusText(line(5), kWell, kNoneWait, palette).find(alarm + "at risk"), std::string::npos);
-    EXPECT_NE(statusText(line(0), {"silent", "then", ""}, kNoneWait, palette).find(alarm + "silent"),
-              std::string::npos);
-    EXPECT_EQ(statusText(line(0), kWell, kNoneWait, palette).find(alarm), std::string::npos);
+    EXPECT_NE(statusText(line(5), besides(), palette).find(alarm + "at risk"), std::string::npos);
+    EXPECT_NE(statusText(line(0), besides({"silent", "then", ""}), palette).find(alarm + "silent"), std::string::npos);
+    EXPECT_EQ(statusText(line(0), besides(), palette).find(alarm), std::string::npos);
 }
 
 TEST(ADashboard, HasNoStatusLineUnderAnotherKey) {

@@ -6,6 +6,7 @@ import pathlib
 import re
 import subprocess
 import sys
+import tempfile
 import unittest
 
 ROOT = pathlib.Path(sys.argv.pop())
@@ -41,6 +42,24 @@ class ThePackages(unittest.TestCase):
                    for line in text_of(f"debian/{package}.manpages").split()}
         self.assertEqual(shipped, {page for page in made if not page.startswith("sentrelctl")})
         self.assertIn("sentrelctl-log.1", made)
+
+    def test_have_a_menu_entry_that_desktops_take(self):
+        for command in (["desktop-file-validate", "packaging/sentrelctl.desktop"],
+                        ["appstreamcli", "validate", "--no-net", "packaging/invalid.sentrel.status.metainfo.xml"]):
+            done = subprocess.run(command, cwd=ROOT, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+            self.assertEqual(0, done.returncode, done.stdout)
+
+    def test_have_a_menu_entry_that_runs_the_status_and_waits(self):
+        line = re.search(r"^Exec=sh -c \"(.*)\"$", text_of("packaging/sentrelctl.desktop"), re.MULTILINE)[1]
+        with tempfile.TemporaryDirectory() as place:
+            program = pathlib.Path(place, "sentrelctl")
+            program.write_text("#!/bin/sh\necho \"told $*\"\n")
+            program.chmod(0o755)
+            # A desktop file has a backslash twice, and within quotes twice again.
+            done = subprocess.run(["sh", "-c", line.replace("\\\\\\\\", "\\")], input="\nmore", capture_output=True, text=True,
+                                  env={"PATH": f"{place}:/usr/bin:/bin"}, check=True)
+        self.assertEqual("told status\n\nPress Enter to close. ", done.stdout)
+        self.assertEqual(["sentrelctl.desktop"], re.findall(r'launchable type="desktop-id">(.*)<', text_of("packaging/invalid.sentrel.status.metainfo.xml")))
 
     def test_make_every_directory_that_a_unit_writes(self):
         made = set(re.findall(r"^d (\S+)", text_of("debian/sentrel.tmpfiles"), re.MULTILINE))

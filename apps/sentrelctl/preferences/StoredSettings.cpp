@@ -235,7 +235,8 @@ void needStored(Session& session, double timeout, const std::string& where, cons
 }
 
 Shortfall shortfallOf(const Preference& preference, const STPreferences& wanted) {
-    const StoredPreference& stored = storedPreference(std::string(preference.name));
+    const std::string name(preference.name); // not in the call: GCC 13 and later take what is returned for a part of it
+    const StoredPreference& stored = storedPreference(name);
     const std::string value = valueText(wanted, preference);
     return [&stored, value](const SettingsSnapshot& file) {
         if (isUnreadable(file, stored)) {

@@ -24,6 +24,8 @@ export class Gate {
     #passed = new Map();
     /** The page that each tab was sent to ours for, until ours is there. @type {Map<number, string>} */
     #away = new Map();
+    /** What each tab went to last. @type {Map<number, string>} */
+    #shown = new Map();
 
     /**
      * @param {import('./WarnedSites.js').WarnedSites} warned
@@ -58,8 +60,13 @@ export class Gate {
         return { cancel: true };
     }
 
+    /** The tab has gone to another page. @param {number} tab @param {string} url */
+    shows(tab, url) {
+        this.#shown.set(tab, url);
+    }
+
     /**
-     * Decides on what is in a tab already.
+     * Decides on what is in a tab already, or comes to it. A tab that goes to a third page meanwhile is left alone.
      * @param {number} tab
      * @param {string} url
      * @param {(url: string) => HostDecision | Promise<HostDecision>} decide
@@ -72,8 +79,13 @@ export class Gate {
         if (this.#passed.get(tab) === withoutFragment(url)) {
             return;
         }
+        const before = this.#shown.get(tab);
         const decision = await decide(url);
         await this.warned.loaded;
+        const now = this.#shown.get(tab);
+        if (now !== before && now !== url) {
+            return;
+        }
         const page = this.#pageInPlaceOf(decision);
         this.note(decision, tab);
         if (page === null) {
@@ -97,6 +109,7 @@ export class Gate {
     forget(tab) {
         this.#passed.delete(tab);
         this.#away.delete(tab);
+        this.#shown.delete(tab);
     }
 
     /** New settings: what passed by the old ones is looked at again when it comes back. */

@@ -125,9 +125,8 @@ export class HostLink {
         } else if (message.type === 'ratings') {
             this.listener.ratings(message);
         } else if (message.type === 'error' && message.id === undefined) {
-            this.because = message.text;
             this.#port?.disconnect(); // tells nobody on this side
-            this.#lost(this.#port);
+            this.#lost(this.#port, message.text);
         } else {
             this.#answered(message);
         }
@@ -153,15 +152,15 @@ export class HostLink {
         }
     }
 
-    /** @param {chrome.runtime.Port | null} port */
-    #lost(port) {
+    /** @param {chrome.runtime.Port | null} port @param {string} [because] as the host put it */
+    #lost(port, because) {
         if (port === null || port !== this.#port) {
             return;
         }
         const failure = /** @type {any} */ (port).error ?? chrome.runtime.lastError;
         this.#port = null;
         this.connected = false;
-        this.because ||= failure?.message ?? 'the host ended';
+        this.because = because ?? failure?.message ?? 'the host ended';
         setTimeout(() => this.connect(), this.#pause);
         this.#pause = Math.min(longestPause, Math.max(firstPause, 2 * this.#pause));
         this.listener.changed();

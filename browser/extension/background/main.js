@@ -11,6 +11,7 @@ import { History } from './History.js';
 import { HostLink } from './HostLink.js';
 import { KeptRules } from './KeptRules.js';
 import { giveAhead } from './RulesAhead.js';
+import { Waiters } from './Waiters.js';
 import { WarnedSites } from './WarnedSites.js';
 
 /** @typedef {import('./messages.js').HostDecision} HostDecision */
@@ -29,8 +30,7 @@ const theWeb = ['http://*/*', 'https://*/*'];
 
 /** @type {Settings | null} */
 let settings = null;
-/** @type {(() => void)[]} */
-let waiters = [];
+const waiters = new Waiters();
 /** Whether this browser lets pages be held back. Chromium does so only for an extension that came by policy. */
 let holds = true;
 /** Neither browser does so on its own. A change of it starts this program anew. */
@@ -65,9 +65,7 @@ function takeRatings(arrived) {
 /** What decides is another. */
 function decideAnew() {
     gate.forgetAll();
-    for (const wake of waiters.splice(0)) {
-        wake();
-    }
+    waiters.wakeAll();
     stateChanged();
 }
 
@@ -109,10 +107,7 @@ async function decisionInTime(url, frame) {
         if (decision.action !== 'wait' || left <= 0) {
             return decision;
         }
-        await new Promise((done) => {
-            waiters.push(() => done(undefined));
-            setTimeout(done, left);
-        });
+        await waiters.wait(left);
     }
 }
 
@@ -134,10 +129,18 @@ chrome.webRequest.onBeforeRequest.addListener(
     ['blocking'],
 );
 
-/** @param {{ frameId: number, tabId: number, url: string, documentLifecycle?: string }} navigation */
-function arrived({ frameId, tabId, url, documentLifecycle }) {
-    if (frameId === 0 && tabId >= 0 && documentLifecycle !== 'prerender') {
-        gate.lookAgain(tabId, url, decidePage);
+/** @typedef {{ frameId: number, tabId: number, url: string, documentLifecycle?: string }} Navigation */
+
+/** @param {Navigation} navigation */
+function isShown({ frameId, tabId, documentLifecycle }) {
+    return frameId === 0 && tabId >= 0 && documentLifecycle !== 'prerender';
+}
+
+/** @param {Navigation} navigation */
+function arrived(navigation) {
+    if (isShown(navigation)) {
+        gate.shows(navigation.tabId, navigation.url);
+        gate.lookAgain(navigation.tabId, navigation.url, decidePage);
     }
 }
 chrome.webNavigation.onCommitted.addListener(arrived);
@@ -145,7 +148,9 @@ chrome.webNavigation.onCommitted.addListener(arrived);
 chrome.webNavigation.onBeforeNavigate.addListener((navigation) => {
     if (!holds) {
         gate.leaves(navigation.tabId);
-        arrived(navigation);
+        if (isShown(navigation)) {
+            gate.lookAgain(navigation.tabId, navigation.url, decidePage);
+        }
     }
 });
 chrome.webRequest.onErrorOccurred.addListener(
@@ -206,6 +211,7 @@ async function start() {
     }
     for (const tab of await chrome.tabs.query({})) {
         if (tab.id !== undefined && tab.url) {
+            gate.shows(tab.id, tab.url);
             gate.lookAgain(tab.id, tab.url, decidePage);
         }
     }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace Sentrel::policy {
 
@@ -17,6 +18,10 @@ inline constexpr std::size_t kMaxPolicyKeys = 400'000;
 inline constexpr std::size_t kMaxNameCharacters = 256;
 /// Bytes of a value, as UTF-8.
 inline constexpr std::size_t kMaxValueBytes = std::size_t{64} << 10U;
+
+/// The epochs that a document can have. The last is one that nobody gets to by a step a day.
+inline constexpr std::int64_t kFirstEpoch = 1;
+inline constexpr std::int64_t kLastEpoch = 1'000'000;
 
 // A value.
 

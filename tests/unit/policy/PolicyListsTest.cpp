@@ -1,6 +1,7 @@
 // How the lists of a policy are read.
 #include "policy/PolicyLists.h"
 
+#include "policy/LeftOut.h"
 #include "policy/PolicyLimits.h"
 
 #include <gmock/gmock.h>
@@ -106,6 +107,45 @@ TEST(ACount, IsBoundedWhateverItSays) {
     EXPECT_EQ(boundedCount(7), 7);
     EXPECT_EQ(boundedCount(2147483647), kMaxPolicyEntries);
     EXPECT_EQ(readTexts(Values({}), keys::kSite, 2147483647).missing.size(), std::size_t{kMaxPolicyEntries});
+}
+
+std::vector<std::pair<std::string, LeftOutReason>> entriesOf(const LeftOut& leftOut) {
+    std::vector<std::pair<std::string, LeftOutReason>> entries;
+    for (const LeftOutEntry& each : leftOut.first) {
+        entries.emplace_back(each.key, each.reason);
+    }
+    return entries;
+}
+
+TEST(ALeftOutEntry, IsOneThatGetsNoRow) {
+    const Values values({{"uiAgumentIPCount", L"5"},
+                         {"szAgumentIP_0", L"10.0.0.0/8"},
+                         {"szAgumentIP_1", L"fe80::/10"},
+                         {"szAgumentIP_2", L" \t"},
+                         {"szAgumentIP_4", std::wstring(kMaxNarrowBytes + 1, L'1')},
+                         {"szAgumentIP_5", L"10.1.0.0/16"},
+                         {"uiSiteCount", L"2"},
+                         {"szSite0", L"http://a.example/"},
+                         {"szSite1", L"http://a.example/"}});
+    const LeftOut leftOut = leftOutOf(values);
+    EXPECT_EQ(leftOut.count, 5U) << "a site that is there twice is there";
+    EXPECT_THAT(entriesOf(leftOut),
+                ElementsAre(Pair("szAgumentIP_3", LeftOutReason::Missing),
+                            Pair("szAgumentIP_1", LeftOutReason::Version6), Pair("szAgumentIP_2", LeftOutReason::Empty),
+                            Pair("szAgumentIP_4", LeftOutReason::TooLong),
+                            Pair("szAgumentIP_5", LeftOutReason::BeyondCount)));
+}
+
+TEST(ALeftOutEntry, IsCountedWithAllOthersAndNamedWithTheFirst) {
+    const LeftOut leftOut = leftOutOf(Values({{"uiSiteCount", L"5000"}}));
+    EXPECT_EQ(leftOut.count, 5000U);
+    EXPECT_EQ(leftOut.first.size(), kMaxLeftOutTold);
+    EXPECT_EQ(leftOut.first.front().key, "szSite0");
+}
+
+TEST(ALeftOutEntry, IsNoneOfAPolicyThatIsNotToBeEnforcedOrHasNoList) {
+    EXPECT_EQ(leftOutOf(Values({})).count, 0U);
+    EXPECT_EQ(leftOutOf(Values({{"uiSiteCount", L"5000"}, {"EnforcePolicy", L"0"}})).count, 0U);
 }
 
 } // namespace

@@ -218,7 +218,7 @@ MessagePtr call(sd_bus& bus, sd_bus_message& request, Deadline deadline) {
     return MessagePtr(reply);
 }
 
-MessagePtr callAlone(sd_bus& bus, sd_bus_message& request, Deadline deadline) {
+MessagePtr callAlone(sd_bus& bus, sd_bus_message& request, Deadline deadline, int cancelFd) {
     MessagePtr reply;
     sd_bus_slot* slot = nullptr;
     check(sd_bus_call_async(&bus, &slot, &request, &keepReply, &reply, kNoTimeout), "cannot send to the hub");
@@ -234,7 +234,9 @@ MessagePtr callAlone(sd_bus& bus, sd_bus_message& request, Deadline deadline) {
         if (steady_clock::now() >= deadline) {
             throw CallError(-ETIMEDOUT, SD_BUS_ERROR_TIMEOUT, "the hub did not answer in time");
         }
-        (void)sleepUntilReady(busWait(bus), deadline, -1);
+        if (sleepUntilReady(busWait(bus), deadline, cancelFd)) {
+            throw CallError(-ECANCELED, "", errnoText(ECANCELED));
+        }
     }
     if (const sd_bus_error* error = sd_bus_message_get_error(reply.get())) {
         throwCallError(-sd_bus_message_get_errno(reply.get()), *error, handlerCodeOf(*reply));

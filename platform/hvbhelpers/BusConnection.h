@@ -78,7 +78,8 @@ MessagePtr call(sd_bus& bus, sd_bus_message& request, Deadline deadline);
 
 /// As call, for a connection that is used for calls alone: whatever else arrives is dropped, and signals are handled as
 /// usual. Not to be used in a handler of sd-bus.
-MessagePtr callAlone(sd_bus& bus, sd_bus_message& request, Deadline deadline);
+/// @param cancelFd unless -1: the wait ends with -ECANCELED as soon as this descriptor can be read.
+MessagePtr callAlone(sd_bus& bus, sd_bus_message& request, Deadline deadline, int cancelFd = -1);
 
 /// Whether a connection on which call threw @p error can take the next call.
 bool isStillUsable(sd_bus& bus, const CallError& error);

@@ -15,6 +15,23 @@ void checkReading(int result) {
     }
 }
 
+MessagePtr requestOf(sd_bus& bus, const char* member, bool isFresh) {
+    MessagePtr request = newCall(bus, kHubName, kHubPath, kHubInterface, member);
+    if (member == std::string_view(kSettingsMember)) {
+        check(sd_bus_message_append(request.get(), kSettingsSignature, isFresh ? 1 : 0), "cannot ask for the settings");
+    }
+    return request;
+}
+
+std::string settingsIn(sd_bus_message& reply) {
+    std::uint64_t generation = 0;
+    if (sd_bus_message_has_signature(&reply, kSettingsReplySignature) <= 0 ||
+        sd_bus_message_read(&reply, "t", &generation) <= 0) {
+        throw HVBException(-EBADMSG, "the hub's answer holds no settings");
+    }
+    return SnapshotText::arrived(reply).text();
+}
+
 } // namespace
 
 SnapshotText SnapshotText::of(std::string text) {
@@ -56,17 +73,13 @@ void SnapshotText::appendTo(sd_bus_message& message) const {
 }
 
 std::string askForSettings(sd_bus& bus, const char* member, bool isFresh, Deadline deadline) {
-    const MessagePtr request = newCall(bus, kHubName, kHubPath, kHubInterface, member);
-    if (member == std::string_view(kSettingsMember)) {
-        check(sd_bus_message_append(request.get(), kSettingsSignature, isFresh ? 1 : 0), "cannot ask for the settings");
-    }
-    const MessagePtr reply = call(bus, *request, deadline);
-    std::uint64_t generation = 0;
-    if (sd_bus_message_has_signature(reply.get(), kSettingsReplySignature) <= 0 ||
-        sd_bus_message_read(reply.get(), "t", &generation) <= 0) {
-        throw HVBException(-EBADMSG, "the hub's answer holds no settings");
-    }
-    return SnapshotText::arrived(*reply).text();
+    const MessagePtr request = requestOf(bus, member, isFresh);
+    return settingsIn(*call(bus, *request, deadline));
+}
+
+std::string askForSettingsAlone(sd_bus& bus, const char* member, bool isFresh, Deadline deadline, int cancelFd) {
+    const MessagePtr request = requestOf(bus, member, isFresh);
+    return settingsIn(*callAlone(bus, *request, deadline, cancelFd));
 }
 
 } // namespace HVB::bus

@@ -39,4 +39,7 @@ private:
 /// @throws HVBException as call does, and with -EBADMSG for another answer.
 std::string askForSettings(sd_bus& bus, const char* member, bool isFresh, Deadline deadline);
 
+/// The same with callAlone, for whoever may have to end meanwhile: as soon as @p cancelFd can be read.
+std::string askForSettingsAlone(sd_bus& bus, const char* member, bool isFresh, Deadline deadline, int cancelFd);
+
 } // namespace HVB::bus

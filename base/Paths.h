@@ -85,6 +85,9 @@ inline std::string daemonNetworkDropIn() {
 inline std::string agentPolicy() {
     return underRoot("/usr/local/Orvanta/Sentrel/var/policy.json");
 }
+inline std::string agentPolicyRecord() {
+    return underRoot("/usr/local/Orvanta/Sentrel/var/policy-record.json");
+}
 
 // The browsers'. These are where each looks on its own, and Sentrel writes none of them but its installation.
 inline std::string firefoxExtension() {

@@ -42,6 +42,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(reading.refused.size() <= agent::kMaxLogLine && reading.refused.find('\n') == std::string::npos);
     checkSections(reading.sections);
     require(agent::readPolicyMessage(message, {}).refused == reading.refused);
-    require(!agent::readPolicyMessage(message, agent::PublicKey{}).refused.empty()); // nobody signs with that key
+    require(!agent::readPolicyMessage(message, {agent::PublicKey{}}).refused.empty()); // nobody signs with that key
     return 0;
 }

@@ -47,7 +47,7 @@ std::optional<settings::MachinePolicy> PolicyWatch::read() const {
             return known;
         }
         // Whether the daemon takes it, with a signature or without, is the daemon's to say: this is the one in store.
-        const agent::PolicyReading reading = agent::readPolicyMessage(*message, std::nullopt);
+        const agent::PolicyReading reading = agent::readPolicyMessage(*message, {});
         known.trouble = reading.refused;
         known.version = reading.identity.version;
         if (reading.refused.empty()) {

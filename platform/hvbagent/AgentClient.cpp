@@ -6,14 +6,14 @@
 
 namespace HVBEnterprise::agent {
 
-AgentClient::AgentClient(AgentConfiguration configuration, const std::string& moduleId, const std::string& policyPath,
+AgentClient::AgentClient(AgentConfiguration configuration, const std::string& moduleId, const PolicyFiles& files,
                          std::shared_ptr<AgentLog> log)
     : m_log(std::move(log)), m_outbox(std::make_shared<Outbox>()) {
     WorkerSettings settings{.softwareId = wideOf(moduleId),
                             .topics = Topics(configuration.site, configuration.machine),
                             .interval = configuration.interval};
-    m_worker = std::make_shared<AgentWorker>(
-        std::move(settings), PolicyInForce(PolicyStore(policyPath), configuration.policyKey), m_outbox, m_log);
+    m_worker = std::make_shared<AgentWorker>(std::move(settings), PolicyInForce(files, takerOf(configuration)),
+                                             m_outbox, m_log);
     m_connection = std::make_shared<AgentConnection>(std::move(configuration), m_outbox, m_worker, m_log);
 }
 

@@ -16,7 +16,7 @@ namespace HVBEnterprise::agent {
 /// Threads: any; begin and end one at a time. Owner: the process's handle and the operations that are running.
 class AgentClient {
 public:
-    AgentClient(AgentConfiguration configuration, const std::string& moduleId, const std::string& policyPath,
+    AgentClient(AgentConfiguration configuration, const std::string& moduleId, const PolicyFiles& files,
                 std::shared_ptr<AgentLog> log);
     AgentClient(const AgentClient&) = delete;
     AgentClient& operator=(const AgentClient&) = delete;

@@ -10,8 +10,8 @@
 // - A message names the file and the place in it as a JSON pointer. It never quotes a value, which may be a password.
 // - The configuration decides whom this machine obeys: only its owner may write it. The credentials are secret: only
 //   their owner may access them.
-// - Loading the configuration reads the credentials once to see that they can be read, and drops them. Each connection
-//   reads them again, so a changed password needs no restart.
+// - Loading the configuration does not read the credentials. Each attempt to connect does: what cannot be read then is
+//   said and tried again, the machine stays managed, and a changed password needs no restart.
 #include "platform/hvbagent/AgentConfiguration.h"
 
 #include "base/FileReading.h"
@@ -126,8 +126,7 @@ json smallJson(std::string_view text) {
 
 std::string topicPart(const std::string& text, const std::string& place) {
     if (!isTopicPart(text)) {
-        throw DocumentError(place, "is not 1 to " + std::to_string(kMaxTopicPart) +
-                                       " characters out of letters, digits, \"_\", \".\" and \"-\"");
+        throw DocumentError(place, whyNoTopicPart());
     }
     return text;
 }
@@ -196,18 +195,34 @@ std::vector<std::string> groupsOf(Members& members) {
     return {groups.begin(), groups.end()};
 }
 
-std::optional<PublicKey> policyKeyOf(Members& members) {
-    if (members.find("policy_public_key") == nullptr) {
-        return std::nullopt;
-    }
-    const std::string bytes = bytesOfBase64(members.text("policy_public_key", kMaxCredentialBytes)).value_or("");
+PublicKey publicKeyOf(const json& value, const std::string& place) {
+    const std::string bytes = bytesOfBase64(Members::asText(value, place, kMaxCredentialBytes)).value_or("");
     PublicKey key{};
     if (bytes.size() != key.size()) {
-        throw DocumentError(members.placeOf("policy_public_key"),
-                            "is not the base64 of " + std::to_string(key.size()) + " bytes");
+        throw DocumentError(place, "is not the base64 of " + std::to_string(key.size()) + " bytes");
     }
     std::transform(bytes.begin(), bytes.end(), key.begin(), [](char c) { return static_cast<unsigned char>(c); });
     return key;
+}
+
+/// One key, or a list of them.
+PublicKeys policyKeysOf(Members& members) {
+    const json* const found = members.find("policy_public_key");
+    if (found == nullptr) {
+        return {};
+    }
+    const std::string place = members.placeOf("policy_public_key");
+    if (!found->is_array()) {
+        return {publicKeyOf(*found, place)};
+    }
+    if (found->empty() || found->size() > kMaxPolicyKeysOfSite) {
+        throw DocumentError(place, "is neither a key nor a list of 1 to " + std::to_string(kMaxPolicyKeysOfSite));
+    }
+    PublicKeys keys;
+    for (std::size_t i = 0; i < found->size(); ++i) {
+        keys.push_back(publicKeyOf((*found)[i], memberPlace(place, std::to_string(i))));
+    }
+    return keys;
 }
 
 /// Wipes the texts of an object's members at its own end. Threads: as the object. Owner: a local behind the object.
@@ -261,7 +276,8 @@ AgentConfiguration readAgentConfiguration(std::string_view text, const std::stri
         std::chrono::seconds(members.integerOr("interval", kMinInterval, kMaxInterval, kDefaultInterval));
     configuration.keepalive =
         std::chrono::seconds(members.integerOr("keepalive", kMinKeepalive, kMaxKeepalive, kDefaultKeepalive));
-    configuration.policyKey = policyKeyOf(members);
+    configuration.policyKeys = policyKeysOf(members);
+    configuration.requiresAudience = members.switchOr("require_audience", false);
     configuration.allowsLocalGrants = members.switchOr("local_grants", false);
     members.refuseUnknown();
     return configuration;
@@ -277,12 +293,7 @@ std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path
         }
         throw;
     }
-    AgentConfiguration configuration =
-        nameFileInErrors(path, [&] { return readAgentConfiguration(text, machineIdFile); });
-    if (!configuration.credentialsFile.empty()) {
-        (void)loadCredentials(configuration.credentialsFile);
-    }
-    return configuration;
+    return nameFileInErrors(path, [&] { return readAgentConfiguration(text, machineIdFile); });
 }
 
 bool enrolmentAllowsLocalGrants(const std::string& path) {

@@ -41,7 +41,8 @@ struct AgentConfiguration {
     std::vector<std::string> groups; ///< without "all", which goes without saying
     std::chrono::seconds interval{};
     std::chrono::seconds keepalive{};
-    std::optional<PublicKey> policyKey; ///< when there is one, policies must be signed
+    PublicKeys policyKeys;         ///< when there are any, policies must be signed with one of them
+    bool requiresAudience = false; ///< whether a policy must say whom it is for
     /// Whether this machine's administrators may grant what its users ask for, beside the policy.
     bool allowsLocalGrants = false;
 };
@@ -53,7 +54,7 @@ inline constexpr const char* kMachineIdFile = "/etc/machine-id";
 /// @throws DocumentError, std::system_error.
 AgentConfiguration readAgentConfiguration(std::string_view text, const std::string& machineIdFile = kMachineIdFile);
 
-/// Reads the configuration file, and checks that the credentials can be read too.
+/// Reads the configuration file. Credentials and keys are read at each attempt to connect, and not here.
 /// @return nothing when there is no such file.
 /// @throws std::runtime_error that names the file, the place and what is wrong there.
 std::optional<AgentConfiguration> loadAgentConfiguration(const std::string& path,

@@ -13,8 +13,9 @@
 // - The pause doubles, is drawn at random, and starts again from its first length only after a connection that lasted.
 //   A broker that accepts and drops its clients is otherwise asked several times a second by a whole fleet.
 // - A reason is logged when it changes, not at each attempt.
-// - The machine's own policy topic is subscribed to last, so that its retained policy arrives after those of its
-//   groups.
+// - The machine's own state is subscribed to behind the policies, and published behind that: it comes back when what
+// the
+//   broker retains of those has come.
 // - An empty policy message clears the topic and not the policy in force.
 // - A retained request to collect is ignored, since it would come again at each connection.
 // - Without an acknowledged "offline" the session takes no leave, and the broker publishes the last will instead.
@@ -103,7 +104,7 @@ void AgentConnection::makeSession() {
                      .tls = m_configuration.tls,
                      .credentialsFile = m_configuration.credentialsFile,
                      .keepalive = m_configuration.keepalive,
-                     .clientId = "sentrel-" + m_configuration.site + "-" + m_configuration.machine,
+                     .clientId = clientIdOf(m_configuration.site, m_configuration.machine),
                      .will = Publication{m_topics.state(), stateDocument(false, timeText())}},
         static_cast<MqttReceiver&>(*this));
 }
@@ -124,6 +125,9 @@ void AgentConnection::attempt() {
 void AgentConnection::stayConnected(Clock::time_point deadline) {
     if (m_session->isConnected()) {
         publishWaiting();
+        for (const PolicyTopic& topic : m_worker->takeWanted()) {
+            m_session->subscribe(m_topics.policyOf(topic), kQos); // the broker sends what it retains there once more
+        }
     } else if (Clock::now() >= deadline) {
         throw MqttFailure("the broker does not answer");
     }
@@ -207,18 +211,20 @@ void AgentConnection::connected() {
     m_wasConnected = true;
     m_connectedAt = Clock::now();
     m_lastReason.clear();
-    // From the site's down to this machine's own: the last retained policy that comes is the nearest.
     m_session->subscribe(m_topics.groupPolicy(kEveryMachine), kQos);
     for (const std::string& group : m_configuration.groups) {
         m_session->subscribe(m_topics.groupPolicy(group), kQos);
     }
     m_session->subscribe(m_topics.policy(), kQos);
     m_session->subscribe(m_topics.collect(), kQos);
+    // Last: when this comes back, what the broker retains has come before it.
+    m_session->subscribe(m_topics.state(), kQos);
     m_outbox->setConnected(true);
-    m_outbox->post({m_topics.state(), stateDocument(true, timeText())});
+    m_saidOnline = stateDocument(true, timeText());
+    m_outbox->post({m_topics.state(), m_saidOnline});
     m_log->information("connected to the broker " + shortPrintable(m_configuration.host) + " as machine " +
                        m_configuration.machine + " of site " + m_configuration.site);
-    m_worker->collect(true);
+    m_worker->connected();
 }
 
 void AgentConnection::acknowledged(int number, int /*reason*/) {
@@ -234,18 +240,24 @@ void AgentConnection::subscribed(int /*number*/, int reason) {
 void AgentConnection::message(std::string_view topic, std::string_view payload, bool retained) {
     if (topic == m_topics.collect()) {
         collectCame(payload, retained);
+    } else if (topic == m_topics.state()) {
+        if (payload == m_saidOnline) {
+            m_worker->policiesAreThere();
+        }
     } else {
         policyCame(topic, payload); // nothing else was subscribed to
     }
 }
 
 void AgentConnection::policyCame(std::string_view topic, std::string_view payload) {
+    const PolicyTopic from = m_topics.policyTopicOf(topic);
     if (payload.empty()) {
         m_log->information("the policy on " + shortPrintable(topic) + " was cleared; what is in force stays");
+        m_worker->policyArrived(from, ClearedPolicy{});
     } else if (payload.size() > kMaxPolicyMessageBytes) {
-        m_worker->policyTooLarge(sha256Of(payload), payload.size());
+        m_worker->policyArrived(from, OversizedPolicy{sha256Of(payload), payload.size()});
     } else {
-        m_worker->policyArrived(std::string(payload));
+        m_worker->policyArrived(from, std::string(payload));
     }
 }
 

@@ -66,6 +66,7 @@ private:
     // the thread's alone
     std::unique_ptr<MqttSession> m_session;
     std::map<int, Publication> m_inFlight;
+    std::string m_saidOnline; ///< the state that this connection published
     std::string m_lastReason; ///< why there is no connection; empty while there is one
     Clock::time_point m_connectedAt;
     bool m_wasConnected = false; ///< in this attempt

@@ -19,13 +19,21 @@ bool find(const SectionsHandle::Sections& sections, const std::wstring& section,
 
 } // namespace
 
+void SectionsHandle::goOn() const {
+    if (m_breakOff != nullptr && *m_breakOff) {
+        throw BrokenOff();
+    }
+}
+
 bool SectionsHandle::getPropValue(const PolicySetting& setting, const std::wstring& section, const std::wstring& key,
                                   std::wstring& value) const {
+    goOn();
     const auto feature = m_features.find(setting.m_featureId);
     return feature != m_features.end() && find(feature->second, section, key, value);
 }
 
 bool SectionsHandle::getPropValue(const std::wstring& section, const std::wstring& key, std::wstring& value) const {
+    goOn();
     if (find(m_sections, section, key, value)) {
         return true;
     }
@@ -38,6 +46,7 @@ bool SectionsHandle::getPropValue(const std::wstring& section, const std::wstrin
 }
 
 bool SectionsHandle::getSectionDataUsingSectionName(const std::wstring& section, Section& data) const {
+    goOn();
     Section merged;
     bool isThere = false;
     const auto merge = [&](const Sections& sections) {

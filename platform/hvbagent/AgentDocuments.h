@@ -1,9 +1,13 @@
 // The documents that pass between the management agent and a module, and who takes them.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
+#include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace HVBEnterprise {
 
@@ -19,11 +23,21 @@ struct PolicySetting {
     std::map<std::wstring, std::wstring> m_attributes;
 };
 
+/// Leaves a module's call when the library is to end: the next look-up of a document throws it. A module lets it
+/// through, like anything that a look-up throws.
+class BrokenOff : public std::runtime_error {
+public:
+    BrokenOff() : std::runtime_error("broken off, since the agent's client ends") {}
+};
+
 /// Named sections of keys and values: a policy to read, or properties to fill.
 /// Threads: one at a time. Owner: whoever built it; a module sees the library's for the length of a callback.
 class SectionsHandle {
 public:
     using Section = std::map<std::wstring, std::wstring>;
+
+    /// From when @p flag is true on, every look-up throws BrokenOff.
+    void breakOffWith(std::shared_ptr<const std::atomic<bool>> flag) { m_breakOff = std::move(flag); }
 
     /// Looks a key up in the section of the feature that @p setting names.
     /// @return whether it was found; otherwise @p value stays.
@@ -50,8 +64,11 @@ public:
     const std::map<std::wstring, Sections>& features() const { return m_features; }
 
 private:
+    void goOn() const;
+
     Sections m_sections;
     std::map<std::wstring, Sections> m_features;
+    std::shared_ptr<const std::atomic<bool>> m_breakOff; ///< null: nothing breaks look-ups off
 };
 
 /// The state of a user's session.

@@ -11,6 +11,8 @@ namespace HVBEnterprise::agent {
 
 // Policies. They come over the network, from whoever the broker lets publish. What bounds the document is the policy's.
 
+using Sentrel::policy::kFirstEpoch;
+using Sentrel::policy::kLastEpoch;
 using Sentrel::policy::kMaxNameCharacters;
 using Sentrel::policy::kMaxPolicyBytes;
 using Sentrel::policy::kMaxPolicyGroups;
@@ -27,13 +29,21 @@ inline constexpr std::size_t kMaxPolicyDepth = 4;
 /// Values of all kinds in a document: its keys and the objects around them.
 inline constexpr std::size_t kMaxPolicyValues = kMaxPolicyKeys + kMaxPolicyGroups * (kMaxPolicyGroups + 2) + 16;
 
-/// Policies that wait for their turn. Each is a whole policy, so the oldest is dropped first.
-inline constexpr std::size_t kMaxWaitingPolicies = 32;
+/// Policies that wait for their turn, together. Of each topic the last waits; what finds no room is asked for again.
 inline constexpr std::size_t kMaxWaitingPolicyBytes = std::size_t{64} << 20U;
+/// How long the choice waits for all that the broker retains, from a connection on, when the machine's own state does
+/// not come back to it.
+inline constexpr std::chrono::milliseconds kRetainedPatience{2000};
+
+/// Pauses between two attempts to put a policy into force, which double from the first to the last.
+inline constexpr std::chrono::seconds kFirstEnforcementPause{5};
+inline constexpr std::chrono::seconds kLastEnforcementPause{600};
+/// How often a machine whose hub is away looks whether it is back, to enforce at once.
+inline constexpr std::chrono::milliseconds kHubLook{1000};
 
 // Other documents.
 
-/// Bytes of the configuration, of the credentials file, and of a collect request.
+/// Bytes of the configuration, of the credentials file and of the policy's record, and of a collect request.
 inline constexpr std::size_t kMaxConfigurationBytes = std::size_t{64} << 10U;
 inline constexpr std::size_t kMaxCollectBytes = 1024;
 /// Nesting and values of those three.
@@ -48,6 +58,8 @@ inline constexpr std::size_t kMaxMachineValues = 100'000;
 inline constexpr std::size_t kMaxCredentialBytes = 1024;
 inline constexpr std::size_t kMaxHostBytes = 253;
 inline constexpr std::size_t kMaxPathBytes = 4096;
+/// Public keys that a machine takes policies of: the old one and the new one, while they are changed.
+inline constexpr std::size_t kMaxPolicyKeysOfSite = 2;
 /// Groups that a machine is in.
 inline constexpr std::size_t kMaxGroups = 32;
 /// Characters of one level of a topic.

@@ -1,9 +1,8 @@
 // The callback thread: all calls into the module, one at a time.
 //
-// The network thread only leaves work here. The saved policy comes first, then those that arrived in their order, then
-// one collection of properties, for all that asked meanwhile. Work that comes before its service is registered waits
-// for it. When policies come faster than they are enforced, the oldest are dropped with a log line: only the newest
-// counts.
+// The network thread only leaves work here. The saved policy comes first, then what arrived, of which PolicyWork
+// chooses one, then another attempt when one is due, then the statement, then one collection of properties for all that
+// asked meanwhile. Work that comes before its service is registered waits for it.
 //
 // The lock is held to take work and to give it, never during a call, and not while a service is destroyed either:
 // both are the module's code and may call back. An exception of the module ends its call, and not the thread.
@@ -11,13 +10,15 @@
 
 #include "base/StartThread.h"
 #include "base/Takeover.h"
+#include "hub/Exceptions.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/Encoding.h"
-#include "platform/hvbagent/StoredRows.h"
+#include "platform/hvbagent/PropertyDocument.h"
 #include "platform/stlogger/STLogger.h"
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -25,8 +26,6 @@ namespace HVBEnterprise::agent {
 namespace {
 
 thread_local bool t_isWorker = false;
-
-using Clock = std::chrono::steady_clock;
 
 void logFailure(AgentLog& log, const char* what, const char* why) noexcept {
     try {
@@ -41,6 +40,10 @@ template <class Call>
 bool callModule(AgentLog& log, const char* what, const Call& call) noexcept {
     try {
         return call();
+    } catch (const BrokenOff&) {
+        return false; // the client ends
+    } catch (const HVB::HVBException& error) {
+        logFailure(log, what, error.message().c_str());
     } catch (const std::exception& error) {
         logFailure(log, what, error.what());
     } catch (...) {
@@ -57,7 +60,8 @@ bool AgentWorker::isWorker() {
 
 AgentWorker::AgentWorker(WorkerSettings settings, PolicyInForce policy, std::shared_ptr<Outbox> outbox,
                          std::shared_ptr<AgentLog> log)
-    : m_settings(std::move(settings)), m_outbox(std::move(outbox)), m_log(std::move(log)), m_policy(std::move(policy)),
+    : m_settings(std::move(settings)), m_outbox(std::move(outbox)), m_log(std::move(log)),
+      m_policies(m_settings.softwareId, std::move(policy), m_breakOff, m_log),
       m_nextInterval(Clock::now() + m_settings.interval) {}
 
 void AgentWorker::begin() {
@@ -86,32 +90,31 @@ bool AgentWorker::take(std::unique_ptr<IAgentPolicyEnforcement>& service) {
     return true;
 }
 
-void AgentWorker::policyArrived(std::string message) {
-    std::size_t dropped = 0;
-    {
-        const Sentrel::MutexLock lock(m_mutex);
-        if (m_ended) {
-            return;
-        }
-        m_policyBytes += message.size();
-        m_policies.push_back(std::move(message));
-        while (m_policies.size() > 1 &&
-               (m_policies.size() > kMaxWaitingPolicies || m_policyBytes > kMaxWaitingPolicyBytes)) {
-            m_policyBytes -= m_policies.front().size();
-            m_policies.pop_front();
-            ++dropped;
-        }
+void AgentWorker::connected() {
+    const Sentrel::MutexLock lock(m_mutex);
+    m_heldUntil = Clock::now() + kRetainedPatience;
+    m_statementIsDue = true;
+    m_collect = true;
+    m_changed.notifyOne();
+}
+
+void AgentWorker::policiesAreThere() {
+    const Sentrel::MutexLock lock(m_mutex);
+    m_heldUntil = {};
+    m_changed.notifyOne();
+}
+
+void AgentWorker::policyArrived(const PolicyTopic& topic, WaitingPolicies::Message message) {
+    const Sentrel::MutexLock lock(m_mutex);
+    if (!m_ended) {
+        m_waiting.arrived(topic, std::move(message));
         m_changed.notifyOne();
-    }
-    if (dropped > 0) {
-        m_log->warning("policies come faster than they are enforced; dropped " + std::to_string(dropped));
     }
 }
 
-void AgentWorker::policyTooLarge(const std::string& sha256, std::size_t bytes) {
-    std::string why =
-        "the document: is larger than " + std::to_string(kMaxPolicyBytes) + " bytes, with " + std::to_string(bytes);
-    publishResult({.version = {}, .id = {}, .sha256 = sha256}, {{}, std::move(why), {}});
+std::vector<PolicyTopic> AgentWorker::takeWanted() {
+    const Sentrel::MutexLock lock(m_mutex);
+    return m_waiting.takeWanted();
 }
 
 void AgentWorker::collect(bool full) {
@@ -121,6 +124,7 @@ void AgentWorker::collect(bool full) {
 }
 
 void AgentWorker::end() {
+    m_breakOff->begin();
     std::thread thread;
     {
         const Sentrel::MutexLock lock(m_mutex);
@@ -141,14 +145,6 @@ void AgentWorker::end() {
     }
 }
 
-bool AgentWorker::hasWork() const {
-    if (Sentrel::isTakenOver()) {
-        return false; // the policy is the other process's to enforce
-    }
-    return (m_enforcement != nullptr && (m_savedIsDue || !m_policies.empty())) ||
-           (m_collection != nullptr && m_collect.has_value());
-}
-
 /// The time for a collection has come.
 void AgentWorker::noteInterval() {
     m_nextInterval = Clock::now() + m_settings.interval;
@@ -157,38 +153,72 @@ void AgentWorker::noteInterval() {
     }
 }
 
-AgentWorker::Task AgentWorker::takeTask() {
-    if (m_enforcement != nullptr && m_savedIsDue) {
-        m_savedIsDue = false;
+std::optional<AgentWorker::Task> AgentWorker::nextPolicyTask() {
+    if (std::exchange(m_savedIsDue, false)) {
         return SavedPolicy{};
     }
-    if (m_enforcement != nullptr && !m_policies.empty()) {
-        NewPolicy policy{std::move(m_policies.front())};
-        m_policies.pop_front();
-        m_policyBytes -= policy.message.size();
-        return policy;
+    const auto now = Clock::now();
+    if (!m_waiting.isEmpty() && now >= m_heldUntil) {
+        return m_waiting.takeAll();
     }
-    const Collection wanted{m_collect.value_or(false)};
-    m_collect.reset();
-    return wanted;
+    if (m_nextAttempt && now >= *m_nextAttempt) {
+        m_nextAttempt.reset();
+        return Attempt{};
+    }
+    if (std::exchange(m_statementIsDue, false)) {
+        return Statement{};
+    }
+    return std::nullopt;
 }
 
-/// The next thing to do, which is taken off the list. @return nothing when the worker ends.
-std::optional<AgentWorker::Task> AgentWorker::awaitTask() {
-    const Sentrel::MutexLock lock(m_mutex);
-    while (!m_ended && !hasWork()) {
-        if (!m_changed.waitUntil(m_mutex, m_nextInterval) && Clock::now() >= m_nextInterval) {
-            noteInterval();
+/// What is to be done now, which is taken off the list.
+std::optional<AgentWorker::Task> AgentWorker::nextTask() {
+    if (Sentrel::isTakenOver()) {
+        return std::nullopt; // the policy is the other process's to enforce
+    }
+    if (m_enforcement != nullptr) {
+        if (std::optional<Task> task = nextPolicyTask()) {
+            return task;
         }
     }
-    return m_ended ? std::nullopt : std::optional(takeTask());
+    if (m_collection == nullptr || !m_collect) {
+        return std::nullopt;
+    }
+    return Collection{*std::exchange(m_collect, std::nullopt)};
+}
+
+/// When something may be to be done although nobody says so.
+AgentWorker::Clock::time_point AgentWorker::nextTime() const {
+    Clock::time_point next = m_nextInterval;
+    if (m_nextAttempt) {
+        next = std::min(next, *m_nextAttempt);
+    }
+    if (m_heldUntil > Clock::now()) {
+        next = std::min(next, m_heldUntil);
+    }
+    return next;
+}
+
+/// Waits for the next thing to do. @return nothing when the worker ends.
+std::optional<AgentWorker::Task> AgentWorker::awaitTask() {
+    const Sentrel::MutexLock lock(m_mutex);
+    while (!m_ended) {
+        if (Clock::now() >= m_nextInterval) {
+            noteInterval();
+        }
+        if (std::optional<Task> task = nextTask()) {
+            return task;
+        }
+        (void)m_changed.waitUntil(m_mutex, nextTime());
+    }
+    return std::nullopt;
 }
 
 void AgentWorker::work() {
     t_isWorker = true;
-    while (const std::optional<Task> task = awaitTask()) {
+    while (std::optional<Task> task = awaitTask()) {
         callModule(*m_log, "the work on a policy or on properties", [&] {
-            std::visit([this](const auto& each) { run(each); }, *task);
+            std::visit([this](auto& each) { run(each); }, *task);
             return true;
         });
     }
@@ -204,79 +234,65 @@ IAgentPropertyCollection& AgentWorker::collection() {
     return *m_collection;
 }
 
-void AgentWorker::enforceSaved() {
-    bool isThere = false;
-    try {
-        isThere = m_policy.restore();
-    } catch (const std::exception& error) {
-        m_log->error(std::string("the saved policy cannot be used, none is in force: ") + error.what());
-    }
-    if (isThere) {
-        m_log->information("enforcing the saved policy, version " + std::to_string(*m_policy.identity().version));
-        enforce();
+void AgentWorker::run(SavedPolicy) {
+    const bool wasCalled = m_policies.enforceSaved(enforcement());
+    plan(wasCalled);
+    publishStatement();
+}
+
+void AgentWorker::run(WaitingPolicies::Messages& messages) {
+    const bool wasCalled = m_policies.look(std::move(messages), enforcement());
+    plan(wasCalled);
+    publishStatement();
+}
+
+void AgentWorker::run(Attempt) {
+    const bool isNews = m_policies.attemptAgain(enforcement());
+    plan(isNews);
+    if (isNews) {
+        publishStatement();
     }
 }
 
-PolicyOutcome AgentWorker::enforce() {
-    const bool enforced = callModule(*m_log, "the enforcement of a policy", [this] {
-        return enforcement().enforcePolicy(m_settings.softwareId, m_policy.sections());
-    });
-    m_policy.noteEnforced(enforced);
-    collect(true);
-    return {enforced, "", enforced ? compare() : std::nullopt};
+void AgentWorker::run(Statement) {
+    publishStatement();
 }
 
-/// A pass reports success also when the settings file took only a part of a list.
-std::optional<std::size_t> AgentWorker::compare() {
-    const StoredRows rows = compareWithFile(m_policy.sections());
-    if (rows.missing.value_or(0) > 0) {
-        // Of a policy that arrived again the rows may be missing since somebody else changed a list.
-        m_log->warning(std::to_string(*rows.missing) +
-                       " rows of the policy's lists are not in the settings file: what of " +
-                       "them is in force is so until the next start");
-    } else if (!rows.missing) {
-        m_log->information("whether the policy's lists are stored cannot be seen: " + rows.trouble);
+/// Takes up what the work on policies leaves to be done.
+/// @param wasCalled whether the module enforced something, which may have changed its properties.
+void AgentWorker::plan(bool wasCalled) {
+    const std::vector<PolicyTopic> wanted = m_policies.takeWanted();
+    const Sentrel::MutexLock lock(m_mutex);
+    m_nextAttempt = m_policies.nextAttempt();
+    for (const PolicyTopic& topic : wanted) {
+        m_waiting.want(topic);
     }
-    return rows.missing;
+    if (wasCalled) {
+        m_collect = true;
+    }
 }
 
-void AgentWorker::handlePolicy(const std::string& message) {
-    const PolicyDecision decision = m_policy.take(message);
-    switch (decision.verdict) {
-    case PolicyVerdict::Refused:
-        publishResult(decision.identity, {{}, decision.refused, {}});
-        return;
-    case PolicyVerdict::AlreadyThere:
-        publishResult(decision.identity, {true, "", compare()});
-        return;
-    case PolicyVerdict::Enforce:
-        publishResult(decision.identity, enforce());
+/// Nothing at the end: a policy that is broken off has nothing to be said of it.
+void AgentWorker::publishStatement() {
+    {
+        const Sentrel::MutexLock lock(m_mutex);
+        m_statementIsDue = false;
+    }
+    if (m_breakOff->hasBegun()) {
         return;
     }
+    m_outbox->post({m_settings.topics.result(), m_policies.statement()});
 }
 
-void AgentWorker::publishResult(const PolicyIdentity& identity, const PolicyOutcome& outcome) {
-    const std::string name = "policy " + (identity.version ? "version " + std::to_string(*identity.version) : "") +
-                             " (SHA-256 " + identity.sha256 + ")";
-    if (!outcome.enforced) {
-        m_log->warning(name + " is refused: " + outcome.refused);
-    } else if (*outcome.enforced) {
-        m_log->information(name + " is enforced");
-    } else {
-        m_log->warning(name + " is in force, but its enforcement failed");
-    }
-    m_outbox->post({m_settings.topics.result(), policyResult(identity, outcome, timeText())});
-}
-
-void AgentWorker::collectNow(bool full) {
+void AgentWorker::run(Collection wanted) {
     SectionsHandle properties;
     const bool collected = callModule(*m_log, "the collection of properties",
-                                      [&] { return collection().collectProperties(full, properties); });
+                                      [&] { return collection().collectProperties(wanted.full, properties); });
     if (!collected) {
         m_log->warning("the module gave no properties");
         return;
     }
-    std::string document = propertyDocument(properties, full, timeText());
+    std::string document = propertyDocument(properties, wanted.full, timeText());
     if (document.size() > kMaxPropertyBytes) {
         m_log->error("the properties are larger than " + std::to_string(kMaxPropertyBytes) + " bytes; not sent");
         return;

@@ -4,18 +4,19 @@
 #include "base/Mutex.h"
 #include "platform/hvbagent/AgentDocuments.h"
 #include "platform/hvbagent/AgentLog.h"
+#include "platform/hvbagent/BreakOff.h"
 #include "platform/hvbagent/Outbox.h"
-#include "platform/hvbagent/PolicyStore.h"
-#include "platform/hvbagent/PropertyDocument.h"
+#include "platform/hvbagent/PolicyWork.h"
 #include "platform/hvbagent/Topics.h"
+#include "platform/hvbagent/WaitingPolicies.h"
 
 #include <chrono>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
 #include <thread>
 #include <variant>
+#include <vector>
 
 namespace HVBEnterprise::agent {
 
@@ -26,8 +27,8 @@ struct WorkerSettings {
     std::chrono::seconds interval;
 };
 
-/// Enforces policies and collects properties, one call at a time: first the saved policy, then those that came in the
-/// order in which they came, then a collection. Work that comes before its service is registered waits for it.
+/// Enforces policies and collects properties, one call at a time: first the saved policy, then the newest of those that
+/// came, then a collection. Work that comes before its service is registered waits for it.
 /// Threads: thread-safe. Owner: the client and its network thread, together; begin and end are the client's.
 class AgentWorker {
 public:
@@ -44,65 +45,74 @@ public:
     bool take(std::unique_ptr<IAgentPropertyCollection>& service);
     bool take(std::unique_ptr<IAgentPolicyEnforcement>& service);
 
-    /// A policy message came. When it is too large to keep, only its hash and size are handed over.
-    void policyArrived(std::string message);
-    void policyTooLarge(const std::string& sha256, std::size_t bytes);
+    /// The broker took the machine in. What it retains comes one by one: nothing is chosen before all of it is there,
+    /// which policiesAreThere says, or kRetainedPatience has passed. The statement and all properties are wanted.
+    void connected();
+    void policiesAreThere();
+
+    /// A topic's policy message came, or was taken away.
+    void policyArrived(const PolicyTopic& topic, WaitingPolicies::Message message);
+    /// The topics whose policies have to be asked for once more.
+    std::vector<PolicyTopic> takeWanted();
 
     /// Properties are wanted. Requests that wait become one, which is full when one of them is.
     void collect(bool full);
 
-    /// Waits for the running call, ends the thread and destroys the services. Work that still waits is dropped.
-    /// Requires that no service is the caller.
+    /// Breaks the running call off at its next look-up of a policy, waits for it, ends the thread and destroys the
+    /// services. Work that still waits is dropped. Requires that no service is the caller.
     void end();
 
     /// Whether the calling thread is one on which a client calls services.
     static bool isWorker();
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     struct SavedPolicy {};
-    struct NewPolicy {
-        std::string message;
-    };
+    struct Attempt {};
+    struct Statement {};
     struct Collection {
         bool full;
     };
-    using Task = std::variant<SavedPolicy, NewPolicy, Collection>;
+    using Task = std::variant<SavedPolicy, WaitingPolicies::Messages, Attempt, Statement, Collection>;
 
     void work();
     std::optional<Task> awaitTask();
-    bool hasWork() const SENTREL_REQUIRES(m_mutex);
+    std::optional<Task> nextTask() SENTREL_REQUIRES(m_mutex);
+    std::optional<Task> nextPolicyTask() SENTREL_REQUIRES(m_mutex);
+    Clock::time_point nextTime() const SENTREL_REQUIRES(m_mutex);
     void noteInterval() SENTREL_REQUIRES(m_mutex);
-    Task takeTask() SENTREL_REQUIRES(m_mutex);
     IAgentPolicyEnforcement& enforcement();
     IAgentPropertyCollection& collection();
 
-    void run(const SavedPolicy&) { enforceSaved(); }
-    void run(const NewPolicy& policy) { handlePolicy(policy.message); }
-    void run(const Collection& wanted) { collectNow(wanted.full); }
-    void enforceSaved();
-    void handlePolicy(const std::string& message);
-    PolicyOutcome enforce();
-    std::optional<std::size_t> compare();
-    void collectNow(bool full);
-    void publishResult(const PolicyIdentity& identity, const PolicyOutcome& outcome);
+    void run(SavedPolicy);
+    void run(WaitingPolicies::Messages& messages);
+    void run(Attempt);
+    void run(Statement);
+    void run(Collection wanted);
+    void plan(bool wasCalled);
+    void publishStatement();
 
     // constant after construction
     const WorkerSettings m_settings;
-    const std::shared_ptr<Outbox> m_outbox; // own locking
-    const std::shared_ptr<AgentLog> m_log;  // own locking
+    const std::shared_ptr<BreakOff> m_breakOff = std::make_shared<BreakOff>(); // own locking
+    const std::shared_ptr<Outbox> m_outbox;                                    // own locking
+    const std::shared_ptr<AgentLog> m_log;                                     // own locking
 
     // the callback thread's alone
-    PolicyInForce m_policy;
+    PolicyWork m_policies;
 
     Sentrel::Mutex m_mutex;
     Sentrel::ConditionVariable m_changed;
 
-    std::deque<std::string> m_policies SENTREL_GUARDED_BY(m_mutex);
-    std::size_t m_policyBytes SENTREL_GUARDED_BY(m_mutex) = 0;
+    WaitingPolicies m_waiting SENTREL_GUARDED_BY(m_mutex);
+    Clock::time_point m_heldUntil SENTREL_GUARDED_BY(m_mutex);
+    std::optional<Clock::time_point> m_nextAttempt SENTREL_GUARDED_BY(m_mutex);
     /// Whether a collection is wanted, and whether a full one.
     std::optional<bool> m_collect SENTREL_GUARDED_BY(m_mutex);
-    std::chrono::steady_clock::time_point m_nextInterval SENTREL_GUARDED_BY(m_mutex);
+    Clock::time_point m_nextInterval SENTREL_GUARDED_BY(m_mutex);
     bool m_savedIsDue SENTREL_GUARDED_BY(m_mutex) = false;
+    bool m_statementIsDue SENTREL_GUARDED_BY(m_mutex) = false;
     bool m_ended SENTREL_GUARDED_BY(m_mutex) = false;
     std::thread m_thread SENTREL_GUARDED_BY(m_mutex);
     // The services themselves are the callback thread's from when they are set until it has ended.

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// Free functions without state. Threads: any. Owner: none.
 namespace HVBEnterprise::agent {
@@ -28,6 +29,7 @@ std::string timeText();
 /// An Ed25519 public key.
 inline constexpr std::size_t kPublicKeyBytes = 32;
 using PublicKey = std::array<unsigned char, kPublicKeyBytes>;
+using PublicKeys = std::vector<PublicKey>;
 
 /// @p text made printable and short, for a log line or a result.
 std::string shortPrintable(std::string_view text);

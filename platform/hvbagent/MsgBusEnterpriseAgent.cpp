@@ -71,7 +71,8 @@ std::shared_ptr<AgentClient> makeClient(const std::string& moduleId, const std::
     if (!configuration) {
         return nullptr;
     }
-    return std::make_shared<AgentClient>(std::move(*configuration), moduleId, Sentrel::paths::agentPolicy(), log);
+    const agent::PolicyFiles files{Sentrel::paths::agentPolicy(), Sentrel::paths::agentPolicyRecord()};
+    return std::make_shared<AgentClient>(std::move(*configuration), moduleId, files, log);
 }
 
 } // namespace

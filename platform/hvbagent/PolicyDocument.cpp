@@ -10,12 +10,14 @@
 
 #include "platform/hvbagent/AgentLimits.h"
 #include "platform/hvbagent/StrictJson.h"
+#include "platform/hvbagent/Topics.h"
 #include "policy/PolicyKeys.h"
 
 #include <nlohmann/json.hpp>
 #include <sodium.h>
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <new>
 
@@ -151,6 +153,55 @@ std::int64_t versionOf(const json::object_t& document) {
     return version.get<std::int64_t>();
 }
 
+std::int64_t epochOf(const json::object_t& document) {
+    const auto found = document.find("epoch");
+    if (found == document.end()) {
+        return kFirstEpoch;
+    }
+    const json& epoch = found->second;
+    if (!epoch.is_number_unsigned() || epoch.get<std::uint64_t>() < static_cast<std::uint64_t>(kFirstEpoch) ||
+        epoch.get<std::uint64_t>() > static_cast<std::uint64_t>(kLastEpoch)) {
+        throw DocumentError("/epoch", "is not an integer from " + std::to_string(kFirstEpoch) + " to " +
+                                          std::to_string(kLastEpoch));
+    }
+    return epoch.get<std::int64_t>();
+}
+
+/// A member of the audience, which is a part of a topic.
+std::string topicPartOf(const json::object_t& audience, const char* name) {
+    const auto found = audience.find(name);
+    if (found == audience.end()) {
+        return {};
+    }
+    if (!found->second.is_string() || !isTopicPart(found->second.get_ref<const std::string&>())) {
+        throw DocumentError(memberPlace("/audience", name), whyNoTopicPart());
+    }
+    return found->second.get<std::string>();
+}
+
+std::optional<Audience> audienceOf(const json::object_t& document) {
+    const auto found = document.find("audience");
+    if (found == document.end()) {
+        return std::nullopt;
+    }
+    const json::object_t& members = objectAt(found->second, Place(Place(), "audience"));
+    for (const auto& [name, member] : members) {
+        if (name != "site" && name != "machine" && name != "group") {
+            throw DocumentError(memberPlace("/audience", name), "is no member of an audience");
+        }
+    }
+    Audience audience{.site = topicPartOf(members, "site"),
+                      .group = topicPartOf(members, "group"),
+                      .machine = topicPartOf(members, "machine")};
+    if (audience.site.empty()) {
+        throw DocumentError("/audience/site", "is missing");
+    }
+    if (audience.machine.empty() == audience.group.empty()) {
+        throw DocumentError("/audience", "names not just one of machine and group");
+    }
+    return audience;
+}
+
 std::string idOf(const json::object_t& document) {
     const auto found = document.find("id");
     if (found == document.end()) {
@@ -166,17 +217,25 @@ std::string idOf(const json::object_t& document) {
     return id;
 }
 
+/// Whether a member says what the policy is, and not what is to be.
+bool isAboutItself(const std::string& name) {
+    constexpr std::array<std::string_view, 4> members{"version", "epoch", "id", "audience"};
+    return std::find(members.begin(), members.end(), name) != members.end();
+}
+
 void fill(const json& value, const PolicyBounds& bounds, PolicyReading& reading) {
     const json::object_t& document = objectAt(value, Place());
     reading.identity.version = versionOf(document);
+    reading.identity.epoch = epochOf(document);
     reading.identity.id = idOf(document);
+    reading.identity.audience = audienceOf(document);
     SectionsFiller filler(reading.sections, bounds.keys);
     for (const auto& [name, member] : document) {
         if (name == "sections") {
             filler.fillSections(member);
         } else if (name == "features") {
             filler.fillFeatures(member);
-        } else if (name != "version" && name != "id") {
+        } else if (!isAboutItself(name)) {
             throw DocumentError(memberPlace("", name), "is no member of a policy");
         }
     }
@@ -227,24 +286,25 @@ void checkMembers(const json& envelope) {
     }
 }
 
-void checkSignature(const std::string& payload, const std::string& signature, const PublicKey& key) {
+void checkSignature(const std::string& payload, const std::string& signature, const PublicKeys& keys) {
     requireSodium();
     const auto* const signatureBytes = reinterpret_cast<const unsigned char*>(signature.data());
     const auto* const payloadBytes = reinterpret_cast<const unsigned char*>(payload.data());
-    if (signature.size() != crypto_sign_BYTES ||
-        crypto_sign_verify_detached(signatureBytes, payloadBytes, payload.size(), key.data()) != 0) {
+    const auto fits = [&](const PublicKey& key) {
+        return crypto_sign_verify_detached(signatureBytes, payloadBytes, payload.size(), key.data()) == 0;
+    };
+    if (signature.size() != crypto_sign_BYTES || std::none_of(keys.begin(), keys.end(), fits)) {
         throw DocumentError("/signature", "does not fit the payload and this machine's key");
     }
 }
 
-void readEnvelope(const json& envelope, const std::optional<PublicKey>& key, const PolicyBounds& bounds,
-                  PolicyReading& result) {
+void readEnvelope(const json& envelope, const PublicKeys& keys, const PolicyBounds& bounds, PolicyReading& result) {
     const std::string payload = decodedMember(envelope, "payload");
     result.identity.sha256 = sha256Of(payload);
     checkMembers(envelope);
     const std::string signature = decodedMember(envelope, "signature");
-    if (key) {
-        checkSignature(payload, signature, *key);
+    if (!keys.empty()) {
+        checkSignature(payload, signature, keys);
     }
     result = readPolicyDocument(payload, bounds);
 }
@@ -258,15 +318,14 @@ PolicyReading readPolicyDocument(std::string_view bytes, const PolicyBounds& bou
     return result;
 }
 
-PolicyReading readPolicyMessage(std::string_view message, const std::optional<PublicKey>& key,
-                                const PolicyBounds& bounds) {
+PolicyReading readPolicyMessage(std::string_view message, const PublicKeys& keys, const PolicyBounds& bounds) {
     PolicyReading result;
     result.identity.sha256 = sha256Of(message);
     refuseOnError(result, [&] {
         const json value = jsonOf(message, messageBytesFor(bounds.bytes));
         if (isEnvelope(value)) {
-            readEnvelope(value, key, bounds, result);
-        } else if (key) {
+            readEnvelope(value, keys, bounds, result);
+        } else if (!keys.empty()) {
             throw DocumentError("", "is not signed, and this machine takes signed policies only");
         } else if (message.size() > bounds.bytes) {
             throw DocumentError("", "is larger than " + std::to_string(bounds.bytes) + " bytes");

@@ -12,14 +12,25 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace HVBEnterprise::agent {
+
+/// Whom a policy is for: the machines of a site that a group has, or one of them.
+struct Audience {
+    std::string site;
+    std::string group;   ///< empty when it is for one machine
+    std::string machine; ///< empty when it is for a group
+};
 
 /// What a policy says it is.
 struct PolicyIdentity {
     std::optional<std::int64_t> version; ///< nothing when it could not be read
+    /// Counts before the version: the first version of an epoch is newer than the last of the epoch before.
+    std::int64_t epoch = Sentrel::policy::kFirstEpoch;
     std::string id;
-    std::string sha256; ///< of the document's bytes; of the message's when there is no document in it
+    std::string sha256;               ///< of the document's bytes; of the message's when there is no document in it
+    std::optional<Audience> audience; ///< nothing when it does not say
 };
 
 /// A policy that was read, or why it is refused.
@@ -35,18 +46,17 @@ struct PolicyBounds {
     std::size_t keys = Sentrel::policy::kMaxPolicyKeys;
 };
 
-/// Reads a policy document: {"version": n, "id": text, "sections": {section: {key: value}}, "features": {feature:
-/// {section: {key: value}}}}. The version must be there. A value is a text, an integer or a boolean; the last two
-/// become their decimal text, "1" or "0". A list with an entry that nobody would look for is refused. Whatever @p bytes
-/// are, this returns, in bounded time and memory.
+/// Reads a policy document: {"version": n, "epoch": n, "id": text, "audience": {"site": text, and "machine" or "group":
+/// text}, "sections": {section: {key: value}}, "features": {feature: {section: {key: value}}}}. The version must be
+/// there. A value is a text, an integer or a boolean; the last two become their decimal text, "1" or "0". A list with
+/// an entry that nobody would look for is refused. Whatever @p bytes are, this returns, in bounded time and memory.
 PolicyReading readPolicyDocument(std::string_view bytes, const PolicyBounds& bounds = {});
 
 /// Reads a policy message: a document, or {"payload": base64 of a document, "signature": base64 of its Ed25519
 /// signature}.
-/// @param key when there is one, only the second form is taken, and only with a signature that fits; without one the
-/// signature is not looked at.
-PolicyReading readPolicyMessage(std::string_view message, const std::optional<PublicKey>& key,
-                                const PolicyBounds& bounds = {});
+/// @param keys when there are any, only the second form is taken, and only with a signature that fits one of them;
+/// without one the signature is not looked at.
+PolicyReading readPolicyMessage(std::string_view message, const PublicKeys& keys, const PolicyBounds& bounds = {});
 
 /// Looks a key up as a module does. Nothing when it is not there.
 std::optional<std::wstring> policyValue(const SectionsHandle& document, const Sentrel::policy::PolicyKey& key,

@@ -27,25 +27,6 @@ std::string propertyDocument(const SectionsHandle& properties, bool full, const 
     return textOf({{"time", time}, {"full", full}, {"sections", std::move(sections)}});
 }
 
-std::string policyResult(const PolicyIdentity& identity, const PolicyOutcome& outcome, const std::string& time) {
-    json result = {{"version", nullptr},  {"id", nullptr},      {"sha256", identity.sha256}, {"time", time},
-                   {"enforced", nullptr}, {"refused", nullptr}, {"rows_missing", nullptr}};
-    if (identity.version) {
-        result["version"] = *identity.version;
-        result["id"] = identity.id;
-    }
-    if (outcome.enforced) {
-        result["enforced"] = *outcome.enforced;
-    }
-    if (!outcome.refused.empty()) {
-        result["refused"] = outcome.refused;
-    }
-    if (outcome.rowsMissing) {
-        result["rows_missing"] = *outcome.rowsMissing;
-    }
-    return textOf(result);
-}
-
 std::string stateDocument(bool online, const std::string& time) {
     return textOf({{"state", online ? "online" : "offline"}, {"time", time}});
 }

@@ -17,8 +17,9 @@ namespace {
 
 namespace policy = Sentrel::policy;
 
-// The keeper waits for a changing list for 4 s at the most. A stop of the daemon waits for this.
+// The keeper waits for a changing list for 4 s at the most.
 constexpr std::chrono::seconds kPatience{6};
+constexpr std::chrono::seconds kHubPatience{1};
 
 /// How many of @p wanted, which is sorted and has each once, are not in @p stored.
 template <class Wanted, class Stored>
@@ -58,12 +59,12 @@ std::size_t rowsMissing(const SectionsHandle& policy, const Sentrel::settings::S
     return missing;
 }
 
-StoredRows compareWithFile(const SectionsHandle& policy) {
+StoredRows compareWithFile(const SectionsHandle& policy, int cancelFd) {
     try {
         const auto deadline = std::chrono::steady_clock::now() + kPatience;
-        const auto bus = HVB::bus::openBus(Sentrel::paths::hubSocket(), deadline);
-        const auto stored =
-            Sentrel::settings::snapshotOf(HVB::bus::askForSettings(*bus, HVB::bus::kSettingsMember, true, deadline));
+        const auto bus = HVB::bus::openBus(Sentrel::paths::hubSocket(), deadline, cancelFd);
+        const auto stored = Sentrel::settings::snapshotOf(
+            HVB::bus::askForSettingsAlone(*bus, HVB::bus::kSettingsMember, true, deadline, cancelFd));
         if (stored.state == Sentrel::settings::SnapshotState::None || stored.isChanging) {
             return {{}, stored.isChanging ? "a list is changing" : stored.reason};
         }
@@ -72,6 +73,21 @@ StoredRows compareWithFile(const SectionsHandle& policy) {
         return {{}, error.message()};
     } catch (const std::exception& error) {
         return {{}, error.what()};
+    }
+}
+
+bool isHubThere(int cancelFd) noexcept {
+    try {
+        const auto deadline = std::chrono::steady_clock::now() + kHubPatience;
+        const auto bus = HVB::bus::openBus(Sentrel::paths::hubSocket(), deadline, cancelFd);
+        const auto request = HVB::bus::newCall(*bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                               "org.freedesktop.DBus", "NameHasOwner");
+        HVB::bus::check(sd_bus_message_append(request.get(), "s", HVB::bus::kHubName), "cannot ask for the hub");
+        int isOwned = 0;
+        return sd_bus_message_read(HVB::bus::callAlone(*bus, *request, deadline, cancelFd).get(), "b", &isOwned) > 0 &&
+               isOwned != 0;
+    } catch (...) {
+        return false; // nobody listens, or there is no memory to see it
     }
 }
 

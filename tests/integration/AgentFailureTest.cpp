@@ -75,7 +75,7 @@ TEST_F(AMachine, ConnectsAgainWhenTheBrokerWasKilled) {
     EXPECT_EQ(nextJson(observer, "state")["state"], "online");
     EXPECT_FALSE(nextJson(observer, "properties").is_null());
     observer.publish(topic("policy"), policy(1));
-    EXPECT_EQ(nextJson(observer, "policy/result")["enforced"], true);
+    EXPECT_EQ(answerAbout(observer, policy(1))["enforced"], true);
 }
 
 TEST_F(AMachine, ConnectsWhenABrokerThatWasUnreachableAtStartComes) {
@@ -108,7 +108,8 @@ TEST_F(AMachine, PublishesTheResultThatItCouldNotSendWhileTheBrokerWasAway) {
     ASSERT_TRUE(eventually([this] { return information() == L"2"; }));
     brokerIsDead.set_value();
     broker.restart();
-    EXPECT_EQ(nextJson(*std::make_unique<MqttObserver>(broker.port()), "policy/result")["version"], 9);
+    MqttObserver observer(broker.port());
+    EXPECT_EQ(answerAbout(observer, policy(9))["fate"], "in force");
 }
 
 TEST_F(AMachine, TellsAReasonOnceHoweverOftenItTries) {
@@ -148,6 +149,40 @@ TEST_F(AMachine, ConnectsWhenTheCredentialsThatWereRefusedAreMended) {
     EXPECT_TRUE(isConnected());
     EXPECT_EQ(AgentLines::instance().count("refuses this machine"), 1U);
     EXPECT_EQ(AgentLines::instance().count("wrong"), 0U);
+}
+
+TEST_F(AMachine, StaysManagedAndEnforcesItsPolicyWhileItsCredentialsCannotBeRead) {
+    MqttBroker broker(root(), {.withPasswords = true, .certificates = nullptr});
+    broker.setPassword("m1", "right");
+    broker.kill9();
+    broker.restart();
+    const std::string file = root().file("late-credentials.json");
+    writeFile(policyFile(), policy(7, "saved"), 0644);
+    enrol(broker.port(), {{"broker", {{"credentials", file}}}});
+    std::promise<void> enforced;
+    m_calls.onPolicy = [&](const SectionsHandle&) {
+        enforced.set_value();
+        return true;
+    };
+    start();
+    testing_support::await(enforced.get_future(), "the saved policy");
+    ASSERT_TRUE(eventually([&] { return AgentLines::instance().count(file) == 1; })) << AgentLines::instance().all();
+    EXPECT_EQ(information(), L"2");
+    writeFile(file, R"({"user": "m1", "password": "right"})", 0600);
+    EXPECT_TRUE(isConnected());
+}
+
+TEST_F(AMachine, StaysManagedWhileTheAuthorityOfItsBrokerCannotBeRead) {
+    MqttCertificates certificates(root());
+    MqttBroker broker(root(), {.withPasswords = false, .certificates = &certificates});
+    const std::string authority = root().file("late-ca.pem");
+    enrol(broker.port(), {{"broker", {{"tls", {{"ca", authority}}}}}});
+    start();
+    ASSERT_TRUE(eventually([&] { return AgentLines::instance().count("no connection") == 1; }))
+        << AgentLines::instance().all();
+    EXPECT_EQ(information(), L"2");
+    std::filesystem::copy_file(certificates.authority(), authority);
+    EXPECT_TRUE(isConnected());
 }
 
 TEST_F(AMachine, ConnectsWhenACertificateThatHadExpiredIsRenewed) {

@@ -6,6 +6,7 @@
 #include "tests/support/Files.h"
 #include "tests/support/MqttBroker.h"
 #include "tests/support/MqttObserver.h"
+#include "tests/support/PolicyAnswers.h"
 #include "tests/support/PrivateRoot.h"
 
 #include <gtest/gtest.h>
@@ -169,6 +170,7 @@ protected:
     AMachine() {
         AgentLines::instance().forget();
         std::remove(policyFile().c_str());
+        std::remove(recordFile().c_str());
         std::remove(keyFile().c_str());
         std::remove(configurationFile().c_str());
     }
@@ -176,6 +178,7 @@ protected:
 
     static const PrivateRoot& root() { return processRoot(); }
     static std::string policyFile() { return root().varDirectory() + "/policy.json"; }
+    static std::string recordFile() { return root().varDirectory() + "/policy-record.json"; }
     static std::string configurationFile() { return root().hubConfigDirectory() + "/agent.json"; }
     static std::string keyFile() { return root().hubConfigDirectory() + "/agent.key"; }
     static std::string topic(const std::string& name) { return "orvanta/v1/here/m1/" + name; }
@@ -219,11 +222,20 @@ protected:
         return message ? json::parse(message->payload) : json();
     }
 
-    static std::string policy(int version, const std::string& value = "1") {
-        return json{{"version", version},
-                    {"id", "test"},
-                    {"features", {{"KPF_General", {{"Sentrel", {{"bEnableSentrel", value}}}}}}}}
-            .dump();
+    static std::string policy(int version, const std::string& value = "1", const json& more = json::object()) {
+        json document{{"version", version},
+                      {"id", "test"},
+                      {"features", {{"KPF_General", {{"Sentrel", {{"bEnableSentrel", value}}}}}}}};
+        document.merge_patch(more);
+        return document.dump();
+    }
+    /// One for the members of a group.
+    static std::string groupPolicy(int version, const std::string& group) {
+        return policy(version, "1", {{"audience", {{"site", "here"}, {"group", group}}}});
+    }
+    /// What the machine says next of a policy; null when it says nothing.
+    static json answerAbout(MqttObserver& observer, const std::string& policy) {
+        return answerOn(observer, topic("policy/result"), policy);
     }
     static std::wstring valueOf(const SectionsHandle& policy) {
         HVBEnterprise::PolicySetting setting;

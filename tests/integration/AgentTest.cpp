@@ -24,10 +24,10 @@ protected:
         start();
     }
 
-    /// Publishes a policy for this machine and gives the result.
+    /// Publishes a policy for this machine. @return what the machine says of it then
     json resultOf(const std::string& policy) {
         m_observer.publish(topic("policy"), policy);
-        return nextJson(m_observer, "policy/result");
+        return answerAbout(m_observer, policy);
     }
 
     MqttBroker m_broker{root()};
@@ -76,8 +76,9 @@ TEST_F(AnEnrolledMachine, EnforcesAPolicyAndReportsTheResult) {
     EXPECT_EQ(result["version"], 3);
     EXPECT_EQ(result["id"], "test");
     EXPECT_EQ(result["sha256"], sha256Of(policy(3, "caf\xC3\xA9")));
+    EXPECT_EQ(result["fate"], "in force");
     EXPECT_EQ(result["enforced"], true);
-    EXPECT_TRUE(result["refused"].is_null());
+    EXPECT_EQ(result["topic"], "machine");
     release();
     EXPECT_EQ(seen, L"caf\u00E9");
 }
@@ -111,9 +112,8 @@ TEST_F(AnEnrolledMachine, RefusesWhatIsNoNewPolicyAndKeepsTheOneInForce) {
          {policy(4), policy(5, "0"), std::string("{\"version\": 6,"), std::string(R"({"version": 6, "more": 1})"),
           std::string("\xFF\xFE"), std::string(4 << 20U, ' ') + "{}", std::string(6 << 20U, ' ')}) {
         const json result = resultOf(bad);
-        EXPECT_TRUE(result["enforced"].is_null()) << result;
-        EXPECT_TRUE(result["refused"].is_string()) << result;
-        EXPECT_EQ(result["sha256"], sha256Of(bad));
+        EXPECT_EQ(result["fate"], "refused") << result;
+        EXPECT_TRUE(result["why"].is_string()) << result;
     }
     EXPECT_EQ(readFile(policyFile()), saved);
     EXPECT_EQ(m_calls.policies, 1);
@@ -134,24 +134,64 @@ TEST_F(AnEnrolledMachine, TakesOnlyPoliciesWithAGoodSignatureWhenItHasAKey) {
         return json{{"payload", base64Of(delivered)}, {"signature", textOf(signature)}}.dump();
     };
     begin({{"policy_public_key", textOf(publicKey)}});
-    EXPECT_TRUE(resultOf(policy(1))["refused"].is_string());
-    EXPECT_TRUE(resultOf(signedPolicy(policy(1), policy(2)))["refused"].is_string());
+    const auto fateOf = [&](const std::string& message, const std::string& document) {
+        m_observer.publish(topic("policy"), message);
+        return answerAbout(m_observer, document)["fate"];
+    };
+    EXPECT_EQ(fateOf(policy(1), policy(1)), "refused");
+    EXPECT_EQ(fateOf(signedPolicy(policy(1), policy(2)), policy(2)), "refused");
     EXPECT_EQ(m_calls.policies, 0);
-    const json result = resultOf(signedPolicy(policy(1), policy(1)));
-    EXPECT_EQ(result["enforced"], true);
-    EXPECT_EQ(result["sha256"], sha256Of(policy(1)));
+    EXPECT_EQ(fateOf(signedPolicy(policy(1), policy(1)), policy(1)), "in force");
 }
 
 TEST_F(AnEnrolledMachine, TakesThePoliciesOfItsGroupsAndOfTheSite) {
     begin({{"groups", {"pilots"}}});
     ASSERT_TRUE(isConnected());
-    m_observer.publish("orvanta/v1/here/group/all/policy", policy(1));
-    EXPECT_EQ(nextJson(m_observer, "policy/result")["version"], 1);
-    m_observer.publish("orvanta/v1/here/group/others/policy", policy(2));
+    m_observer.publish("orvanta/v1/here/group/all/policy", groupPolicy(1, "all"));
+    EXPECT_EQ(answerAbout(m_observer, groupPolicy(1, "all"))["topic"], "group/all");
+    m_observer.publish("orvanta/v1/here/group/others/policy", groupPolicy(2, "others"));
     m_observer.publish("orvanta/v1/elsewhere/m1/policy", policy(3));
-    m_observer.publish("orvanta/v1/here/group/pilots/policy", policy(4));
-    EXPECT_EQ(nextJson(m_observer, "policy/result")["version"], 4);
+    m_observer.publish("orvanta/v1/here/group/pilots/policy", groupPolicy(4, "pilots"));
+    EXPECT_EQ(answerAbout(m_observer, groupPolicy(4, "pilots"))["topic"], "group/pilots");
     EXPECT_EQ(m_calls.policies, 2);
+}
+
+TEST_F(AnEnrolledMachine, EnforcesOnlyTheHighestOfThePoliciesThatTheBrokerRetains) {
+    std::vector<std::string> groups;
+    for (int i = 0; i < 32; ++i) {
+        groups.push_back("g" + std::to_string(i));
+        m_observer.publish("orvanta/v1/here/group/" + groups.back() + "/policy", groupPolicy(10 + i, groups.back()));
+    }
+    m_observer.publish("orvanta/v1/here/group/all/policy", groupPolicy(100, "all"));
+    m_observer.publish(topic("policy"), policy(5));
+    begin({{"groups", groups}});
+    EXPECT_EQ(answerAbout(m_observer, groupPolicy(100, "all"))["enforced"], true);
+    EXPECT_EQ(m_calls.policies, 1) << "none on the way";
+    MqttObserver later(m_broker.port());
+    const json statement = nextJson(later, "policy/result");
+    EXPECT_EQ(statement["passed_over"].size(), 33U);
+    EXPECT_TRUE(statement["refused"].is_null());
+}
+
+TEST_F(AnEnrolledMachine, SaysWhatIsInForceAtEveryConnection) {
+    begin();
+    ASSERT_EQ(resultOf(policy(3))["enforced"], true);
+    release();
+    m_broker.kill9();
+    m_broker.restart();
+    MqttObserver later(m_broker.port());
+    start();
+    const json answer = answerAbout(later, policy(3));
+    EXPECT_EQ(answer["fate"], "in force");
+    EXPECT_EQ(nextJson(later, "state")["state"], "online");
+    EXPECT_EQ(nextJson(later, "properties")["full"], true);
+}
+
+TEST_F(AnEnrolledMachine, TakesAnotherDocumentsWayBackByAnEpoch) {
+    begin();
+    ASSERT_EQ(resultOf(policy(900))["enforced"], true);
+    EXPECT_EQ(resultOf(policy(1))["fate"], "refused");
+    EXPECT_EQ(resultOf(policy(1, "1", {{"epoch", 2}}))["fate"], "in force");
 }
 
 TEST_F(AnEnrolledMachine, HasSavedAPolicyWhenItEnforcesIt) {
@@ -173,7 +213,7 @@ TEST_F(AnEnrolledMachine, RefusesAPolicyThatItCannotSave) {
     ASSERT_EQ(resultOf(policy(1))["enforced"], true);
     const std::string away = root().varDirectory() + ".away";
     std::filesystem::rename(root().varDirectory(), away);
-    EXPECT_NE(resultOf(policy(2))["refused"].get<std::string>().find("cannot be saved"), std::string::npos);
+    EXPECT_NE(resultOf(policy(2))["why"].get<std::string>().find("cannot be saved"), std::string::npos);
     std::filesystem::rename(away, root().varDirectory());
     EXPECT_EQ(m_calls.policies, 1);
     EXPECT_EQ(resultOf(policy(2))["enforced"], true);
@@ -207,7 +247,7 @@ TEST_F(AnEnrolledMachine, DoesNotEnforceAgainWhatTheBrokerDeliversOnceMore) {
     ASSERT_EQ(resultOf(policy(1))["enforced"], true);
     release();
     start(); // enforces the saved one; the broker's retained one follows
-    EXPECT_EQ(nextJson(m_observer, "policy/result")["enforced"], true);
+    EXPECT_EQ(answerAbout(m_observer, policy(1))["enforced"], true);
     EXPECT_EQ(AgentLines::instance().count("enforcing the saved policy, version 1"), 1U);
     EXPECT_EQ(m_calls.policies, 2);
 }
@@ -218,7 +258,7 @@ TEST_F(AnEnrolledMachine, KeepsThePolicyInForceWhenTheTopicIsCleared) {
     m_observer.publish(topic("policy"), "");
     EXPECT_TRUE(eventually([] { return AgentLines::instance().count("was cleared") == 1; }));
     EXPECT_EQ(readFile(policyFile()), policy(1));
-    EXPECT_EQ(resultOf(policy(2))["version"], 2); // the next result is the next policy's
+    EXPECT_EQ(resultOf(policy(2))["version"], 2);
 }
 
 TEST_F(AnEnrolledMachine, HoldsPoliciesBackUntilSomebodyEnforcesThem) {
@@ -231,7 +271,7 @@ TEST_F(AnEnrolledMachine, HoldsPoliciesBackUntilSomebodyEnforcesThem) {
     ASSERT_FALSE(nextJson(m_observer, "properties").is_null());
     EXPECT_EQ(m_observer.count(topic("policy/result")), 0U);
     ASSERT_TRUE(m_agent->registerPolicyEnforcementService(std::make_unique<RecordingEnforcement>(m_calls)));
-    EXPECT_EQ(nextJson(m_observer, "policy/result")["enforced"], true);
+    EXPECT_EQ(answerAbout(m_observer, policy(1))["enforced"], true);
 }
 
 TEST_F(AnEnrolledMachine, PublishesItsPropertiesWhenItConnectsAndAfterAPolicy) {
@@ -278,16 +318,13 @@ TEST_F(AnEnrolledMachine, IgnoresARetainedRequestToCollect) {
 TEST_F(AnEnrolledMachine, MakesOneCallAtATime) {
     begin();
     ASSERT_FALSE(nextJson(m_observer, "state").is_null()); // its subscriptions were before that
-    constexpr int policies = 25;                           // fewer than may wait
+    constexpr int policies = 25;
     for (int version = 1; version <= policies; ++version) {
         m_observer.publish(topic("policy"), policy(version), false);
         m_observer.publish(topic("collect"), R"({"full": true})", false);
     }
-    json result;
-    while ((result = nextJson(m_observer, "policy/result"))["version"] != policies) {
-        ASSERT_EQ(result["enforced"], true);
-    }
-    EXPECT_EQ(m_calls.policies, policies);
+    EXPECT_EQ(answerAbout(m_observer, policy(policies))["enforced"], true);
+    EXPECT_LE(m_calls.policies, policies) << "those that another one replaces while they wait are not enforced";
     EXPECT_TRUE(eventually([this] { return m_calls.collections > 0; })) << "when no policy waits any more";
     EXPECT_EQ(m_calls.overlaps, 0);
 }

@@ -2,6 +2,7 @@
 // jsonschema package of python, the parsers of the management agent.
 #include "platform/hvbagent/AgentConfiguration.h"
 #include "platform/hvbagent/PolicyDocument.h"
+#include "platform/hvbagent/PolicyStatement.h"
 #include "platform/hvbagent/PropertyDocument.h"
 #include "platform/hvbagent/StrictJson.h"
 #include "tests/integration/SentrelctlRun.h"
@@ -82,8 +83,8 @@ protected:
 };
 
 TEST_F(AFleetDocument, IsAPolicyForTheSchemaWhenItIsOneForTheMachine) {
-    expectAgreement(
-        "policy", [](const std::string& text) { return agent::readPolicyMessage(text, std::nullopt).refused.empty(); });
+    expectAgreement("policy",
+                    [](const std::string& text) { return agent::readPolicyMessage(text, {}).refused.empty(); });
 }
 
 TEST_F(AFleetDocument, IsAnEnrolmentForTheSchemaWhenItIsOneForTheMachine) {
@@ -117,11 +118,31 @@ TEST_F(AFleetDocument, IsWhatTheSchemaSaysWhenTheMachineWritesIt) {
     expectValid("properties", agent::propertyDocument({}, false, time));
     expectValid("state", agent::stateDocument(true, time));
     expectValid("state", agent::stateDocument(false, time));
-    const agent::PolicyReading policy = agent::readPolicyDocument(R"({"version": 3, "id": "x"})");
-    expectValid("policy-result", agent::policyResult(policy.identity, {true, "", 0}, time));
-    expectValid("policy-result", agent::policyResult(policy.identity, {false, "", {}}, time));
+}
+
+TEST_F(AFleetDocument, IsWhatTheSchemaSaysWhenTheMachineStatesItsPolicies) {
+    const std::string time = agent::timeText();
+    agent::PolicyStatement statement;
+    expectValid("policy-result", agent::statementDocument(statement, time));
+    const agent::PolicyIdentity identity = agent::readPolicyDocument(R"({"version": 3, "id": "x"})").identity;
+    statement.standing = agent::StandingPolicy{
+        .identity = identity, .topic = {"all"}, .since = time, .enforced = {}, .rowsMissing = {}, .leftOut = {}};
+    expectValid("policy-result", agent::statementDocument(statement, time));
+    statement.standing->enforced = true;
+    statement.standing->rowsMissing = 2;
+    statement.standing->leftOut = {.count = 1, .first = {{"szAgumentIP_0", Sentrel::policy::LeftOutReason::Version6}}};
+    statement.failed = agent::FailedAttempt{identity, "the hub is away", time};
     const agent::PolicyReading refused = agent::readPolicyDocument("{");
-    expectValid("policy-result", agent::policyResult(refused.identity, {{}, refused.refused, {}}, time));
+    agent::JudgedPolicy judged;
+    judged.topic = {"sales"};
+    judged.identity = refused.identity;
+    judged.why = refused.refused;
+    statement.take(judged, time);
+    judged.topic = {};
+    judged.identity = identity;
+    judged.fate = agent::PolicyFate::PassedOver;
+    statement.take(judged, time);
+    expectValid("policy-result", agent::statementDocument(statement, time));
 }
 
 TEST_F(AFleetDocument, IsRefusedByTheSchemaWhenNoMachineWouldWriteIt) {
@@ -129,7 +150,7 @@ TEST_F(AFleetDocument, IsRefusedByTheSchemaWhenNoMachineWouldWriteIt) {
         {"properties", R"({"time": "2026-01-01T00:00:00.000Z", "full": true, "sections": {"General": {"n": 1}}})"},
         {"state", R"({"state": "asleep", "time": "2026-01-01T00:00:00.000Z"})"},
         {"policy-result",
-         R"({"version": 1, "id": "", "sha256": "", "time": "", "enforced": true, "refused": "both", "rows_missing": null})"}};
+         R"({"time": "2026-01-01T00:00:00.000Z", "in_force": {}, "failed": null, "refused": null, "passed_over": []})"}};
     for (const auto& [kind, document] : wrong) {
         const std::string path = m_root.file(kind);
         std::ofstream(path, std::ios::binary) << document;

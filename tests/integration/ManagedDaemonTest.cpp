@@ -7,6 +7,7 @@
 #include "tests/support/Machine.h"
 #include "tests/support/MqttBroker.h"
 #include "tests/support/MqttObserver.h"
+#include "tests/support/PolicyAnswers.h"
 #include "tests/support/Preferences.h"
 #include "tests/support/WholePolicy.h"
 
@@ -52,6 +53,11 @@ protected:
         const auto message = from.next(kTopic + topic);
         return message ? json::parse(message->payload) : json();
     }
+    /// Publishes a policy for this machine. @return what the machine says of it then
+    json push(const json& document) {
+        observer.publish(std::string(kTopic) + "policy", document.dump());
+        return answerOn(observer, std::string(kTopic) + "policy/result", document.dump());
+    }
     std::vector<std::string> blocked() {
         std::vector<std::string> sites;
         for (const auto& [url, action] : urlsOf(PreferenceClient(machine.bus().socketPath()).getAll())) {
@@ -69,15 +75,12 @@ protected:
 
 TEST_F(AManagedMachine, TellsHowManyRowsOfAPolicyAreNotStored) {
     start();
-    observer.publish(std::string(kTopic) + "policy", policy(1, "bad.example").dump());
-    EXPECT_TRUE(next(observer, "policy/result")["rows_missing"].is_null()) << "there is no keeper who could tell";
+    EXPECT_TRUE(push(policy(1, "bad.example"))["rows_missing"].is_null()) << "there is no keeper who could tell";
     machine.startKeeper();
-    observer.publish(std::string(kTopic) + "policy", policy(2, "worse.example").dump());
-    EXPECT_EQ(next(observer, "policy/result")["rows_missing"], 0);
+    EXPECT_EQ(push(policy(2, "worse.example"))["rows_missing"], 0);
     // Rows that the file does not take, and nobody is told.
     machine.sql("create trigger t before insert on allowblocksettings begin select raise(ignore); end");
-    observer.publish(std::string(kTopic) + "policy", policy(3, "worst.example").dump());
-    const json result = next(observer, "policy/result");
+    const json result = push(policy(3, "worst.example"));
     EXPECT_EQ(result["enforced"], true);
     EXPECT_EQ(result["rows_missing"], 2) << "both sites of the policy";
 }
@@ -101,8 +104,7 @@ TEST_F(AManagedMachine, LoadsTheMqttAndTlsLibrariesOnlyWhenItIsEnrolled) {
 TEST_F(AManagedMachine, TellsHowManyRowsOfAPolicyAnotherWriterKeptOut) {
     start();
     machine.startKeeper();
-    observer.publish(std::string(kTopic) + "policy", policy(1, "bad.example").dump());
-    ASSERT_EQ(next(observer, "policy/result")["rows_missing"], 0);
+    ASSERT_EQ(push(policy(1, "bad.example"))["rows_missing"], 0);
     const std::vector<std::string> before = blocked();
     const Sentrel::DatabasePtr writer = Sentrel::openDatabase(machine.settingsFile());
     Sentrel::execute(*writer, "BEGIN IMMEDIATE");
@@ -110,7 +112,7 @@ TEST_F(AManagedMachine, TellsHowManyRowsOfAPolicyAnotherWriterKeptOut) {
     WireClient client(machine.bus().socketPath());
     EXPECT_EQ(client.code(Sentrel::ST_SET_PREFS_INDIVIDUAL, payloadOf(withUrls({{"http://client.example/", 1}}))),
               Sentrel::ST_ERROR_NONE);
-    const json result = next(observer, "policy/result");
+    const json result = answerOn(observer, std::string(kTopic) + "policy/result", policy(2, "worse.example").dump());
     Sentrel::execute(*writer, "ROLLBACK");
     EXPECT_EQ(result["rows_missing"], 1) << "the one site that was not there before";
     EXPECT_EQ(blocked(), before) << "what is in force is what is stored";
@@ -122,8 +124,7 @@ TEST_F(AManagedMachine, EnforcesStoresAndReportsAPolicy) {
     PreferenceClient client(machine.bus().socketPath());
     client.listen();
     ASSERT_EQ(next(observer, "state")["state"], "online");
-    observer.publish(std::string(kTopic) + "policy", policy(1, "bad.example").dump());
-    const json result = next(observer, "policy/result");
+    const json result = push(policy(1, "bad.example"));
     EXPECT_EQ(result["enforced"], true) << result;
     EXPECT_EQ(result["version"], 1);
     // The enable state, the categories, the ratings, the list: each tells the hub once.
@@ -161,8 +162,10 @@ TEST_F(AManagedMachine, TellsItsPropertiesOnConnectAfterAPolicyAndWhenItIsAsked)
 TEST_F(AManagedMachine, TakesThePolicyOfItsGroup) {
     start();
     ASSERT_EQ(next(observer, "state")["state"], "online");
-    observer.publish("orvanta/v1/here/group/desks/policy", policy(3, "bad.example").dump());
-    EXPECT_EQ(next(observer, "policy/result")["enforced"], true);
+    json document = policy(3, "bad.example");
+    document["audience"] = {{"site", "here"}, {"group", "desks"}};
+    observer.publish("orvanta/v1/here/group/desks/policy", document.dump());
+    EXPECT_EQ(answerOn(observer, std::string(kTopic) + "policy/result", document.dump())["enforced"], true);
     EXPECT_EQ(blocked(), std::vector<std::string>{"bad.example"});
 }
 
@@ -170,8 +173,7 @@ TEST_F(AManagedMachine, ReportsAPolicyThatLacksAPass) {
     start();
     json incomplete = policy(1, "bad.example");
     incomplete["features"]["KPF_BlockAndAllowList"]["BlockAndAllowList"].erase("uiSiteCount");
-    observer.publish(std::string(kTopic) + "policy", incomplete.dump());
-    EXPECT_EQ(next(observer, "policy/result")["enforced"], false);
+    EXPECT_EQ(push(incomplete)["enforced"], false);
     const Sentrel::STPreferences preferences = PreferenceClient(machine.bus().socketPath()).getAll();
     EXPECT_FALSE(preferences.m_bEnable);
     EXPECT_TRUE(preferences.m_allowBlockDetails.empty());
@@ -179,8 +181,7 @@ TEST_F(AManagedMachine, ReportsAPolicyThatLacksAPass) {
 
 TEST_F(AManagedMachine, EnforcesItsStoredPolicyAtAStartWithoutTheBroker) {
     start();
-    observer.publish(std::string(kTopic) + "policy", policy(1, "bad.example").dump());
-    ASSERT_EQ(next(observer, "policy/result")["enforced"], true);
+    ASSERT_EQ(push(policy(1, "bad.example"))["enforced"], true);
     broker.kill9();
     machine.kill9Daemon();
     std::filesystem::remove(machine.settingsFile());
@@ -191,8 +192,7 @@ TEST_F(AManagedMachine, EnforcesItsStoredPolicyAtAStartWithoutTheBroker) {
 
 TEST_F(AManagedMachine, WorksOnWhileTheBrokerIsAway) {
     start();
-    observer.publish(std::string(kTopic) + "policy", policy(1, "bad.example").dump());
-    ASSERT_EQ(next(observer, "policy/result")["enforced"], true);
+    ASSERT_EQ(push(policy(1, "bad.example"))["enforced"], true);
     broker.kill9();
     PreferenceClient client(machine.bus().socketPath());
     EXPECT_EQ(client.setOne(withUrls({{"local.example", 1}})), Sentrel::ST_ERROR_NONE);
@@ -213,6 +213,42 @@ TEST_F(AManagedMachine, OutlivesReloadsOfItsPluginsWhilePoliciesAreEnforced) {
     }
     EXPECT_TRUE(eventually([&] { return blocked() == std::vector<std::string>{"site" + std::to_string(reloads)}; }));
     EXPECT_EQ(machine.stopDaemon(), 0);
+}
+
+TEST_F(AManagedMachine, CannotTellWhetherAPolicyIsWholeWhileTheHubIsAwayAndTellsWhenItIsBack) {
+    start();
+    machine.startKeeper();
+    ASSERT_EQ(next(observer, "state")["state"], "online");
+    machine.hub().kill(SIGKILL);
+    machine.hub().terminate();
+    json answer = push(policy(1, "bad.example"));
+    EXPECT_EQ(answer["enforced"], true) << answer;
+    EXPECT_TRUE(answer["whole"].is_null()) << answer;
+    machine.startHub();
+    while (answer.is_object() && answer["whole"].is_null()) { // until none comes any more
+        answer = answerOn(observer, std::string(kTopic) + "policy/result", policy(1, "bad.example").dump());
+    }
+    EXPECT_EQ(answer["whole"], true) << answer;
+}
+
+/// A long list is on its way into the file when the daemon is to end.
+TEST_F(AManagedMachine, EndsInTheMiddleOfAPolicyAndEnforcesItAtTheNextStart) {
+    constexpr int sites = 3000;
+    start();
+    machine.startKeeper();
+    ASSERT_EQ(next(observer, "state")["state"], "online");
+    json document = policy(1, "site0.example");
+    json& list = document["features"]["KPF_BlockAndAllowList"]["BlockAndAllowList"];
+    list["uiSiteCount"] = sites;
+    for (int i = 0; i < sites; ++i) {
+        list["szSite" + std::to_string(i)] = "site" + std::to_string(i) + ".example";
+        list["Action" + std::to_string(i)] = 1;
+    }
+    observer.publish(std::string(kTopic) + "policy", document.dump());
+    ASSERT_TRUE(eventually([&] { return machine.sql("select count(*) from allowblocksettings") != "0\n"; }));
+    EXPECT_EQ(machine.stopDaemon(), 0);
+    ASSERT_TRUE(machine.startDaemon());
+    EXPECT_TRUE(eventually([&] { return blocked().size() == std::size_t{sites}; }));
 }
 
 TEST_F(AManagedMachine, StopsWhileTheBrokerIsAway) {

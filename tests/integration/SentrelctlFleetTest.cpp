@@ -1,6 +1,7 @@
 // sentrelctl as an administrator of managed machines uses it. Real: the program, mosquitto with and without passwords
 // and TLS, key files. The machines are an observer at the broker that answers as they do; how sentreld answers is
 // ManagedDaemonTest's to show.
+#include "platform/hvbagent/Encoding.h"
 #include "platform/hvbagent/SecretBox.h"
 #include "tests/integration/SentrelctlRun.h"
 #include "tests/support/AsUser.h"
@@ -245,13 +246,20 @@ protected:
     MqttObserver m_machines;
 };
 
+/// A document as it is pushed to the machine desk-1.
+json forDesk1(const std::string& document) {
+    json pushed = json::parse(document);
+    pushed["audience"] = {{"site", "demo"}, {"machine", "desk-1"}};
+    return pushed;
+}
+
 TEST_F(AFleetAdministrator, PushesAPolicyToAMachineWhereItStays) {
     const CtlResult result = run({"policy", "push", kExample, "--machine", "desk-1"});
     EXPECT_EQ(result.code, 0) << result.err;
     EXPECT_EQ(result.out, "The broker has policy 1 (example) for machine desk-1 of demo.\n");
     const auto heard = m_machines.next(kPolicyTopic);
     ASSERT_TRUE(heard);
-    EXPECT_EQ(heard->payload, readFile(kExample));
+    EXPECT_EQ(json::parse(heard->payload), forDesk1(readFile(kExample)));
     MqttObserver later(m_broker.port());
     const auto kept = later.next(kPolicyTopic);
     ASSERT_TRUE(kept);
@@ -282,7 +290,7 @@ TEST_F(AFleetAdministrator, PushesNothingThatIsNoGoodUnlessForcedTo) {
     EXPECT_EQ(result.code, 0) << result.err;
     const auto heard = m_machines.next(kPolicyTopic);
     ASSERT_TRUE(heard);
-    EXPECT_EQ(heard->payload, R"({"version": 2})") << "the first never went";
+    EXPECT_EQ(json::parse(heard->payload), forDesk1(R"({"version": 2})")) << "the first never went";
 }
 
 TEST_F(AFleetAdministrator, PushesNoPolicyWhoseActionsGoToOtherSitesUnlessToldTo) {
@@ -296,7 +304,7 @@ TEST_F(AFleetAdministrator, PushesNoPolicyWhoseActionsGoToOtherSitesUnlessToldTo
         EXPECT_EQ(run({"policy", "push", "-", "--machine", "desk-1", option}, policyWithAGap()).code, 0) << option;
         const auto heard = m_machines.next(kPolicyTopic);
         ASSERT_TRUE(heard);
-        EXPECT_EQ(heard->payload, policyWithAGap()) << "the first never went";
+        EXPECT_EQ(json::parse(heard->payload), forDesk1(policyWithAGap())) << "the first never went";
     }
 }
 
@@ -316,46 +324,121 @@ TEST_F(AFleetAdministrator, SignsWhatIsPushed) {
     EXPECT_EQ(run({"policy", "push", kExample, "--machine", "desk-1", "--sign", m_root.file("other.key")}).code, 1);
 }
 
+/// A statement with one policy in force.
+json statementOn(const std::string& sha256, const json& enforced, const json& more = json::object()) {
+    json statement{{"time", "T"},
+                   {"in_force",
+                    {{"epoch", 1},
+                     {"version", 1},
+                     {"id", "example"},
+                     {"sha256", sha256},
+                     {"topic", "machine"},
+                     {"since", "T"},
+                     {"enforced", enforced},
+                     {"whole", enforced},
+                     {"rows_missing", 0},
+                     {"left_out", {{"count", 0}, {"first", json::array()}}}}},
+                   {"failed", nullptr},
+                   {"refused", nullptr},
+                   {"passed_over", json::array()}};
+    statement.update(more, true);
+    return statement;
+}
+
 TEST_F(AFleetAdministrator, WaitsForTheMachinesOwnWord) {
-    const std::string sha = json::parse(run({"policy", "check", kExample, "--json=short"}).out)["sha256"];
-    json answer{{"version", 1}, {"id", "example"},   {"sha256", sha},
-                {"time", ""},   {"enforced", false}, {"refused", nullptr}};
-    m_machines.publish("orvanta/v1/demo/desk-1/policy/result", answer.dump()); // an earlier run's
-    for (const bool enforced : {true, false}) {
+    const std::string topic = "orvanta/v1/demo/desk-1/policy/result";
+    m_machines.publish(topic, statementOn("an earlier run's", true).dump());
+    struct Case {
+        json word; ///< merged into a statement that has the policy in force
+        int code;
+        const char* text;
+    };
+    const json declined{{"epoch", 1}, {"version", 1}, {"why", "bad"}, {"topic", "machine"}, {"time", "T"}};
+    for (const Case& each : {Case{json::object(), 0, "desk-1   1         yes"},
+                             Case{{{"in_force", {{"enforced", false}, {"whole", false}}}}, 1, "the machine could not"},
+                             Case{{{"in_force", {{"enforced", false}}}, {"failed", {{"why", "no hub"}}}}, 1, "no hub"},
+                             Case{{{"in_force", {{"rows_missing", 3}}}}, 1, "3 rows not stored"},
+                             Case{{{"in_force", {{"left_out", {{"count", 5}}}}}}, 1, "5 entries left out"},
+                             Case{{{"in_force", nullptr}, {"refused", declined}}, 1, "it is refused: bad"},
+                             Case{{{"in_force", nullptr}, {"passed_over", {declined}}}, 1, "it is passed over: bad"}}) {
         CtlRun push(m_root, {"policy", "push", kExample, "--machine", "desk-1", "--wait"});
-        ASSERT_TRUE(m_machines.next(kPolicyTopic));
-        for (const json& another : {json("another policy's"), json(17)}) {
-            answer["sha256"] = another;
-            m_machines.publish("orvanta/v1/demo/desk-1/policy/result", answer.dump());
+        const auto pushed = m_machines.next(kPolicyTopic);
+        ASSERT_TRUE(pushed);
+        const std::string sha256 = HVBEnterprise::agent::sha256Of(pushed->payload);
+        m_machines.publish(topic, statementOn("another policy's", true).dump());
+        m_machines.publish(topic, statementOn(sha256, nullptr).dump()); // it is being enforced
+        json statement = statementOn(sha256, true);
+        statement.update(each.word, true);
+        for (json* const part : {&statement["refused"], &statement["passed_over"]}) {
+            if (part->is_object()) {
+                (*part)["sha256"] = sha256;
+            } else if (part->is_array() && !part->empty()) {
+                (*part)[0]["sha256"] = sha256;
+            }
         }
-        answer["sha256"] = sha;
-        answer["enforced"] = enforced;
-        m_machines.publish("orvanta/v1/demo/desk-1/policy/result", answer.dump());
+        m_machines.publish(topic, statement.dump());
         const CtlResult result = push.finish();
-        EXPECT_EQ(result.code, enforced ? 0 : 1) << result.err;
-        EXPECT_THAT(result.out, HasSubstr(enforced ? "desk-1   in force  1" : "desk-1   failed  1"));
+        EXPECT_EQ(result.code, each.code) << result.err;
+        EXPECT_THAT(result.out + result.err, HasSubstr(each.text));
     }
     EXPECT_EQ(run({"policy", "push", kExample, "--machine", "desk-2", "--wait", "--timeout", "0.5"}).code, 3);
 }
 
-TEST_F(AFleetAdministrator, SeesTheResultsOfAllMachines) {
-    m_machines.publish("orvanta/v1/demo/b/policy/result",
-                       R"({"version": 3, "id": "x", "sha256": "", "time": "T", "enforced": true, "refused": null})");
-    m_machines.publish(
-        "orvanta/v1/demo/a/policy/result",
-        R"({"version": null, "id": null, "sha256": "", "time": "T", "enforced": null, "refused": "bad\u001b["})");
-    m_machines.publish("orvanta/v1/demo/c/policy/result", "{");
+TEST_F(AFleetAdministrator, UnderstandsTheResultsOfMachinesOfBefore) {
+    const std::string topic = "orvanta/v1/demo/desk-1/policy/result";
+    for (const bool enforced : {true, false}) {
+        CtlRun push(m_root, {"policy", "push", kExample, "--machine", "desk-1", "--wait"});
+        const auto pushed = m_machines.next(kPolicyTopic);
+        ASSERT_TRUE(pushed);
+        m_machines.publish(topic, json{{"version", 1},
+                                       {"id", "example"},
+                                       {"sha256", HVBEnterprise::agent::sha256Of(pushed->payload)},
+                                       {"time", "T"},
+                                       {"enforced", enforced},
+                                       {"refused", nullptr}}
+                                      .dump());
+        EXPECT_EQ(push.finish().code, enforced ? 0 : 1);
+    }
+}
+
+TEST_F(AFleetAdministrator, SaysWhomAPushedPolicyIsFor) {
+    ASSERT_EQ(run({"policy", "push", kExample, "--machine", "desk-1"}).code, 0);
+    const json own = json::parse(m_machines.next(kPolicyTopic)->payload);
+    EXPECT_EQ(own["audience"], json({{"site", "demo"}, {"machine", "desk-1"}}));
+    ASSERT_EQ(run({"policy", "push", kExample, "--group", "all"}).code, 0);
+    const auto all = m_machines.next("orvanta/v1/demo/group/all/policy");
+    ASSERT_TRUE(all);
+    EXPECT_EQ(json::parse(all->payload)["audience"], json({{"site", "demo"}, {"group", "all"}}));
+    const CtlResult other = run({"policy", "push", "-", "--machine", "desk-2"}, own.dump());
+    EXPECT_EQ(other.code, 1);
+    EXPECT_THAT(other.err,
+                HasSubstr("it says that it is for machine desk-1 of demo, and not for machine desk-2 of demo"));
+}
+
+TEST_F(AFleetAdministrator, SeesWhatIsInForceOnAllMachines) {
+    const auto publish = [&](const char* machine, const std::string& text) {
+        m_machines.publish("orvanta/v1/demo/" + std::string(machine) + "/policy/result", text);
+    };
+    publish("a", statementOn("", false,
+                             {{"in_force", nullptr}, {"refused", {{"epoch", 2}, {"version", 3}, {"why", "bad\x1b["}}}})
+                     .dump());
+    publish("b", statementOn("", true, {{"in_force", {{"epoch", 2}}}}).dump());
+    publish("c", "{");
+    publish("d", R"({"version": 3, "id": "x", "sha256": "", "time": "T", "enforced": true, "refused": null})");
+    publish("e", R"({"in_force": 5, "refused": [], "passed_over": 7})");
     m_machines.publish("orvanta/v1/other/d/policy/result", "{}");
     const CtlResult result = run({"policy", "results"});
     EXPECT_EQ(result.code, 0) << result.err;
-    EXPECT_THAT(result.out, StartsWith("MACHINE  RESULT    VERSION  TIME  POLICY\n"
-                                       "a        refused   -        T     bad\\x1b[\n"
-                                       "b        in force  3        T     x\n"
-                                       "c        -         -        -     cannot be read: line 1, column 2: "));
+    EXPECT_THAT(result.out, StartsWith("MACHINE  IN FORCE  WHOLE  TOPIC    SINCE  LAST REFUSED\n"
+                                       "a        -         -      -        -      refused 2/3: bad\\x1b[\n"
+                                       "b        2/1       yes    machine  T      -\n"
+                                       "c        -         -      -        -      cannot be read: line 1, column 2: "));
+    EXPECT_THAT(result.out, HasSubstr("d        3         ?      -        T      -\n"
+                                      "e        -         -      -        -      -\n"));
     const json list = json::parse(run({"policy", "results", "--machine", "b", "--json=short"}).out);
     ASSERT_EQ(list.size(), 1U);
     EXPECT_EQ(list[0]["machine"], "b");
-    EXPECT_EQ(list[0]["version"], 3);
+    EXPECT_EQ(list[0]["in_force"]["version"], 1);
     EXPECT_EQ(list[0]["error"], nullptr);
 }
 

@@ -362,7 +362,8 @@ std::string problemOfPrivateFile(const std::string& path, bool mayBeMissing) {
 }
 
 Diagnosis privateFilesDiagnosis(const agent::AgentConfiguration& configuration) {
-    std::vector<std::pair<std::string, bool>> files{{paths::agentKey(), true}, {paths::agentPolicy(), true}};
+    std::vector<std::pair<std::string, bool>> files{
+        {paths::agentKey(), true}, {paths::agentPolicy(), true}, {paths::agentPolicyRecord(), true}};
     if (!configuration.credentialsFile.empty()) {
         files.emplace_back(configuration.credentialsFile, false);
     }

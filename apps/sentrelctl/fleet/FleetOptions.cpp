@@ -94,7 +94,7 @@ Fleet fleetOf(const FleetOptions& options) {
         fleet.broker.tls = read.tls;
         fleet.broker.credentialsFile = read.credentialsFile;
         fleet.site = read.site;
-        fleet.policyKey = read.policyKey;
+        fleet.policyKeys = read.policyKeys;
     }
     takeOptions(options, fleet);
     if (fleet.site.empty()) {

@@ -34,7 +34,7 @@ void addFleetOptions(OptionSet& set, FleetOptions& options);
 struct Fleet {
     BrokerAddress broker;
     std::string site;
-    std::optional<HVBEnterprise::agent::PublicKey> policyKey; ///< when the enrolment asks for signed policies
+    HVBEnterprise::agent::PublicKeys policyKeys; ///< when the enrolment asks for signed policies
 };
 
 /// The broker and the site: from an enrolment, in which single options replace what it says, or from options alone when

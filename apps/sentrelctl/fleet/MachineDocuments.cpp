@@ -32,7 +32,7 @@ namespace agent = HVBEnterprise::agent;
 
 constexpr std::size_t kMaxCell = 200; // bytes
 
-using Row = std::vector<std::string>;
+using Row = TableRow;
 
 /// A text of the document, or its value as JSON has it; a dash for nothing.
 std::string cell(const nlohmann::json& value) {
@@ -41,10 +41,6 @@ std::string cell(const nlohmann::json& value) {
     }
     const std::string text = value.is_string() ? value.get<std::string>() : value.dump();
     return text.empty() ? "-" : shortened(printable(text), kMaxCell);
-}
-
-std::string member(const nlohmann::json& object, const char* name) {
-    return object.is_object() && object.contains(name) ? cell(object[name]) : "-";
 }
 
 /// @p rows below each other; the last column is not padded.
@@ -65,42 +61,9 @@ std::string tableText(const std::vector<Row>& rows) {
     return text;
 }
 
-/// @p documents as rows, or one line when there are none.
-template <class MakeRow>
-std::string table(const std::vector<MachineDocument>& documents, Row head, const MakeRow& makeRow) {
-    if (documents.empty()) {
-        return "The broker has nothing from any machine.\n";
-    }
-    std::vector<Row> rows{std::move(head)};
-    for (const MachineDocument& document : documents) {
-        Row row = makeRow(*document.content);
-        row.insert(row.begin(), printable(document.machine));
-        if (!document.error.empty()) {
-            row.back() = "cannot be read: " + shortened(printable(document.error), kMaxCell);
-        }
-        rows.push_back(std::move(row));
-    }
-    return tableText(rows);
-}
-
-std::string resultWord(const nlohmann::json& content) {
-    if (content.contains("refused") && !content["refused"].is_null()) {
-        return "refused";
-    }
-    if (!content.contains("enforced") || !content["enforced"].is_boolean()) {
-        return "-";
-    }
-    if (!content["enforced"].get<bool>()) {
-        return "failed";
-    }
-    const auto missing = content.find("rows_missing");
-    const bool isShort = missing != content.end() && missing->is_number_integer() && *missing > 0;
-    return isShort ? fmt::format("in force, {} rows not stored", missing->dump()) : "in force";
-}
-
 std::string yesOrNo(const nlohmann::json& properties, const char* section, const char* key) {
     const std::string value =
-        properties.is_object() && properties.contains(section) ? member(properties[section], key) : std::string("-");
+        properties.is_object() && properties.contains(section) ? cellOf(properties[section], key) : std::string("-");
     return value == "1" ? "yes" : value == "0" ? "no" : value;
 }
 
@@ -116,6 +79,27 @@ nlohmann::json sectionsOf(const nlohmann::json& content) {
 }
 
 } // namespace
+
+std::string cellOf(const nlohmann::json& object, const char* name) {
+    return object.is_object() && object.contains(name) ? cell(object[name]) : "-";
+}
+
+std::string documentTable(const std::vector<MachineDocument>& documents, TableRow head,
+                          const std::function<TableRow(const nlohmann::json&)>& makeRow) {
+    if (documents.empty()) {
+        return "The broker has nothing from any machine.\n";
+    }
+    std::vector<Row> rows{std::move(head)};
+    for (const MachineDocument& document : documents) {
+        Row row = makeRow(*document.content);
+        row.insert(row.begin(), printable(document.machine));
+        if (!document.error.empty()) {
+            row.back() = "cannot be read: " + shortened(printable(document.error), kMaxCell);
+        }
+        rows.push_back(std::move(row));
+    }
+    return tableText(rows);
+}
 
 MachineDocument machineDocument(std::string machine, std::string_view payload) {
     MachineDocument document{std::move(machine), std::make_shared<const nlohmann::json>(nlohmann::json::object()), {}};
@@ -144,55 +128,30 @@ std::vector<MachineDocument> newestOfEach(const std::deque<MqttMessage>& message
     return documents;
 }
 
-bool isAbout(const MachineDocument& document, std::string_view sha256) {
-    if (!document.error.empty()) {
-        return false;
-    }
-    const auto hash = document.content->find("sha256"); // a machine may write anything there
-    return hash != document.content->end() && *hash == std::string(sha256);
-}
-
-bool isInForce(const MachineDocument& document) {
-    return document.content->contains("enforced") && (*document.content)["enforced"] == true;
-}
-
-std::string resultReason(const MachineDocument& document) {
-    const std::string refused = member(*document.content, "refused");
-    return refused != "-" ? refused : "the machine could not put all of it into force: its trace log says where";
-}
-
-std::string resultsText(const std::vector<MachineDocument>& documents) {
-    return table(documents, {"MACHINE", "RESULT", "VERSION", "TIME", "POLICY"}, [](const nlohmann::json& content) {
-        const std::string word = resultWord(content);
-        return Row{word, member(content, "version"), member(content, "time"),
-                   member(content, word == "refused" ? "refused" : "id")};
-    });
-}
-
 std::string statesText(const std::vector<MachineDocument>& documents) {
-    return table(documents, {"MACHINE", "STATE", "SINCE"}, [](const nlohmann::json& content) {
-        return Row{member(content, "state"), member(content, "time")};
+    return documentTable(documents, {"MACHINE", "STATE", "SINCE"}, [](const nlohmann::json& content) {
+        return Row{cellOf(content, "state"), cellOf(content, "time")};
     });
 }
 
 std::string propertiesTable(const std::vector<MachineDocument>& documents) {
-    return table(documents, {"MACHINE", "VERSION", "PROTECTION", "COMPLIANT", "PATCH", "TIME"},
-                 [](const nlohmann::json& content) {
-                     const nlohmann::json sections = sectionsOf(content);
-                     const nlohmann::json general = sections.value("General", nlohmann::json::object());
-                     const std::string protection = yesOrNo(sections, "Options", "bSTEnabled");
-                     return Row{trimmed(member(general, "szProductVer")),
-                                protection == "yes"  ? "on"
-                                : protection == "no" ? "off"
-                                                     : protection,
-                                yesOrNo(sections, "CustomProps", "bComplianceStatus"), member(general, "Patch"),
-                                member(content, "time")};
-                 });
+    return documentTable(documents, {"MACHINE", "VERSION", "PROTECTION", "COMPLIANT", "PATCH", "TIME"},
+                         [](const nlohmann::json& content) {
+                             const nlohmann::json sections = sectionsOf(content);
+                             const nlohmann::json general = sections.value("General", nlohmann::json::object());
+                             const std::string protection = yesOrNo(sections, "Options", "bSTEnabled");
+                             return Row{trimmed(cellOf(general, "szProductVer")),
+                                        protection == "yes"  ? "on"
+                                        : protection == "no" ? "off"
+                                                             : protection,
+                                        yesOrNo(sections, "CustomProps", "bComplianceStatus"), cellOf(general, "Patch"),
+                                        cellOf(content, "time")};
+                         });
 }
 
 std::string propertiesText(const MachineDocument& document, const Palette& palette) {
     std::string text = fmt::format("{}{}{}  collected {}\n", palette.strong, printable(document.machine), palette.plain,
-                                   member(*document.content, "time"));
+                                   cellOf(*document.content, "time"));
     std::vector<Row> rows;
     const nlohmann::json sections = sectionsOf(*document.content);
     for (const auto& [section, keys] : sections.items()) {

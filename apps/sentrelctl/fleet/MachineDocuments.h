@@ -6,6 +6,7 @@
 #include "apps/sentrelctl/terminal/Output.h"
 
 #include <deque>
+#include <functional>
 #include <memory>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
@@ -28,15 +29,6 @@ MachineDocument machineDocument(std::string machine, std::string_view payload);
 /// are passed over.
 std::vector<MachineDocument> newestOfEach(const std::deque<MqttMessage>& messages, std::string_view site);
 
-/// Whether the result of a policy is about the document with this hash.
-bool isAbout(const MachineDocument& document, std::string_view sha256);
-/// Whether the result says that the policy is in force as a whole.
-bool isInForce(const MachineDocument& document);
-
-/// A table of the results of policies; its last column is the policy's id, or why it was refused.
-std::string resultsText(const std::vector<MachineDocument>& documents);
-/// Why a policy is not in force as a whole. Requires that it is not.
-std::string resultReason(const MachineDocument& document);
 /// A table of the most important properties.
 std::string propertiesTable(const std::vector<MachineDocument>& documents);
 /// Every property of one machine.
@@ -45,6 +37,16 @@ std::string statesText(const std::vector<MachineDocument>& documents);
 
 /// The document with "machine" in front and "error" behind.
 Json documentJson(const MachineDocument& document);
+
+using TableRow = std::vector<std::string>;
+
+/// The cell for a member of @p object, whatever it is: printable and bounded, a dash for nothing.
+std::string cellOf(const nlohmann::json& object, const char* name);
+
+/// A row for each document, below @p head, whose first column is the machine; a line when there is none. A document
+/// that cannot be read has the reason in its last column.
+std::string documentTable(const std::vector<MachineDocument>& documents, TableRow head,
+                          const std::function<TableRow(const nlohmann::json&)>& makeRow);
 
 /// Connects. @throws Failure, also for credentials that cannot be read.
 std::unique_ptr<MqttTool> connected(const BrokerAddress& address, MqttTool::TimePoint deadline);

@@ -1,6 +1,7 @@
 #include "apps/sentrelctl/policy/PolicyReport.h"
 
 #include "base/PrintableText.h"
+#include "policy/PolicyLimits.h"
 
 #include <algorithm>
 #include <fmt/format.h>
@@ -43,9 +44,9 @@ const char* CheckedPolicy::verdict() const {
     return check.gap.empty() ? "enforced" : "gap";
 }
 
-CheckedPolicy checkedPolicy(std::string message, const std::optional<HVBEnterprise::agent::PublicKey>& key) {
+CheckedPolicy checkedPolicy(std::string message, const HVBEnterprise::agent::PublicKeys& keys) {
     CheckedPolicy policy{std::move(message), {}, {}};
-    policy.reading = HVBEnterprise::agent::readPolicyMessage(policy.message, key);
+    policy.reading = HVBEnterprise::agent::readPolicyMessage(policy.message, keys);
     if (policy.reading.refused.empty()) {
         policy.check = checkPolicy(policy.reading.sections);
     }
@@ -54,6 +55,9 @@ CheckedPolicy checkedPolicy(std::string message, const std::optional<HVBEnterpri
 
 std::string policyName(const HVBEnterprise::agent::PolicyIdentity& identity) {
     std::string name = identity.version ? fmt::format("policy {}", *identity.version) : "policy without a version";
+    if (identity.epoch != policy::kFirstEpoch) {
+        name += fmt::format(" of epoch {}", identity.epoch);
+    }
     return identity.id.empty() ? name : fmt::format("{} ({})", name, printable(identity.id));
 }
 
@@ -86,8 +90,13 @@ std::string policyText(const CheckedPolicy& policy, const Palette& palette) {
 
 Json policyJson(const CheckedPolicy& policy) {
     const auto& identity = policy.reading.identity;
-    Json json{{"verdict", policy.verdict()}, {"version", nullptr}, {"id", nullptr}, {"sha256", identity.sha256}};
+    Json json{{"verdict", policy.verdict()},
+              {"epoch", nullptr},
+              {"version", nullptr},
+              {"id", nullptr},
+              {"sha256", identity.sha256}};
     if (identity.version) {
+        json["epoch"] = identity.epoch;
         json["version"] = *identity.version;
         json["id"] = validUtf8(identity.id);
     }

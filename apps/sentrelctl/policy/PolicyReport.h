@@ -6,7 +6,6 @@
 #include "apps/sentrelctl/terminal/Output.h"
 #include "platform/hvbagent/PolicyDocument.h"
 
-#include <optional>
 #include <string>
 
 namespace Sentrel::ctl {
@@ -25,8 +24,8 @@ struct CheckedPolicy {
     const char* verdict() const;
 };
 
-/// Reads @p message as a machine does that has this key, and checks it.
-CheckedPolicy checkedPolicy(std::string message, const std::optional<HVBEnterprise::agent::PublicKey>& key);
+/// Reads @p message as a machine does that has these keys, and checks it.
+CheckedPolicy checkedPolicy(std::string message, const HVBEnterprise::agent::PublicKeys& keys);
 
 /// "policy 7 (office)", printable.
 std::string policyName(const HVBEnterprise::agent::PolicyIdentity& identity);

@@ -2,6 +2,7 @@
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/fleet/FleetOptions.h"
 #include "apps/sentrelctl/fleet/MachineDocuments.h"
+#include "apps/sentrelctl/fleet/StatementText.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 
 #include <array>
@@ -74,7 +75,7 @@ Work describeFleetShow(OptionSet& set, Session& session) {
 
 Verbs fleetVerbs() {
     static constexpr std::array<Verb, 3> verbs{{
-        {"policy", "results", "Shows what became of the last policy on each machine of the site.",
+        {"policy", "results", "Shows which policy is in force on each machine of the site, and what was refused last.",
          "  sentrelctl policy results --machine desk-1", describeFleetShow<kResults>},
         {"properties", "show", "Shows the main properties of each machine of the site, or all of one machine.",
          "  sentrelctl properties show --machine desk-1", describeFleetShow<kProperties>},

@@ -1,19 +1,21 @@
 // sentrelctl policy check and policy push: what a policy would do, and how it gets to the broker.
 //
-// A push begins with the same check: the message is signed first, then read and checked as the machines will, so that
-// what is checked is byte for byte what is sent. What they would refuse, or could not put into force as a whole, is not
-// sent without --force. Nor is a list with a gap, which they would put into force as nobody meant it.
+// A push begins with the same check: the message gets the audience that it lacks and is signed first, then read and
+// checked as the machines will, so that what is checked is byte for byte what is sent. What they would refuse, or could
+// not put into force as a whole, is not sent without --force. Nor is a list with a gap, which they would put into force
+// as nobody meant it.
 //
 // What must stay so:
-// - --wait subscribes to the result before it publishes, so that a fast answer is not missed. A retained result is what
-//   was there before. Only one that is published now, and that is about this very message, counts.
+// - --wait subscribes to the statement before it publishes, so that a fast answer is not missed. A retained one is what
+//   was there before. Only one that is published now, and that speaks of this very document, counts.
 // - --wait is for one machine. A group has no known number of members, so there is no last answer.
 // - A file may be larger than a machine takes, up to twice the size. The check then gives the machine's own reason, and
 //   not an error about reading.
 // - A result "not in force" is a failure of the verb, although the push itself went well.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/fleet/FleetOptions.h"
-#include "apps/sentrelctl/fleet/MachineDocuments.h"
+#include "apps/sentrelctl/fleet/StatementText.h"
+#include "apps/sentrelctl/policy/PolicyAddress.h"
 #include "apps/sentrelctl/policy/PolicyReport.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "apps/sentrelctl/terminal/Input.h"
@@ -73,11 +75,11 @@ std::string wordsFor(const CheckedPolicy& policy) {
 constexpr const char* kMendTheGap = "Mend it, or let it through with --allow-gaps";
 
 void policyCheck(Session& session, const CheckOptions& options) {
-    std::optional<agent::PublicKey> key;
+    agent::PublicKeys keys;
     if (!options.publicKey.empty()) {
-        key = failAs("cannot read the public key", [&] { return agent::loadPublicKey(options.publicKey); });
+        keys.push_back(failAs("cannot read the public key", [&] { return agent::loadPublicKey(options.publicKey); }));
     }
-    const CheckedPolicy policy = checkedPolicy(contentOf(options.file, session.inputFd, kMaxRead), key);
+    const CheckedPolicy policy = checkedPolicy(contentOf(options.file, session.inputFd, kMaxRead), keys);
     session.out.write(session.json == JsonMode::Off ? policyText(policy, session.palette)
                                                     : jsonText(policyJson(policy), session.json));
     if (!policy.isFine(options.allowGaps)) {
@@ -86,13 +88,21 @@ void policyCheck(Session& session, const CheckOptions& options) {
     }
 }
 
+agent::Audience audienceOf(const PushOptions& options, const Fleet& fleet) {
+    return {.site = fleet.site, .group = options.group, .machine = options.fleet.machine};
+}
+
 /// The message to push, checked as the machines do. @throws Failure when it is not fine and --force is not given.
 CheckedPolicy policyToPush(Session& session, const PushOptions& options, const Fleet& fleet) {
-    std::string message = contentOf(options.file, session.inputFd, kMaxRead);
+    const agent::Audience audience = audienceOf(options, fleet);
+    std::string message = addressed(contentOf(options.file, session.inputFd, kMaxRead), audience);
     if (!options.signingKey.empty()) {
         message = failAs("cannot sign", [&] { return agent::signedMessage(message, options.signingKey); });
     }
-    CheckedPolicy policy = checkedPolicy(std::move(message), fleet.policyKey);
+    CheckedPolicy policy = checkedPolicy(std::move(message), fleet.policyKeys);
+    if (policy.reading.refused.empty()) {
+        policy.reading.refused = whyNotFor(policy.reading.identity, audience);
+    }
     session.err.write(problemsText(policy, Palette::of(false)));
     if (!policy.isFine(options.allowGaps) && !options.force) {
         throw Failure(ExitCode::Failed, "nothing was pushed", shownName(options.file), whyNotFine(policy),
@@ -101,13 +111,21 @@ CheckedPolicy policyToPush(Session& session, const PushOptions& options, const F
     return policy;
 }
 
-/// The machine's result for the policy with that hash, published after the push.
-MachineDocument awaitResult(MqttTool& broker, const std::string& machine, const std::string& sha256,
-                            MqttTool::TimePoint deadline) {
+/// What a machine said of the policy with that hash after the push.
+struct Answer {
+    MachineDocument statement;
+    PolicyWord word;
+};
+
+Answer awaitAnswer(MqttTool& broker, const std::string& machine, const std::string& sha256,
+                   MqttTool::TimePoint deadline) {
     while (const auto message = broker.next(deadline)) {
-        MachineDocument result = machineDocument(machine, message->payload);
-        if (!message->isRetained && isAbout(result, sha256)) {
-            return result;
+        MachineDocument statement = machineDocument(machine, message->payload);
+        if (message->isRetained) {
+            continue; // from before the push
+        }
+        if (std::optional<PolicyWord> word = wordOn(statement, sha256)) {
+            return {std::move(statement), *std::move(word)};
         }
     }
     throw Failure(ExitCode::TimedOut, "no result", machine,
@@ -120,16 +138,16 @@ Json pushedJson(const CheckedPolicy& policy, const std::string& topic) {
     return Json{{"topic", topic}, {"version", all["version"]}, {"id", all["id"]}, {"sha256", all["sha256"]}};
 }
 
-void tellResult(Session& session, const MachineDocument& result, Json json) {
+void tellAnswer(Session& session, const Answer& answer, Json json) {
     if (session.json == JsonMode::Off) {
-        session.out.write(resultsText({result}));
+        session.out.write(resultsText({answer.statement}));
     } else {
-        json["result"] = documentJson(result);
+        json["result"] = documentJson(answer.statement);
         session.out.write(jsonText(json, session.json));
     }
-    if (!isInForce(result)) {
-        throw Failure(ExitCode::Failed, "the policy is not in force as a whole", result.machine, resultReason(result),
-                      "");
+    if (!answer.word.isInForce) {
+        throw Failure(ExitCode::Failed, "the policy is not in force as a whole", answer.statement.machine,
+                      answer.word.why, "");
     }
 }
 
@@ -173,7 +191,7 @@ void policyPush(Session& session, const PushOptions& options) {
     const Json json = pushedJson(policy, topic);
     tellPushed(session, policy, target, json, !options.wait);
     if (options.wait) {
-        tellResult(session, awaitResult(*broker, options.fleet.machine, policy.reading.identity.sha256, deadline),
+        tellAnswer(session, awaitAnswer(*broker, options.fleet.machine, policy.reading.identity.sha256, deadline),
                    json);
     }
 }

@@ -1,6 +1,7 @@
 // The callback thread without a connection: what it calls when, and what it puts in the outbox. Real are the thread,
 // the outbox and the store; the services are doubles that see the order.
 #include "platform/hvbagent/AgentWorker.h"
+#include "hub/Exceptions.h"
 #include "platform/hvbagent/AgentLimits.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/PrivateRoot.h"
@@ -60,8 +61,9 @@ protected:
     void begin(std::chrono::seconds interval = std::chrono::hours(1)) {
         m_worker = std::make_unique<AgentWorker>(
             WorkerSettings{.softwareId = L"ID", .topics = Topics("s", "m"), .interval = interval},
-            PolicyInForce(PolicyStore(m_root.varDirectory() + "/policy.json"), {}), m_outbox,
-            std::make_shared<AgentLog>(nullptr));
+            PolicyInForce({m_root.varDirectory() + "/policy.json", m_root.varDirectory() + "/policy-record.json"},
+                          {.site = "s", .machine = "m", .groups = {}, .keys = {}, .requiresAudience = false}),
+            m_outbox, std::make_shared<AgentLog>(nullptr));
         m_worker->begin();
     }
     void collectWith(std::function<bool(bool, SectionsHandle&)> call) {
@@ -73,6 +75,22 @@ protected:
         ASSERT_TRUE(m_worker->take(service));
     }
     static std::string policy(int version) { return R"({"version": )" + std::to_string(version) + "}"; }
+
+    void arrived(int version) { m_worker->policyArrived({}, policy(version)); }
+
+    /// The next statement in the outbox in which a policy has been enforced; waits for it.
+    json nextEnforced() {
+        json statement;
+        do {
+            const Publication publication = next();
+            if (publication.topic.empty()) {
+                return {};
+            }
+            statement = json::parse(publication.payload);
+        } while (!statement.contains("in_force") || statement["in_force"].is_null() ||
+                 statement["in_force"]["enforced"].is_null());
+        return statement["in_force"];
+    }
 
     /// The next message in the outbox; waits for it.
     Publication next() {
@@ -86,20 +104,20 @@ protected:
     std::unique_ptr<AgentWorker> m_worker;
 };
 
-TEST_F(ACallbackThread, EnforcesTheSavedPolicyThenWhatCameThenCollects) {
+TEST_F(ACallbackThread, EnforcesTheSavedPolicyThenTheNewestThatCameThenCollects) {
     PolicyStore(m_root.varDirectory() + "/policy.json").save(policy(5));
     m_outbox->setConnected(true);
     begin();
     std::vector<std::string> order; // unguarded on purpose: the thread sanitizer would see two at a time
     m_worker->collect(false);
-    m_worker->policyArrived(policy(6));
-    m_worker->policyArrived(policy(7));
+    arrived(6);
+    arrived(7);
     enforceWith([&](const std::wstring& id, const SectionsHandle&) {
         order.emplace_back(id == L"ID" ? "policy" : "policy of another");
         return true;
     });
-    EXPECT_EQ(json::parse(next().payload)["version"], 6);
-    EXPECT_EQ(json::parse(next().payload)["version"], 7);
+    EXPECT_EQ(nextEnforced()["version"], 5);
+    EXPECT_EQ(nextEnforced()["version"], 7);
     collectWith([&](bool full, SectionsHandle&) {
         order.emplace_back(full ? "full" : "general");
         return true;
@@ -108,7 +126,7 @@ TEST_F(ACallbackThread, EnforcesTheSavedPolicyThenWhatCameThenCollects) {
     EXPECT_EQ(properties.topic, "orvanta/v1/s/m/properties");
     EXPECT_EQ(json::parse(properties.payload)["full"], true); // the policies asked for everything
     m_worker->end();
-    EXPECT_EQ(order, (std::vector<std::string>{"policy", "policy", "policy", "full"}));
+    EXPECT_EQ(order, (std::vector<std::string>{"policy", "policy", "full"}));
 }
 
 TEST_F(ACallbackThread, CollectsAtEachIntervalWhileItIsConnected) {
@@ -160,29 +178,86 @@ TEST_F(ACallbackThread, SendsNoPropertiesThatTheModuleDidNotGive) {
     EXPECT_FALSE(m_outbox->take());
 }
 
-TEST_F(ACallbackThread, LetsTheOldestPolicyGoWhenTooManyWait) {
+TEST_F(ACallbackThread, HoldsItsChoiceUntilWhatTheBrokerRetainsIsThere) {
     m_outbox->setConnected(true);
     begin();
-    const int last = static_cast<int>(kMaxWaitingPolicies) + 5;
-    for (int version = 1; version <= last; ++version) {
-        m_worker->policyArrived(policy(version));
+    std::vector<int> enforced;
+    enforceWith([&](const std::wstring&, const SectionsHandle&) {
+        enforced.push_back(1);
+        return true;
+    });
+    m_worker->connected();
+    for (int version = 1; version <= 40; ++version) {
+        arrived(version);
     }
-    enforceWith([](const std::wstring&, const SectionsHandle&) { return true; });
-    EXPECT_EQ(json::parse(next().payload)["version"], 6);
-    json result;
-    do {
-        result = json::parse(next().payload);
-    } while (result["version"] != last && !::testing::Test::HasFailure());
-    EXPECT_EQ(result["enforced"], true);
+    m_worker->policiesAreThere();
+    EXPECT_EQ(nextEnforced()["version"], 40);
+    m_worker->end();
+    EXPECT_EQ(enforced.size(), 1U);
 }
 
-TEST_F(ACallbackThread, ReportsAPolicyThatWasTooLargeToKeep) {
+TEST_F(ACallbackThread, ChoosesAfterAWhileWhenNobodySaysThatAllIsThere) {
+    m_outbox->setConnected(true);
     begin();
-    m_worker->policyTooLarge("hash", 99'999'999);
-    const Publication result = next();
-    EXPECT_EQ(result.topic, "orvanta/v1/s/m/policy/result");
-    EXPECT_EQ(json::parse(result.payload)["sha256"], "hash");
-    EXPECT_EQ(json::parse(result.payload)["refused"], "the document: is larger than 16777216 bytes, with 99999999");
+    enforceWith([](const std::wstring&, const SectionsHandle&) { return true; });
+    m_worker->connected();
+    arrived(1);
+    EXPECT_EQ(nextEnforced()["version"], 1);
+}
+
+TEST_F(ACallbackThread, TriesAnEnforcementAgainThatThrew) {
+    m_outbox->setConnected(true);
+    begin();
+    std::atomic<int> calls{0};
+    enforceWith([&](const std::wstring&, const SectionsHandle&) -> bool {
+        if (++calls == 1) {
+            throw HVB::HVBException(-1, "the hub is gone");
+        }
+        return true;
+    });
+    arrived(1);
+    json statement;
+    ASSERT_TRUE(eventually([&] {
+        const auto publication = m_outbox->take();
+        statement = publication ? json::parse(publication->payload) : json();
+        return statement.contains("failed") && !statement["failed"].is_null();
+    }));
+    EXPECT_EQ(statement["failed"]["why"], "the hub is gone");
+    EXPECT_EQ(statement["in_force"]["enforced"], false);
+    EXPECT_EQ(nextEnforced()["enforced"], true);
+    EXPECT_EQ(calls, 2);
+}
+
+TEST_F(ACallbackThread, BreaksAnEnforcementOffAtItsNextLookUp) {
+    PolicyStore(m_root.varDirectory() + "/policy.json").save(policy(5));
+    begin();
+    std::promise<void> inside;
+    std::atomic<bool> wentOn{false};
+    enforceWith([&](const std::wstring&, const SectionsHandle& document) {
+        std::wstring value;
+        inside.set_value();
+        (void)eventually([&] { return document.getPropValue(L"no such section", L"key", value); });
+        wentOn = true;
+        return true;
+    });
+    testing_support::await(inside.get_future(), "the enforcement");
+    m_worker->end();
+    EXPECT_FALSE(wentOn);
+    EXPECT_FALSE(m_outbox->take()) << "the next start enforces it: there is nothing to say";
+}
+
+TEST_F(ACallbackThread, StatesAPolicyThatWasTooLargeToKeep) {
+    begin();
+    enforceWith([](const std::wstring&, const SectionsHandle&) { return true; });
+    m_worker->policyArrived({}, OversizedPolicy{"hash", 99'999'999});
+    json refused;
+    ASSERT_TRUE(eventually([&] {
+        const auto publication = m_outbox->take();
+        refused = publication ? json::parse(publication->payload)["refused"] : json();
+        return !refused.is_null();
+    }));
+    EXPECT_EQ(refused["sha256"], "hash");
+    EXPECT_EQ(refused["why"], "the document: is larger than 16777216 bytes, with 99999999");
 }
 
 TEST_F(ACallbackThread, RefusesServicesAndForgetsPoliciesAfterItsEnd) {
@@ -192,7 +267,7 @@ TEST_F(ACallbackThread, RefusesServicesAndForgetsPoliciesAfterItsEnd) {
         std::make_unique<Enforcement>([](const std::wstring&, const SectionsHandle&) { return true; });
     EXPECT_FALSE(m_worker->take(service));
     EXPECT_NE(service, nullptr);
-    m_worker->policyArrived(policy(1));
+    arrived(1);
     m_worker->collect(true);
     m_worker->end(); // once more does nothing
     EXPECT_FALSE(m_outbox->take());
@@ -206,7 +281,7 @@ TEST_F(ACallbackThread, KnowsItself) {
         inside.set_value(AgentWorker::isWorker());
         return true;
     });
-    m_worker->policyArrived(policy(1));
+    arrived(1);
     EXPECT_TRUE(testing_support::await(inside.get_future(), "the enforcement"));
     EXPECT_FALSE(AgentWorker::isWorker());
 }

@@ -239,11 +239,20 @@ protected:
 };
 
 TEST_F(ASignedPolicy, IsReadWhenItsSignatureFits) {
-    const PolicyReading reading = readPolicyMessage(envelope(m_document, signatureOf(m_document)), m_public);
+    const PolicyReading reading = readPolicyMessage(envelope(m_document, signatureOf(m_document)), {m_public});
     EXPECT_EQ(reading.refused, "");
     EXPECT_EQ(reading.identity.version, 3);
     EXPECT_EQ(reading.identity.sha256, sha256Of(m_document));
     EXPECT_EQ(reading.sections.sections().size(), 1U);
+}
+
+TEST_F(ASignedPolicy, IsReadWhenItsSignatureFitsOneOfTwoKeys) {
+    PublicKey other = m_public;
+    other[0] ^= 1;
+    for (const PublicKeys& keys : {PublicKeys{other, m_public}, PublicKeys{m_public, other}}) {
+        EXPECT_EQ(readPolicyMessage(envelope(m_document, signatureOf(m_document)), keys).refused, "");
+    }
+    EXPECT_NE(readPolicyMessage(envelope(m_document, signatureOf(m_document)), {other, other}).refused, "");
 }
 
 TEST_F(ASignedPolicy, IsRefusedWhenItsSignatureDoesNotFit) {
@@ -253,15 +262,15 @@ TEST_F(ASignedPolicy, IsRefusedWhenItsSignatureDoesNotFit) {
     wrong[0] ^= 1;
     const std::string signature = signatureOf(m_document);
     const std::string reason = "/signature: does not fit the payload and this machine's key";
-    EXPECT_EQ(readPolicyMessage(envelope(other, signature), m_public).refused, reason);
-    EXPECT_EQ(readPolicyMessage(envelope(m_document, signature), wrong).refused, reason);
-    EXPECT_EQ(readPolicyMessage(envelope(m_document, signature.substr(1)), m_public).refused, reason);
-    EXPECT_EQ(readPolicyMessage(envelope(m_document, ""), m_public).refused, reason);
-    EXPECT_EQ(readPolicyMessage(envelope(other, signature), m_public).identity.sha256, sha256Of(other));
+    EXPECT_EQ(readPolicyMessage(envelope(other, signature), {m_public}).refused, reason);
+    EXPECT_EQ(readPolicyMessage(envelope(m_document, signature), {wrong}).refused, reason);
+    EXPECT_EQ(readPolicyMessage(envelope(m_document, signature.substr(1)), {m_public}).refused, reason);
+    EXPECT_EQ(readPolicyMessage(envelope(m_document, ""), {m_public}).refused, reason);
+    EXPECT_EQ(readPolicyMessage(envelope(other, signature), {m_public}).identity.sha256, sha256Of(other));
 }
 
 TEST_F(ASignedPolicy, IsTheOnlyFormForAMachineWithAKey) {
-    EXPECT_EQ(readPolicyMessage(m_document, m_public).refused,
+    EXPECT_EQ(readPolicyMessage(m_document, {m_public}).refused,
               "the document: is not signed, and this machine takes signed policies only");
 }
 
@@ -272,7 +281,7 @@ TEST_F(ASignedPolicy, IsReadByAMachineWithoutAKeyWhateverItsSignature) {
 }
 
 TEST_F(ASignedPolicy, IsRefusedWhenItsFormIsNotTheKnownOne) {
-    const auto refusal = [&](const json& message) { return readPolicyMessage(message.dump(), m_public).refused; };
+    const auto refusal = [&](const json& message) { return readPolicyMessage(message.dump(), {m_public}).refused; };
     const std::string payload = base64Of(m_document);
     EXPECT_EQ(refusal({{"payload", payload}}), "/signature: is missing");
     EXPECT_EQ(refusal({{"signature", payload}}), "/payload: is missing");
@@ -283,14 +292,52 @@ TEST_F(ASignedPolicy, IsRefusedWhenItsFormIsNotTheKnownOne) {
 }
 
 TEST_F(ASignedPolicy, IsRefusedWhenItsPayloadIsNoPolicyOrTooLarge) {
-    EXPECT_EQ(readPolicyMessage(envelope("{}", signatureOf("{}")), m_public).refused, "/version: is missing");
+    EXPECT_EQ(readPolicyMessage(envelope("{}", signatureOf("{}")), {m_public}).refused, "/version: is missing");
     const std::string nested = envelope(m_document, signatureOf(m_document));
-    EXPECT_NE(readPolicyMessage(envelope(nested, signatureOf(nested)), m_public).refused, "");
+    EXPECT_NE(readPolicyMessage(envelope(nested, signatureOf(nested)), {m_public}).refused, "");
     const PolicyBounds bounds{.bytes = 4096};
     const std::string largest = m_document + std::string(bounds.bytes - m_document.size(), ' ');
-    EXPECT_EQ(readPolicyMessage(envelope(largest, signatureOf(largest)), m_public, bounds).refused, "");
-    EXPECT_EQ(readPolicyMessage(envelope(largest + " ", signatureOf(largest + " ")), m_public, bounds).refused,
+    EXPECT_EQ(readPolicyMessage(envelope(largest, signatureOf(largest)), {m_public}, bounds).refused, "");
+    EXPECT_EQ(readPolicyMessage(envelope(largest + " ", signatureOf(largest + " ")), {m_public}, bounds).refused,
               "the document: is larger than 4096 bytes");
+}
+
+TEST(APolicyDocument, SaysItsEpochAndWhomItIsFor) {
+    const PolicyIdentity none = readPolicyDocument(R"({"version": 1})").identity;
+    EXPECT_EQ(none.epoch, 1);
+    EXPECT_FALSE(none.audience);
+    const PolicyReading machine =
+        readPolicyDocument(R"({"version": 1, "epoch": 1000000, "audience": {"site": "here", "machine": "m-1"}})");
+    EXPECT_EQ(machine.refused, "");
+    EXPECT_EQ(machine.identity.epoch, 1'000'000);
+    ASSERT_TRUE(machine.identity.audience);
+    EXPECT_EQ(machine.identity.audience->site, "here");
+    EXPECT_EQ(machine.identity.audience->machine, "m-1");
+    EXPECT_EQ(machine.identity.audience->group, "");
+    const PolicyReading group = readPolicyDocument(R"({"version": 1, "audience": {"site": "here", "group": "all"}})");
+    ASSERT_TRUE(group.identity.audience);
+    EXPECT_EQ(group.identity.audience->group, "all");
+}
+
+TEST(APolicyDocument, IsRefusedForAnEpochOrAnAudienceThatIsNone) {
+    const auto refusalWith = [](const std::string& member) {
+        return readPolicyDocument(R"({"version": 1, )" + member + "}").refused;
+    };
+    for (const char* epoch : {"0", "-1", "1000001", "1.0", "\"1\"", "null"}) {
+        EXPECT_EQ(refusalWith(std::string(R"("epoch": )") + epoch), "/epoch: is not an integer from 1 to 1000000")
+            << epoch;
+    }
+    const std::string part = R"(is not 1 to 64 characters out of letters, digits, "_", "." and "-")";
+    EXPECT_EQ(refusalWith(R"("audience": "here")"), "/audience: is not an object");
+    EXPECT_EQ(refusalWith(R"("audience": {"machine": "m"})"), "/audience/site: is missing");
+    EXPECT_EQ(refusalWith(R"("audience": {"site": "a/b", "machine": "m"})"), "/audience/site: " + part);
+    EXPECT_EQ(refusalWith(R"("audience": {"site": "a", "machine": 1})"), "/audience/machine: " + part);
+    EXPECT_EQ(refusalWith(R"("audience": {"site": "a", "group": ""})"), "/audience/group: " + part);
+    EXPECT_EQ(refusalWith(R"("audience": {"site": "a"})"), "/audience: names not just one of machine and group");
+    EXPECT_EQ(refusalWith(R"("audience": {"site": "a", "group": "g", "machine": "m"})"),
+              "/audience: names not just one of machine and group");
+    EXPECT_EQ(refusalWith(R"("audience": {"site": "a", "group": "g", "more": "m"})"),
+              "/audience/more: is no member of an audience");
 }
 
 } // namespace

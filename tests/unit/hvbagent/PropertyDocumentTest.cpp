@@ -33,29 +33,6 @@ TEST(APropertyDocument, IsValidUtf8WhateverTheTextsAre) {
     EXPECT_EQ(document["sections"]["a\xEF\xBF\xBD"]["\"\n"], std::string("\0\xEF\xBF\xBD", 4));
 }
 
-TEST(APolicyResult, TellsWhatEnforcementGave) {
-    const PolicyIdentity identity{.version = 3, .id = "x", .sha256 = "hash"};
-    EXPECT_EQ(json::parse(policyResult(identity, {true, "", 2}, "now")), json({{"version", 3},
-                                                                               {"id", "x"},
-                                                                               {"sha256", "hash"},
-                                                                               {"time", "now"},
-                                                                               {"enforced", true},
-                                                                               {"refused", nullptr},
-                                                                               {"rows_missing", 2}}));
-    EXPECT_EQ(json::parse(policyResult(identity, {false, "", {}}, "now"))["enforced"], false);
-}
-
-TEST(APolicyResult, TellsWhyAPolicyIsRefused) {
-    const PolicyIdentity unread{.version = {}, .id = {}, .sha256 = "hash"};
-    EXPECT_EQ(json::parse(policyResult(unread, {{}, "why", {}}, "now")), json({{"version", nullptr},
-                                                                               {"id", nullptr},
-                                                                               {"sha256", "hash"},
-                                                                               {"time", "now"},
-                                                                               {"enforced", nullptr},
-                                                                               {"refused", "why"},
-                                                                               {"rows_missing", nullptr}}));
-}
-
 TEST(AStateDocument, TellsOnlineOrOffline) {
     EXPECT_EQ(json::parse(stateDocument(true, "now")), json({{"state", "online"}, {"time", "now"}}));
     EXPECT_EQ(json::parse(stateDocument(false, "now")), json({{"state", "offline"}, {"time", "now"}}));

@@ -42,7 +42,7 @@ constexpr const char* kContentPlace = "/features/KPF_ContentFiltering/ContentAct
 constexpr const char* kSitesPlace = "/features/KPF_BlockAndAllowList/BlockAndAllowList/";
 
 PolicyCheck checked(const json& policy) {
-    const CheckedPolicy read = checkedPolicy(policy.dump(), std::nullopt);
+    const CheckedPolicy read = checkedPolicy(policy.dump(), {});
     EXPECT_EQ(read.reading.refused, "");
     return read.check;
 }
@@ -295,7 +295,7 @@ TEST(APolicyCheck, SaysThatAPolicyDoesNothingThatSwitchesItselfOff) {
 }
 
 TEST(APolicyReport, SaysWhyAPolicyIsRefused) {
-    const CheckedPolicy policy = checkedPolicy(R"({"version": -1})", std::nullopt);
+    const CheckedPolicy policy = checkedPolicy(R"({"version": -1})", {});
     EXPECT_STREQ(policy.verdict(), "refused");
     EXPECT_EQ(policyText(policy, Palette()), "policy without a version\n"
                                              "refused  /version: is not an integer from 0 to 9223372036854775807\n"
@@ -307,7 +307,7 @@ TEST(APolicyReport, IsHarmlessOnATerminal) {
     json policy = wholePolicy();
     policy["id"] = "\x1b[31mred";
     policy["sections"]["a\x1b[0m\nb"]["k"] = 1;
-    const std::string text = policyText(checkedPolicy(policy.dump(), std::nullopt), Palette());
+    const std::string text = policyText(checkedPolicy(policy.dump(), {}), Palette());
     EXPECT_EQ(text.find('\x1b'), std::string::npos) << text;
     EXPECT_TRUE(text.starts_with("policy 4 (\\x1b[31mred)\n")) << text;
 }
@@ -316,7 +316,7 @@ TEST(APolicyReport, ShowsWhatFailsBeforeWhatIsOdd) {
     json policy = wholePolicy();
     general(policy)["Sentrel"]["bEnableSentrel"] = 2;
     sites(policy).erase("uiSiteCount");
-    const std::string text = problemsText(checkedPolicy(policy.dump(), std::nullopt), Palette());
+    const std::string text = problemsText(checkedPolicy(policy.dump(), {}), Palette());
     EXPECT_TRUE(text.starts_with("fails    " + std::string(kSitesPlace) + "uiSiteCount: is missing")) << text;
 }
 

@@ -108,10 +108,12 @@ public:
 class RpzReader : public LineReader {
 public:
     LineReading read(std::string_view line, const HostSink& sink) override {
-        line = line.substr(0, line.find(';'));
         const bool wasOpen = m_open > 0;
-        m_open += static_cast<int>(std::count(line.begin(), line.end(), '('));
-        m_open -= static_cast<int>(std::count(line.begin(), line.end(), ')'));
+        const std::optional<std::string_view> content = withoutComment(line);
+        if (!content) {
+            return bad("closes a bracket that is not open");
+        }
+        line = *content;
         if (wasOpen || trimmed(line).empty()) {
             return kNothing;
         }
@@ -126,7 +128,35 @@ public:
         return record(line, sink);
     }
 
+    const char* faultAtEnd() const override {
+        return m_open > 0 ? "opens a bracket that nothing closes: what is behind it counts as its part" : nullptr;
+    }
+
 private:
+    /// The line up to its comment, with its brackets counted: those in a text are part of it. None when one closes
+    /// nothing.
+    std::optional<std::string_view> withoutComment(std::string_view line) {
+        bool isInText = false;
+        for (std::size_t at = 0; at < line.size(); ++at) {
+            const char c = line[at];
+            if (c == '\\') {
+                ++at; // the next one means itself
+            } else if (c == '"') {
+                isInText = !isInText;
+            } else if (isInText) {
+                continue;
+            } else if (c == ';') {
+                return line.substr(0, at);
+            } else if (c == '(') {
+                ++m_open;
+            } else if (c == ')' && m_open-- == 0) {
+                m_open = 0;
+                return std::nullopt;
+            }
+        }
+        return line;
+    }
+
     LineReading directive(std::string_view name, std::string_view rest) {
         if (lowerCase(name) == "$origin") {
             m_origin = lowerCase(nextWord(rest));
@@ -185,7 +215,7 @@ private:
 
     std::string m_origin;
     std::string m_owner;
-    int m_open = 0; ///< brackets
+    std::uint64_t m_open = 0; ///< brackets
 };
 
 /// Filters that name a whole host: "||host^", "@@||host^", and a host alone, with options that let the page itself be

@@ -56,6 +56,10 @@ public:
 
     /// @param line without its end; any bytes but NUL.
     virtual LineReading read(std::string_view line, const HostSink& sink) = 0;
+
+    /// Why the lines so far are no whole list, as the end of a sentence on the line since which it is so; nullptr when
+    /// they are.
+    virtual const char* faultAtEnd() const { return nullptr; }
 };
 
 std::unique_ptr<LineReader> readerOf(ListFormat format);

@@ -21,6 +21,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 namespace Sentrel::ratings {
 namespace {
@@ -46,6 +47,14 @@ UniqueFd lockedDirectory(const std::string& directory) {
     return lock;
 }
 
+/// What is gone from the directory stays gone after a power cut.
+void syncDirectory(const std::string& directory) {
+    const UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd.isOpen() || ::fsync(fd.get()) != 0) {
+        failFile(errno, directory, "cannot be synced: a power cut may bring back what was taken out");
+    }
+}
+
 UniqueFd openedList(const std::string& file, bool followsLinks) {
     UniqueFd fd(::open(file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC | (followsLinks ? 0 : O_NOFOLLOW)));
     struct stat facts {};
@@ -58,25 +67,49 @@ UniqueFd openedList(const std::string& file, bool followsLinks) {
     return fd;
 }
 
-/// When a file was last changed; now for what is no file, and for one from the future.
+/// When a file was last changed; now for what is no file, and for one from the future. A time before the epoch is none
+/// that a file was changed at: it counts as the epoch.
 std::chrono::sys_seconds dateOf(int fd) {
     struct stat facts {};
     const auto now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
     const bool isFile = ::fstat(fd, &facts) == 0 && S_ISREG(facts.st_mode);
-    return isFile ? std::min(now, std::chrono::sys_seconds(std::chrono::seconds(facts.st_mtim.tv_sec))) : now;
+    const std::chrono::sys_seconds changed(std::chrono::seconds(facts.st_mtim.tv_sec));
+    return isFile ? std::clamp(changed, std::chrono::sys_seconds(), now) : now;
+}
+
+void addBad(ListReport& report, BadLine line) {
+    if (++report.bad <= kToldBadLines) {
+        report.firstBad.push_back(std::move(line));
+    }
+}
+
+/// What is lacking since line @p number hides the rest of the list: it is told however many bad lines there are.
+void addHiding(ListReport& report, std::uint64_t number, const char* fault) {
+    if (report.firstBad.size() == kToldBadLines) {
+        report.firstBad.pop_back();
+    }
+    const auto behind = std::find_if(report.firstBad.begin(), report.firstBad.end(),
+                                     [number](const BadLine& each) { return each.number > number; });
+    report.firstBad.insert(behind, {number, fault});
+    ++report.bad;
 }
 
 ListReport readInto(EntryList& entries, LineSource& lines, ListFormat format) {
     ListReport report;
     const std::unique_ptr<LineReader> reader = readerOf(format);
     const HostSink sink = [&entries](std::string_view host, Marks marks) { entries.add(host, marks); };
+    std::uint64_t brokenSince = 0; // a line; 0: it is whole
     while (const auto line = lines.next()) {
         const LineReading reading =
             line->fault == nullptr ? reader->read(line->text, sink) : LineReading{LineKind::Bad, line->fault};
         report.passedOver += reading.kind == LineKind::PassedOver ? 1 : 0;
-        if (reading.kind == LineKind::Bad && ++report.bad <= kToldBadLines) {
-            report.firstBad.push_back({line->number, reading.fault});
+        if (reading.kind == LineKind::Bad) {
+            addBad(report, {line->number, reading.fault});
         }
+        brokenSince = reader->faultAtEnd() == nullptr ? 0 : brokenSince == 0 ? line->number : brokenSince;
+    }
+    if (brokenSince != 0) {
+        addHiding(report, brokenSince, reader->faultAtEnd());
     }
     return report;
 }
@@ -152,6 +185,7 @@ void ListStore::compile() {
         if (::unlink(databasePath().c_str()) != 0 && errno != ENOENT) {
             failFile(errno, databasePath(), "cannot be removed: its lists go on being used");
         }
+        syncDirectory(m_directory); // the lists in it, too
         return;
     }
     m_size = buildDatabase(lists, databasePath());

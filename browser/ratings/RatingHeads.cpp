@@ -28,11 +28,20 @@ json jsonOf(const ListFacts& facts) {
             {"phishing", facts.isPhishing}};
 }
 
+/// A date by which ages can be reckoned in any unit. @throws UnusableList for another one.
+std::chrono::sys_seconds dateIn(const json& value) {
+    const bool isUsable = value.is_number_integer() && value >= 0 && value <= kLatestDate.time_since_epoch().count();
+    if (!isUsable) {
+        throw UnusableList("it is damaged: its date is none");
+    }
+    return std::chrono::sys_seconds(std::chrono::seconds(value.get<std::int64_t>()));
+}
+
 ListFacts factsIn(const json& value) {
     return {.name = value.at("name").get<std::string>(),
             .source = value.at("source").get<std::string>(),
             .licence = value.at("licence").get<std::string>(),
-            .date = std::chrono::sys_seconds(std::chrono::seconds(value.at("date").get<std::int64_t>())),
+            .date = dateIn(value.at("date")),
             .count = value.at("count").get<std::uint64_t>(),
             .rating = value.at("rating").get<std::int32_t>(),
             .categories = value.at("categories").get<std::vector<std::string>>(),

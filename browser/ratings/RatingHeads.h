@@ -5,6 +5,7 @@
 #include "browser/ratings/ListFormats.h"
 #include "browser/ratings/RatingProvider.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -14,6 +15,10 @@
 namespace Sentrel::ratings {
 
 inline constexpr std::size_t kMaxLists = 64; // so many bits has a set of them
+
+/// The last date that a list can have, in the year 2242; the first one is that of the epoch. A clock that counts
+/// nanoseconds goes not much further.
+inline constexpr std::chrono::sys_seconds kLatestDate{std::chrono::seconds(std::int64_t{1} << 33U)};
 
 /// A list as it is kept. Threads: a plain value. Owner: the holder.
 struct ListHead {

@@ -62,6 +62,15 @@ TEST(AZoneOfPolicies, NamesItsTriggers) {
     EXPECT_EQ(readAs(ListFormat::Rpz, zone), "bad.test=1 bad.test=2 drop.test=1 no-data.test=1 whole.test=1 ");
 }
 
+TEST(AZoneOfPolicies, TakesABracketInATextForAText) {
+    EXPECT_EQ(readAs(ListFormat::Rpz, "a.test TXT \"why (see; \\\" below\" ; (\nb.test CNAME ."), "- b.test=1 ");
+}
+
+TEST(AZoneOfPolicies, RefusesABracketThatClosesNothing) {
+    EXPECT_EQ(readAs(ListFormat::Rpz, "a.test CNAME . )\n@ SOA a. b. (\n 1 2\n 3 4 5 )\nb.test CNAME ."),
+              "! b.test=1 ");
+}
+
 TEST(AZoneOfPolicies, TakesOutWhatItLetsThrough) {
     EXPECT_EQ(readAs(ListFormat::Rpz, "good.test CNAME rpz-passthru.\n*.good.test CNAME rpz-passthru."),
               "good.test=4 good.test=8 ");

@@ -1,4 +1,5 @@
 // Rating lists that are brought in, renewed and taken out.
+#include "tests/unit/ratings/DirectorySyncs.h"
 #include "tests/unit/ratings/RatingsFixture.h"
 
 #include <fcntl.h>
@@ -130,6 +131,71 @@ TEST_F(RatingLists, AreTakenOutOneByOne) {
     EXPECT_FALSE(m_store.remove("a"));
     EXPECT_TRUE(m_store.remove("b"));
     EXPECT_FALSE(fs::exists(databasePath()));
+}
+
+// Otherwise a power cut brings the last list back, and its sites are blocked again.
+TEST_F(RatingLists, AreGoneFromTheDiskOnceTheLastOneIsTakenOut) {
+    import("a", ListFormat::Domains, 50, "a.example\n");
+    bool isGoneFromDisk = false;
+    g_onDirectorySync = [&](const std::string& directory) {
+        isGoneFromDisk = isGoneFromDisk || (fs::equivalent(directory, listsDirectory()) &&
+                                            !fs::exists(databasePath()) && !fs::exists(listsDirectory() + "/a.list"));
+    };
+    m_store.remove("a");
+    g_onDirectorySync = nullptr;
+    EXPECT_TRUE(isGoneFromDisk);
+}
+
+TEST_F(RatingLists, OfAFileFromBefore1970AreAsOldAsCanBe) {
+    import("a", ListFormat::Domains, 50, "a.example\n");
+    const timespec times[2] = {{0, UTIME_OMIT}, {-2'000'000'000, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, m_directory.file("a.txt").c_str(), times, 0), 0);
+    const UpdateReport update = m_store.update("a").at(0);
+    ASSERT_TRUE(update.report.has_value()) << update.why;
+    EXPECT_EQ(update.report->facts.date, std::chrono::sys_seconds());
+    EXPECT_EQ(rated("a.example"), "50 a");
+}
+
+TEST_F(RatingLists, WithADateThatNoClockHasAreRefused) {
+    ListHead head = headOf("a", ListFormat::Domains, 50);
+    head.facts.date = kLatestDate;
+    EXPECT_EQ(readListHead(textOf(head)).facts.date, kLatestDate);
+    const DatabaseHead whole{{}, {head.facts}, {{}}};
+    EXPECT_EQ(readDatabaseHead(textOf(whole)).lists.at(0).date, kLatestDate);
+    const std::string date = "\"date\":" + std::to_string(kLatestDate.time_since_epoch().count());
+    for (const char* wrong : {"8589934593", "-1", "9223372036854775807", "-9223372036854775808", "18446744073709551615",
+                              "1e300", "1.5", "\"1\""}) {
+        for (const auto& [text, read] : {std::pair<std::string, void (*)(const std::string&)>{
+                                             textOf(head), [](const std::string& each) { readListHead(each); }},
+                                         {textOf(whole), [](const std::string& each) { readDatabaseHead(each); }}}) {
+            std::string damaged = text;
+            damaged.replace(damaged.find(date), date.size(), std::string("\"date\":") + wrong);
+            EXPECT_NE(refusal([&, reader = read] { reader(damaged); }).find("it is damaged: its"), std::string::npos)
+                << damaged;
+        }
+    }
+}
+
+TEST_F(RatingLists, OfAZoneTellWhereABracketIsOpenedAndNeverClosed) {
+    const ListReport report = import("a", ListFormat::Rpz, 50,
+                                     "a.test CNAME .\n@ IN SOA localhost. root. ( 1 2\n 3 4 5\nb.test CNAME .\n"
+                                     "c.test CNAME .\n");
+    EXPECT_EQ(report.facts.count, 1U);
+    EXPECT_EQ(report.bad, 1U);
+    ASSERT_EQ(report.firstBad.size(), 1U);
+    EXPECT_EQ(report.firstBad[0].number, 2U);
+    EXPECT_EQ(report.firstBad[0].fault, "opens a bracket that nothing closes: what is behind it counts as its part");
+}
+
+TEST_F(RatingLists, OfAZoneTellOfAnOpenBracketBesidesManyBadLines) {
+    std::string content = "a.test CNAME .\n";
+    for (int line = 0; line < 20; ++line) {
+        content += "bad.test\n";
+    }
+    const ListReport report = import("a", ListFormat::Rpz, 50, content + "b.test A (\n");
+    EXPECT_EQ(report.bad, 21U);
+    ASSERT_EQ(report.firstBad.size(), kToldBadLines);
+    EXPECT_EQ(report.firstBad.back().number, 22U);
 }
 
 TEST_F(RatingLists, SayThatTheLastOneStaysInUse) {

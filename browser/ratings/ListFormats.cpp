@@ -234,7 +234,7 @@ public:
         filter.remove_prefix(isAnchored ? 2 : 0);
         const std::string_view host = filter.substr(0, filter.find_first_of("^$/*|#"));
         std::string_view rest = filter.substr(host.size());
-        const bool isAlone = !isAnchored && !takesOut && rest.empty() && host.find('.') != std::string_view::npos;
+        const bool isAlone = !isAnchored && !takesOut && rest.empty() && isHostAlone(host);
         if (!isAlone && (!isAnchored || !rest.starts_with('^'))) {
             return kPassedOver;
         }
@@ -247,6 +247,16 @@ public:
     }
 
 private:
+    /// A filter without anything around it is a host, or a part of addresses such as "-120x600." or "&name.of=".
+    static bool isHostAlone(std::string_view filter) {
+        const auto canBeOfHost = [](char c) {
+            return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
+                   c == '.' || c < 0;
+        };
+        return filter.find('.') != std::string_view::npos && filter.back() != '.' &&
+               std::all_of(filter.begin(), filter.end(), canBeOfHost);
+    }
+
     /// Whether a filter with these options is for whole pages of its host, wherever they are opened from.
     static bool concernPages(std::string_view options) {
         bool namesTypes = false;

@@ -122,6 +122,16 @@ TEST(AListOfFilters, PassesOverWhatNamesAPartOfAHost) {
     }
 }
 
+TEST(AListOfFilters, PassesOverPartsOfAddressesThatLookLikeAHostAlone) {
+    for (const char* line : {"-120x600.", "_728x90.", "-click-tracker.", ".com.",
+                             "&ep.analytics_storage=", "a.example,b.c", "a.example~b", "a+b.example", "a.example."}) {
+        EXPECT_EQ(readAs(ListFormat::Adblock, line), "- ") << line;
+    }
+    EXPECT_EQ(readAs(ListFormat::Adblock, "_dmarc.a-b.example\nb\xc3\xbc"
+                                          "cher.example"),
+              "_dmarc.a-b.example=3 xn--bcher-kva.example=3 ");
+}
+
 TEST(AFormat, HasAName) {
     for (const ListFormat format : {ListFormat::Hosts, ListFormat::Domains, ListFormat::Rpz, ListFormat::Adblock}) {
         EXPECT_EQ(formatNamed(nameOfFormat(format)), format);

@@ -130,6 +130,12 @@ class AnInstallation(unittest.TestCase):
         self.assertEqual(sorted(numbers), numbers)
         self.assertEqual(3, len({tuple(each) for each in numbers}))
 
+    def test_has_chromium_look_for_a_changed_extension_where_it_got_the_first(self):
+        self.run_it(HOST)
+        told = next(iter(json.loads(self.text(POLICY))["ExtensionSettings"].values()))
+        self.assertEqual({"installation_mode": "force_installed", "update_url": (self.root / BY_HAND / "update.xml").as_uri(),
+                          "override_update_url": True}, told)
+
     def test_has_a_version_when_what_is_there_is_damaged(self):
         self.run_it(HOST)
         before = self.version()

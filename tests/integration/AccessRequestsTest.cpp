@@ -179,6 +179,31 @@ TEST_F(AMachineWithRequests, LeavesAnEntryThatWasAllowedByHandBefore) {
     EXPECT_THAT(list(), ElementsAre("allow site.example"));
 }
 
+TEST_F(AMachineWithRequests, KeepsAnEntryThatIsAllowedByHandDuringItsGrant) {
+    const std::string grant = run({"requests", "grant", ask(), "--for", "1h"})["id"].dump();
+    const CtlResult allowed = use({"list", "allow", "other.example", "site.example"});
+    EXPECT_EQ(allowed.code, 0);
+    EXPECT_EQ(allowed.err,
+              "sentrelctl: grant " + grant + " of site.example is ended, so that the entry stays for good.\n");
+    EXPECT_THAT(run({"requests", "grants"}), IsEmpty());
+    EXPECT_THAT(list(), ElementsAre("allow other.example", "allow site.example"));
+}
+
+TEST_F(AMachineWithRequests, KeepsAnEntryThatIsImportedDuringItsGrant) {
+    const std::string grant = run({"requests", "grant", ask(), "--for", "1h"})["id"].dump();
+    const CtlResult imported = use({"list", "import", "--replace", "-", "--json=short"}, "allow site.example\n");
+    EXPECT_EQ(imported.code, 0) << imported.err;
+    EXPECT_EQ(json::parse(imported.out)["ended_grants"].dump(), "[" + grant + "]");
+    EXPECT_THAT(run({"requests", "grants"}), IsEmpty());
+    EXPECT_THAT(list(), ElementsAre("allow site.example"));
+}
+
+TEST_F(AMachineWithRequests, LeavesAGrantWhoseEntryIsBlockedByHand) {
+    run({"requests", "grant", ask(), "--for", "1h"});
+    does({"list", "block", "site.example"});
+    EXPECT_EQ(run({"requests", "grants"}).size(), 1U);
+}
+
 TEST_F(AMachineWithRequests, BlocksAgainWhatWasBlockedBeforeTheGrant) {
     does({"list", "block", "site.example"});
     const std::string grant = run({"requests", "grant", ask()})["id"].dump();

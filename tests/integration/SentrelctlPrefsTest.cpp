@@ -256,13 +256,14 @@ TEST_F(APreferenceClient, EntersChangesAndRemovesUrls) {
 }
 
 TEST_F(APreferenceClient, AnswersForTheListInJson) {
-    EXPECT_EQ(does({"list", "block", "http://a.example/", "--json=short"}),
-              R"({"entries":1,"allow":0,"block":1,"changed":[{"url":"http://a.example/","action":"block","code":1}]})"
-              "\n");
+    EXPECT_EQ(
+        does({"list", "block", "http://a.example/", "--json=short"}),
+        R"({"entries":1,"allow":0,"block":1,"changed":[{"url":"http://a.example/","action":"block","code":1}],"ended_grants":[]})"
+        "\n");
     EXPECT_EQ(does({"list", "show", "--json=short"}), R"([{"url":"http://a.example/","action":"block","code":1}])"
                                                       "\n");
     EXPECT_EQ(does({"list", "import", "--allow", "--json=short", "-"}, "b\n"),
-              R"({"entries":2,"allow":1,"block":1,"imported":{"entries":1,"allow":1,"block":0}})"
+              R"({"entries":2,"allow":1,"block":1,"imported":{"entries":1,"allow":1,"block":0},"ended_grants":[]})"
               "\n");
 }
 

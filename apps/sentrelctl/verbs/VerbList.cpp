@@ -1,6 +1,7 @@
 // sentrelctl list: the entries of the allow/block list, one by one.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/ListChange.h"
+#include "apps/sentrelctl/requests/GrantEnding.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "base/Paths.h"
 #include "base/PrintableText.h"
@@ -57,11 +58,17 @@ void refuseFaultyUrls(const std::vector<std::string>& urls) {
     }
 }
 
+/// What was done besides the list. Threads: a plain value. Owner: the verb.
+struct Named {
+    UrlList entries;
+    EndedGrants endedGrants;
+};
+
 /// Shows those that were named, as they are in force, and how large the list is now.
-void answer(Session& session, const UrlList& named, const UrlList& list) {
+void answer(Session& session, const Named& named, const UrlList& list) {
     if (session.json == JsonMode::Off) {
         std::string text;
-        for (const ListEntry& entry : named) {
+        for (const ListEntry& entry : named.entries) {
             text += entryText(entry, session.palette);
         }
         session.out.write(text + fmt::format("The list has {}.\n", countText(list)));
@@ -69,22 +76,26 @@ void answer(Session& session, const UrlList& named, const UrlList& list) {
     }
     Json json = countJson(list);
     json["changed"] = Json::array();
-    for (const ListEntry& entry : named) {
+    for (const ListEntry& entry : named.entries) {
         json["changed"].push_back(entryJson(entry));
     }
+    json["ended_grants"] = endedGrantsJson(named.endedGrants);
     session.out.write(jsonText(json, session.json));
 }
 
 void listPut(Session& session, const ListOptions& options, int action) {
     refuseFaultyUrls(options.urls);
-    UrlList changes;
+    Named named;
     for (const std::string& url : options.urls) {
-        changes.push_back({url, action});
+        named.entries.push_back({url, action});
     }
+    named.endedGrants = endGrantsOf(session, named.entries, options.timeout);
     PreferenceClient client(options.timeout);
     UrlList list = client.read(ST_ALLOW_BLOCK_LIST).list;
-    applyChanges(list, changes);
-    answer(session, changes, replaceList(session, client, list, options.timeout));
+    applyChanges(list, named.entries);
+    const UrlList now = replaceList(session, client, list, options.timeout);
+    tellOfUnseenGrants(session, named.endedGrants);
+    answer(session, named, now);
 }
 
 void listRemove(Session& session, const ListOptions& options) {

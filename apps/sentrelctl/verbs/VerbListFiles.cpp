@@ -14,6 +14,7 @@
 //   come from policies and other clients.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/ListChange.h"
+#include "apps/sentrelctl/requests/GrantEnding.h"
 #include "apps/sentrelctl/terminal/Failure.h"
 #include "apps/sentrelctl/terminal/Input.h"
 #include "base/PrintableText.h"
@@ -76,6 +77,7 @@ UrlList entriesOf(Session& session, const ListFilesOptions& options) {
 
 void listImport(Session& session, const ListFilesOptions& options) {
     const UrlList entries = entriesOf(session, options);
+    const EndedGrants endedGrants = endGrantsOf(session, entries, options.timeout);
     PreferenceClient client(options.timeout);
     UrlList list;
     if (!options.replace) {
@@ -83,12 +85,14 @@ void listImport(Session& session, const ListFilesOptions& options) {
     }
     applyChanges(list, entries);
     const UrlList now = replaceList(session, client, list, options.timeout);
+    tellOfUnseenGrants(session, endedGrants);
     if (session.json == JsonMode::Off) {
         session.out.write(fmt::format("Imported {}. The list has {}.\n", countText(entries), countText(now)));
         return;
     }
     Json json = countJson(now);
     json["imported"] = countJson(entries);
+    json["ended_grants"] = endedGrantsJson(endedGrants);
     session.out.write(jsonText(json, session.json));
 }
 

@@ -1,4 +1,8 @@
 // sentrelctl list: the entries of the allow/block list, one by one.
+//
+// The hub carries the list whole, so each change reads it, changes it and sends it back. An entry that is allowed here
+// stays for good: a grant of the same entry is ended first, as its end would take the entry out. What is refused is
+// refused before anything is changed.
 #include "apps/sentrelctl/Verbs.h"
 #include "apps/sentrelctl/preferences/ListChange.h"
 #include "apps/sentrelctl/requests/GrantEnding.h"

@@ -14,6 +14,7 @@
 #include "tests/support/Machine.h"
 #include "tests/support/MqttBroker.h"
 #include "tests/support/MqttObserver.h"
+#include "tests/support/PolicyAnswers.h"
 #include "tests/support/Preferences.h"
 #include "tests/support/ProcessMemory.h"
 
@@ -212,6 +213,7 @@ public:
 
     /// From publishing to the last signal, which tells that the list is stored.
     void carry(const std::string& message) {
+        m_last = message;
         m_speaking.publish(topic("policy"), message);
         m_expected += kSignals;
         constexpr int patiences = 20; // of a long list under a sanitizer
@@ -225,8 +227,7 @@ public:
 
     /// Waits until the daemon is done with the last policy.
     void settle() {
-        const auto result = m_hearing.next(topic("policy/result"));
-        require(result && json::parse(result->payload)["enforced"] == true, "a policy is not enforced");
+        require(answerOn(m_hearing, topic("policy/result"), m_last)["enforced"] == true, "a policy is not enforced");
         require(m_hearing.next(topic("properties")).has_value(), "no properties come after a policy");
     }
 
@@ -240,6 +241,7 @@ private:
     MqttObserver m_hearing{m_broker.port()};
     PreferenceClient m_signals{m_machine.bus().socketPath()};
     std::size_t m_expected = 0;
+    std::string m_last; ///< the policy that was published last
 };
 
 /// Publishes policies of a size, one after the other. @p version is that of the last one, before and after.
@@ -294,9 +296,11 @@ void runClients(int first, int count, int port, const std::string& directory) {
     for (int number = first; number < first + count; ++number) {
         const json configuration = {
             {"broker", {{"host", "127.0.0.1"}, {"port", port}}}, {"site", kSite}, {"machine", clientName(number)}};
-        clients.push_back(std::make_unique<agent::AgentClient>(agent::readAgentConfiguration(configuration.dump()),
-                                                               "BENCH", directory + "/" + clientName(number) + ".json",
-                                                               std::make_shared<agent::AgentLog>(nullptr)));
+        clients.push_back(std::make_unique<agent::AgentClient>(
+            agent::readAgentConfiguration(configuration.dump()), "BENCH",
+            agent::PolicyFiles{directory + "/" + clientName(number) + ".json",
+                               directory + "/" + clientName(number) + "-record.json"},
+            std::make_shared<agent::AgentLog>(nullptr)));
         clients.back()->begin();
         std::unique_ptr<HVBEnterprise::IAgentPolicyEnforcement> module = std::make_unique<AnyPolicy>();
         require(clients.back()->take(module), "a client takes no service");
@@ -331,12 +335,14 @@ public:
 
     /// From publishing a policy of the whole site to the last result.
     double carry(int version) {
-        const std::string message = policy(version, kFull.small);
+        json document = json::parse(policy(version, kFull.small));
+        document["audience"] = {{"site", kSite}, {"group", "all"}};
+        const std::string message = document.dump();
         return milliseconds([&] {
             m_observer.publish("orvanta/v1/here/group/all/policy", message);
             for (int number = 0; number < m_clients; ++number) {
-                const json result = next(number, "policy/result");
-                require(result["enforced"] == true && result["version"] == version, "a client does not enforce");
+                const std::string topic = fmt::format("orvanta/v1/here/{}/policy/result", clientName(number));
+                require(answerOn(m_observer, topic, message)["enforced"] == true, "a client does not enforce");
             }
         });
     }

@@ -52,7 +52,7 @@ inline constexpr std::size_t kMaxSmallValues = 256;
 /// Bytes of a property document; a larger one is a defect of the module and is not sent.
 inline constexpr std::size_t kMaxPropertyBytes = std::size_t{1} << 20U;
 /// Nesting and values of what a machine publishes, as a tool takes it.
-inline constexpr std::size_t kMaxMachineDepth = 4;
+inline constexpr std::size_t kMaxMachineDepth = 6;
 inline constexpr std::size_t kMaxMachineValues = 100'000;
 /// Bytes of a user's name and of a password, of a host's name, and of a path.
 inline constexpr std::size_t kMaxCredentialBytes = 1024;

@@ -93,6 +93,7 @@ bool AgentWorker::take(std::unique_ptr<IAgentPolicyEnforcement>& service) {
 void AgentWorker::connected() {
     const Sentrel::MutexLock lock(m_mutex);
     m_heldUntil = Clock::now() + kRetainedPatience;
+    m_waiting.beginRound();
     m_statementIsDue = true;
     m_collect = true;
     m_changed.notifyOne();
@@ -158,7 +159,7 @@ std::optional<AgentWorker::Task> AgentWorker::nextPolicyTask() {
         return SavedPolicy{};
     }
     const auto now = Clock::now();
-    if (!m_waiting.isEmpty() && now >= m_heldUntil) {
+    if (m_waiting.isDue() && now >= m_heldUntil) {
         return m_waiting.takeAll();
     }
     if (m_nextAttempt && now >= *m_nextAttempt) {
@@ -190,7 +191,7 @@ std::optional<AgentWorker::Task> AgentWorker::nextTask() {
 /// When something may be to be done although nobody says so.
 AgentWorker::Clock::time_point AgentWorker::nextTime() const {
     Clock::time_point next = m_nextInterval;
-    if (m_nextAttempt) {
+    if (m_nextAttempt && !Sentrel::isTakenOver()) {
         next = std::min(next, *m_nextAttempt);
     }
     if (m_heldUntil > Clock::now()) {
@@ -234,54 +235,71 @@ IAgentPropertyCollection& AgentWorker::collection() {
     return *m_collection;
 }
 
-void AgentWorker::run(SavedPolicy) {
-    const bool wasCalled = m_policies.enforceSaved(enforcement());
-    plan(wasCalled);
-    publishStatement();
+/// Does work that may change what is said of the policies, and takes up what it leaves to be done, also when it throws.
+template <class Work>
+void AgentWorker::workOnPolicies(const Work& work) {
+    PolicyWork::Done done = PolicyWork::Done::Nothing;
+    try {
+        done = work();
+    } catch (...) {
+        plan();
+        throw;
+    }
+    plan();
+    if (done == PolicyWork::Done::Enforced) {
+        collect(true);
+    }
+    if (done != PolicyWork::Done::Nothing) {
+        publishStatement();
+    }
 }
 
-void AgentWorker::run(WaitingPolicies::Messages& messages) {
-    const bool wasCalled = m_policies.look(std::move(messages), enforcement());
-    plan(wasCalled);
-    publishStatement();
+void AgentWorker::run(SavedPolicy) {
+    workOnPolicies([this] { return m_policies.enforceSaved(enforcement()); });
+}
+
+void AgentWorker::run(WaitingPolicies::Arrivals& arrivals) {
+    std::vector<PolicyTopic> topics;
+    for (const auto& [topic, message] : arrivals.messages) {
+        topics.push_back(topic);
+    }
+    try {
+        workOnPolicies([&] { return m_policies.look(std::move(arrivals), enforcement()); });
+    } catch (...) { // for want of memory: the broker has them still
+        const Sentrel::MutexLock lock(m_mutex);
+        for (const PolicyTopic& topic : topics) {
+            m_waiting.want(topic);
+        }
+        throw;
+    }
 }
 
 void AgentWorker::run(Attempt) {
-    const bool isNews = m_policies.attemptAgain(enforcement());
-    plan(isNews);
-    if (isNews) {
-        publishStatement();
-    }
+    workOnPolicies([this] { return m_policies.attemptAgain(enforcement()); });
 }
 
 void AgentWorker::run(Statement) {
     publishStatement();
 }
 
-/// Takes up what the work on policies leaves to be done.
-/// @param wasCalled whether the module enforced something, which may have changed its properties.
-void AgentWorker::plan(bool wasCalled) {
+void AgentWorker::plan() {
     const std::vector<PolicyTopic> wanted = m_policies.takeWanted();
     const Sentrel::MutexLock lock(m_mutex);
     m_nextAttempt = m_policies.nextAttempt();
     for (const PolicyTopic& topic : wanted) {
         m_waiting.want(topic);
     }
-    if (wasCalled) {
-        m_collect = true;
-    }
 }
 
-/// Nothing at the end: a policy that is broken off has nothing to be said of it.
+/// Also at the end: that a policy is in force and not known to be enforced is worth saying.
 void AgentWorker::publishStatement() {
     {
         const Sentrel::MutexLock lock(m_mutex);
         m_statementIsDue = false;
     }
-    if (m_breakOff->hasBegun()) {
-        return;
+    if (!Sentrel::isTakenOver()) {
+        m_outbox->post({m_settings.topics.result(), m_policies.statement()});
     }
-    m_outbox->post({m_settings.topics.result(), m_policies.statement()});
 }
 
 void AgentWorker::run(Collection wanted) {

@@ -74,7 +74,7 @@ private:
     struct Collection {
         bool full;
     };
-    using Task = std::variant<SavedPolicy, WaitingPolicies::Messages, Attempt, Statement, Collection>;
+    using Task = std::variant<SavedPolicy, WaitingPolicies::Arrivals, Attempt, Statement, Collection>;
 
     void work();
     std::optional<Task> awaitTask();
@@ -86,11 +86,13 @@ private:
     IAgentPropertyCollection& collection();
 
     void run(SavedPolicy);
-    void run(WaitingPolicies::Messages& messages);
+    void run(WaitingPolicies::Arrivals& arrivals);
     void run(Attempt);
     void run(Statement);
     void run(Collection wanted);
-    void plan(bool wasCalled);
+    template <class Work>
+    void workOnPolicies(const Work& work);
+    void plan();
     void publishStatement();
 
     // constant after construction

@@ -10,6 +10,7 @@
 //
 // What must stay so:
 // - The same policy again is that in force, whoever it says it is for: it was judged when it was taken.
+// - A document that says whom it is for counts on that topic alone.
 // - A policy of the same topic that is older, or that has another content under the same version, is refused: somebody
 //   made a mistake there. One of another topic is passed over: that is how topics work together.
 // - A policy that cannot be saved is not enforced, and can be taken later.
@@ -26,15 +27,19 @@
 namespace HVBEnterprise::agent {
 namespace {
 
-/// Whether one policy takes the other's place.
+/// Whether one policy takes the other's place. A topic that is not known is behind every other.
 bool isBefore(const PolicyIdentity& one, const PolicyTopic& oneTopic, const PolicyAge& other,
-              const PolicyTopic& otherTopic) {
+              const std::optional<PolicyTopic>& otherTopic) {
     const PolicyAge age = ageOf(one);
-    return age > other || (age == other && oneTopic.isNearerThan(otherTopic));
+    return age > other || (age == other && (!otherTopic || oneTopic.isNearerThan(*otherTopic)));
 }
 
-std::string inForceWords(const PolicyAge& age, const PolicyTopic& topic) {
-    return ageText(age) + " of " + topic.text();
+bool isMemberOf(const PolicyTaker& taker, const std::string& group) {
+    return group == kEveryMachine || std::find(taker.groups.begin(), taker.groups.end(), group) != taker.groups.end();
+}
+
+std::string wordsFor(const PolicyRecord& record) {
+    return ageText(ageOf(record)) + (record.topic ? " of " + record.topic->text() : "");
 }
 
 } // namespace
@@ -66,8 +71,17 @@ bool PolicyInForce::takeRecord(std::string& trouble) {
     } catch (const std::exception& error) {
         trouble = m_recordPath + ": " + error.what();
     }
-    if (!m_record || (m_record->site == m_taker.site && m_record->machine == m_taker.machine)) {
+    if (!m_record) {
         return true;
+    }
+    if (m_record->site == m_taker.site && m_record->machine == m_taker.machine) {
+        const std::string group = m_record->topic ? m_record->topic->group : "";
+        if (group.empty() || isMemberOf(m_taker, group)) {
+            return true;
+        }
+        trouble = "the saved policy came from group " + group + ", which this machine is not in any more";
+        m_record.reset();
+        return false;
     }
     trouble = "the saved policy was taken as machine " + shortPrintable(m_record->machine) + " of site " +
               shortPrintable(m_record->site) + ", which this machine is not";
@@ -95,7 +109,7 @@ std::string PolicyInForce::restore() {
     try {
         const std::optional<std::string> message = m_store.load();
         if (!message) {
-            return trouble;
+            return m_record ? m_store.path() + " is gone; this machine has had " + ageText(ageOf(*m_record)) : trouble;
         }
         PolicyReading reading = readPolicyMessage(*message, m_taker.keys);
         if (const std::string why = whyNotSaved(reading); !why.empty()) {
@@ -104,7 +118,7 @@ std::string PolicyInForce::restore() {
         m_reading = std::move(reading);
         m_isThere = true;
         if (!m_record || m_record->sha256 != m_reading.identity.sha256) {
-            m_record = recordOf(PolicyTopic{}, m_reading.identity); // which topic it came to nobody knows any more
+            m_record = recordOf(std::nullopt, m_reading.identity);
             savePolicyRecord(m_recordPath, *m_record);
         }
     } catch (const std::exception& error) {
@@ -125,53 +139,55 @@ std::string PolicyInForce::whyNotForUs(const PolicyIdentity& identity, const std
     if (audience->site != m_taker.site) {
         return "it is for site " + audience->site;
     }
-    if (!audience->machine.empty()) {
-        return audience->machine == m_taker.machine ? "" : "it is for machine " + audience->machine;
+    if (!audience->machine.empty() && audience->machine != m_taker.machine) {
+        return "it is for machine " + audience->machine;
     }
-    const bool isMember = audience->group == kEveryMachine || std::find(m_taker.groups.begin(), m_taker.groups.end(),
-                                                                        audience->group) != m_taker.groups.end();
-    return isMember ? "" : "it is for group " + audience->group + ", which this machine is not in";
+    if (!audience->group.empty() && !isMemberOf(m_taker, audience->group)) {
+        return "it is for group " + audience->group + ", which this machine is not in";
+    }
+    // How near a topic is counts, and whoever writes to the broker chooses the topic.
+    const bool isItsTopic = !topic || topic->group == audience->group;
+    return isItsTopic ? "" : "it is for " + PolicyTopic{audience->group}.text() + ", and came to " + topic->text();
+}
+
+bool PolicyInForce::isInForce(const PolicyIdentity& identity) const {
+    return m_isThere && identity.sha256 == m_reading.identity.sha256;
 }
 
 bool PolicyInForce::isNewerThanRecord(const PolicyTopic& topic, const PolicyIdentity& identity) const {
     if (!m_record || isBefore(identity, topic, ageOf(*m_record), m_record->topic)) {
         return true;
     }
-    // What was lost is taken again.
-    return !m_isThere && ageOf(identity) == ageOf(*m_record) && identity.sha256 == m_record->sha256;
+    return !m_isThere && ageOf(identity) == ageOf(*m_record); // what was lost is taken again
 }
 
-/// Judges one policy by itself. One that may be the newest counts as passed over for now.
-JudgedPolicy PolicyInForce::judged(const PolicyTopic& topic, const PolicyReading& reading) const {
-    JudgedPolicy policy{.topic = topic, .identity = reading.identity, .why = reading.refused};
-    if (!policy.why.empty()) {
-        return policy;
-    }
-    if (m_isThere && reading.identity.sha256 == m_reading.identity.sha256) {
+/// Says of a policy that is fit what it is beside the record. Requires a record.
+void PolicyInForce::place(JudgedPolicy& policy) const {
+    policy.why.clear();
+    if (isInForce(policy.identity)) {
         policy.fate = PolicyFate::InForce;
-        return policy;
-    }
-    policy.why = whyNotForUs(reading.identity, topic);
-    if (!policy.why.empty()) {
-        return policy;
+        return;
     }
     policy.fate = PolicyFate::PassedOver;
-    if (isNewerThanRecord(topic, reading.identity)) {
-        return policy;
+    if (isNewerThanRecord(policy.topic, policy.identity)) {
+        policy.why = "one that could not be saved came with it";
+        return;
     }
     const PolicyAge highest = ageOf(*m_record);
-    const bool isOlder = ageOf(reading.identity) < highest;
-    if (topic != m_record->topic) {
-        policy.why = (isOlder ? "it is older than " : "it is not as near as ") + inForceWords(highest, m_record->topic);
-        return policy;
+    const bool isOlder = ageOf(policy.identity) < highest;
+    if (!m_isThere) {
+        policy.fate = PolicyFate::Refused;
+        policy.why = "it is older than " + ageText(highest) + ", which this machine has had";
+    } else if (m_record->topic != policy.topic) {
+        policy.why = (isOlder ? "it is older than " : "it is not as near as ") + wordsFor(*m_record);
+    } else {
+        policy.fate = PolicyFate::Refused;
+        policy.why = isOlder ? "it is older than the policy in force, which has " + ageText(highest)
+                             : "a policy with other content is in force as " + ageText(highest);
     }
-    policy.fate = PolicyFate::Refused;
-    policy.why = isOlder ? "it is older than the policy in force, which has " + ageText(highest)
-                         : "a policy with other content is in force as " + ageText(highest);
-    return policy;
 }
 
-PolicyRecord PolicyInForce::recordOf(const PolicyTopic& topic, const PolicyIdentity& identity) const {
+PolicyRecord PolicyInForce::recordOf(const std::optional<PolicyTopic>& topic, const PolicyIdentity& identity) const {
     return {.site = m_taker.site,
             .machine = m_taker.machine,
             .epoch = identity.epoch,
@@ -202,40 +218,73 @@ void PolicyInForce::take(Candidate best, PolicyChoice& choice) {
     }
 }
 
-PolicyChoice PolicyInForce::choose(std::vector<ArrivedPolicy> arrived) {
-    PolicyChoice choice;
+/// Judges each policy by itself, and finds the newest of those that are newer than the record.
+std::optional<PolicyInForce::Candidate> PolicyInForce::best(std::vector<ArrivedPolicy> arrived,
+                                                            PolicyChoice& choice) const {
     std::optional<Candidate> best;
     for (ArrivedPolicy& each : arrived) {
         PolicyReading reading = readPolicyMessage(each.message, m_taker.keys);
-        choice.judged.push_back(judged(each.topic, reading));
-        const JudgedPolicy& policy = choice.judged.back();
-        const bool isCandidate = policy.fate == PolicyFate::PassedOver && policy.why.empty();
+        JudgedPolicy policy;
+        policy.topic = each.topic;
+        policy.identity = reading.identity;
+        policy.why = reading.refused;
+        const bool isKnown = policy.why.empty() && isInForce(reading.identity);
+        if (policy.why.empty() && !isKnown) {
+            policy.why = whyNotForUs(reading.identity, each.topic);
+        }
+        policy.isFit = policy.why.empty();
+        choice.judged.push_back(policy);
+        const bool isCandidate = policy.isFit && !isKnown && isNewerThanRecord(each.topic, reading.identity);
         if (isCandidate &&
             (!best || isBefore(reading.identity, each.topic, ageOf(best->reading.identity), best->topic))) {
             best = Candidate{each.topic, std::move(each.message), std::move(reading), choice.judged.size() - 1};
         }
     }
-    if (best) {
-        take(*std::move(best), choice);
-    }
-    for (JudgedPolicy& policy : choice.judged) {
-        if (policy.fate != PolicyFate::Refused) {
-            settle(policy);
-        }
-    }
-    return choice;
+    return best;
 }
 
-/// Says of a policy that was not refused whether it is the one.
-void PolicyInForce::settle(JudgedPolicy& policy) const {
-    if (m_isThere && policy.identity.sha256 == m_reading.identity.sha256) {
-        policy.fate = PolicyFate::InForce;
-        return;
+/// Where the topic of the policy in force was not known, it may be now. @return what could not be recorded
+std::string PolicyInForce::learnTopic(const PolicyChoice& choice) {
+    if (!m_isThere || m_record->topic) {
+        return {};
     }
-    policy.fate = PolicyFate::PassedOver;
-    if (policy.why.empty()) {
-        policy.why = "a newer one came, or a nearer one of the same version";
+    for (const JudgedPolicy& policy : choice.judged) {
+        if (isInForce(policy.identity)) {
+            m_record->topic = policy.topic;
+        }
     }
+    if (m_record->topic) {
+        try {
+            savePolicyRecord(m_recordPath, *m_record);
+        } catch (const std::system_error& error) {
+            return error.what();
+        }
+    }
+    return {};
+}
+
+PolicyChoice PolicyInForce::choose(std::vector<ArrivedPolicy> arrived) {
+    PolicyChoice choice;
+    if (std::optional<Candidate> newest = best(std::move(arrived), choice)) {
+        take(*std::move(newest), choice);
+    }
+    if (const std::string trouble = learnTopic(choice); !trouble.empty()) {
+        choice.trouble = trouble;
+    }
+    for (JudgedPolicy& policy : choice.judged) {
+        if (!policy.isFit || !policy.isSaved) {
+            continue;
+        }
+        if (m_record) {
+            place(policy);
+        } else {
+            policy.fate = PolicyFate::PassedOver;
+            policy.why = "one that could not be saved came with it";
+        }
+        policy.isSaved =
+            policy.fate != PolicyFate::PassedOver || (m_record && !isNewerThanRecord(policy.topic, policy.identity));
+    }
+    return choice;
 }
 
 } // namespace HVBEnterprise::agent

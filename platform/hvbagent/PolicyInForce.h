@@ -46,8 +46,10 @@ struct JudgedPolicy {
     PolicyTopic topic;
     PolicyIdentity identity;
     PolicyFate fate = PolicyFate::Refused;
-    std::string why;     ///< empty when it is in force
-    bool isSaved = true; ///< false: it was refused because it could not be saved, so that it may be taken later
+    std::string why;    ///< empty when it is in force
+    bool isFit = false; ///< whether it can be read and is for this machine
+    bool isSaved =
+        true; ///< false: it was chosen and could not be saved, or lost against such a one; it may be taken later
 };
 
 /// What a look at the policies that came led to.
@@ -80,7 +82,7 @@ public:
     const SectionsHandle& sections() const { return m_reading.sections; }
     SectionsHandle& sections() { return m_reading.sections; }
     const PolicyIdentity& identity() const { return m_reading.identity; }
-    const PolicyTopic& topic() const { return m_record->topic; }
+    const std::optional<PolicyTopic>& topic() const { return m_record->topic; } ///< nothing when that is not known
     const std::string& since() const { return m_record->since; }
 
 private:
@@ -89,11 +91,13 @@ private:
     bool takeRecord(std::string& trouble);
     std::string whyNotSaved(const PolicyReading& reading) const;
     std::string whyNotForUs(const PolicyIdentity& identity, const std::optional<PolicyTopic>& topic) const;
-    JudgedPolicy judged(const PolicyTopic& topic, const PolicyReading& reading) const;
+    bool isInForce(const PolicyIdentity& identity) const;
     bool isNewerThanRecord(const PolicyTopic& topic, const PolicyIdentity& identity) const;
+    std::optional<Candidate> best(std::vector<ArrivedPolicy> arrived, PolicyChoice& choice) const;
     void take(Candidate best, PolicyChoice& choice);
-    void settle(JudgedPolicy& policy) const;
-    PolicyRecord recordOf(const PolicyTopic& topic, const PolicyIdentity& identity) const;
+    void place(JudgedPolicy& policy) const;
+    std::string learnTopic(const PolicyChoice& choice);
+    PolicyRecord recordOf(const std::optional<PolicyTopic>& topic, const PolicyIdentity& identity) const;
 
     const PolicyStore m_store;
     const std::string m_recordPath;

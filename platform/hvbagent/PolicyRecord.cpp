@@ -41,8 +41,9 @@ std::string ageText(const PolicyAge& age) {
 }
 
 std::string textOfRecord(const PolicyRecord& record) {
-    return json{{"site", record.site},       {"machine", record.machine}, {"epoch", record.epoch},
-                {"version", record.version}, {"sha256", record.sha256},   {"topic", record.topic.text()},
+    return json{{"site", record.site},     {"machine", record.machine},
+                {"epoch", record.epoch},   {"version", record.version},
+                {"sha256", record.sha256}, {"topic", record.topic ? json(record.topic->text()) : json(nullptr)},
                 {"since", record.since}}
                .dump() +
            "\n";
@@ -54,16 +55,19 @@ PolicyRecord readPolicyRecord(std::string_view text) {
     if (!record.is_object()) {
         throw DocumentError("", "is not an object");
     }
-    const auto topic = PolicyTopic::ofText(textMember(record, "topic"));
-    if (!topic) {
-        throw DocumentError("/topic", "names no topic");
+    std::optional<PolicyTopic> topic;
+    if (const auto found = record.find("topic"); found == record.end() || !found->is_null()) {
+        topic = PolicyTopic::ofText(textMember(record, "topic"));
+        if (!topic) {
+            throw DocumentError("/topic", "names no topic");
+        }
     }
     return {.site = textMember(record, "site"),
             .machine = textMember(record, "machine"),
             .epoch = numberMember(record, "epoch"),
             .version = numberMember(record, "version"),
             .sha256 = textMember(record, "sha256"),
-            .topic = *topic,
+            .topic = topic,
             .since = textMember(record, "since")};
 }
 

@@ -18,8 +18,8 @@ struct PolicyRecord {
     std::int64_t epoch = 0;
     std::int64_t version = 0;
     std::string sha256;
-    PolicyTopic topic;
-    std::string since; ///< the time at which it was taken
+    std::optional<PolicyTopic> topic; ///< nothing when that is not known any more
+    std::string since;                ///< the time at which it was taken
 };
 
 /// Epoch and version, of which the higher is the newer policy.

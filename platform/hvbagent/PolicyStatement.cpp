@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <utility>
+
 namespace HVBEnterprise::agent {
 namespace {
 
@@ -55,7 +57,7 @@ json wholeJson(const StandingPolicy& standing) {
 
 json standingJson(const StandingPolicy& standing) {
     json members = identityJson(standing.identity);
-    members["topic"] = standing.topic.text();
+    members["topic"] = standing.topic ? json(standing.topic->text()) : json(nullptr);
     members["since"] = standing.since;
     members["enforced"] = standing.enforced ? json(*standing.enforced) : json(nullptr);
     members["whole"] = wholeJson(standing);
@@ -83,7 +85,7 @@ json declinedJson(const DeclinedPolicy& declined) {
 const DeclinedPolicy* lastRefused(const PolicyStatement& statement) {
     const DeclinedPolicy* last = nullptr;
     for (const auto& [topic, declined] : statement.declined) {
-        if (declined.judged.fate == PolicyFate::Refused && (last == nullptr || declined.time > last->time)) {
+        if (declined.judged.fate == PolicyFate::Refused && (last == nullptr || declined.number > last->number)) {
             last = &declined;
         }
     }
@@ -100,7 +102,20 @@ void PolicyStatement::take(const JudgedPolicy& judged, const std::string& time) 
     const auto before = declined.find(judged.topic);
     const bool isAgain = before != declined.end() && before->second.judged.fate == judged.fate &&
                          before->second.judged.identity.sha256 == judged.identity.sha256;
-    declined.insert_or_assign(judged.topic, DeclinedPolicy{judged, isAgain ? before->second.time : time});
+    declined.insert_or_assign(judged.topic, DeclinedPolicy{judged, isAgain ? before->second.time : time, ++judgements});
+}
+
+void PolicyStatement::replaceStanding(StandingPolicy next, const std::string& time) {
+    if (standing && standing->topic && next.topic && standing->topic != next.topic) {
+        JudgedPolicy former;
+        former.topic = *standing->topic;
+        former.identity = standing->identity;
+        former.fate = PolicyFate::PassedOver;
+        former.why = "it is older, or less near, than what " + next.topic->text() + " has";
+        declined.try_emplace(former.topic, DeclinedPolicy{former, time, ++judgements});
+    }
+    standing = std::move(next);
+    failed.reset();
 }
 
 std::string statementDocument(const PolicyStatement& statement, const std::string& time) {

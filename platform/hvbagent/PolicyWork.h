@@ -3,16 +3,17 @@
 
 #include "platform/hvbagent/AgentDocuments.h"
 #include "platform/hvbagent/AgentLog.h"
+#include "platform/hvbagent/Backoff.h"
 #include "platform/hvbagent/BreakOff.h"
 #include "platform/hvbagent/PolicyInForce.h"
 #include "platform/hvbagent/PolicyStatement.h"
 #include "platform/hvbagent/WaitingPolicies.h"
 
-#include <chrono>
 #include <memory>
 #include <optional>
-#include <random>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace HVBEnterprise::agent {
@@ -21,41 +22,50 @@ namespace HVBEnterprise::agent {
 /// Threads: plain, single access. Owner: the worker, whose thread is the only one here.
 class PolicyWork {
 public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = Backoff::Clock;
 
     PolicyWork(std::wstring softwareId, PolicyInForce policy, std::shared_ptr<const BreakOff> breakOff,
                std::shared_ptr<AgentLog> log);
 
-    /// Enforces the saved policy, if there is one that can be used. @return whether the service was called
-    bool enforceSaved(IAgentPolicyEnforcement& service);
-    /// Looks at the policies that came, and enforces the one that is in force now if it is another one. @return
-    /// likewise
-    bool look(WaitingPolicies::Messages arrived, IAgentPolicyEnforcement& service);
-    /// When it is time to look after the policy in force again: an attempt failed, rows are missing, or nobody could
-    /// tell. Nothing when all is well.
-    std::optional<Clock::time_point> nextAttempt() const;
-    /// Does that when the pause is over, or at once when the hub is back: enforces the policy again, or looks whether
-    /// it is stored. @return false when it only looked for the hub
-    bool attemptAgain(IAgentPolicyEnforcement& service);
+    /// What an operation did that others hear of.
+    enum class Done {
+        Nothing,
+        News,     ///< the statement is another one
+        Enforced, ///< the service was called: the machine's properties may be others, too
+    };
 
-    /// Topics whose policies are needed once more: they could not be saved, and may be at the next attempt.
-    std::vector<PolicyTopic> takeWanted();
+    /// Enforces the saved policy, if there is one that can be used.
+    Done enforceSaved(IAgentPolicyEnforcement& service);
+    /// Looks at the policies that came, and enforces the one that is in force now if it is another one.
+    Done look(WaitingPolicies::Arrivals arrivals, IAgentPolicyEnforcement& service);
+    /// When it is time to look after things again: an attempt failed, rows are missing, nobody could tell, or a policy
+    /// could not be saved. Nothing when all is well.
+    std::optional<Clock::time_point> nextAttempt() const;
+    /// Does what is due then.
+    Done attemptAgain(IAgentPolicyEnforcement& service);
+
+    /// Topics whose policies are needed once more.
+    std::vector<PolicyTopic> takeWanted() { return std::exchange(m_wanted, {}); }
 
     /// The document that says all of this.
     std::string statement() const;
 
 private:
     enum class Outcome { Enforced, NotEnforced, Failed, BrokenOff };
+    enum class Rows { Stored, Missing, Unknown };
+    enum class Due { Nothing, Enforcement, Comparison };
 
     void enforce(IAgentPolicyEnforcement& service);
     Outcome callService(IAgentPolicyEnforcement& service, std::string& why) const;
-    bool compare();
     void note(Outcome outcome, const std::string& why);
-    void tryLater();
+    Rows compare();
+    void settle(Rows rows);
+    void tryLater(Due due);
     void allIsWell();
-    void tell(const JudgedPolicy& judged) const;
-    std::vector<ArrivedPolicy> keptOf(WaitingPolicies::Messages arrived);
-    void stand();
+    void judge(const JudgedPolicy& judged);
+    std::vector<ArrivedPolicy> readable(WaitingPolicies::Messages messages);
+    void forgetOthers(const std::set<PolicyTopic>& topics);
+    bool stand();
 
     // constant after construction
     const std::wstring m_softwareId;
@@ -64,14 +74,15 @@ private:
 
     PolicyInForce m_policy;
     PolicyStatement m_statement;
-    std::vector<PolicyTopic> m_wanted;
 
-    std::optional<Clock::time_point> m_again; ///< when the next attempt is
-    bool m_isDue = false;                     ///< whether it is to enforce the policy in force
-    Clock::time_point m_hubLook;              ///< while the hub is away
+    Backoff m_attempts; ///< on the policy in force
+    Due m_due = Due::Nothing;
     bool m_isHubAway = false;
-    std::chrono::milliseconds m_pause;
-    std::minstd_rand m_random;
+    Clock::time_point m_hubLook; ///< while the hub is away
+
+    Backoff m_saves;                   ///< of policies that could not be saved
+    std::set<PolicyTopic> m_unsaved;   ///< their topics
+    std::vector<PolicyTopic> m_wanted; ///< those of which it is time
 };
 
 } // namespace HVBEnterprise::agent

@@ -24,6 +24,9 @@ void WaitingPolicies::forget(const PolicyTopic& topic) {
 void WaitingPolicies::arrived(const PolicyTopic& topic, Message message) {
     forget(topic);
     m_wanted.erase(topic);
+    if (m_round && !std::holds_alternative<ClearedPolicy>(message)) {
+        m_round->insert(topic);
+    }
     const std::size_t bytes = bytesOf(message);
     if (!m_last.empty() && m_bytes + bytes > kMaxWaitingPolicyBytes) {
         want(topic);
@@ -33,9 +36,9 @@ void WaitingPolicies::arrived(const PolicyTopic& topic, Message message) {
     m_last.emplace(topic, std::move(message));
 }
 
-WaitingPolicies::Messages WaitingPolicies::takeAll() {
+WaitingPolicies::Arrivals WaitingPolicies::takeAll() {
     m_bytes = 0;
-    return std::exchange(m_last, {});
+    return {std::exchange(m_last, {}), std::exchange(m_round, std::nullopt)};
 }
 
 std::vector<PolicyTopic> WaitingPolicies::takeWanted() {

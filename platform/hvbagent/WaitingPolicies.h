@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <variant>
@@ -27,12 +28,24 @@ public:
     using Message = std::variant<std::string, OversizedPolicy, ClearedPolicy>;
     using Messages = std::map<PolicyTopic, Message>;
 
+    /// What is taken at once.
+    struct Arrivals {
+        Messages messages;
+        std::optional<std::set<PolicyTopic>>
+            all; ///< at the end of a round: the topics on which the broker has something
+    };
+
     /// Keeps the message in place of an earlier one of its topic. Where there is no room for it the topic is noted.
     void arrived(const PolicyTopic& topic, Message message);
 
+    /// The broker delivers all that it retains, from the beginning.
+    void beginRound() { m_round.emplace(); }
+
     bool isEmpty() const { return m_last.empty(); }
-    /// All that wait, which wait no longer.
-    Messages takeAll();
+    /// Whether there is something to take: messages, or the end of a round.
+    bool isDue() const { return !isEmpty() || m_round; }
+    /// All that wait, which wait no longer; and once a round its topics.
+    Arrivals takeAll();
 
     /// Notes that a topic's message is needed once more.
     void want(const PolicyTopic& topic) { m_wanted.insert(topic); }
@@ -43,6 +56,7 @@ private:
     void forget(const PolicyTopic& topic);
 
     Messages m_last;
+    std::optional<std::set<PolicyTopic>> m_round; ///< topics that had a message since its beginning
     std::size_t m_bytes = 0;
     std::set<PolicyTopic> m_wanted;
 };

@@ -1,6 +1,7 @@
 // The published JSON Schemas and the code's own parsers and writers agree. Real: the schemas as they are published, the
 // jsonschema package of python, the parsers of the management agent.
 #include "platform/hvbagent/AgentConfiguration.h"
+#include "platform/hvbagent/Fleet.h"
 #include "platform/hvbagent/PolicyDocument.h"
 #include "platform/hvbagent/PolicyStatement.h"
 #include "platform/hvbagent/PropertyDocument.h"
@@ -72,11 +73,12 @@ protected:
         }
     }
 
-    /// Expects that the schema takes a document that the code wrote.
+    /// Expects that the schema and the tool take a document that the code wrote.
     void expectValid(const std::string& kind, const std::string& document) {
         const std::string path = m_root.file("written.json");
         std::ofstream(path, std::ios::binary) << document;
         EXPECT_TRUE(verdicts(schemaOf(kind), {path}).at(path)) << document;
+        EXPECT_NO_THROW((void)agent::readMachineDocument(document)) << document;
     }
 
     PrivateRoot m_root;
@@ -125,8 +127,12 @@ TEST_F(AFleetDocument, IsWhatTheSchemaSaysWhenTheMachineStatesItsPolicies) {
     agent::PolicyStatement statement;
     expectValid("policy-result", agent::statementDocument(statement, time));
     const agent::PolicyIdentity identity = agent::readPolicyDocument(R"({"version": 3, "id": "x"})").identity;
-    statement.standing = agent::StandingPolicy{
-        .identity = identity, .topic = {"all"}, .since = time, .enforced = {}, .rowsMissing = {}, .leftOut = {}};
+    statement.standing = agent::StandingPolicy{.identity = identity,
+                                               .topic = agent::PolicyTopic{"all"},
+                                               .since = time,
+                                               .enforced = {},
+                                               .rowsMissing = {},
+                                               .leftOut = {}};
     expectValid("policy-result", agent::statementDocument(statement, time));
     statement.standing->enforced = true;
     statement.standing->rowsMissing = 2;

@@ -5,6 +5,7 @@
 #include "tests/integration/HvbdSystemLog.h"
 #include "tests/support/ArchiveValue.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/PolicyAnswers.h"
 
 #include <gmock/gmock.h>
 
@@ -386,12 +387,16 @@ void MachineDay::expectProperties(bool isOn, bool complies) {
                               {"Options", {{"bSTEnabled", isOn ? "1" : "0"}}}}));
 }
 
+void MachineDay::expectInForce() {
+    const json answer = answerOn(*observer, std::string(kTopic) + "policy/result", pushed);
+    EXPECT_EQ(answer["fate"], "in force") << answer;
+    EXPECT_EQ(answer["enforced"], true) << answer;
+}
+
 void MachineDay::push(const json& policy, bool isOn, const std::string& stepName) {
     observer->publish(std::string(kTopic) + "policy", policy.dump());
-    const json result = next("policy/result");
-    EXPECT_EQ(result["version"], policy["version"]);
-    EXPECT_EQ(result["enforced"], true) << result;
-    EXPECT_TRUE(result["refused"].is_null()) << result;
+    pushed = policy.dump();
+    expectInForce();
     expectProperties(isOn, true);
     step(stepName);
 }

@@ -92,6 +92,8 @@ protected:
     void enrol();
     /// The next document on a topic of this machine.
     nlohmann::json next(const std::string& topic);
+    /// Expects that the machine's next word on the policy that was pushed last is that it is in force.
+    void expectInForce();
     void expectState(const std::string& state) { EXPECT_EQ(next("state")["state"], state); }
     void expectProperties(bool isOn, bool complies);
     /// Publishes a policy and waits for its result and for the properties behind it.
@@ -108,6 +110,7 @@ protected:
     Machine machine;
     std::optional<MqttBroker> broker;
     std::optional<MqttObserver> observer;
+    std::string pushed; ///< the policy that was pushed last
 
 private:
     std::optional<PreferenceClient> m_listener;

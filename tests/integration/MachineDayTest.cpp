@@ -298,9 +298,7 @@ private:
         EXPECT_EQ(state["state"], "online");
         expectProperties(true, true); // of the saved policy
         expectProperties(true, true); // of the connection
-        const json result = next("policy/result");
-        EXPECT_EQ(result["version"], 4);
-        EXPECT_EQ(result["enforced"], true) << result;
+        expectInForce();
     }
 
     std::string m_quietConfiguration;

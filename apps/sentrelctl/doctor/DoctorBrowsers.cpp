@@ -19,8 +19,6 @@
 namespace Sentrel::ctl {
 namespace {
 
-using nlohmann::json;
-
 constexpr std::size_t kMaxPolicyBytes = std::size_t{1} << 20U;
 constexpr const char* kFirefoxId = "extension@sentrel.invalid";
 
@@ -33,26 +31,27 @@ struct PrivateWindows {
 };
 
 /// None when it is no JSON.
-std::optional<json> policiesIn(const std::string& path) {
+std::optional<nlohmann::json> policiesIn(const std::string& path) {
     const std::string text = readRegularFile(path, kMaxPolicyBytes, FileAccess::Anybody, Links::Follow);
-    json read = json::parse(text, nullptr, false);
+    nlohmann::json read = nlohmann::json::parse(text, nullptr, false);
     return read.is_discarded() ? std::nullopt : std::optional(std::move(read));
 }
 
 /// The member of that name; null when there is none.
-const json& memberOf(const json& object, const char* name) {
-    static const json none;
+const nlohmann::json& memberOf(const nlohmann::json& object, const char* name) {
+    static const nlohmann::json none;
     const auto found = object.is_object() ? object.find(name) : object.end();
     return object.is_object() && found != object.end() ? *found : none;
 }
 
-bool hasFirefoxDecide(const json& policies) {
-    return memberOf(memberOf(memberOf(policies, "ExtensionSettings"), kFirefoxId), "private_browsing") == json(true);
+bool hasFirefoxDecide(const nlohmann::json& policies) {
+    return memberOf(memberOf(memberOf(policies, "ExtensionSettings"), kFirefoxId), "private_browsing") ==
+           nlohmann::json(true);
 }
 
-bool hasFirefoxNone(const json& policies) {
-    return memberOf(policies, "DisablePrivateBrowsing") == json(true) ||
-           memberOf(policies, "PrivateBrowsingModeAvailability") == json(1);
+bool hasFirefoxNone(const nlohmann::json& policies) {
+    return memberOf(policies, "DisablePrivateBrowsing") == nlohmann::json(true) ||
+           memberOf(policies, "PrivateBrowsingModeAvailability") == nlohmann::json(1);
 }
 
 PrivateWindows windowsOfFirefox() {
@@ -63,12 +62,12 @@ PrivateWindows windowsOfFirefox() {
         R"(Put {{"policies": {{"ExtensionSettings": {{"{}": {{"private_browsing": true}}}}}}}} into {}, beside what is )"
         R"(there, or do without such windows: DisablePrivateBrowsing true)",
         kFirefoxId, policyFile);
-    const std::optional<json> read = factsOf(used) ? policiesIn(used) : std::optional(json());
+    const std::optional<nlohmann::json> read = factsOf(used) ? policiesIn(used) : std::optional(nlohmann::json());
     if (!read) {
         windows.trouble = used + " is no JSON";
         return windows;
     }
-    const json& policies = memberOf(*read, "policies");
+    const nlohmann::json& policies = memberOf(*read, "policies");
     windows.areDecided = hasFirefoxNone(policies) || hasFirefoxDecide(policies);
     windows.what =
         hasFirefoxNone(policies) ? "Firefox has no private windows" : "private windows of Firefox are decided too";
@@ -94,13 +93,14 @@ PrivateWindows windowsOfChromium() {
     windows.advice = fmt::format(R"(Do without such windows: {{"IncognitoModeAvailability": 1}} in a file in {})",
                                  paths::chromiumPolicies());
     for (const std::string& file : chromiumPolicyFiles()) {
-        const std::optional<json> read = policiesIn(file);
+        const std::optional<nlohmann::json> read = policiesIn(file);
         if (!read) {
             windows.trouble = file + " is no JSON";
             continue;
         }
-        if (const json& availability = memberOf(*read, "IncognitoModeAvailability"); !availability.is_null()) {
-            windows.areDecided = availability == json(1);
+        if (const nlohmann::json& availability = memberOf(*read, "IncognitoModeAvailability");
+            !availability.is_null()) {
+            windows.areDecided = availability == nlohmann::json(1);
         }
     }
     return windows;

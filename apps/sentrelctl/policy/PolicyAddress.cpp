@@ -1,7 +1,6 @@
 #include "apps/sentrelctl/policy/PolicyAddress.h"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 namespace Sentrel::ctl {
 namespace {
@@ -24,18 +23,19 @@ std::string addressed(std::string document, const agent::Audience& audience) {
     if (!reading.refused.empty() || reading.identity.audience) {
         return document;
     }
-    auto json = nlohmann::ordered_json::parse(document);
-    json["audience"] = {{"site", audience.site}};
-    if (audience.machine.empty()) {
-        json["audience"]["group"] = audience.group;
-    } else {
-        json["audience"]["machine"] = audience.machine;
-    }
-    return json.dump();
+    // It is an object with a version at least. What is written there stays byte for byte.
+    const std::string member = audience.machine.empty() ? fmt::format(R"("group": "{}")", audience.group)
+                                                        : fmt::format(R"("machine": "{}")", audience.machine);
+    document.insert(document.find('{') + 1,
+                    fmt::format(R"("audience": {{"site": "{}", {}}}, )", audience.site, member));
+    return document;
 }
 
 std::string whyNotFor(const agent::PolicyIdentity& identity, const agent::Audience& audience) {
-    if (!identity.audience || areSame(*identity.audience, audience)) {
+    if (!identity.audience) { // it is signed, otherwise it would have got one
+        return audience.group.empty() ? "" : "it does not say whom it is for, so that no group's machines take it";
+    }
+    if (areSame(*identity.audience, audience)) {
         return {};
     }
     return fmt::format("it says that it is for {}, and not for {}", wordsFor(*identity.audience), wordsFor(audience));

@@ -169,9 +169,16 @@ TEST_F(ThePolicyInForce, IsNeverOneForSomebodyElse) {
         EXPECT_EQ(judged.fate, PolicyFate::Refused);
         EXPECT_EQ(judged.why, why);
     }
-    EXPECT_EQ(fateOf(policy(1, {{"audience", {{"site", "here"}, {"machine", "m1"}}}}), kSales), PolicyFate::InForce);
-    EXPECT_EQ(fateOf(groupPolicy(2, "all")), PolicyFate::InForce);
-    EXPECT_EQ(fateOf(groupPolicy(3, "sales")), PolicyFate::InForce);
+    EXPECT_EQ(fateOf(policy(1, {{"audience", {{"site", "here"}, {"machine", "m1"}}}})), PolicyFate::InForce);
+    EXPECT_EQ(fateOf(groupPolicy(2, "all"), kAll), PolicyFate::InForce);
+    EXPECT_EQ(fateOf(groupPolicy(3, "sales"), kSales), PolicyFate::InForce);
+}
+
+TEST_F(ThePolicyInForce, CountsOnTheTopicAloneThatItIsFor) {
+    EXPECT_EQ(take(groupPolicy(7, "all")).why, "it is for group/all, and came to machine");
+    EXPECT_EQ(take(groupPolicy(7, "sales"), kPilots).why, "it is for group/sales, and came to group/pilots");
+    EXPECT_EQ(take(policy(7, {{"audience", {{"site", "here"}, {"machine", "m1"}}}}), kAll).why,
+              "it is for machine, and came to group/all");
 }
 
 TEST_F(ThePolicyInForce, MayLackAnAudienceOnTheMachinesOwnTopicUntilOneIsRequired) {
@@ -183,7 +190,7 @@ TEST_F(ThePolicyInForce, MayLackAnAudienceOnTheMachinesOwnTopicUntilOneIsRequire
               m_path + ": it does not say whom it is for, and this machine takes only policies that do");
     EXPECT_EQ(strict.choose({{kOwn, policy(2)}}).judged.at(0).why,
               "it does not say whom it is for, and this machine takes only policies that do");
-    EXPECT_EQ(strict.choose({{kOwn, groupPolicy(2, "all")}}).judged.at(0).fate, PolicyFate::InForce);
+    EXPECT_EQ(strict.choose({{kAll, groupPolicy(2, "all")}}).judged.at(0).fate, PolicyFate::InForce);
 }
 
 TEST_F(ThePolicyInForce, StaysWhenWhatComesIsNoPolicy) {
@@ -235,6 +242,42 @@ TEST_F(ThePolicyInForce, IsTheSavedOneOfAMachineThatKeptNoRecord) {
     ASSERT_TRUE(m_policy.isThere());
     EXPECT_EQ(record()["version"], 9);
     EXPECT_EQ(record()["machine"], "m1");
+    EXPECT_EQ(record()["topic"], nullptr);
+    EXPECT_FALSE(m_policy.topic());
+    EXPECT_EQ(fateOf(policy(9)), PolicyFate::InForce);
+    EXPECT_EQ(m_policy.topic(), kOwn) << "when it comes again its topic is known";
+    EXPECT_EQ(record()["topic"], "machine");
+}
+
+TEST_F(ThePolicyInForce, GivesWayToAnyOfItsVersionWhileItsTopicIsNotKnown) {
+    std::ofstream(m_path) << policy(9);
+    ASSERT_EQ(m_policy.restore(), "");
+    EXPECT_EQ(fateOf(groupPolicy(9, "all"), kAll), PolicyFate::InForce);
+}
+
+TEST_F(ThePolicyInForce, IsSaidToBeGoneWhenItsFileIs) {
+    ASSERT_EQ(fateOf(policy(9)), PolicyFate::InForce);
+    std::filesystem::remove(m_path);
+    EXPECT_EQ(m_policy.restore(), m_path + " is gone; this machine has had version 9");
+    EXPECT_FALSE(m_policy.isThere());
+}
+
+TEST_F(ThePolicyInForce, IsNotThatOfAGroupWhichTheMachineHasLeft) {
+    ASSERT_EQ(fateOf(groupPolicy(900, "sales"), kSales), PolicyFate::InForce);
+    m_taker.groups = {"pilots"};
+    PolicyInForce left = fresh();
+    EXPECT_EQ(left.restore(), "the saved policy came from group sales, which this machine is not in any more");
+    EXPECT_EQ(left.choose({{kAll, groupPolicy(5, "all")}}).judged.at(0).fate, PolicyFate::InForce);
+}
+
+TEST_F(ThePolicyInForce, LeavesTheOthersOfABatchForLaterWhenTheNewestCannotBeSaved) {
+    ASSERT_EQ(fateOf(policy(5)), PolicyFate::InForce);
+    std::filesystem::create_directories(m_path + ".new/in-the-way");
+    const PolicyChoice choice = m_policy.choose({{kAll, groupPolicy(9, "all")}, {kOwn, policy(10)}});
+    EXPECT_EQ(choice.judged.at(0).fate, PolicyFate::PassedOver);
+    EXPECT_FALSE(choice.judged.at(0).isSaved);
+    EXPECT_FALSE(choice.judged.at(1).isSaved);
+    EXPECT_FALSE(choice.isNew);
 }
 
 TEST_F(ThePolicyInForce, IsTheSavedOneWhenThePowerFailedBeforeItWasRecorded) {
@@ -258,10 +301,8 @@ TEST_F(ThePolicyInForce, IsNoneWhenTheSavedOneIsSpoiltAndNothingOlderIsTakenThen
     EXPECT_NE(m_policy.restore(), "");
     EXPECT_FALSE(m_policy.isThere());
     EXPECT_EQ(saved(), "{ half");
-    EXPECT_EQ(take(policy(8)).why, "it is older than the policy in force, which has version 9");
-    EXPECT_EQ(fateOf(policy(9, {{"id", "y"}})), PolicyFate::Refused);
-    EXPECT_EQ(fateOf(policy(9)), PolicyFate::InForce) << "what was lost is taken again";
-    EXPECT_EQ(saved(), policy(9));
+    EXPECT_EQ(take(policy(8)).why, "it is older than version 9, which this machine has had");
+    EXPECT_EQ(fateOf(groupPolicy(9, "all"), kAll), PolicyFate::InForce) << "what is not below it is taken";
 }
 
 TEST_F(ThePolicyInForce, IsTheSavedOneWhenItsRecordIsSpoilt) {

@@ -1,5 +1,6 @@
 // What a machine says of its policies, as the document has it.
 #include "platform/hvbagent/PolicyStatement.h"
+#include "platform/hvbagent/Backoff.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -28,7 +29,7 @@ JudgedPolicy judged(const std::string& group, PolicyFate fate, std::int64_t vers
 
 StandingPolicy standing(std::optional<bool> enforced, std::optional<std::size_t> rowsMissing = 0) {
     return {.identity = identity(9, "s9"),
-            .topic = {"all"},
+            .topic = PolicyTopic{"all"},
             .since = "then",
             .enforced = enforced,
             .rowsMissing = rowsMissing,
@@ -121,6 +122,37 @@ TEST(AStatement, TellsARefusalWithTheTimeOfTheFirstAndOfTheLastTopic) {
     EXPECT_EQ(documentOf(statement)["refused"]["version"], 10) << "the topic has another policy now";
 }
 
+TEST(AStatement, TellsTheRefusalThatWasJudgedLastThoughItWasJudgedSoBefore) {
+    PolicyStatement statement;
+    statement.take(judged("", PolicyFate::Refused, 10, "s10"), "t1");
+    statement.take(judged("sales", PolicyFate::Refused, 11, "s11"), "t2");
+    statement.take(judged("", PolicyFate::Refused, 10, "s10"), "t3"); // somebody pushed it again
+    EXPECT_EQ(documentOf(statement)["refused"]["version"], 10);
+    EXPECT_EQ(documentOf(statement)["refused"]["time"], "t1");
+}
+
+TEST(AStatement, PassesOverThePolicyThatAnotherTopicsReplaced) {
+    PolicyStatement statement;
+    StandingPolicy own = standing(true);
+    own.topic = PolicyTopic{};
+    statement.replaceStanding(own, "t1");
+    StandingPolicy next = standing({});
+    next.identity = identity(12, "s12");
+    statement.replaceStanding(next, "t2");
+    const json document = documentOf(statement);
+    EXPECT_EQ(document["in_force"]["version"], 12);
+    ASSERT_EQ(document["passed_over"].size(), 1U);
+    EXPECT_EQ(document["passed_over"][0]["topic"], "machine");
+    EXPECT_EQ(document["passed_over"][0]["version"], 9);
+}
+
+TEST(AStatement, HasNoTopicWhenThatIsNotKnown) {
+    PolicyStatement statement;
+    statement.standing = standing(true);
+    statement.standing->topic.reset();
+    EXPECT_EQ(documentOf(statement)["in_force"]["topic"], nullptr);
+}
+
 TEST(AStatement, HasNoVersionOfADocumentThatHasNone) {
     PolicyStatement statement;
     JudgedPolicy unread = judged("", PolicyFate::Refused, 1, "hash");
@@ -132,6 +164,28 @@ TEST(AStatement, HasNoVersionOfADocumentThatHasNone) {
     EXPECT_EQ(refused["epoch"], nullptr);
     EXPECT_EQ(refused["sha256"], "hash");
     EXPECT_EQ(refused["why"], "bad \uFFFD byte");
+}
+
+TEST(ABackoff, DoublesItsPausesFromTheFirstToTheLast) {
+    using std::chrono::milliseconds;
+    Backoff backoff(milliseconds(100), milliseconds(350));
+    EXPECT_FALSE(backoff.at());
+    const Backoff::Clock::time_point now{};
+    const auto expectPause = [&](int longest) {
+        backoff.later(now);
+        ASSERT_TRUE(backoff.at());
+        EXPECT_GE(*backoff.at(), now + milliseconds(longest / 2));
+        EXPECT_LE(*backoff.at(), now + milliseconds(longest));
+        EXPECT_FALSE(backoff.isDue(now));
+        EXPECT_TRUE(backoff.isDue(now + milliseconds(longest)));
+        backoff.begin();
+        EXPECT_FALSE(backoff.at());
+    };
+    for (const int longest : {100, 200, 350, 350}) {
+        expectPause(longest);
+    }
+    backoff.reset();
+    expectPause(100);
 }
 
 } // namespace

@@ -22,7 +22,7 @@ TEST(TheWaitingPolicies, AreTheLastOfEachTopic) {
         waiting.arrived(kMachine, message);
         waiting.arrived(kSite, ClearedPolicy{});
     }
-    const auto messages = waiting.takeAll();
+    const auto messages = waiting.takeAll().messages;
     EXPECT_EQ(messages.size(), 2U);
     EXPECT_EQ(textOf(messages, kMachine), "3");
     EXPECT_TRUE(std::holds_alternative<ClearedPolicy>(messages.at(kSite)));
@@ -34,17 +34,17 @@ TEST(TheWaitingPolicies, AreAskedForAgainWhenThereWasNoRoom) {
     waiting.arrived(kSite, std::string(kMaxWaitingPolicyBytes, 'a'));
     waiting.arrived(kGroup, "b");
     EXPECT_TRUE(waiting.takeWanted().empty()) << "there is no room yet";
-    EXPECT_EQ(waiting.takeAll().size(), 1U);
+    EXPECT_EQ(waiting.takeAll().messages.size(), 1U);
     EXPECT_EQ(waiting.takeWanted(), std::vector{kGroup});
     EXPECT_TRUE(waiting.takeWanted().empty());
     waiting.arrived(kGroup, "b");
-    EXPECT_EQ(textOf(waiting.takeAll(), kGroup), "b");
+    EXPECT_EQ(textOf(waiting.takeAll().messages, kGroup), "b");
 }
 
 TEST(TheWaitingPolicies, TakeOneThatIsAloneHoweverLargeItIs) {
     WaitingPolicies waiting;
     waiting.arrived(kSite, std::string(kMaxWaitingPolicyBytes + 1, 'a'));
-    EXPECT_EQ(waiting.takeAll().size(), 1U);
+    EXPECT_EQ(waiting.takeAll().messages.size(), 1U);
 }
 
 TEST(TheWaitingPolicies, DoNotGoBackToAnEarlierMessageOfTheTopic) {
@@ -52,8 +52,20 @@ TEST(TheWaitingPolicies, DoNotGoBackToAnEarlierMessageOfTheTopic) {
     waiting.arrived(kSite, std::string(kMaxWaitingPolicyBytes, 'a'));
     waiting.arrived(kGroup, ClearedPolicy{});
     waiting.arrived(kGroup, "too much");
-    EXPECT_EQ(waiting.takeAll().count(kGroup), 0U);
+    EXPECT_EQ(waiting.takeAll().messages.count(kGroup), 0U);
     EXPECT_EQ(waiting.takeWanted(), std::vector{kGroup});
+}
+
+TEST(TheWaitingPolicies, TellOnceARoundOnWhichTopicsThereIsSomething) {
+    WaitingPolicies waiting;
+    EXPECT_FALSE(waiting.isDue());
+    waiting.beginRound();
+    EXPECT_TRUE(waiting.isDue()) << "that there is nothing is worth knowing";
+    waiting.arrived(kSite, "a");
+    waiting.arrived(kGroup, ClearedPolicy{});
+    EXPECT_EQ(waiting.takeAll().all, std::set{kSite});
+    waiting.arrived(kGroup, "b");
+    EXPECT_FALSE(waiting.takeAll().all) << "the round is over";
 }
 
 TEST(TheTopicsOfPolicies, AreTheMachinesOwnAndThoseOfItsGroups) {

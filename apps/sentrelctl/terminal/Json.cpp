@@ -65,6 +65,11 @@ Json parsedJson(std::string_view document) {
     return fromLibrary(LibraryJson::parse(document));
 }
 
+// Not in the header: GCC 12, which sees the value's kind there, warns of the kinds that it is not.
+void Json::push_back(Json value) {
+    std::get<Array>(m_value).push_back(std::move(value));
+}
+
 Json& Json::operator[](std::string_view name) {
     Object& fields = std::get<Object>(m_value);
     const auto found =

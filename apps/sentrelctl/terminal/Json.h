@@ -40,7 +40,7 @@ public:
     static Json object() { return Json(Value(Object())); }
 
     /// Adds to an array. Requires that this is one.
-    void push_back(Json value) { std::get<Array>(m_value).push_back(std::move(value)); }
+    void push_back(Json value);
 
     /// The field of an object, added as null when there is none. Requires that this is an object.
     Json& operator[](std::string_view name);

@@ -77,11 +77,11 @@ struct MqttSession::Callbacks {
         try {
             body(session);
         } catch (const MqttFailure& failure) {
-            session.m_refusal = failure;
+            session.m_refusal = failure; // which shares its text
         } catch (const std::exception& error) {
-            session.m_refusal = MqttFailure(error.what());
+            session.refuse(error.what());
         } catch (...) {
-            session.m_refusal = MqttFailure("unknown");
+            session.refuse("unknown");
         }
     }
 
@@ -208,7 +208,19 @@ void MqttSession::connect() {
     check(result);
 }
 
+/// Ends the session with a reason at the end of its step.
+void MqttSession::refuse(const char* why) noexcept {
+    try {
+        m_refusal = MqttFailure(why);
+    } catch (const std::bad_alloc&) {
+        m_isShortOfMemory = true; // not even for the reason
+    }
+}
+
 void MqttSession::throwRefusal() {
+    if (m_isShortOfMemory) {
+        throw std::bad_alloc();
+    }
     if (m_refusal) {
         throw MqttFailure(*m_refusal);
     }

@@ -115,6 +115,7 @@ private:
     void check(int result);
     [[noreturn]] void fail(int result);
     void failOnSocketError(int socket);
+    void refuse(const char* why) noexcept;
     void throwRefusal();
 
     const MqttSettings m_settings;
@@ -122,6 +123,7 @@ private:
     std::unique_ptr<mosquitto, Destroy> m_handle;
     bool m_connected = false;
     std::optional<MqttFailure> m_refusal; ///< what the broker or a receiver said instead of going on
+    bool m_isShortOfMemory = false;       ///< the same, when there was no memory to say it
     std::string m_libraryError;           ///< the last error line of libmosquitto, which is where TLS says more
 };
 

@@ -27,8 +27,9 @@ std::string propertyDocument(const SectionsHandle& properties, bool full, const 
     return textOf({{"time", time}, {"full", full}, {"sections", std::move(sections)}});
 }
 
+// Not by the JSON library: its objects need memory also to end, and the network thread must outlive a want of it.
 std::string stateDocument(bool online, const std::string& time) {
-    return textOf({{"state", online ? "online" : "offline"}, {"time", time}});
+    return std::string(R"({"state":")") + (online ? "online" : "offline") + R"(","time":")" + time + R"("})";
 }
 
 bool readCollectRequest(std::string_view text) {

@@ -13,7 +13,7 @@ namespace HVBEnterprise::agent {
 /// {"time", "full", "sections": {section: {key: value}}}. Properties of features are not part of it.
 std::string propertyDocument(const SectionsHandle& properties, bool full, const std::string& time);
 
-/// {"state": "online" or "offline", "time"}.
+/// {"state": "online" or "offline", "time"}. @param time as timeText gives it.
 std::string stateDocument(bool online, const std::string& time);
 
 /// Reads {"full": true or false}. @throws DocumentError for anything else.
